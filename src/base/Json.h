@@ -1,0 +1,170 @@
+// JSON values, as far as the adapter needs them.
+//
+// Values are immutable and share what they hold, so copying one is cheap. The values stand here whole; turning them
+// into text and back is left to a library: the default is platform/Json.cpp.
+
+#ifndef VEXALIVE_BASE_JSON_H
+#define VEXALIVE_BASE_JSON_H
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace json {
+
+class Value;
+class Object;
+class Array;
+
+// The text of `value`: no white space, object keys in ascending byte order, UTF-8 as it stands. Bytes that are not
+// UTF-8 come out as U+FFFD.
+std::string Serialize(const Value& value);
+
+// The value of `text`, or null if it cannot be read: not JSON, not UTF-8, or nested more than 512 deep. Never throws
+// and never overflows the stack, whatever the bytes.
+Value Deserialize(const std::string& text);
+
+class Value {
+public:
+    enum Type { kNull = 0, kBool, kInteger, kReal, kString, kArray, kObject };
+
+    Value() = default;
+    Value(bool value) : mData(value) {}
+    Value(int value) : mData(int64_t{value}) {}
+    Value(int64_t value) : mData(value) {}
+    Value(double value) : mData(value) {}
+    Value(const char* text) : mData(std::make_shared<const std::string>(text)) {}
+    Value(std::string text) : mData(std::make_shared<const std::string>(std::move(text))) {}
+    Value(Array array);
+    Value(Object object);
+
+    Type type() const { return static_cast<Type>(mData.index()); }
+    bool isNull() const { return type() == kNull; }
+
+    // Whether this is an object that has the key, or all of the keys.
+    bool HasKey(const std::string& key) const;
+    bool HasKeys(const std::vector<std::string>& keys) const;
+
+    // The member of that name; null if there is none or this is no object. Valid as long as a copy of this value lives.
+    const Value& operator[](const char* key) const;
+
+    // An integer as it stands, clamped to 32 bits; a fraction cut towards zero, clamped; a text that is wholly a decimal
+    // integer as that integer, clamped; true 1, false 0. Anything else is -1, so that an unreadable code never counts
+    // as success.
+    int ToInt() const;
+
+    // A text as it stands; null as the empty text; anything else as its JSON.
+    std::string ToString() const;
+
+    // The contents, for a serializer: null where the value is of another type.
+    const bool* asBool() const { return std::get_if<bool>(&mData); }
+    const int64_t* asInteger() const { return std::get_if<int64_t>(&mData); }
+    const double* asReal() const { return std::get_if<double>(&mData); }
+    const std::string* asString() const { return pointee<std::string>(); }
+    const Array* asArray() const { return pointee<Array>(); }
+    const Object* asObject() const { return pointee<Object>(); }
+
+private:
+    template <class T>
+    const T* pointee() const {
+        const auto* held = std::get_if<std::shared_ptr<const T>>(&mData);
+        return held ? held->get() : nullptr;
+    }
+
+    // The alternatives stand in the order of Type.
+    std::variant<std::monostate, bool, int64_t, double, std::shared_ptr<const std::string>,
+                 std::shared_ptr<const Array>, std::shared_ptr<const Object>>
+        mData;
+};
+
+class Array {
+public:
+    void push_back(Value value) { mItems.push_back(std::move(value)); }
+    const std::vector<Value>& items() const { return mItems; }
+
+private:
+    std::vector<Value> mItems;
+};
+
+class Object {
+public:
+    // The member of that name, made null if there is none yet.
+    Value& operator[](const char* key) { return mMembers[key]; }
+    Value& operator[](const std::string& key) { return mMembers[key]; }
+
+    const std::map<std::string, Value>& members() const { return mMembers; }
+
+private:
+    std::map<std::string, Value> mMembers;
+};
+
+inline Value::Value(Array array) : mData(std::make_shared<const Array>(std::move(array))) {}
+inline Value::Value(Object object) : mData(std::make_shared<const Object>(std::move(object))) {}
+
+inline bool Value::HasKey(const std::string& key) const {
+    const Object* object = asObject();
+    return object && object->members().count(key) != 0;
+}
+
+inline bool Value::HasKeys(const std::vector<std::string>& keys) const {
+    for (const std::string& key : keys) {
+        if (!HasKey(key)) {
+            return false;
+        }
+    }
+    return asObject() != nullptr;
+}
+
+inline const Value& Value::operator[](const char* key) const {
+    static const Value& null = *new Value();
+    const Object* object = asObject();
+    if (!object) {
+        return null;
+    }
+    const auto found = object->members().find(key);
+    return found == object->members().end() ? null : found->second;
+}
+
+inline int Value::ToInt() const {
+    constexpr int kLowest = std::numeric_limits<int>::min();
+    constexpr int kHighest = std::numeric_limits<int>::max();
+    constexpr int kUnreadable = -1;
+    const auto clamp = [](auto number) {
+        return number <= kLowest ? kLowest : number >= kHighest ? kHighest : static_cast<int>(number);
+    };
+    if (const int64_t* integer = asInteger()) {
+        return clamp(*integer);
+    }
+    if (const double* real = asReal()) {
+        return *real == *real ? clamp(*real) : kUnreadable;
+    }
+    if (const std::string* text = asString()) {
+        const size_t digits = text->find_first_not_of("+-") == 1 ? 1 : 0;
+        if (digits == text->size() || text->find_first_not_of("0123456789", digits) != std::string::npos) {
+            return kUnreadable;
+        }
+        return clamp(std::strtoll(text->c_str(), nullptr, 10));  // saturates at 64 bits
+    }
+    if (const bool* flag = asBool()) {
+        return *flag ? 1 : 0;
+    }
+    return kUnreadable;
+}
+
+inline std::string Value::ToString() const {
+    if (const std::string* text = asString()) {
+        return *text;
+    }
+    return isNull() ? std::string() : Serialize(*this);
+}
+
+}  // namespace json
+
+#endif

@@ -1,0 +1,116 @@
+#include "base/KstMessageLoop.h"
+
+#include <algorithm>
+
+KstMessageLoop::~KstMessageLoop() {
+    stop();
+}
+
+bool KstMessageLoop::enqueue(KstTask& task) {
+    KstMutexLock lock(mMutex);
+    if (mStopped) {
+        return false;
+    }
+    startWorker();
+    mTasks.push_back(std::move(task));
+    const bool wake = std::exchange(mIdle, false);
+    lock.unlock();
+    if (wake) {
+        mWakeUp.notifyOne();
+    }
+    return true;
+}
+
+bool KstMessageLoop::enqueue(DelayTask& task) {
+    KstMutexLock lock(mMutex);
+    if (mStopped) {
+        return false;
+    }
+    startWorker();
+    const bool earliest = mDelayed.empty() || DelayTaskCmp()(mDelayed.front(), task);
+    mDelayed.push_back(std::move(task));
+    std::push_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
+    const bool wake = earliest && std::exchange(mIdle, false);  // a later deadline leaves the worker's wait as it is
+    lock.unlock();
+    if (wake) {
+        mWakeUp.notifyOne();
+    }
+    return true;
+}
+
+void KstMessageLoop::startWorker() {
+    if (mWorker) {
+        return;
+    }
+    std::weak_ptr<KstMessageLoop> weak = shared_from_this();
+    mWorker = std::make_shared<std::thread>([weak] {
+        if (const auto self = weak.lock()) {
+            self->Loop();
+        }
+    });
+}
+
+void KstMessageLoop::Loop() {
+    KstMutexLock lock(mMutex);
+    while (!mStopped) {
+        collectDueTasks();
+        if (!mTasks.empty()) {
+            KstTask task = std::move(mTasks.front());
+            mTasks.pop_front();
+            lock.unlock();
+            task();
+            task = KstTask();  // what it captured goes before the lock comes back
+            lock.lock();
+            continue;
+        }
+        mIdle = true;
+        if (mDelayed.empty()) {
+            mWakeUp.wait(mMutex);
+        } else {
+            mWakeUp.waitUntil(mMutex, mDelayed.front().deadline);
+        }
+        mIdle = false;
+    }
+}
+
+// Due tasks join the back of the queue, earliest first, so neither kind starves the other.
+void KstMessageLoop::collectDueTasks() {
+    if (mDelayed.empty()) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    while (!mDelayed.empty() && mDelayed.front().deadline <= now) {
+        std::pop_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
+        mTasks.push_back(std::move(mDelayed.back().task));
+        mDelayed.pop_back();
+    }
+}
+
+void KstMessageLoop::stop() {
+    std::shared_ptr<std::thread> worker;
+    std::deque<KstTask> tasks;  // destroyed unrun at the end, without the lock: they may post or stop
+    std::vector<DelayTask> delayed;
+    {
+        KstMutexLock lock(mMutex);
+        mStopped = true;
+        worker.swap(mWorker);
+        tasks.swap(mTasks);
+        delayed.swap(mDelayed);
+    }
+    mWakeUp.notifyOne();
+    if (!worker) {
+        return;
+    }
+    if (worker->get_id() == std::this_thread::get_id()) {
+        worker->detach();
+    } else {
+        worker->join();
+    }
+}
+
+std::chrono::steady_clock::time_point KstMessageLoop::deadlineAfter(std::chrono::milliseconds delay) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point now = Clock::now();
+    const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
+    return now + std::clamp(delay, std::chrono::milliseconds::zero(), room);
+}

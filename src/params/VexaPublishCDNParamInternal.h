@@ -1,0 +1,23 @@
+// Where to relay the local user's stream.
+
+#ifndef VEXALIVE_PARAMS_VEXA_PUBLISH_CDN_PARAM_INTERNAL_H
+#define VEXALIVE_PARAMS_VEXA_PUBLISH_CDN_PARAM_INTERNAL_H
+
+#include <cstdint>
+#include <string>
+
+namespace kstmedia {
+
+// A relay starts only if no field is 0 or empty; the record itself checks nothing.
+struct VexaPublishCDNParamInternal {
+    int32_t appId = 0;  // CDN application id
+    int32_t bizId = 0;  // CDN biz id
+    std::string url;    // destination address of the relayed stream
+
+    // "appId:…, bizId:…, url:…", as task reports show it; the url whole and as it stands.
+    std::string to_string() const;
+};
+
+}  // namespace kstmedia
+
+#endif

@@ -1,0 +1,22 @@
+#include "base/Md5.h"
+
+#include <openssl/evp.h>
+
+namespace kstmedia {
+
+std::string getMD5(const std::string& text) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    if (EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr) != 1) {
+        return {};  // an OpenSSL that is told to refuse MD5
+    }
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned int i = 0; i < size; ++i) {
+        hex += kDigits[digest[i] >> 4];
+        hex += kDigits[digest[i] & 15];
+    }
+    return hex;
+}
+
+}  // namespace kstmedia

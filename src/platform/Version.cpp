@@ -1,0 +1,5 @@
+#include "base/Version.h"
+
+const char* kstf_get_sdk_version() {
+    return VEXALIVE_VERSION;
+}
