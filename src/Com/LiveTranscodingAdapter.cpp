@@ -39,15 +39,16 @@ constexpr const char* kNotInRoom = "not enterRoom status";
 constexpr const char* kRelayParamInvalid = "startPublishStreamUrl failure, param is invalid";
 constexpr const char* kMixParamInvalid = "setLiveMixTranscoding failure, param is invalid";
 constexpr const char* kMixUsersInvalid = "mixUsersArray is invalid";
-constexpr const char* kNoRelayToStop = "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before";
+constexpr const char* kNoRelayToStop =
+    "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before";
 constexpr const char* kNoMixToStop = "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before";
 
-constexpr int32_t kNotSet = -1;           // an output field that is left to the service
-constexpr int32_t kAuxiliaryStream = 2;   // VexaMixUserInternal::streamType
-constexpr uint32_t kLayers = 17;          // zOrder 0 to 16
-constexpr int kCanvasInput = 3;           // "input_type"
-constexpr int kAudioInput = 4;            // "input_type"
-constexpr int kVideoInput = 0;            // "input_type"
+constexpr int32_t kNotSet = -1;          // an output field that is left to the service
+constexpr int32_t kAuxiliaryStream = 2;  // VexaMixUserInternal::streamType
+constexpr uint32_t kLayers = 17;         // zOrder 0 to 16
+constexpr int kCanvasInput = 3;          // "input_type"
+constexpr int kAudioInput = 4;           // "input_type"
+constexpr int kVideoInput = 0;           // "input_type"
 
 // Never destroyed, since a worker may still send while the process exits.
 const std::string& CGI_VEXALIVE_SERVER =
@@ -85,12 +86,13 @@ json::Object mixInput(std::string streamId, json::Object layout) {
 
 // ---- What differs ---------------------------------------------------------------------------------------------------
 
+// Relay work and mix work.
 struct LiveTranscodingAdapter::Family {
     int32_t LiveTranscodingAdapter::*generation;
     int32_t LiveTranscodingAdapter::*startCounter;
     int32_t LiveTranscodingAdapter::*stopCounter;
     int reportEvent;
-    int transportError;   // listener codes
+    int transportError;  // listener codes
     int unreadableError;
     int serverErrorBase;  // a server's code c is told as this less |c|
 
@@ -98,25 +100,19 @@ struct LiveTranscodingAdapter::Family {
     static const Family kMix;
 };
 
-const LiveTranscodingAdapter::Family LiveTranscodingAdapter::Family::kRelay = {
-    &LiveTranscodingAdapter::cdnTaskIndex, &LiveTranscodingAdapter::retryStartCdnCnt,
-    &LiveTranscodingAdapter::retryStopCdnCnt, 30, -3321, -3323, -200000};
-
-const LiveTranscodingAdapter::Family LiveTranscodingAdapter::Family::kMix = {
-    &LiveTranscodingAdapter::mixTaskIndex, &LiveTranscodingAdapter::retryStartMixCnt,
-    &LiveTranscodingAdapter::retryCancelMixCnt, 31, -3322, -3324, -300000};
-
+// The first send of a request, or its retries.
 struct LiveTranscodingAdapter::Attempt {
-    const char* function;                                   // whose name the send's log line carries
-    const char* sendLog;                                    // with the index, the tries made and the body
-    const char* answerLog;                                  // with the index, the return code and the answer
-    bool dropsStaleTask;                                    // checks the generation before it sends
-    bool dropsStaleAnswer;                                  // checks the generation when the answer comes
-    bool bodyOpensTrace;
-    std::string (LiveTranscodingAdapter::*opensTrace)(int);  // told when the answer comes; or null
-    bool storesBody;                                        // the body becomes the report's information
+    const char* function;   // whose name the send's log line carries
+    const char* sendLog;    // shows the index, the tries made and the body
+    const char* answerLog;  // shows the index, the return code and the answer
+    bool dropsStaleTask;    // a delayed send whose generation is over
+    bool dropsStaleAnswer;  // an answer whose generation is over
+    bool opensTraceWithBody;
+    std::string (LiveTranscodingAdapter::*opensTraceWith)(int index);  // asked when the answer comes; may be null
+    bool reportsBody;                                                  // the body becomes the report's information
 };
 
+// One kind of request.
 struct LiveTranscodingAdapter::RequestKind {
     int number;
     const Family& family;
@@ -140,94 +136,95 @@ struct LiveTranscodingAdapter::RequestKind {
     static const RequestKind& byNumber(int number);
 };
 
-// The one place where the four kinds differ. Every unevenness between the rows is meant and part of the contract.
+// The one place where the kinds differ. Every unevenness between the rows is meant and part of the contract.
+namespace {
+
+using Adapter = LiveTranscodingAdapter;
+using Delegate = ILiveTrancodingDelegate;
+
+constexpr bool kSendsStale = false;  // the operation's own task has checked before a first send
+constexpr bool kDropsStaleTask = true;
+constexpr bool kJudgesStale = false;
+constexpr bool kDropsStaleAnswer = true;
+constexpr bool kKeepsTrace = false;
+constexpr bool kBodyOpensTrace = true;
+constexpr bool kBodyUnreported = false;
+constexpr bool kReportsBody = true;
+
+}  // namespace
+
 // clang-format off
-const LiveTranscodingAdapter::RequestKind LiveTranscodingAdapter::RequestKind::kAddRelay = {
+const Adapter::Family Adapter::Family::kRelay = {
+    &Adapter::cdnTaskIndex, &Adapter::retryStartCdnCnt, &Adapter::retryStopCdnCnt, 30, -3321, -3323, -200000};
+const Adapter::Family Adapter::Family::kMix = {
+    &Adapter::mixTaskIndex, &Adapter::retryStartMixCnt, &Adapter::retryCancelMixCnt, 31, -3322, -3324, -300000};
+
+const Adapter::RequestKind Adapter::RequestKind::kAddRelay = {
     0, Family::kRelay, "add_relay_stream_url",
-    &LiveTranscodingAdapter::mStartCdnHttp,
-    &LiveTranscodingAdapter::retryStartCdnCnt,
-    &LiveTranscodingAdapter::retryStartCdnCnt,
-    &LiveTranscodingAdapter::mStartCdnInfo,
-    &ILiveTrancodingDelegate::onStartPublishStreamUrl,
+    &Adapter::mStartCdnHttp, &Adapter::retryStartCdnCnt, /* traced */ &Adapter::retryStartCdnCnt,
+    &Adapter::mStartCdnInfo, &Delegate::onStartPublishStreamUrl,
     [](int64_t c) { return c == 1; },
-    [](LiveTranscodingAdapter& self) { return self.getAddPublisherData(self.mPublishCDNParam.url); },
-    &LiveTranscodingAdapter::retryAddPublishUrlInner,
-    /* function, logs     */ {"addPublishUrlInner",
-                              "addPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                              "addPublishUrlInner index: %d, ret: %lu, respData: %s",
-    /* drops stale        */  /* task */ false, /* answer */ true,
-    /* trace, information */  /* body */ true, nullptr, /* stores body */ false},
-    /* the same of a retry */ {kInTask,
-                              "retryAddPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                              "retryAddPublishUrlInner index: %d, ret: %lu, respData: %s",
-                              /* task */ false, /* answer */ true,
-                              /* body */ false, nullptr, /* stores body */ false},
+    [](Adapter& self) { return self.getAddPublisherData(self.mPublishCDNParam.url); },
+    &Adapter::retryAddPublishUrlInner,
+    {"addPublishUrlInner",
+     "addPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+     "addPublishUrlInner index: %d, ret: %lu, respData: %s",
+     kSendsStale, kDropsStaleAnswer, kBodyOpensTrace, nullptr, kBodyUnreported},
+    {kInTask,
+     "retryAddPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+     "retryAddPublishUrlInner index: %d, ret: %lu, respData: %s",
+     kSendsStale, kDropsStaleAnswer, kKeepsTrace, nullptr, kBodyUnreported},
 };
 
-const LiveTranscodingAdapter::RequestKind LiveTranscodingAdapter::RequestKind::kRemoveRelay = {
+const Adapter::RequestKind Adapter::RequestKind::kRemoveRelay = {
     1, Family::kRelay, "remove_relay_stream_url",
-    &LiveTranscodingAdapter::mStopCdnHttp,
-    &LiveTranscodingAdapter::retryStopCdnCnt,
-    &LiveTranscodingAdapter::retryStartCdnCnt,
-    &LiveTranscodingAdapter::mStopCdnInfo,
-    &ILiveTrancodingDelegate::onStopPublishStreamUrl,
+    &Adapter::mStopCdnHttp, &Adapter::retryStopCdnCnt, /* traced */ &Adapter::retryStartCdnCnt,
+    &Adapter::mStopCdnInfo, &Delegate::onStopPublishStreamUrl,
     [](int64_t) { return false; },
-    [](LiveTranscodingAdapter& self) { return self.getRemovePublisherData(); },
-    &LiveTranscodingAdapter::retryRemovePublishUrlInner,
-    /* function, logs     */ {"removePublishUrlInner",
-                              "removePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                              "removePublishUrlInner index: %d, ret: %lu, respData: %s",
-    /* drops stale        */  /* task */ false, /* answer */ true,
-    /* trace, information */  /* body */ false, nullptr, /* stores body */ true},
-    /* the same of a retry */ {kInTask,
-                              "retryRemovePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                              "retryRemovePublishUrlInner index: %d, ret: %lu, respData: %s",
-                              /* task */ true, /* answer */ false,
-                              /* body */ false, nullptr, /* stores body */ false},
+    [](Adapter& self) { return self.getRemovePublisherData(); },
+    &Adapter::retryRemovePublishUrlInner,
+    {"removePublishUrlInner",
+     "removePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+     "removePublishUrlInner index: %d, ret: %lu, respData: %s",
+     kSendsStale, kDropsStaleAnswer, kKeepsTrace, nullptr, kReportsBody},
+    {kInTask,
+     "retryRemovePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+     "retryRemovePublishUrlInner index: %d, ret: %lu, respData: %s",
+     kDropsStaleTask, kJudgesStale, kKeepsTrace, nullptr, kBodyUnreported},
 };
 
-const LiveTranscodingAdapter::RequestKind LiveTranscodingAdapter::RequestKind::kStartMix = {
+const Adapter::RequestKind Adapter::RequestKind::kStartMix = {
     2, Family::kMix, "set_live_mix_transcoding",
-    &LiveTranscodingAdapter::mStartMixHttp,
-    &LiveTranscodingAdapter::retryStartMixCnt,
-    &LiveTranscodingAdapter::retryStartMixCnt,
-    &LiveTranscodingAdapter::mStartMixInfo,
-    &ILiveTrancodingDelegate::onSetLiveMixTranscoding,
+    &Adapter::mStartMixHttp, &Adapter::retryStartMixCnt, /* traced */ &Adapter::retryStartMixCnt,
+    &Adapter::mStartMixInfo, &Delegate::onSetLiveMixTranscoding,
     [](int64_t c) { return c == 3 || c == 505 || c == 10017; },
-    [](LiveTranscodingAdapter& self) { return self.getMixPostData(); },
-    &LiveTranscodingAdapter::retryStartMixStream,
-    /* function, logs     */ {"startMixStream",
-                              "startMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
-                              "startMixStream index: %d, ret: %lu, respData: %s",
-    /* drops stale        */  /* task */ false, /* answer */ true,
-    /* trace, information */  /* body */ false, &LiveTranscodingAdapter::getReportMixPostData, /* stores body */ false},
-    /* the same of a retry */ {kInTask,
-                              "retryStartMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
-                              "retryStartMixStream index: %d, ret: %lu, respData: %s",
-                              /* task */ true, /* answer */ false,
-                              /* body */ false, nullptr, /* stores body */ false},
+    [](Adapter& self) { return self.getMixPostData(); },
+    &Adapter::retryStartMixStream,
+    {"startMixStream",
+     "startMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
+     "startMixStream index: %d, ret: %lu, respData: %s",
+     kSendsStale, kDropsStaleAnswer, kKeepsTrace, &Adapter::getReportMixPostData, kBodyUnreported},
+    {kInTask,
+     "retryStartMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
+     "retryStartMixStream index: %d, ret: %lu, respData: %s",
+     kDropsStaleTask, kJudgesStale, kKeepsTrace, nullptr, kBodyUnreported},
 };
 
-const LiveTranscodingAdapter::RequestKind LiveTranscodingAdapter::RequestKind::kCancelMix = {
+const Adapter::RequestKind Adapter::RequestKind::kCancelMix = {
     3, Family::kMix, "set_live_mix_transcoding",
-    &LiveTranscodingAdapter::mCancelMixHttp,
-    &LiveTranscodingAdapter::retryCancelMixCnt,
-    &LiveTranscodingAdapter::retryCancelMixCnt,
-    &LiveTranscodingAdapter::mCancelMixInfo,
-    &ILiveTrancodingDelegate::onStopLiveMixTranscoding,
+    &Adapter::mCancelMixHttp, &Adapter::retryCancelMixCnt, /* traced */ &Adapter::retryCancelMixCnt,
+    &Adapter::mCancelMixInfo, &Delegate::onStopLiveMixTranscoding,
     [](int64_t) { return false; },
-    [](LiveTranscodingAdapter& self) { return self.getCancelMixPostData(); },
-    &LiveTranscodingAdapter::retryCancelMixStream,
-    /* function, logs     */ {"cancelMixStream",
-                              "index: %d, retryCancelMixCnt:%d, jsonStr: %s",
-                              "index: %d, ret: %lu, respData: %s",
-    /* drops stale        */  /* task */ false, /* answer */ true,
-    /* trace, information */  /* body */ false, nullptr, /* stores body */ true},
-    /* the same of a retry */ {kInTask,
-                              "index: %d, retryStartMixCnt:%d, jsonStr: %s",
-                              "index: %d, ret: %lu, respData: %s",
-                              /* task */ true, /* answer */ false,
-                              /* body */ false, nullptr, /* stores body */ false},
+    [](Adapter& self) { return self.getCancelMixPostData(); },
+    &Adapter::retryCancelMixStream,
+    {"cancelMixStream",
+     "index: %d, retryCancelMixCnt:%d, jsonStr: %s",
+     "index: %d, ret: %lu, respData: %s",
+     kSendsStale, kDropsStaleAnswer, kKeepsTrace, nullptr, kReportsBody},
+    {kInTask,
+     "index: %d, retryStartMixCnt:%d, jsonStr: %s",
+     "index: %d, ret: %lu, respData: %s",
+     kDropsStaleTask, kJudgesStale, kKeepsTrace, nullptr, kBodyUnreported},
 };
 // clang-format on
 
@@ -559,13 +556,13 @@ void LiveTranscodingAdapter::sendFirst(const RequestKind& kind, int32_t index) {
 void LiveTranscodingAdapter::send(const RequestKind& kind, const Attempt& attempt, int32_t index, std::string trace) {
     const std::string url = getServerUrl(kind.interfaceName);
     const std::string body = kind.buildBody(*this);
-    if (attempt.storesBody) {
+    if (attempt.reportsBody) {
         KstMutexLock lock(mMutex);
         this->*kind.information = body;
     }
     kstf_log(kProgress, kSourceFile, __LINE__, attempt.function, attempt.sendLog, index,
              kRetryBudget - count(kind.retries), body.c_str());
-    if (attempt.bodyOpensTrace) {
+    if (attempt.opensTraceWithBody) {
         trace = body;
     }
     KstCopyOnWriteBuffer buffer(reinterpret_cast<const uint8_t*>(body.data()), body.size());
@@ -584,8 +581,8 @@ void LiveTranscodingAdapter::receive(const RequestKind& kind, const Attempt& att
         return;
     }
     const std::string respData(reinterpret_cast<const char*>(response.cdata()), response.size());
-    if (attempt.opensTrace) {
-        trace = (this->*attempt.opensTrace)(index);
+    if (attempt.opensTraceWith) {
+        trace = (this->*attempt.opensTraceWith)(index);
     }
     char head[260];
     std::snprintf(head, sizeof head, " [tryHttp:cnt-%d]retCode:%d, respData:", count(kind.tracedCounter), retCode);
@@ -612,11 +609,11 @@ bool LiveTranscodingAdapter::takeRetry(const RequestKind& kind) {
 void LiveTranscodingAdapter::retry(const RequestKind& kind, int32_t index, std::string trace) {
     const std::chrono::milliseconds delay(getDelayTime(kRetryBudget - count(kind.retries)));
     mMessageLoop->DelayPostTask(delay, whileAlive([this, &kind, index, trace = std::move(trace)]() mutable {
-        if (kind.retry.dropsStaleTask && isStale(kind.family, index)) {
-            return;
-        }
-        send(kind, kind.retry, index, std::move(trace));
-    }));
+                                    if (kind.retry.dropsStaleTask && isStale(kind.family, index)) {
+                                        return;
+                                    }
+                                    send(kind, kind.retry, index, std::move(trace));
+                                }));
 }
 
 int LiveTranscodingAdapter::getDelayTime(int n) {
@@ -756,8 +753,7 @@ int32_t LiveTranscodingAdapter::getEventIdSeq() {
 }
 
 std::string LiveTranscodingAdapter::getStreamId(std::string roomId, std::string userId, bool isMain) {
-    const std::string name =
-        VexaFormatString("%s_%s_%s", roomId.c_str(), userId.c_str(), isMain ? "main" : "aux");
+    const std::string name = VexaFormatString("%s_%s_%s", roomId.c_str(), userId.c_str(), isMain ? "main" : "aux");
     return VexaFormatString("%d_%s", count(&LiveTranscodingAdapter::mBizId), getMD5(name, false).c_str());
 }
 

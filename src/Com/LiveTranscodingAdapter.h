@@ -8,8 +8,8 @@
 //     adapter->startPublishStreamUrl(param);           // listener->onStartPublishStreamUrl(0, "sucess")
 //
 // No operation waits: each posts a task to the adapter's own worker thread, and the outcome reaches the listener
-// (ILiveTrancodingDelegate.h). A request that fails is sent again on the schedule of base/RetrySchedule.h. Each finished
-// or refused task makes one room event report (base/EventReport.h).
+// (ILiveTrancodingDelegate.h). A request that fails is sent again on the schedule of base/RetrySchedule.h. Each
+// finished or refused task makes one room event report (base/EventReport.h).
 
 #ifndef VEXALIVE_COM_LIVE_TRANSCODING_ADAPTER_H
 #define VEXALIVE_COM_LIVE_TRANSCODING_ADAPTER_H

@@ -55,9 +55,9 @@ public:
     // The member of that name; null if there is none or this is no object. Valid as long as a copy of this value lives.
     const Value& operator[](const char* key) const;
 
-    // An integer as it stands, clamped to 32 bits; a fraction cut towards zero, clamped; a text that is wholly a decimal
-    // integer as that integer, clamped; true 1, false 0. Anything else is -1, so that an unreadable code never counts
-    // as success.
+    // An integer as it stands, clamped to 32 bits; a fraction cut towards zero, clamped; a text that is wholly a
+    // decimal integer as that integer, clamped; true 1, false 0. Anything else is -1, so that an unreadable code never
+    // counts as success.
     int ToInt() const;
 
     // A text as it stands; null as the empty text; anything else as its JSON.

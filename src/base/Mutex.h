@@ -71,10 +71,12 @@ public:
         mCondition.wait(lock);
         lock.release();
     }
-    void waitUntil(KstMutex& mutex, std::chrono::steady_clock::time_point deadline) KST_REQUIRES(mutex) {
+    // False once the deadline has passed.
+    bool waitUntil(KstMutex& mutex, std::chrono::steady_clock::time_point deadline) KST_REQUIRES(mutex) {
         std::unique_lock<std::mutex> lock(mutex.mMutex, std::adopt_lock);
-        mCondition.wait_until(lock, deadline);
+        const std::cv_status status = mCondition.wait_until(lock, deadline);
         lock.release();
+        return status == std::cv_status::no_timeout;
     }
     void notifyOne() { mCondition.notify_one(); }
     void notifyAll() { mCondition.notify_all(); }

@@ -27,7 +27,8 @@ struct VexaTranscodingConfigInternal {
     int32_t audioChannels = -1;
     std::vector<VexaMixUserInternal> mixUsersArray;  // the inputs, in the application's order
 
-    // The numbers, then each user as " mixUser1:[…]", as task reports show it. Each user's entry is cut at 259 characters.
+    // The numbers, then each user as " mixUser1:[…]", as task reports show it. Each user's entry is cut at 259
+    // characters.
     std::string to_string() const;
 };
 

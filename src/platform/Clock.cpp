@@ -7,8 +7,7 @@ namespace {
 template <class Clock>
 uint64_t milliseconds() {
     using std::chrono::duration_cast;
-    return static_cast<uint64_t>(
-        duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count());
+    return static_cast<uint64_t>(duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count());
 }
 
 }  // namespace

@@ -2,9 +2,12 @@
 
 #include <openssl/evp.h>
 
+#include "platform/OpenSsl.h"
+
 namespace kstmedia {
 
 std::string getMD5(const std::string& text) {
+    vexalive::initialiseOpenSsl();
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
     if (EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr) != 1) {

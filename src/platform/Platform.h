@@ -60,11 +60,11 @@ struct HttpExchange {
         kDelivered,  // the callback has returned (or the client was gone); on the delivery thread
     };
     Phase phase;
-    uint64_t id;  // of the exchange, counted from 1
-    std::string_view interfaceName;  // the last part of the address's path; valid during the call
-    size_t bytesSent;                // of the body
-    int retCode;                     // as in base/CVexaHttpSendRecv.h; 0 while kStarted
-    std::string_view answer;         // what came back; empty while kStarted; valid during the call
+    uint64_t id;                        // of the exchange, counted from 1
+    std::string_view interfaceName;     // the last part of the address's path; valid during the call
+    size_t bytesSent;                   // of the body
+    int retCode;                        // as in base/CVexaHttpSendRecv.h; 0 while kStarted
+    std::string_view answer;            // what came back; empty while kStarted; valid during the call
     std::chrono::milliseconds elapsed;  // from hand-over to answer; 0 while kStarted
 };
 using HttpObserver = std::function<void(const HttpExchange& exchange)>;

@@ -1,0 +1,44 @@
+#include "base/CVexaHttpSendRecv.h"
+
+#include <atomic>
+#include <utility>
+
+#include "platform/HttpEngine.h"
+
+struct CVexaHttpSendRecv::Impl : vexalive::AnswerQueue {};
+
+namespace {
+
+// The last part of the path: "add_relay_stream_url" of "https://host/v3/liveinterface/add_relay_stream_url?…".
+std::string interfaceNameOf(const std::string& url) {
+    const std::string path = url.substr(0, url.find('?'));
+    return path.substr(path.rfind('/') + 1);
+}
+
+}  // namespace
+
+CVexaHttpSendRecv::CVexaHttpSendRecv() : mImpl(std::make_shared<Impl>()) {}
+
+CVexaHttpSendRecv::~CVexaHttpSendRecv() {
+    mImpl->close();
+}
+
+void CVexaHttpSendRecv::sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::string& url, Callback callback) {
+    static std::atomic<uint64_t> lastId{0};
+
+    auto request = std::make_unique<vexalive::HttpRequest>();
+    request->url = url;
+    request->body = body;
+    request->answers = mImpl;
+    request->started = std::chrono::steady_clock::now();
+    request->answer.callback = std::move(callback);
+    request->answer.interfaceName = interfaceNameOf(url);
+
+    vexalive::HttpExchange& exchange = request->answer.exchange;
+    exchange.id = ++lastId;
+    exchange.interfaceName = request->answer.interfaceName;
+    exchange.bytesSent = body.size();
+    vexalive::observe(exchange);
+
+    vexalive::HttpEngine::instance().send(std::move(request));
+}

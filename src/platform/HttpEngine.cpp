@@ -1,0 +1,326 @@
+#include "platform/HttpEngine.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "base/CVexaHttpSendRecv.h"
+#include "base/Json.h"
+#include "platform/OpenSsl.h"
+
+namespace vexalive {
+namespace {
+
+constexpr int kWakePollMilliseconds = 60000;
+constexpr int kBlindPollMilliseconds = 20;  // where no wake-up is to be had
+constexpr size_t kSpareHandles = 32;
+constexpr long kConcurrentStreams = 1000;
+
+// ---- Options: free until the engine takes them ----------------------------------------------------------------------
+
+struct SharedOptions {
+    KstMutex mutex;
+    HttpOptions options KST_GUARDED_BY(mutex);
+    bool taken KST_GUARDED_BY(mutex) = false;
+};
+
+SharedOptions& sharedOptions() {
+    static auto& options = *new SharedOptions();
+    return options;
+}
+
+HttpOptions takeOptions() {
+    SharedOptions& shared = sharedOptions();
+    KstMutexLock lock(shared.mutex);
+    shared.taken = true;
+    HttpOptions options = shared.options;
+    if (options.caFile.empty()) {
+        const char* file = std::getenv("VEXALIVE_CA_FILE");
+        options.caFile = file ? file : "";
+    }
+    return options;
+}
+
+bool isTimeout(std::chrono::milliseconds time) {
+    return time >= std::chrono::milliseconds(1) && time <= std::chrono::hours(1);
+}
+
+// ---- What came back, as the contract's return code ------------------------------------------------------------------
+
+int returnCodeOfStatus(long status) {
+    if (status >= 200 && status <= 299) {
+        return CVexaHttpSendRecv::kAnswered;
+    }
+    for (const long passing : {408, 425, 429, 500, 502, 503, 504}) {
+        if (status == passing) {
+            return CVexaHttpSendRecv::kTryAgain;
+        }
+    }
+    return status >= 100 && status <= 999 ? static_cast<int>(status)
+                                          : CVexaHttpSendRecv::kLibraryBase + CURLE_WEIRD_SERVER_REPLY;
+}
+
+// `detail` is the library's own text: the one place that tells a handshake cut off from one refused.
+int returnCodeOfFailure(CURLcode result, const char* detail) {
+    switch (result) {
+        case CURLE_COULDNT_RESOLVE_PROXY:
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_OPERATION_TIMEDOUT:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_GOT_NOTHING:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_HTTP2:
+        case CURLE_HTTP2_STREAM:
+            return CVexaHttpSendRecv::kTryAgain;
+        case CURLE_SSL_CONNECT_ERROR:
+            if (std::strstr(detail, "SSL_ERROR_SYSCALL") || std::strstr(detail, "unexpected eof")) {
+                return CVexaHttpSendRecv::kTryAgain;
+            }
+            [[fallthrough]];
+        default:
+            return CVexaHttpSendRecv::kLibraryBase + result;
+    }
+}
+
+// A readable answer in place of the one that never came: the adapter retries what it cannot read. Shows no address.
+std::string describe(CURLcode result) {
+    json::Object answer;
+    answer["transportError"] = curl_easy_strerror(result);
+    return json::Serialize(std::move(answer));
+}
+
+// Signals of the host are handled by its own threads; a write to a connection that is gone raises SIGPIPE here.
+void blockSignals() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT}) {
+        sigdelset(&signals, fault);
+    }
+    pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+}
+
+}  // namespace
+
+bool setHttpOptions(const HttpOptions& options) {
+    if (!isTimeout(options.connectTimeout) || !isTimeout(options.totalTimeout) || options.maxAnswerBytes < 1 ||
+        options.maxAnswerBytes > size_t{1} << 30) {
+        return false;
+    }
+    SharedOptions& shared = sharedOptions();
+    KstMutexLock lock(shared.mutex);
+    if (shared.taken) {
+        return false;
+    }
+    shared.options = options;
+    return true;
+}
+
+// ---- Starting, sending, leaving -------------------------------------------------------------------------------------
+
+HttpEngine& HttpEngine::instance() {
+    static HttpEngine& engine = *new HttpEngine();
+    return engine;
+}
+
+HttpEngine::HttpEngine() : mOptions(takeOptions()) {
+    initialiseOpenSsl();
+    curl_global_init(CURL_GLOBAL_ALL);
+    mMulti = curl_multi_init();
+    curl_multi_setopt(mMulti, CURLMOPT_MAX_CONCURRENT_STREAMS, kConcurrentStreams);
+    mShare = curl_share_init();
+    curl_share_setopt(mShare, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);  // used by one thread: needs no locks
+    mHeaders = curl_slist_append(mHeaders, "Content-Type: application/json");
+    mHeaders = curl_slist_append(mHeaders, "Expect:");  // never waits for a 100
+    mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kBlindPollMilliseconds;
+    mThread = std::thread([this] { run(); });
+    std::atexit(&HttpEngine::leave);
+}
+
+void HttpEngine::send(std::unique_ptr<HttpRequest> request) {
+    bool wake = false;
+    {
+        KstMutexLock lock(mMutex);
+        wake = mInbox.empty();
+        mInbox.push_back(std::move(request));
+    }
+    if (wake) {
+        curl_multi_wakeup(mMulti);
+    }
+}
+
+// At exit: the I/O thread ends before the libraries under it do; requests in flight are dropped.
+void HttpEngine::leave() {
+    HttpEngine& engine = instance();
+    engine.mDelivery.leave();
+    {
+        KstMutexLock lock(engine.mMutex);
+        engine.mLeaving = true;
+    }
+    curl_multi_wakeup(engine.mMulti);
+    engine.mThread.join();
+}
+
+// ---- The I/O thread -------------------------------------------------------------------------------------------------
+
+struct HttpEngine::Exchange {
+    std::unique_ptr<HttpRequest> request;
+    CURL* handle = nullptr;
+    size_t limit = 0;
+    std::vector<uint8_t> received;
+    bool overLimit = false;
+    char detail[CURL_ERROR_SIZE] = {};
+
+    static size_t receive(char* data, size_t, size_t size, void* exchange) {
+        auto& self = *static_cast<Exchange*>(exchange);
+        if (size > self.limit - self.received.size()) {
+            self.overLimit = true;
+            return 0;
+        }
+        self.received.insert(self.received.end(), data, data + size);
+        return size;
+    }
+};
+
+void HttpEngine::run() {
+    blockSignals();
+    while (takeRequests()) {
+        int running = 0;
+        curl_multi_perform(mMulti, &running);
+        collectFinished();
+        if (curl_multi_poll(mMulti, nullptr, 0, mPollMilliseconds, nullptr) != CURLM_OK) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(kBlindPollMilliseconds));
+        }
+    }
+}
+
+// False when the process leaves. A request put in after this wakes the poll that follows.
+bool HttpEngine::takeRequests() {
+    std::vector<std::unique_ptr<HttpRequest>> requests;
+    {
+        KstMutexLock lock(mMutex);
+        if (mLeaving) {
+            return false;
+        }
+        requests.swap(mInbox);
+    }
+    for (auto& request : requests) {
+        begin(std::move(request));
+    }
+    return true;
+}
+
+void HttpEngine::begin(std::unique_ptr<HttpRequest> request) {
+    auto exchange = std::make_unique<Exchange>();
+    exchange->limit = mOptions.maxAnswerBytes;
+    exchange->request = std::move(request);
+    if (exchange->request->url.find('\0') != std::string::npos) {
+        end(std::move(exchange), CURLE_URL_MALFORMAT);
+        return;
+    }
+    CURL* handle = exchange->handle = takeHandle();
+    if (!handle) {
+        end(std::move(exchange), CURLE_FAILED_INIT);
+        return;
+    }
+    const KstCopyOnWriteBuffer& body = exchange->request->body;
+    curl_easy_setopt(handle, CURLOPT_URL, exchange->request->url.c_str());
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.size() == 0 ? "" : reinterpret_cast<const char*>(body.cdata()));
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, exchange.get());
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, exchange->detail);
+    curl_easy_setopt(handle, CURLOPT_PRIVATE, exchange.get());
+    if (curl_multi_add_handle(mMulti, handle) != CURLM_OK) {
+        end(std::move(exchange), CURLE_FAILED_INIT);
+        return;
+    }
+    exchange.release();  // comes back in collectFinished
+}
+
+// What all requests share is set once for a handle, and handles are used again.
+CURL* HttpEngine::takeHandle() {
+    if (!mSpareHandles.empty()) {
+        CURL* spare = mSpareHandles.back();
+        mSpareHandles.pop_back();
+        return spare;
+    }
+    CURL* handle = curl_easy_init();
+    if (!handle) {
+        return nullptr;
+    }
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https");
+    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!mOptions.caFile.empty()) {
+        curl_easy_setopt(handle, CURLOPT_CAINFO, mOptions.caFile.c_str());
+        curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+    }
+    curl_easy_setopt(handle, CURLOPT_SHARE, mShare);
+    curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);  // rather share a connection than open another
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(mOptions.connectTimeout.count()));
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(mOptions.totalTimeout.count()));
+    curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mOptions.maxAnswerBytes));
+    curl_easy_setopt(handle, CURLOPT_USERAGENT, "vexalive/" VEXALIVE_VERSION);
+    curl_easy_setopt(handle, CURLOPT_POST, 1L);
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, mHeaders);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Exchange::receive);
+    return handle;
+}
+
+void HttpEngine::collectFinished() {
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(mMulti, &left)) {
+        if (message->msg != CURLMSG_DONE) {
+            continue;
+        }
+        const CURLcode result = message->data.result;  // the message goes with the handle
+        CURL* handle = message->easy_handle;
+        Exchange* exchange = nullptr;
+        curl_easy_getinfo(handle, CURLINFO_PRIVATE, &exchange);
+        curl_multi_remove_handle(mMulti, handle);
+        end(std::unique_ptr<Exchange>(exchange), result);
+    }
+}
+
+void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
+    if (exchange->overLimit) {
+        result = CURLE_FILESIZE_EXCEEDED;
+    }
+    Answer answer = std::move(exchange->request->answer);
+    if (result == CURLE_OK) {
+        long status = 0;
+        curl_easy_getinfo(exchange->handle, CURLINFO_RESPONSE_CODE, &status);
+        answer.retCode = returnCodeOfStatus(status);
+    } else {
+        answer.retCode = returnCodeOfFailure(result, exchange->detail);
+    }
+    if (answer.retCode >= CVexaHttpSendRecv::kLibraryBase) {
+        const std::string text = describe(result == CURLE_OK ? CURLE_WEIRD_SERVER_REPLY : result);
+        answer.response = KstCopyOnWriteBuffer(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    } else {
+        answer.response = KstCopyOnWriteBuffer(exchange->received.data(), exchange->received.size());
+    }
+    answer.exchange.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                                    exchange->request->started);
+    if (exchange->handle) {
+        curl_easy_setopt(exchange->handle, CURLOPT_ERRORBUFFER, nullptr);
+        if (mSpareHandles.size() < kSpareHandles) {
+            mSpareHandles.push_back(exchange->handle);
+        } else {
+            curl_easy_cleanup(exchange->handle);
+        }
+    }
+    const std::shared_ptr<AnswerQueue> answers = std::move(exchange->request->answers);
+    exchange.reset();
+    answers->push(std::move(answer), mDelivery);
+}
+
+}  // namespace vexalive

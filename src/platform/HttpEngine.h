@@ -1,0 +1,70 @@
+// The one HTTPS engine of the process: libcurl's multi interface on one I/O thread, shared by all clients.
+//
+// The first request starts it. Connections, TLS sessions and DNS answers are shared; over HTTP/2 requests share a
+// connection. Nothing of a host's runs on the I/O thread.
+
+#ifndef VEXALIVE_PLATFORM_HTTP_ENGINE_H
+#define VEXALIVE_PLATFORM_HTTP_ENGINE_H
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/KstCopyOnWriteBuffer.h"
+#include "base/Mutex.h"
+#include "platform/DeliveryThreads.h"
+#include "platform/Platform.h"
+
+namespace vexalive {
+
+struct HttpRequest {
+    std::string url;
+    KstCopyOnWriteBuffer body;
+    std::shared_ptr<AnswerQueue> answers;  // who hears of the end
+    Answer answer;                         // what is known of it already: the callback and the observer's part
+    std::chrono::steady_clock::time_point started;
+};
+
+class HttpEngine {
+public:
+    // Started at the first call; never destroyed. The standard library's system error if a thread cannot be started.
+    static HttpEngine& instance();
+
+    void send(std::unique_ptr<HttpRequest> request) KST_EXCLUDES(mMutex);
+
+private:
+    struct Exchange;
+
+    HttpEngine();
+    static void leave();
+
+    // Below: the I/O thread only.
+    void run();
+    bool takeRequests() KST_EXCLUDES(mMutex);
+    void begin(std::unique_ptr<HttpRequest> request);
+    void collectFinished();
+    void end(std::unique_ptr<Exchange> exchange, CURLcode result);
+    CURL* takeHandle();
+
+    const HttpOptions mOptions;
+    DeliveryThreads mDelivery;
+    CURLM* mMulti = nullptr;
+    CURLSH* mShare = nullptr;
+    curl_slist* mHeaders = nullptr;
+    int mPollMilliseconds = 0;
+    std::vector<CURL*> mSpareHandles;
+
+    KstMutex mMutex;
+    std::vector<std::unique_ptr<HttpRequest>> mInbox KST_GUARDED_BY(mMutex);
+    bool mLeaving KST_GUARDED_BY(mMutex) = false;
+    std::thread mThread;  // last: it runs on all of the above
+};
+
+}  // namespace vexalive
+
+#endif
