@@ -63,7 +63,8 @@ int returnCodeOfStatus(long status) {
                                           : CVexaHttpSendRecv::kLibraryBase + CURLE_WEIRD_SERVER_REPLY;
 }
 
-// `detail` is the library's own text: the one place that tells a handshake cut off from one refused.
+// `detail` is the library's own text, the one place that tells a handshake cut off from one refused: a refusal names
+// OpenSSL's reason.
 int returnCodeOfFailure(CURLcode result, const char* detail) {
     switch (result) {
         case CURLE_COULDNT_RESOLVE_PROXY:
@@ -78,7 +79,7 @@ int returnCodeOfFailure(CURLcode result, const char* detail) {
         case CURLE_HTTP2_STREAM:
             return CVexaHttpSendRecv::kTryAgain;
         case CURLE_SSL_CONNECT_ERROR:
-            if (std::strstr(detail, "SSL_ERROR_SYSCALL") || std::strstr(detail, "unexpected eof")) {
+            if (!std::strstr(detail, "SSL routines") || std::strstr(detail, "unexpected eof")) {
                 return CVexaHttpSendRecv::kTryAgain;
             }
             [[fallthrough]];
@@ -173,7 +174,16 @@ struct HttpEngine::Exchange {
     size_t limit = 0;
     std::vector<uint8_t> received;
     bool overLimit = false;
+    bool headEnded = false;
     char detail[CURL_ERROR_SIZE] = {};
+
+    // Looks for the empty line: the library takes a head cut off for a whole one.
+    static size_t receiveHead(char* data, size_t, size_t size, void* exchange) {
+        const std::string_view line(data, size);
+        auto& self = *static_cast<Exchange*>(exchange);
+        self.headEnded = line == "\r\n" || line == "\n" || (self.headEnded && line.substr(0, 5) != "HTTP/");
+        return size;
+    }
 
     static size_t receive(char* data, size_t, size_t size, void* exchange) {
         auto& self = *static_cast<Exchange*>(exchange);
@@ -231,6 +241,7 @@ void HttpEngine::begin(std::unique_ptr<HttpRequest> request) {
     curl_easy_setopt(handle, CURLOPT_URL, exchange->request->url.c_str());
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.size() == 0 ? "" : reinterpret_cast<const char*>(body.cdata()));
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, exchange.get());
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, exchange.get());
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, exchange->detail);
     curl_easy_setopt(handle, CURLOPT_PRIVATE, exchange.get());
@@ -271,6 +282,7 @@ CURL* HttpEngine::takeHandle() {
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "vexalive/" VEXALIVE_VERSION);
     curl_easy_setopt(handle, CURLOPT_POST, 1L);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, mHeaders);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Exchange::receiveHead);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Exchange::receive);
     return handle;
 }
@@ -293,6 +305,8 @@ void HttpEngine::collectFinished() {
 void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
     if (exchange->overLimit) {
         result = CURLE_FILESIZE_EXCEEDED;
+    } else if (result == CURLE_OK && !exchange->headEnded) {
+        result = CURLE_GOT_NOTHING;
     }
     Answer answer = std::move(exchange->request->answer);
     if (result == CURLE_OK) {

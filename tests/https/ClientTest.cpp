@@ -1,0 +1,622 @@
+// The HTTPS client on real sockets: what each end of an exchange is told as, on which thread, and what the client's end
+// means.
+
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ScriptedServer.h"
+#include "base/CVexaHttpSendRecv.h"
+#include "base/Json.h"
+#include "platform/Platform.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 60s;  // before a test gives up: far beyond every limit set in main()
+constexpr size_t kLimit = 100000;
+
+struct Reply {
+    int retCode = -1;
+    std::string body;
+    std::thread::id thread;
+};
+
+KstCopyOnWriteBuffer bufferOf(const std::string& text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+std::string textOf(const KstCopyOnWriteBuffer& buffer) {
+    return {reinterpret_cast<const char*>(buffer.cdata()), buffer.size()};
+}
+
+std::future<Reply> send(CVexaHttpSendRecv& client, const std::string& url, const std::string& text = "{}") {
+    auto promise = std::make_shared<std::promise<Reply>>();
+    std::future<Reply> future = promise->get_future();
+    KstCopyOnWriteBuffer body = bufferOf(text);
+    client.sendHttpsRequest(body, url, [promise](int retCode, KstCopyOnWriteBuffer& response) {
+        promise->set_value({retCode, textOf(response), std::this_thread::get_id()});
+    });
+    return future;
+}
+
+Reply wait(std::future<Reply> future) {
+    if (future.wait_for(kPatience) != std::future_status::ready) {
+        ADD_FAILURE() << "no callback";
+        return {};
+    }
+    return future.get();
+}
+
+Reply post(const std::string& url, const std::string& text = "{}") {
+    CVexaHttpSendRecv client;
+    return wait(send(client, url, text));
+}
+
+// A text for people, in JSON without a code, so that the adapter neither retries it nor takes it for the service's.
+void expectExplained(const Reply& reply, int curlCode) {
+    EXPECT_EQ(CVexaHttpSendRecv::kLibraryBase + curlCode, reply.retCode);
+    const json::Value answer = json::Deserialize(reply.body);
+    EXPECT_TRUE(answer.HasKey("transportError")) << reply.body;
+    EXPECT_FALSE(answer.HasKey("code") || answer.HasKey("ErrorCode")) << reply.body;
+}
+
+// Opens once; waits are bounded by kPatience.
+class Gate {
+public:
+    void open() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mOpen = true;
+        mChanged.notify_all();
+    }
+    bool pass() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, kPatience, [this] { return mOpen; });
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    bool mOpen = false;
+};
+
+int countEntries(const char* folder) {
+    const auto entries = std::filesystem::directory_iterator(folder);
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
+}
+
+// ---- Before the first request ---------------------------------------------------------------------------------------
+
+// First in the file: the engine must not have been started.
+TEST(HttpsClientFirst, ClientsThatSentNothingOwnNoThreadAndNoDescriptor) {
+    const int threads = countEntries("/proc/self/task");
+    const int descriptors = countEntries("/proc/self/fd");
+    std::vector<std::unique_ptr<CVexaHttpSendRecv>> clients;
+    for (int i = 0; i < 100; ++i) {
+        clients.push_back(std::make_unique<CVexaHttpSendRecv>());
+    }
+    EXPECT_EQ(threads, countEntries("/proc/self/task"));
+    EXPECT_EQ(descriptors, countEntries("/proc/self/fd"));
+}
+
+TEST(HttpsClientFirst, OptionsOutOfRangeAreRefusedAndAllAreAfterTheFirstRequest) {
+    vexalive::HttpOptions options;
+    options.connectTimeout = 0ms;
+    EXPECT_FALSE(vexalive::setHttpOptions(options));
+    options = {};
+    options.totalTimeout = 2h;
+    EXPECT_FALSE(vexalive::setHttpOptions(options));
+    options = {};
+    options.maxAnswerBytes = 0;
+    EXPECT_FALSE(vexalive::setHttpOptions(options));
+    post("https://127.0.0.1:1/");
+    EXPECT_FALSE(vexalive::setHttpOptions({}));
+}
+
+// ---- Return codes ---------------------------------------------------------------------------------------------------
+
+TEST(HttpsClient, PostsTheBodyAsJsonAndTellsTheAnswerOfA200) {
+    std::promise<std::string> seen;
+    ScriptedServer server([&seen](ScriptedServer::Connection& connection) {
+        if (connection.handshake()) {
+            seen.set_value(connection.readRequest());
+            connection.write(httpAnswer(200, "{\"code\":0}"));
+            connection.waitForClient();
+        }
+    });
+    const Reply reply = post(server.url("/v3/liveinterface/x?sdkappid=1&usersig=a/b+c"), "{\"a\":1}");
+    EXPECT_EQ(0, reply.retCode);
+    EXPECT_EQ("{\"code\":0}", reply.body);
+    const std::string request = seen.get_future().get();
+    EXPECT_EQ(0u, request.find("POST /v3/liveinterface/x?sdkappid=1&usersig=a/b+c HTTP/1.1\r\n")) << request;
+    EXPECT_NE(std::string::npos, request.find("\r\nContent-Type: application/json\r\n")) << request;
+    EXPECT_NE(std::string::npos, request.find("\r\nContent-Length: 7\r\n")) << request;
+    EXPECT_EQ(std::string::npos, request.find("Expect")) << request;
+    EXPECT_EQ("\r\n\r\n{\"a\":1}", request.substr(request.size() - 11)) << request;
+}
+
+TEST(HttpsClient, ZeroBytesPassInBothBodies) {
+    const std::string text("{\"a\":\"\0\"}", 9);
+    ScriptedServer server([](ScriptedServer::Connection& connection) {
+        if (connection.handshake()) {
+            const std::string request = connection.readRequest();
+            connection.write(httpAnswer(200, request.substr(request.find("\r\n\r\n") + 4)));
+            connection.waitForClient();
+        }
+    });
+    EXPECT_EQ(text, post(server.url(), text).body);
+}
+
+struct StatusCase {
+    int status;
+    int retCode;
+};
+
+class HttpsClientStatus : public testing::TestWithParam<StatusCase> {};
+
+TEST_P(HttpsClientStatus, IsTold) {
+    ScriptedServer server(answering(httpAnswer(GetParam().status, "what the server says")));
+    const Reply reply = post(server.url());
+    EXPECT_EQ(GetParam().retCode, reply.retCode);
+    EXPECT_EQ("what the server says", reply.body);
+}
+
+INSTANTIATE_TEST_SUITE_P(Success, HttpsClientStatus,
+                         testing::Values(StatusCase{200, 0}, StatusCase{201, 0}, StatusCase{202, 0},
+                                         StatusCase{299, 0}));
+INSTANTIATE_TEST_SUITE_P(WorthAnotherTry, HttpsClientStatus,
+                         testing::Values(StatusCase{408, 1}, StatusCase{425, 1}, StatusCase{429, 1}, StatusCase{500, 1},
+                                         StatusCase{502, 1}, StatusCase{503, 1}, StatusCase{504, 1}));
+INSTANTIATE_TEST_SUITE_P(AsItStands, HttpsClientStatus,
+                         testing::Values(StatusCase{300, 300}, StatusCase{400, 400}, StatusCase{401, 401},
+                                         StatusCase{403, 403}, StatusCase{404, 404}, StatusCase{413, 413},
+                                         StatusCase{501, 501}, StatusCase{505, 505}, StatusCase{599, 599}));
+
+TEST(HttpsClient, NoContentIsAnEmptyAnswer) {
+    ScriptedServer server(answering("HTTP/1.1 204 No Content\r\n\r\n"));
+    const Reply reply = post(server.url());
+    EXPECT_EQ(0, reply.retCode);
+    EXPECT_EQ("", reply.body);
+}
+
+TEST(HttpsClient, InformationalAnswersAreSkipped) {
+    ScriptedServer server(answering("HTTP/1.1 102 Processing\r\n\r\n" + httpAnswer(200, "{}")));
+    EXPECT_EQ(0, post(server.url()).retCode);
+}
+
+TEST(HttpsClient, ARedirectIsToldAndNotFollowed) {
+    ScriptedServer elsewhere(answering(httpAnswer(200, "{}")));
+    ScriptedServer server(answering(httpAnswer(301, "", "Location: " + elsewhere.url() + "\r\n")));
+    EXPECT_EQ(301, post(server.url()).retCode);
+    EXPECT_EQ(0, elsewhere.accepted());
+}
+
+TEST(HttpsClient, AStatusThatIsNoneIsNotTakenForSuccess) {
+    ScriptedServer server(answering("HTTP/1.1 000 Zero\r\nContent-Length: 2\r\n\r\n{}"));
+    EXPECT_GE(post(server.url()).retCode, CVexaHttpSendRecv::kLibraryBase);
+    ScriptedServer one(answering("HTTP/1.1 001 One\r\nContent-Length: 2\r\n\r\n{}"));
+    EXPECT_GE(post(one.url()).retCode, CVexaHttpSendRecv::kLibraryBase);
+}
+
+TEST(HttpsClient, ANameThatDoesNotResolveIsWorthAnotherTry) {
+    EXPECT_EQ(1, post("https://no-such-host.invalid/").retCode);
+}
+
+TEST(HttpsClient, ARefusedConnectionIsWorthAnotherTry) {
+    int port = 0;
+    {
+        ScriptedServer gone(answering(""));
+        port = gone.port();
+    }
+    EXPECT_EQ(1, post("https://127.0.0.1:" + std::to_string(port) + "/").retCode);
+}
+
+TEST(HttpsClient, AServerThatNeverShakesHandsTimesOutAndIsWorthAnotherTry) {
+    ScriptedServer server([](ScriptedServer::Connection& connection) { connection.waitForClient(); });
+    EXPECT_EQ(1, post(server.url()).retCode);
+}
+
+TEST(HttpsClient, AServerThatNeverAnswersTimesOutAndIsWorthAnotherTry) {
+    ScriptedServer server([](ScriptedServer::Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            connection.waitForClient();
+        }
+    });
+    EXPECT_EQ(1, post(server.url()).retCode);
+}
+
+// Each fault takes the connection at another point of the exchange.
+struct LossCase {
+    const char* name;
+    ScriptedServer::Script script;
+};
+
+class HttpsClientLoss : public testing::TestWithParam<LossCase> {};
+
+TEST_P(HttpsClientLoss, IsWorthAnotherTry) {
+    ScriptedServer server(GetParam().script);
+    EXPECT_EQ(1, post(server.url()).retCode);
+}
+
+using Connection = ScriptedServer::Connection;
+
+// Reads the request, sends the bytes and is gone, in good order or by a reset.
+ScriptedServer::Script losing(const std::string& bytes, bool reset) {
+    return [bytes, reset](Connection& connection) {
+        if (!connection.handshake()) {
+            return;
+        }
+        connection.readRequest();
+        connection.write(bytes);
+        if (reset) {
+            connection.reset();
+        }
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lost, HttpsClientLoss,
+    testing::Values(LossCase{"ResetAtOnce", [](Connection& connection) { connection.reset(); }},
+                    LossCase{"ClosedInHandshake", [](Connection&) {}},
+                    LossCase{"ResetBeforeTheHeader", losing("", true)},
+                    LossCase{"ClosedBeforeTheHeader", losing("", false)},
+                    LossCase{"ResetInsideTheHeader", losing("HTTP/1.1 200 OK\r\nContent-", true)},
+                    LossCase{"ClosedInsideTheHeader", losing("HTTP/1.1 200 OK\r\nContent-", false)},
+                    LossCase{"ClosedAfterTheHeader", losing("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n", false)},
+                    LossCase{"ClosedInsideTheBody", losing("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{\"c", false)},
+                    LossCase{"ClosedInsideAChunk",
+                             losing("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n{\"c", false)}),
+    [](const auto& test) { return test.param.name; });
+
+struct CertificateCase {
+    const char* name;
+    CertificateFault fault;
+};
+
+class HttpsClientCertificate : public testing::TestWithParam<CertificateCase> {};
+
+TEST_P(HttpsClientCertificate, IsRefusedForGood) {
+    ScriptedServer server({GetParam().fault, 0}, answering(httpAnswer(200, "{\"code\":0}")));
+    expectExplained(post(server.url()), 60);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bad, HttpsClientCertificate,
+                         testing::Values(CertificateCase{"Expired", CertificateFault::kExpired},
+                                         CertificateCase{"ForAnotherHost", CertificateFault::kOtherHost},
+                                         CertificateCase{"SelfSigned", CertificateFault::kSelfSigned},
+                                         CertificateCase{"OfAnUnknownAuthority", CertificateFault::kUnknownAuthority}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST(HttpsClient, AProtocolOlderThanTls12IsRefusedForGood) {
+    ScriptedServer server({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpAnswer(200, "{}")));
+    expectExplained(post(server.url()), 35);
+}
+
+TEST(HttpsClient, ATls12ServerIsServed) {
+    ScriptedServer server({CertificateFault::kNone, TLS1_2_VERSION}, answering(httpAnswer(200, "{}")));
+    EXPECT_EQ(0, post(server.url()).retCode);
+}
+
+TEST(HttpsClient, AnAddressThatIsNoHttpsIsRefusedForGood) {
+    expectExplained(post("http://127.0.0.1:1/"), 1);
+    expectExplained(post("file:///etc/hostname"), 1);
+}
+
+TEST(HttpsClient, CharactersThatNoAddressMayHoldAreRefusedForGoodAndNothingIsSent) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    expectExplained(post(server.url("/x?usersig=a b")), 3);
+    expectExplained(post(server.url("/x?usersig=a\nb")), 3);
+    expectExplained(post(server.url(std::string("/x?usersig=a\0b", 14))), 3);
+    expectExplained(post(""), 3);
+    EXPECT_EQ(0, server.accepted());
+}
+
+TEST(HttpsClient, AnAnswerAtTheLimitPassesAndOneByteMoreIsCutOff) {
+    ScriptedServer at(answering(httpAnswer(200, std::string(kLimit, 'x'))));
+    EXPECT_EQ(kLimit, post(at.url()).body.size());
+    ScriptedServer announced(answering(httpAnswer(200, std::string(kLimit + 1, 'x'))));
+    expectExplained(post(announced.url()), 63);
+    ScriptedServer unannounced([](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            connection.write("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + std::string(kLimit + 1, 'x'));
+        }
+    });
+    expectExplained(post(unannounced.url()), 63);
+}
+
+TEST(HttpsClient, AnEndlessAnswerIsCutOffAtTheLimit) {
+    ScriptedServer server([](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            connection.write("HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n");
+            connection.waitForClient();
+        }
+    });
+    expectExplained(post(server.url()), 63);
+    ScriptedServer chunked([](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            connection.write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10000000\r\n" +
+                             std::string(size_t{64} << 20, 'x'));
+        }
+    });
+    expectExplained(post(chunked.url()), 63);
+}
+
+TEST(HttpsClient, AServerThatSpeaksNoTlsOrNoHttpIsNotTakenForAnAnswer) {
+    ScriptedServer plain([](Connection& connection) {
+        connection.writePlain("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
+        connection.waitForClient();
+    });
+    EXPECT_NE(0, post(plain.url()).retCode);
+    ScriptedServer garbage(answering("\x01\x02 garbage \xff\r\n\r\n\r\n"));
+    EXPECT_NE(0, post(garbage.url()).retCode);
+}
+
+// ---- Connections ----------------------------------------------------------------------------------------------------
+
+TEST(HttpsClient, AllClientsShareAConnectionThatIsFree) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(0, post(server.url()).retCode);  // a new client each
+    }
+    EXPECT_EQ(1, server.accepted());
+}
+
+TEST(HttpsClient, AConnectionThatTheServerClosedMeanwhileIsReplaced) {
+    ScriptedServer server([](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            connection.write(httpAnswer(200, "{}"));  // and closes, though it had not said so
+        }
+    });
+    CVexaHttpSendRecv client;
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(0, wait(send(client, server.url())).retCode);
+    }
+    EXPECT_EQ(5, server.accepted());
+}
+
+// ---- Delivery -------------------------------------------------------------------------------------------------------
+
+TEST(HttpsClient, AnswersComeOnAThreadOfTheClientsAndOneAtATime) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    CVexaHttpSendRecv client;
+    std::mutex mutex;
+    int running = 0;
+    int most = 0;
+    int told = 0;
+    Gate done;
+    const std::thread::id sender = std::this_thread::get_id();
+    for (int i = 0; i < 50; ++i) {
+        KstCopyOnWriteBuffer body = bufferOf("{}");
+        client.sendHttpsRequest(body, server.url(), [&](int, KstCopyOnWriteBuffer&) {
+            EXPECT_NE(sender, std::this_thread::get_id());
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                most = std::max(most, ++running);
+            }
+            std::this_thread::yield();
+            std::lock_guard<std::mutex> lock(mutex);
+            --running;
+            if (++told == 50) {
+                done.open();
+            }
+        });
+    }
+    EXPECT_TRUE(done.pass());
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(1, most);
+}
+
+TEST(HttpsClient, CallbacksThatBlockDelayNoOtherClient) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    constexpr int kBlocked = 8;
+    std::vector<std::unique_ptr<CVexaHttpSendRecv>> blocked;
+    std::vector<std::unique_ptr<Gate>> entered;
+    Gate leave;
+    for (int i = 0; i < kBlocked; ++i) {
+        blocked.push_back(std::make_unique<CVexaHttpSendRecv>());
+        entered.push_back(std::make_unique<Gate>());
+        KstCopyOnWriteBuffer body = bufferOf("{}");
+        blocked.back()->sendHttpsRequest(body, server.url(), [&leave, gate = entered.back().get()](auto&&...) {
+            gate->open();
+            EXPECT_TRUE(leave.pass());
+        });
+    }
+    for (const auto& gate : entered) {
+        EXPECT_TRUE(gate->pass());  // so all of them block at the same time
+    }
+    EXPECT_EQ(0, post(server.url()).retCode);
+    leave.open();
+}
+
+TEST(HttpsClient, ACallbackMaySendAgain) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    CVexaHttpSendRecv client;
+    Gate done;
+    int left = 10;
+    std::function<void(int, KstCopyOnWriteBuffer&)> again = [&](int, KstCopyOnWriteBuffer&) {
+        if (--left == 0) {
+            done.open();
+            return;
+        }
+        KstCopyOnWriteBuffer body = bufferOf("{}");
+        client.sendHttpsRequest(body, server.url(), again);
+    };
+    KstCopyOnWriteBuffer body = bufferOf("{}");
+    client.sendHttpsRequest(body, server.url(), again);
+    EXPECT_TRUE(done.pass());
+}
+
+TEST(HttpsClient, ARequestWithoutACallbackIsSentAllTheSame) {
+    std::promise<void> seen;
+    ScriptedServer server([&seen](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            seen.set_value();
+            connection.write(httpAnswer(200, "{}"));
+        }
+    });
+    CVexaHttpSendRecv client;
+    KstCopyOnWriteBuffer body;
+    client.sendHttpsRequest(body, server.url(), nullptr);
+    EXPECT_EQ(std::future_status::ready, seen.get_future().wait_for(kPatience));
+}
+
+// ---- The client's end -----------------------------------------------------------------------------------------------
+
+TEST(HttpsClient, MayBeDestroyedInItsOwnCallback) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    for (int i = 0; i < 50; ++i) {
+        auto client = std::make_shared<CVexaHttpSendRecv>();
+        Gate done;
+        KstCopyOnWriteBuffer body = bufferOf("{}");
+        CVexaHttpSendRecv* sender = client.get();
+        sender->sendHttpsRequest(body, server.url(), [owner = std::move(client), &done](auto&&...) mutable {
+            owner.reset();
+            done.open();
+        });
+        ASSERT_TRUE(done.pass());
+    }
+}
+
+TEST(HttpsClient, NoCallbackBeginsOnceTheClientIsDestroyed) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    std::atomic<int> late{0};
+    for (int i = 0; i < 300; ++i) {
+        const auto gone = std::make_shared<std::atomic<bool>>(false);
+        auto client = std::make_unique<CVexaHttpSendRecv>();
+        Gate first;
+        for (int j = 0; j < 3; ++j) {
+            KstCopyOnWriteBuffer body = bufferOf("{}");
+            client->sendHttpsRequest(body, server.url(), [gone, j, &late, gate = j == 0 ? &first : nullptr](auto&&...) {
+                if (*gone) {
+                    ++late;
+                }
+                if (j == 0) {
+                    gate->open();
+                }
+            });
+        }
+        if (i % 2 == 0) {
+            EXPECT_TRUE(first.pass());  // the others are on their way
+        } else {
+            std::this_thread::yield();
+        }
+        if (i % 2 != 0) {
+            client.reset();
+            *gone = true;
+            continue;
+        }
+        client.reset();
+        *gone = true;
+    }
+    EXPECT_EQ(0, post(server.url()).retCode);
+    EXPECT_EQ(0, late);
+}
+
+TEST(HttpsClient, TheDestructorWaitsForACallbackOnAnotherThread) {
+    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    auto client = std::make_unique<CVexaHttpSendRecv>();
+    Gate entered;
+    Gate leave;
+    std::atomic<bool> ended{false};
+    KstCopyOnWriteBuffer body = bufferOf("{}");
+    client->sendHttpsRequest(body, server.url(), [&](auto&&...) {
+        entered.open();
+        EXPECT_TRUE(leave.pass());
+        ended = true;
+    });
+    ASSERT_TRUE(entered.pass());
+    std::thread opener([&leave] { leave.open(); });
+    client.reset();
+    EXPECT_TRUE(ended);
+    opener.join();
+}
+
+TEST(HttpsClient, ARequestInFlightReachesTheServerThoughItsClientIsGone) {
+    std::promise<void> seen;
+    ScriptedServer server([&seen](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            seen.set_value();
+            connection.write(httpAnswer(200, "{}"));
+        }
+    });
+    const auto witness = std::make_shared<int>(0);
+    {
+        CVexaHttpSendRecv client;
+        KstCopyOnWriteBuffer body = bufferOf("{}");
+        client.sendHttpsRequest(body, server.url(), [witness](auto&&...) { ADD_FAILURE() << "told though gone"; });
+    }
+    EXPECT_EQ(std::future_status::ready, seen.get_future().wait_for(kPatience));
+}
+
+// ---- The observer ---------------------------------------------------------------------------------------------------
+
+TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
+    struct Seen {
+        vexalive::HttpExchange::Phase phase;
+        uint64_t id;
+        std::string interfaceName;
+        size_t bytesSent;
+        int retCode;
+        std::string answer;
+    };
+    std::mutex mutex;
+    std::vector<Seen> seen;
+    Gate delivered;
+    vexalive::setHttpObserver([&](const vexalive::HttpExchange& exchange) {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back({exchange.phase, exchange.id, std::string(exchange.interfaceName), exchange.bytesSent,
+                        exchange.retCode, std::string(exchange.answer)});
+        if (exchange.phase == vexalive::HttpExchange::kDelivered) {
+            delivered.open();
+        }
+    });
+    ScriptedServer server(answering(httpAnswer(404, "nothing here")));
+    CVexaHttpSendRecv client;
+    wait(send(client, server.url("/v3/liveinterface/remove_relay_stream_url?usersig=secret/x"), "{\"a\":1}"));
+    EXPECT_TRUE(delivered.pass());
+    vexalive::setHttpObserver(nullptr);
+
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(3u, seen.size());
+    for (const Seen& each : seen) {
+        EXPECT_EQ(seen[0].id, each.id);
+        EXPECT_EQ("remove_relay_stream_url", each.interfaceName);
+        EXPECT_EQ(7u, each.bytesSent);
+    }
+    EXPECT_EQ(vexalive::HttpExchange::kStarted, seen[0].phase);
+    EXPECT_EQ(vexalive::HttpExchange::kAnswered, seen[1].phase);
+    EXPECT_EQ(404, seen[1].retCode);
+    EXPECT_EQ("nothing here", seen[1].answer);
+    EXPECT_EQ(vexalive::HttpExchange::kDelivered, seen[2].phase);
+    EXPECT_EQ(404, seen[2].retCode);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    const std::string caFile = testing::TempDir() + "vexalive-client-test-" + std::to_string(getpid()) + ".pem";
+    std::ofstream(caFile) << testAuthority().pem();
+    vexalive::HttpOptions options;
+    options.connectTimeout = 2000ms;
+    options.totalTimeout = 4000ms;
+    options.maxAnswerBytes = kLimit;
+    options.caFile = caFile;
+    const int result = vexalive::setHttpOptions(options) ? RUN_ALL_TESTS() : 1;
+    std::remove(caFile.c_str());
+    return result;
+}

@@ -1,0 +1,80 @@
+// A TLS server on loopback that does on each connection exactly what a test says, down to the bytes: for faults that a
+// proper server never shows.
+
+#ifndef VEXALIVE_TESTS_HTTPS_SCRIPTED_SERVER_H
+#define VEXALIVE_TESTS_HTTPS_SCRIPTED_SERVER_H
+
+#include <openssl/ssl.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestCertificates.h"
+
+class ScriptedServer {
+public:
+    // One accepted connection, as its script sees it.
+    class Connection {
+    public:
+        Connection(int socket, SSL_CTX* context, std::atomic<bool>& stopping);
+        ~Connection();
+        Connection(const Connection&) = delete;
+        Connection& operator=(const Connection&) = delete;
+
+        // False if the handshake failed.
+        bool handshake();
+        // The next request, head and body; empty when the client has gone.
+        std::string readRequest();
+        void write(const std::string& bytes);
+        void writePlain(const std::string& bytes);  // past TLS
+        void reset();                               // RST instead of an orderly end
+        void waitForClient();                       // until the client closes, or the server stops
+
+    private:
+        int mSocket;
+        SSL* mSsl;
+        std::atomic<bool>& mStopping;
+    };
+
+    using Script = std::function<void(Connection& connection)>;
+
+    struct Options {
+        CertificateFault fault = CertificateFault::kNone;
+        int highestProtocol = 0;  // TLS1_1_VERSION, …; 0 for the library's highest
+    };
+
+    // Listens on a free port; each connection runs `script` on a thread of its own, after no handshake.
+    explicit ScriptedServer(Script script) : ScriptedServer(Options(), std::move(script)) {}
+    ScriptedServer(const Options& options, Script script);
+    ~ScriptedServer();
+    ScriptedServer(const ScriptedServer&) = delete;
+    ScriptedServer& operator=(const ScriptedServer&) = delete;
+
+    int port() const { return mPort; }
+    std::string url(const std::string& path = "/v3/liveinterface/add_relay_stream_url?usersig=s") const;
+    int accepted() const { return mAccepted; }
+
+private:
+    void acceptAll();
+
+    const Script mScript;
+    SSL_CTX* mContext;
+    TestCertificate mCertificate;
+    int mListener;
+    int mPort = 0;
+    std::atomic<int> mAccepted{0};
+    std::atomic<bool> mStopping{false};
+    std::vector<std::thread> mConnections;
+    std::thread mAcceptor;
+};
+
+// A proper answer.
+std::string httpAnswer(int status, const std::string& body, const std::string& headers = "");
+
+// Handshakes, then answers every request of a connection with the same bytes.
+ScriptedServer::Script answering(std::string bytes);
+
+#endif

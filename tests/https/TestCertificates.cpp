@@ -1,0 +1,97 @@
+#include "TestCertificates.h"
+
+#include <openssl/bio.h>
+#include <openssl/ec.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+void require(bool condition, const char* what) {
+    if (!condition) {
+        std::fprintf(stderr, "test certificates: %s failed\n", what);
+        std::abort();
+    }
+}
+
+void addExtension(X509* certificate, int nid, const char* value) {
+    X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, nullptr, nid, value);
+    require(extension != nullptr, value);
+    X509_add_ext(certificate, extension, -1);
+    X509_EXTENSION_free(extension);
+}
+
+struct Wanted {
+    const char* name;
+    const char* alternativeNames;  // null for an authority
+    long fromSeconds;
+    long toSeconds;
+};
+
+// Signed by `authority`, or by itself if that is null.
+TestCertificate make(const Wanted& wanted, const TestCertificate* authority) {
+    static long serial = 0;
+    TestCertificate made;
+    made.key.reset(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    made.certificate.reset(X509_new(), X509_free);
+    X509* certificate = made.certificate.get();
+    require(made.key && certificate, "key");
+    X509_set_version(certificate, X509_VERSION_3);
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate), ++serial);
+    X509_gmtime_adj(X509_getm_notBefore(certificate), wanted.fromSeconds);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), wanted.toSeconds);
+    X509_set_pubkey(certificate, made.key.get());
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>(wanted.name), -1, -1, 0);
+    const TestCertificate& issuer = authority ? *authority : made;
+    X509_set_issuer_name(certificate, X509_get_subject_name(issuer.certificate.get()));
+    if (wanted.alternativeNames) {
+        addExtension(certificate, NID_subject_alt_name, wanted.alternativeNames);
+    } else {
+        addExtension(certificate, NID_basic_constraints, "critical,CA:TRUE");
+        addExtension(certificate, NID_key_usage, "critical,keyCertSign,cRLSign");
+    }
+    require(X509_sign(certificate, issuer.key.get(), EVP_sha256()) > 0, "signing");
+    return made;
+}
+
+constexpr long kDay = 24 * 60 * 60;
+constexpr const char* kLoopback = "DNS:localhost,IP:127.0.0.1";
+
+}  // namespace
+
+std::string TestCertificate::pem() const {
+    BIO* bio = BIO_new(BIO_s_mem());
+    PEM_write_bio_X509(bio, certificate.get());
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio, &data);
+    std::string text(data, static_cast<size_t>(size));
+    BIO_free(bio);
+    return text;
+}
+
+const TestCertificate& testAuthority() {
+    static const TestCertificate authority = make({"Trusted test authority", nullptr, -kDay, kDay}, nullptr);
+    return authority;
+}
+
+TestCertificate makeServerCertificate(CertificateFault fault) {
+    switch (fault) {
+        case CertificateFault::kExpired:
+            return make({"expired", kLoopback, -2 * kDay, -kDay}, &testAuthority());
+        case CertificateFault::kOtherHost:
+            return make({"other host", "DNS:elsewhere.example", -kDay, kDay}, &testAuthority());
+        case CertificateFault::kSelfSigned:
+            return make({"self signed", kLoopback, -kDay, kDay}, nullptr);
+        case CertificateFault::kUnknownAuthority: {
+            const TestCertificate stranger = make({"Unknown test authority", nullptr, -kDay, kDay}, nullptr);
+            return make({"by a stranger", kLoopback, -kDay, kDay}, &stranger);
+        }
+        case CertificateFault::kNone:
+            break;
+    }
+    return make({"good", kLoopback, -kDay, kDay}, &testAuthority());
+}
