@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cctype>
+#include <csignal>
 #include <cstdlib>
 #include <utility>
 
@@ -140,6 +140,11 @@ std::string ScriptedServer::url(const std::string& path) const {
 }
 
 void ScriptedServer::acceptAll() {
+    // A client that has gone is no end of the world here; the client's own threads are left to show that they cope.
+    sigset_t brokenPipe;
+    sigemptyset(&brokenPipe);
+    sigaddset(&brokenPipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);  // the connections' threads inherit it
     while (!mStopping) {
         if (!readable(mListener)) {
             continue;
