@@ -249,7 +249,7 @@ void HttpEngine::begin(std::unique_ptr<HttpRequest> request) {
         end(std::move(exchange), CURLE_FAILED_INIT);
         return;
     }
-    exchange.release();  // comes back in collectFinished
+    static_cast<void>(exchange.release());  // comes back in collectFinished
 }
 
 // What all requests share is set once for a handle, and handles are used again.
