@@ -50,9 +50,14 @@ constexpr int kCanvasInput = 3;          // "input_type"
 constexpr int kAudioInput = 4;           // "input_type"
 constexpr int kVideoInput = 0;           // "input_type"
 
-// Never destroyed, since a worker may still send while the process exits.
-const std::string& CGI_VEXALIVE_SERVER =
-    *new std::string("https://" + std::string(kstf_get_live_service_host()) + "/v3/liveinterface/");
+// Made when the program starts, or earlier if an adapter is at work before main. Never destroyed, since a worker may
+// still send while the process exits.
+const std::string& serverUrl() {
+    static const std::string& url =
+        *new std::string("https://" + std::string(kstf_get_live_service_host()) + "/v3/liveinterface/");
+    return url;
+}
+const std::string& CGI_VEXALIVE_SERVER = serverUrl();
 
 // printf into a string of at most 4094 characters; the format itself if it cannot be printed.
 #if defined(__GNUC__)
@@ -60,7 +65,7 @@ __attribute__((format(printf, 1, 2)))
 #endif
 std::string
 VexaFormatString(const char* format, ...) {
-    char text[4096];
+    char text[4096] = {};
     va_list arguments;
     va_start(arguments, format);
     const int length = std::vsnprintf(text, sizeof text - 1, format, arguments);
@@ -73,6 +78,16 @@ void forget(VexaTranscodingConfigInternal& config) {
     config.videoWidth = config.videoHeight = config.videoBitrate = config.videoFramerate = config.videoGOP = 0;
     config.audioSampleRate = config.audioBitrate = config.audioChannels = 0;
     config.mixUsersArray.clear();
+}
+
+// All fields for a mix with video, only the ids for one of audio alone. -1 is a value.
+bool isComplete(const VexaTranscodingConfigInternal& config, bool bPureAudio) {
+    if (config.appId == 0 || config.bizId == 0) {
+        return false;
+    }
+    return bPureAudio || (config.videoWidth != 0 && config.videoHeight != 0 && config.videoBitrate != 0 &&
+                          config.videoFramerate != 0 && config.videoGOP != 0 && config.audioSampleRate != 0 &&
+                          config.audioBitrate != 0 && config.audioChannels != 0);
 }
 
 json::Object mixInput(std::string streamId, json::Object layout) {
@@ -105,11 +120,7 @@ struct LiveTranscodingAdapter::Attempt {
     const char* function;   // whose name the send's log line carries
     const char* sendLog;    // shows the index, the tries made and the body
     const char* answerLog;  // shows the index, the return code and the answer
-    bool dropsStaleTask;    // a delayed send whose generation is over
     bool dropsStaleAnswer;  // an answer whose generation is over
-    bool opensTraceWithBody;
-    std::string (LiveTranscodingAdapter::*opensTraceWith)(int index);  // asked when the answer comes; may be null
-    bool reportsBody;                                                  // the body becomes the report's information
 };
 
 // One kind of request.
@@ -125,6 +136,10 @@ struct LiveTranscodingAdapter::RequestKind {
     bool (*isRetriedCode)(int64_t c);  // of a server's code, without its sign
     std::string (*buildBody)(LiveTranscodingAdapter& self);
     void (LiveTranscodingAdapter::*retryEntry)(int index, std::string trace);
+    bool reportsBody;         // the first body becomes the report's information
+    bool opensTraceWithBody;  // with the first one
+    std::string (LiveTranscodingAdapter::*opensTraceWith)(int index);  // asked when the first answer comes; may be null
+    bool dropsStaleRetry;                                              // checks the generation before it sends again
     Attempt first;
     Attempt retry;
 
@@ -136,23 +151,23 @@ struct LiveTranscodingAdapter::RequestKind {
     static const RequestKind& byNumber(int number);
 };
 
-// The one place where the kinds differ. Every unevenness between the rows is meant and part of the contract.
 namespace {
 
 using Adapter = LiveTranscodingAdapter;
 using Delegate = ILiveTrancodingDelegate;
 
-constexpr bool kSendsStale = false;  // the operation's own task has checked before a first send
-constexpr bool kDropsStaleTask = true;
-constexpr bool kJudgesStale = false;
-constexpr bool kDropsStaleAnswer = true;
-constexpr bool kKeepsTrace = false;
-constexpr bool kBodyOpensTrace = true;
-constexpr bool kBodyUnreported = false;
+constexpr bool kReportsParameter = false;
 constexpr bool kReportsBody = true;
+constexpr bool kTraceOpensEmpty = false;
+constexpr bool kBodyOpensTrace = true;
+constexpr bool kSendsStaleRetry = false;
+constexpr bool kDropsStaleRetry = true;
+constexpr bool kJudgesStaleAnswer = false;
+constexpr bool kDropsStaleAnswer = true;
 
 }  // namespace
 
+// The one place where the kinds differ. Every unevenness between the rows is meant and part of the contract.
 // clang-format off
 const Adapter::Family Adapter::Family::kRelay = {
     &Adapter::cdnTaskIndex, &Adapter::retryStartCdnCnt, &Adapter::retryStopCdnCnt, 30, -3321, -3323, -200000};
@@ -166,14 +181,15 @@ const Adapter::RequestKind Adapter::RequestKind::kAddRelay = {
     [](int64_t c) { return c == 1; },
     [](Adapter& self) { return self.getAddPublisherData(self.mPublishCDNParam.url); },
     &Adapter::retryAddPublishUrlInner,
+    kReportsParameter, kBodyOpensTrace, nullptr, kSendsStaleRetry,
     {"addPublishUrlInner",
      "addPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
      "addPublishUrlInner index: %d, ret: %lu, respData: %s",
-     kSendsStale, kDropsStaleAnswer, kBodyOpensTrace, nullptr, kBodyUnreported},
+     kDropsStaleAnswer},
     {kInTask,
      "retryAddPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
      "retryAddPublishUrlInner index: %d, ret: %lu, respData: %s",
-     kSendsStale, kDropsStaleAnswer, kKeepsTrace, nullptr, kBodyUnreported},
+     kDropsStaleAnswer},
 };
 
 const Adapter::RequestKind Adapter::RequestKind::kRemoveRelay = {
@@ -183,14 +199,15 @@ const Adapter::RequestKind Adapter::RequestKind::kRemoveRelay = {
     [](int64_t) { return false; },
     [](Adapter& self) { return self.getRemovePublisherData(); },
     &Adapter::retryRemovePublishUrlInner,
+    kReportsBody, kTraceOpensEmpty, nullptr, kDropsStaleRetry,
     {"removePublishUrlInner",
      "removePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
      "removePublishUrlInner index: %d, ret: %lu, respData: %s",
-     kSendsStale, kDropsStaleAnswer, kKeepsTrace, nullptr, kReportsBody},
+     kDropsStaleAnswer},
     {kInTask,
      "retryRemovePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
      "retryRemovePublishUrlInner index: %d, ret: %lu, respData: %s",
-     kDropsStaleTask, kJudgesStale, kKeepsTrace, nullptr, kBodyUnreported},
+     kJudgesStaleAnswer},
 };
 
 const Adapter::RequestKind Adapter::RequestKind::kStartMix = {
@@ -200,14 +217,15 @@ const Adapter::RequestKind Adapter::RequestKind::kStartMix = {
     [](int64_t c) { return c == 3 || c == 505 || c == 10017; },
     [](Adapter& self) { return self.getMixPostData(); },
     &Adapter::retryStartMixStream,
+    kReportsParameter, kTraceOpensEmpty, &Adapter::getReportMixPostData, kDropsStaleRetry,
     {"startMixStream",
      "startMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
      "startMixStream index: %d, ret: %lu, respData: %s",
-     kSendsStale, kDropsStaleAnswer, kKeepsTrace, &Adapter::getReportMixPostData, kBodyUnreported},
+     kDropsStaleAnswer},
     {kInTask,
      "retryStartMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
      "retryStartMixStream index: %d, ret: %lu, respData: %s",
-     kDropsStaleTask, kJudgesStale, kKeepsTrace, nullptr, kBodyUnreported},
+     kJudgesStaleAnswer},
 };
 
 const Adapter::RequestKind Adapter::RequestKind::kCancelMix = {
@@ -217,14 +235,15 @@ const Adapter::RequestKind Adapter::RequestKind::kCancelMix = {
     [](int64_t) { return false; },
     [](Adapter& self) { return self.getCancelMixPostData(); },
     &Adapter::retryCancelMixStream,
+    kReportsBody, kTraceOpensEmpty, nullptr, kDropsStaleRetry,
     {"cancelMixStream",
      "index: %d, retryCancelMixCnt:%d, jsonStr: %s",
      "index: %d, ret: %lu, respData: %s",
-     kSendsStale, kDropsStaleAnswer, kKeepsTrace, nullptr, kReportsBody},
+     kDropsStaleAnswer},
     {kInTask,
      "index: %d, retryStartMixCnt:%d, jsonStr: %s",
      "index: %d, ret: %lu, respData: %s",
-     kDropsStaleTask, kJudgesStale, kKeepsTrace, nullptr, kBodyUnreported},
+     kJudgesStaleAnswer},
 };
 // clang-format on
 
@@ -238,8 +257,11 @@ const LiveTranscodingAdapter::RequestKind& LiveTranscodingAdapter::RequestKind::
 // `work` for another thread and a later time: it does nothing once the adapter is gone, and never keeps it alive.
 template <class F>
 auto LiveTranscodingAdapter::whileAlive(F work) {
-    return [weak = std::weak_ptr<LiveTranscodingAdapter>(shared_from_this()),
-            work = std::move(work)](auto&&... arguments) mutable {
+    const std::shared_ptr<LiveTranscodingAdapter> self = weak_from_this().lock();
+    if (!self) {
+        std::abort();  // owned by no shared pointer, or being destroyed
+    }
+    return [weak = std::weak_ptr<LiveTranscodingAdapter>(self), work = std::move(work)](auto&&... arguments) mutable {
         if (const auto alive = weak.lock()) {
             work(arguments...);
         }
@@ -333,7 +355,7 @@ void LiveTranscodingAdapter::startPublishStreamUrl(const VexaPublishCDNParamInte
     {
         KstMutexLock lock(mMutex);
         index = supersede(Family::kRelay);
-        mStartCdnInfo = information;
+        mStartCdnInfo.swap(information);
     }
     post([this, param, index] {
         // The parameter is judged before the generation: a bad one is told and reported even when superseded.
@@ -358,7 +380,7 @@ void LiveTranscodingAdapter::startPublishStreamUrl(const VexaPublishCDNParamInte
         if (mIsEnterRoom) {
             addPublishUrlInner(index);
         } else {
-            kstf_log(kProgress, kSourceFile, __LINE__, kInTask, "%s", kNotInRoom);
+            kstf_log(kProgress, kSourceFile, __LINE__, kInTask, kNotInRoom);
             report(RequestKind::kAddRelay, kNotInRoom);
         }
     });
@@ -376,7 +398,7 @@ void LiveTranscodingAdapter::stopPublishStreamUrl() {
         }
         mPendingCdn = false;
         if (mAppId == 0) {
-            kstf_log(kProgress, kSourceFile, __LINE__, kInTask, "%s", kNoRelayToStop);
+            kstf_log(kProgress, kSourceFile, __LINE__, kInTask, kNoRelayToStop);
             notify(&ILiveTrancodingDelegate::onStopLiveMixTranscoding, Family::kRelay.unreadableError, kNoRelayToStop);
             return;
         }
@@ -392,7 +414,7 @@ int32_t LiveTranscodingAdapter::setLiveMixTranscoding(const VexaTranscodingConfi
     {
         KstMutexLock lock(mMutex);
         index = supersede(Family::kMix);
-        mStartMixInfo = information;
+        mStartMixInfo.swap(information);
     }
     post([this, config, index] {
         const auto refuse = [this](const char* message) {
@@ -435,7 +457,7 @@ int32_t LiveTranscodingAdapter::setLiveMixTranscoding(const VexaTranscodingConfi
             }
             startMixStream(index);
         } else {
-            kstf_log(kRefusal, kSourceFile, __LINE__, kInTask, "%s", kNotInRoom);
+            kstf_log(kRefusal, kSourceFile, __LINE__, kInTask, kNotInRoom);
             report(RequestKind::kStartMix, kNotInRoom);
         }
     });
@@ -454,23 +476,13 @@ void LiveTranscodingAdapter::stopLiveMixTranscoding() {
         }
         mPendingMix = false;
         if (mAppId == 0) {
-            kstf_log(kProgress, kSourceFile, __LINE__, kInTask, "%s", kNoMixToStop);
+            kstf_log(kProgress, kSourceFile, __LINE__, kInTask, kNoMixToStop);
             notify(&ILiveTrancodingDelegate::onStopLiveMixTranscoding, Family::kMix.unreadableError, kNoMixToStop);
             return;
         }
         clear();
         cancelMixStream(index);
     });
-}
-
-// All fields for a mix with video, only the ids for one of audio alone. -1 is a value.
-bool LiveTranscodingAdapter::isComplete(const VexaTranscodingConfigInternal& config, bool bPureAudio) {
-    if (config.appId == 0 || config.bizId == 0) {
-        return false;
-    }
-    return bPureAudio || (config.videoWidth != 0 && config.videoHeight != 0 && config.videoBitrate != 0 &&
-                          config.videoFramerate != 0 && config.videoGOP != 0 && config.audioSampleRate != 0 &&
-                          config.audioBitrate != 0 && config.audioChannels != 0);
 }
 
 bool LiveTranscodingAdapter::isPureAudioStream(std::vector<VexaMixUserInternal> users) {
@@ -518,17 +530,17 @@ void LiveTranscodingAdapter::sortMixConfig() {
 
 // Makes all earlier work of the family stale and ends its retries; returns the number of the new generation.
 int32_t LiveTranscodingAdapter::supersede(const Family& family) {
-    this->*family.startCounter = 0;
-    this->*family.stopCounter = 0;
-    return ++(this->*family.generation);
+    guarded(family.startCounter) = 0;
+    guarded(family.stopCounter) = 0;
+    return ++guarded(family.generation);
 }
 
 bool LiveTranscodingAdapter::isStale(const Family& family, int32_t index) {
-    return count(family.generation) != index;
+    return read(family.generation) != index;
 }
 
 bool LiveTranscodingAdapter::dropStale(const Family& family, int32_t index) {
-    const int32_t current = count(family.generation);
+    const int32_t current = read(family.generation);
     if (current == index) {
         return false;
     }
@@ -537,34 +549,26 @@ bool LiveTranscodingAdapter::dropStale(const Family& family, int32_t index) {
     return true;
 }
 
-int32_t LiveTranscodingAdapter::count(int32_t LiveTranscodingAdapter::*counter) {
-    KstMutexLock lock(mMutex);
-    return this->*counter;
-}
-
 // ---- The engine -----------------------------------------------------------------------------------------------------
 
 void LiveTranscodingAdapter::sendFirst(const RequestKind& kind, int32_t index) {
     {
         KstMutexLock lock(mMutex);
-        this->*kind.retries = kRetryBudget;
+        guarded(kind.retries) = kRetryBudget;
     }
-    send(kind, kind.first, index, std::string());
-}
-
-// Builds the address and the body anew for each attempt.
-void LiveTranscodingAdapter::send(const RequestKind& kind, const Attempt& attempt, int32_t index, std::string trace) {
     const std::string url = getServerUrl(kind.interfaceName);
     const std::string body = kind.buildBody(*this);
-    if (attempt.reportsBody) {
+    if (kind.reportsBody) {
         KstMutexLock lock(mMutex);
-        this->*kind.information = body;
+        guarded(kind.information) = body;
     }
+    send(kind, kind.first, index, url, body, kind.opensTraceWithBody ? body : std::string());
+}
+
+void LiveTranscodingAdapter::send(const RequestKind& kind, const Attempt& attempt, int32_t index,
+                                  const std::string& url, const std::string& body, std::string trace) {
     kstf_log(kProgress, kSourceFile, __LINE__, attempt.function, attempt.sendLog, index,
-             kRetryBudget - count(kind.retries), body.c_str());
-    if (attempt.opensTraceWithBody) {
-        trace = body;
-    }
+             kRetryBudget - read(kind.retries), body.c_str());
     KstCopyOnWriteBuffer buffer(reinterpret_cast<const uint8_t*>(body.data()), body.size());
     (this->*kind.client)
         ->sendHttpsRequest(buffer, url,
@@ -580,39 +584,42 @@ void LiveTranscodingAdapter::receive(const RequestKind& kind, const Attempt& att
     if (attempt.dropsStaleAnswer && isStale(kind.family, index)) {
         return;
     }
-    const std::string respData(reinterpret_cast<const char*>(response.cdata()), response.size());
-    if (attempt.opensTraceWith) {
-        trace = (this->*attempt.opensTraceWith)(index);
+    std::string respData(reinterpret_cast<const char*>(response.cdata()), response.size());
+    if (kind.opensTraceWith && &attempt == &kind.first) {
+        trace = (this->*kind.opensTraceWith)(index);
     }
-    char head[260];
-    std::snprintf(head, sizeof head, " [tryHttp:cnt-%d]retCode:%d, respData:", count(kind.tracedCounter), retCode);
-    trace += head + respData;
+    char head[260] = {};
+    std::snprintf(head, sizeof head, " [tryHttp:cnt-%d]retCode:%d, respData:", read(kind.tracedCounter), retCode);
+    trace += head;
+    trace += respData;
     kstf_log(kProgress, kSourceFile, __LINE__, kInTask, attempt.answerLog, index,
              static_cast<unsigned long>(static_cast<uint32_t>(retCode)), respData.c_str());
     if (isRetryRequest(retCode, respData, kind.number) && takeRetry(kind)) {
         (this->*kind.retryEntry)(index, std::move(trace));
         return;
     }
-    responeRequest(retCode, respData, kind.number);
+    responeRequest(retCode, std::move(respData), kind.number);
     report(kind, std::move(trace));
 }
 
 bool LiveTranscodingAdapter::takeRetry(const RequestKind& kind) {
     KstMutexLock lock(mMutex);
-    if (this->*kind.retries <= 0) {
+    if (guarded(kind.retries) <= 0) {
         return false;
     }
-    --(this->*kind.retries);
+    --guarded(kind.retries);
     return true;
 }
 
+// After the pause, with an address and a body built anew.
 void LiveTranscodingAdapter::retry(const RequestKind& kind, int32_t index, std::string trace) {
-    const std::chrono::milliseconds delay(getDelayTime(kRetryBudget - count(kind.retries)));
+    const std::chrono::milliseconds delay(getDelayTime(kRetryBudget - read(kind.retries)));
     mMessageLoop->DelayPostTask(delay, whileAlive([this, &kind, index, trace = std::move(trace)]() mutable {
-                                    if (kind.retry.dropsStaleTask && isStale(kind.family, index)) {
+                                    if (kind.dropsStaleRetry && isStale(kind.family, index)) {
                                         return;
                                     }
-                                    send(kind, kind.retry, index, std::move(trace));
+                                    const std::string url = getServerUrl(kind.interfaceName);
+                                    send(kind, kind.retry, index, url, kind.buildBody(*this), std::move(trace));
                                 }));
 }
 
@@ -718,7 +725,7 @@ int LiveTranscodingAdapter::responeRequest(int retCode, std::string respData, in
 
 std::string LiveTranscodingAdapter::getServerUrl(std::string interfaceName) {
     const int random = std::rand() % 10000;
-    return VexaFormatString("%s%s?sdkappid=%d&random=%d&usersig=%s&parivMapKey=%s", CGI_VEXALIVE_SERVER.c_str(),
+    return VexaFormatString("%s%s?sdkappid=%d&random=%d&usersig=%s&parivMapKey=%s", serverUrl().c_str(),
                             interfaceName.c_str(), static_cast<int32_t>(mSdkAppId), random, mUserSig.c_str(),
                             mPrivateMapKey.c_str());
 }
@@ -730,7 +737,7 @@ json::Object LiveTranscodingAdapter::commonFields(const char* interfaceName) {
     fields["event_id"] = getEventIdSeq();
     fields["appid"] = mAppId;
     fields["path"] = "live";
-    fields["domain"] = VexaFormatString("%d.%s", count(&LiveTranscodingAdapter::mBizId), kstf_get_push_domain_suffix());
+    fields["domain"] = VexaFormatString("%d.%s", read(&LiveTranscodingAdapter::mBizId), kstf_get_push_domain_suffix());
     return fields;
 }
 
@@ -754,7 +761,7 @@ int32_t LiveTranscodingAdapter::getEventIdSeq() {
 
 std::string LiveTranscodingAdapter::getStreamId(std::string roomId, std::string userId, bool isMain) {
     const std::string name = VexaFormatString("%s_%s_%s", roomId.c_str(), userId.c_str(), isMain ? "main" : "aux");
-    return VexaFormatString("%d_%s", count(&LiveTranscodingAdapter::mBizId), getMD5(name, false).c_str());
+    return VexaFormatString("%d_%s", read(&LiveTranscodingAdapter::mBizId), getMD5(name, false).c_str());
 }
 
 std::string LiveTranscodingAdapter::getMD5(std::string text, bool /*flag*/) {
@@ -869,7 +876,7 @@ std::string LiveTranscodingAdapter::getReportMixPostData(int index) {
     description["output_param"] = std::move(output);
     description["input_stream_list"] = std::move(inputs);
 
-    char head[260];
+    char head[260] = {};
     std::snprintf(head, sizeof head, "task_id:%d, pureAudioOutputStream:%d, stream: ", index, pure);
     return head + json::Serialize(std::move(description));
 }
@@ -897,7 +904,7 @@ VexaTranscodingConfigInternal LiveTranscodingAdapter::storedConfig() {
     return mTranscodingConfig;
 }
 
-// An input of the local room names no room.
+// An empty room means the local one.
 std::string LiveTranscodingAdapter::getInputStreamId(const VexaMixUserInternal& user) {
     std::string roomId = user.roomId;
     if (roomId.empty()) {
@@ -911,12 +918,7 @@ std::string LiveTranscodingAdapter::getInputStreamId(const VexaMixUserInternal& 
 
 // The information is the kind's text as it stands now.
 void LiveTranscodingAdapter::report(const RequestKind& kind, std::string detail) {
-    std::string information;
-    {
-        KstMutexLock lock(mMutex);
-        information = this->*kind.information;
-    }
-    reportTaskInfo(kind.family.reportEvent, std::move(information), std::move(detail));
+    reportTaskInfo(kind.family.reportEvent, read(kind.information), std::move(detail));
 }
 
 void LiveTranscodingAdapter::reportTaskInfo(int event, std::string information, std::string detail) {

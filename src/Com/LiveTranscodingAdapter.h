@@ -39,13 +39,15 @@ bool LiveTranscodingAdapterSortFun(const kstmedia::VexaMixUserInternal& a, const
 // Must be owned by a shared pointer: an operation called on an adapter that is not, or that is being destroyed, aborts
 // the process. The operations are meant to be called from one thread at a time; called from several, nothing is
 // undefined, but which call supersedes which is chance. They may be called from inside a listener call. An adapter may
-// be dropped anywhere, inside its listener's calls too; no listener call begins once it is gone.
+// be dropped anywhere, inside its listener's calls too. A task or an answer that is being handled at that moment keeps
+// it until it is done, and may still tell the listener; then it is destroyed on that thread, and nothing follows. Code
+// that derives from the class must be compiled without run-time type information, as the class is.
 class LiveTranscodingAdapter : public std::enable_shared_from_this<LiveTranscodingAdapter> {
 public:
     // Costs no thread and no socket; the first operation starts the worker.
     LiveTranscodingAdapter();
 
-    // Drops the work still to come and waits for the task that runs, unless called on the worker itself.
+    // Drops the work still to come and ends the worker.
     virtual ~LiveTranscodingAdapter();
 
     LiveTranscodingAdapter(const LiveTranscodingAdapter&) = delete;
@@ -61,7 +63,8 @@ public:
     // Enters a room: starts asked for before are sent now, the relay first.
     void updateEnterRoomInfo(std::string roomId, std::string privateMapKey);
 
-    // Who is told; takes effect at once. Kept weakly; one that is gone or empty is skipped.
+    // Who is told; takes effect at once, but for a call that has begun. Kept weakly; one that is gone or empty is
+    // skipped.
     void setLiveTranscodingDelegate(std::weak_ptr<ILiveTrancodingDelegate> delegate);
 
     // Forgets the stored mix configuration at once; sends nothing.
@@ -80,7 +83,7 @@ public:
     int32_t setLiveMixTranscoding(const kstmedia::VexaTranscodingConfigInternal& config);
 
     // Ends the mix. Supersedes earlier mix work and forgets a configuration that waits for room entry. Told through
-    // onStopLiveMixTranscoding.
+    // onStopLiveMixTranscoding; refused if nothing was ever started.
     void stopLiveMixTranscoding();
 
 private:
@@ -95,6 +98,17 @@ private:
     void post(F task);
     void notify(void (ILiveTrancodingDelegate::*call)(int, std::string), int errCode, std::string errMsg);
 
+    // The way to every guarded member that a table names, and a look at one.
+    template <class T>
+    T& guarded(T LiveTranscodingAdapter::*member) KST_REQUIRES(mMutex) {
+        return this->*member;
+    }
+    template <class T>
+    T read(T LiveTranscodingAdapter::*member) KST_EXCLUDES(mMutex) {
+        KstMutexLock lock(mMutex);
+        return guarded(member);
+    }
+
     // Generations.
     int32_t supersede(const Family& family) KST_REQUIRES(mMutex);
     bool isStale(const Family& family, int32_t index);
@@ -102,12 +116,12 @@ private:
 
     // The engine: one request of any kind, from the first send to the report.
     void sendFirst(const RequestKind& kind, int32_t index);
-    void send(const RequestKind& kind, const Attempt& attempt, int32_t index, std::string trace);
+    void send(const RequestKind& kind, const Attempt& attempt, int32_t index, const std::string& url,
+              const std::string& body, std::string trace);
     void receive(const RequestKind& kind, const Attempt& attempt, int32_t index, std::string trace, int retCode,
                  const KstCopyOnWriteBuffer& response);
     void retry(const RequestKind& kind, int32_t index, std::string trace);
     bool takeRetry(const RequestKind& kind);
-    int32_t count(int32_t LiveTranscodingAdapter::*counter);
     int getDelayTime(int n);
 
     // The four kinds of request.
@@ -133,7 +147,6 @@ private:
     bool isPureAudioStream(std::vector<kstmedia::VexaMixUserInternal> users);
     int32_t checkMixConfig(std::vector<kstmedia::VexaMixUserInternal> users, bool bPureAudio);
     void sortMixConfig();
-    bool isComplete(const kstmedia::VexaTranscodingConfigInternal& config, bool bPureAudio);
 
     // What every request shares.
     std::string getServerUrl(std::string interfaceName);

@@ -26,9 +26,9 @@ public:
     static constexpr int kTryAgain = 1;
     static constexpr int kLibraryBase = 1000;
 
-    // Called on a delivery thread that belongs to the client's implementation, never on the thread that sends and never
-    // inside sendHttpsRequest. It may block, send again, or destroy the client. `response` is the answer's body, as
-    // much of it as arrived, also where the code is not 0.
+    // Called on a delivery thread that belongs to the client's implementation, never inside sendHttpsRequest. It may
+    // block, send again, or destroy the client. `response` is the answer's body, as much of it as arrived, also where
+    // the code is not 0.
     using Callback = std::function<void(int retCode, KstCopyOnWriteBuffer& response)>;
 
     // Costs nothing until the first request: no thread, no socket.

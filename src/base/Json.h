@@ -1,12 +1,11 @@
 // JSON values, as far as the adapter needs them.
 //
-// Values are immutable and share what they hold, so copying one is cheap. The values stand here whole; turning them
-// into text and back is left to a library: the default is platform/Json.cpp.
+// Values are immutable and share what they hold, so copying one is cheap and threads may read one together. The values
+// stand here whole; turning them into text and back is left to a library: the default is platform/Json.cpp.
 
 #ifndef VEXALIVE_BASE_JSON_H
 #define VEXALIVE_BASE_JSON_H
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -22,6 +21,8 @@ namespace json {
 class Value;
 class Object;
 class Array;
+
+// Any thread may call the two below, several at once.
 
 // The text of `value`: no white space, object keys in ascending byte order, UTF-8 as it stands. Bytes that are not
 // UTF-8 come out as U+FFFD.

@@ -38,7 +38,8 @@ bool KstMessageLoop::enqueue(DelayTask& task) {
     return true;
 }
 
-void KstMessageLoop::startWorker() {
+// Nothing handles a thread that cannot be started, and noexcept sees to that whatever the caller was compiled with.
+void KstMessageLoop::startWorker() noexcept {
     if (mWorker) {
         return;
     }

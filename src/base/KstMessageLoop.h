@@ -53,8 +53,9 @@ public:
     KstMessageLoop& operator=(const KstMessageLoop&) = delete;
 
     // Queues `task`, a callable without arguments, behind all tasks posted before; it runs on the worker thread and
-    // must not throw. Any thread may post, never waits, and may drop the future, which becomes ready when the task has
-    // run. After stop() the task is destroyed unrun and the future is empty (not valid()). If the worker thread cannot
+    // must not throw. Any thread may post; posting never waits for the worker. The future becomes ready when the task
+    // has run, and may be dropped at once. After stop() the task is destroyed unrun and the future is empty (not
+    // valid()). The future of a task that stop() destroys says nothing: it may look ready. If the worker thread cannot
     // be started, the standard library's system error ends the process.
     template <class F>
     std::future<void> PostTask(F&& task);
@@ -67,13 +68,14 @@ public:
     void Loop();
 
     // Refuses further posts, destroys the tasks that have not begun, waits for the one that runs and ends the worker
-    // thread; called on the worker itself, it does not wait. Any thread may call it, more than once.
+    // thread; called on the worker itself, it does not wait. Any thread may call it, more than once; of several calls
+    // only the first waits.
     void stop();
 
 private:
     bool enqueue(KstTask& task) KST_EXCLUDES(mMutex);
     bool enqueue(DelayTask& task) KST_EXCLUDES(mMutex);
-    void startWorker() KST_REQUIRES(mMutex);
+    void startWorker() noexcept KST_REQUIRES(mMutex);
     void collectDueTasks() KST_REQUIRES(mMutex);
     static std::chrono::steady_clock::time_point deadlineAfter(std::chrono::milliseconds delay);
 

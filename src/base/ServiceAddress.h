@@ -3,7 +3,8 @@
 #ifndef VEXALIVE_BASE_SERVICE_ADDRESS_H
 #define VEXALIVE_BASE_SERVICE_ADDRESS_H
 
-// Both are constant for the life of the process, never null, and may be called during static initialisation.
+// Both are constant for the life of the process, never null, and may be called on any thread and during static
+// initialisation.
 
 // The service as "host" or "host:port".
 const char* kstf_get_live_service_host();

@@ -12,18 +12,19 @@
 namespace kstmedia {
 
 // The record itself checks nothing. For a mix with video no number but `mode` may be 0; for one of audio only, `appId`
-// and `bizId` may not. -1 in a bitrate, frame rate, GOP, sample rate or channel count leaves it to the service.
+// and `bizId` may not. -1 in a bitrate, frame rate, GOP, sample rate or channel count leaves it to the
+// service; width and height are sent as they stand. Units are the service's: commonly pixels, kbit/s, seconds, Hz.
 struct VexaTranscodingConfigInternal {
-    int32_t mode = 0;              // the application's own; carried, never read
-    int32_t appId = 0;             // CDN application id
-    int32_t bizId = 0;             // CDN biz id
-    int32_t videoWidth = -1;       // canvas, pixels
-    int32_t videoHeight = -1;      // canvas, pixels
-    int32_t videoBitrate = -1;     // kbit/s
-    int32_t videoFramerate = -1;   // frames a second
-    int32_t videoGOP = -1;         // key-frame interval, seconds
-    int32_t audioSampleRate = -1;  // Hz
-    int32_t audioBitrate = -1;     // kbit/s
+    int32_t mode = 0;          // the application's own; carried, never read
+    int32_t appId = 0;         // CDN application id
+    int32_t bizId = 0;         // CDN biz id
+    int32_t videoWidth = -1;   // canvas
+    int32_t videoHeight = -1;  // canvas
+    int32_t videoBitrate = -1;
+    int32_t videoFramerate = -1;
+    int32_t videoGOP = -1;  // key-frame interval
+    int32_t audioSampleRate = -1;
+    int32_t audioBitrate = -1;
     int32_t audioChannels = -1;
     std::vector<VexaMixUserInternal> mixUsersArray;  // the inputs, in the application's order
 
