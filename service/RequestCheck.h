@@ -1,0 +1,66 @@
+// Judges one request to the three interfaces. A pure function: it reads its arguments and nothing else.
+//
+// Used by LiveService. What a request has to look like is written down in RequestCheck.cpp, in the order in which it is
+// checked: the query, what all bodies share, then each body.
+
+#ifndef VEXALIVE_SERVICE_REQUEST_CHECK_H
+#define VEXALIVE_SERVICE_REQUEST_CHECK_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "service/JsonFields.h"
+
+namespace vexalive {
+
+constexpr const char* kAddRelayInterface = "add_relay_stream_url";
+constexpr const char* kRemoveRelayInterface = "remove_relay_stream_url";
+constexpr const char* kSetMixInterface = "set_live_mix_transcoding";
+
+bool isInterface(const std::string& name);
+
+struct MixCanvas {
+    int32_t width = 0;
+    int32_t height = 0;
+    std::string color;  // "0x" and six hex digits
+};
+
+struct MixInput {
+    std::string streamId;
+    bool isAudio = false;
+    int32_t layer = 0;
+    int32_t width = 0;
+    int32_t height = 0;
+    int32_t x = 0;
+    int32_t y = 0;
+};
+
+struct AcceptedRequest {
+    enum class Kind { kAddRelay, kRemoveRelay, kStartMix, kCancelMix };
+    Kind kind = Kind::kAddRelay;
+    int32_t appId = 0;
+    int32_t bizId = 0;
+    std::string streamId;                   // of the relay, or the mix's output
+    std::string destination;                // kAddRelay
+    bool cropsCenter = false;               // kAddRelay, kStartMix
+    std::optional<MixCanvas> canvas;        // kStartMix; none if it is all audio
+    std::vector<MixInput> inputs;           // kStartMix; without the canvas
+    std::map<std::string, int32_t> output;  // kStartMix; the optional numbers of "output_param", by key
+    std::string sei;                        // kStartMix
+};
+
+// `interfaceName`, one of the three, is the last part of the path; `query` stands as sent, without its "?".
+// Never throws but for want of memory.
+std::variant<AcceptedRequest, Refusal> checkRequest(const std::string& interfaceName, const std::string& query,
+                                                    const std::string& body, const std::string& pushDomainSuffix);
+
+// The query for showing: "usersig", "parivMapKey" and all that is not understood are masked.
+std::string maskQuery(const std::string& query);
+
+}  // namespace vexalive
+
+#endif

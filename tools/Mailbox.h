@@ -1,0 +1,70 @@
+// A queue from any thread to the main one, which waits for it together with signals: all that a command hears of, it
+// hears through one of these.
+
+#ifndef VEXALIVE_TOOLS_MAILBOX_H
+#define VEXALIVE_TOOLS_MAILBOX_H
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "base/Mutex.h"
+#include "tools/Signals.h"
+
+namespace vexalive {
+
+template <class T>
+class Mailbox {
+public:
+    Mailbox() : mFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+        if (mFd < 0) {
+            throw std::system_error(errno, std::generic_category(), "eventfd");
+        }
+    }
+    ~Mailbox() { close(mFd); }
+    Mailbox(const Mailbox&) = delete;
+    Mailbox& operator=(const Mailbox&) = delete;
+
+    // Any thread; does not wait.
+    void put(T item) KST_EXCLUDES(mMutex) {
+        {
+            KstMutexLock lock(mMutex);
+            mItems.push_back(std::move(item));
+        }
+        const uint64_t one = 1;
+        [[maybe_unused]] const auto written = write(mFd, &one, sizeof one);  // fails only if it is readable anyway
+    }
+
+    // All that came since the last call, in order; does not wait.
+    std::deque<T> takeAll() KST_EXCLUDES(mMutex) {
+        uint64_t count = 0;
+        [[maybe_unused]] const auto taken = read(mFd, &count, sizeof count);
+        std::deque<T> items;
+        KstMutexLock lock(mMutex);
+        items.swap(mItems);
+        return items;
+    }
+
+    // Waits until an item or a signal is there, or `patience` has passed; for ever if there is none.
+    void wait(const StopSignals& signals, std::optional<std::chrono::milliseconds> patience = std::nullopt) const {
+        pollfd sources[] = {{mFd, POLLIN, 0}, {signals.fd(), POLLIN, 0}};
+        poll(sources, 2, patience ? static_cast<int>(patience->count()) : -1);
+    }
+
+private:
+    const int mFd;
+    KstMutex mMutex;
+    std::deque<T> mItems KST_GUARDED_BY(mMutex);
+};
+
+}  // namespace vexalive
+
+#endif

@@ -1,0 +1,175 @@
+// `vexalive serve`: runs the local live-interface service and shows each request.
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Clock.h"
+#include "service/LiveService.h"
+#include "tools/Command.h"
+#include "tools/ExitStatus.h"
+#include "tools/Mailbox.h"
+#include "tools/MisbehaviourOption.h"
+#include "tools/Options.h"
+#include "tools/Signals.h"
+#include "tools/StepView.h"
+
+namespace vexalive {
+namespace {
+
+constexpr const char* kDescription =
+    "Run a live-interface service of your own on this machine\n"
+    "\n"
+    "A copy of the live-interface service to develop and test against: it checks\n"
+    "every request strictly, says which field is wrong, and keeps the state of relays\n"
+    "and mixes. Prints the two lines that point programs at it, then a line for each\n"
+    "request, until Ctrl-C or SIGTERM.";
+
+constexpr const char* kFooter =
+    "Example: two failures first, then true answers\n"
+    "  vexalive serve --port 8443 --misbehave status=503,count=2\n"
+    "\n"
+    "While it runs, its state is at hand over HTTPS:\n"
+    "  curl --cacert \"$VEXALIVE_CA_FILE\" \"https://$VEXALIVE_SERVICE_HOST/state\"\n"
+    "\n"
+    "Exit status: 0 stopped by Ctrl-C or SIGTERM; 1 could not start; 2 wrong usage.";
+
+struct ServeOptions {
+    LiveServiceOptions service;
+    std::vector<std::string> misbehaviours;
+    std::string port = "0";
+    bool json = false;
+};
+
+// As a shell takes it, in quotes only where it needs them.
+std::string shellWord(const std::string& text) {
+    const char* const plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:[]@%+=,";
+    if (text.find_first_not_of(plain) == std::string::npos) {
+        return text;
+    }
+    std::string quoted = "'";
+    for (const char c : text) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+}
+
+Step listening(const LiveService& service) {
+    Step step;
+    step.fields = {{"event", "listening"}, {"service", service.address()}, {"caFile", service.caFile()}};
+    step.text = "live-interface service on https://" + service.address() + ", its certificate authority in " +
+                service.caFile() + "; Ctrl-C stops it. Paste into another terminal:";
+    return step;
+}
+
+Step exportLine(const std::string& line) {
+    Step step;
+    step.fields = {{"event", "environment"}, {"line", line}};
+    step.text = line;
+    return step;
+}
+
+Step answered(const LiveServiceEvent& event) {
+    Step step;
+    step.fields = {{"event", "request"},           {"interface", event.interfaceName},
+                   {"operation", event.operation}, {"httpStatus", event.httpStatus},
+                   {"code", event.code},           {"message", event.message},
+                   {"field", event.field},         {"appId", event.appId},
+                   {"streamId", event.streamId},   {"misbehaviour", event.misbehaviour}};
+    std::string answer;
+    if (!event.operation.empty()) {
+        answer = event.operation + " accepted, stream " + event.streamId + " of app " + std::to_string(event.appId);
+    } else if (event.misbehaviour.empty()) {
+        answer = "refused with code " + std::to_string(event.code) +
+                 (event.field.empty() ? "" : ", field " + event.field) + ": " + event.message;
+    }
+    if (event.httpStatus == 0) {
+        answer = "closed without an answer";
+    } else if (answer.empty()) {
+        answer = "HTTP status " + std::to_string(event.httpStatus);
+        answer += event.code == 0 ? "" : ", code " + std::to_string(event.code) + ": " + event.message;
+    }
+    answer += event.misbehaviour.empty() ? "" : " (misbehaved: " + event.misbehaviour + ")";
+    step.text = timeOfDay(kstf_getutctick()) + "  " + event.interfaceName + "  " + answer;
+    return step;
+}
+
+int runServe(ServeOptions options) {
+    const std::optional<int64_t> port = readInteger(options.port, 0, 65535);
+    if (!port) {
+        throw UsageError("--port is \"" + printable(options.port) +
+                         "\": must be an integer from 0, for a free port, to 65535");
+    }
+    options.service.port = static_cast<uint16_t>(*port);
+    std::vector<Misbehaviour> misbehaviours;
+    for (const std::string& text : options.misbehaviours) {
+        misbehaviours.push_back(readMisbehaviour(text));
+    }
+    const auto view = makeStepView(chooseForm(options.json, stdout), Secrets(), stdout, stderr);
+
+    Mailbox<LiveServiceEvent> requests;  // outlives the service, whose threads fill it
+    options.service.observer = [&requests](const LiveServiceEvent& event) { requests.put(event); };
+    StopSignals signals;
+    LiveService service(options.service);
+    for (size_t i = 0; i < misbehaviours.size(); ++i) {
+        const std::string refusal = service.misbehave(misbehaviours[i]);
+        if (!refusal.empty()) {
+            throw UsageError("--misbehave " + options.misbehaviours[i] + ": " + refusal);
+        }
+    }
+    if (!service.start()) {
+        std::fprintf(stderr, "vexalive serve: %s\n", printable(service.error()).c_str());
+        return kRefused;
+    }
+    view->show(listening(service));
+    view->show(exportLine("export VEXALIVE_SERVICE_HOST=" + shellWord(service.address())));
+    view->show(exportLine("export VEXALIVE_CA_FILE=" + shellWord(service.caFile())));
+
+    std::optional<std::string> signal;
+    while (!signal) {
+        requests.wait(signals);
+        for (const LiveServiceEvent& event : requests.takeAll()) {
+            view->show(answered(event));
+        }
+        signal = signals.take();
+    }
+    service.stop();
+    for (const LiveServiceEvent& event : requests.takeAll()) {
+        view->show(answered(event));
+    }
+    Step step;
+    step.fields = {{"event", "stopped"}, {"why", *signal}};
+    step.text = "stopped on " + *signal;
+    view->show(std::move(step));
+    return kSucceeded;
+}
+
+}  // namespace
+
+Command addServeCommand(CLI::App& tool) {
+    CLI::App* command = tool.add_subcommand("serve", kDescription);
+    command->footer(kFooter);
+    const auto options = std::make_shared<ServeOptions>();
+    command->add_option("--port", options->port, "The port to listen on; 0, the default, takes a free one")
+        ->type_name("N");
+    command->add_option("--address", options->service.address, "The address to listen on; by default 127.0.0.1")
+        ->type_name("A");
+    command
+        ->add_option("--state-dir", options->service.stateFolder,
+                     "Where the certificates are kept; by default ~/.local/state/vexalive")
+        ->type_name("DIR");
+    command
+        ->add_option("--push-domain", options->service.pushDomainSuffix,
+                     "What has to follow the biz id in push domains; or VEXALIVE_PUSH_DOMAIN")
+        ->type_name("S");
+    command->add_option("--misbehave", options->misbehaviours, kMisbehaviourHelp)
+        ->type_name("WHAT")
+        ->allow_extra_args(false);
+    command->add_flag("--json", options->json, "Write one JSON object a line (docs/vexalive-tool.md lists them)");
+    return {command, [options] { return runServe(*options); }};
+}
+
+}  // namespace vexalive
