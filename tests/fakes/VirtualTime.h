@@ -1,0 +1,79 @@
+// Says when tasks run and how time passes on the virtual-time loops (base/KstMessageLoop.h). For tests on one thread.
+
+#ifndef VEXALIVE_FAKES_VIRTUAL_TIME_H
+#define VEXALIVE_FAKES_VIRTUAL_TIME_H
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <optional>
+
+#include "base/KstMessageLoop.h"
+
+class VirtualTime {
+public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    static TimePoint now() { return KstMessageLoop::world().now; }
+
+    // Runs all that is due, what these tasks post included. The clock stands still.
+    static void runDue() {
+        while (runOne()) {
+        }
+    }
+
+    // Lets time pass; each task on the way runs at its own time.
+    static void advance(std::chrono::milliseconds by) {
+        const TimePoint end = now() + by;
+        runDue();
+        for (auto next = nextDeadline(); next && *next <= end; next = nextDeadline()) {
+            KstMessageLoop::world().now = *next;
+            runDue();
+        }
+        KstMessageLoop::world().now = end;
+    }
+
+    // Lets time pass until no task is left.
+    static void runUntilQuiet() {
+        runDue();
+        for (auto next = nextDeadline(); next; next = nextDeadline()) {
+            KstMessageLoop::world().now = *next;
+            runDue();
+        }
+    }
+
+    // Tasks waiting on all loops: those posted without a delay (or due by now), and those still delayed.
+    static size_t queuedTasks() {
+        size_t tasks = 0;
+        for (const KstMessageLoop* loop : KstMessageLoop::world().loops) {
+            tasks += loop->mTasks.size();
+        }
+        return tasks;
+    }
+    static size_t delayedTasks() {
+        size_t tasks = 0;
+        for (const KstMessageLoop* loop : KstMessageLoop::world().loops) {
+            tasks += loop->mDelayed.size();
+        }
+        return tasks;
+    }
+
+private:
+    static bool runOne() {
+        const auto loops = KstMessageLoop::world().loops;
+        return std::any_of(loops.begin(), loops.end(), [](KstMessageLoop* loop) { return loop->runOne(); });
+    }
+
+    static std::optional<TimePoint> nextDeadline() {
+        std::optional<TimePoint> next;
+        for (const KstMessageLoop* loop : KstMessageLoop::world().loops) {
+            const auto deadline = loop->nextDeadline();
+            if (deadline && (!next || *deadline < *next)) {
+                next = deadline;
+            }
+        }
+        return next;
+    }
+};
+
+#endif

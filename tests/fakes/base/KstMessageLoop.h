@@ -1,0 +1,147 @@
+// The worker loop in virtual time: the same face as the real one, without a thread and without waiting.
+//
+// For tests only: a target that puts tests/fakes before src on its include path runs the adapter on this loop. Tasks
+// run when the test says so, through VirtualTime (VirtualTime.h), one at a time on the test's thread and never inside
+// the call that posts. There is one clock for all loops of the process. Not for several threads.
+
+#ifndef VEXALIVE_FAKES_BASE_KST_MESSAGE_LOOP_H
+#define VEXALIVE_FAKES_BASE_KST_MESSAGE_LOOP_H
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <future>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+// A task that must not run before its deadline.
+struct DelayTask {
+    std::chrono::steady_clock::time_point deadline;
+    std::function<void()> task;
+};
+
+// The heap's order: the earliest deadline comes to the front. Equal deadlines have no order.
+struct DelayTaskCmp {
+    bool operator()(const DelayTask& a, const DelayTask& b) const { return a.deadline > b.deadline; }
+};
+
+class KstMessageLoop : public std::enable_shared_from_this<KstMessageLoop> {
+public:
+    KstMessageLoop() { world().loops.push_back(this); }
+
+    ~KstMessageLoop() {
+        stop();
+        auto& loops = world().loops;
+        loops.erase(std::find(loops.begin(), loops.end(), this));
+    }
+
+    KstMessageLoop(const KstMessageLoop&) = delete;
+    KstMessageLoop& operator=(const KstMessageLoop&) = delete;
+
+    // Queues `task` behind all tasks posted before. The future becomes ready when the task has run; after stop() it is
+    // empty and the task is destroyed unrun.
+    template <class F>
+    std::future<void> PostTask(F&& task) {
+        return enqueue(std::nullopt, std::forward<F>(task));
+    }
+
+    // The same once `delay` of virtual time has passed; a delay below zero counts as none.
+    template <class F>
+    std::future<void> DelayPostTask(std::chrono::milliseconds delay, F&& task) {
+        return enqueue(delay, std::forward<F>(task));
+    }
+
+    // What the worker would do until the loop is stopped or has nothing left to wait for: runs the tasks and moves the
+    // clock to each deadline.
+    void Loop() {
+        const std::weak_ptr<KstMessageLoop> alive = weak_from_this();
+        while (!alive.expired() && !mStopped) {
+            if (runOne()) {
+                continue;
+            }
+            const auto deadline = nextDeadline();
+            if (!deadline) {
+                return;
+            }
+            world().now = std::max(world().now, *deadline);
+        }
+    }
+
+    // Refuses further posts and destroys the tasks that have not begun. May be called again, and from a task.
+    void stop() {
+        mStopped = true;
+        // Emptied first and destroyed at the end: a task's destructor may post or stop.
+        const auto tasks = std::exchange(mTasks, {});
+        const auto delayed = std::exchange(mDelayed, {});
+    }
+
+private:
+    friend class VirtualTime;
+
+    struct World {
+        std::chrono::steady_clock::time_point now{std::chrono::hours(1)};
+        std::vector<KstMessageLoop*> loops;  // in the order in which they were made
+    };
+
+    // Never destroyed, so that loops may outlive the statics of a test.
+    static World& world() {
+        static World& theOne = *new World();
+        return theOne;
+    }
+
+    template <class F>
+    std::future<void> enqueue(std::optional<std::chrono::milliseconds> delay, F&& task) {
+        if (mStopped) {
+            return {};
+        }
+        requireOwner();
+        auto packaged = std::make_shared<std::packaged_task<void()>>(std::forward<F>(task));
+        std::future<void> done = packaged->get_future();
+        std::function<void()> entry = [packaged = std::move(packaged)] { (*packaged)(); };
+        if (delay) {
+            mDelayed.push_back({deadlineAfter(*delay), std::move(entry)});
+            std::push_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
+        } else {
+            mTasks.push_back(std::move(entry));
+        }
+        return done;
+    }
+
+    // Ends the process if no shared pointer owns the loop, as starting the real worker does.
+    void requireOwner() noexcept { static_cast<void>(shared_from_this()); }
+
+    static std::chrono::steady_clock::time_point deadlineAfter(std::chrono::milliseconds delay) {
+        using Clock = std::chrono::steady_clock;
+        const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - world().now);
+        return world().now + std::clamp(delay, std::chrono::milliseconds::zero(), room);
+    }
+
+    std::optional<std::chrono::steady_clock::time_point> nextDeadline() const {
+        return mDelayed.empty() ? std::nullopt : std::optional(mDelayed.front().deadline);
+    }
+
+    // Runs the first task that is due; false if there is none. The task may destroy the loop.
+    bool runOne() {
+        while (!mDelayed.empty() && mDelayed.front().deadline <= world().now) {
+            std::pop_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
+            mTasks.push_back(std::move(mDelayed.back().task));
+            mDelayed.pop_back();
+        }
+        if (mTasks.empty()) {
+            return false;
+        }
+        const std::function<void()> task = std::move(mTasks.front());
+        mTasks.pop_front();
+        task();
+        return true;
+    }
+
+    std::deque<std::function<void()>> mTasks;
+    std::vector<DelayTask> mDelayed;
+    bool mStopped = false;
+};
+
+#endif

@@ -1,0 +1,656 @@
+// The adapter as an object: construction, identity and room, the listener, and the end.
+
+#include <csignal>
+
+#include "FlowTest.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class AdapterTest : public FlowTest {
+protected:
+    static constexpr const char* kMixInvalid = "setLiveMixTranscoding failure, param is invalid";
+    // The text of mix() after it was cleared.
+    static constexpr const char* kClearedText =
+        "mode:3, appId:0, bizId:0, width:0, height:0, bitrate:0, fps:0, gop:0, audio_samplerate:0, audio_bitrate:0, "
+        "audio_channel:0";
+};
+
+// ---- Construction and posting ---------------------------------------------------------------------------------------
+
+TEST_F(AdapterTest, ConstructionMakesFourClientsAndDoesNothingElse) {
+    EXPECT_THAT(mPlatform.clients, ElementsAre("made 0", "made 1", "made 2", "made 3"));
+    EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u);
+    expectNothingHappens();
+}
+
+TEST_F(AdapterTest, ClientsGoInTheReverseOrder) {
+    mPlatform.clients.clear();
+
+    mAdapter.reset();
+
+    EXPECT_THAT(mPlatform.clients, ElementsAre("gone 3", "gone 2", "gone 1", "gone 0"));
+}
+
+TEST_F(AdapterTest, EveryOperationPostsOneTaskWithoutDelayAndDoesNothingInTheCall) {
+    const std::function<void()> operations[] = {[this] { mAdapter->resetInfo(); },
+                                                [this] { mAdapter->updateUserInfo(1, "s", "u"); },
+                                                [this] { mAdapter->updateEnterRoomInfo("r", "k"); },
+                                                [this] { mAdapter->startPublishStreamUrl(relay("")); },
+                                                [this] { mAdapter->stopPublishStreamUrl(); },
+                                                [this] { mAdapter->setLiveMixTranscoding(mix({})); },
+                                                [this] { mAdapter->stopLiveMixTranscoding(); }};
+    size_t posted = 0;
+    for (const auto& operation : operations) {
+        operation();
+
+        EXPECT_EQ(VirtualTime::queuedTasks(), ++posted);
+        EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+        expectNothingHappens();
+    }
+}
+
+TEST_F(AdapterTest, ClearAndTheListenersOperationPostNothing) {
+    mAdapter->clear();
+    mAdapter->setLiveTranscodingDelegate(mListener);
+
+    EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u);
+    expectNothingHappens();
+}
+
+TEST_F(AdapterTest, OperationsOnAnAdapterWithoutASharedOwnerAbort) {
+    LiveTranscodingAdapter unowned;
+
+    EXPECT_EXIT([&]() noexcept { unowned.stopPublishStreamUrl(); }(), ::testing::KilledBySignal(SIGABRT), "");
+}
+
+// ---- Identity -------------------------------------------------------------------------------------------------------
+
+TEST_F(AdapterTest, UserInfoIsStoredInItsTurnAndNothingElseHappens) {
+    givenInRoom();
+    mAdapter->startPublishStreamUrl(relay());
+    mAdapter->updateUserInfo(99, "later", "bob");
+    mAdapter->setLiveMixTranscoding(mix());
+    run();
+
+    EXPECT_THAT(request(0).url, HasSubstr("sdkappid=1400123&"));
+    EXPECT_THAT(body(0), HasSubstr(kAliceMain));
+    EXPECT_THAT(request(1).url, HasSubstr("sdkappid=99&"));
+    EXPECT_THAT(request(1).url, HasSubstr("&usersig=later&"));
+    EXPECT_THAT(body(1), HasSubstr(std::string(R"("session_id":")") + kBobMain));
+    EXPECT_THAT(requests(), SizeIs(2));
+}
+
+TEST_F(AdapterTest, UserInfoAloneDoesNothingVisible) {
+    mAdapter->updateUserInfo(0, "", "");
+    mAdapter->updateUserInfo(kSdkAppId, kUserSig, "alice");
+    run();
+
+    expectNothingHappens();
+    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+}
+
+TEST_F(AdapterTest, UserInfoTakesEmptyTextsAndZero) {
+    givenInRoom();
+    mAdapter->updateUserInfo(0, "", "");
+
+    startRelay();
+
+    EXPECT_THAT(request(0).url, HasSubstr("sdkappid=0&"));
+    EXPECT_THAT(request(0).url, HasSubstr("&usersig=&"));
+}
+
+// ---- Room -----------------------------------------------------------------------------------------------------------
+
+TEST_F(AdapterTest, RoomEntryWithNothingWaitingOnlyStores) {
+    givenUser();
+
+    enterRoom();
+
+    expectNothingHappens();
+    startRelay();
+    EXPECT_THAT(request(0).url, HasSubstr(std::string("&parivMapKey=") + kMapKey));
+    EXPECT_THAT(body(0), HasSubstr(kAliceMain));
+}
+
+TEST_F(AdapterTest, RoomEntryTakesEmptyTexts) {
+    givenUser();
+    enterRoom("", "");
+
+    startRelay();
+
+    EXPECT_THAT(body(0), HasSubstr("8888_9013938ba129a26a04adbbf17fc43692"));  // of _alice_main
+}
+
+TEST_F(AdapterTest, EnteringAnotherRoomSendsNothingAnew) {
+    givenInRoom();
+    startRelay();
+    startMix();
+    answerOk();
+    answerOk();
+
+    enterRoom("room9", "another-key");
+
+    EXPECT_THAT(requests(), SizeIs(2));
+}
+
+TEST_F(AdapterTest, RoomEntrySendsTheWaitingRelayBeforeTheWaitingMix) {
+    givenUser();
+    startMix();
+    startRelay();
+    forgetTheStorySoFar();
+
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(2));
+    EXPECT_EQ(request(0).client, kAddRelay.client);
+    EXPECT_EQ(request(1).client, kStartMix.client);
+    EXPECT_THAT(log().at(0).text, HasSubstr("addPublishUrlInner index: 2, "));
+    EXPECT_THAT(log().at(2).text, HasSubstr("startMixStream index: 2, "));
+}
+
+TEST_F(AdapterTest, ReissuedStartIsPostedBehindWhatWaitsAlready) {
+    givenUser();
+    startRelay();
+    forgetTheStorySoFar();
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    mAdapter->updateUserInfo(kSdkAppId, kUserSig, "bob");
+
+    run();
+
+    EXPECT_THAT(body(0), HasSubstr(kBobMain));
+}
+
+TEST_F(AdapterTest, SecondRoomEntryBeforeTheReissuedStartsRanSupersedesThem) {
+    givenUser();
+    startRelay();
+    startMix();
+    forgetTheStorySoFar();
+
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    run();
+
+    // What waits is cleared by the re-issued starts, not by the entry.
+    EXPECT_THAT(requests(), SizeIs(2));
+    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+    EXPECT_EQ(log().at(2), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+}
+
+// ---- Reset ----------------------------------------------------------------------------------------------------------
+
+TEST_F(AdapterTest, ResetRightAfterAStartLeavesTheStartStale) {
+    givenInRoom();
+
+    mAdapter->startPublishStreamUrl(relay());
+    mAdapter->resetInfo();
+    run();
+
+    EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
+    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(AdapterTest, ResetRightAfterAMixLeavesTheMixStale) {
+    givenInRoom();
+
+    mAdapter->setLiveMixTranscoding(mix());
+    mAdapter->resetInfo();
+    run();
+
+    EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "bPureAudio:0"},
+                                   Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
+    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(AdapterTest, ResetRightAfterAStopOrCancelLeavesThemStale) {
+    givenInRoom();
+    startRelay();
+    answerOk();
+    forgetTheStorySoFar();
+
+    mAdapter->stopPublishStreamUrl();
+    mAdapter->stopLiveMixTranscoding();
+    mAdapter->resetInfo();
+    run();
+
+    EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "index:2, cdnTaskIndex:3"},
+                                   Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(AdapterTest, ResetLeavesTheRoom) {
+    givenInRoom();
+    reset();
+
+    startRelay();
+    startMix();
+
+    EXPECT_THAT(requests(), IsEmpty());
+    ASSERT_THAT(reports(), SizeIs(2));
+    EXPECT_EQ(reports()[0].detail, "not enterRoom status");
+    EXPECT_EQ(reports()[1].detail, "not enterRoom status");
+}
+
+TEST_F(AdapterTest, ResetForgetsWhatWaitsForTheRoom) {
+    givenUser();
+    startRelay();
+    startMix();
+
+    reset();
+    enterRoom();
+
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(AdapterTest, ResetKeepsIdentityRoomIdsAndListener) {
+    givenInRoom();
+    startRelay();
+    answerOk();
+    reset();
+    forgetTheStorySoFar();
+
+    stopRelay();
+    answerOk();
+
+    EXPECT_THAT(request(0).url, HasSubstr("sdkappid=1400123&"));
+    EXPECT_THAT(request(0).url, HasSubstr("&usersig=signature-of-alice&parivMapKey=map-key-of-room7"));
+    EXPECT_THAT(body(0), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
+    EXPECT_THAT(body(0), HasSubstr(kAliceMain));
+    EXPECT_THAT(told(), ElementsAre(Told{"onStopPublishStreamUrl", 0, "sucess"}));
+    EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room7_alice");
+}
+
+TEST_F(AdapterTest, ResetKeepsTheInformationOfARetryUnderWay) {
+    givenRetrySent(kStartMix);
+
+    reset();
+    answerOk();
+
+    EXPECT_EQ(reports().at(0).information, mixText());
+}
+
+TEST_F(AdapterTest, ResetClearsTheRelaysAddressAndCounter) {
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+    reset();
+
+    pass(Milliseconds(1000));  // the retry of a relay start is sent even when superseded
+
+    ASSERT_THAT(requests(), SizeIs(2));
+    EXPECT_THAT(body(1), HasSubstr(R"("dest_stream_url":"",)"));
+    EXPECT_THAT(log().back().text, HasSubstr("retryAddPublishUrlInner index: 1, retryStartCdnCnt:10, jsonStr: "));
+}
+
+TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresInItsTurn) {
+    givenInRoom();
+    mAdapter->resetInfo();
+    mAdapter->startPublishStreamUrl(relay());
+    mAdapter->updateEnterRoomInfo("room9", "another-key");
+
+    run();
+
+    // Reset, start outside the room, entry, re-issued start.
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_THAT(log().back().text, HasSubstr("addPublishUrlInner index: 3, "));
+}
+
+// ---- Clear ----------------------------------------------------------------------------------------------------------
+
+TEST_F(AdapterTest, ClearEmptiesAWaitingConfigurationButItsMode) {
+    givenUser();
+    startMix();
+    forgetTheStorySoFar();
+
+    mAdapter->clear();
+    enterRoom();
+
+    // The empty list counts as pure audio; the ids are missing.
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, kMixInvalid}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{31, kClearedText, kMixInvalid}));
+}
+
+TEST_F(AdapterTest, ClearKeepsRoomIdsGenerationsAndCounters) {
+    givenRetrySent(kStartMix);
+    mAdapter->clear();
+
+    failAndWaitForRetry();
+    answerOk();
+
+    ASSERT_THAT(requests(), SizeIs(3));
+    EXPECT_THAT(body(2), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
+    EXPECT_THAT(body(2), HasSubstr(kAliceMain));
+    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+    EXPECT_THAT(reports().at(0).detail, testing::EndsWith(tried(10, 1, "") + tried(9, 1, "") + tried(8, 0, kOk)));
+    EXPECT_EQ(reports()[0].information, mixText());
+}
+
+TEST_F(AdapterTest, ClearLeavesAWaitingRelayAlone) {
+    givenUser();
+    startRelay();
+
+    mAdapter->clear();
+    enterRoom();
+
+    EXPECT_THAT(body(0), HasSubstr(kUrl));
+}
+
+// ---- Listener -------------------------------------------------------------------------------------------------------
+
+TEST_F(AdapterTest, RefusedCallsAreRoutedThisWay) {
+    kstmedia::VexaTranscodingConfigInternal incomplete = mix();
+    incomplete.bizId = 0;
+    givenInRoom();
+
+    startRelay(relay(""));
+    stopRelay();
+    startMix(incomplete);
+    startMix(mix({}));
+    cancelMix();
+
+    EXPECT_THAT(told(),
+                ElementsAre(Told{"onStartPublishStreamUrl", -3323, "startPublishStreamUrl failure, param is invalid"},
+                            Told{"onStopLiveMixTranscoding", -3323,
+                                 "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"},
+                            Told{"onStartPublishStreamUrl", -3324, "setLiveMixTranscoding failure, param is invalid"},
+                            Told{"onStartPublishStreamUrl", -3324, "mixUsersArray is invalid"},
+                            Told{"onStopLiveMixTranscoding", -3324,
+                                 "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before"}));
+}
+
+TEST_F(AdapterTest, WithoutAListenerRefusalsAreReportedAllTheSame) {
+    givenInRoom();
+    givenNoListener();
+
+    startRelay(relay(""));
+    startMix(mix({}));
+    kstmedia::VexaTranscodingConfigInternal incomplete = mix();
+    incomplete.videoGOP = 0;
+    startMix(incomplete);
+
+    EXPECT_THAT(reports(), SizeIs(3));
+    EXPECT_THAT(told(), IsEmpty());
+}
+
+TEST_F(AdapterTest, ListenerSetAtAnyTimeTakesEffectAtOnce) {
+    std::vector<Told> toldToOther;
+    const auto other = std::make_shared<RecordingListener>(toldToOther);
+    givenSent(kAddRelay);
+
+    mAdapter->setLiveTranscodingDelegate(other);
+    answerOk();
+
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(toldToOther, ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+}
+
+TEST_F(AdapterTest, ListenerIsKeptWeakly) {
+    EXPECT_EQ(mListener.use_count(), 1);
+}
+
+TEST_F(AdapterTest, EmptyListenerIsNotTold) {
+    givenSent(kAddRelay);
+
+    mAdapter->setLiveTranscodingDelegate({});
+    answerOk();
+
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), SizeIs(1));
+}
+
+TEST_F(AdapterTest, SecondCallOfAnEmptyAnswerReachesTheListenerSetInTheFirst) {
+    std::vector<Told> toldToOther;
+    const auto other = std::make_shared<RecordingListener>(toldToOther);
+    givenSent(kCancelMix);
+    mListener->whenTold = [&] { mAdapter->setLiveTranscodingDelegate(other); };
+
+    answerAll(0, "");
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onStopLiveMixTranscoding", -3324, "recv message nil"}));
+    EXPECT_THAT(toldToOther, ElementsAre(Told{"onStopLiveMixTranscoding", -3324, "recv message can't parse"}));
+    EXPECT_THAT(reports(), SizeIs(1));
+}
+
+TEST_F(AdapterTest, SecondCallOfAnEmptyAnswerIsSkippedWhenTheListenerWentInTheFirst) {
+    givenSent(kRemoveRelay);
+    mListener->whenTold = [&] { mListener.reset(); };
+
+    answerAll(0, "");
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onStopPublishStreamUrl", -3323, "recv message nil"}));
+    EXPECT_THAT(reports(), SizeIs(1));
+}
+
+TEST_F(AdapterTest, ListenerMayCallEveryOperation) {
+    givenSent(kAddRelay);
+    mListener->whenTold = [this] {
+        mListener->whenTold = nullptr;
+        mAdapter->clear();
+        mAdapter->setLiveTranscodingDelegate(mListener);
+        mAdapter->resetInfo();
+        mAdapter->updateUserInfo(kSdkAppId, kUserSig, "bob");
+        mAdapter->updateEnterRoomInfo("room7", kMapKey);
+        mAdapter->stopPublishStreamUrl();
+        mAdapter->startPublishStreamUrl(relay());
+        mAdapter->stopLiveMixTranscoding();
+        mAdapter->setLiveMixTranscoding(mix());
+    };
+
+    answerOk();
+
+    ASSERT_THAT(requests(), SizeIs(3));
+    EXPECT_EQ(request(1).client, kAddRelay.client);
+    EXPECT_EQ(request(2).client, kStartMix.client);
+}
+
+class NoListenerTest : public FlowTest, public ::testing::WithParamInterface<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, NoListenerTest, ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix),
+                         nameOfKind);
+
+TEST_P(NoListenerTest, EveryFlowRunsToItsEndAndReports) {
+    givenNoListener();
+    givenSent(GetParam());
+
+    failAndWaitForRetry();
+    answer(0, R"({"code":7})");
+
+    EXPECT_THAT(reports(), SizeIs(1));
+    EXPECT_THAT(told(), IsEmpty());
+}
+
+TEST_P(NoListenerTest, ListenerThatWentWhileTheRequestWasUnderWayIsSkipped) {
+    givenSent(GetParam());
+
+    givenNoListener();
+    answerAll(0, "");
+
+    EXPECT_THAT(requests(), SizeIs(11));
+    EXPECT_THAT(reports(), SizeIs(1));
+    EXPECT_THAT(told(), IsEmpty());
+}
+
+// ---- Two adapters ---------------------------------------------------------------------------------------------------
+
+TEST_F(AdapterTest, AdaptersAreIndependentOfEachOther) {
+    std::vector<Told> toldToOther;
+    const auto otherListener = std::make_shared<RecordingListener>(toldToOther);
+    const auto other = std::make_shared<LiveTranscodingAdapter>();
+    other->setLiveTranscodingDelegate(otherListener);
+    other->updateUserInfo(55, "signature-of-bob", "bob");
+    other->updateEnterRoomInfo("room7", "key");
+    mSecrets.push_back("signature-of-bob");
+    givenInRoom();
+
+    startRelay();
+    other->startPublishStreamUrl(relay());
+    other->startPublishStreamUrl(relay());
+    run();
+    mAdapter->resetInfo();
+    run();
+    ASSERT_THAT(requests(), SizeIs(2));
+    answerTo(0, 0, kOk);
+    answerTo(1, 0, kOk);
+
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(toldToOther, ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_EQ(request(1).client, 4u + kAddRelay.client);
+    EXPECT_THAT(body(1), HasSubstr(kBobMain));
+    EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room7_bob");
+}
+
+// ---- The end --------------------------------------------------------------------------------------------------------
+
+class EndTest : public FlowTest {
+protected:
+    void expectSilence() {
+        run();
+        VirtualTime::runUntilQuiet();
+        EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u);
+        expectNothingHappens();
+    }
+};
+
+TEST_F(EndTest, TasksDoNotKeepTheAdapterAlive) {
+    const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+    startMix();
+    mAdapter->resetInfo();
+
+    mAdapter.reset();
+
+    EXPECT_TRUE(adapter.expired());
+}
+
+TEST_F(EndTest, NothingHappensOnceTheAdapterIsGoneWithTasksQueued) {
+    givenInRoom();
+    mAdapter->resetInfo();
+    mAdapter->updateUserInfo(0, "", "");
+    mAdapter->updateEnterRoomInfo("room", "key");
+    mAdapter->startPublishStreamUrl(relay(""));
+    mAdapter->stopPublishStreamUrl();
+    mAdapter->setLiveMixTranscoding(mix({}));
+    mAdapter->stopLiveMixTranscoding();
+
+    mAdapter.reset();
+
+    expectSilence();
+}
+
+TEST_F(EndTest, LoopIsStoppedSoThatNoTaskIsLeft) {
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+    mAdapter->stopPublishStreamUrl();
+
+    mAdapter.reset();
+
+    EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u);
+}
+
+class EndOfEveryKindTest : public EndTest, public ::testing::WithParamInterface<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, EndOfEveryKindTest, ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix),
+                         nameOfKind);
+
+TEST_P(EndOfEveryKindTest, FirstAnswerAfterTheEndDoesNothing) {
+    givenSent(GetParam());
+    const CVexaHttpSendRecv::Callback callback = request(0).callback;
+    forgetTheStorySoFar();
+    mAdapter.reset();
+
+    KstCopyOnWriteBuffer response;
+    callback(1, response);
+
+    expectSilence();
+}
+
+TEST_P(EndOfEveryKindTest, RetrysAnswerAfterTheEndDoesNothing) {
+    givenRetrySent(GetParam());
+    const CVexaHttpSendRecv::Callback callback = request(1).callback;
+    forgetTheStorySoFar();
+    mAdapter.reset();
+
+    KstCopyOnWriteBuffer response;
+    callback(0, response);
+
+    expectSilence();
+}
+
+TEST_P(EndOfEveryKindTest, WaitingRetryIsNotSentAfterTheEnd) {
+    givenSent(GetParam());
+    answer(kTryAgain, "");
+    forgetTheStorySoFar();
+
+    mAdapter.reset();
+
+    expectSilence();
+}
+
+TEST_P(EndOfEveryKindTest, ReportIsDroppedWhenTheAdapterGoesBeforeItIsMade) {
+    givenSent(GetParam());
+    mPlatform.answer(0, 0, kOk);
+    forgetTheStorySoFar();
+
+    mAdapter.reset();
+
+    expectSilence();
+}
+
+TEST_P(EndOfEveryKindTest, AdapterMayBeDroppedInsideItsListenersCall) {
+    givenSent(GetParam());
+    const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
+    mListener->whenTold = [this] { mAdapter.reset(); };
+
+    answer(0, kOk);
+
+    EXPECT_TRUE(adapter.expired());
+    EXPECT_THAT(told(), SizeIs(1));
+    forgetTheStorySoFar();
+    expectSilence();
+}
+
+TEST_P(EndOfEveryKindTest, BothCallsOfAnEmptyAnswerComeThoughTheAdapterIsDroppedInTheFirst) {
+    givenSent(GetParam());
+    mListener->whenTold = [this] { mAdapter.reset(); };
+
+    answerAll(0, "");
+
+    EXPECT_THAT(told(), SizeIs(2));
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(EndTest, AdapterMayBeDroppedInsideATask) {
+    const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
+    mListener->whenTold = [this] { mAdapter.reset(); };
+    mAdapter->startPublishStreamUrl(relay(""));
+    mAdapter->startPublishStreamUrl(relay(""));
+
+    run();
+
+    EXPECT_TRUE(adapter.expired());
+    EXPECT_THAT(told(), SizeIs(1));
+    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_EQ(VirtualTime::queuedTasks(), 0u);
+}
+
+TEST_F(EndTest, ListenerMayOwnTheAdapterAndGoWithIt) {
+    // The listener's last owner is the call itself; the adapter's is the listener.
+    givenSent(kAddRelay);
+    const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
+    mListener->whenTold = [this, owned = mAdapter] { mListener.reset(); };
+    mAdapter.reset();
+
+    answer(0, kOk);
+
+    EXPECT_TRUE(adapter.expired());
+    EXPECT_THAT(told(), SizeIs(1));
+}

@@ -1,0 +1,321 @@
+// What all requests share: address, common fields, clocks, ids.
+
+#include <cstdlib>
+
+#include "FlowTest.h"
+#include "base/RetrySchedule.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+std::string& firstBodyOfTheProcess() {
+    static std::string& body = *new std::string();
+    return body;
+}
+
+// Sends the first request of the process before any test, when the clocks are known.
+class FirstRequest : public ::testing::Environment {
+    void SetUp() override {
+        FakePlatform& platform = FakePlatform::instance();
+        platform.reset();
+        const auto adapter = std::make_shared<LiveTranscodingAdapter>();
+        adapter->updateEnterRoomInfo("room", "");
+        kstmedia::VexaPublishCDNParamInternal param;
+        param.appId = param.bizId = 1;
+        param.url = "rtmp://cdn.test/first";
+        adapter->startPublishStreamUrl(param);
+        VirtualTime::runDue();
+        firstBodyOfTheProcess() = platform.requests.at(0).body;
+    }
+};
+
+const auto* const kFirstRequest = ::testing::AddGlobalTestEnvironment(new FirstRequest());
+
+std::string nextRandom() {
+    return std::to_string(std::rand() % 10000);
+}
+
+}  // namespace
+
+class EnvelopeTest : public FlowTest {
+protected:
+    void givenInRoomAs(int64_t sdkAppId, const std::string& userSig, const std::string& userId,
+                       const std::string& roomId, const std::string& mapKey) {
+        mAdapter->updateUserInfo(sdkAppId, userSig, userId);
+        enterRoom(roomId, mapKey);
+    }
+};
+
+TEST_F(EnvelopeTest, FirstEventIdOfTheProcessIsTheUtcClocksLow32BitsInSecondsPlusEleven) {
+    // 1,700,000,000,000 ms less 395 times 2 to the power of 32 are 3,487,918,080 ms.
+    EXPECT_THAT(firstBodyOfTheProcess(), HasSubstr(R"("event_id":3487929,)"));
+}
+
+TEST_F(EnvelopeTest, AddressIsBaseInterfaceAppIdRandomNumberSignatureAndMapKey) {
+    givenInRoom();
+    std::srand(42);
+    const std::string number = nextRandom();
+
+    std::srand(42);
+    startRelay();
+
+    EXPECT_EQ(request(0).url, "https://live.test:8443/v3/liveinterface/add_relay_stream_url?sdkappid=1400123&random=" +
+                                  number + "&usersig=signature-of-alice&parivMapKey=map-key-of-room7");
+}
+
+TEST_F(EnvelopeTest, AddressWithoutMapKeyEndsAfterTheKeysName) {
+    givenInRoomAs(1400, "abc", "alice", "room7", "");
+    std::srand(43);
+    const std::string number = nextRandom();
+
+    std::srand(43);
+    startRelay();
+
+    EXPECT_EQ(request(0).url, "https://live.test:8443/v3/liveinterface/add_relay_stream_url?sdkappid=1400&random=" +
+                                  number + "&usersig=abc&parivMapKey=");
+}
+
+TEST_F(EnvelopeTest, EverySendDrawsOneRandomNumberRetriesIncluded) {
+    givenInRoom();
+    std::srand(44);
+    const std::string first = nextRandom();
+    const std::string second = nextRandom();
+    const std::string third = nextRandom();
+
+    std::srand(44);
+    startRelay();
+    failAndWaitForRetry();
+    answerOk();
+    startMix();
+
+    EXPECT_THAT(request(0).url, HasSubstr("&random=" + first + "&"));
+    EXPECT_THAT(request(1).url, HasSubstr("&random=" + second + "&"));
+    EXPECT_THAT(request(2).url, HasSubstr("&random=" + third + "&"));
+}
+
+TEST_F(EnvelopeTest, AppIdIsPrintedAsItsLow32BitsWithSign) {
+    const std::pair<int64_t, const char*> cases[] = {
+        {int64_t{2147483647}, "?sdkappid=2147483647&"}, {int64_t{2147483648}, "?sdkappid=-2147483648&"},
+        {int64_t{4294967295}, "?sdkappid=-1&"},         {int64_t{4294967296}, "?sdkappid=0&"},
+        {int64_t{0x7fffffff00000005}, "?sdkappid=5&"},  {int64_t{-7}, "?sdkappid=-7&"},
+    };
+    for (const auto& [sdkAppId, printed] : cases) {
+        givenInRoomAs(sdkAppId, kUserSig, "alice", "room7", kMapKey);
+
+        startRelay();
+
+        EXPECT_THAT(requests().back().url, HasSubstr(printed));
+    }
+}
+
+TEST_F(EnvelopeTest, NothingInTheAddressIsEncoded) {
+    const std::string odd = "a b&c=d?/#%41%s\"é中";
+    givenInRoomAs(1400, odd, "alice", "room7", odd);
+    mSecrets = {odd};
+
+    startRelay();
+
+    EXPECT_THAT(request(0).url, HasSubstr("&usersig=" + odd + "&parivMapKey=" + odd));
+}
+
+TEST_F(EnvelopeTest, AddressIsCutAt4094Characters) {
+    const std::string longSig(5000, 's');
+    givenInRoomAs(1400, longSig, "alice", "room7", "never-seen");
+    std::srand(45);
+    const std::string head =
+        "https://live.test:8443/v3/liveinterface/add_relay_stream_url?sdkappid=1400&random=" + nextRandom() +
+        "&usersig=";
+    std::srand(45);
+
+    startRelay();
+
+    EXPECT_EQ(request(0).url.size(), 4094u);
+    EXPECT_EQ(request(0).url, head + std::string(4094 - head.size(), 's'));
+}
+
+TEST_F(EnvelopeTest, AddressOfExactly4094CharactersIsWhole) {
+    std::srand(46);
+    const std::string head =
+        "https://live.test:8443/v3/liveinterface/add_relay_stream_url?sdkappid=1400&random=" + nextRandom() +
+        "&usersig=";
+    const std::string tail = "&parivMapKey=";
+    const std::string sig(4094 - head.size() - tail.size(), 's');
+    givenInRoomAs(1400, sig, "alice", "room7", "");
+    std::srand(46);
+
+    startRelay();
+
+    EXPECT_EQ(request(0).url, head + sig + tail);
+}
+
+TEST_F(EnvelopeTest, ZeroByteEndsATextInTheAddress) {
+    givenInRoomAs(1400, std::string("ab\0cd", 5), "alice", "room7", "key");
+
+    startRelay();
+
+    EXPECT_THAT(request(0).url, HasSubstr("&usersig=ab&parivMapKey=key"));
+}
+
+TEST_F(EnvelopeTest, TimestampIsTheTickCountsLow32BitsInSeconds) {
+    const std::pair<uint64_t, const char*> cases[] = {
+        {0, R"("timestamp":0,)"},
+        {999, R"("timestamp":0,)"},
+        {1'999, R"("timestamp":1,)"},
+        {0xffffffff, R"("timestamp":4294967,)"},
+        {0x1'0000'0000, R"("timestamp":0,)"},
+        {0x5'0000'0000 + 1'234'567, R"("timestamp":1234,)"},
+    };
+    givenInRoom();
+    for (const auto& [tick, field] : cases) {
+        mPlatform.tickAtReset = tick;
+
+        startRelay();
+
+        EXPECT_THAT(requests().back().body, HasSubstr(field));
+    }
+}
+
+TEST_F(EnvelopeTest, EventIdsAreConsecutiveOverKindsRetriesAndAdapters) {
+    givenInRoom();
+    const int first = kFirstEventId + mPlatform.requestsEver;
+
+    startRelay();
+    failAndWaitForRetry();
+    startMix();
+    const auto other = std::make_shared<LiveTranscodingAdapter>();
+    other->updateEnterRoomInfo("room8", "");
+    other->setLiveMixTranscoding(mix());
+    run();
+    cancelMix();
+    stopRelay();
+
+    ASSERT_EQ(requests().size(), 6u);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_THAT(body(static_cast<size_t>(i)), HasSubstr("\"event_id\":" + std::to_string(first + i) + ","));
+    }
+}
+
+TEST_F(EnvelopeTest, EventIdsAreNotSeededAnewWhenTheClockMoves) {
+    givenInRoom();
+    mPlatform.utcAtReset = 5'000;
+
+    startRelay();
+
+    EXPECT_THAT(body(0), HasSubstr("\"event_id\":" + std::to_string(eventId(0)) + ","));
+}
+
+TEST_F(EnvelopeTest, DomainIsTheBizIdAndThePushDomain) {
+    givenInRoom();
+    kstmedia::VexaPublishCDNParamInternal param = relay();
+    param.bizId = -77;
+
+    startRelay(param);
+
+    EXPECT_THAT(body(0), HasSubstr(R"("domain":"-77.push.test",)"));
+    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"-77_fcbd0847daa9c600a757e0d48049b252",)"));
+}
+
+TEST_F(EnvelopeTest, StreamIdIsMadeOfAnyText) {
+    givenInRoomAs(1400, kUserSig, "a \"quoted\" b\\ü 中", "room7", kMapKey);
+
+    startRelay();
+
+    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"8888_0800ebad1eae16480b20595cabdc20ad",)"));
+}
+
+TEST_F(EnvelopeTest, StreamIdOfEmptyIdsIsThatOfTheTwoUnderscores) {
+    enterRoom("", "");
+
+    startRelay();
+
+    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"8888_b0cf36cc0b98861197cc79eb9e758305",)"));
+}
+
+TEST_F(EnvelopeTest, NameBehindAStreamIdIsCutAt4094Characters) {
+    givenInRoomAs(1400, kUserSig, std::string(5000, 'x'), "room7", kMapKey);
+
+    startRelay();
+
+    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"8888_3b0af0453b60095dd98bfe70a739af04",)"));
+}
+
+TEST_F(EnvelopeTest, RoomAndUserAreThoseOfTheMomentOfSending) {
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+    mAdapter->updateUserInfo(kSdkAppId, "another-signature", "bob");
+    enterRoom("room7", "another-key");
+
+    pass(Milliseconds(1000));
+
+    EXPECT_THAT(request(1).url, HasSubstr("&usersig=another-signature&parivMapKey=another-key"));
+    EXPECT_THAT(body(1), HasSubstr(std::string(R"("stream_id":")") + kBobMain));
+}
+
+TEST_F(EnvelopeTest, DelayBeforeARetryIsOneOneOneTwoTwoTwoAndElseFiveSeconds) {
+    const std::pair<int, int> delays[] = {{0, 1000},  {1, 1000},  {2, 1000},       {3, 2000},
+                                          {4, 2000},  {5, 2000},  {6, 5000},       {7, 5000},
+                                          {10, 5000}, {-1, 5000}, {1 << 30, 5000}, {-(1 << 30), 5000}};
+    for (const auto& [n, delay] : delays) {
+        EXPECT_EQ(retryDelay(n), delay) << n;
+    }
+}
+
+class EveryKindsEnvelopeTest : public EnvelopeTest, public ::testing::WithParamInterface<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, EveryKindsEnvelopeTest,
+                         ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix), nameOfKind);
+
+TEST_P(EveryKindsEnvelopeTest, FirstSendAndRetriesGoThroughTheKindsOwnClientToItsInterface) {
+    const Kind& kind = GetParam();
+
+    givenRetrySent(kind);
+
+    for (const FakePlatform::Request& sent : requests()) {
+        EXPECT_EQ(sent.client, kind.client);
+        EXPECT_THAT(sent.url, StartsWith(std::string("https://live.test:8443/v3/liveinterface/") + kind.interfaceName +
+                                         "?sdkappid=1400123&random="));
+        EXPECT_THAT(sent.body, HasSubstr(std::string("\"interface\":\"") + kind.interfaceName + "\""));
+    }
+}
+
+TEST_P(EveryKindsEnvelopeTest, RetrysBodyHasANewEventIdAndTimestampAndIsTheSameElse) {
+    givenRetrySent(GetParam());
+
+    std::string expected = body(0);
+    const auto exchange = [&expected](const std::string& from, const std::string& to) {
+        ASSERT_THAT(expected, HasSubstr(from));
+        expected.replace(expected.find(from), from.size(), to);
+    };
+    exchange("\"event_id\":" + std::to_string(eventId(0)), "\"event_id\":" + std::to_string(eventId(1)));
+    exchange("\"timestamp\":1000", "\"timestamp\":1001");
+    EXPECT_EQ(body(1), expected);
+}
+
+TEST_P(EveryKindsEnvelopeTest, SendsAndAnswersAreLoggedWithIndexTriesAndText) {
+    const Kind& kind = GetParam();
+    const std::string index = kind.isStart ? "1" : "2";
+    givenSent(kind);
+
+    answer(1, "try later");
+    pass(Milliseconds(1000));
+    answer(-5, "");
+    pass(Milliseconds(1000));
+    answer(0, kOk);
+
+    std::vector<Logged> expected = {
+        {2, kind.sendFunction, filled(kind.sendLog, {index, "0", body(0)})},
+        {2, "operator()", filled(kind.answerLog, {index, "1", "try later"})},
+        {2, "operator()", filled(kind.retrySendLog, {index, "1", body(1)})},
+        {2, "operator()", filled(kind.retryAnswerLog, {index, "4294967291", ""})},
+        {2, "operator()", filled(kind.retrySendLog, {index, "2", body(2)})},
+        {2, "operator()", filled(kind.retryAnswerLog, {index, "0", kOk})},
+    };
+    if (kind.client == kStartMix.client) {
+        expected.insert(expected.begin(), {2, "operator()", "bPureAudio:0"});
+    }
+    EXPECT_EQ(log(), expected);
+}

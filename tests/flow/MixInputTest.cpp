@@ -1,0 +1,166 @@
+// The inputs of a mix: which lists are accepted, and their order.
+
+#include <limits>
+
+#include "FlowTest.h"
+
+using kstmedia::VexaMixUserInternal;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+
+class MixInputTest : public FlowTest {
+protected:
+    void SetUp() override { givenInRoom(); }
+
+    // One user with video for each layer.
+    static std::vector<VexaMixUserInternal> usersWithLayers(const std::vector<int>& layers) {
+        std::vector<VexaMixUserInternal> users;
+        for (const int layer : layers) {
+            users.push_back(user("user" + std::to_string(layer), layer));
+        }
+        return users;
+    }
+
+    void expectRefused(const std::vector<VexaMixUserInternal>& users, const std::string& line) {
+        forgetTheStorySoFar();
+        startMix(mix(users));
+        EXPECT_THAT(log(),
+                    ElementsAre(Logged{2, "operator()", "bPureAudio:" + std::string(users.empty() ? "1" : "0")},
+                                Logged{4, "checkMixConfig", line},
+                                Logged{4, "operator()",
+                                       "error: checkMixConfig ret invalid cnt:" + std::to_string(users.size())}));
+        EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, "mixUsersArray is invalid"}));
+        EXPECT_THAT(requests(), IsEmpty());
+    }
+
+    void expectAccepted(const std::vector<VexaMixUserInternal>& users) {
+        forgetTheStorySoFar();
+        startMix(mix(users));
+        EXPECT_THAT(requests(), SizeIs(1));
+        EXPECT_THAT(told(), IsEmpty());
+        EXPECT_THAT(log(), Not(Contains(testing::Field(&Logged::level, 4))));
+    }
+
+    // The rectangles' x of the sent inputs, by which a test tells them apart.
+    std::vector<int> sentPlaces() const {
+        const std::string& sent = body(0);
+        const std::string key = "\"location_x\":";
+        std::vector<int> places;
+        for (size_t at = sent.find(key); at != std::string::npos; at = sent.find(key, at + 1)) {
+            places.push_back(std::stoi(sent.substr(at + key.size())));
+        }
+        return places;
+    }
+};
+
+TEST_F(MixInputTest, EmptyListCountsAsPureAudioAndIsRefused) {
+    expectRefused({}, "error: config or config.mixUser can't be null");
+}
+
+TEST_F(MixInputTest, LayersZeroToSixteenAreAcceptedThoughTheMessageSaysOne) {
+    expectAccepted(usersWithLayers({0}));
+    expectAccepted(usersWithLayers({16}));
+    expectAccepted(usersWithLayers({0, 1}));
+    expectAccepted(usersWithLayers({16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0}));
+}
+
+TEST_F(MixInputTest, LayerOutOfRangeIsRefusedAndShownWithItsSign) {
+    for (const int layer : {17, 18, 1000, -1, -17, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()}) {
+        expectRefused(usersWithLayers({layer}),
+                      "error : zOrder invalid!zOrder = " + std::to_string(layer) + ".must between 1 and 16!");
+    }
+}
+
+TEST_F(MixInputTest, LayerGivenTwiceIsRefused) {
+    expectRefused(usersWithLayers({1, 1}), "error : zOrder can't be the same! zOrder = 1");
+    expectRefused(usersWithLayers({0, 5, 0}), "error : zOrder can't be the same! zOrder = 0");
+    expectRefused(usersWithLayers({16, 2, 3, 16}), "error : zOrder can't be the same! zOrder = 16");
+}
+
+TEST_F(MixInputTest, FirstFailingInputEndsTheCheck) {
+    expectRefused(usersWithLayers({1, 17, 1}), "error : zOrder invalid!zOrder = 17.must between 1 and 16!");
+    expectRefused(usersWithLayers({4, 4, 17, -1}), "error : zOrder can't be the same! zOrder = 4");
+}
+
+TEST_F(MixInputTest, EighteenInputsCannotAllHaveALayer) {
+    std::vector<VexaMixUserInternal> users;
+    for (int layer = 0; layer <= 17; ++layer) {
+        users.push_back(user("u", layer));
+    }
+    expectRefused(users, "error : zOrder invalid!zOrder = 17.must between 1 and 16!");
+}
+
+TEST_F(MixInputTest, LayersOfAPureAudioMixAreNotChecked) {
+    std::vector<VexaMixUserInternal> users = usersWithLayers({1, 1, 17, -1});
+    for (VexaMixUserInternal& user : users) {
+        user.pureAudio = true;
+    }
+    expectAccepted(users);
+    EXPECT_EQ(log().at(0).text, "bPureAudio:1");
+}
+
+TEST_F(MixInputTest, OneInputWithVideoMakesAMixWithVideo) {
+    std::vector<VexaMixUserInternal> users = usersWithLayers({1, 1});
+    users[0].pureAudio = true;
+    expectRefused(users, "error : zOrder can't be the same! zOrder = 1");
+    users[0].pureAudio = false;
+    users[1].pureAudio = true;
+    expectRefused(users, "error : zOrder can't be the same! zOrder = 1");
+}
+
+TEST_F(MixInputTest, InputsWithVideoAreSentInAscendingLayers) {
+    std::vector<VexaMixUserInternal> users = usersWithLayers({3, 1, 2});
+    for (VexaMixUserInternal& user : users) {
+        user.rect.x = user.zOrder * 10;
+    }
+
+    startMix(mix(users));
+
+    EXPECT_THAT(sentPlaces(), ElementsAre(0 /* canvas */, 10, 20, 30));
+}
+
+TEST_F(MixInputTest, SeventeenInputsAreSentInAscendingLayers) {
+    std::vector<VexaMixUserInternal> users =
+        usersWithLayers({9, 3, 16, 0, 12, 1, 15, 7, 2, 14, 5, 11, 4, 10, 6, 13, 8});
+    for (VexaMixUserInternal& user : users) {
+        user.rect.x = user.zOrder * 10;
+    }
+
+    startMix(mix(users));
+
+    EXPECT_THAT(sentPlaces(), ElementsAre(0, 0, 10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120, 130, 140, 150, 160));
+}
+
+TEST_F(MixInputTest, InputsOfAPureAudioMixAreSentInTheCallersOrder) {
+    std::vector<VexaMixUserInternal> users = usersWithLayers({3, 1, 2});
+    for (VexaMixUserInternal& user : users) {
+        user.rect.x = user.zOrder * 10;
+        user.pureAudio = true;
+    }
+
+    startMix(mix(users));
+
+    EXPECT_THAT(sentPlaces(), ElementsAre(30, 10, 20));
+}
+
+TEST_F(MixInputTest, CallersConfigurationIsNotChanged) {
+    const kstmedia::VexaTranscodingConfigInternal config = mix(usersWithLayers({3, 1, 2}));
+
+    startMix(config);
+
+    EXPECT_EQ(config.mixUsersArray[0].zOrder, 3);
+    EXPECT_EQ(config.mixUsersArray[1].zOrder, 1);
+    EXPECT_EQ(config.mixUsersArray[2].zOrder, 2);
+}
+
+TEST_F(MixInputTest, OrderingComparesLayersAsSignedNumbers) {
+    EXPECT_TRUE(LiveTranscodingAdapterSortFun(user("a", 1), user("b", 2)));
+    EXPECT_FALSE(LiveTranscodingAdapterSortFun(user("a", 2), user("b", 1)));
+    EXPECT_FALSE(LiveTranscodingAdapterSortFun(user("a", 2), user("b", 2)));
+    EXPECT_TRUE(LiveTranscodingAdapterSortFun(user("a", -1), user("b", 0)));
+    EXPECT_TRUE(LiveTranscodingAdapterSortFun(user("a", std::numeric_limits<int>::min()),
+                                              user("b", std::numeric_limits<int>::max())));
+}

@@ -1,0 +1,435 @@
+// Starting the relay of the local stream.
+
+#include "FlowTest.h"
+
+using kstmedia::VexaPublishCDNParamInternal;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class RelayStartTest : public FlowTest {
+protected:
+    static constexpr const char* kInvalid = "startPublishStreamUrl failure, param is invalid";
+    static constexpr const char* kOtherUrl = "rtmp://cdn.test/live/other";
+    static constexpr const char* kOtherText = "appId:12345, bizId:8888, url:rtmp://cdn.test/live/other";
+
+    static VexaPublishCDNParamInternal param(int appId, int bizId, const std::string& url) {
+        VexaPublishCDNParamInternal made;
+        made.appId = appId;
+        made.bizId = bizId;
+        made.url = url;
+        return made;
+    }
+
+    std::string relayBody(size_t number, const std::string& url, int timestamp) {
+        return R"({"appid":12345,"dest_stream_url":")" + url + R"(","domain":"8888.push.test","event_id":)" +
+               std::to_string(eventId(number)) +
+               R"(,"interface":"add_relay_stream_url","path":"live","stream_id":"8888_fcbd0847daa9c600a757e0d48049b252")"
+               R"(,"timestamp":)" +
+               std::to_string(timestamp) + R"(,"use_mix_crop_center":1})";
+    }
+};
+
+// ---- Refused --------------------------------------------------------------------------------------------------------
+
+TEST_F(RelayStartTest, IncompleteParameterIsToldAndReportedAndNothingIsSent) {
+    const std::pair<VexaPublishCDNParamInternal, const char*> cases[] = {
+        {param(12345, 8888, ""), "appId:12345, bizId:8888"},
+        {param(0, 8888, "rtmp://a"), "appId:0, bizId:8888"},
+        {param(12345, 0, "rtmp://a"), "appId:12345, bizId:0"},
+        {param(0, 0, ""), "appId:0, bizId:0"},
+    };
+    givenInRoom();
+    for (const auto& [incomplete, ids] : cases) {
+        forgetTheStorySoFar();
+
+        startRelay(incomplete);
+
+        EXPECT_THAT(log(),
+                    ElementsAre(Logged{4, "operator()", "error: url invalid url = " + incomplete.url + ", " + ids}));
+        EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3323, kInvalid}));
+        EXPECT_THAT(reports(), ElementsAre(Reported{30, ids + (", url:" + incomplete.url), kInvalid}));
+        EXPECT_THAT(requests(), IsEmpty());
+    }
+}
+
+TEST_F(RelayStartTest, RefusalIsToldBeforeItIsReported) {
+    givenInRoom();
+
+    startRelay(relay(""));
+
+    EXPECT_THAT(mPlatform.order, ElementsAre("onStartPublishStreamUrl", "report 30"));
+}
+
+TEST_F(RelayStartTest, RefusalComesOutsideTheRoomToo) {
+    givenUser();
+
+    startRelay(relay(""));
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3323, kInvalid}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, "appId:12345, bizId:8888, url:", kInvalid}));
+}
+
+TEST_F(RelayStartTest, NegativeIdsAreAccepted) {
+    givenInRoom();
+
+    startRelay(param(-1, -2, "rtmp://a"));
+
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(body(0), HasSubstr(R"({"appid":-1,"dest_stream_url":"rtmp://a","domain":"-2.push.test",)"));
+}
+
+TEST_F(RelayStartTest, RefusedParameterChangesNoStoredState) {
+    givenInRoom();
+
+    startRelay(relay(""));
+
+    // Nothing counts as started, so a stop is refused.
+    stopRelay();
+    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_EQ(told().back().operation, "onStopLiveMixTranscoding");
+}
+
+TEST_F(RelayStartTest, RefusedParameterLeavesTheStoredOneInForce) {
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+
+    startRelay(relay(""));
+    pass(Milliseconds(1000));
+
+    // The retry of the first start is not checked for its generation and still carries the first address.
+    EXPECT_THAT(body(1), HasSubstr(std::string("\"dest_stream_url\":\"") + kUrl));
+}
+
+TEST_F(RelayStartTest, RefusedParameterLeavesAPendingStartPending) {
+    givenUser();
+    startRelay();
+    startRelay(relay(""));
+
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_THAT(body(0), HasSubstr(kUrl));
+}
+
+TEST_F(RelayStartTest, SupersededIncompleteStartIsStillToldAndReportedWithTheNewestText) {
+    givenInRoom();
+
+    mAdapter->startPublishStreamUrl(relay(""));
+    mAdapter->startPublishStreamUrl(relay());
+    run();
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3323, kInvalid}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, kInvalid}));
+    EXPECT_THAT(requests(), SizeIs(1));
+    EXPECT_THAT(log(), ElementsAre(Logged{4, "operator()", "error: url invalid url = , appId:12345, bizId:8888"},
+                                   testing::Field(&Logged::function, "addPublishUrlInner")));
+}
+
+// ---- Superseded before it was sent ----------------------------------------------------------------------------------
+
+TEST_F(RelayStartTest, OfTwoStartsInQuickSuccessionOnlyTheSecondIsSent) {
+    givenInRoom();
+
+    mAdapter->startPublishStreamUrl(relay());
+    mAdapter->startPublishStreamUrl(relay(kOtherUrl));
+    run();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(body(0), relayBody(0, kOtherUrl, 1000));
+    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
+    EXPECT_THAT(log(), SizeIs(2));
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(RelayStartTest, SupersededStartStoresNothing) {
+    givenUser();
+
+    mAdapter->startPublishStreamUrl(relay());
+    mAdapter->stopPublishStreamUrl();
+    run();
+    enterRoom();
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onStopLiveMixTranscoding", -3323,
+                                         "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl "
+                                         "before"}));
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(RelayStartTest, ParameterIsTakenAtTheTimeOfTheCall) {
+    givenInRoom();
+    VexaPublishCDNParamInternal changing = relay();
+
+    mAdapter->startPublishStreamUrl(changing);
+    changing.url = kOtherUrl;
+    run();
+
+    EXPECT_THAT(body(0), HasSubstr(kUrl));
+}
+
+// ---- Before room entry ----------------------------------------------------------------------------------------------
+
+TEST_F(RelayStartTest, StartOutsideTheRoomIsReportedAndNobodyIsTold) {
+    givenUser();
+
+    startRelay();
+
+    EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "not enterRoom status"}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, "not enterRoom status"}));
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(RelayStartTest, RoomEntrySendsTheWaitingStartAsANewGeneration) {
+    givenUser();
+    startRelay();
+    forgetTheStorySoFar();
+
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(body(0), relayBody(0, kUrl, 1000));
+    EXPECT_THAT(log(), ElementsAre(Logged{2, "addPublishUrlInner",
+                                          "addPublishUrlInner index: 2, retryStartCdnCnt:0, jsonStr: " + body(0)}));
+    answerOk();
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, body(0) + tried(10, 0, kOk)}));
+}
+
+TEST_F(RelayStartTest, WaitingStartIsSentOnlyOnce) {
+    givenUser();
+    startRelay();
+    enterRoom();
+    answerOk();
+
+    enterRoom("room8", "another-key");
+
+    EXPECT_THAT(requests(), SizeIs(1));
+}
+
+TEST_F(RelayStartTest, NewestOfTheWaitingStartsIsSent) {
+    givenUser();
+    startRelay();
+    startRelay(relay(kOtherUrl));
+
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_THAT(body(0), HasSubstr(kOtherUrl));
+}
+
+// ---- Sent and answered ----------------------------------------------------------------------------------------------
+
+TEST_F(RelayStartTest, StartInTheRoomSendsTheRelaysBody) {
+    givenInRoom();
+
+    startRelay();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(body(0), relayBody(0, kUrl, 1000));
+    EXPECT_THAT(log(), ElementsAre(Logged{2, "addPublishUrlInner",
+                                          "addPublishUrlInner index: 1, retryStartCdnCnt:0, jsonStr: " + body(0)}));
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(RelayStartTest, SuccessIsToldAndThenReportedWithBodyAndAnswer) {
+    givenInRoom();
+    startRelay();
+    const std::string sent = body(0);
+
+    answer(0, R"({"code":0,"message":"fine"})");
+
+    EXPECT_EQ(log().back(), (Logged{2, "operator()",
+                                    R"(addPublishUrlInner index: 1, ret: 0, respData: {"code":0,"message":"fine"})"}));
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(reports(),
+                ElementsAre(Reported{30, kRelayText,
+                                     sent + R"( [tryHttp:cnt-10]retCode:0, respData:{"code":0,"message":"fine"})"}));
+    EXPECT_THAT(mPlatform.order, ElementsAre("request 0", "onStartPublishStreamUrl", "report 30"));
+}
+
+TEST_F(RelayStartTest, DestinationOfAnyTextIsSentAsJson) {
+    givenInRoom();
+
+    startRelay(relay("rtmp://h/\"q\" \\b\t\n\x01 é中 %d"));
+
+    EXPECT_THAT(body(0), HasSubstr(R"("dest_stream_url":"rtmp://h/\"q\" \\b\t\n\u0001 é中 %d",)"));
+    answerOk();
+    EXPECT_EQ(reports().at(0).information, "appId:12345, bizId:8888, url:rtmp://h/\"q\" \\b\t\n\x01 é中 %d");
+}
+
+TEST_F(RelayStartTest, DestinationOf5000CharactersIsSentAndReportedWhole) {
+    const std::string url = "rtmp://" + std::string(5000, 'u');
+    givenInRoom();
+
+    startRelay(relay(url));
+    answerOk();
+
+    EXPECT_EQ(body(0), relayBody(0, url, 1000));
+    EXPECT_THAT(reports(),
+                ElementsAre(Reported{30, "appId:12345, bizId:8888, url:" + url, body(0) + tried(10, 0, kOk)}));
+}
+
+TEST_F(RelayStartTest, DestinationThatIsNotUtf8IsSentWithReplacementCharacters) {
+    givenInRoom();
+
+    startRelay(relay("rtmp://\xff/a"));
+
+    EXPECT_THAT(body(0), HasSubstr("\"dest_stream_url\":\"rtmp://\xef\xbf\xbd/a\""));
+}
+
+TEST_F(RelayStartTest, SecondStartAfterTheFirstEndedHasTheWholeRetryBudget) {
+    givenInRoom();
+    startRelay();
+    failAndWaitForRetry();
+    answerOk();
+    forgetTheStorySoFar();
+
+    startRelay();
+    answerAll(kTryAgain, "");
+
+    EXPECT_THAT(requests(), SizeIs(11));
+}
+
+// ---- Retried --------------------------------------------------------------------------------------------------------
+
+TEST_F(RelayStartTest, TraceHoldsTheFirstBodyAndOneSegmentForEachAnswer) {
+    givenInRoom();
+    startRelay();
+
+    failAndWaitForRetry();
+    answer(0, R"({"code":-1})");
+    pass(Milliseconds(1000));
+    answerOk();
+
+    EXPECT_THAT(reports(),
+                ElementsAre(Reported{30, kRelayText,
+                                     body(0) + " [tryHttp:cnt-10]retCode:1, respData:" +
+                                         R"( [tryHttp:cnt-9]retCode:0, respData:{"code":-1})" +
+                                         R"( [tryHttp:cnt-8]retCode:0, respData:{"code":0,"message":"fine"})"}));
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+}
+
+TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+    startRelay(relay(kOtherUrl));
+    pass(Milliseconds(500));
+    answerTo(1, kTryAgain, "");
+    forgetTheStorySoFar();
+
+    pass(Milliseconds(1000));
+
+    ASSERT_THAT(requests(), SizeIs(2));
+    EXPECT_EQ(body(0), relayBody(0, kOtherUrl, 1001));
+    EXPECT_EQ(body(1), relayBody(1, kOtherUrl, 1001));
+    // Both show the counter of the newest start.
+    EXPECT_THAT(
+        log(),
+        ElementsAre(
+            Logged{2, "operator()", "retryAddPublishUrlInner index: 1, retryStartCdnCnt:1, jsonStr: " + body(0)},
+            Logged{2, "operator()", "retryAddPublishUrlInner index: 2, retryStartCdnCnt:1, jsonStr: " + body(1)}));
+}
+
+TEST_F(RelayStartTest, AnswerOfASupersededRetryIsDropped) {
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+    startRelay(relay(kOtherUrl));
+    answerTo(1, 0, kOk);
+    pass(Milliseconds(1000));
+    ASSERT_THAT(requests(), SizeIs(3));
+    mTold.clear();
+    mPlatform.log.clear();
+    mPlatform.reports.clear();
+
+    answerTo(2, 0, kOk);
+
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_THAT(log(), IsEmpty());
+    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+}
+
+TEST_F(RelayStartTest, StopWhileARetryWaitsLetsItSendAndDropsItsAnswer) {
+    givenInRoom();
+    startRelay();
+    answer(kTryAgain, "");
+    stopRelay();
+
+    pass(Milliseconds(1000));
+
+    ASSERT_THAT(requests(), SizeIs(3));
+    EXPECT_EQ(body(2), relayBody(2, kUrl, 1001));
+    // The stop has zeroed the counter.
+    EXPECT_EQ(log().back().text, "retryAddPublishUrlInner index: 1, retryStartCdnCnt:10, jsonStr: " + body(2));
+    answerTo(2, 0, kOk);
+    EXPECT_THAT(told(), IsEmpty());
+    answerTo(1, 0, kOk);
+    EXPECT_THAT(told(), ElementsAre(Told{"onStopPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(reports(), SizeIs(1));
+}
+
+// ---- Generations ----------------------------------------------------------------------------------------------------
+
+TEST_F(RelayStartTest, FirstAnswerIsDroppedOnceAnotherRelayOperationWasCalled) {
+    const std::function<void()> operations[] = {[this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); },
+                                                [this] { mAdapter->startPublishStreamUrl(relay("")); },
+                                                [this] { mAdapter->stopPublishStreamUrl(); },
+                                                [this] { mAdapter->resetInfo(); }};
+    givenInRoom();
+    for (const auto& operation : operations) {
+        startRelay();
+        const size_t superseded = requests().size() - 1;
+        mPlatform.log.clear();
+        mPlatform.reports.clear();
+        mTold.clear();
+        operation();  // not run yet: the call alone supersedes
+
+        mPlatform.answer(superseded, kTryAgain, "");
+
+        EXPECT_THAT(told(), IsEmpty());
+        EXPECT_THAT(log(), IsEmpty());
+        EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+        run();
+        enterRoom();
+    }
+}
+
+TEST_F(RelayStartTest, MixWorkDoesNotSupersedeARelay) {
+    givenInRoom();
+    startRelay();
+    startMix();
+    cancelMix();
+
+    answerTo(0, 0, kOk);
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+}
+
+// ---- The report's text ----------------------------------------------------------------------------------------------
+
+TEST_F(RelayStartTest, ListenerThatStartsAgainFromItsCallIsSeenInTheReport) {
+    givenInRoom();
+    startRelay();
+    mListener->whenTold = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
+
+    answerOk();
+
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, kOtherText, body(0) + tried(10, 0, kOk)}));
+    EXPECT_THAT(requests(), SizeIs(2));
+}
+
+TEST_F(RelayStartTest, ListenerThatStartsAgainFromARefusalIsSeenInTheReport) {
+    givenInRoom();
+    mListener->whenTold = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
+
+    startRelay(relay(""));
+
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, kOtherText, kInvalid}));
+}
