@@ -26,7 +26,7 @@ CVexaHttpSendRecv::~CVexaHttpSendRecv() {
 void CVexaHttpSendRecv::sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::string& url, Callback callback) {
     static std::atomic<uint64_t> lastId{0};
 
-    auto request = std::make_unique<vexalive::HttpRequest>();
+    auto request = std::make_unique<vexalive::OutgoingRequest>();
     request->url = url;
     request->body = body;
     request->answers = mImpl;

@@ -142,7 +142,7 @@ HttpEngine::HttpEngine() : mOptions(takeOptions()) {
     std::atexit(&HttpEngine::leave);
 }
 
-void HttpEngine::send(std::unique_ptr<HttpRequest> request) {
+void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
     bool wake = false;
     {
         KstMutexLock lock(mMutex);
@@ -169,7 +169,7 @@ void HttpEngine::leave() {
 // ---- The I/O thread -------------------------------------------------------------------------------------------------
 
 struct HttpEngine::Exchange {
-    std::unique_ptr<HttpRequest> request;
+    std::unique_ptr<OutgoingRequest> request;
     CURL* handle = nullptr;
     size_t limit = 0;
     std::vector<uint8_t> received;
@@ -210,7 +210,7 @@ void HttpEngine::run() {
 
 // False when the process leaves. A request put in after this wakes the poll that follows.
 bool HttpEngine::takeRequests() {
-    std::vector<std::unique_ptr<HttpRequest>> requests;
+    std::vector<std::unique_ptr<OutgoingRequest>> requests;
     {
         KstMutexLock lock(mMutex);
         if (mLeaving) {
@@ -224,7 +224,7 @@ bool HttpEngine::takeRequests() {
     return true;
 }
 
-void HttpEngine::begin(std::unique_ptr<HttpRequest> request) {
+void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
     auto exchange = std::make_unique<Exchange>();
     exchange->limit = mOptions.maxAnswerBytes;
     exchange->request = std::move(request);

@@ -22,7 +22,7 @@
 
 namespace vexalive {
 
-struct HttpRequest {
+struct OutgoingRequest {
     std::string url;
     KstCopyOnWriteBuffer body;
     std::shared_ptr<AnswerQueue> answers;  // who hears of the end
@@ -35,7 +35,7 @@ public:
     // Started at the first call; never destroyed. The standard library's system error if a thread cannot be started.
     static HttpEngine& instance();
 
-    void send(std::unique_ptr<HttpRequest> request) KST_EXCLUDES(mMutex);
+    void send(std::unique_ptr<OutgoingRequest> request) KST_EXCLUDES(mMutex);
 
 private:
     struct Exchange;
@@ -46,7 +46,7 @@ private:
     // Below: the I/O thread only.
     void run();
     bool takeRequests() KST_EXCLUDES(mMutex);
-    void begin(std::unique_ptr<HttpRequest> request);
+    void begin(std::unique_ptr<OutgoingRequest> request);
     void collectFinished();
     void end(std::unique_ptr<Exchange> exchange, CURLcode result);
     CURL* takeHandle();
@@ -60,7 +60,7 @@ private:
     std::vector<CURL*> mSpareHandles;
 
     KstMutex mMutex;
-    std::vector<std::unique_ptr<HttpRequest>> mInbox KST_GUARDED_BY(mMutex);
+    std::vector<std::unique_ptr<OutgoingRequest>> mInbox KST_GUARDED_BY(mMutex);
     bool mLeaving KST_GUARDED_BY(mMutex) = false;
     std::thread mThread;  // last: it runs on all of the above
 };
