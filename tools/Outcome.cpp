@@ -20,7 +20,8 @@ struct Meaning {
 
 constexpr Meaning kMeanings[] = {
     {CVexaHttpSendRecv::kAnswered, "answered"},
-    {CVexaHttpSendRecv::kTryAgain, "no usable answer: not reached, too slow, broken off, or HTTP status for busy"},
+    {CVexaHttpSendRecv::kTryAgain,
+     "no answer: the service was not reached, took too long, or the connection broke off"},
     {301, "HTTP status 301: moved elsewhere, which is not followed"},
     {302, "HTTP status 302: redirected, which is not followed"},
     {307, "HTTP status 307: redirected, which is not followed"},
@@ -55,11 +56,13 @@ std::string describeBody(const ServiceAnswer& answer) {
 
 }  // namespace
 
-ServiceAnswer readAnswer(int retCode, const std::string& body) {
+ServiceAnswer readAnswer(int retCode, const std::string& body, int httpStatus) {
     ServiceAnswer answer;
     answer.retCode = retCode;
     if (retCode >= kLowestStatus && retCode < CVexaHttpSendRecv::kLibraryBase) {
         answer.httpStatus = retCode;
+    } else if (retCode == CVexaHttpSendRecv::kTryAgain && httpStatus != 0) {
+        answer.httpStatus = httpStatus;
     }
     answer.isEmpty = body.empty();
     const json::Value value = answer.isEmpty ? json::Value() : json::Deserialize(body);
@@ -93,7 +96,10 @@ std::string describe(const ServiceAnswer& answer) {
     if (answer.retCode == CVexaHttpSendRecv::kAnswered) {
         return describeBody(answer);
     }
-    std::string text = describeReturnCode(answer.retCode) + " (return code " + std::to_string(answer.retCode);
+    const bool isBusy = answer.retCode == CVexaHttpSendRecv::kTryAgain && answer.httpStatus;
+    std::string text = isBusy ? "HTTP status " + std::to_string(*answer.httpStatus) + ": not now, try again"
+                              : describeReturnCode(answer.retCode);
+    text += " (return code " + std::to_string(answer.retCode);
     if (!answer.transportError.empty()) {
         text += ": " + answer.transportError;
     }

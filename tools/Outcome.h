@@ -14,7 +14,7 @@ namespace vexalive {
 // One HTTPS exchange's end, as in base/CVexaHttpSendRecv.h, and what the answer's body says.
 struct ServiceAnswer {
     int retCode = 0;
-    std::optional<int> httpStatus;  // where the return code tells it
+    std::optional<int> httpStatus;  // where it is not a success
     bool isEmpty = false;           // the body
     bool isReadable = false;        // the body is JSON, and not null
     std::optional<int> code;        // the service's "code" or "ErrorCode"
@@ -26,7 +26,8 @@ struct ServiceAnswer {
     bool isRefusal() const { return retCode == 0 && code && *code != 0; }
 };
 
-ServiceAnswer readAnswer(int retCode, const std::string& body);
+// `httpStatus`: 0 if no answer came.
+ServiceAnswer readAnswer(int retCode, const std::string& body, int httpStatus = 0);
 
 // "accepted (code 0: \"ok\")", "the service was not reached, …".
 std::string describe(const ServiceAnswer& answer);

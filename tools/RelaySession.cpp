@@ -80,7 +80,7 @@ void RelaySession::onExchange(const ExchangeEvent& event) {
             break;
         }
         case HttpExchange::kAnswered: {
-            task->answer = readAnswer(event.retCode, event.answer);
+            task->answer = readAnswer(event.retCode, event.answer, event.httpStatus);
             const ServiceAnswer& answer = task->answer;
             Step step = about(*task, "answer", describe(answer) + "; " + std::to_string(event.elapsed.count()) + " ms");
             step.fields["returnCode"] = answer.retCode;

@@ -36,7 +36,8 @@ SdkEvents::SdkEvents(int lowestLogLevel)
     : mMailbox(std::make_shared<Mailbox<SdkEvent>>()), mListener(std::make_shared<Listener>(mMailbox)) {
     setHttpObserver([mailbox = mMailbox](const HttpExchange& exchange) {
         mailbox->put(ExchangeEvent{exchange.phase, exchange.id, std::string(exchange.interfaceName), exchange.bytesSent,
-                                   exchange.retCode, std::string(exchange.answer), exchange.elapsed});
+                                   exchange.httpStatus, exchange.retCode, std::string(exchange.answer),
+                                   exchange.elapsed});
     });
     setEventSink([mailbox = mMailbox](const EventReport& report) { mailbox->put(report); });
     setLogSink([mailbox = mMailbox, lowestLogLevel](int level, const char* file, int line, const char* function,

@@ -25,6 +25,7 @@ struct ExchangeEvent {  // as HttpExchange, but owning its texts
     uint64_t id;
     std::string interfaceName;
     size_t bytesSent;
+    int httpStatus;
     int retCode;
     std::string answer;
     std::chrono::milliseconds elapsed;

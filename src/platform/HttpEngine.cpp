@@ -312,6 +312,7 @@ void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
     if (result == CURLE_OK) {
         long status = 0;
         curl_easy_getinfo(exchange->handle, CURLINFO_RESPONSE_CODE, &status);
+        answer.exchange.httpStatus = static_cast<int>(status);
         answer.retCode = returnCodeOfStatus(status);
     } else {
         answer.retCode = returnCodeOfFailure(result, exchange->detail);

@@ -63,6 +63,7 @@ struct HttpExchange {
     uint64_t id;                        // of the exchange, counted from 1
     std::string_view interfaceName;     // the last part of the address's path; valid during the call
     size_t bytesSent;                   // of the body
+    int httpStatus;                     // of the answer; 0 if none came, and while kStarted
     int retCode;                        // as in base/CVexaHttpSendRecv.h; 0 while kStarted
     std::string_view answer;            // what came back; empty while kStarted; valid during the call
     std::chrono::milliseconds elapsed;  // from hand-over to answer; 0 while kStarted
