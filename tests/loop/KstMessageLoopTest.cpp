@@ -1,0 +1,392 @@
+// The real loop's threads: how many there are, what stop waits for, and posts and stops that race. What holds of every
+// loop stands in LoopContractTest.cpp.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Journal.h"
+#include "LoopDriver.h"
+#include "WatchedLoop.h"
+#include "base/KstMessageLoop.h"
+
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+// The ids of the process's threads.
+std::set<std::string> threads() {
+    std::set<std::string> ids;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        ids.insert(entry.path().filename());
+    }
+    return ids;
+}
+
+// Those that have come since. Threads that go in between, such as a former test's, do not matter.
+std::set<std::string> threadsSince(const std::set<std::string>& before) {
+    std::set<std::string> ids;
+    for (const std::string& id : threads()) {
+        if (before.count(id) == 0) {
+            ids.insert(id);
+        }
+    }
+    return ids;
+}
+
+// Waits until they are gone: a thread that has been joined leaves the list a moment later.
+bool awaitNoThreadSince(const std::set<std::string>& before) {
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!threadsSince(before).empty()) {
+        if (std::chrono::steady_clock::now() > giveUp) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+// Waits until posts are refused, so that a stop on another thread is known to be under way.
+void awaitRefusal(KstMessageLoop& loop) {
+    while (loop.PostTask([] {}).valid()) {
+        std::this_thread::yield();
+    }
+}
+
+class KstMessageLoopTest : public testing::Test {
+protected:
+    // Some runtimes start a thread of their own along with the program's first.
+    static void SetUpTestSuite() {
+        std::thread([] {}).join();
+    }
+
+    Journal journal;
+    WatchedLoop loop;
+};
+
+// ---- The worker thread ----
+
+TEST_F(KstMessageLoopTest, TheFirstPostStartsTheOneThreadAndStopEndsIt) {
+    const auto before = threads();
+    const WatchedLoop fresh;
+    EXPECT_EQ(threadsSince(before).size(), 0u) << "a loop without a post has no thread";
+
+    fresh->PostTask([] {});
+    const auto started = threadsSince(before);
+    EXPECT_EQ(started.size(), 1u);
+
+    fresh->DelayPostTask(hours(1), [] {});
+    LoopDriver::settle(*fresh);
+    EXPECT_EQ(threadsSince(before), started) << "further posts of either kind start none";
+
+    fresh->stop();
+    EXPECT_TRUE(awaitNoThreadSince(before));
+}
+
+TEST_F(KstMessageLoopTest, TheFirstDelayedPostStartsTheOneThreadToo) {
+    const auto before = threads();
+    loop->DelayPostTask(hours(1), [] {});
+    const auto started = threadsSince(before);
+    EXPECT_EQ(started.size(), 1u);
+
+    loop->DelayPostTask(hours(1), [] {});
+    LoopDriver::settle(*loop);
+    EXPECT_EQ(threadsSince(before), started);
+
+    loop->stop();
+    EXPECT_TRUE(awaitNoThreadSince(before));
+}
+
+TEST_F(KstMessageLoopTest, ADelayedTaskOnAFreshLoopRuns) {
+    loop->DelayPostTask(milliseconds(1), [this] { journal.add("ran"); });
+    EXPECT_TRUE(journal.await(1));
+}
+
+TEST_F(KstMessageLoopTest, PostingAfterStopStartsNoThread) {
+    loop->stop();
+    const auto before = threads();
+    loop->PostTask([] {});
+    loop->DelayPostTask(milliseconds(0), [] {});
+    EXPECT_EQ(threadsSince(before).size(), 0u);
+}
+
+TEST_F(KstMessageLoopTest, EveryTaskRunsOnTheSameThreadWhichIsNoneOfThePosters) {
+    constexpr int kPosters = 3;
+    std::vector<std::thread::id> ran;  // the worker's alone, until it has stopped
+    std::vector<std::thread::id> posters = {std::this_thread::get_id()};
+    const auto postBoth = [&] {
+        for (int i = 0; i < 2; ++i) {
+            loop->DelayPostTask(milliseconds(i), [&] {
+                ran.push_back(std::this_thread::get_id());
+                journal.add("ran");
+            });
+        }
+        loop->PostTask([&] {
+            ran.push_back(std::this_thread::get_id());
+            journal.add("ran");
+        });
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kPosters; ++i) {
+        threads.emplace_back(postBoth);
+        posters.push_back(threads.back().get_id());
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    postBoth();
+
+    ASSERT_TRUE(journal.await(3 * (kPosters + 1)));
+    loop->stop();
+    for (const std::thread::id& id : ran) {
+        EXPECT_EQ(id, ran.front());
+        EXPECT_EQ(std::count(posters.begin(), posters.end(), id), 0);
+    }
+}
+
+TEST_F(KstMessageLoopTest, TasksRunOneAtATime) {
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    std::vector<std::thread> posters;
+    for (int i = 0; i < 4; ++i) {
+        posters.emplace_back([&] {
+            for (int j = 0; j < 200; ++j) {
+                const auto task = [&] {
+                    overlapped = overlapped || ++running != 1;
+                    std::this_thread::yield();
+                    --running;
+                    journal.add("ran");
+                };
+                loop->PostTask(task);
+                loop->DelayPostTask(milliseconds(0), task);
+            }
+        });
+    }
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+    ASSERT_TRUE(journal.await(1600));
+    loop->stop();
+    EXPECT_FALSE(overlapped);
+}
+
+TEST_F(KstMessageLoopTest, ABusyLoopDelaysNoOther) {
+    const WatchedLoop other;
+    const LoopDriver::Hold hold(*loop);
+    other->PostTask([this] { journal.add("other"); });
+    EXPECT_TRUE(journal.await(1));
+}
+
+TEST_F(KstMessageLoopTest, PostingFromFourThreadsLosesNothingAndKeepsEachThreadsOrder) {
+    constexpr size_t kThreads = 4;
+    constexpr size_t kTasks = 2000;
+    std::vector<std::vector<size_t>> ran(kThreads);  // the worker's alone, until it has stopped
+    size_t delayedRan = 0;
+    std::vector<std::thread> posters;
+    for (size_t thread = 0; thread < kThreads; ++thread) {
+        posters.emplace_back([&, thread] {
+            for (size_t task = 0; task < kTasks; ++task) {
+                loop->PostTask([&, thread, task] { ran[thread].push_back(task); });
+                if (task % 10 == 0) {
+                    loop->DelayPostTask(milliseconds(static_cast<int>(task % 3)), [&] { ++delayedRan; });
+                }
+            }
+        });
+    }
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+    loop->DelayPostTask(milliseconds(10), [this] { journal.add("last deadline"); });
+    ASSERT_TRUE(journal.await(1));
+    loop->stop();
+
+    EXPECT_EQ(delayedRan, kThreads * kTasks / 10);
+    for (const std::vector<size_t>& tasks : ran) {
+        EXPECT_EQ(tasks.size(), kTasks);
+        EXPECT_TRUE(std::is_sorted(tasks.begin(), tasks.end()));
+    }
+}
+
+// ---- Stop ----
+
+TEST_F(KstMessageLoopTest, StopFromAnotherThreadLetsTheRunningTaskEndAndWaitsForIt) {
+    std::promise<void> open;
+    std::promise<void> begun;
+    std::future<void> hasBegun = begun.get_future();
+    loop->PostTask([this, begun = std::move(begun), isOpen = open.get_future()]() mutable {
+        begun.set_value();
+        isOpen.wait();
+        journal.add("task ends");
+    });
+    loop->PostTask(JournalTask(journal, "queued"));
+    loop->DelayPostTask(milliseconds(0), JournalTask(journal, "delayed"));
+    hasBegun.wait();
+
+    std::thread stopper([this] {
+        loop->stop();
+        journal.add("stop returns");
+    });
+    awaitRefusal(*loop);
+    EXPECT_TRUE(journal.entries().empty()) << "the task still runs, so stop waits";
+    open.set_value();
+    stopper.join();
+
+    const std::vector<std::string> entries = journal.entries();
+    EXPECT_THAT(entries, UnorderedElementsAre("task ends", "~queued", "~delayed", "stop returns"));
+    EXPECT_EQ(entries.front(), "task ends");
+    EXPECT_EQ(entries.back(), "stop returns") << "nothing of the queue is left when it does";
+}
+
+TEST_F(KstMessageLoopTest, StopsFromManyThreadsAllReturnAndEveryTaskIsDestroyedOnce) {
+    for (int round = 0; round < 50; ++round) {
+        Journal seen;
+        const WatchedLoop victim;
+        victim->PostTask(JournalTask(seen, "a"));
+        victim->DelayPostTask(hours(1), JournalTask(seen, "b"));
+        std::vector<std::thread> stoppers;
+        for (int i = 0; i < 4; ++i) {
+            stoppers.emplace_back([&] { victim->stop(); });
+        }
+        for (std::thread& stopper : stoppers) {
+            stopper.join();
+        }
+        const std::vector<std::string> entries = seen.entries();
+        EXPECT_EQ(std::count(entries.begin(), entries.end(), "~a"), 1);
+        EXPECT_EQ(std::count(entries.begin(), entries.end(), "~b"), 1);
+        EXPECT_EQ(std::count(entries.begin(), entries.end(), "b"), 0);
+    }
+}
+
+TEST_F(KstMessageLoopTest, StopsOnTheWorkerAndOnAnotherThreadAtTheSameTimeBothReturn) {
+    for (int round = 0; round < 50; ++round) {
+        WatchedLoop victim;
+        victim->PostTask([&] { victim->stop(); });
+        victim->PostTask([] {});
+        victim->stop();
+        EXPECT_FALSE(victim->PostTask([] {}).valid());
+    }
+}
+
+TEST_F(KstMessageLoopTest, ALoopThatLosesItsLastReferenceOnItsWorkerIsDestroyedThere) {
+    WatchedLoop watched;
+    KstMessageLoop& itself = *watched;
+    std::promise<std::thread::id> worker;
+    std::future<std::thread::id> workerId = worker.get_future();
+    {
+        const LoopDriver::Hold hold(itself);
+        itself.PostTask([owner = watched.take(), worker = std::move(worker)]() mutable {
+            worker.set_value(std::this_thread::get_id());
+            owner->stop();
+            owner.reset();
+        });
+    }
+    EXPECT_EQ(watched.awaitEnd(), workerId.get());
+}
+
+// ---- Races ----
+
+// Stops the loop in the middle of being posted: when it is moved into the loop's own packaging, which is after the
+// first look at the stopped flag and before the lock.
+class StopsWhenMoved {
+public:
+    StopsWhenMoved(KstMessageLoop& loop, Journal& journal) : mLoop(&loop), mTask(journal, "task") {}
+    StopsWhenMoved(StopsWhenMoved&& other) noexcept : mLoop(other.mLoop), mTask(std::move(other.mTask)) {
+        mLoop->stop();
+    }
+    StopsWhenMoved& operator=(StopsWhenMoved&&) = delete;
+
+    void operator()() { mTask(); }
+
+private:
+    KstMessageLoop* mLoop;
+    JournalTask mTask;
+};
+
+TEST_F(KstMessageLoopTest, APostOvertakenByStopIsRefused) {
+    LoopDriver::settle(*loop);
+    EXPECT_FALSE(loop->PostTask(StopsWhenMoved(*loop, journal)).valid());
+    EXPECT_THAT(journal.entries(), ElementsAre("~task"));
+}
+
+TEST_F(KstMessageLoopTest, ADelayedPostOvertakenByStopIsRefused) {
+    LoopDriver::settle(*loop);
+    EXPECT_FALSE(loop->DelayPostTask(milliseconds(0), StopsWhenMoved(*loop, journal)).valid());
+    EXPECT_THAT(journal.entries(), ElementsAre("~task"));
+}
+
+TEST_F(KstMessageLoopTest, AFirstPostOvertakenByStopStartsNoThread) {
+    const auto before = threads();
+    EXPECT_FALSE(loop->PostTask(StopsWhenMoved(*loop, journal)).valid());
+    EXPECT_EQ(threadsSince(before).size(), 0u);
+    EXPECT_THAT(journal.entries(), ElementsAre("~task"));
+}
+
+TEST_F(KstMessageLoopTest, PostsRacingWithStopEachRunOnceOrAreDestroyedUnrunAndNoneRunsAfterwards) {
+    constexpr int kRounds = 60;
+    constexpr int kPosters = 3;
+    constexpr int kTasks = 40;
+    struct Counts {
+        std::atomic<int> ran{0};
+        std::atomic<int> destroyed{0};
+        std::atomic<bool> stopped{false};
+        std::atomic<bool> ranAfterStop{false};
+    };
+    for (int round = 0; round < kRounds; ++round) {
+        Counts counts;
+        std::atomic<int> accepted{0};
+        std::atomic<int> refused{0};
+        std::atomic<int> posting{0};
+        WatchedLoop racing;
+        std::vector<std::thread> posters;
+        for (int poster = 0; poster < kPosters; ++poster) {
+            posters.emplace_back([&, poster] {
+                ++posting;
+                for (int i = 0; i < kTasks; ++i) {
+                    auto task = [&counts, end = AtTheEnd([&counts] { ++counts.destroyed; })] {
+                        counts.ranAfterStop = counts.ranAfterStop || counts.stopped;
+                        ++counts.ran;
+                    };
+                    const bool valid = (i + poster) % 2 == 0
+                                           ? racing->PostTask(std::move(task)).valid()
+                                           : racing->DelayPostTask(milliseconds(i % 2), std::move(task)).valid();
+                    ++(valid ? accepted : refused);
+                }
+            });
+        }
+        while (posting == 0) {
+            std::this_thread::yield();
+        }
+        // Stops come from outside and, in every other round, from the worker itself.
+        if (round % 2 == 0) {
+            racing->PostTask([&racing] { racing->stop(); });
+        }
+        racing->stop();
+        if (round % 2 != 0) {
+            counts.stopped = true;
+        }
+        for (std::thread& poster : posters) {
+            poster.join();
+        }
+
+        EXPECT_EQ(accepted + refused, kPosters * kTasks);
+        racing.awaitEnd();
+        EXPECT_EQ(counts.destroyed, kPosters * kTasks);
+        EXPECT_LE(counts.ran, accepted);
+        EXPECT_FALSE(counts.ranAfterStop);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,61 @@
+// A loop for a test: stopped at the test's end, which waits until the loop is gone. A worker that stopped itself is not
+// joined and may use what its tasks captured for a moment longer.
+
+#ifndef VEXALIVE_TESTS_LOOP_WATCHED_LOOP_H
+#define VEXALIVE_TESTS_LOOP_WATCHED_LOOP_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "base/KstMessageLoop.h"
+
+class WatchedLoop {
+public:
+    WatchedLoop() {
+        std::promise<std::thread::id> gone;
+        mGone = gone.get_future();
+        mLoop.reset(new KstMessageLoop, [gone = std::move(gone)](KstMessageLoop* last) mutable {
+            delete last;
+            gone.set_value(std::this_thread::get_id());
+        });
+    }
+
+    ~WatchedLoop() {
+        if (mLoop) {
+            mLoop->stop();
+        }
+        if (mGone.valid()) {
+            awaitEnd();
+        }
+    }
+
+    WatchedLoop(const WatchedLoop&) = delete;
+    WatchedLoop& operator=(const WatchedLoop&) = delete;
+
+    KstMessageLoop* operator->() const { return mLoop.get(); }
+    KstMessageLoop& operator*() const { return *mLoop; }
+
+    // The reference held here, for another owner.
+    std::shared_ptr<KstMessageLoop> take() { return std::move(mLoop); }
+
+    // Lets go of the loop and waits until it is gone; the thread that destroyed it.
+    std::thread::id awaitEnd() {
+        mLoop.reset();
+        if (mGone.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+            ADD_FAILURE() << "the loop does not end";
+            return {};
+        }
+        return mGone.get();
+    }
+
+private:
+    std::shared_ptr<KstMessageLoop> mLoop;
+    std::future<std::thread::id> mGone;
+};
+
+#endif

@@ -1,0 +1,38 @@
+// Drives the virtual-time loop for the contract's tests: tasks run, and time passes, when this says so.
+
+#ifndef VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
+#define VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
+
+#include <chrono>
+
+#include "Journal.h"
+#include "VirtualTime.h"
+#include "base/KstMessageLoop.h"
+
+class LoopDriver {
+public:
+    static std::chrono::steady_clock::time_point now() { return VirtualTime::now(); }
+
+    // While it lives, the loop begins no task: none begins unless it is told to.
+    class Hold {
+    public:
+        explicit Hold(KstMessageLoop&) {}
+        ~Hold() {}
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+    };
+
+    // Lets `time` pass; true if the journal then has `count` entries.
+    static bool run(Journal& journal, size_t count, std::chrono::milliseconds time = {}) {
+        VirtualTime::advance(time);
+        return journal.size() >= count;
+    }
+
+    // Runs what is due.
+    static void settle(KstMessageLoop&) { VirtualTime::runDue(); }
+
+    // Lets a stopped loop do what it might still do.
+    static void drain() { VirtualTime::runUntilQuiet(); }
+};
+
+#endif

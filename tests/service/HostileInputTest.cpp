@@ -1,0 +1,156 @@
+// Whatever bytes arrive, the service stays up and serves the next client.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "ServiceTesting.h"
+
+using namespace servicetesting;
+
+namespace {
+
+struct BytesRow {
+    const char* name;
+    std::string bytes;
+    const char* status;  // the start of the answer on a plain connection; empty: there may be none
+};
+
+std::ostream& operator<<(std::ostream& stream, const BytesRow& row) {
+    return stream << row.name;
+}
+
+std::string repeated(const std::string& text, size_t times) {
+    std::string result;
+    result.reserve(text.size() * times);
+    for (size_t time = 0; time < times; ++time) {
+        result += text;
+    }
+    return result;
+}
+
+const std::string kTarget = std::string("/v3/liveinterface/add_relay_stream_url?") + kGoodQuery;
+const std::string kHead = "POST " + kTarget + " HTTP/1.1\r\nHost: localhost\r\n";
+
+void expectService(RunningService& service) {
+    const auto client = service.client();
+    EXPECT_EQ(0, post(*client, addRelayBody())["code"]);
+}
+
+class HostileBytes : public testing::TestWithParam<BytesRow> {};
+
+}  // namespace
+
+TEST_P(HostileBytes, AreSurvivedOnAPlainConnection) {
+    vexalive::LiveServiceOptions options;
+    options.tls = false;
+    RunningService service(options);
+    RawConnection connection(service->port());
+    connection.send(GetParam().bytes);
+    connection.endSending();
+    const std::string answer = connection.readToEnd();
+    EXPECT_EQ(0u, answer.find(GetParam().status)) << answer.substr(0, 300);
+    expectService(service);
+}
+
+TEST_P(HostileBytes, AreSurvivedWhereTlsIsExpected) {
+    RunningService service;
+    RawConnection connection(service->port());
+    connection.send(GetParam().bytes);
+    connection.endSending();
+    EXPECT_EQ(std::string::npos, connection.readToEnd().find("HTTP/1.1 200"));
+    expectService(service);
+}
+
+TEST_P(HostileBytes, AreSurvivedWithinTls) {
+    RunningService service;
+    RawConnection connection(service->port());
+    RawTls tls(connection);
+    ASSERT_TRUE(tls.shakeHands());
+    tls.send(GetParam().bytes);
+    connection.endSending();  // without TLS's own goodbye
+    connection.readToEnd();
+    expectService(service);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, HostileBytes,
+    testing::Values(
+        BytesRow{"Nothing", "", ""}, BytesRow{"OneByte", "P", ""},
+        BytesRow{"Noise", std::string("\x00\xff\x16\x03\x01\x7f\x80\r\n\r\n", 11), ""},
+        BytesRow{"Nuls", std::string(100'000, '\0'), ""}, BytesRow{"HalfLine", "POST /v3/live", ""},
+        BytesRow{"HalfHead", kHead + "Content-Le", ""},
+        BytesRow{"HalfBody", kHead + "Content-Length: 100\r\n\r\n{\"interface\":", ""},
+        BytesRow{"NoMethod", " / HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
+        BytesRow{"StrangeMethod", "SULK / HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
+        BytesRow{"StrangeVersion", "GET / HTTP/9.9\r\n\r\n", "HTTP/1.1 400"},
+        BytesRow{"ManyBlanks", "GET" + std::string(5000, ' ') + "/ HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
+        BytesRow{"LongTarget", "GET /" + std::string(8000, 'a') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
+        BytesRow{"TooLongTarget", "GET /" + std::string(20'000, 'a') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 414"},
+        BytesRow{"TargetOfSlashes", "GET " + std::string(8000, '/') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
+        BytesRow{"TargetOfQuestionMarks", "GET " + std::string(8000, '?') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 4"},
+        BytesRow{"TargetOfAmpersands", "POST " + kTarget + std::string(8000, '&') + " HTTP/1.1\r\n\r\n",
+                 "HTTP/1.1 200"},
+        BytesRow{"PercentAtTheEnd", "GET /%\r\n\r\n", "HTTP/1.1 400"},
+        BytesRow{"PercentNul", "GET /state%00 HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
+        BytesRow{"LongHeader", kHead + "X: " + std::string(20'000, 'x') + "\r\n\r\n", "HTTP/1.1 400"},
+        BytesRow{"EndlessLine", "GET / HTTP/1.1\r\nX: " + std::string(4'000'000, 'x'), ""},
+        BytesRow{"EndlessHeaders", kHead + repeated("X: y\r\n", 700'000), ""},
+        BytesRow{"HeaderWithoutColon", "GET /state HTTP/1.1\r\nHello\r\n\r\n", "HTTP/1.1 "},
+        BytesRow{"LongRange", "GET /state HTTP/1.1\r\nRange: bytes=" + repeated("0-1,", 1500) + "2-3\r\n\r\n",
+                 "HTTP/1.1 "},
+        BytesRow{"StrangeRange", "GET /state HTTP/1.1\r\nRange: bytes=99999999999999999999999-\r\n\r\n", "HTTP/1.1 "},
+        BytesRow{"BackwardRange", "GET /state HTTP/1.1\r\nRange: bytes=5-2,-0\r\n\r\n", "HTTP/1.1 "},
+        BytesRow{"NegativeLength", kHead + "Content-Length: -1\r\n\r\n{}", "HTTP/1.1 4"},
+        BytesRow{"HugeLength", kHead + "Content-Length: 99999999999999999999\r\n\r\n{}", ""},
+        BytesRow{"TooLongBody", kHead + "Content-Length: 4000000\r\n\r\n" + std::string(4'000'000, ' '), ""},
+        BytesRow{"TwoLengths", kHead + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}", "HTTP/1.1 "},
+        BytesRow{"BadChunks", kHead + "Transfer-Encoding: chunked\r\n\r\nxyz\r\n{}", ""},
+        BytesRow{"EndlessChunk", kHead + "Transfer-Encoding: chunked\r\n\r\nffffffffffffffff\r\n{}", ""},
+        BytesRow{"OneByteChunks",
+                 kHead + "Transfer-Encoding: chunked\r\n\r\n" + repeated("1\r\n \r\n", 800'000) + "0\r\n\r\n", ""},
+        BytesRow{"Multipart",
+                 kHead + "Content-Type: multipart/form-data; boundary=\"\"\r\nContent-Length: 6\r\n\r\n--\r\n--", ""},
+        BytesRow{"Form", kHead + "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: 5\r\n\r\n%&=%=",
+                 "HTTP/1.1 200"},
+        BytesRow{"Expectation", kHead + "Expect: 100-continue\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 100"},
+        BytesRow{"Http2Preface", "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", "HTTP/1.1 400"},
+        BytesRow{"TlsHelloCutShort", std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11), ""},
+        BytesRow{"NulsInBody", kHead + "Content-Length: 6\r\n\r\n" + std::string("{\"\0\0\"}", 6), "HTTP/1.1 200"},
+        BytesRow{"DeepBody", kHead + "Content-Length: 1000000\r\n\r\n" + std::string(1'000'000, '['), "HTTP/1.1 200"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(HostileClient, ADeeplyNestedOrNonUtf8BodyIsRefusedByCode) {
+    RunningService service;
+    const auto client = service.client();
+    for (const std::string& body : {std::string(1'000'000, '['), repeated("{\"a\":", 200'000),
+                                    std::string("{\"path\":\"\xc3\x28\"}"), std::string(1000, '\0')}) {
+        const auto result = client->Post(kTarget, body, "application/json");
+        ASSERT_TRUE(result);
+        EXPECT_EQ(200, result->status);
+        EXPECT_EQ(4002, json::parse(result->body)["code"]);
+    }
+    expectService(service);
+}
+
+TEST(HostileClient, OneThatLeavesInTheMiddleOfAHugeAnswerIsSurvived) {
+    RunningService service;
+    for (int time = 0; time < 5; ++time) {
+        vexalive::Misbehaviour huge;
+        huge.kind = vexalive::Misbehaviour::Kind::kHuge;
+        huge.size = size_t{100} << 20;
+        ASSERT_EQ("", service->misbehave(huge));
+        const auto client = service.client();
+        size_t received = 0;
+        httplib::Request request;
+        request.method = "POST";
+        request.path = kTarget;
+        request.content_receiver = [&received](const char*, size_t length, uint64_t, uint64_t) {
+            received += length;
+            return received < 100'000;
+        };
+        EXPECT_FALSE(client->send(request));
+        EXPECT_GE(received, 100'000u);
+    }
+    expectService(service);
+}

@@ -1,0 +1,467 @@
+// The service over HTTPS: its answers, its state, its connections, and its start and stop.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "ServiceTesting.h"
+#include "service/LiveService.h"
+
+using namespace servicetesting;
+using vexalive::LiveService;
+using vexalive::LiveServiceEvent;
+using vexalive::LiveServiceOptions;
+
+namespace {
+
+LiveServiceOptions plainOptions() {
+    LiveServiceOptions options;
+    options.tls = false;
+    return options;
+}
+
+json withStream(json body, int number) {
+    body["stream_id"] = streamIdOf(number);
+    return body;
+}
+
+}  // namespace
+
+// ---- Answers and state ----------------------------------------------------------------------------------------------
+
+TEST(LiveService, ARelayIsAddedMovedAndRemoved) {
+    RunningService service;
+    const auto client = service.client();
+
+    EXPECT_EQ((json{{"code", 0}, {"message", "ok"}}), post(*client, addRelayBody()));
+    json moved = addRelayBody();
+    moved["dest_stream_url"] = "srt://cdn.test:9000";
+    post(*client, moved);
+    const json relays = service.state()["relays"];
+    ASSERT_EQ(1u, relays.size());
+    EXPECT_EQ(ownStreamId(), relays[0]["stream_id"]);
+    EXPECT_EQ("srt://cdn.test:9000", relays[0]["dest_stream_url"]);
+    EXPECT_EQ(1234, relays[0]["appid"]);
+    EXPECT_EQ(2, relays[0]["requests"]);
+
+    EXPECT_EQ(0, post(*client, removeRelayBody())["code"]);
+    EXPECT_TRUE(service.state()["relays"].empty());
+}
+
+TEST(LiveService, RemovingWhatIsNotRelayedIsRefused) {
+    RunningService service;
+    const json answer = post(*service.client(), removeRelayBody());
+    EXPECT_EQ(4007, answer["code"]);
+    EXPECT_NE(std::string::npos, answer["message"].get<std::string>().find("not being relayed"));
+}
+
+TEST(LiveService, AMixIsStartedUpdatedAndCancelled) {
+    RunningService service;
+    const auto client = service.client();
+
+    EXPECT_EQ(0, post(*client, videoMixBody())["code"]);
+    EXPECT_EQ(1280, service.state()["mixes"][0]["canvas"]["width"]);
+    EXPECT_EQ(0, post(*client, audioMixBody())["code"]);
+    json mix = service.state()["mixes"][0];
+    EXPECT_TRUE(mix["running"]);
+    EXPECT_TRUE(mix["canvas"].is_null());
+    EXPECT_EQ("audio", mix["inputs"][0]["type"]);
+    EXPECT_EQ(1500, mix["output"]["output_stream_bitrate"]);
+
+    EXPECT_EQ(0, post(*client, cancelMixBody())["code"]);
+    mix = service.state()["mixes"][0];
+    EXPECT_FALSE(mix["running"]);
+    ASSERT_EQ(3u, mix["history"].size());
+    EXPECT_EQ("start", mix["history"][0]["operation"]);
+    EXPECT_EQ("update", mix["history"][1]["operation"]);
+    EXPECT_EQ("cancel", mix["history"][2]["operation"]);
+
+    EXPECT_EQ(0, post(*client, videoMixBody())["code"]);
+    EXPECT_EQ("start", service.state()["mixes"][0]["history"][3]["operation"]);
+}
+
+TEST(LiveService, CancellingAMixThatDoesNotRunIsRefused) {
+    RunningService service;
+    const auto client = service.client();
+    const json never = post(*client, cancelMixBody());
+    EXPECT_EQ(4007, never["code"]);
+    EXPECT_NE(std::string::npos, never["message"].get<std::string>().find("no running mix"));
+
+    post(*client, audioMixBody());
+    post(*client, cancelMixBody());
+    EXPECT_EQ(4007, post(*client, cancelMixBody())["code"]);
+}
+
+TEST(LiveService, ARefusedRequestLeavesTheStateAndIsRemembered) {
+    RunningService service;
+    json body = addRelayBody();
+    body["appid"] = 0;
+    EXPECT_EQ((json{{"code", 4006}, {"message", "appid: found 0, must not be 0"}}), post(*service.client(), body));
+
+    const json state = service.state();
+    EXPECT_TRUE(state["relays"].empty());
+    ASSERT_EQ(1u, state["requests"].size());
+    const json& request = state["requests"][0];
+    EXPECT_EQ("add_relay_stream_url", request["interface"]);
+    EXPECT_EQ("appid", request["refused_field"]);
+    EXPECT_EQ(body.dump(), request["body"]);
+    EXPECT_EQ(200, request["http_status"]);
+}
+
+TEST(LiveService, NeitherSignatureNorMapKeyIsShownAnywhere) {
+    std::mutex mutex;
+    std::string shown;
+    LiveServiceOptions options;
+    options.observer = [&](const LiveServiceEvent& event) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        shown += event.message + event.field;
+    };
+    RunningService service(options);
+    const auto client = service.client();
+    const std::string queries[] = {
+        "sdkappid=1&random=1&usersig=T0psecretA&parivMapKey=T0psecretB",
+        "sdkappid=1&random=1&usersig=T0psecretA&T0psecretC=1&parivMapKey=T0psecretB",
+        "sdkappid=x&random=1&usersig=T0psecretA&parivMapKey=T0psecretB",
+        "random=1&usersig=T0psecretA&parivMapKey=T0psecretB&usersig=T0psecretC",
+    };
+    for (const std::string& query : queries) {
+        shown += post(*client, addRelayBody(), query).dump();
+    }
+    const auto lost = client->Post("/v3/liveinterface/other?" + queries[0], "{}", "application/json");
+    ASSERT_TRUE(lost);
+    EXPECT_EQ(404, lost->status);
+    const auto state = client->Get("/state");
+    ASSERT_TRUE(state);
+    shown += lost->body + state->body;
+
+    EXPECT_NE(std::string::npos, shown.find("usersig=***&parivMapKey=***"));
+    EXPECT_EQ(std::string::npos, shown.find("T0psecret"));
+}
+
+TEST(LiveService, TheStateIsServedAsJson) {
+    RunningService service;
+    const auto client = service.client();
+    post(*client, addRelayBody());
+    const auto state = client->Get("/state");
+    ASSERT_TRUE(state);
+    EXPECT_EQ(200, state->status);
+    EXPECT_EQ("application/json", state->get_header_value("Content-Type"));
+    EXPECT_EQ(service.state(), json::parse(state->body));
+}
+
+TEST(LiveService, TheObserverSeesEachAnswer) {
+    std::mutex mutex;
+    std::vector<LiveServiceEvent> events;
+    LiveServiceOptions options;
+    options.observer = [&](const LiveServiceEvent& event) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(event);
+    };
+    RunningService service(options);
+    const auto client = service.client();
+
+    post(*client, addRelayBody());
+    post(*client, cancelMixBody());
+    vexalive::Misbehaviour misbehaviour;
+    misbehaviour.kind = vexalive::Misbehaviour::Kind::kServerCode;
+    misbehaviour.code = 505;
+    ASSERT_EQ("", service->misbehave(misbehaviour));
+    post(*client, videoMixBody());
+
+    const std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(3u, events.size());
+    EXPECT_EQ("add_relay_stream_url", events[0].interfaceName);
+    EXPECT_EQ("add", events[0].operation);
+    EXPECT_EQ(0, events[0].code);
+    EXPECT_EQ("ok", events[0].message);
+    EXPECT_EQ(1234, events[0].appId);
+    EXPECT_EQ(ownStreamId(), events[0].streamId);
+    EXPECT_EQ("", events[1].operation);
+    EXPECT_EQ(4007, events[1].code);
+    EXPECT_EQ("session_id", events[1].field);
+    EXPECT_EQ("server_code", events[2].misbehaviour);
+    EXPECT_EQ(505, events[2].code);
+}
+
+TEST(LiveService, ThePushDomainComesFromTheEnvironmentUnlessGiven) {
+    ::setenv("VEXALIVE_PUSH_DOMAIN", "from.the.environment", 1);
+    LiveServiceOptions options = plainOptions();
+    LiveService fromEnvironment(options);
+    ::unsetenv("VEXALIVE_PUSH_DOMAIN");
+    LiveService builtIn(options);
+    ASSERT_TRUE(fromEnvironment.start() && builtIn.start());
+
+    json body = addRelayBody();
+    body["domain"] = "8888.from.the.environment";
+    httplib::Client first("http://" + fromEnvironment.address());
+    EXPECT_EQ(0, post(first, body)["code"]);
+    httplib::Client second("http://" + builtIn.address());
+    EXPECT_EQ(4006, post(second, body)["code"]);
+    body["domain"] = "8888.livepush.vexa.example";
+    EXPECT_EQ(0, post(second, body)["code"]);
+}
+
+// ---- HTTP -----------------------------------------------------------------------------------------------------------
+
+TEST(LiveService, AnUnknownPathIs404AndAWrongMethod405AsJson) {
+    RunningService service;
+    const struct {
+        const char* method;
+        const char* path;
+        int status;
+    } rows[] = {
+        {"GET", "/", 404},
+        {"POST", "/v3/liveinterface/", 404},
+        {"POST", "/v3/liveinterface/add_relay_stream_ur%6c", 404},
+        {"POST", "/v3/liveinterface/add_relay_stream_url/", 404},
+        {"GET", "/v3/liveinterface/add_relay_stream_url", 405},
+        {"PUT", "/v3/liveinterface/set_live_mix_transcoding", 405},
+        {"DELETE", "/state", 405},
+        {"POST", "/state", 405},
+        {"PATCH", "/misbehave", 405},
+        {"OPTIONS", "/misbehave", 405},
+    };
+    for (const auto& row : rows) {
+        const auto client = service.client();
+        httplib::Request request;
+        request.method = row.method;
+        request.path = row.path;
+        const httplib::Result result = client->send(request);
+        ASSERT_TRUE(result) << row.method << row.path;
+        EXPECT_EQ(row.status, result->status) << row.method << row.path;
+        EXPECT_TRUE(json::parse(result->body)["message"].is_string()) << row.method << row.path;
+        EXPECT_EQ(row.status == 405, result->has_header("Allow"));
+    }
+}
+
+TEST(LiveService, ABodyOverOneMebibyteIs413AndOneOfThatSizeIsRead) {
+    RunningService service;
+    const std::string target = std::string("/v3/liveinterface/add_relay_stream_url?") + kGoodQuery;
+    const std::string largest((size_t{1} << 20), ' ');
+    auto client = service.client();
+    const auto read = client->Post(target, largest, "application/json");
+    ASSERT_TRUE(read);
+    EXPECT_EQ(200, read->status);
+    EXPECT_EQ(4002, json::parse(read->body)["code"]);
+
+    const auto refused = client->Post(target, largest + " ", "application/json");
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(413, refused->status);
+    EXPECT_TRUE(json::parse(refused->body)["message"].is_string());
+}
+
+TEST(LiveService, AnEncodedBodyIsNotUnpacked) {
+    RunningService service;
+    const auto client = service.client();
+    const auto result = client->Post("/v3/liveinterface/add_relay_stream_url", {{"Content-Encoding", "gzip"}},
+                                     "\x1f\x8b", "application/json");
+    ASSERT_TRUE(result);
+    EXPECT_EQ(415, result->status);
+}
+
+TEST(LiveService, PlainHttpWorksWithoutAnyCertificate) {
+    const TemporaryFolder folder;
+    LiveServiceOptions options = plainOptions();
+    options.stateFolder = folder.path() + "/unused";
+    RunningService service(options);
+    EXPECT_EQ(0, post(*service.client(), addRelayBody())["code"]);
+    EXPECT_EQ("", service->caFile());
+    EXPECT_NE(0, ::access(options.stateFolder.c_str(), F_OK));
+}
+
+TEST(LiveService, AClientThatDoesNotTrustTheAuthorityIsNotServed) {
+    const TemporaryFolder folder;
+    LiveServiceOptions options;
+    options.stateFolder = folder.path();
+    RunningService other(options);
+    RunningService service;
+    const auto client = service.client();
+    client->set_ca_cert_path(other->caFile());
+    const auto result = client->Get("/state");
+    EXPECT_FALSE(result);
+    EXPECT_EQ(httplib::Error::SSLServerVerification, result.error());
+}
+
+TEST(LiveService, OnlyTls12AndLaterIsSpoken) {
+    RunningService service;
+    const auto handshakes = [&service](int lowest, int highest) {
+        const RawConnection connection(service->port());
+        return RawTls(connection, lowest, highest).shakeHands();
+    };
+    EXPECT_FALSE(handshakes(TLS1_VERSION, TLS1_1_VERSION));
+    EXPECT_TRUE(handshakes(TLS1_2_VERSION, TLS1_2_VERSION));
+    EXPECT_TRUE(handshakes(TLS1_3_VERSION, TLS1_3_VERSION));
+}
+
+// ---- Connections ----------------------------------------------------------------------------------------------------
+
+TEST(LiveService, ManyRequestsShareOneConnection) {
+    RunningService service(plainOptions());
+    RawConnection connection(service->port());
+    constexpr int kRequests = 50;
+    for (int number = 1; number <= kRequests; ++number) {
+        connection.send(rawRequest("POST", std::string("/v3/liveinterface/add_relay_stream_url?") + kGoodQuery,
+                                   withStream(addRelayBody(), number).dump()));
+    }
+    connection.endSending();
+    const std::string answers = connection.readToEnd();
+
+    size_t count = 0;
+    for (size_t at = answers.find("HTTP/1.1 200"); at != std::string::npos; at = answers.find("HTTP/1.1 200", at + 1)) {
+        ++count;
+    }
+    EXPECT_EQ(static_cast<size_t>(kRequests), count);
+    EXPECT_EQ(static_cast<size_t>(kRequests), service.state()["relays"].size());
+}
+
+TEST(LiveService, TwoHundredConnectionsAreKeptOpenAndServed) {
+    constexpr int kThreads = 8;
+    constexpr int kClientsEach = 25;
+    RunningService service;
+    std::mutex mutex;
+    std::condition_variable changed;
+    int arrived = 0;
+    std::atomic<int> accepted{0};
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            std::vector<std::unique_ptr<httplib::Client>> clients;
+            for (int each = 0; each < kClientsEach; ++each) {
+                clients.push_back(service.client());
+                const int number = thread * kClientsEach + each;
+                accepted += post(*clients.back(), withStream(addRelayBody(), number))["code"] == 0;
+            }
+            {
+                std::unique_lock<std::mutex> lock(mutex);  // all 200 are open now
+                ++arrived;
+                changed.notify_all();
+                changed.wait(lock, [&] { return arrived == kThreads; });
+            }
+            for (int each = 0; each < kClientsEach; ++each) {
+                const int number = thread * kClientsEach + each;
+                accepted +=
+                    post(*clients[static_cast<size_t>(each)], withStream(removeRelayBody(), number))["code"] == 0;
+                EXPECT_TRUE(clients[static_cast<size_t>(each)]->is_socket_open());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(2 * kThreads * kClientsEach, accepted);
+    EXPECT_TRUE(service.state()["relays"].empty());
+}
+
+// ---- Start and stop -------------------------------------------------------------------------------------------------
+
+TEST(LiveService, StopEndsIdleHalfOpenAndDelayedConnectionsAtOnce) {
+    RunningService service;
+    std::vector<std::unique_ptr<httplib::Client>> idle;
+    for (int number = 0; number < 20; ++number) {
+        idle.push_back(service.client());
+        post(*idle.back(), withStream(addRelayBody(), number));
+    }
+    const RawConnection silent(service->port());  // has not begun its handshake
+    vexalive::Misbehaviour delay;
+    delay.delayMs = 600'000;
+    ASSERT_EQ("", service->misbehave(delay));
+    std::thread waiting([&service] {
+        const auto client = service.client();
+        client->set_read_timeout(60);
+        EXPECT_FALSE(client->Post("/v3/liveinterface/add_relay_stream_url", "", "application/json"));
+    });
+    while (!json::parse(service->misbehavioursJson())["waiting"].empty()) {
+        std::this_thread::yield();  // until the delayed request has taken its delay
+    }
+
+    const auto before = std::chrono::steady_clock::now();
+    service->stop();
+    const auto taken = std::chrono::steady_clock::now() - before;
+    waiting.join();
+
+    EXPECT_LT(taken, std::chrono::seconds(10));  // far below any of the waits that it has to end
+    EXPECT_FALSE(idle[0]->Get("/state"));
+}
+
+TEST(LiveService, StopMayComeTwiceAndStartAgainKeepsTheState) {
+    RunningService service;
+    post(*service.client(), addRelayBody());
+    service->stop();
+    service->stop();
+    ASSERT_TRUE(service->start()) << service->error();
+    EXPECT_EQ(0, post(*service.client(), removeRelayBody())["code"]);
+    EXPECT_FALSE(service->start());
+    EXPECT_NE(std::string::npos, service->error().find("already running"));
+}
+
+TEST(LiveService, ATakenPortIsTold) {
+    RunningService service;
+    LiveServiceOptions options;
+    options.port = service->port();
+    options.stateFolder = sharedStateFolder();
+    LiveService second(options);
+    EXPECT_FALSE(second.start());
+    EXPECT_NE(std::string::npos, second.error().find("port " + std::to_string(options.port))) << second.error();
+    EXPECT_NE(std::string::npos, second.error().find("taken")) << second.error();
+}
+
+TEST(LiveService, AnAddressThatIsNotHereIsTold) {
+    for (const char* address : {"192.0.2.1", "no such host"}) {
+        LiveServiceOptions options;
+        options.address = address;
+        options.stateFolder = sharedStateFolder();
+        LiveService service(options);
+        EXPECT_FALSE(service.start());
+        EXPECT_NE(std::string::npos, service.error().find(address)) << service.error();
+    }
+}
+
+TEST(LiveService, PlainHttpIsRefusedBeyondLoopback) {
+    LiveServiceOptions options = plainOptions();
+    options.address = "0.0.0.0";
+    LiveService service(options);
+    EXPECT_FALSE(service.start());
+    EXPECT_NE(std::string::npos, service.error().find("loopback only")) << service.error();
+}
+
+TEST(LiveService, AnUnusableStateFolderIsTold) {
+    const TemporaryFolder folder;
+    writeAll(folder.path() + "/file", "");
+    LiveServiceOptions options;
+    options.stateFolder = folder.path() + "/file";
+    LiveService service(options);
+    EXPECT_FALSE(service.start());
+    EXPECT_NE(std::string::npos, service.error().find(options.stateFolder)) << service.error();
+}
+
+TEST(LiveService, ListensOnIpv6AndItsCertificateIsForThatAddressAndTheName) {
+    LiveServiceOptions options;
+    options.address = "::1";
+    options.stateFolder = sharedStateFolder();
+    LiveService service(options);
+    if (!service.start()) {
+        GTEST_SKIP() << "this machine has no IPv6: " << service.error();
+    }
+    EXPECT_EQ("[::1]:" + std::to_string(service.port()), service.address());
+    for (const char* name : {"::1", "127.0.0.1", "localhost", "example.test"}) {
+        const RawConnection connection(service.port(), true);
+        RawTls tls(connection);
+        tls.trust(service.caFile(), name);
+        EXPECT_EQ(std::string("example.test") != name, tls.shakeHands()) << name;
+    }
+}
+
+TEST(LiveService, ListensOnANameOfThisMachine) {
+    LiveServiceOptions options;
+    options.address = "localhost";
+    options.stateFolder = sharedStateFolder();
+    RunningService service(options);
+    EXPECT_EQ("localhost:" + std::to_string(service->port()), service->address());
+}

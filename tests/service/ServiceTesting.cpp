@@ -1,0 +1,263 @@
+#include "ServiceTesting.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+namespace servicetesting {
+
+std::string streamIdOf(int number) {
+    char digits[33];
+    std::snprintf(digits, sizeof digits, "%032x", static_cast<unsigned>(number));
+    return std::string("8888_") + digits;
+}
+
+std::string ownStreamId() {
+    return streamIdOf(1);
+}
+
+namespace {
+
+json commonFields(const char* interfaceName) {
+    return {{"interface", interfaceName},
+            {"timestamp", 4711},
+            {"event_id", 1700000011},
+            {"appid", 1234},
+            {"path", "live"},
+            {"domain", std::string("8888.") + kSuffix}};
+}
+
+json userInput(int number, int type, int layer) {
+    return {{"input_stream_id", streamIdOf(number)},
+            {"layout_params",
+             {{"input_type", type},
+              {"image_layer", layer},
+              {"image_width", 320},
+              {"image_height", 240},
+              {"location_x", 10},
+              {"location_y", 20}}}};
+}
+
+json canvasInput() {
+    return {{"input_stream_id", "canvas1"},
+            {"layout_params",
+             {{"image_layer", 1},
+              {"input_type", 3},
+              {"image_width", 1280},
+              {"image_height", 720},
+              {"location_x", 0},
+              {"location_y", 0},
+              {"color", "0x000000"}}}};
+}
+
+json mixBody(json inputs) {
+    json body = commonFields("set_live_mix_transcoding");
+    body["session_id"] = ownStreamId();
+    body["output_param"] = {{"output_stream_id", ownStreamId()},
+                            {"output_stream_type", 0},
+                            {"output_stream_bitrate", 1500},
+                            {"output_stream_gop", 2},
+                            {"output_stream_frame_rate", 20},
+                            {"output_audio_sample_rate", 48000},
+                            {"output_audio_bitrate", 64},
+                            {"output_audio_channels", 2},
+                            {"output_sei", "{}"}};
+    body["input_stream_list"] = std::move(inputs);
+    body["use_mix_crop_center"] = 1;
+    return body;
+}
+
+}  // namespace
+
+json addRelayBody() {
+    json body = commonFields("add_relay_stream_url");
+    body["stream_id"] = ownStreamId();
+    body["dest_stream_url"] = "rtmp://cdn.test/live/one";
+    body["use_mix_crop_center"] = 1;
+    return body;
+}
+
+json removeRelayBody() {
+    json body = commonFields("remove_relay_stream_url");
+    body["stream_id"] = ownStreamId();
+    return body;
+}
+
+json videoMixBody() {
+    return mixBody({canvasInput(), userInput(1, 0, 2), userInput(2, 4, 3)});
+}
+
+json audioMixBody() {
+    return mixBody({userInput(1, 4, 1), userInput(2, 4, 2)});
+}
+
+json cancelMixBody() {
+    json body = commonFields("set_live_mix_transcoding");
+    body["session_id"] = ownStreamId();
+    body["output_param"] = {{"output_stream_id", ownStreamId()}};
+    body["input_stream_list"] =
+        json::array({{{"input_stream_id", ownStreamId()}, {"layout_params", {{"image_layer", 1}}}}});
+    return body;
+}
+
+std::string interfaceOf(const json& body) {
+    return body.at("interface").get<std::string>();
+}
+
+TemporaryFolder::TemporaryFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "vexalive-test-XXXXXX").string();
+    mPath = ::mkdtemp(pattern.data()) ? pattern : "";
+    EXPECT_FALSE(mPath.empty());
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(mPath, ignored);
+}
+
+std::string readAll(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void writeAll(const std::string& path, const std::string& content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+const std::string& sharedStateFolder() {
+    static const TemporaryFolder folder;
+    return folder.path();
+}
+
+RunningService::RunningService(vexalive::LiveServiceOptions options)
+    : mTls(options.tls), mService([&options] {
+          options.stateFolder = options.stateFolder.empty() ? sharedStateFolder() : options.stateFolder;
+          options.pushDomainSuffix = kSuffix;
+          return options;
+      }()) {
+    EXPECT_TRUE(mService.start()) << mService.error();
+}
+
+std::unique_ptr<httplib::Client> RunningService::client() {
+    auto client = std::make_unique<httplib::Client>((mTls ? "https://" : "http://") + mService.address());
+    if (mTls) {
+        client->set_ca_cert_path(mService.caFile());
+        client->enable_server_certificate_verification(true);
+    }
+    client->set_keep_alive(true);
+    client->set_tcp_nodelay(true);
+    client->set_connection_timeout(20);
+    client->set_read_timeout(20);
+    client->set_url_encode(false);
+    return client;
+}
+
+json post(httplib::Client& client, const json& body, const std::string& query) {
+    const std::string target = "/v3/liveinterface/" + interfaceOf(body) + "?" + query;
+    const httplib::Result result = client.Post(target, body.dump(), "application/json");
+    if (!result) {
+        ADD_FAILURE() << "no answer: " << httplib::to_string(result.error());
+        return {};
+    }
+    EXPECT_EQ(200, result->status);
+    return json::parse(result->body, nullptr, false);
+}
+
+std::string rawRequest(const std::string& method, const std::string& target, const std::string& body) {
+    return method + " " + target +
+           " HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\nContent-Length: " +
+           std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+RawConnection::RawConnection(uint16_t port, bool isIpv6)
+    : mSocket(::socket(isIpv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    timeval patience{20, 0};
+    ::setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    ::setsockopt(mSocket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    sockaddr_in four{};
+    four.sin_family = AF_INET;
+    four.sin_port = htons(port);
+    four.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in6 six{};
+    six.sin6_family = AF_INET6;
+    six.sin6_port = htons(port);
+    six.sin6_addr = in6addr_loopback;
+    EXPECT_EQ(0, isIpv6 ? ::connect(mSocket, reinterpret_cast<const sockaddr*>(&six), sizeof six)
+                        : ::connect(mSocket, reinterpret_cast<const sockaddr*>(&four), sizeof four));
+}
+
+RawConnection::~RawConnection() {
+    ::close(mSocket);
+}
+
+void RawConnection::send(const std::string& bytes) {
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t count = ::send(mSocket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count <= 0) {
+            return;  // the service has had enough, which is for the test to judge
+        }
+        sent += static_cast<size_t>(count);
+    }
+}
+
+void RawConnection::endSending() {
+    ::shutdown(mSocket, SHUT_WR);
+}
+
+std::string RawConnection::readToEnd() {
+    std::string received;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t count = ::recv(mSocket, buffer, sizeof buffer, 0);
+        if (count <= 0) {
+            return received;
+        }
+        received.append(buffer, static_cast<size_t>(count));
+    }
+}
+
+RawTls::RawTls(const RawConnection& connection, int lowestVersion, int highestVersion)
+    : mContext(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free), mTls(nullptr, &SSL_free) {
+    SSL_CTX_set_security_level(mContext.get(), 0);  // else this side would not offer old versions
+    SSL_CTX_set_min_proto_version(mContext.get(), lowestVersion);
+    SSL_CTX_set_max_proto_version(mContext.get(), highestVersion);
+    mTls.reset(SSL_new(mContext.get()));
+    SSL_set_fd(mTls.get(), connection.socket());
+}
+
+void RawTls::trust(const std::string& caFile, const std::string& name) {
+    X509_STORE* store = SSL_CTX_get_cert_store(mContext.get());
+    EXPECT_EQ(1, X509_STORE_load_file(store, caFile.c_str()));
+    X509_VERIFY_PARAM* parameters = SSL_get0_param(mTls.get());
+    if (X509_VERIFY_PARAM_set1_ip_asc(parameters, name.c_str()) != 1) {
+        EXPECT_EQ(1, X509_VERIFY_PARAM_set1_host(parameters, name.c_str(), 0));
+    }
+    SSL_set_verify(mTls.get(), SSL_VERIFY_PEER, nullptr);
+}
+
+bool RawTls::shakeHands() {
+    return SSL_connect(mTls.get()) == 1;
+}
+
+void RawTls::send(const std::string& bytes) {
+    for (size_t sent = 0; sent < bytes.size();) {
+        const size_t piece = std::min<size_t>(bytes.size() - sent, size_t{16} << 10);
+        const int count = SSL_write(mTls.get(), bytes.data() + sent, static_cast<int>(piece));
+        if (count <= 0) {
+            return;
+        }
+        sent += static_cast<size_t>(count);
+    }
+}
+
+}  // namespace servicetesting

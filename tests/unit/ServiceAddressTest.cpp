@@ -1,0 +1,50 @@
+// One process, one environment: the arguments say which addresses it should lead to.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "base/ServiceAddress.h"
+
+namespace {
+
+std::string expectedService;
+std::string expectedDomain;
+
+// Asked for before main, as the adapter does.
+const std::string serviceAtStart = kstf_get_live_service_host();
+
+TEST(ServiceAddressTest, TheAddressesAreTheExpectedOnes) {
+    EXPECT_EQ(kstf_get_live_service_host(), expectedService);
+    EXPECT_EQ(kstf_get_push_domain_suffix(), expectedDomain);
+}
+
+TEST(ServiceAddressTest, TheServiceIsKnownDuringStaticInitialisation) {
+    EXPECT_EQ(serviceAtStart, expectedService);
+}
+
+TEST(ServiceAddressTest, TheEnvironmentIsReadOnce) {
+    const char* service = kstf_get_live_service_host();
+    const char* domain = kstf_get_push_domain_suffix();
+
+    ASSERT_EQ(setenv("VEXALIVE_SERVICE_HOST", "changed.test", 1), 0);
+    ASSERT_EQ(setenv("VEXALIVE_PUSH_DOMAIN", "push.changed.test", 1), 0);
+
+    EXPECT_EQ(kstf_get_live_service_host(), service);
+    EXPECT_EQ(kstf_get_push_domain_suffix(), domain);
+    EXPECT_EQ(kstf_get_live_service_host(), expectedService);
+    EXPECT_EQ(kstf_get_push_domain_suffix(), expectedDomain);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (argc != 3) {
+        return 2;
+    }
+    expectedService = argv[1];
+    expectedDomain = argv[2];
+    return RUN_ALL_TESTS();
+}
