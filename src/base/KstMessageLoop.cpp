@@ -1,6 +1,7 @@
 #include "base/KstMessageLoop.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 KstMessageLoop::~KstMessageLoop() {
     stop();
@@ -38,12 +39,14 @@ bool KstMessageLoop::enqueue(DelayTask& task) {
     return true;
 }
 
-// Nothing handles a thread that cannot be started, and noexcept sees to that whatever the caller was compiled with.
-void KstMessageLoop::startWorker() noexcept {
+void KstMessageLoop::startWorker() {
     if (mWorker) {
         return;
     }
-    std::weak_ptr<KstMessageLoop> weak = shared_from_this();
+    const std::weak_ptr<KstMessageLoop> weak = weak_from_this();
+    if (weak.expired()) {
+        std::abort();  // owned by no shared pointer
+    }
     mWorker = std::make_shared<std::thread>([weak] {
         if (const auto self = weak.lock()) {
             self->Loop();

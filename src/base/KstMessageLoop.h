@@ -56,7 +56,8 @@ public:
     // must not throw. Any thread may post; posting never waits for the worker. The future becomes ready when the task
     // has run, and may be dropped at once. After stop() the task is destroyed unrun and the future is empty (not
     // valid()). The future of a task that stop() destroys says nothing: it may look ready. If the worker thread cannot
-    // be started, the standard library's system error ends the process.
+    // be started, the standard library's system error leaves the call with the lock held, and nothing here handles it:
+    // it is meant to end the process.
     template <class F>
     std::future<void> PostTask(F&& task);
 
@@ -75,7 +76,7 @@ public:
 private:
     bool enqueue(KstTask& task) KST_EXCLUDES(mMutex);
     bool enqueue(DelayTask& task) KST_EXCLUDES(mMutex);
-    void startWorker() noexcept KST_REQUIRES(mMutex);
+    void startWorker() KST_REQUIRES(mMutex);
     void collectDueTasks() KST_REQUIRES(mMutex);
     static std::chrono::steady_clock::time_point deadlineAfter(std::chrono::milliseconds delay);
 

@@ -10,7 +10,7 @@
 namespace vexalive {
 namespace {
 
-constexpr std::chrono::seconds kIdleLife(10);  // of a thread beyond the first
+constexpr std::chrono::seconds kIdleLife(1);  // of a thread that has another standing by
 
 std::atomic<bool> processLeaves{false};
 
@@ -60,7 +60,7 @@ void AnswerQueue::deliver() {
         observe(exchange);
 
         lock.lock();
-        if (!mClosed && answer.callback) {
+        if (!mClosed && !processLeaves && answer.callback) {
             mDeliverer = std::this_thread::get_id();
             lock.unlock();
             answer.callback(answer.retCode, answer.response);
@@ -89,11 +89,6 @@ void AnswerQueue::close() {
 
 // ---- The threads ----------------------------------------------------------------------------------------------------
 
-DeliveryThreads::DeliveryThreads() {
-    KstMutexLock lock(mMutex);
-    startThread();
-}
-
 void DeliveryThreads::post(std::shared_ptr<AnswerQueue> queue) {
     {
         KstMutexLock lock(mMutex);
@@ -108,9 +103,8 @@ void DeliveryThreads::leave() {
     mLeaving = true;
 }
 
-void DeliveryThreads::startThread() {
+void DeliveryThreads::start() {
     std::thread([this] { run(); }).detach();
-    ++mThreads;
 }
 
 void DeliveryThreads::run() {
@@ -119,14 +113,13 @@ void DeliveryThreads::run() {
         while (mReady.empty() || mLeaving) {
             ++mIdle;
             bool bored = false;
-            if (mThreads == 1) {
+            if (mIdle == 1) {
                 mWork.wait(mMutex);
             } else {
                 bored = !mWork.waitUntil(mMutex, std::chrono::steady_clock::now() + kIdleLife);
             }
             --mIdle;
-            if (bored && mReady.empty() && mThreads > 1) {
-                --mThreads;
+            if (bored && mReady.empty() && mIdle > 0) {
                 return;
             }
         }
@@ -134,7 +127,7 @@ void DeliveryThreads::run() {
         mReady.pop_front();
         if (mIdle == 0) {
             try {
-                startThread();
+                start();
             } catch (const std::system_error&) {
                 // Without another thread answers wait for this callback; the next one tries again.
             }

@@ -1,7 +1,7 @@
 // The threads on which answers are delivered, and the queue that keeps one client's answers in order.
 //
 // A callback may block for as long as it likes: before a thread runs one, it makes sure that another stands by for the
-// next client. So there are as many threads as callbacks that block, and one more.
+// next client. So there are as many threads as callbacks that run at the same time, and one more.
 
 #ifndef VEXALIVE_PLATFORM_DELIVERY_THREADS_H
 #define VEXALIVE_PLATFORM_DELIVERY_THREADS_H
@@ -53,8 +53,8 @@ private:
 // Lives as long as the process.
 class DeliveryThreads {
 public:
-    // Starts the first thread; the standard library's system error if it cannot.
-    DeliveryThreads();
+    // Starts a thread: once before the first answer, then as needed. The standard library's system error if it cannot.
+    void start();
 
     void post(std::shared_ptr<AnswerQueue> queue) KST_EXCLUDES(mMutex);
 
@@ -62,13 +62,11 @@ public:
     void leave() KST_EXCLUDES(mMutex);
 
 private:
-    void startThread() KST_REQUIRES(mMutex);
     void run() KST_EXCLUDES(mMutex);
 
     KstMutex mMutex;
     KstCondition mWork;
     std::deque<std::shared_ptr<AnswerQueue>> mReady KST_GUARDED_BY(mMutex);
-    int mThreads KST_GUARDED_BY(mMutex) = 0;
     int mIdle KST_GUARDED_BY(mMutex) = 0;
     bool mLeaving KST_GUARDED_BY(mMutex) = false;
 };

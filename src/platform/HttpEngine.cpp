@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -16,7 +17,6 @@ namespace {
 
 constexpr int kWakePollMilliseconds = 60000;
 constexpr int kBlindPollMilliseconds = 20;  // where no wake-up is to be had
-constexpr size_t kSpareHandles = 32;
 constexpr long kConcurrentStreams = 1000;
 
 // ---- Options: free until the engine takes them ----------------------------------------------------------------------
@@ -95,7 +95,8 @@ std::string describe(CURLcode result) {
     return json::Serialize(std::move(answer));
 }
 
-// Signals of the host are handled by its own threads; a write to a connection that is gone raises SIGPIPE here.
+// On the I/O thread: signals of the host are handled by its own threads; a write to a connection that is gone raises
+// SIGPIPE here.
 void blockSignals() {
     sigset_t signals;
     sigfillset(&signals);
@@ -128,7 +129,7 @@ HttpEngine& HttpEngine::instance() {
     return engine;
 }
 
-HttpEngine::HttpEngine() : mOptions(takeOptions()) {
+HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()) {
     initialiseOpenSsl();
     curl_global_init(CURL_GLOBAL_ALL);
     mMulti = curl_multi_init();
@@ -139,6 +140,7 @@ HttpEngine::HttpEngine() : mOptions(takeOptions()) {
     mHeaders = curl_slist_append(mHeaders, "Expect:");  // never waits for a 100
     mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kBlindPollMilliseconds;
     mThread = std::thread([this] { run(); });
+    mDelivery.start();
     std::atexit(&HttpEngine::leave);
 }
 
@@ -232,7 +234,7 @@ void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
         end(std::move(exchange), CURLE_URL_MALFORMAT);
         return;
     }
-    CURL* handle = exchange->handle = takeHandle();
+    CURL* handle = exchange->handle = makeHandle();
     if (!handle) {
         end(std::move(exchange), CURLE_FAILED_INIT);
         return;
@@ -245,6 +247,7 @@ void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, exchange.get());
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, exchange->detail);
     curl_easy_setopt(handle, CURLOPT_PRIVATE, exchange.get());
+    distrustOldConnections(handle);
     if (curl_multi_add_handle(mMulti, handle) != CURLM_OK) {
         end(std::move(exchange), CURLE_FAILED_INIT);
         return;
@@ -252,13 +255,8 @@ void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
     static_cast<void>(exchange.release());  // comes back in collectFinished
 }
 
-// What all requests share is set once for a handle, and handles are used again.
-CURL* HttpEngine::takeHandle() {
-    if (!mSpareHandles.empty()) {
-        CURL* spare = mSpareHandles.back();
-        mSpareHandles.pop_back();
-        return spare;
-    }
+// A handle of its own for each request: a used one would carry over what the library remembers of earlier failures.
+CURL* HttpEngine::makeHandle() {
     CURL* handle = curl_easy_init();
     if (!handle) {
         return nullptr;
@@ -275,7 +273,8 @@ CURL* HttpEngine::takeHandle() {
     }
     curl_easy_setopt(handle, CURLOPT_SHARE, mShare);
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);  // rather share a connection than open another
+    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);    // rather share a connection than open another
+    curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // a name server that is silent holds up nobody else
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(mOptions.connectTimeout.count()));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(mOptions.totalTimeout.count()));
     curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mOptions.maxAnswerBytes));
@@ -285,6 +284,18 @@ CURL* HttpEngine::takeHandle() {
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Exchange::receiveHead);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Exchange::receive);
     return handle;
+}
+
+// A time-out ends a request, but not the connection that it shared, which may be dead: over HTTP/2 every other try
+// would go down the same one. So nothing older than the last time-out is used again, and for a while nothing is shared.
+void HttpEngine::distrustOldConnections(CURL* handle) const {
+    if (mLastTimeout == std::chrono::steady_clock::time_point()) {
+        return;
+    }
+    const auto since = std::chrono::steady_clock::now() - mLastTimeout;
+    const auto seconds = static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(since).count());
+    curl_easy_setopt(handle, CURLOPT_MAXLIFETIME_CONN, std::max(1L, seconds));
+    curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, since < mOptions.totalTimeout ? 1L : 0L);
 }
 
 void HttpEngine::collectFinished() {
@@ -325,14 +336,10 @@ void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
     }
     answer.exchange.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                                     exchange->request->started);
-    if (exchange->handle) {
-        curl_easy_setopt(exchange->handle, CURLOPT_ERRORBUFFER, nullptr);
-        if (mSpareHandles.size() < kSpareHandles) {
-            mSpareHandles.push_back(exchange->handle);
-        } else {
-            curl_easy_cleanup(exchange->handle);
-        }
+    if (result == CURLE_OPERATION_TIMEDOUT) {
+        mLastTimeout = std::chrono::steady_clock::now();
     }
+    curl_easy_cleanup(exchange->handle);
     const std::shared_ptr<AnswerQueue> answers = std::move(exchange->request->answers);
     exchange.reset();
     answers->push(std::move(answer), mDelivery);

@@ -32,7 +32,8 @@ struct OutgoingRequest {
 
 class HttpEngine {
 public:
-    // Started at the first call; never destroyed. The standard library's system error if a thread cannot be started.
+    // Started at the first call; never destroyed. If a thread cannot be started, the standard library's system error
+    // ends the process.
     static HttpEngine& instance();
 
     void send(std::unique_ptr<OutgoingRequest> request) KST_EXCLUDES(mMutex);
@@ -40,7 +41,7 @@ public:
 private:
     struct Exchange;
 
-    HttpEngine();
+    HttpEngine() noexcept;
     static void leave();
 
     // Below: the I/O thread only.
@@ -49,7 +50,8 @@ private:
     void begin(std::unique_ptr<OutgoingRequest> request);
     void collectFinished();
     void end(std::unique_ptr<Exchange> exchange, CURLcode result);
-    CURL* takeHandle();
+    CURL* makeHandle();
+    void distrustOldConnections(CURL* handle) const;
 
     const HttpOptions mOptions;
     DeliveryThreads mDelivery;
@@ -57,7 +59,7 @@ private:
     CURLSH* mShare = nullptr;
     curl_slist* mHeaders = nullptr;
     int mPollMilliseconds = 0;
-    std::vector<CURL*> mSpareHandles;
+    std::chrono::steady_clock::time_point mLastTimeout;  // of any exchange; the epoch if there was none
 
     KstMutex mMutex;
     std::vector<std::unique_ptr<OutgoingRequest>> mInbox KST_GUARDED_BY(mMutex);

@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include "base/Log.h"
 #include "platform/OpenSsl.h"
 
 namespace kstmedia {
@@ -11,7 +12,8 @@ std::string getMD5(const std::string& text) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
     if (EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr) != 1) {
-        return {};  // an OpenSSL that is told to refuse MD5
+        kstf_log(4, "Md5.cpp", __LINE__, __func__, "OpenSSL refuses MD5: stream ids cannot be made");
+        return {};
     }
     constexpr char kDigits[] = "0123456789abcdef";
     std::string hex;
