@@ -25,11 +25,11 @@ namespace vexalive {
 
 namespace {
 
-constexpr long kSecondsPerDay = 24 * 60 * 60;
+constexpr long kSecondsPerDay = 86'400;
 constexpr int kAuthorityDays = 3650;
 constexpr int kServerDays = 365;
 constexpr int kRenewalDays = 30;
-constexpr size_t kLargestFile = 64 * 1024;
+constexpr size_t kLargestFile = size_t{64} << 10;
 
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;

@@ -184,7 +184,7 @@ private:
 
     // What a padded answer holds from `offset` on: the rest of one of its three parts, or some of the padding.
     static std::string pieceOf(const HttpAnswer& answer, size_t offset) {
-        constexpr size_t kPaddingPiece = 64 * 1024;
+        constexpr size_t kPaddingPiece = size_t{64} << 10;
         const size_t bodyEnd = answer.body.size();
         const size_t paddingEnd = bodyEnd + answer.padding;
         if (offset < bodyEnd) {

@@ -10,7 +10,7 @@ using nlohmann::json;
 
 namespace {
 
-constexpr size_t kExcerptBytes = 40;
+constexpr size_t kExcerptBytes = 48;  // a stream id fits
 constexpr size_t kDeepest = 16;
 
 std::string unquoted(const std::string& text) {

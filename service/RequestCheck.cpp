@@ -154,7 +154,7 @@ void checkCommon(Fields& body, const std::string& interfaceName, const std::stri
 
 // "<biz id>_<32 lower-case hex digits>", the biz id being the domain's.
 std::string streamId(Fields& fields, const char* key, int32_t bizId) {
-    const std::string id = fields.text(key);
+    std::string id = fields.text(key);
     const std::string head = std::to_string(bizId) + "_";
     const bool isWellFormed = id.size() == head.size() + kDigestLength && id.compare(0, head.size(), head) == 0 &&
                               std::all_of(id.begin() + static_cast<std::ptrdiff_t>(head.size()), id.end(), isLowerHex);

@@ -11,8 +11,8 @@ namespace vexalive {
 
 namespace {
 
-constexpr size_t kInBytes = 16 * 1024;
-constexpr size_t kOutBytes = 64 * 1024;
+constexpr size_t kInBytes = size_t{16} << 10;
+constexpr size_t kOutBytes = size_t{64} << 10;
 constexpr size_t kMostRequestBytes = (size_t{2} << 20) + kInBytes;  // head, body and what chunks add
 constexpr std::chrono::seconds kHandshakeTime(10);
 constexpr std::chrono::seconds kRequestTime(30);
@@ -25,13 +25,13 @@ Wire::Wire(int socket, SSL_CTX* tls) : mSocket(socket), mTls(tls ? SSL_new(tls) 
     mIsBroken = tls && (!mTls || SSL_set_fd(mTls.get(), socket) != 1);
 }
 
-bool Wire::await(short events, Clock::time_point deadline) const {
+bool Wire::await(int events, Clock::time_point deadline) const {
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
         if (left <= 0) {
             return false;
         }
-        pollfd entry{mSocket, events, 0};
+        pollfd entry{mSocket, static_cast<short>(events), 0};
         const int ready = ::poll(&entry, 1, static_cast<int>(std::min<decltype(left)>(left, 60'000)));
         if (ready > 0) {
             return true;
@@ -44,7 +44,7 @@ bool Wire::await(short events, Clock::time_point deadline) const {
 
 // Runs the operation until it moves bytes; 0 if it cannot any more. `events` is what a plain socket waits for.
 template <class Operation>
-ssize_t Wire::transfer(Operation operation, short events, Clock::time_point deadline) {
+ssize_t Wire::transfer(Operation operation, int events, Clock::time_point deadline) {
     while (!mIsBroken) {
         ERR_clear_error();
         const ssize_t count = operation();
@@ -52,7 +52,7 @@ ssize_t Wire::transfer(Operation operation, short events, Clock::time_point dead
             return count;
         }
         const int error = errno;
-        short awaited = 0;
+        int awaited = 0;
         if (mTls) {
             const int reason = SSL_get_error(mTls.get(), static_cast<int>(count));
             awaited = reason == SSL_ERROR_WANT_READ ? POLLIN : reason == SSL_ERROR_WANT_WRITE ? POLLOUT : 0;

@@ -45,9 +45,9 @@ private:
     using Clock = std::chrono::steady_clock;
 
     bool fill(Clock::time_point deadline);
-    bool await(short events, Clock::time_point deadline) const;
+    bool await(int events, Clock::time_point deadline) const;
     template <class Operation>
-    ssize_t transfer(Operation operation, short events, Clock::time_point deadline);
+    ssize_t transfer(Operation operation, int events, Clock::time_point deadline);
 
     const int mSocket;
     std::unique_ptr<SSL, decltype(&SSL_free)> mTls;
