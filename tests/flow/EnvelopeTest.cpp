@@ -1,6 +1,7 @@
 // What all requests share: address, common fields, clocks, ids.
 
 #include <cstdlib>
+#include <thread>
 
 #include "FlowTest.h"
 #include "base/RetrySchedule.h"
@@ -178,7 +179,7 @@ TEST_F(EnvelopeTest, TimestampIsTheTickCountsLow32BitsInSeconds) {
     }
 }
 
-TEST_F(EnvelopeTest, EventIdsAreConsecutiveOverKindsRetriesAndAdapters) {
+TEST_F(EnvelopeTest, EventIdsAreConsecutiveOverKindsRetriesAdaptersAndThreads) {
     givenInRoom();
     const int first = kFirstEventId + mPlatform.requestsEver;
 
@@ -186,9 +187,12 @@ TEST_F(EnvelopeTest, EventIdsAreConsecutiveOverKindsRetriesAndAdapters) {
     failAndWaitForRetry();
     startMix();
     const auto other = std::make_shared<LiveTranscodingAdapter>();
-    other->updateEnterRoomInfo("room8", "");
-    other->setLiveMixTranscoding(mix());
-    run();
+    std::thread([&] {  // each adapter has a worker of its own
+        other->updateEnterRoomInfo("room8", "");
+        other->setLiveMixTranscoding(mix());
+        run();
+    })
+        .join();
     cancelMix();
     stopRelay();
 

@@ -277,6 +277,19 @@ TEST_F(InsideTest, OperationsOnAStoppedLoopAreLostSilently) {
     EXPECT_EQ(mAdapter->mixTaskIndex, 3);
 }
 
+TEST_F(InsideTest, DestructorStopsTheLoopBeforeAMemberGoes) {
+    const std::shared_ptr<KstMessageLoop> loop = mAdapter->mMessageLoop;
+    std::vector<std::string>& clients = mPlatform.clients;
+    clients.clear();
+    const auto taskGoes = [&clients](const int*) { clients.push_back("task gone"); };
+    loop->PostTask([held = std::shared_ptr<const int>(&kBizId, taskGoes)] { FAIL() << *held; });
+
+    mAdapter.reset();
+
+    EXPECT_EQ(clients, (std::vector<std::string>{"task gone", "gone 3", "gone 2", "gone 1", "gone 0"}));
+    EXPECT_FALSE(loop->PostTask([] {}).valid());
+}
+
 TEST_F(InsideTest, AnswerOnAStoppedLoopIsToldAndItsReportIsLost) {
     givenSent(kAddRelay);
     mAdapter->mMessageLoop->stop();

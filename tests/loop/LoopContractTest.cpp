@@ -382,7 +382,7 @@ TEST_F(LoopContractTest, ATaskThatCanOnlyBeMovedIsMovedInAndNeverCopied) {
 }
 
 TEST_F(LoopContractTest, ATaskGivenByNameIsCopiedAndStaysWithItsOwner) {
-    const auto shared = std::make_shared<int>(0);
+    auto shared = std::make_shared<int>(0);  // not const, so that a copy of the task could be robbed of its own
     auto task = [this, shared] { journal.add(shared ? "ran" : "lost its capture"); };
     const auto& constTask = task;
     {

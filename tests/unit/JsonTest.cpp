@@ -476,15 +476,15 @@ TEST(JsonDeserializeTest, SixtyFourMegabytesOfGarbageAreUnreadableAndHarmless) {
     uint32_t state = 1;
     for (char& byte : noise) {
         state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>(state >> 24);
+        byte = static_cast<char>((state >> 24) % 255 + 1);  // no zero byte, which would be refused at sight
     }
     EXPECT_FALSE(isReadable(noise));
     EXPECT_FALSE(isReadable("[" + noise)) << "inside an array";
-    EXPECT_FALSE(isReadable("\"" + std::string(kSize, 'x'))) << "a text that never ends";
 }
 
-TEST(JsonDeserializeTest, AMegabyteOfDigitsOrBlanksIsUnreadableAndHarmless) {
-    constexpr size_t kSize = size_t{1} << 20;
+TEST(JsonDeserializeTest, MegabytesOfOneCharacterAreUnreadableAndHarmless) {
+    constexpr size_t kSize = size_t{4} << 20;
+    EXPECT_FALSE(isReadable("\"" + std::string(kSize, 'x'))) << "a text that never ends";
     EXPECT_FALSE(isReadable(std::string(kSize, '9')));
     EXPECT_FALSE(isReadable(std::string(kSize, ' ')));
 }
