@@ -178,9 +178,9 @@ TEST_F(RelayTool, ShowsEachAttemptAndThePauseBeforeTheNext) {
     EXPECT_EQ(tool.awaitExit(), 0);
 
     std::string rest = tool.output();
-    for (const char* line : {"start: attempt 1 of 11: waiting", "start: attempt 1 of 11: no usable answer",
+    for (const char* line : {"start: attempt 1 of 11: waiting", "start: attempt 1 of 11: HTTP status 503",
                              "start: next try, attempt 2 of 11, in 1 s\n", "start: attempt 2 of 11: waiting",
-                             "start: attempt 2 of 11: no usable answer", "start: next try, attempt 3 of 11, in 1 s\n",
+                             "start: attempt 2 of 11: HTTP status 503", "start: next try, attempt 3 of 11, in 1 s\n",
                              "start: attempt 3 of 11: waiting", "start: attempt 3 of 11: accepted",
                              "start: done, the relay is running\n"}) {
         const size_t at = rest.find(line);
