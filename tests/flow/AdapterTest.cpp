@@ -289,6 +289,21 @@ TEST_F(AdapterTest, ResetClearsTheRelaysAddressAndCounter) {
     EXPECT_THAT(log().back().text, HasSubstr("retryAddPublishUrlInner index: 1, retryStartCdnCnt:10, jsonStr: "));
 }
 
+TEST_F(AdapterTest, ResetForgetsTheMixInItsTurnSoThatARoomEntryCalledBeforeReissuesItWhole) {
+    givenUser();
+    startMix();
+    forgetTheStorySoFar();
+
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    mAdapter->resetInfo();
+    run();
+
+    // Entry, reset, and then the re-issued mix, outside the room again.
+    EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), "not enterRoom status"}));
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
 TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresInItsTurn) {
     givenInRoom();
     mAdapter->resetInfo();

@@ -1,7 +1,6 @@
 // The body of a mix request and the description that opens its trace.
 
 #include "FlowTest.h"
-#include "base/Md5.h"
 
 using kstmedia::VexaMixUserInternal;
 using kstmedia::VexaTranscodingConfigInternal;
@@ -22,6 +21,10 @@ protected:
     static constexpr const char* kReportedCanvas =
         R"({"input_stream_id":"canvas1","layout_params":{"image_layer":1,"input_type":3}})";
 
+    static constexpr const char* kOddName = "a \"quoted\" b\\ü 中";
+    static constexpr const char* kOddRoom = "röom \"7\"";
+    static constexpr const char* kOddNameInOddRoom = "8888_5811b5d80b670e2a8ae763c89d5696af";
+
     // One input as the body shows it; the rectangle's numbers as x, y, w, h.
     static std::string input(const std::string& streamId, int layer, int type, int x, int y, int w, int h) {
         return "{\"input_stream_id\":\"" + streamId + "\",\"layout_params\":{\"image_height\":" + std::to_string(h) +
@@ -37,21 +40,20 @@ protected:
                ",\"input_type\":" + std::to_string(type) + "}}";
     }
 
-    std::string mixBody(const std::string& inputs, const std::string& settings = kAllSettings) {
+    // The body of the first request.
+    std::string mixBody(const std::string& inputs, const std::string& settings = kAllSettings,
+                        const std::string& ownStream = kAliceMain, int timestamp = 1000) {
         return R"({"appid":12345,"domain":"8888.push.test","event_id":)" + std::to_string(eventId(0)) +
                R"(,"input_stream_list":[)" + inputs + R"(],"interface":"set_live_mix_transcoding","output_param":{)" +
-               settings +
-               R"("output_stream_id":"8888_fcbd0847daa9c600a757e0d48049b252","output_stream_type":0},"path":"live",)"
-               R"("session_id":"8888_fcbd0847daa9c600a757e0d48049b252","timestamp":1000,"use_mix_crop_center":1})";
+               settings + R"("output_stream_id":")" + ownStream +
+               R"(","output_stream_type":0},"path":"live","session_id":")" + ownStream + R"(","timestamp":)" +
+               std::to_string(timestamp) + R"(,"use_mix_crop_center":1})";
     }
-    static std::string description(int pure, const std::string& inputs) {
+    static std::string description(int pure, const std::string& inputs, const std::string& ownStream = kAliceMain) {
         return "task_id:1, pureAudioOutputStream:" + std::to_string(pure) + R"(, stream: {"input_stream_list":[)" +
-               inputs +
-               R"(],"output_param":{"output_stream_id":"8888_fcbd0847daa9c600a757e0d48049b252",)"
-               R"("output_stream_type":0},"session_id":"8888_fcbd0847daa9c600a757e0d48049b252"})";
+               inputs + R"(],"output_param":{"output_stream_id":")" + ownStream +
+               R"(","output_stream_type":0},"session_id":")" + ownStream + "\"}";
     }
-
-    static std::string streamId(const std::string& name) { return "8888_" + kstmedia::getMD5(name); }
 
     // Starts the mix and lets it succeed.
     void mixed(const VexaTranscodingConfigInternal& config) {
@@ -99,15 +101,26 @@ TEST_F(MixBodyTest, DescriptionListsTheInputsInAscendingLayersToo) {
 }
 
 TEST_F(MixBodyTest, SeventeenUsers) {
+    // The digests of room7_user0_main to room7_user16_main.
+    const char* const streams[] = {"8888_65124ebf89d2fe3b548c60c7435f307a", "8888_fc49597a372a571f3079a91c3f749e5a",
+                                   "8888_0dc6f664be8da69ff92bf3d555a66505", "8888_85b24164a870088ff0b9f7c892c6f198",
+                                   "8888_bcf6427db9aa964e11852d81b99e156c", "8888_9b0cee6156f0e866aadd97f26bb99f9f",
+                                   "8888_7e1f3fcc60b1323754b3096d000431bf", "8888_1e2ba688824a29f0dacf54782e0279a9",
+                                   "8888_19f8767623ba1929edc08ff0d9a12154", "8888_39c93f85c9c0503a4ad7ed4dd27a6340",
+                                   "8888_90aea8ee466b3aab77caa256a6b8a261", "8888_e01daa1712e8fc692fda3c672bbd4ce2",
+                                   "8888_005ba854866900ca55ec8423c5516398", "8888_fe185051c946841965af2b5335c13cc2",
+                                   "8888_a72698760e712d7282212e596934b2d9", "8888_6a98e16ac131e102a6091ccb4ca1f372",
+                                   "8888_27274b32c1123d6c5f1fe3a7dec68d31"};
     std::vector<VexaMixUserInternal> users;
     std::string inputs = kCanvas;
     std::string reportedInputs = kReportedCanvas;
-    for (int i = 0; i <= 16; ++i) {
-        const std::string name = "user" + std::to_string(i);
-        users.push_back(user(name, i));
+    int i = 0;
+    for (const char* const stream : streams) {
+        users.push_back(user("user" + std::to_string(i), i));
         users.back().rect = {i, 2 * i, 3 * i, 4 * i};
-        inputs += "," + input(streamId("room7_" + name + "_main"), i + 2, 0, i, 2 * i, 3 * i, 4 * i);
-        reportedInputs += "," + reportedInput(streamId("room7_" + name + "_main"), i + 2, 0);
+        inputs += "," + input(stream, i + 2, 0, i, 2 * i, 3 * i, 4 * i);
+        reportedInputs += "," + reportedInput(stream, i + 2, 0);
+        ++i;
     }
 
     mixed(mix(users));
@@ -223,18 +236,34 @@ TEST_F(MixBodyTest, OnlyStreamTypeTwoIsTheAuxiliaryStream) {
 }
 
 TEST_F(MixBodyTest, NamesOfAnyTextBecomeStreamIds) {
-    VexaMixUserInternal odd = user("a \"quoted\" b\\ü 中", 1);
-    VexaMixUserInternal oddRoom = user("a \"quoted\" b\\ü 中", 2);
-    oddRoom.roomId = "röom \"7\"";
+    const VexaMixUserInternal odd = user(kOddName, 1);
+    VexaMixUserInternal oddRoom = user(kOddName, 2);
+    oddRoom.roomId = kOddRoom;
     const VexaMixUserInternal endless = user(std::string(5000, 'x'), 3);
     const VexaMixUserInternal nameless = user("", 4);
+    VexaMixUserInternal endlessRoom = user("bob", 5);
+    endlessRoom.roomId = std::string(5000, 'r');
 
-    mixed(mix({odd, oddRoom, endless, nameless}));
+    mixed(mix({odd, oddRoom, endless, nameless, endlessRoom}));
 
     EXPECT_EQ(body(0), mixBody(std::string(kCanvas) + "," + fullInput("8888_0800ebad1eae16480b20595cabdc20ad", 2, 0) +
-                               "," + fullInput("8888_5811b5d80b670e2a8ae763c89d5696af", 3, 0) + "," +
+                               "," + fullInput(kOddNameInOddRoom, 3, 0) + "," +
                                fullInput("8888_3b0af0453b60095dd98bfe70a739af04", 4, 0) + "," +
-                               fullInput(streamId("room7__main"), 5, 0)));
+                               fullInput("8888_76beca96e210662f1dbb8b8d215d4b17", 5, 0) + "," +
+                               fullInput("8888_715754969a5aa83f21b91147109249c7", 6, 0)));
+}
+
+TEST_F(MixBodyTest, OwnNamesOfAnyTextBecomeTheOutputsStreamId) {
+    mAdapter->updateUserInfo(kSdkAppId, kUserSig, kOddName);
+    enterRoom(kOddRoom);
+
+    mixed(mix({user(kOddName, 1)}));
+
+    EXPECT_EQ(body(0), mixBody(std::string(kCanvas) + "," + fullInput(kOddNameInOddRoom, 2, 0), kAllSettings,
+                               kOddNameInOddRoom));
+    EXPECT_EQ(
+        reportedDescription(),
+        description(0, std::string(kReportedCanvas) + "," + reportedInput(kOddNameInOddRoom, 2, 0), kOddNameInOddRoom));
 }
 
 TEST_F(MixBodyTest, ModeIsReadNowhere) {
@@ -251,8 +280,9 @@ TEST_F(MixBodyTest, TwoMixesHaveConsecutiveEventIds) {
     startMix();
     startMix();
 
-    EXPECT_EQ(eventId(1), eventId(0) + 1);
-    EXPECT_THAT(body(1), HasSubstr("\"event_id\":" + std::to_string(eventId(1)) + ","));
+    const int first = eventId(0);
+    EXPECT_THAT(body(0), HasSubstr("\"event_id\":" + std::to_string(first) + ","));
+    EXPECT_THAT(body(1), HasSubstr("\"event_id\":" + std::to_string(first + 1) + ","));
 }
 
 TEST_F(MixBodyTest, RetryAfterClearSendsZeroesAndNoInputs) {
@@ -263,15 +293,29 @@ TEST_F(MixBodyTest, RetryAfterClearSendsZeroesAndNoInputs) {
 
     pass(Milliseconds(1000));
 
-    std::string expected = mixBody("", R"("output_audio_bitrate":0,"output_audio_channels":0,)"
-                                       R"("output_audio_sample_rate":0,"output_sei":"{}","output_stream_bitrate":0,)"
-                                       R"("output_stream_frame_rate":0,"output_stream_gop":0,)");
-    expected.replace(expected.find(":1000,"), 6, ":1001,");
-    EXPECT_EQ(body(0), expected);
+    EXPECT_EQ(body(0), mixBody("",
+                               R"("output_audio_bitrate":0,"output_audio_channels":0,"output_audio_sample_rate":0,)"
+                               R"("output_sei":"{}","output_stream_bitrate":0,"output_stream_frame_rate":0,)"
+                               R"("output_stream_gop":0,)",
+                               kAliceMain, 1001));
 }
 
-// ---- The description is made when the first answer comes
-// -------------------------------------------------------------
+TEST_F(MixBodyTest, RetryHasTheIdsOfARelayStartedMeanwhile) {
+    startMix(mix({user("bob", 1)}));
+    answer(kTryAgain, "");
+    kstmedia::VexaPublishCDNParamInternal param = relay();
+    param.appId = 77;
+    param.bizId = 66;
+    startRelay(param);
+
+    pass(Milliseconds(1000));
+
+    EXPECT_THAT(body(2), HasSubstr(R"({"appid":77,"domain":"66.push.test",)"));
+    EXPECT_THAT(body(2), HasSubstr(R"("session_id":"66_fcbd0847daa9c600a757e0d48049b252")"));
+    EXPECT_THAT(body(2), HasSubstr(R"("input_stream_id":"66_b2d700c9449aa7a1002cd7ceaceabdca")"));
+}
+
+// ---- The description is made when the first answer comes ------------------------------------------------------------
 
 TEST_F(MixBodyTest, DescriptionAfterClearIsThatOfAnEmptyMix) {
     startMix();
@@ -292,10 +336,9 @@ TEST_F(MixBodyTest, DescriptionNamesTheUserAndRoomOfTheFirstAnswersTime) {
     pass(Milliseconds(1000));
     answerOk();
 
+    const char* const bobInRoom9 = "8888_a3fe5477ad348c0d01c9c65a61dc95be";
     EXPECT_EQ(reportedDescription(),
-              std::string(R"(task_id:1, pureAudioOutputStream:0, stream: {"input_stream_list":[)") + kReportedCanvas +
-                  "," + reportedInput(streamId("room9_bob_main"), 2, 0) + R"(],"output_param":{"output_stream_id":")" +
-                  kCarolInRoom9 + R"(","output_stream_type":0},"session_id":")" + kCarolInRoom9 + "\"}");
+              description(0, std::string(kReportedCanvas) + "," + reportedInput(bobInRoom9, 2, 0), kCarolInRoom9));
 }
 
 TEST_F(MixBodyTest, DescriptionShowsTheTasksIndex) {

@@ -12,12 +12,12 @@ protected:
     static constexpr const char* kNothingStarted =
         "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before";
 
-    std::string cancelBody(size_t number, int timestamp) {
+    std::string cancelBody(size_t number, int timestamp, const std::string& ownStream = kAliceMain) {
         return R"({"appid":12345,"domain":"8888.push.test","event_id":)" + std::to_string(eventId(number)) +
-               R"(,"input_stream_list":[{"input_stream_id":"8888_fcbd0847daa9c600a757e0d48049b252","layout_params":)"
-               R"({"image_layer":1}}],"interface":"set_live_mix_transcoding","output_param":{"output_stream_id":)"
-               R"("8888_fcbd0847daa9c600a757e0d48049b252"},"path":"live","session_id":)"
-               R"("8888_fcbd0847daa9c600a757e0d48049b252","timestamp":)" +
+               R"(,"input_stream_list":[{"input_stream_id":")" + ownStream +
+               R"(","layout_params":{"image_layer":1}}],"interface":"set_live_mix_transcoding",)"
+               R"("output_param":{"output_stream_id":")" +
+               ownStream + R"("},"path":"live","session_id":")" + ownStream + R"(","timestamp":)" +
                std::to_string(timestamp) + "}";
     }
 };
@@ -94,6 +94,17 @@ TEST_F(MixCancelTest, CancelForgetsAMixThatWaitsForTheRoomAndIsSentSinceTheIdsAr
     expectNothingHappens();
 }
 
+TEST_F(MixCancelTest, CancelLeavesARelayThatWaitsForTheRoomWaiting) {
+    givenUser();
+    startRelay();
+
+    cancelMix();
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(2));
+    EXPECT_EQ(request(1).client, kAddRelay.client);
+}
+
 TEST_F(MixCancelTest, CancelRightAfterAMixWhoseTaskHasNotRunIsRefused) {
     givenUser();
 
@@ -144,6 +155,9 @@ TEST_F(MixCancelTest, OfTwoCancelsInQuickSuccessionOneIsSent) {
 
     EXPECT_THAT(requests(), SizeIs(1));
     EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+    EXPECT_THAT(log(), SizeIs(2));
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_F(MixCancelTest, CancelSupersedesAMixUnderWay) {
@@ -155,6 +169,17 @@ TEST_F(MixCancelTest, CancelSupersedesAMixUnderWay) {
     answerTo(1, 0, kOk);
 
     EXPECT_THAT(told(), ElementsAre(Told{"onStopLiveMixTranscoding", 0, "sucess"}));
+}
+
+TEST_F(MixCancelTest, CancelLeavesTheInformationOfAMixRetryUnderWay) {
+    givenRetrySent(kStartMix);
+
+    cancelMix();
+    answerTo(1, 0, kOk);
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+    ASSERT_THAT(reports(), SizeIs(1));
+    EXPECT_EQ(reports()[0].information, mixText());
 }
 
 TEST_F(MixCancelTest, SupersededCancelDoesNotForgetAWaitingMix) {
@@ -183,6 +208,20 @@ TEST_F(MixCancelTest, InformationIsTheFirstBodyNeverARetrys) {
     EXPECT_THAT(reports(), ElementsAre(Reported{31, body(0), tried(10, 1, "") + tried(9, 0, kOk)}));
 }
 
+TEST_F(MixCancelTest, RetryNamesTheUserOfItsTimeWhileTheInformationKeepsTheFirst) {
+    givenSent(kCancelMix);
+    mAdapter->updateUserInfo(kSdkAppId, kUserSig, "bob");
+    run();
+
+    failAndWaitForRetry();
+    answerOk();
+
+    EXPECT_EQ(body(0), cancelBody(0, 1000));
+    EXPECT_EQ(body(1), cancelBody(1, 1001, kBobMain));
+    EXPECT_EQ(reports().at(0).information, body(0));
+    EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room7_bob");
+}
+
 TEST_F(MixCancelTest, RetrysAnswerAfterANewerCancelIsReportedWithTheNewersBodyAndCounter) {
     givenRetrySent(kCancelMix);
     cancelMix();
@@ -202,6 +241,20 @@ TEST_F(MixCancelTest, MixSetWhileACancelRetryWaitsDropsTheRetry) {
 
     ASSERT_THAT(requests(), SizeIs(2));
     EXPECT_EQ(request(1).client, kStartMix.client);
+}
+
+TEST_F(MixCancelTest, CancelCalledBehindARoomEntryIsSupersededByTheReissuedMix) {
+    givenUser();
+    startMix();
+    forgetTheStorySoFar();
+
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    mAdapter->stopLiveMixTranscoding();
+    run();
+
+    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(request(0).client, kStartMix.client);
 }
 
 TEST_F(MixCancelTest, TraceKeepsToTheCancelsOwnCounterBesideANewMix) {

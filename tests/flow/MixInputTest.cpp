@@ -67,6 +67,13 @@ TEST_F(MixInputTest, LayersZeroToSixteenAreAcceptedThoughTheMessageSaysOne) {
     expectAccepted(usersWithLayers({16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0}));
 }
 
+TEST_F(MixInputTest, NothingButLayersAndAudioFlagsIsChecked) {
+    VexaMixUserInternal nobody = user("", 1);
+    nobody.rect = {-1, -2, 0, -3};
+    nobody.streamType = -9;
+    expectAccepted({nobody, user("bob", 2), user("bob", 3)});
+}
+
 TEST_F(MixInputTest, LayerOutOfRangeIsRefusedAndShownWithItsSign) {
     for (const int layer : {17, 18, 1000, -1, -17, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()}) {
         expectRefused(usersWithLayers({layer}),

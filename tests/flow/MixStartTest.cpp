@@ -202,6 +202,16 @@ TEST_F(MixStartTest, RefusedUsersAreToldAndThenReported) {
                                    Logged{4, "operator()", "error: checkMixConfig ret invalid cnt:0"}));
 }
 
+TEST_F(MixStartTest, ListenerThatTriesAgainFromARefusalIsSeenInItsReport) {
+    givenInRoom();
+    mListener->whenTold = [this] { mAdapter->setLiveMixTranscoding(mix()); };
+
+    startMix(mix({}));
+
+    EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), kBadUsers}));
+    EXPECT_THAT(requests(), SizeIs(1));
+}
+
 TEST_F(MixStartTest, RefusedUsersAreStoredNowhere) {
     givenInRoom();
 
@@ -209,6 +219,20 @@ TEST_F(MixStartTest, RefusedUsersAreStoredNowhere) {
     cancelMix();
 
     EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(MixStartTest, RefusalsLeaveTheIdsOfTheRunningMix) {
+    givenSent(kStartMix);
+    answerOk();
+    VexaTranscodingConfigInternal refused = mix({});
+    refused.appId = 77;
+    refused.bizId = 66;
+
+    startMix(refused);
+    cancelMix();
+
+    EXPECT_THAT(body(1), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
+    EXPECT_THAT(body(1), HasSubstr(kAliceMain));
 }
 
 TEST_F(MixStartTest, SupersededMixWithBadUsersIsDroppedWithoutACheck) {
@@ -237,6 +261,28 @@ TEST_F(MixStartTest, OfTwoMixesInQuickSuccessionOnlyTheSecondIsSent) {
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_THAT(body(0), HasSubstr(kBobMain));
     EXPECT_EQ(log().at(1), (Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
+}
+
+TEST_F(MixStartTest, MixIsSentAfterARefusedOne) {
+    givenInRoom();
+    startMix(mix({}));
+
+    startMix();
+    answerOk();
+
+    EXPECT_EQ(told().back(), (Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+}
+
+TEST_F(MixStartTest, ClearBetweenTheCallAndItsTaskChangesNothing) {
+    givenInRoom();
+
+    mAdapter->setLiveMixTranscoding(mix());
+    mAdapter->clear();
+    run();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_THAT(body(0), HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain));
+    EXPECT_THAT(body(0), HasSubstr(R"("output_stream_bitrate":1500)"));
 }
 
 TEST_F(MixStartTest, ConfigurationIsTakenAtTheTimeOfTheCall) {
@@ -314,6 +360,44 @@ TEST_F(MixStartTest, WaitingConfigurationIsKeptWhole) {
     EXPECT_EQ(reports().back().information, config.to_string());
 }
 
+TEST_F(MixStartTest, NewerMixOutsideTheRoomReplacesTheWaitingOne) {
+    givenUser();
+    startMix();
+    startMix(mix({user("bob", 1)}));
+
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_THAT(body(0), HasSubstr(std::string(R"("input_stream_id":")") + kBobMain));
+    EXPECT_THAT(body(0), testing::Not(HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain)));
+}
+
+TEST_F(MixStartTest, WaitingMixThatIsRefusedAtRoomEntryIsTriedAgainAtTheNext) {
+    givenUser();
+    startMix();
+    mAdapter->clear();
+
+    enterRoom();
+    enterRoom("room8");
+
+    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, kInvalid},
+                                    Told{"onStartPublishStreamUrl", -3324, kInvalid}));
+}
+
+TEST_F(MixStartTest, MixCalledBehindARoomEntryIsSupersededByTheReissuedOne) {
+    givenUser();
+    startMix();
+    forgetTheStorySoFar();
+
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    mAdapter->setLiveMixTranscoding(mix({user("bob", 1)}));
+    run();
+
+    EXPECT_EQ(log().at(1), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_THAT(body(0), HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain));
+}
+
 TEST_F(MixStartTest, WaitingMixIsStartedOnlyOnce) {
     givenUser();
     startMix();
@@ -353,6 +437,22 @@ TEST_F(MixStartTest, SuccessIsToldAndThenReportedWithTheDescription) {
     EXPECT_EQ(reports()[0].information, mixText());
     EXPECT_THAT(reports()[0].detail, EndsWith("\"} [tryHttp:cnt-10]retCode:0, respData:" + std::string(kOk)));
     EXPECT_THAT(mPlatform.order, ElementsAre("request 0", "onSetLiveMixTranscoding", "report 31"));
+}
+
+TEST_F(MixStartTest, ServiceThatIsBusyElevenTimesIsToldAtTheEleventhWithAllAnswersInTheTrace) {
+    givenSent(kStartMix);
+    const std::string busy = R"({"code":-505,"message":"busy"})";
+
+    answerAll(0, busy);
+
+    EXPECT_THAT(requests(), SizeIs(11));
+    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", -300505, "busy"}));
+    std::string answers;
+    for (int counter = 10; counter >= 0; --counter) {
+        answers += tried(counter, 0, busy);
+    }
+    ASSERT_THAT(reports(), SizeIs(1));
+    EXPECT_THAT(reports()[0].detail, EndsWith("\"}" + answers));
 }
 
 TEST_F(MixStartTest, UpdateIsTheSameRequestWithTheNewUsers) {

@@ -109,6 +109,17 @@ TEST_F(RelayStopTest, StopForgetsAStartThatWaitsForTheRoomAndIsSentSinceTheIdsAr
     expectNothingHappens();
 }
 
+TEST_F(RelayStopTest, StopLeavesAMixThatWaitsForTheRoomWaiting) {
+    givenUser();
+    startMix();
+
+    stopRelay();
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(2));
+    EXPECT_EQ(request(1).client, kStartMix.client);
+}
+
 TEST_F(RelayStopTest, SupersededStopDoesNotForgetAWaitingStart) {
     givenUser();
     startRelay();
@@ -159,6 +170,8 @@ TEST_F(RelayStopTest, OfTwoStopsInQuickSuccessionOneIsSent) {
     EXPECT_THAT(requests(), SizeIs(1));
     EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
     EXPECT_THAT(log(), SizeIs(2));
+    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_F(RelayStopTest, StopSupersedesAStartUnderWay) {
