@@ -38,7 +38,11 @@ void CVexaHttpSendRecv::sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::
     exchange.id = ++lastId;
     exchange.interfaceName = request->answer.interfaceName;
     exchange.bytesSent = body.size();
+    exchange.body = std::string_view(reinterpret_cast<const char*>(body.cdata()), body.size());
     vexalive::observe(exchange);
+    exchange.body = {};
 
-    vexalive::HttpEngine::instance().send(std::move(request));
+    if (vexalive::HttpEngine* engine = vexalive::HttpEngine::instance()) {
+        engine->send(std::move(request));
+    }
 }

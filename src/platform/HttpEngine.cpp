@@ -124,9 +124,38 @@ bool setHttpOptions(const HttpOptions& options) {
 
 // ---- Starting, sending, leaving -------------------------------------------------------------------------------------
 
-HttpEngine& HttpEngine::instance() {
-    static HttpEngine& engine = *new HttpEngine();
-    return engine;
+// A request may be the first while another thread already ends the process: whoever comes first, the engine's start or
+// the process's end, has the other wait.
+namespace {
+
+KstMutex startMutex;
+std::atomic<HttpEngine*> startedEngine{nullptr};
+bool processLeaves KST_GUARDED_BY(startMutex) = false;
+
+// Runs at exit even if no request was ever sent, and so late that nothing is started after it.
+[[maybe_unused]] const int registered = std::atexit(&HttpEngine::leave);
+
+}  // namespace
+
+HttpEngine* HttpEngine::instance() {
+    HttpEngine* engine = startedEngine;
+    if (engine) {
+        return engine;
+    }
+    KstMutexLock lock(startMutex);
+    if (!startedEngine && !processLeaves) {
+        startedEngine = new HttpEngine();
+        std::atexit(&leave);  // once more, to run before what was there earlier is destroyed
+    }
+    return startedEngine;
+}
+
+void HttpEngine::leave() {
+    KstMutexLock lock(startMutex);
+    processLeaves = true;
+    if (startedEngine) {
+        startedEngine.load()->stop();
+    }
 }
 
 HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()) {
@@ -141,7 +170,6 @@ HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()) {
     mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kBlindPollMilliseconds;
     mThread = std::thread([this] { run(); });
     mDelivery.start();
-    std::atexit(&HttpEngine::leave);
 }
 
 void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
@@ -156,16 +184,17 @@ void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
     }
 }
 
-// At exit: the I/O thread ends before the libraries under it do; requests in flight are dropped.
-void HttpEngine::leave() {
-    HttpEngine& engine = instance();
-    engine.mDelivery.leave();
+// Requests in flight are dropped.
+void HttpEngine::stop() {
+    mDelivery.leave();
     {
-        KstMutexLock lock(engine.mMutex);
-        engine.mLeaving = true;
+        KstMutexLock lock(mMutex);
+        mLeaving = true;
     }
-    curl_multi_wakeup(engine.mMulti);
-    engine.mThread.join();
+    curl_multi_wakeup(mMulti);
+    if (mThread.joinable()) {
+        mThread.join();
+    }
 }
 
 // ---- The I/O thread -------------------------------------------------------------------------------------------------

@@ -32,9 +32,12 @@ struct OutgoingRequest {
 
 class HttpEngine {
 public:
-    // Started at the first call; never destroyed. If a thread cannot be started, the standard library's system error
-    // ends the process.
-    static HttpEngine& instance();
+    // Started at the first call; never destroyed. Null if the process leaves before there was one. If a thread cannot
+    // be started, the standard library's system error ends the process.
+    static HttpEngine* instance();
+
+    // Stops the engine for good, or keeps it from being started: before the libraries under it end.
+    static void leave();
 
     void send(std::unique_ptr<OutgoingRequest> request) KST_EXCLUDES(mMutex);
 
@@ -42,7 +45,7 @@ private:
     struct Exchange;
 
     HttpEngine() noexcept;
-    static void leave();
+    void stop() KST_EXCLUDES(mMutex);
 
     // Below: the I/O thread only.
     void run();

@@ -64,6 +64,7 @@ struct HttpExchange {
     uint64_t id;                        // of the exchange, counted from 1
     std::string_view interfaceName;     // the last part of the address's path; valid during the call
     size_t bytesSent;                   // of the body
+    std::string_view body;              // what is sent; empty once kStarted is over; valid during the call
     int httpStatus;                     // of the answer; 0 if none came, and while kStarted
     int retCode;                        // as in base/CVexaHttpSendRecv.h; 0 while kStarted
     std::string_view answer;            // what came back; empty while kStarted; valid during the call
