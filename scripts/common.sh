@@ -36,14 +36,20 @@ install_packages() {
     >>"$log" 2>&1 || { tail -20 "$log" >&2; fail "apt-get install (all of it: $log)"; }
 }
 
+# configure PRESET: prints the log only if it fails.
+configure() {
+  local log=build/$1.log
+  mkdir -p build
+  cmake --preset "$1" >"$log" 2>&1 || { tail -40 "$log" >&2; fail "cmake --preset $1 (all of it: $log)"; }
+}
+
 # build PRESET [TARGET ...]: configures and builds; prints the log only if it fails.
 build() {
   local preset=$1
   shift
   local log=build/$preset.log started=$SECONDS
-  mkdir -p build
   say "building ${*:-everything} ($preset)"
-  cmake --preset "$preset" >"$log" 2>&1 || { tail -40 "$log" >&2; fail "cmake --preset $preset (all of it: $log)"; }
+  configure "$preset"
   cmake --build --preset "$preset" ${1:+--target "$@"} >>"$log" 2>&1 ||
     { grep -E -A15 'error|FAILED' "$log" | head -80 >&2; fail "building $preset (all of it: $log)"; }
   printf '   done in %d s\n' $((SECONDS - started))
