@@ -40,8 +40,8 @@ bool LiveTranscodingAdapterSortFun(const kstmedia::VexaMixUserInternal& a, const
 // the process. The operations are meant to be called from one thread at a time; called from several, nothing is
 // undefined, but which call supersedes which is chance. They may be called from inside a listener call. An adapter may
 // be dropped anywhere, inside its listener's calls too. A task or an answer that is being handled at that moment keeps
-// it until it is done, and may still tell the listener; then it is destroyed on that thread, and nothing follows. Code
-// that derives from the class must be compiled without run-time type information, as the class is.
+// it until it is done, and until then the listener may still be told; then it is destroyed on that thread, and nothing
+// follows. Code that derives from the class must be compiled without run-time type information, as the class is.
 class LiveTranscodingAdapter : public std::enable_shared_from_this<LiveTranscodingAdapter> {
 public:
     // Costs no thread and no socket; the first operation starts the worker.

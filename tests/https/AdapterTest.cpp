@@ -6,15 +6,20 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
-#include <future>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Room.h"
+#include "base/Md5.h"
 #include "base/RetrySchedule.h"
 #include "base/ServiceAddress.h"
 #include "platform/Platform.h"
@@ -36,19 +41,14 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using testing::Pair;
+using testing::UnorderedElementsAre;
 using vexalive::HttpExchange;
 using vexalive::LiveService;
 using vexalive::Misbehaviour;
 
 LiveService* service = nullptr;
-
-Misbehaviour failing(int times) {
-    Misbehaviour misbehaviour;
-    misbehaviour.kind = Misbehaviour::Kind::kStatus;
-    misbehaviour.status = 503;
-    misbehaviour.times = times;
-    return misbehaviour;
-}
+Journal<vexalive::LiveServiceEvent> served;
 
 Misbehaviour of(Misbehaviour::Kind kind) {
     Misbehaviour misbehaviour;
@@ -56,8 +56,67 @@ Misbehaviour of(Misbehaviour::Kind kind) {
     return misbehaviour;
 }
 
-size_t countRelays() {
-    return nlohmann::json::parse(service->stateJson()).at("relays").size();
+Misbehaviour failing(int times) {
+    Misbehaviour misbehaviour = of(Misbehaviour::Kind::kStatus);
+    misbehaviour.times = times;
+    return misbehaviour;
+}
+
+constexpr int kUntilCleared = 0;  // for `times`
+
+// While there is one, the service has carried requests out and keeps the answers to itself.
+class HeldAnswers {
+public:
+    HeldAnswers() { setHolds(true); }
+    ~HeldAnswers() { setHolds(false); }
+    HeldAnswers(const HeldAnswers&) = delete;
+    HeldAnswers& operator=(const HeldAnswers&) = delete;
+
+    // On a thread of the service's, before it answers.
+    static void wait() {
+        std::unique_lock<std::mutex> lock(state().mutex);
+        state().changed.wait(lock, [] { return !state().holds; });
+    }
+
+private:
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool holds = false;
+    };
+    static State& state() {
+        static State only;
+        return only;
+    }
+    static void setHolds(bool holds) {
+        const std::lock_guard<std::mutex> lock(state().mutex);
+        state().holds = holds;
+        state().changed.notify_all();
+    }
+};
+
+// The last to hold it may be a task that is just ending.
+bool waitUntilGone(const std::weak_ptr<LiveTranscodingAdapter>& adapter) {
+    const auto patience = std::chrono::steady_clock::now() + kPatience;
+    while (!adapter.expired() && std::chrono::steady_clock::now() < patience) {
+        std::this_thread::yield();
+    }
+    return adapter.expired();
+}
+
+std::string streamOf(const std::string& userId) {
+    return "8888_" + kstmedia::getMD5("r1_" + userId + "_main");
+}
+
+// What the service has carried out for a member.
+std::vector<std::string> operationsFor(const std::string& userId) {
+    std::vector<std::string> operations;
+    for (const vexalive::LiveServiceEvent& event : served.all()) {
+        if (event.streamId == streamOf(userId)) {
+            operations.push_back(event.operation);
+        }
+    }
+    return operations;
 }
 
 int countThreads() {
@@ -75,23 +134,180 @@ private:
     Journal<bool> mPassed;
 };
 
-// Every test listens to the reports and sees what comes of log lines, and leaves the service well behaved.
-class AdapterOverHttps : public testing::Test {
-protected:
+// All exchanges of the process, by the member that they are for.
+class ExchangeLog {
+public:
     struct Exchange {
         HttpExchange::Phase phase;
-        int retCode;
+        std::string streamId;
+        std::string text;  // all that is seen of it
         std::chrono::steady_clock::time_point when;
     };
 
+    void add(const HttpExchange& exchange) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (exchange.phase == HttpExchange::kStarted) {
+            const auto body = nlohmann::json::parse(exchange.body);
+            mStreams[exchange.id] = body.at(body.contains("session_id") ? "session_id" : "stream_id");
+        }
+        mJournal.add({exchange.phase, mStreams[exchange.id],
+                      std::string(exchange.interfaceName) + std::string(exchange.body) + std::string(exchange.answer),
+                      std::chrono::steady_clock::now()});
+    }
+
+    void forget() { mJournal.forget(); }
+
+    // Waits until the member's exchanges have gone through that many phases, three for each.
+    std::vector<Exchange> waitFor(size_t phases, const std::string& userId) const {
+        return mJournal.waitFor(phases, [&](const Exchange& each) { return each.streamId == streamOf(userId); });
+    }
+
+    // Waits for so many requests of the member; also returns what came beyond.
+    std::vector<Exchange> waitForSends(size_t count, const std::string& userId) const {
+        return mJournal.waitFor(count, [&](const Exchange& each) {
+            return each.phase == HttpExchange::kStarted && each.streamId == streamOf(userId);
+        });
+    }
+    std::vector<Exchange> sends(const std::string& userId) const { return waitForSends(0, userId); }
+
+    // Until the answers to all that the member has sent are delivered, or dropped.
+    void waitForSilence(const std::string& userId) const { waitFor(3 * sends(userId).size(), userId); }
+
+    std::vector<Exchange> all() const { return mJournal.all(); }
+
+private:
+    std::mutex mMutex;
+    std::map<uint64_t, std::string> mStreams;  // by exchange
+    Journal<Exchange> mJournal;
+};
+
+// ---- What differs ---------------------------------------------------------------------------------------------------
+
+using Operation = void (*)(LiveTranscodingAdapter& adapter);
+
+void startRelay(LiveTranscodingAdapter& adapter) {
+    adapter.startPublishStreamUrl(relayParam());
+}
+
+void startMix(LiveTranscodingAdapter& adapter) {
+    adapter.setLiveMixTranscoding(mixConfig(2));
+}
+
+// What the service is asked for.
+struct Request {
+    const char* name;
+    Operation before;  // has to be done already; may be null
+    Operation ask;
+    const char* call;  // the listener's
+    int transportError;
+    int serverErrorBase;
+    int event;  // of the report
+    const char* information;
+    bool tracesItsCounter;                // else the trace shows another one, which is at 0
+    std::vector<std::string> operations;  // of the service, in the end
+};
+
+void PrintTo(const Request& request, std::ostream* out) {
+    *out << request.name;
+}
+
+const std::vector<Request> kRequests = {
+    {"RelayStart",
+     nullptr,
+     startRelay,
+     "startRelay",
+     -3321,
+     -200000,
+     30,
+     "appId:1234, bizId:8888, url:rtmp://cdn.example/live/stream",
+     true,
+     {"add"}},
+    {"RelayStop",
+     startRelay,
+     [](LiveTranscodingAdapter& adapter) { adapter.stopPublishStreamUrl(); },
+     "stopRelay",
+     -3321,
+     -200000,
+     30,
+     "\"interface\":\"remove_relay_stream_url\"",
+     false,
+     {"add", "remove"}},
+    {"MixStart",
+     nullptr,
+     startMix,
+     "setMix",
+     -3322,
+     -300000,
+     31,
+     "appId:1234, bizId:8888, width:720, height:1280",
+     true,
+     {"start"}},
+    {"MixUpdate",
+     startMix,
+     [](LiveTranscodingAdapter& adapter) { adapter.setLiveMixTranscoding(mixConfig(3)); },
+     "setMix",
+     -3322,
+     -300000,
+     31,
+     " mixUser3:[userId:guest3",
+     true,
+     {"start", "update"}},
+    {"MixCancel",
+     startMix,
+     [](LiveTranscodingAdapter& adapter) { adapter.stopLiveMixTranscoding(); },
+     "stopMix",
+     -3322,
+     -300000,
+     31,
+     "\"layout_params\":{\"image_layer\":1}",
+     true,
+     {"start", "cancel"}},
+};
+
+// What never reaches the service: told by a task, on the worker.
+struct RefusedCall {
+    const char* name;
+    Operation ask;
+    Call told;
+    size_t reports;
+};
+
+void PrintTo(const RefusedCall& refused, std::ostream* out) {
+    *out << refused.name;
+}
+
+const std::vector<RefusedCall> kRefusedCalls = {
+    {"RelayWithoutParameter",
+     [](LiveTranscodingAdapter& adapter) { adapter.startPublishStreamUrl({}); },
+     {"startRelay", -3323, "startPublishStreamUrl failure, param is invalid"},
+     1},
+    {"RelayStopOfNothing",
+     [](LiveTranscodingAdapter& adapter) { adapter.stopPublishStreamUrl(); },
+     {"stopMix", -3323, "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"},
+     0},
+    {"MixWithoutFields",
+     [](LiveTranscodingAdapter& adapter) { adapter.setLiveMixTranscoding({}); },
+     {"startRelay", -3324, "setLiveMixTranscoding failure, param is invalid"},
+     1},
+    {"MixOfNobody",
+     [](LiveTranscodingAdapter& adapter) { adapter.setLiveMixTranscoding(mixConfig(0)); },
+     {"startRelay", -3324, "mixUsersArray is invalid"},
+     1},
+    {"MixCancelOfNothing",
+     [](LiveTranscodingAdapter& adapter) { adapter.stopLiveMixTranscoding(); },
+     {"stopMix", -3324, "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before"},
+     0},
+};
+
+// Every test listens to the reports and sees what comes of log lines, and leaves the service well behaved.
+class AdapterOverHttps : public testing::Test {
+protected:
     AdapterOverHttps() {
         vexalive::setEventSink([reports = mReports](const vexalive::EventReport& report) { reports->add(report); });
         vexalive::setLogSink([lines = mLines](int, const char*, int, const char* function, const std::string& message) {
             lines->add(function + (": " + message));
         });
-        vexalive::setHttpObserver([exchanges = mExchanges](const HttpExchange& exchange) {
-            exchanges->add({exchange.phase, exchange.retCode, std::chrono::steady_clock::now()});
-        });
+        vexalive::setHttpObserver([exchanges = mExchanges](const HttpExchange& exchange) { exchanges->add(exchange); });
     }
 
     ~AdapterOverHttps() override {
@@ -101,19 +317,77 @@ protected:
         service->clearMisbehaviours();
     }
 
-    std::vector<Exchange> sends() const {
-        std::vector<Exchange> all = mExchanges->all();
-        all.erase(std::remove_if(all.begin(), all.end(),
-                                 [](const Exchange& each) { return each.phase != HttpExchange::kStarted; }),
-                  all.end());
+    // A member who can ask for this. Nothing is in flight, and nothing told, reported or exchanged until now counts.
+    std::unique_ptr<Member> ready(const Request& request, const std::string& userId,
+                                  const std::string& userSig = "signature", const std::string& mapKey = "key") {
+        auto member = std::make_unique<Member>(userId, userSig, mapKey);
+        if (request.before) {
+            request.before(*member->adapter);
+            EXPECT_EQ(0, member->listener->calls.waitFor(1).at(0).code);
+            mExchanges->waitFor(3, userId);
+            waitForReport(userId);
+            member->listener = std::make_shared<Listener>();
+            member->adapter->setLiveTranscodingDelegate(member->listener);
+        }
+        mExchanges->forget();
+        mReports->forget();
+        return member;
+    }
+
+    // One of them for each request.
+    std::vector<std::unique_ptr<Member>> readyForEach(const std::string& prefix) {
+        std::vector<std::unique_ptr<Member>> members;
+        for (const Request& request : kRequests) {
+            members.push_back(ready(request, prefix + request.name));
+        }
+        return members;
+    }
+
+    vexalive::EventReport waitForReport(const std::string& userId) const {
+        return mReports->waitFor(1, [&](const auto& report) { return report.roomUser == "r1_" + userId; }).at(0);
+    }
+
+    // All that was logged, reported, told, and seen of exchanges and of the service.
+    std::string textsThatLeave(const Listener& listener) const {
+        std::string all = service->stateJson();
+        for (const std::string& line : mLines->all()) {
+            all += line + "\n";
+        }
+        for (const vexalive::EventReport& report : mReports->all()) {
+            all += report.roomUser + report.information + report.detail + "\n";
+        }
+        for (const ExchangeLog::Exchange& exchange : mExchanges->all()) {
+            all += exchange.text + "\n";
+        }
+        for (const Call& call : listener.calls.all()) {
+            all += call.message + "\n";
+        }
         return all;
     }
 
     // Shared with the hooks, of which a last call may outlive the test.
     std::shared_ptr<Journal<vexalive::EventReport>> mReports = std::make_shared<Journal<vexalive::EventReport>>();
     std::shared_ptr<Journal<std::string>> mLines = std::make_shared<Journal<std::string>>();
-    std::shared_ptr<Journal<Exchange>> mExchanges = std::make_shared<Journal<Exchange>>();
+    std::shared_ptr<ExchangeLog> mExchanges = std::make_shared<ExchangeLog>();
 };
+
+class EachRequest : public AdapterOverHttps, public testing::WithParamInterface<Request> {
+protected:
+    // The listener call for a request that failed before it was answered.
+    static Call transportFailure(int retCode) {
+        return {GetParam().call, GetParam().transportError,
+                "http post return error， retcode:" + std::to_string(retCode)};
+    }
+    static Call success() { return {GetParam().call, 0, "sucess"}; }
+};
+
+class EachRefusedCall : public AdapterOverHttps, public testing::WithParamInterface<RefusedCall> {};
+
+constexpr auto kByName = [](const auto& test) { return test.param.name; };
+INSTANTIATE_TEST_SUITE_P(, EachRequest, testing::ValuesIn(kRequests), kByName);
+INSTANTIATE_TEST_SUITE_P(, EachRefusedCall, testing::ValuesIn(kRefusedCalls), kByName);
+
+// ---- Requests -------------------------------------------------------------------------------------------------------
 
 TEST_F(AdapterOverHttps, AnAdapterThatHasSentNothingOwnsNoThread) {
     const int threads = countThreads();
@@ -121,112 +395,155 @@ TEST_F(AdapterOverHttps, AnAdapterThatHasSentNothingOwnsNoThread) {
     EXPECT_EQ(threads, countThreads());
 }
 
-TEST_F(AdapterOverHttps, ARelayStartsOnTheThirdAttemptAndStops) {
-    Member member("u-third");
+TEST_P(EachRequest, SucceedsOnTheThirdAttempt) {
+    const std::string userId = std::string("u-third-") + GetParam().name;
+    const auto member = ready(GetParam(), userId);
     service->misbehave(failing(2));
+    GetParam().ask(*member->adapter);
+    EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(success()));
 
-    member.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(Call{"startRelay", 0, "sucess"}));
-    const auto reports = mReports->waitFor(1);
-    ASSERT_EQ(1u, reports.size());
-    EXPECT_EQ(1400, reports[0].sdkAppId);
-    EXPECT_EQ("r1_u-third", reports[0].roomUser);
-    EXPECT_EQ(10004, reports[0].eventType);
-    EXPECT_EQ(30, reports[0].event);
-    EXPECT_THAT(reports[0].information, HasSubstr("appId:1234, bizId:8888, url:rtmp://cdn.example/live/stream"));
-    const std::string& trace = reports[0].detail;
-    const size_t first = trace.find(" [tryHttp:cnt-10]retCode:1, respData:");
-    const size_t second = trace.find(" [tryHttp:cnt-9]retCode:1, respData:");
-    const size_t third = trace.find(" [tryHttp:cnt-8]retCode:0, respData:{");
-    EXPECT_TRUE(first < second && second < third && third != std::string::npos) << trace;
-    EXPECT_EQ(1u, countRelays());
-
-    member.adapter->stopPublishStreamUrl();
-    EXPECT_EQ((Call{"stopRelay", 0, "sucess"}), member.listener->calls.waitFor(2).back());
-    EXPECT_EQ(0u, countRelays());
+    const vexalive::EventReport report = waitForReport(userId);
+    EXPECT_EQ(1400, report.sdkAppId);
+    EXPECT_EQ(10004, report.eventType);
+    EXPECT_EQ(GetParam().event, report.event);
+    EXPECT_THAT(report.information, HasSubstr(GetParam().information));
+    const std::string& trace = report.detail;
+    size_t at = 0;
+    const std::pair<int, const char*> segments[] = {
+        {10, "retCode:1, respData:"}, {9, "retCode:1, respData:"}, {8, "retCode:0, respData:{"}};
+    for (const auto& [counter, answer] : segments) {
+        const int shown = GetParam().tracesItsCounter ? counter : 0;
+        at = trace.find(" [tryHttp:cnt-" + std::to_string(shown) + "]" + answer, at);
+        ASSERT_NE(std::string::npos, at) << trace;
+        ++at;
+    }
+    EXPECT_EQ(3u, mExchanges->sends(userId).size());
+    EXPECT_EQ(GetParam().operations, operationsFor(userId));
 }
 
-TEST_F(AdapterOverHttps, AMixStartsIsUpdatedAndIsCancelled) {
-    Member member("u-mix");
-    member.adapter->setLiveMixTranscoding(mixConfig(2));
+TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
+    Member member("u-both");
+    const auto state = [] { return nlohmann::json::parse(service->stateJson()); };
+    const auto isRelayed = [&] { return state().at("relays").dump().find(streamOf("u-both")) != std::string::npos; };
+    startMix(*member.adapter);
     EXPECT_EQ((Call{"setMix", 0, "sucess"}), member.listener->calls.waitFor(1).back());
+    startRelay(*member.adapter);
+    EXPECT_EQ((Call{"startRelay", 0, "sucess"}), member.listener->calls.waitFor(2).back());
+    EXPECT_TRUE(isRelayed());
     member.adapter->setLiveMixTranscoding(mixConfig(3));
-    EXPECT_EQ((Call{"setMix", 0, "sucess"}), member.listener->calls.waitFor(2).back());
+    EXPECT_EQ((Call{"setMix", 0, "sucess"}), member.listener->calls.waitFor(3).back());
+    member.adapter->stopPublishStreamUrl();
+    EXPECT_EQ((Call{"stopRelay", 0, "sucess"}), member.listener->calls.waitFor(4).back());
+    EXPECT_FALSE(isRelayed());
     member.adapter->stopLiveMixTranscoding();
-    EXPECT_EQ((Call{"stopMix", 0, "sucess"}), member.listener->calls.waitFor(3).back());
-    EXPECT_EQ(31, mReports->waitFor(3).back().event);
+    EXPECT_EQ((Call{"stopMix", 0, "sucess"}), member.listener->calls.waitFor(5).back());
+
+    const auto mixes = state().at("mixes");
+    const auto mix = std::find_if(mixes.begin(), mixes.end(),
+                                  [](const auto& each) { return each.at("output_stream_id") == streamOf("u-both"); });
+    ASSERT_NE(mixes.end(), mix);
+    EXPECT_EQ(false, mix->at("running"));
+    EXPECT_EQ(3u, mix->at("inputs").size());
+    EXPECT_EQ(1280, mix->at("canvas").at("height"));
+    std::vector<std::pair<std::string, int>> history;
+    for (const auto& update : mix->at("history")) {
+        history.emplace_back(update.at("operation"), update.at("inputs"));
+    }
+    EXPECT_THAT(history, ElementsAre(Pair("start", 2), Pair("update", 3), Pair("cancel", testing::_)));
 }
 
-TEST_F(AdapterOverHttps, ARefusalOfTheServiceIsToldWithItsCode) {
-    Member member("u-refused");
+TEST_P(EachRequest, RefusedByTheServiceIsToldWithItsCode) {
+    const auto member = ready(GetParam(), "u-refused");
     Misbehaviour refusal = of(Misbehaviour::Kind::kServerCode);
     refusal.code = -77;
     refusal.message = "no such app";
     service->misbehave(refusal);
-    member.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(Call{"startRelay", -200077, "no such app"}));
-    EXPECT_EQ(1u, sends().size());
+    GetParam().ask(*member->adapter);
+    EXPECT_THAT(member->listener->calls.waitFor(1),
+                ElementsAre(Call{GetParam().call, GetParam().serverErrorBase - 77, "no such app"}));
+    EXPECT_EQ(1u, mExchanges->sends("u-refused").size());
 }
 
-TEST_F(AdapterOverHttps, TheWholeScheduleOnTheRealClock) {
-    Member member("u-schedule");
-    service->misbehave(failing(kRetryBudget + 1));
-    member.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_THAT(member.listener->calls.waitFor(1),
-                ElementsAre(Call{"startRelay", -3321, "http post return error， retcode:1"}));
-    const auto all = sends();
-    ASSERT_EQ(11u, all.size());
-    const int pauses[] = {1, 1, 2, 2, 2, 5, 5, 5, 5, 5};
-    for (size_t i = 0; i < 10; ++i) {
-        const std::chrono::duration<double> pause = all[i + 1].when - all[i].when;
-        EXPECT_GE(pause.count(), pauses[i]);
-        RecordProperty("pause" + std::to_string(i + 1), std::to_string(pause.count()));
-        std::printf("pause before retry %zu: %.3f s\n", i + 1, pause.count());
+TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
+    const auto members = readyForEach("u-schedule-");
+    service->misbehave(failing(kUntilCleared));
+    for (size_t i = 0; i < members.size(); ++i) {
+        kRequests[i].ask(*members[i]->adapter);
     }
-    const auto reports = mReports->waitFor(1);
-    for (int count = 10; count >= 0; --count) {
-        EXPECT_THAT(reports[0].detail, HasSubstr(" [tryHttp:cnt-" + std::to_string(count) + "]retCode:1, respData:"));
+    for (size_t i = 0; i < members.size(); ++i) {
+        const Request& request = kRequests[i];
+        const std::string userId = std::string("u-schedule-") + request.name;
+        EXPECT_THAT(members[i]->listener->calls.waitFor(1),
+                    ElementsAre(Call{request.call, request.transportError, "http post return error， retcode:1"}));
+        const auto sends = mExchanges->sends(userId);
+        ASSERT_EQ(11u, sends.size()) << request.name;
+        const int pauses[] = {1, 1, 2, 2, 2, 5, 5, 5, 5, 5};
+        std::printf("%s, seconds before each retry:", request.name);
+        for (size_t n = 0; n < 10; ++n) {
+            const std::chrono::duration<double> pause = sends[n + 1].when - sends[n].when;
+            EXPECT_GE(pause.count(), pauses[n]) << request.name << ", retry " << n + 1;
+            RecordProperty(request.name + std::to_string(n + 1), std::to_string(pause.count()));
+            std::printf(" %.3f", pause.count());
+        }
+        std::printf("\n");
+        const std::string trace = waitForReport(userId).detail;
+        size_t at = 0;
+        for (int counter = kRetryBudget; counter >= 0; --counter) {
+            const int shown = request.tracesItsCounter ? counter : 0;
+            at = trace.find(" [tryHttp:cnt-" + std::to_string(shown) + "]retCode:1, respData:", at);
+            ASSERT_NE(std::string::npos, at) << request.name << ": " << trace;
+            ++at;
+        }
     }
 }
 
-TEST_F(AdapterOverHttps, AnAddressThatNoUrlMayHoldIsToldAndNotRetried) {
-    Member member("u-blank", "a signature with blanks");
-    member.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_THAT(member.listener->calls.waitFor(1),
-                ElementsAre(Call{"startRelay", -3321, "http post return error， retcode:1003"}));
-    EXPECT_EQ(1u, sends().size());
+TEST_P(EachRequest, ToAnAddressThatNoUrlMayHoldIsToldAndNotRetried) {
+    const auto member = ready(GetParam(), "u-blank");
+    member->adapter->updateUserInfo(1400, "a signature with blanks", "u-blank");
+    GetParam().ask(*member->adapter);
+    EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(transportFailure(1003)));
+    EXPECT_EQ(1u, mExchanges->sends("u-blank").size());
 }
 
-TEST_F(AdapterOverHttps, AnAnswerOverTheLimitIsToldAndNotRetried) {
-    Member member("u-huge");
+TEST_P(EachRequest, WithAnAnswerOverTheLimitIsToldAndNotRetried) {
+    const auto member = ready(GetParam(), "u-huge");
     service->misbehave(of(Misbehaviour::Kind::kHuge));
-    member.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_THAT(member.listener->calls.waitFor(1),
-                ElementsAre(Call{"startRelay", -3321, "http post return error， retcode:1063"}));
-    EXPECT_EQ(1u, sends().size());
+    GetParam().ask(*member->adapter);
+    EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(transportFailure(1063)));
+    EXPECT_EQ(1u, mExchanges->sends("u-huge").size());
 }
 
-TEST_F(AdapterOverHttps, EmptyGarbledAndCutAnswersAreRetried) {
-    Member member("u-hostile");
-    service->misbehave(of(Misbehaviour::Kind::kEmpty));
-    service->misbehave(of(Misbehaviour::Kind::kGarbage));
-    service->misbehave(of(Misbehaviour::Kind::kCut));
-    member.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(Call{"startRelay", 0, "sucess"}));
-    EXPECT_EQ(4u, sends().size());
-    member.adapter->stopPublishStreamUrl();
-    member.listener->calls.waitFor(2);
+TEST_P(EachRequest, WithAnEmptyGarbledOrCutAnswerIsRetried) {
+    const auto userId = [](int i) { return "u-hostile" + std::to_string(i) + GetParam().name; };
+    const Misbehaviour::Kind kinds[] = {Misbehaviour::Kind::kEmpty, Misbehaviour::Kind::kGarbage,
+                                        Misbehaviour::Kind::kCut};
+    std::vector<std::unique_ptr<Member>> members;
+    for (int i = 0; i < 3; ++i) {
+        members.push_back(ready(GetParam(), userId(i)));
+    }
+    for (size_t i = 0; i < 3; ++i) {
+        service->misbehave(of(kinds[i]));
+        GetParam().ask(*members[i]->adapter);
+        mExchanges->waitFor(2, userId(static_cast<int>(i)));  // its answer
+    }
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(members[static_cast<size_t>(i)]->listener->calls.waitFor(1), ElementsAre(success()));
+        EXPECT_EQ(2u, mExchanges->sends(userId(i)).size());
+        EXPECT_EQ(GetParam().operations, operationsFor(userId(i)));
+    }
 }
 
-TEST_F(AdapterOverHttps, AListenerThatBlocksDelaysNoOtherAdapter) {
-    Member blocked("u-blocked");
+// ---- Listeners that take their time ---------------------------------------------------------------------------------
+
+TEST_P(EachRequest, WhoseListenerBlocksDelaysNoOtherAdapter) {
+    const auto blocked = ready(GetParam(), "u-blocked");
     Gate entered;
     Gate leave;
-    blocked.listener->during = [&](const Call&) {
+    blocked->listener->during = [&](const Call&) {
         entered.open();
         EXPECT_TRUE(leave.pass());
     };
-    blocked.adapter->startPublishStreamUrl(relayParam());
+    GetParam().ask(*blocked->adapter);
     ASSERT_TRUE(entered.pass());
 
     // The others' answers, retries and refusals all come while the first still blocks.
@@ -234,132 +551,216 @@ TEST_F(AdapterOverHttps, AListenerThatBlocksDelaysNoOtherAdapter) {
     std::vector<std::unique_ptr<Member>> others;
     for (int i = 0; i < 10; ++i) {
         others.push_back(std::make_unique<Member>("u-other" + std::to_string(i)));
-        others.back()->adapter->startPublishStreamUrl(relayParam());
-        others.back()->adapter->setLiveMixTranscoding({});
+        startRelay(*others.back()->adapter);
+        startMix(*others.back()->adapter);
     }
+    Member refused("u-refused");
+    refused.adapter->setLiveMixTranscoding({});
     for (const auto& other : others) {
-        EXPECT_EQ(2u, other->listener->calls.waitFor(2).size());
+        EXPECT_THAT(other->listener->calls.waitFor(2),
+                    UnorderedElementsAre(Call{"startRelay", 0, "sucess"}, Call{"setMix", 0, "sucess"}));
     }
-    EXPECT_TRUE(blocked.listener->calls.all().empty());
+    EXPECT_EQ(1u, refused.listener->calls.waitFor(1).size());
+    EXPECT_TRUE(blocked->listener->calls.all().empty());
     leave.open();
-    EXPECT_THAT(blocked.listener->calls.waitFor(1), ElementsAre(Call{"startRelay", 0, "sucess"}));
+    EXPECT_THAT(blocked->listener->calls.waitFor(1), ElementsAre(success()));
 }
 
-TEST_F(AdapterOverHttps, AListenerThatSleepsThreeSecondsDelaysNoOtherAdapter) {
-    Member sleeper("u-sleeper");
-    Gate entered;
-    sleeper.listener->during = [&](const Call&) {
-        entered.open();
-        std::this_thread::sleep_for(3s);
-    };
-    sleeper.adapter->startPublishStreamUrl(relayParam());
-    ASSERT_TRUE(entered.pass());
-    Member other("u-awake");
-    other.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_THAT(other.listener->calls.waitFor(1), ElementsAre(Call{"startRelay", 0, "sucess"}));
-    EXPECT_TRUE(sleeper.listener->calls.all().empty());  // asleep all the while
-    sleeper.listener->calls.waitFor(1);
+TEST_F(AdapterOverHttps, ListenersThatSleepThreeSecondsDelayNoOtherAdapter) {
+    const auto sleepers = readyForEach("u-sleeper-");
+    Journal<bool> asleep;
+    for (size_t i = 0; i < sleepers.size(); ++i) {
+        sleepers[i]->listener->during = [&](const Call&) {
+            asleep.add(true);
+            std::this_thread::sleep_for(3s);
+        };
+        kRequests[i].ask(*sleepers[i]->adapter);
+    }
+    ASSERT_EQ(sleepers.size(), asleep.waitFor(sleepers.size()).size());
+    Member awake("u-awake");
+    startRelay(*awake.adapter);
+    startMix(*awake.adapter);
+    EXPECT_THAT(awake.listener->calls.waitFor(2),
+                UnorderedElementsAre(Call{"startRelay", 0, "sucess"}, Call{"setMix", 0, "sucess"}));
+    for (const auto& sleeper : sleepers) {
+        EXPECT_TRUE(sleeper->listener->calls.all().empty());  // asleep all the while
+    }
+    for (const auto& sleeper : sleepers) {
+        EXPECT_EQ(1u, sleeper->listener->calls.waitFor(1).size());
+    }
 }
 
 // ---- The adapter's end ----------------------------------------------------------------------------------------------
 
-TEST_F(AdapterOverHttps, MayBeDroppedInItsOwnListenerCallOnTheDeliveryThread) {
+TEST_P(EachRequest, ItsListenerCallMayDropTheAdapter) {
     for (int i = 0; i < 20; ++i) {
-        auto member = std::make_unique<Member>("u-dropped");
-        const auto listener = member->listener;
-        Gate dropped;
-        listener->during = [&](const Call&) {
+        const auto member = ready(GetParam(), "u-dropped");
+        const std::weak_ptr<LiveTranscodingAdapter> adapter = member->adapter;
+        Gate asked;
+        member->listener->during = [&](const Call&) {
+            EXPECT_TRUE(asked.pass());
             member->adapter.reset();
-            dropped.open();
         };
-        member->adapter->startPublishStreamUrl(relayParam());
-        ASSERT_TRUE(dropped.pass());
-        EXPECT_EQ(1u, listener->calls.waitFor(1).size());
+        GetParam().ask(*member->adapter);
+        asked.open();
+        EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(success()));
+        EXPECT_TRUE(waitUntilGone(adapter));
     }
 }
 
-TEST_F(AdapterOverHttps, MayBeDroppedInItsOwnListenerCallOnTheWorker) {
+TEST_P(EachRequest, ItsListenerCallMayDropTheAdapterWithAnotherSuchRequestInFlight) {
     for (int i = 0; i < 20; ++i) {
-        auto member = std::make_unique<Member>("u-dropped");
-        const auto listener = member->listener;
-        listener->during = [&](const Call&) { member->adapter.reset(); };
-        member->adapter->startPublishStreamUrl({});  // refused by a task
-        EXPECT_THAT(listener->calls.waitFor(1),
-                    ElementsAre(Call{"startRelay", -3323, "startPublishStreamUrl failure, param is invalid"}));
+        const std::string userId = "u-twice" + std::to_string(i) + GetParam().name;
+        const auto member = ready(GetParam(), userId);
+        const std::weak_ptr<LiveTranscodingAdapter> adapter = member->adapter;
+        std::optional<HeldAnswers> held;
+        Gate asked;
+        member->listener->during = [&](const Call&) {
+            EXPECT_TRUE(asked.pass());
+            held.emplace();
+            GetParam().ask(*member->adapter);
+            EXPECT_EQ(2u, mExchanges->waitForSends(2, userId).size());
+            member->adapter.reset();
+        };
+        GetParam().ask(*member->adapter);
+        asked.open();
+        EXPECT_EQ(1u, member->listener->calls.waitFor(1).size());
+        ASSERT_TRUE(waitUntilGone(adapter));
+        held.reset();
+        mExchanges->waitForSilence(userId);
+        EXPECT_THAT(member->listener->calls.all(), ElementsAre(success()));
     }
 }
 
-TEST_F(AdapterOverHttps, NoListenerCallBeginsOnceItIsDroppedWithRequestsInFlight) {
-    std::vector<std::pair<std::shared_ptr<Listener>, size_t>> gone;  // with the calls made until then
-    for (size_t i = 0; i < 40; ++i) {
-        Member member("u-inflight");
-        member.adapter->startPublishStreamUrl(relayParam());
-        member.adapter->setLiveMixTranscoding(mixConfig());
-        mExchanges->waitFor(i % 4 * 2);  // dropped at several points
+TEST_P(EachRefusedCall, ItsListenerCallMayDropTheAdapter) {
+    for (int i = 0; i < 20; ++i) {
+        Member member("u-dropped");
         const std::weak_ptr<LiveTranscodingAdapter> adapter = member.adapter;
-        member.adapter.reset();
+        Gate asked;
+        member.listener->during = [&](const Call&) {
+            EXPECT_TRUE(asked.pass());
+            member.adapter.reset();
+        };
+        GetParam().ask(*member.adapter);
+        asked.open();
+        EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().told));
+        EXPECT_TRUE(waitUntilGone(adapter));
+    }
+}
+
+TEST_F(AdapterOverHttps, ARefusalsListenerCallMayDropTheAdapterWithARelayAndAMixInFlight) {
+    for (int i = 0; i < 20; ++i) {
+        const std::string userId = "u-worker" + std::to_string(i);
+        Member member(userId);
+        const std::weak_ptr<LiveTranscodingAdapter> adapter = member.adapter;
+        Gate asked;
+        member.listener->during = [&](const Call&) {
+            EXPECT_TRUE(asked.pass());
+            member.adapter.reset();
+        };
+        std::optional<HeldAnswers> held(std::in_place);
+        startRelay(*member.adapter);
+        startMix(*member.adapter);
+        EXPECT_EQ(2u, mExchanges->waitForSends(2, userId).size());
+        member.adapter->startPublishStreamUrl({});  // refused by a task, on the worker
+        asked.open();
+        EXPECT_EQ(1u, member.listener->calls.waitFor(1).size());
+        ASSERT_TRUE(waitUntilGone(adapter));
+        held.reset();
+        mExchanges->waitForSilence(userId);
+        EXPECT_THAT(member.listener->calls.all(), ElementsAre(kRefusedCalls[0].told));
+        EXPECT_THAT(operationsFor(userId), UnorderedElementsAre("add", "start"));  // both did arrive
+    }
+}
+
+TEST_P(EachRequest, NoListenerCallBeginsOnceTheAdapterIsDroppedWithItInFlight) {
+    struct Gone {
+        std::string userId;
+        std::shared_ptr<Listener> listener;
+        size_t calls;  // made until then
+    };
+    std::vector<Gone> gone;
+    for (size_t i = 0; i < 40; ++i) {
+        const std::string userId = "u-inflight" + std::to_string(i) + GetParam().name;
+        const auto member = ready(GetParam(), userId);
+        GetParam().ask(*member->adapter);
+        mExchanges->waitFor(i % 4, userId);  // dropped when posted, sent, answered or told
+        const std::weak_ptr<LiveTranscodingAdapter> adapter = member->adapter;
+        member->adapter.reset();
         if (adapter.expired()) {  // else a call of the listener keeps it just now
-            gone.emplace_back(member.listener, member.listener->calls.all().size());
+            gone.push_back({userId, member->listener, member->listener->calls.all().size()});
         }
     }
     EXPECT_FALSE(gone.empty());
-    Member last("u-last");
-    last.adapter->startPublishStreamUrl(relayParam());
-    EXPECT_EQ(1u, last.listener->calls.waitFor(1).size());
-    for (const auto& [listener, calls] : gone) {
-        EXPECT_EQ(calls, listener->calls.all().size());
+    for (const Gone& each : gone) {
+        mExchanges->waitForSilence(each.userId);
+        EXPECT_EQ(each.calls, each.listener->calls.all().size());
     }
 }
 
 TEST_F(AdapterOverHttps, MayBeDroppedWhileARetryWaits) {
-    service->misbehave(failing(1));
-    Member member("u-waiting");
-    member.adapter->startPublishStreamUrl(relayParam());
-    mExchanges->waitFor(3);  // started, answered, delivered: the retry is posted
-    member.adapter.reset();
-    EXPECT_TRUE(member.listener->calls.all().empty());
+    const auto members = readyForEach("u-waiting-");
+    service->misbehave(failing(kUntilCleared));
+    for (size_t i = 0; i < members.size(); ++i) {
+        kRequests[i].ask(*members[i]->adapter);
+    }
+    for (size_t i = 0; i < members.size(); ++i) {
+        // Started, answered, delivered: the retry is posted.
+        EXPECT_EQ(3u, mExchanges->waitFor(3, std::string("u-waiting-") + kRequests[i].name).size());
+        members[i]->adapter.reset();
+    }
+    // When a retry that was posted later has been answered, theirs would have been sent.
+    Member later("u-later");
+    startRelay(*later.adapter);
+    mExchanges->waitFor(3, "u-later");
+    service->clearMisbehaviours();
+    EXPECT_THAT(later.listener->calls.waitFor(1), ElementsAre(Call{"startRelay", 0, "sucess"}));
+    for (size_t i = 0; i < members.size(); ++i) {
+        EXPECT_EQ(1u, mExchanges->sends(std::string("u-waiting-") + kRequests[i].name).size());
+        EXPECT_TRUE(members[i]->listener->calls.all().empty());
+    }
 }
 
 // ---- Secrets --------------------------------------------------------------------------------------------------------
 
-TEST_F(AdapterOverHttps, TheSignatureAndTheMapKeyAreFoundInNoTextThatLeavesTheAdapter) {
-    const std::string signature = "S1gn4tur3";
-    const std::string mapKey = "M4pK3y";
-    Member member("u-secret", signature, mapKey);
-    auto step = [&member, count = size_t{0}]() mutable { member.listener->calls.waitFor(++count); };
-    service->misbehave(failing(1));
-    member.adapter->startPublishStreamUrl(relayParam());
-    step();
-    member.adapter->setLiveMixTranscoding(mixConfig());
-    step();
-    service->misbehave(of(Misbehaviour::Kind::kGarbage));
-    member.adapter->stopLiveMixTranscoding();
-    step();
-    service->misbehave(of(Misbehaviour::Kind::kHuge));
-    member.adapter->setLiveMixTranscoding(mixConfig());
-    step();
-    member.adapter->setLiveMixTranscoding({});
-    step();
-    member.adapter->stopPublishStreamUrl();
-    step();
-    member.adapter->updateUserInfo(1400, signature + " with a blank", "u-secret");
-    member.adapter->startPublishStreamUrl(relayParam());
-    step();
+constexpr const char* kSignature = "S1gn4tur3";
+constexpr const char* kMapKey = "M4pK3y";
 
-    std::string all = service->stateJson();
-    for (const std::string& line : mLines->all()) {
-        all += line + "\n";
-    }
-    for (const vexalive::EventReport& report : mReports->waitFor(7)) {
-        all += report.roomUser + report.information + report.detail + "\n";
-    }
-    for (const Call& call : member.listener->calls.all()) {
-        all += call.message + "\n";
-    }
-    EXPECT_THAT(all, HasSubstr("u-secret"));  // this is where they would be
-    EXPECT_THAT(all, HasSubstr("dest_stream_url"));
-    EXPECT_THAT(all, Not(HasSubstr(signature)));
-    EXPECT_THAT(all, Not(HasSubstr(mapKey)));
+// Success after a retry, refusal by the service, and two failures of the transport.
+TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
+    const auto member = ready(GetParam(), "u-secret", kSignature, kMapKey);
+    auto ask = [&member, count = size_t{0}]() mutable {
+        GetParam().ask(*member->adapter);
+        return member->listener->calls.waitFor(++count).back();
+    };
+    service->misbehave(of(Misbehaviour::Kind::kGarbage));
+    EXPECT_EQ(success(), ask());
+    Misbehaviour refusal = of(Misbehaviour::Kind::kServerCode);
+    refusal.code = 77;
+    service->misbehave(refusal);
+    EXPECT_EQ(GetParam().serverErrorBase - 77, ask().code);
+    service->misbehave(of(Misbehaviour::Kind::kHuge));
+    EXPECT_EQ(transportFailure(1063), ask());
+    member->adapter->updateUserInfo(1400, std::string(kSignature) + " with a blank", "u-secret");
+    EXPECT_EQ(transportFailure(1003), ask());
+    EXPECT_EQ(4u, mReports->waitFor(4).size());
+
+    const std::string all = textsThatLeave(*member->listener);
+    EXPECT_THAT(all, HasSubstr("r1_u-secret"));  // this is where they would be
+    EXPECT_THAT(all, HasSubstr(streamOf("u-secret")));
+    EXPECT_THAT(all, Not(HasSubstr(kSignature)));
+    EXPECT_THAT(all, Not(HasSubstr(kMapKey)));
+}
+
+TEST_P(EachRefusedCall, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
+    Member member("u-secret", kSignature, kMapKey);
+    GetParam().ask(*member.adapter);
+    EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().told));
+    EXPECT_EQ(GetParam().reports, mReports->waitFor(GetParam().reports).size());
+    EXPECT_FALSE(mLines->all().empty());
+    const std::string all = textsThatLeave(*member.listener);
+    EXPECT_THAT(all, Not(HasSubstr(kSignature)));
+    EXPECT_THAT(all, Not(HasSubstr(kMapKey)));
 }
 
 }  // namespace
@@ -371,6 +772,10 @@ int main(int argc, char** argv) {
     vexalive::LiveServiceOptions serviceOptions;
     serviceOptions.port = static_cast<uint16_t>(std::stoi(host.substr(host.find(':') + 1)));
     serviceOptions.stateFolder = folder;
+    serviceOptions.observer = [](const vexalive::LiveServiceEvent& event) {
+        served.add(event);
+        HeldAnswers::wait();
+    };
     int result = 1;
     {
         LiveService running(serviceOptions);

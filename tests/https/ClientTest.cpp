@@ -641,6 +641,7 @@ TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
         uint64_t id;
         std::string interfaceName;
         size_t bytesSent;
+        std::string body;
         int retCode;
         std::string answer;
     };
@@ -653,7 +654,7 @@ TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
         }
         std::lock_guard<std::mutex> lock(mutex);
         seen.push_back({exchange.phase, exchange.id, std::string(exchange.interfaceName), exchange.bytesSent,
-                        exchange.retCode, std::string(exchange.answer)});
+                        std::string(exchange.body), exchange.retCode, std::string(exchange.answer)});
         if (exchange.phase == vexalive::HttpExchange::kDelivered) {
             delivered.open();
         }
@@ -672,10 +673,13 @@ TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
         EXPECT_EQ(7u, each.bytesSent);
     }
     EXPECT_EQ(vexalive::HttpExchange::kStarted, seen[0].phase);
+    EXPECT_EQ("{\"a\":1}", seen[0].body);
     EXPECT_EQ(vexalive::HttpExchange::kAnswered, seen[1].phase);
+    EXPECT_EQ("", seen[1].body);
     EXPECT_EQ(404, seen[1].retCode);
     EXPECT_EQ("nothing here", seen[1].answer);
     EXPECT_EQ(vexalive::HttpExchange::kDelivered, seen[2].phase);
+    EXPECT_EQ("", seen[2].body);
     EXPECT_EQ(404, seen[2].retCode);
 }
 

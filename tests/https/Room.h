@@ -4,9 +4,11 @@
 #ifndef VEXALIVE_TESTS_HTTPS_ROOM_H
 #define VEXALIVE_TESTS_HTTPS_ROOM_H
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -33,11 +35,27 @@ public:
         return mEntries;
     }
 
+    void forget() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mEntries.clear();
+    }
+
     // Waits for that many entries; returns what is there, fewer if patience runs out.
     std::vector<T> waitFor(size_t count) const {
+        return waitFor(count, [](const T&) { return true; });
+    }
+
+    // The same of those that `concerns` is true for.
+    template <class Predicate>
+    std::vector<T> waitFor(size_t count, Predicate concerns) const {
         std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait_for(lock, kPatience, [&] { return mEntries.size() >= count; });
-        return mEntries;
+        std::vector<T> found;
+        mChanged.wait_for(lock, kPatience, [&] {
+            found.clear();
+            std::copy_if(mEntries.begin(), mEntries.end(), std::back_inserter(found), concerns);
+            return found.size() >= count;
+        });
+        return found;
     }
 
 private:

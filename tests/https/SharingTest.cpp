@@ -126,21 +126,51 @@ bool waitForServer(const std::string& host) {
     return false;
 }
 
-TEST(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
-    const auto folder = std::filesystem::temp_directory_path() / ("vexalive-sharing-test-" + std::to_string(getpid()));
-    std::filesystem::create_directories(folder);
-    std::ofstream(folder / "ca.pem") << testAuthority().pem();
-    vexalive::HttpOptions http;
-    http.caFile = folder / "ca.pem";
-    ASSERT_TRUE(vexalive::setHttpOptions(http));
-    vexalive::setLogSink([](auto&&...) {});
-    vexalive::setEventSink([](auto&&...) {});
+// What all adapters ask for at once.
+struct Start {
+    const char* name;
+    void (*ask)(LiveTranscodingAdapter& adapter);
+    Call told;
+};
 
+class ConnectionSharing : public testing::TestWithParam<Start> {
+protected:
+    static void SetUpTestSuite() {
+        folder() = std::filesystem::temp_directory_path() / ("vexalive-sharing-test-" + std::to_string(getpid()));
+        std::filesystem::create_directories(folder());
+        std::ofstream(folder() / "ca.pem") << testAuthority().pem();
+        vexalive::HttpOptions http;
+        http.caFile = folder() / "ca.pem";
+        ASSERT_TRUE(vexalive::setHttpOptions(http));
+        vexalive::setLogSink([](auto&&...) {});
+        vexalive::setEventSink([](auto&&...) {});
+    }
+
+    static void TearDownTestSuite() { std::filesystem::remove_all(folder()); }
+
+    static std::filesystem::path& folder() {
+        static std::filesystem::path path;
+        return path;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    , ConnectionSharing,
+    testing::Values(Start{"ARelay",
+                          [](LiveTranscodingAdapter& adapter) { adapter.startPublishStreamUrl(relayParam()); },
+                          {"startRelay", 0, "sucess"}},
+                    Start{"AMix",
+                          [](LiveTranscodingAdapter& adapter) { adapter.setLiveMixTranscoding(mixConfig()); },
+                          {"setMix", 0, "sucess"}}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_P(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
     vexalive::LiveServiceOptions options;
     options.tls = false;
     vexalive::LiveService service(options);
     ASSERT_TRUE(service.start()) << service.error();
-    const Nginx nginx(folder, kstf_get_live_service_host(), service.address());
+    std::filesystem::remove(folder() / "access.log");
+    const Nginx nginx(folder(), kstf_get_live_service_host(), service.address());
     ASSERT_TRUE(nginx.started()) << "nginx is not installed";
     ASSERT_TRUE(waitForServer(kstf_get_live_service_host()));
 
@@ -149,10 +179,10 @@ TEST(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
         members.push_back(std::make_unique<Member>("u" + std::to_string(i)));
     }
     for (const auto& member : members) {
-        member->adapter->startPublishStreamUrl(relayParam());
+        GetParam().ask(*member->adapter);
     }
     for (const auto& member : members) {
-        EXPECT_EQ((Call{"startRelay", 0, "sucess"}), member->listener->calls.waitFor(1).at(0));
+        EXPECT_EQ(GetParam().told, member->listener->calls.waitFor(1).at(0));
     }
 
     std::set<std::string> kinds;
@@ -166,7 +196,6 @@ TEST(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
     }
     members.clear();
     service.stop();
-    std::filesystem::remove_all(folder);
 }
 
 }  // namespace

@@ -1,0 +1,191 @@
+// The example programs as child processes against the local service: what they say, and what the service saw of them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../tool/ChildProcess.h"
+#include "base/Md5.h"
+#include "service/LiveService.h"
+
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+using vexalive::LiveService;
+using vexalive::Misbehaviour;
+
+constexpr const char* kAddRelay = "add_relay_stream_url";
+constexpr const char* kRemoveRelay = "remove_relay_stream_url";
+constexpr const char* kSetMix = "set_live_mix_transcoding";
+
+std::string streamOf(const std::string& user) {
+    return "8888_" + kstmedia::getMD5("room_" + user + "_main");
+}
+
+class Example : public testing::Test {
+protected:
+    Example() { EXPECT_TRUE(mService.start()) << mService.error(); }
+    ~Example() override { std::filesystem::remove_all(mFolder); }
+
+    // The exit status.
+    int run(const std::vector<std::string>& arguments) {
+        ChildProcess program(arguments, {{"VEXALIVE_SERVICE_HOST", mService.address()},
+                                         {"VEXALIVE_CA_FILE", mService.caFile()},
+                                         {"VEXALIVE_PUSH_DOMAIN", kPushDomain}});
+        const int status = program.awaitExit();
+        mOutput = program.output();
+        mErrors = program.errors();
+        mState = json::parse(mService.stateJson());
+        return status;
+    }
+
+    void refuse(const char* interfaceName, int times) {
+        Misbehaviour refusal;
+        refusal.kind = Misbehaviour::Kind::kServerCode;
+        refusal.interfaceName = interfaceName;
+        refusal.times = times;
+        refusal.code = 77;
+        EXPECT_EQ("", mService.misbehave(refusal));
+    }
+
+    // Each request's interface and the code it was answered with, in the order of the answers.
+    std::vector<std::pair<std::string, int>> requests() const {
+        std::vector<std::pair<std::string, int>> all;
+        for (const json& request : mState.at("requests")) {
+            const json answer = json::parse(request.at("answer").get<std::string>());
+            all.emplace_back(request.at("interface"), answer.at("code"));
+        }
+        return all;
+    }
+
+    std::string mOutput;
+    std::string mErrors;
+    json mState;
+
+private:
+    static constexpr const char* kPushDomain = "livepush.vexa.example";
+
+    vexalive::LiveServiceOptions options() const {
+        vexalive::LiveServiceOptions result;
+        result.stateFolder = mFolder;
+        result.pushDomainSuffix = kPushDomain;
+        return result;
+    }
+
+    const std::filesystem::path mFolder =
+        std::filesystem::temp_directory_path() / ("vexalive-example-test-" + std::to_string(getpid()));
+    LiveService mService{options()};
+};
+
+TEST_F(Example, RelayIsAddedAndRemoved) {
+    EXPECT_EQ(0, run({EXAMPLE_RELAY, "rtmp://cdn.example/live/stream"})) << mErrors;
+    EXPECT_EQ("0 sucess\n0 sucess\n", mOutput);
+    EXPECT_THAT(requests(), ElementsAre(Pair(kAddRelay, 0), Pair(kRemoveRelay, 0)));
+    const json body = json::parse(mState.at("requests").at(0).at("body").get<std::string>());
+    EXPECT_EQ(streamOf("alice"), body.at("stream_id"));
+    EXPECT_EQ("rtmp://cdn.example/live/stream", body.at("dest_stream_url"));
+    EXPECT_THAT(mState.at("relays"), IsEmpty());
+}
+
+TEST_F(Example, RelayEndsWithOneIfItIsRefused) {
+    refuse(kAddRelay, 1);
+    EXPECT_EQ(1, run({EXAMPLE_RELAY, "rtmp://cdn.example/live/stream"}));
+    EXPECT_EQ("-200077 on request\n", mOutput);
+    EXPECT_THAT(requests(), ElementsAre(Pair(kAddRelay, 77)));
+}
+
+TEST_F(Example, RelayEndsWithOneIfItIsGivenNoAddress) {
+    EXPECT_EQ(1, run({EXAMPLE_RELAY}));
+    EXPECT_EQ("-3323 startPublishStreamUrl failure, param is invalid\n", mOutput);
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(Example, RoomRelaysAndMixesThreeThenTwoAndEndsBoth) {
+    EXPECT_EQ(0, run({EXAMPLE_ROOM})) << mErrors;
+
+    const auto all = requests();
+    ASSERT_EQ(5u, all.size()) << mOutput;
+    const auto begin = all.begin();
+    EXPECT_THAT(std::vector(begin, begin + 2), UnorderedElementsAre(Pair(kAddRelay, 0), Pair(kSetMix, 0)));
+    EXPECT_THAT(all[2], Pair(kSetMix, 0));
+    EXPECT_THAT(std::vector(begin + 3, all.end()), UnorderedElementsAre(Pair(kSetMix, 0), Pair(kRemoveRelay, 0)));
+    EXPECT_THAT(mState.at("relays"), IsEmpty());
+
+    ASSERT_EQ(1u, mState.at("mixes").size());
+    const json& mix = mState.at("mixes").at(0);
+    EXPECT_EQ(streamOf("alice"), mix.at("output_stream_id"));
+    EXPECT_EQ(false, mix.at("running"));
+    std::vector<std::pair<std::string, int>> history;
+    for (const json& update : mix.at("history")) {
+        history.emplace_back(update.at("operation"), update.at("inputs"));
+    }
+    EXPECT_THAT(history, ElementsAre(Pair("start", 3), Pair("update", 2), Pair("cancel", testing::_)));
+
+    // The last picture: alice on the left, bob on the right.
+    EXPECT_EQ(json({{"width", 1280}, {"height", 720}, {"color", "0x000000"}}), mix.at("canvas"));
+    const auto half = [](const char* user, int layer, int x) {
+        return json{{"stream_id", streamOf(user)},
+                    {"type", "video"},
+                    {"layer", layer},
+                    {"x", x},
+                    {"y", 0},
+                    {"width", 640},
+                    {"height", 720}};
+    };
+    EXPECT_EQ(json::array({half("alice", 2, 0), half("bob", 3, 640)}), mix.at("inputs"));
+    EXPECT_EQ(json({{"output_stream_bitrate", 1500}, {"output_stream_frame_rate", 15}}), mix.at("output"));
+}
+
+TEST_F(Example, RoomSaysWhatHappensAndAsksBeforeItsEntry) {
+    EXPECT_EQ(0, run({EXAMPLE_ROOM})) << mErrors;
+    const std::string steps[] = {
+        "alice asks for a relay and for a mix of three; both wait until she has entered the room\n"
+        "alice enters the room: both are sent\n",
+        "carol leaves: alice and bob share the picture\n",
+        "alice ends the mix and the relay\n",
+    };
+    size_t at = 0;
+    for (const std::string& step : steps) {
+        at = mOutput.find(step, at);
+        ASSERT_NE(std::string::npos, at) << step << "is missing in\n" << mOutput;
+    }
+    for (const char* outcome :
+         {"  relay: done\n", "  mix: done\n", "  end of the relay: done\n", "  end of the mix: done\n"}) {
+        EXPECT_THAT(mOutput, HasSubstr(outcome));
+    }
+    // The SDK's log: the two that waited.
+    EXPECT_THAT(mErrors, testing::ContainsRegex("not enterRoom status(.|\n)*not enterRoom status"));
+}
+
+TEST_F(Example, RoomEndsWithOneIfTheMixIsRefusedAndLeavesNothingRunning) {
+    refuse(kSetMix, 1);
+    EXPECT_EQ(1, run({EXAMPLE_ROOM}));
+    EXPECT_THAT(mOutput, HasSubstr("  mix: failed with -300077, on request\n"));
+    EXPECT_THAT(mOutput, HasSubstr("  relay: done\n"));
+    EXPECT_THAT(mOutput, HasSubstr("  end of the relay: done\n"));
+    EXPECT_THAT(requests(), UnorderedElementsAre(Pair(kAddRelay, 0), Pair(kSetMix, 77), Pair(kRemoveRelay, 0),
+                                                 Pair(kSetMix, 4007)));  // there is no mix to cancel
+    EXPECT_THAT(mState.at("relays"), IsEmpty());
+}
+
+TEST_F(Example, RoomEndsWithOneIfTheRelayIsRefusedAndLeavesNothingRunning) {
+    refuse(kAddRelay, 1);
+    EXPECT_EQ(1, run({EXAMPLE_ROOM}));
+    EXPECT_THAT(mOutput, HasSubstr("  relay: failed with -200077, on request\n"));
+    ASSERT_EQ(1u, mState.at("mixes").size());
+    EXPECT_EQ(false, mState.at("mixes").at(0).at("running"));
+    EXPECT_EQ("cancel", mState.at("mixes").at(0).at("history").back().at("operation"));
+}
+
+}  // namespace
