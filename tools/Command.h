@@ -16,6 +16,8 @@ struct Command {
     std::function<int()> run;  // after parsing: the exit status; UsageError if an option is missing or wrong
 };
 
+Command addPreviewCommand(CLI::App& tool);
+Command addMixCommand(CLI::App& tool);
 Command addRelayCommand(CLI::App& tool);
 Command addServeCommand(CLI::App& tool);
 

@@ -17,7 +17,7 @@
 namespace vexalive {
 namespace {
 
-constexpr Command (*kCommands[])(CLI::App& tool) = {addRelayCommand, addServeCommand};
+constexpr Command (*kCommands[])(CLI::App& tool) = {addRelayCommand, addMixCommand, addPreviewCommand, addServeCommand};
 
 constexpr size_t kHelpColumns = 80;
 

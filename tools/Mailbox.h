@@ -1,5 +1,5 @@
-// A queue from any thread to the main one, which waits for it together with signals: all that a command hears of, it
-// hears through one of these.
+// A queue from any thread to the main one, which waits for it together with signals and files: all that a command hears
+// of, it hears through one of these.
 
 #ifndef VEXALIVE_TOOLS_MAILBOX_H
 #define VEXALIVE_TOOLS_MAILBOX_H
@@ -12,12 +12,13 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
 #include <optional>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "base/Mutex.h"
-#include "tools/Signals.h"
 
 namespace vexalive {
 
@@ -53,10 +54,15 @@ public:
         return items;
     }
 
-    // Waits until an item or a signal is there, or `patience` has passed; for ever if there is none.
-    void wait(const StopSignals& signals, std::optional<std::chrono::milliseconds> patience = std::nullopt) const {
-        pollfd sources[] = {{mFd, POLLIN, 0}, {signals.fd(), POLLIN, 0}};
-        poll(sources, 2, patience ? static_cast<int>(patience->count()) : -1);
+    // Waits until an item is there, one of `others` can be read (-1: none), or `patience` has passed; for ever if there
+    // is none.
+    void wait(std::initializer_list<int> others,
+              std::optional<std::chrono::milliseconds> patience = std::nullopt) const {
+        std::vector<pollfd> sources = {{mFd, POLLIN, 0}};
+        for (const int fd : others) {
+            sources.push_back({fd, POLLIN, 0});
+        }
+        poll(sources.data(), sources.size(), patience ? static_cast<int>(patience->count()) : -1);
     }
 
 private:

@@ -42,6 +42,7 @@ struct ListenerCodes {
     int serverErrorBase;  // less the service's code, without its sign
 };
 constexpr ListenerCodes kRelayListenerCodes = {-3321, -3323, -200000};
+constexpr ListenerCodes kMixListenerCodes = {-3322, -3324, -300000};
 
 struct ListenerTold {
     int code;

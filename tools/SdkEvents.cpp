@@ -1,29 +1,51 @@
 #include "tools/SdkEvents.h"
 
+#include <nlohmann/json.hpp>
+#include <string_view>
 #include <utility>
+
+#include "service/RequestCheck.h"
 
 namespace vexalive {
 namespace {
+
+// What a request asks for. Starting and cancelling a mix share an interface; a cancel's output has nothing but its
+// name.
+std::optional<Operation> operationOf(std::string_view interfaceName, std::string_view body) {
+    if (interfaceName == kAddRelayInterface) {
+        return Operation::kStartRelay;
+    }
+    if (interfaceName == kRemoveRelayInterface) {
+        return Operation::kStopRelay;
+    }
+    if (interfaceName != kSetMixInterface) {
+        return std::nullopt;
+    }
+    const auto request = nlohmann::json::parse(body, nullptr, false);
+    const bool isCancel = request.is_object() && request.contains("output_param") &&
+                          !request["output_param"].contains("output_stream_type");
+    return isCancel ? Operation::kStopMix : Operation::kStartMix;
+}
 
 class Listener : public ILiveTrancodingDelegate {
 public:
     explicit Listener(std::shared_ptr<Mailbox<SdkEvent>> mailbox) : mMailbox(std::move(mailbox)) {}
 
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override {
-        put(ListenerEvent::kStartRelay, errCode, std::move(errMsg));
+        put(Operation::kStartRelay, errCode, std::move(errMsg));
     }
     void onStopPublishStreamUrl(int errCode, std::string errMsg) override {
-        put(ListenerEvent::kStopRelay, errCode, std::move(errMsg));
+        put(Operation::kStopRelay, errCode, std::move(errMsg));
     }
     void onSetLiveMixTranscoding(int errCode, std::string errMsg) override {
-        put(ListenerEvent::kStartMix, errCode, std::move(errMsg));
+        put(Operation::kStartMix, errCode, std::move(errMsg));
     }
     void onStopLiveMixTranscoding(int errCode, std::string errMsg) override {
-        put(ListenerEvent::kStopMix, errCode, std::move(errMsg));
+        put(Operation::kStopMix, errCode, std::move(errMsg));
     }
 
 private:
-    void put(ListenerEvent::Operation operation, int errCode, std::string errMsg) {
+    void put(Operation operation, int errCode, std::string errMsg) {
         mMailbox->put(ListenerEvent{operation, {errCode, std::move(errMsg)}});
     }
 
@@ -35,9 +57,11 @@ private:
 SdkEvents::SdkEvents(int lowestLogLevel)
     : mMailbox(std::make_shared<Mailbox<SdkEvent>>()), mListener(std::make_shared<Listener>(mMailbox)) {
     setHttpObserver([mailbox = mMailbox](const HttpExchange& exchange) {
-        mailbox->put(ExchangeEvent{exchange.phase, exchange.id, std::string(exchange.interfaceName), exchange.bytesSent,
-                                   exchange.httpStatus, exchange.retCode, std::string(exchange.answer),
-                                   exchange.elapsed});
+        const bool isStarted = exchange.phase == HttpExchange::kStarted;
+        mailbox->put(ExchangeEvent{exchange.phase, exchange.id,
+                                   isStarted ? operationOf(exchange.interfaceName, exchange.body) : std::nullopt,
+                                   std::string(exchange.interfaceName), exchange.bytesSent, exchange.httpStatus,
+                                   exchange.retCode, std::string(exchange.answer), exchange.elapsed});
     });
     setEventSink([mailbox = mMailbox](const EventReport& report) { mailbox->put(report); });
     setLogSink([mailbox = mMailbox, lowestLogLevel](int level, const char* file, int line, const char* function,

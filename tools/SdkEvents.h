@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -20,9 +21,12 @@
 
 namespace vexalive {
 
+enum class Operation { kStartRelay, kStopRelay, kStartMix, kStopMix };  // kStartMix: an update, too
+
 struct ExchangeEvent {  // as HttpExchange, but owning its texts
     HttpExchange::Phase phase;
     uint64_t id;
+    std::optional<Operation> operation;  // known while kStarted
     std::string interfaceName;
     size_t bytesSent;
     int httpStatus;
@@ -32,7 +36,6 @@ struct ExchangeEvent {  // as HttpExchange, but owning its texts
 };
 
 struct ListenerEvent {
-    enum Operation { kStartRelay, kStopRelay, kStartMix, kStopMix };
     Operation operation;
     ListenerTold told;
 };

@@ -130,7 +130,7 @@ int runServe(ServeOptions options) {
 
     std::optional<std::string> signal;
     while (!signal) {
-        requests.wait(signals);
+        requests.wait({signals.fd()});
         for (const LiveServiceEvent& event : requests.takeAll()) {
             view->show(answered(event));
         }

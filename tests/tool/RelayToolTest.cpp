@@ -1,118 +1,25 @@
 // `vexalive relay` as a child process, against a service in this one.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <map>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include "ChildProcess.h"
-#include "service/LiveService.h"
+#include "ToolTest.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using vexalive::LiveService;
-using vexalive::LiveServiceOptions;
 using vexalive::Misbehaviour;
 
-constexpr const char* kAdd = "add_relay_stream_url";
-constexpr const char* kRemove = "remove_relay_stream_url";
-constexpr const char* kSig = "secret-signature";
-constexpr const char* kMapKey = "secret-map-key";
-
-class RelayTool : public ::testing::Test {
+class RelayTool : public ToolTest {
 protected:
-    RelayTool() {
-        std::string pattern = ::testing::TempDir() + "vexalive-relay-XXXXXX";
-        mFolder = mkdtemp(pattern.data());
-        LiveServiceOptions options;
-        options.stateFolder = mFolder;
-        mService = std::make_unique<LiveService>(options);
-    }
-    ~RelayTool() override {
-        mService.reset();
-        std::filesystem::remove_all(mFolder);
-    }
-
-    void SetUp() override { ASSERT_TRUE(mService->start()) << mService->error(); }
-
-    std::map<std::string, std::string> environment() const {
-        return {{"VEXALIVE_SERVICE_HOST", mService->address()},
-                {"VEXALIVE_CA_FILE", mService->caFile()},
-                {"VEXALIVE_SDK_APP_ID", "1400000001"},
-                {"VEXALIVE_USER", "alice"},
-                {"VEXALIVE_SIG", kSig},
-                {"VEXALIVE_ROOM", "4711"},
-                {"VEXALIVE_MAP_KEY", kMapKey},
-                {"VEXALIVE_APP_ID", "1250"},
-                {"VEXALIVE_BIZ_ID", "3891"},
-                {"VEXALIVE_PUSH_DOMAIN", ""},
-                {"TERM", "xterm"}};
-    }
-
     static std::vector<std::string> arguments(const std::vector<std::string>& more = {}) {
         std::vector<std::string> all = {VEXALIVE_TOOL, "relay", "rtmp://cdn.example/live/main"};
         all.insert(all.end(), more.begin(), more.end());
         return all;
     }
-
-    void misbehave(Misbehaviour misbehaviour) { ASSERT_EQ(mService->misbehave(misbehaviour), ""); }
-
-    static Misbehaviour status(int status, int times, const char* interfaceName = "") {
-        Misbehaviour misbehaviour;
-        misbehaviour.kind = Misbehaviour::Kind::kStatus;
-        misbehaviour.status = status;
-        misbehaviour.times = times;
-        misbehaviour.interfaceName = interfaceName;
-        return misbehaviour;
-    }
-
-    static Misbehaviour delay(int milliseconds, const char* interfaceName) {
-        Misbehaviour misbehaviour;
-        misbehaviour.kind = Misbehaviour::Kind::kDelay;
-        misbehaviour.delayMs = milliseconds;
-        misbehaviour.interfaceName = interfaceName;
-        return misbehaviour;
-    }
-
-    static Misbehaviour serverCode(int code, const std::string& message) {
-        Misbehaviour misbehaviour;
-        misbehaviour.kind = Misbehaviour::Kind::kServerCode;
-        misbehaviour.code = code;
-        misbehaviour.message = message;
-        return misbehaviour;
-    }
-
-    size_t relaysRunning() const { return nlohmann::json::parse(mService->stateJson()).at("relays").size(); }
-
-    static void expectNoSecrets(const ChildProcess& tool) {
-        EXPECT_THAT(tool.output() + tool.errors(), Not(HasSubstr(kSig)));
-        EXPECT_THAT(tool.output() + tool.errors(), Not(HasSubstr(kMapKey)));
-    }
-
-    std::string mFolder;
-    std::unique_ptr<LiveService> mService;
 };
-
-std::vector<nlohmann::json> objects(const std::string& output) {
-    std::vector<nlohmann::json> result;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        result.push_back(nlohmann::json::parse(line));
-    }
-    return result;
-}
 
 // ---- Running and stopping -------------------------------------------------------------------------------------------
 
@@ -126,11 +33,11 @@ TEST_F(RelayTool, HoldsTheRelayUntilCtrlCAndStopsIt) {
     EXPECT_EQ(tool.awaitExit(), 0);
     EXPECT_EQ(relaysRunning(), 0u);
     EXPECT_THAT(tool.output(), HasSubstr("start: attempt 1 of 11: accepted (code 0: \"ok\")"));
-    EXPECT_THAT(tool.output(), HasSubstr("\nstart: done, the relay is running\n"));
+    EXPECT_THAT(tool.output(), HasSubstr("\nrelay start: done, the relay is running\n"));
     EXPECT_THAT(tool.output(), HasSubstr("listener code 0 (success), message \"sucess\""));
-    EXPECT_THAT(tool.output(), HasSubstr("\nstopping on SIGINT"));
-    EXPECT_THAT(tool.output(), HasSubstr("\nstop: done, the relay is stopped\n"));
-    EXPECT_THAT(tool.output(), HasSubstr("\nstop: reported as event 30 of type 10004"));
+    EXPECT_THAT(tool.output(), HasSubstr("\nstopping the relay on SIGINT"));
+    EXPECT_THAT(tool.output(), HasSubstr("\nrelay stop: done, the relay is stopped\n"));
+    EXPECT_THAT(tool.output(), HasSubstr("\nrelay stop: reported as event 30 of type 10004"));
     EXPECT_EQ(tool.errors(), "");
     expectNoSecrets(tool);
 }
@@ -227,7 +134,7 @@ TEST_F(RelayTool, ARelayThatALateAttemptStartsAfterTheStopIsStoppedToo) {
     EXPECT_EQ(tool.awaitExit(), 0);
     EXPECT_THAT(tool.output(), HasSubstr("start: attempt 2 of 11: accepted"));
     EXPECT_THAT(tool.output(), HasSubstr("start: attempt 2 of 11: no longer counts"));
-    EXPECT_THAT(tool.output(), HasSubstr("stopping again"));
+    EXPECT_THAT(tool.output(), HasSubstr("stopping the relay again"));
     EXPECT_EQ(relaysRunning(), 0u);
 }
 
@@ -337,7 +244,9 @@ TEST_F(RelayTool, WritesOneJsonObjectALineWithTheDocumentedFields) {
     std::vector<std::string> events;
     for (const nlohmann::json& object : objects(tool.output())) {
         events.push_back(object.at("event"));
-        EXPECT_EQ(object.size(), documented.at(events.back()).size() + 2) << object;
+        const bool isOfATask = object.contains("task");
+        EXPECT_EQ(isOfATask, events.back() != "begin" && events.back() != "end") << object;
+        EXPECT_EQ(object.size(), documented.at(events.back()).size() + (isOfATask ? 3 : 2)) << object;
         EXPECT_TRUE(object.contains("time")) << object;
         for (const std::string& field : documented.at(events.back())) {
             EXPECT_TRUE(object.contains(field)) << field << " in " << object;
@@ -436,8 +345,8 @@ TEST_F(RelayTool, LeavesATerminalCleanAfterCtrlCIsTyped) {
         EXPECT_NE(line, "the relay is running; Ctrl-C stops it");
         EXPECT_THAT(line, Not(HasSubstr("\x1b")));
     }
-    EXPECT_THAT(screen, ::testing::Contains("start: done, the relay is running"));
-    EXPECT_THAT(screen, ::testing::Contains("stop: done, the relay is stopped"));
+    EXPECT_THAT(screen, ::testing::Contains("relay start: done, the relay is running"));
+    EXPECT_THAT(screen, ::testing::Contains("relay stop: done, the relay is stopped"));
 }
 
 TEST_F(RelayTool, WritesPlainLinesToATerminalThatCannotErase) {

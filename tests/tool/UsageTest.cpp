@@ -100,7 +100,7 @@ TEST_P(EachRelayOption, IsNamedWhereItIsEmpty) {
 INSTANTIATE_TEST_SUITE_P(
     Relay, EachRelayOption,
     ::testing::Values(RelayOption{"--sdk-app-id", "VEXALIVE_SDK_APP_ID", "the SDK application id, a positive integer"},
-                      RelayOption{"--user", "VEXALIVE_USER", "the user whose stream is relayed, a text"},
+                      RelayOption{"--user", "VEXALIVE_USER", "the user who asks, a text"},
                       RelayOption{"--sig", "VEXALIVE_SIG", "the user's signature, a secret text"},
                       RelayOption{"--room", "VEXALIVE_ROOM", "the room that the user is in, a text"},
                       RelayOption{"--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret text"},

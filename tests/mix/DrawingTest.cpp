@@ -1,0 +1,102 @@
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/mix/SvgDocument.h"
+#include "tools/mix/Drawing.h"
+
+namespace vexalive {
+
+using testing::DoubleNear;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+class DrawingTest : public testing::Test {
+protected:
+    static constexpr TextStyle kStyle = {14, 0x000000};
+    static constexpr const char* kDots = "\u2026";
+    Drawing mDrawing{400};
+};
+
+TEST_F(DrawingTest, ATextThatFitsStaysWhole) {
+    EXPECT_EQ(mDrawing.fitted("alice", kStyle, 200), "alice");
+    EXPECT_EQ(mDrawing.fitted("", kStyle, 0), "");
+}
+
+TEST_F(DrawingTest, ATextThatIsTooLongIsCutAndFits) {
+    for (double width = 30; width < 200; width += 7) {
+        const std::string text = mDrawing.fitted("a rather long name of a user", kStyle, width);
+        EXPECT_LE(mDrawing.widthOf(text, kStyle), width);
+        EXPECT_THAT(text, testing::EndsWith(kDots));
+    }
+}
+
+TEST_F(DrawingTest, WhereNotASingleCharacterFitsNothingIsWritten) {
+    EXPECT_EQ(mDrawing.fitted("alice", kStyle, 5), "");
+    EXPECT_EQ(mDrawing.fitted("alice", kStyle, -100), "");
+}
+
+TEST_F(DrawingTest, ACutFallsBetweenTwoCharacters) {
+    const std::string name = "\u00fc\u00fc\u00fc\u00fc\u00fc\u00fc\u00fc\u00fc";
+    const std::string text = mDrawing.fitted(name, kStyle, 40);
+    const std::string kept = text.substr(0, text.size() - std::string(kDots).size());
+    EXPECT_EQ(kept.size() % 2, 0U);
+    EXPECT_EQ(name.compare(0, kept.size(), kept), 0);
+}
+
+TEST_F(DrawingTest, AVeryLongTextIsCutAtSomeLengthInAnyCase) {
+    EXPECT_LT(mDrawing.fitted(std::string(5000, 'i'), kStyle, 1e9).size(), 400U);
+}
+
+TEST_F(DrawingTest, LinesBreakAtBlanks) {
+    const double width = mDrawing.widthOf("one two", kStyle) + 1;
+    EXPECT_THAT(mDrawing.wrapped("one two three", kStyle, width), ElementsAre("one two", "three"));
+    EXPECT_THAT(mDrawing.wrapped("", kStyle, width), IsEmpty());
+}
+
+TEST_F(DrawingTest, ATextIsPlacedByItsLeftEndItsMiddleOrItsRightEnd) {
+    const double width = mDrawing.widthOf("alice", kStyle);
+    mDrawing.text("t", 100, 20, "alice", kStyle);
+    mDrawing.text("t", 100, 20, "alice", kStyle, Anchor::kMiddle);
+    mDrawing.text("t", 100, 20, "alice", kStyle, Anchor::kRight);
+    std::vector<double> lefts;
+    for (const SvgElement& text : SvgDocument(mDrawing.svg()).ofKind("t")) {
+        EXPECT_NEAR(text.number("textLength"), width, 0.01);
+        lefts.push_back(text.number("x"));
+    }
+    EXPECT_THAT(lefts, ElementsAre(100, DoubleNear(100 - width / 2, 0.01), DoubleNear(100 - width, 0.01)));
+}
+
+TEST_F(DrawingTest, NothingInATextLeavesItsPlaceInTheSvg) {
+    mDrawing.text("t", 0, 20, "</text><script>\"&'", kStyle);
+    const std::string svg = mDrawing.svg();
+    EXPECT_EQ(SvgDocument(svg).ofKind("t").at(0).text, "</text><script>\"&'");
+    EXPECT_THAT(svg, Not(HasSubstr("<script>")));
+}
+
+TEST_F(DrawingTest, WhatXmlCannotHoldOrTurnsTheTextAroundIsReplaced) {
+    mDrawing.text("t", 0, 20, std::string("\x01|\0|\n|\x7f|\xff|\u202e|\u2066|\uffff|end", 25), kStyle);
+    EXPECT_THAT(mDrawing.svg(), HasSubstr(">\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|end</text>"));
+}
+
+TEST_F(DrawingTest, TextsOfAllScriptsAreKeptInTheSvg) {
+    const std::string text = "\u05e9\u05dc\u05d5\u05dd \u7528\u6237 \U0001f389";
+    mDrawing.text("t", 0, 20, text, kStyle);
+    EXPECT_THAT(mDrawing.svg(), HasSubstr(">" + text + "</text>"));
+}
+
+TEST_F(DrawingTest, AnEmptyPageIsStillAPicture) {
+    mDrawing.setHeight(1);
+    EXPECT_THAT(mDrawing.svg(), HasSubstr("viewBox=\"0 0 400 1\""));
+    EXPECT_THAT(mDrawing.png(), testing::StartsWith("\x89PNG\r\n"));
+}
+
+TEST_F(DrawingTest, APictureThatIsTooLargeForMemoryIsNone) {
+    mDrawing.setHeight(1e6);  // the library's limit is 32767
+    EXPECT_EQ(mDrawing.png(), "");
+}
+
+}  // namespace vexalive

@@ -1,0 +1,140 @@
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "tests/mix/SvgDocument.h"
+#include "tools/Command.h"
+#include "tools/ExitStatus.h"
+#include "tools/Options.h"
+#include "tools/mix/SentMix.h"
+
+namespace vexalive {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class PreviewCommandTest : public testing::Test {
+protected:
+    PreviewCommandTest() {
+        unsetenv("VEXALIVE_ROOM");
+        unsetenv("VEXALIVE_USER");
+        std::filesystem::create_directories(mFolder);
+    }
+    ~PreviewCommandTest() override { std::filesystem::remove_all(mFolder); }
+
+    int run(std::vector<std::string> arguments) {
+        CLI::App tool;
+        const Command command = addPreviewCommand(tool);
+        std::vector<const char*> argv = {"vexalive", "preview"};
+        for (const std::string& argument : arguments) {
+            argv.push_back(argument.c_str());
+        }
+        tool.parse(static_cast<int>(argv.size()), argv.data());
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        mUsage.clear();
+        int status = kUsage;
+        try {
+            status = command.run();
+        } catch (const UsageError& error) {
+            mUsage = error.what();
+        }
+        mOut = testing::internal::GetCapturedStdout();
+        mErr = testing::internal::GetCapturedStderr();
+        return status;
+    }
+
+    static std::string example(const char* name) { return std::string(EXAMPLES "/") + name + ".json"; }
+    std::string in(const std::string& name) const { return mFolder + "/" + name; }
+    static std::string read(const std::string& path) {
+        std::ifstream file(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+
+    const std::string mFolder = testing::TempDir() + "preview_command_test_" + std::to_string(getpid());
+    std::string mOut;
+    std::string mErr;
+    std::string mUsage;
+};
+
+TEST_F(PreviewCommandTest, AMixThatWouldBeSentIsDrawnAsSvg) {
+    EXPECT_EQ(run({example("two-side-by-side"), "-o", in("a.svg")}), kSucceeded);
+    EXPECT_EQ(mOut, in("a.svg") + ": drawn; the adapter would send it\n");
+    EXPECT_EQ(mErr, "");
+    const SvgDocument document(read(in("a.svg")));
+    EXPECT_EQ(document.error(), "");
+    EXPECT_THAT(document.texts("title"), ElementsAre("two-side-by-side.json"));
+    EXPECT_THAT(document.texts("entry-user"), ElementsAre("alice", "bob"));
+}
+
+TEST_F(PreviewCommandTest, OrAsPng) {
+    EXPECT_EQ(run({example("two-side-by-side"), "--output", in("a.png")}), kSucceeded);
+    EXPECT_THAT(read(in("a.png")), StartsWith("\x89PNG"));
+}
+
+TEST_F(PreviewCommandTest, RoomAndUserStandInTheStreamIds) {
+    run({example("two-side-by-side"), "-o", in("a.svg")});
+    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + streamId(3891, "room", "alice", false)));
+
+    run({example("two-side-by-side"), "-o", in("a.svg"), "--room", "4711", "--user", "zoe"});
+    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + streamId(3891, "4711", "zoe", false)));
+    EXPECT_THAT(read(in("a.svg")), HasSubstr(streamId(3891, "4711", "bob", false)));
+
+    setenv("VEXALIVE_ROOM", "r", 1);
+    setenv("VEXALIVE_USER", "u", 1);
+    run({example("two-side-by-side"), "-o", in("a.svg")});
+    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + streamId(3891, "r", "u", false)));
+}
+
+TEST_F(PreviewCommandTest, ARefusedMixIsDrawnAllTheSame) {
+    EXPECT_EQ(run({example("refused"), "-o", in("a.svg")}), kRefused);
+    EXPECT_EQ(mOut, in("a.svg") + ": drawn, but the adapter would refuse it\n");
+    EXPECT_EQ(mErr, example("refused") +
+                        ": refused: field mixUsersArray[1].zOrder is 1, which mixUsersArray[0] has already\n" +
+                        example("refused") + ": warning: field mixUsersArray[2].rect lies partly off the canvas\n");
+    EXPECT_EQ(SvgDocument(read(in("a.svg"))).ofKind("refusal").size(), 1U);
+}
+
+TEST_F(PreviewCommandTest, MistakesAreToldAndNothingIsDrawn) {
+    std::ofstream(in("m.json")) << "{\"appId\": 1, \"bizId\": \"\\u009b\xc2\x9b\", \"mixUsersArray\": []}";
+    EXPECT_EQ(run({in("m.json"), "-o", in("a.svg")}), kUsage);
+    EXPECT_EQ(mErr, in("m.json") +
+                        ":1:23: field bizId: expected an integer from -2147483648 to 2147483647, found "
+                        "\"\\u009b\\xc2\\x9b\"\n");
+    EXPECT_FALSE(std::filesystem::exists(in("a.svg")));
+
+    EXPECT_EQ(run({in("none.json"), "-o", in("a.svg")}), kUsage);
+    EXPECT_EQ(mErr, in("none.json") + ": cannot be opened: No such file or directory\n");
+}
+
+TEST_F(PreviewCommandTest, OtherKindsOfPicturesAreWrongUsage) {
+    for (const char* name : {"a.jpg", "a", ".svg", "a.SVG", "a.svg.", "svg"}) {
+        EXPECT_EQ(run({example("refused"), "-o", name}), kUsage) << name;
+        EXPECT_EQ(mUsage, std::string("-o is \"") + name + "\": must end in .svg or .png");
+    }
+    run({example("refused")});
+    EXPECT_THAT(mUsage, StartsWith("-o is missing"));
+    run({"-o", in("a.svg")});
+    EXPECT_THAT(mUsage, StartsWith("FILE is missing"));
+}
+
+TEST_F(PreviewCommandTest, APictureThatCannotBeWrittenIsTold) {
+    EXPECT_EQ(run({example("refused"), "-o", in("no/such/folder.svg")}), kUsage);
+    EXPECT_EQ(mUsage, "-o is \"" + in("no/such/folder.svg") + "\": cannot be written: No such file or directory");
+
+    std::filesystem::create_symlink("/dev/full", in("full.png"));
+    EXPECT_EQ(run({example("refused"), "-o", in("full.png")}), kUsage);
+    EXPECT_THAT(mUsage, EndsWith("cannot be written: No space left on device"));
+}
+
+}  // namespace vexalive

@@ -1,0 +1,341 @@
+#include <gmock/gmock.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/mix/MixTesting.h"
+#include "tests/mix/SvgDocument.h"
+#include "tools/mix/Preview.h"
+#include "tools/mix/SentMix.h"
+
+namespace vexalive {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+std::unique_ptr<Drawing> drawn(const Config& config) {
+    PreviewOptions options;
+    options.title = "layout.json";
+    options.room = "4711";
+    options.user = "alice";
+    return drawPreview(config, judgeMix(config), options);
+}
+
+SvgDocument preview(const Config& config) {
+    SvgDocument document(drawn(config)->svg());
+    EXPECT_EQ(document.error(), "");
+    return document;
+}
+
+// Its part of the canvas, from 0 to 1.
+struct Part {
+    double x, y, w, h;
+};
+bool operator==(const Part& a, const Part& b) {
+    const auto near = [](double c, double d) { return std::abs(c - d) < 0.001; };
+    return near(a.x, b.x) && near(a.y, b.y) && near(a.w, b.w) && near(a.h, b.h);
+}
+void PrintTo(const Part& part, std::ostream* out) {
+    *out << part.x << ' ' << part.y << ' ' << part.w << ' ' << part.h;
+}
+std::vector<Part> parts(const SvgDocument& document, const char* kind) {
+    const SvgElement canvas = document.ofKind("canvas").at(0);
+    std::vector<Part> found;
+    for (const SvgElement& element : document.ofKind(kind)) {
+        found.push_back({(element.number("x") - canvas.number("x")) / canvas.number("width"),
+                         (element.number("y") - canvas.number("y")) / canvas.number("height"),
+                         element.number("width") / canvas.number("width"),
+                         element.number("height") / canvas.number("height")});
+    }
+    return found;
+}
+
+TEST(PreviewTest, RectanglesStandToScaleInTheOrderInWhichTheyAreSent) {
+    const SvgDocument document = preview(mix({user("top", 9, {640, 360, 640, 360}), user("low", 2, {0, 0, 1280, 720}),
+                                              user("middle", 5, {320, 0, 320, 180})}));
+
+    EXPECT_THAT(parts(document, "on-canvas"),
+                ElementsAre(Part{0, 0, 1, 1}, Part{0.25, 0, 0.25, 0.25}, Part{0.5, 0.5, 0.5, 0.5}));
+    const SvgElement canvas = document.ofKind("canvas").at(0);
+    EXPECT_NEAR(canvas.number("width") / canvas.number("height"), 1280.0 / 720, 0.001);
+    EXPECT_THAT(document.texts("entry-user"), ElementsAre("low", "middle", "top"));
+    EXPECT_THAT(document.texts("entry-number"), ElementsAre("2", "3", "4"));
+    EXPECT_THAT(document.ofKind("hatch"), IsEmpty());
+}
+
+TEST(PreviewTest, ARectangleSaysWhoAndHowItIsSent) {
+    User guest = user("bob", 3, {640, 0, 640, 720});
+    guest.roomId = "4712";
+    guest.streamType = 2;
+    const SvgDocument document = preview(mix({user("alice", 1, {0, 0, 640, 720}), guest}));
+
+    EXPECT_THAT(document.texts("user"), ElementsAre("bob", "alice"));
+    EXPECT_THAT(document.texts("number"), ElementsAre("3", "2", "n" /* the legend's */));
+    EXPECT_THAT(document.texts("fact"), ElementsAre("auxiliary stream", "room 4712", "main stream"));
+    EXPECT_THAT(document.texts("entry-stream"), ElementsAre("zOrder 1 \u00b7 main stream of room 4711",
+                                                            "zOrder 3 \u00b7 auxiliary stream of room 4712"));
+    EXPECT_THAT(document.texts("entry-place"), ElementsAre("640 \u00d7 720 at 0, 0", "640 \u00d7 720 at 640, 0"));
+    EXPECT_THAT(document.texts("entry-stream-id"),
+                ElementsAre(streamId(3891, "4711", "alice", false), streamId(3891, "4712", "bob", true)));
+}
+
+TEST(PreviewTest, TheHeadTellsTheOutput) {
+    Config config = mix({user("a", 1)});
+    config.videoGOP = -1;
+    config.audioBitrate = -1;
+    config.audioChannels = 1;
+    const SvgDocument document = preview(config);
+
+    EXPECT_THAT(document.texts("title"), ElementsAre("layout.json"));
+    EXPECT_THAT(
+        document.texts("output"),
+        ElementsAre("Canvas 1280 \u00d7 720 \u00b7 20 fps \u00b7 1500 kbit/s \u00b7 audio 48000 Hz \u00b7 1 audio "
+                    "channel \u00b7 left to the service: key frames, audio bitrate"));
+    EXPECT_THAT(document.texts("identity"), ElementsAre(HasSubstr(streamId(3891, "4711", "alice", false))));
+    EXPECT_THAT(document.texts("verdict-text"), ElementsAre("\u2713 accepted by the adapter"));
+    EXPECT_THAT(document.texts("refusal"), IsEmpty());
+}
+
+TEST(PreviewTest, WhatLiesOffTheCanvasIsHatched) {
+    const SvgDocument document = preview(mix({user("a", 1, {1180, 100, 200, 100})}));
+
+    EXPECT_THAT(parts(document, "on-canvas"), ElementsAre(Part{1180.0 / 1280, 100.0 / 720, 100.0 / 1280, 100.0 / 720}));
+    EXPECT_THAT(parts(document, "off-canvas"),
+                ElementsAre(Part{1180.0 / 1280, 100.0 / 720, 200.0 / 1280, 100.0 / 720}));
+    EXPECT_THAT(document.texts("warning"), ElementsAre("mixUsersArray[0].rect lies partly off the canvas"));
+    const auto hatches = document.ofKind("hatch");
+    ASSERT_THAT(hatches, SizeIs(2)) << "the part and the legend";
+    EXPECT_EQ(hatches[0].attribute("fill"), "url(#hatch)");
+}
+
+TEST(PreviewTest, WhatTheAdapterRefusesIsRed) {
+    Config config = mix({user("a", 1, {0, 0, 640, 720}), user("b", 1, {640, 0, 640, 720})});
+    config.videoBitrate = 0;
+    const SvgDocument document = preview(config);
+
+    EXPECT_THAT(document.texts("verdict-text"), ElementsAre("\u2717 refused by the adapter"));
+    EXPECT_THAT(document.texts("refusal"),
+                ElementsAre("videoBitrate is 0, which a mix with video cannot have; -1 leaves it to the service",
+                            "mixUsersArray[1].zOrder is 1, which mixUsersArray[0] has already"));
+    for (const SvgElement& refusal : document.ofKind("refusal")) {
+        EXPECT_EQ(refusal.attribute("fill"), "#b3001b");
+    }
+    ASSERT_THAT(document.ofKind("on-canvas refused"), SizeIs(1));
+    EXPECT_EQ(document.ofKind("on-canvas refused")[0].attribute("stroke"), "#b3001b");
+    EXPECT_THAT(document.ofKind("on-canvas"), SizeIs(1));
+}
+
+TEST(PreviewTest, InputsOfAudioStandBesideTheCanvas) {
+    User audio = audioUser("carol");
+    audio.zOrder = 1;
+    const SvgDocument document = preview(mix({user("a", 2), audio}));
+
+    EXPECT_THAT(document.ofKind("on-canvas"), SizeIs(1));
+    EXPECT_THAT(document.texts("heading"),
+                ElementsAre("On the canvas, lowest layer first", "Audio only, not on the canvas"));
+    EXPECT_THAT(document.texts("entry-user"), ElementsAre("a", "carol"));
+    EXPECT_THAT(document.texts("entry-number"), ElementsAre("3", "2"));
+}
+
+TEST(PreviewTest, AMixOfAudioHasNoCanvas) {
+    const SvgDocument document = preview(mix({audioUser("b"), audioUser("a")}));
+
+    EXPECT_THAT(document.ofKind("canvas"), IsEmpty());
+    EXPECT_THAT(document.texts("entry-user"), ElementsAre("b", "a"));
+    EXPECT_THAT(document.texts("entry-number"), ElementsAre("1", "2"));
+    EXPECT_THAT(document.texts("entry-stream"), ElementsAre("main stream of room 4711", "main stream of room 4711"));
+    EXPECT_THAT(document.texts("entry-place"), ElementsAre("audio only", "audio only"));
+    EXPECT_THAT(document.texts("output"), ElementsAre(StartsWith("Audio only, no canvas")));
+}
+
+TEST(PreviewTest, ARectangleTooSmallForItsNumberIsNamedInTheList) {
+    const SvgDocument document = preview(mix({user("tiny", 1, {400, 400, 4, 4}), user("large", 2, {0, 0, 300, 300})}));
+
+    EXPECT_THAT(document.ofKind("on-canvas"), SizeIs(2));
+    EXPECT_THAT(document.texts("user"), ElementsAre("large"));
+    EXPECT_THAT(document.texts("number"), ElementsAre("3", "n" /* the legend's */));
+    EXPECT_THAT(document.texts("entry-user"), ElementsAre("tiny", "large"));
+}
+
+TEST(PreviewTest, AnInputBesideTheCanvasHasItsNumberOnTheHatching) {
+    const SvgDocument document = preview(mix({user("a", 1, {1300, 0, 200, 200}), user("b", 2, {0, 0, 300, 300})}));
+    EXPECT_THAT(document.texts("number"), ElementsAre("3", "2", "n"));
+    EXPECT_THAT(document.texts("user"), ElementsAre("b"));
+}
+
+TEST(PreviewTest, ALabelStandsWhereNoHigherLayerHidesIt) {
+    const SvgDocument document =
+        preview(mix({user("below", 1, {0, 0, 1280, 720}), user("above", 2, {0, 0, 1000, 700})}));
+
+    const SvgElement canvas = document.ofKind("canvas").at(0);
+    const SvgElement label = document.ofKind("user").at(1);
+    ASSERT_EQ(label.text, "below");
+    EXPECT_GT(label.number("x"), canvas.number("x") + canvas.number("width") * 1000 / 1280);
+}
+
+TEST(PreviewTest, AHiddenInputIsListedAndHasNoLabel) {
+    const SvgDocument document = preview(mix({user("below", 1), user("above", 2, {0, 0, 1280, 720})}));
+    EXPECT_THAT(document.texts("user"), ElementsAre("above"));
+    EXPECT_THAT(document.texts("entry-user"), ElementsAre("below", "above"));
+}
+
+TEST(PreviewTest, ACanvasWithoutASizeIsToldAndTheInputsAreDrawn) {
+    Config config = mix({user("a", 1, {0, 0, 2000, 2000})});
+    config.videoWidth = -1;
+    const SvgDocument document = preview(config);
+    EXPECT_THAT(document.texts("legend"), Contains("canvas without a size"));
+    EXPECT_THAT(document.texts("output"), ElementsAre(StartsWith("Canvas -1 \u00d7 720")));
+    EXPECT_THAT(document.ofKind("on-canvas"), SizeIs(1));
+}
+
+TEST(PreviewTest, TheSameMixGivesTheSameBytes) {
+    std::mt19937 chance(3);
+    for (int round = 0; round < 20; ++round) {
+        const Config config = randomMix(chance);
+        const auto first = drawn(config);
+        const auto second = drawn(config);
+        EXPECT_EQ(first->svg(), second->svg());
+        EXPECT_EQ(first->svg(), first->svg());
+        EXPECT_EQ(first->png(), second->png());
+    }
+}
+
+// ---- Anything that a configuration can hold
+
+struct Extent {
+    double left, right;
+};
+
+void expectSound(const SvgDocument& document) {
+    const SvgElement& page = document.elements().at(0);
+    ASSERT_LE(page.number("width"), kPreviewWidth);
+    ASSERT_LE(page.number("height"), kPreviewTallest);
+    std::map<std::string, Extent> inputs;
+    double list = kPreviewWidth;  // where it begins
+    for (const SvgElement& entry : document.ofKind("entry-badge")) {
+        list = entry.number("x");
+    }
+    for (const SvgElement& element : document.elements()) {
+        if (element.name == "rect" && element.kind() != "page") {
+            ASSERT_GE(element.number("width"), 0.0) << element.kind();
+            ASSERT_GE(element.number("height"), 0.0) << element.kind();
+            ASSERT_GE(element.number("x"), 0.0) << element.kind();
+            ASSERT_LE(element.number("x") + element.number("width"), kPreviewWidth) << element.kind();
+            ASSERT_GE(element.number("y"), 0.0) << element.kind();
+            ASSERT_LE(element.number("y") + element.number("height"), page.number("height")) << element.kind();
+            if (element.kind() == "on-canvas" || element.kind() == "on-canvas refused") {
+                inputs[element.groups.back()] = {element.number("x"), element.number("x") + element.number("width")};
+            }
+        }
+        if (element.name != "text") {
+            continue;
+        }
+        const double right = element.number("x") + element.number("textLength");
+        ASSERT_GE(element.number("x"), 0.0) << element.text;
+        ASSERT_LE(right, kPreviewWidth) << element.text;
+        ASSERT_LE(element.number("y"), page.number("height")) << element.text;
+        if (element.kind() == "refusal" || element.kind() == "warning" || element.kind() == "legend" ||
+            element.kind() == "refused-head") {
+            ASSERT_LT(right, list) << element.text;
+        }
+        // A label stays in its rectangle.
+        if (!element.groups.empty() && (element.kind() == "user" || element.kind() == "fact")) {
+            ASSERT_EQ(inputs.count(element.groups.back()), 1U);
+            ASSERT_GE(element.number("x"), inputs[element.groups.back()].left) << element.text;
+            ASSERT_LE(right, inputs[element.groups.back()].right) << element.text;
+        }
+    }
+}
+
+TEST(PreviewTest, AnyMixGivesABoundedPictureWithEachTextInItsPlace) {
+    std::mt19937 chance(5);
+    for (int round = 0; round < 150; ++round) {
+        const Config config = randomMix(chance);
+        SCOPED_TRACE(config.to_string());
+        ASSERT_NO_FATAL_FAILURE(expectSound(preview(config)));
+    }
+}
+
+TEST(PreviewTest, CanvasesOfAnySizeGiveABoundedPicture) {
+    constexpr int32_t kHighest = 2147483647;
+    for (const auto& [width, height] : {std::pair(kHighest, 1), std::pair(1, kHighest), std::pair(kHighest, kHighest),
+                                        std::pair(1, 1), std::pair(0, 0), std::pair(-kHighest - 1, -kHighest - 1)}) {
+        Config config = mix({user("all", 0, {-kHighest - 1, -kHighest - 1, kHighest, kHighest}),
+                             user("far", 1, {kHighest, kHighest, kHighest, kHighest}), user("near", 2, {0, 0, 1, 1})});
+        config.videoWidth = width;
+        config.videoHeight = height;
+        ASSERT_NO_FATAL_FAILURE(expectSound(preview(config)));
+        EXPECT_THAT(drawn(config)->png(), StartsWith("\x89PNG"));
+    }
+}
+
+TEST(PreviewTest, VeryManyInputsAreCounted) {
+    std::vector<User> users;
+    for (int i = 0; i < 5000; ++i) {
+        users.push_back(user("user", i, {i, i, 50, 50}));
+    }
+    const SvgDocument document = preview(mix(users));
+    ASSERT_NO_FATAL_FAILURE(expectSound(document));
+    EXPECT_THAT(document.texts("entry-user"), SizeIs(17));
+    EXPECT_THAT(document.texts("more"), Contains("and 4983 more"));
+    EXPECT_EQ(document.ofKind("on-canvas").size() + document.ofKind("on-canvas refused").size(), 40U);
+}
+
+TEST(PreviewTest, AsManyInputsAsTheAdapterTakesAreAllListed) {
+    std::vector<User> users = {audioUser("audio")};
+    for (int layer = 1; layer <= 16; ++layer) {
+        users.push_back(user("user" + std::to_string(layer), layer, {layer * 70, 0, 70, 720}));
+    }
+    Config config = mix(users);
+    config.videoBitrate = config.videoFramerate = config.videoGOP = -1;
+    config.audioSampleRate = config.audioBitrate = config.audioChannels = -1;
+    const SvgDocument document = preview(config);
+    ASSERT_NO_FATAL_FAILURE(expectSound(document));
+    EXPECT_THAT(document.texts("entry-user"), SizeIs(17));
+    EXPECT_THAT(document.texts("number"), SizeIs(17)) << "16 inputs and the legend";
+    EXPECT_THAT(document.texts("more"), IsEmpty());
+}
+
+TEST(PreviewTest, LongNamesAreCutToTheirPlace) {
+    User long1 = user(std::string(5000, 'w'), 1, {0, 0, 640, 720});
+    long1.roomId = std::string(5000, 'r');
+    const SvgDocument document = preview(mix({long1}));
+    ASSERT_NO_FATAL_FAILURE(expectSound(document));
+    EXPECT_THAT(document.texts("user"), ElementsAre(testing::EndsWith("\u2026")));
+    EXPECT_THAT(document.texts("fact"), ElementsAre("main stream", testing::EndsWith("\u2026")));
+    EXPECT_THAT(document.texts("entry-stream"), ElementsAre(testing::EndsWith("\u2026")));
+}
+
+TEST(PreviewTest, NamesAreTextAndNothingElse) {
+    const std::string name = "<b onclick=\"x\">&amp;'</b>]]>";
+    const SvgDocument document = preview(mix({user(name, 1, {0, 0, 1280, 720})}));
+    EXPECT_THAT(document.texts("user"), ElementsAre(name));
+    for (const SvgElement& element : document.elements()) {
+        EXPECT_NE(element.name, "b");
+    }
+}
+
+TEST(PreviewTest, ThePngHasTheSizeOfTheSvg) {
+    const auto drawing = drawn(mix({user("a", 1)}));
+    const std::string png = drawing->png();
+    ASSERT_THAT(png, StartsWith("\x89PNG\r\n\x1a\n"));
+    const auto number = [&png](size_t at) {
+        unsigned value = 0;
+        for (size_t i = 0; i < 4; ++i) {
+            value = value << 8 | static_cast<unsigned char>(png.at(at + i));
+        }
+        return value;
+    };
+    EXPECT_EQ(number(16), 1280U);
+    EXPECT_EQ(number(20), static_cast<unsigned>(std::ceil(drawing->height())));
+}
+
+}  // namespace vexalive

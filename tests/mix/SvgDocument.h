@@ -1,0 +1,110 @@
+// An SVG as a list of its elements, read by an XML parser that knows nothing of how it was written.
+
+#ifndef VEXALIVE_TESTS_MIX_SVG_DOCUMENT_H
+#define VEXALIVE_TESTS_MIX_SVG_DOCUMENT_H
+
+#include <glib.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vexalive {
+
+struct SvgElement {
+    std::string name;
+    std::map<std::string, std::string> attributes;
+    std::string text;
+    std::vector<std::string> groups;  // the titles of the groups around it, from outside
+
+    const std::string& attribute(const char* attributeName) const {
+        static const std::string kNone;
+        const auto found = attributes.find(attributeName);
+        return found == attributes.end() ? kNone : found->second;
+    }
+    double number(const char* attributeName) const { return g_ascii_strtod(attribute(attributeName).c_str(), nullptr); }
+    const std::string& kind() const { return attribute("class"); }
+};
+
+class SvgDocument {
+public:
+    explicit SvgDocument(const std::string& svg) {
+        GMarkupParser parser{};
+        parser.start_element = [](GMarkupParseContext*, const gchar* name, const gchar** names, const gchar** values,
+                                  gpointer self,
+                                  GError**) { static_cast<SvgDocument*>(self)->start(name, names, values); };
+        parser.end_element = [](GMarkupParseContext*, const gchar* name, gpointer self, GError**) {
+            static_cast<SvgDocument*>(self)->end(name);
+        };
+        parser.text = [](GMarkupParseContext*, const gchar* text, gsize length, gpointer self, GError**) {
+            static_cast<SvgDocument*>(self)->add(std::string(text, length));
+        };
+        GMarkupParseContext* context = g_markup_parse_context_new(&parser, {}, this, nullptr);
+        GError* error = nullptr;
+        if (!g_markup_parse_context_parse(context, svg.data(), static_cast<gssize>(svg.size()), &error) ||
+            !g_markup_parse_context_end_parse(context, &error)) {
+            mError = error->message;
+            g_error_free(error);
+        }
+        g_markup_parse_context_free(context);
+    }
+
+    const std::string& error() const { return mError; }  // empty: it is XML
+    const std::vector<SvgElement>& elements() const { return mElements; }
+
+    std::vector<SvgElement> ofKind(const std::string& kind) const {
+        std::vector<SvgElement> found;
+        std::copy_if(mElements.begin(), mElements.end(), std::back_inserter(found),
+                     [&kind](const SvgElement& element) { return element.kind() == kind; });
+        return found;
+    }
+
+    std::vector<std::string> texts(const std::string& kind) const {
+        std::vector<std::string> found;
+        for (const SvgElement& element : ofKind(kind)) {
+            found.push_back(element.text);
+        }
+        return found;
+    }
+
+private:
+    void start(const std::string& name, const gchar** names, const gchar** values) {
+        SvgElement element;
+        element.name = name;
+        for (; *names; ++names, ++values) {
+            element.attributes[*names] = *values;
+        }
+        if (name == "g") {
+            mGroups.emplace_back();
+        }
+        element.groups = mGroups;
+        mOpen.push_back(mElements.size());
+        mElements.push_back(element);
+    }
+    void add(const std::string& text) {
+        if (mOpen.empty()) {
+            return;  // between the XML declaration and the first element
+        }
+        SvgElement& element = mElements[mOpen.back()];
+        element.text += text;
+        if (element.name == "title") {
+            mGroups.back() += text;
+        }
+    }
+    void end(const std::string& name) {
+        mOpen.pop_back();
+        if (name == "g") {
+            mGroups.pop_back();
+        }
+    }
+
+    std::vector<size_t> mOpen;  // of mElements, from outside
+    std::vector<SvgElement> mElements;
+    std::vector<std::string> mGroups;
+    std::string mError;
+};
+
+}  // namespace vexalive
+
+#endif

@@ -1,0 +1,105 @@
+// The `vexalive` tool as a child process, against a service in this one.
+
+#ifndef VEXALIVE_TESTS_TOOL_TOOL_TEST_H
+#define VEXALIVE_TESTS_TOOL_TOOL_TEST_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "service/LiveService.h"
+
+inline constexpr const char* kAdd = "add_relay_stream_url";
+inline constexpr const char* kRemove = "remove_relay_stream_url";
+inline constexpr const char* kSig = "secret-signature";
+inline constexpr const char* kMapKey = "secret-map-key";
+
+class ToolTest : public ::testing::Test {
+protected:
+    ToolTest() {
+        std::string pattern = ::testing::TempDir() + "vexalive-tool-XXXXXX";
+        mFolder = mkdtemp(pattern.data());
+        vexalive::LiveServiceOptions options;
+        options.stateFolder = mFolder;
+        mService = std::make_unique<vexalive::LiveService>(options);
+    }
+    ~ToolTest() override {
+        mService.reset();
+        std::filesystem::remove_all(mFolder);
+    }
+
+    void SetUp() override { ASSERT_TRUE(mService->start()) << mService->error(); }
+
+    std::map<std::string, std::string> environment() const {
+        return {{"VEXALIVE_SERVICE_HOST", mService->address()},
+                {"VEXALIVE_CA_FILE", mService->caFile()},
+                {"VEXALIVE_SDK_APP_ID", "1400000001"},
+                {"VEXALIVE_USER", "alice"},
+                {"VEXALIVE_SIG", kSig},
+                {"VEXALIVE_ROOM", "4711"},
+                {"VEXALIVE_MAP_KEY", kMapKey},
+                {"VEXALIVE_APP_ID", "1250"},
+                {"VEXALIVE_BIZ_ID", "3891"},
+                {"VEXALIVE_PUSH_DOMAIN", ""},
+                {"TERM", "xterm"}};
+    }
+
+    void misbehave(vexalive::Misbehaviour misbehaviour) { ASSERT_EQ(mService->misbehave(misbehaviour), ""); }
+
+    static vexalive::Misbehaviour status(int status, int times, const char* interfaceName = "") {
+        vexalive::Misbehaviour misbehaviour;
+        misbehaviour.kind = vexalive::Misbehaviour::Kind::kStatus;
+        misbehaviour.status = status;
+        misbehaviour.times = times;
+        misbehaviour.interfaceName = interfaceName;
+        return misbehaviour;
+    }
+
+    static vexalive::Misbehaviour delay(int milliseconds, const char* interfaceName) {
+        vexalive::Misbehaviour misbehaviour;
+        misbehaviour.kind = vexalive::Misbehaviour::Kind::kDelay;
+        misbehaviour.delayMs = milliseconds;
+        misbehaviour.interfaceName = interfaceName;
+        return misbehaviour;
+    }
+
+    static vexalive::Misbehaviour serverCode(int code, const std::string& message) {
+        vexalive::Misbehaviour misbehaviour;
+        misbehaviour.kind = vexalive::Misbehaviour::Kind::kServerCode;
+        misbehaviour.code = code;
+        misbehaviour.message = message;
+        return misbehaviour;
+    }
+
+    nlohmann::json state() const { return nlohmann::json::parse(mService->stateJson()); }
+    size_t relaysRunning() const { return state().at("relays").size(); }
+
+    static void expectNoSecrets(const ChildProcess& tool) {
+        EXPECT_THAT(tool.output() + tool.errors(), ::testing::Not(::testing::HasSubstr(kSig)));
+        EXPECT_THAT(tool.output() + tool.errors(), ::testing::Not(::testing::HasSubstr(kMapKey)));
+    }
+
+    std::string mFolder;
+    std::unique_ptr<vexalive::LiveService> mService;
+};
+
+// The lines of `--json`.
+inline std::vector<nlohmann::json> objects(const std::string& output) {
+    std::vector<nlohmann::json> result;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        result.push_back(nlohmann::json::parse(line));
+    }
+    return result;
+}
+
+#endif

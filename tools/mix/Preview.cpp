@@ -1,0 +1,480 @@
+#include "tools/mix/Preview.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+
+#include "tools/mix/Area.h"
+#include "tools/mix/SentMix.h"
+
+namespace vexalive {
+namespace {
+
+using Config = kstmedia::VexaTranscodingConfigInternal;
+using User = kstmedia::VexaMixUserInternal;
+
+// ---- Measures -------------------------------------------------------------------------------------------------------
+
+constexpr double kMargin = 32;
+constexpr double kGap = 28;  // between the stage and the list
+constexpr double kListWidth = 392;
+constexpr double kListX = kPreviewWidth - kMargin - kListWidth;
+constexpr double kStageWidth = kListX - kGap - kMargin;
+constexpr double kStageHeight = 620;
+constexpr double kStagePadding = 18;
+constexpr double kBottom = kPreviewTallest - kMargin;
+constexpr double kBadgeHeight = 20;  // the number of an image layer
+constexpr double kLineHeight = 16;   // of small texts
+constexpr double kEntryHeight = 84;
+constexpr double kThinnest = 1.5;  // what is drawn of a very narrow rectangle
+
+constexpr size_t kMostDrawn = 40;                    // rectangles on the canvas; more than 17 are refused anyway
+constexpr Area kFallbackCanvas = {0, 0, 1280, 720};  // of the picture where the canvas has no size
+
+// ---- Colours --------------------------------------------------------------------------------------------------------
+
+constexpr Colour kInk = 0x1f2933;
+constexpr Colour kSoftInk = 0x616e7c;
+constexpr Colour kWhite = 0xffffff;
+constexpr Colour kStageColour = 0xf2f4f7;
+constexpr Colour kStageLine = 0xd5dbe1;
+constexpr Colour kCanvasColour = 0x000000;  // as it is sent
+constexpr Colour kAudioColour = 0xe1e6eb;
+constexpr Colour kRed = 0xb3001b;
+constexpr Colour kRedTint = 0xfdecee;
+constexpr Colour kAmber = 0x7a4f00;
+constexpr Colour kGreen = 0x0b6b3a;
+constexpr Colour kGreenTint = 0xe8f5ee;
+// Light enough for dark texts, and neighbours differ.
+constexpr Colour kInputColours[] = {0xa9cbe8, 0xf4dca6, 0xb3d9b8, 0xecbcc0, 0xcdc3ea, 0xf3c7a8,
+                                    0xa8d8d3, 0xddcfbb, 0xd6de9f, 0xb6c5ec, 0xe3bcdc, 0xc3ccd4};
+
+constexpr TextStyle kTitle = {22, kInk, true};
+constexpr TextStyle kHeading = {13, kInk, true};
+constexpr TextStyle kPlain = {13, kInk};
+constexpr TextStyle kSoft = {12, kSoftInk};
+constexpr TextStyle kName = {14, kInk, true};
+constexpr TextStyle kFact = {12, kInk};
+constexpr TextStyle kSoftMono = {11, kSoftInk, false, true};
+constexpr TextStyle kNumber = {12, kWhite, true};
+
+constexpr const char* kDot = " \u00b7 ";
+constexpr const char* kTimes = " \u00d7 ";
+
+// ---- Words ----------------------------------------------------------------------------------------------------------
+
+std::string joined(const std::vector<std::string>& parts, const char* between) {
+    std::string text;
+    for (const std::string& part : parts) {
+        text += (text.empty() ? "" : between) + part;
+    }
+    return text;
+}
+
+std::string sizeText(int32_t width, int32_t height) {
+    return std::to_string(width) + kTimes + std::to_string(height);
+}
+
+// The output in words: what is set, then what is left to the service.
+std::string describeOutput(const Config& config, bool isAudioOnly) {
+    struct Setting {
+        const char* before;
+        const char* after;
+        const char* name;
+        int32_t value;
+        bool isVideo;
+    };
+    const Setting settings[] = {
+        {"", " fps", "frame rate", config.videoFramerate, true},
+        {"", " kbit/s", "video bitrate", config.videoBitrate, true},
+        {"key frame every ", " s", "key frames", config.videoGOP, true},
+        {"audio ", " Hz", "audio sample rate", config.audioSampleRate, false},
+        {"audio ", " kbit/s", "audio bitrate", config.audioBitrate, false},
+        {"", config.audioChannels == 1 ? " audio channel" : " audio channels", "audio channels", config.audioChannels,
+         false},
+    };
+    std::vector<std::string> parts = {isAudioOnly ? std::string("Audio only, no canvas")
+                                                  : "Canvas " + sizeText(config.videoWidth, config.videoHeight)};
+    std::vector<std::string> left;
+    for (const Setting& setting : settings) {
+        if (setting.value != -1) {
+            parts.push_back(setting.before + std::to_string(setting.value) + setting.after);
+        } else if (!isAudioOnly || !setting.isVideo) {
+            left.emplace_back(setting.name);
+        }
+    }
+    if (!left.empty()) {
+        parts.push_back("left to the service: " + joined(left, ", "));
+    }
+    return joined(parts, kDot);
+}
+
+const char* streamName(const User& user) {
+    return user.streamType == kAuxiliaryStream ? "auxiliary stream" : "main stream";
+}
+
+// ---- The picture ----------------------------------------------------------------------------------------------------
+
+// Which part of the plane of the canvas is shown where on the page.
+struct View {
+    Area area;
+    double x;
+    double y;
+    double scale;
+
+    Box on(const Area& part) const {
+        return {x + static_cast<double>(part.left - area.left) * scale,
+                y + static_cast<double>(part.top - area.top) * scale,
+                std::max(kThinnest, static_cast<double>(part.width()) * scale),
+                std::max(kThinnest, static_cast<double>(part.height()) * scale)};
+    }
+};
+
+class Painter {
+public:
+    Painter(Drawing& drawing, const Config& config, const std::vector<MixRemark>& remarks,
+            const PreviewOptions& options)
+        : mDrawing(drawing),
+          mConfig(config),
+          mRemarks(remarks),
+          mOptions(options),
+          mIsAudioOnly(isAudioOnly(config)),
+          mInputs(sentInputs(config, options.room)),
+          mIsAtFault(config.mixUsersArray.size()),
+          mCanvas{0, 0, config.videoWidth, config.videoHeight},
+          mHasCanvas(!mCanvas.isEmpty()) {
+        if (!mHasCanvas) {
+            mCanvas = kFallbackCanvas;
+        }
+        for (const MixRemark& remark : remarks) {
+            if (remark.kind == MixRemark::kRefusal && remark.user) {
+                mIsAtFault[*remark.user] = true;
+            }
+        }
+        size_t videos = 0;
+        for (const SentInput& input : mInputs) {
+            mColours.push_back(userOf(input).pureAudio ? kAudioColour
+                                                       : kInputColours[videos++ % std::size(kInputColours)]);
+        }
+    }
+
+    void paint() {
+        const double top = paintHead();
+        const double stageBottom = mIsAudioOnly ? paintNoStage(top) : paintStage(top);
+        const double listBottom = paintList(top);
+        mDrawing.setHeight(std::max(paintRemarks(stageBottom), listBottom) + kMargin);
+    }
+
+private:
+    const User& userOf(const SentInput& input) const { return mConfig.mixUsersArray[input.index]; }
+
+    const std::string& roomOf(const User& user) const { return user.roomId.empty() ? mOptions.room : user.roomId; }
+
+    std::string about(const SentInput& input) const {
+        return "mixUsersArray[" + std::to_string(input.index) + "] " + userOf(input).userId + " of room " +
+               roomOf(userOf(input));
+    }
+
+    // ---- The head: what it is, and whether it would be sent
+
+    double paintHead() {
+        const bool refused = isRefused(mRemarks);
+        const std::string verdict = refused ? "\u2717 refused by the adapter" : "\u2713 accepted by the adapter";
+        const TextStyle style = {14, refused ? kRed : kGreen, true};
+        const double verdictWidth = mDrawing.widthOf(verdict, style) + 28;
+        const Box box = {kPreviewWidth - kMargin - verdictWidth, kMargin - 4, verdictWidth, 30};
+        mDrawing.box("verdict", box, {refused ? kRedTint : kGreenTint, style.colour, 1, 15});
+        mDrawing.text("verdict-text", box.x + 14, box.y + 20, verdict, style);
+
+        const double width = kPreviewWidth - 2 * kMargin;
+        double y = kMargin + 18;
+        mDrawing.text("title", kMargin, y, mDrawing.fitted(mOptions.title, kTitle, width - verdictWidth - kGap),
+                      kTitle);
+        y += 8;
+        for (const std::string& line : mDrawing.wrapped(describeOutput(mConfig, mIsAudioOnly), kPlain, width)) {
+            y += 20;
+            mDrawing.text("output", kMargin, y, line, kPlain);
+        }
+        y += 20;
+        const std::string output = "Output stream " + streamId(mConfig.bizId, mOptions.room, mOptions.user, false) +
+                                   kDot + "app " + std::to_string(mConfig.appId) + kDot + "biz " +
+                                   std::to_string(mConfig.bizId) + kDot + "asked for by user " + mOptions.user +
+                                   " in room " + mOptions.room;
+        mDrawing.text("identity", kMargin, y, mDrawing.fitted(output, kSoft, width), kSoft);
+        return y + 22;
+    }
+
+    // ---- The stage: the canvas and what lies on and around it
+
+    double paintNoStage(double top) {
+        const Box box = {kMargin, top, kStageWidth, 120};
+        mDrawing.box("stage", box, {kStageColour, kStageLine});
+        mDrawing.text("no-canvas", box.x + box.w / 2, box.y + box.h / 2 + 5,
+                      mInputs.empty() ? "Nothing to mix" : "Audio only: nothing is drawn, no canvas is sent", kName,
+                      Anchor::kMiddle);
+        return box.bottom();
+    }
+
+    double paintStage(double top) {
+        const View view = chooseView(top + kStagePadding);
+        const Box stage = {kMargin, top, kStageWidth, view.on(view.area).h + 2 * kStagePadding};
+        mDrawing.box("stage", stage, {kStageColour, kStageLine});
+        mDrawing.box("canvas", view.on(mCanvas), {mHasCanvas ? kCanvasColour : kWhite, kInk});
+
+        std::vector<const SentInput*> drawn;  // the lowest layer first
+        for (const SentInput& input : mInputs) {
+            if (drawn.size() < kMostDrawn && !shownArea(input, view).isEmpty()) {
+                drawn.push_back(&input);
+            }
+        }
+        bool hasHatch = false;
+        for (const SentInput* input : drawn) {
+            mDrawing.open("input", about(*input));
+            hasHatch |= paintRectangle(view, *input);
+            mDrawing.close();
+        }
+        std::vector<Area> covers;  // by higher layers
+        for (auto input = drawn.rbegin(); input != drawn.rend(); ++input) {
+            mDrawing.open("label", about(**input));
+            paintLabel(view, **input, covers);
+            mDrawing.close();
+            covers.push_back(shownArea(**input, view));
+        }
+        return paintLegend(stage.bottom() + 14, hasHatch);
+    }
+
+    // Around the canvas as much as the inputs need, but never so much that the canvas gets small.
+    View chooseView(double top) const {
+        const int64_t sideways = std::max<int64_t>(1, mCanvas.width() * 3 / 10);
+        const int64_t upright = std::max<int64_t>(1, mCanvas.height() * 3 / 10);
+        const Area widest = {-sideways, -upright, mCanvas.right + sideways, mCanvas.bottom + upright};
+        Area shown = mCanvas;
+        for (const SentInput& input : mInputs) {
+            const Area area = common(Area::of(userOf(input).rect), widest);
+            if (!userOf(input).pureAudio && !area.isEmpty()) {
+                shown = {std::min(shown.left, area.left), std::min(shown.top, area.top),
+                         std::max(shown.right, area.right), std::max(shown.bottom, area.bottom)};
+            }
+        }
+        const double width = static_cast<double>(shown.width());
+        const double scale =
+            std::min((kStageWidth - 2 * kStagePadding) / width, kStageHeight / static_cast<double>(shown.height()));
+        return {shown, kMargin + (kStageWidth - width * scale) / 2, top, scale};
+    }
+
+    // Empty if nothing of the input is to be seen.
+    Area shownArea(const SentInput& input, const View& view) const {
+        const Area area = Area::of(userOf(input).rect);
+        return userOf(input).pureAudio || area.isEmpty() ? Area() : common(area, view.area);
+    }
+
+    // Whether some of it lies off the canvas, and is hatched.
+    bool paintRectangle(const View& view, const SentInput& input) {
+        const bool isAtFault = mIsAtFault[input.index];
+        const Area area = shownArea(input, view);
+        const Area onCanvas = common(area, mCanvas);
+        const bool isWithin = onCanvas == area;
+        if (!isWithin) {
+            mDrawing.box("off-canvas", view.on(area), {colourOf(input), isAtFault ? kRed : kSoftInk, 1, 0, true});
+        }
+        if (!onCanvas.isEmpty()) {
+            mDrawing.box(isAtFault ? "on-canvas refused" : "on-canvas", view.on(onCanvas),
+                         {colourOf(input), isAtFault ? kRed : kInk, isAtFault ? 3.0 : 1.0});
+        }
+        return !isWithin;
+    }
+
+    // Where no higher layer hides it and there is most room; nothing where not even the number fits.
+    void paintLabel(const View& view, const SentInput& input, const std::vector<Area>& covers) {
+        const Area area = shownArea(input, view);
+        const Area onCanvas = common(area, mCanvas);
+        const auto room = [](const Box& box) { return std::min(box.w, 300.0) * std::min(box.h, 90.0); };
+        Box box;
+        for (const Area& part : visibleParts(onCanvas.isEmpty() ? area : onCanvas, covers)) {
+            if (room(view.on(part)) > room(box) * 1.01) {
+                box = view.on(part);
+            }
+        }
+        const double badgeWidth = widthOfBadge(input);
+        const double inset = std::min(8.0, std::min(box.w - badgeWidth, box.h - kBadgeHeight) / 2);
+        if (inset < 2) {
+            return;
+        }
+        paintBadge(box.x + inset, box.y + inset, std::to_string(input.imageLayer), badgeWidth);
+        if (onCanvas.isEmpty()) {
+            return;  // words cannot be read on the hatching
+        }
+        const User& user = userOf(input);
+        double y = box.y + inset + 15;
+        const double nameX = box.x + inset + badgeWidth + 7;
+        mDrawing.text("user", nameX, y, mDrawing.fitted(user.userId, kName, box.right() - nameX - inset), kName);
+        y += 5;
+        const double width = box.w - 2 * inset;
+        std::vector<std::string> facts = {streamName(user)};
+        if (roomOf(user) != mOptions.room) {
+            facts.push_back(mDrawing.fitted("room " + user.roomId, kFact, width));
+        }
+        for (const std::string& fact : facts) {
+            if (y + kLineHeight + 4 <= box.bottom() && mDrawing.widthOf(fact, kFact) <= width) {
+                y += kLineHeight;
+                mDrawing.text("fact", box.x + inset, y, fact, kFact);
+            }
+        }
+    }
+
+    double widthOfBadge(const SentInput& input) {
+        return std::max(kBadgeHeight, mDrawing.widthOf(std::to_string(input.imageLayer), kNumber) + 12);
+    }
+
+    void paintBadge(double x, double y, const std::string& number, double width) {
+        mDrawing.box("badge", {x, y, width, kBadgeHeight}, {kInk, kWhite, 1, kBadgeHeight / 2});
+        mDrawing.text("number", x + width / 2, y + 14.5, number, kNumber, Anchor::kMiddle);
+    }
+
+    double paintLegend(double y, bool hasHatch) {
+        double x = kMargin;
+        const auto explain = [&](const std::string& text) {
+            mDrawing.text("legend", x + 26, y + 11, text, kSoft);
+            x += 26 + mDrawing.widthOf(text, kSoft) + 24;
+        };
+        const auto explainBox = [&](const BoxStyle& style, const std::string& text) {
+            mDrawing.box("swatch", {x, y, 18, 14}, style);
+            explain(text);
+        };
+        explainBox({mHasCanvas ? kCanvasColour : kWhite, kInk},
+                   mHasCanvas ? "canvas, image layer 1" : "canvas without a size");
+        if (hasHatch) {
+            explainBox({kAudioColour, kSoftInk, 1, 0, true}, "off the canvas: not shown");
+        }
+        if (std::find(mIsAtFault.begin(), mIsAtFault.end(), true) != mIsAtFault.end()) {
+            explainBox({kWhite, kRed, 2}, "refused");
+        }
+        paintBadge(x - 1, y - 3, "n", kBadgeHeight);
+        explain("image layer as it is sent");
+        return y + 14;
+    }
+
+    // ---- The list of inputs, as they are sent
+
+    double paintList(double top) {
+        double y = top;
+        size_t listed = 0;
+        for (const bool isAudio : {false, true}) {
+            bool hasHeading = false;
+            for (const SentInput& input : mInputs) {
+                if (userOf(input).pureAudio != isAudio || y + kEntryHeight + 2 * kGap > kBottom) {
+                    continue;
+                }
+                if (!hasHeading) {
+                    mDrawing.text("heading", kListX, y + 12,
+                                  mIsAudioOnly ? "In the order in which they are sent"
+                                  : isAudio    ? "Audio only, not on the canvas"
+                                               : "On the canvas, lowest layer first",
+                                  kHeading);
+                    y += kGap;
+                    hasHeading = true;
+                }
+                paintEntry(y, input);
+                y += kEntryHeight;
+                ++listed;
+            }
+        }
+        if (listed < mInputs.size()) {
+            mDrawing.text("more", kListX, y + 12, "and " + std::to_string(mInputs.size() - listed) + " more", kSoft);
+            y += kGap;
+        }
+        return y - (kEntryHeight - kBadgeHeight - 3 * kLineHeight);
+    }
+
+    void paintEntry(double y, const SentInput& input) {
+        const User& user = userOf(input);
+        const double x = kListX + 40;
+        const double right = kListX + kListWidth;
+        const bool isAtFault = mIsAtFault[input.index];
+        const double badgeWidth = widthOfBadge(input);
+
+        mDrawing.open("entry", about(input));
+        mDrawing.box("entry-badge", {kListX, y, badgeWidth, kBadgeHeight},
+                     {colourOf(input), isAtFault ? kRed : kInk, isAtFault ? 2.0 : 1.0, 4});
+        mDrawing.text("entry-number", kListX + badgeWidth / 2, y + 14.5, std::to_string(input.imageLayer),
+                      {12, kInk, true}, Anchor::kMiddle);
+        const std::string place = "[" + std::to_string(input.index) + "]";  // in mixUsersArray
+        mDrawing.text("entry-index", right, y + 14.5, place, kSoftMono, Anchor::kRight);
+        const double nameWidth = right - x - mDrawing.widthOf(place, kSoftMono) - 12;
+        mDrawing.text("entry-user", x, y + 15, mDrawing.fitted(user.userId, kName, nameWidth), kName);
+        y += kBadgeHeight;
+
+        const auto line = [&](const char* what, const std::string& text, const TextStyle& style) {
+            y += kLineHeight;
+            mDrawing.text(what, x, y - 2, mDrawing.fitted(text, style, right - x), style);
+        };
+        const std::string layer = mIsAudioOnly ? "" : "zOrder " + std::to_string(user.zOrder) + kDot;
+        const std::string corner = std::to_string(user.rect.x) + ", " + std::to_string(user.rect.y);
+        line("entry-stream", layer + streamName(user) + " of room " + roomOf(user), kSoft);
+        line("entry-place", user.pureAudio ? "audio only" : sizeText(user.rect.w, user.rect.h) + " at " + corner,
+             kSoft);
+        line("entry-stream-id", input.streamId, kSoftMono);
+        mDrawing.close();
+    }
+
+    Colour colourOf(const SentInput& input) const { return mColours[static_cast<size_t>(&input - mInputs.data())]; }
+
+    // ---- What the adapter refuses, and what is hardly meant
+
+    double paintRemarks(double y) {
+        if (!mRemarks.empty()) {
+            y += 16;
+        }
+        if (isRefused(mRemarks)) {
+            y = paintParagraph(y, "refused-head", "",
+                               "The adapter sends nothing of this: it tells onStartPublishStreamUrl the code -3324.",
+                               {13, kRed, true});
+        }
+        size_t shown = 0;
+        for (; shown < mRemarks.size() && y + 70 <= kBottom; ++shown) {
+            const MixRemark& remark = mRemarks[shown];
+            const bool isRefusal = remark.kind == MixRemark::kRefusal;
+            y = paintParagraph(y, isRefusal ? "refusal" : "warning", isRefusal ? "\u2717" : "\u26a0",
+                               remark.field + " " + remark.text, {13, isRefusal ? kRed : kAmber});
+        }
+        if (shown < mRemarks.size()) {
+            y = paintParagraph(y, "more", "", "and " + std::to_string(mRemarks.size() - shown) + " more", kSoft);
+        }
+        return y;
+    }
+
+    double paintParagraph(double y, const char* name, const std::string& sign, const std::string& text,
+                          const TextStyle& style) {
+        const double indent = sign.empty() ? 0 : 26;
+        y += 4;
+        mDrawing.text("sign", kMargin + 9, y + 14, sign, style, Anchor::kMiddle);
+        for (const std::string& line : mDrawing.wrapped(text, style, kStageWidth - indent)) {
+            y += 18;
+            mDrawing.text(name, kMargin + indent, y - 4, line, style);
+        }
+        return y;
+    }
+
+    Drawing& mDrawing;
+    const Config& mConfig;
+    const std::vector<MixRemark>& mRemarks;
+    const PreviewOptions& mOptions;
+    const bool mIsAudioOnly;
+    const std::vector<SentInput> mInputs;
+    std::vector<bool> mIsAtFault;  // by the index in mixUsersArray
+    std::vector<Colour> mColours;  // of mInputs
+    Area mCanvas;                  // or what stands for it
+    const bool mHasCanvas;
+};
+
+}  // namespace
+
+std::unique_ptr<Drawing> drawPreview(const Config& config, const std::vector<MixRemark>& remarks,
+                                     const PreviewOptions& options) {
+    auto drawing = std::make_unique<Drawing>(kPreviewWidth);
+    Painter(*drawing, config, remarks, options).paint();
+    return drawing;
+}
+
+}  // namespace vexalive
