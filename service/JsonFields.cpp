@@ -13,8 +13,10 @@ namespace {
 constexpr size_t kExcerptBytes = 48;  // a stream id fits
 constexpr size_t kDeepest = 16;
 
-std::string unquoted(const std::string& text) {
-    return text.substr(1, text.size() - 2);
+// A key as paths show it: cut short, ASCII, and in quotes only if nothing is left of it.
+std::string shownKey(const std::string& key) {
+    const std::string quoted = excerpt(key);
+    return quoted.size() == 2 ? quoted : quoted.substr(1, quoted.size() - 2);
 }
 
 // Walks over a text before it becomes a value, and stops at what is not allowed: the cost of a hostile text is bounded,
@@ -85,7 +87,7 @@ private:
                 result += "[" + std::to_string(level.index) + "]";
                 continue;
             }
-            result += (result.empty() ? "" : ".") + unquoted(excerpt(level.at));
+            result += (result.empty() ? "" : ".") + shownKey(level.at);
         }
         return result;
     }
@@ -207,8 +209,7 @@ const json& Fields::array(const char* key) {
 void Fields::refuseOthers() const {
     for (const auto& item : mObject.items()) {
         if (mKnown.count(item.key()) == 0) {
-            refuse(Refusal::kUnknown, path(unquoted(excerpt(item.key())).c_str()),
-                   "found a field that is not known here");
+            refuse(Refusal::kUnknown, path(shownKey(item.key()).c_str()), "found a field that is not known here");
         }
     }
 }

@@ -131,7 +131,8 @@ INSTANTIATE_TEST_SUITE_P(
         FieldRow{"DomainBizTooLarge", addRelayBody, "/domain", "2147483648.push.test", Refusal::kValue, "domain",
                  "32-bit"},
         FieldRow{"DomainAlone", addRelayBody, "/domain", "8888", Refusal::kValue, "domain", "found \"8888\""},
-        FieldRow{"UnknownKey", addRelayBody, "/colour", 1, Refusal::kUnknown, "colour", "not known"}),
+        FieldRow{"UnknownKey", addRelayBody, "/colour", 1, Refusal::kUnknown, "colour", "not known"},
+        FieldRow{"EmptyKey", addRelayBody, "/", 1, Refusal::kUnknown, "\"\"", "not known"}),
     [](const auto& row) { return row.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
@@ -457,6 +458,8 @@ INSTANTIATE_TEST_SUITE_P(Rows, UnreadableBody,
                                          TextRow{"DoubledKey", "{\"path\":\"live\",\"path\":\"live\"}", "path",
                                                  "twice"},
                                          TextRow{"DoubledDeepKey", "{\"a\":[0,{\"b\":1,\"b\":2}]}", "a[1].b", "twice"},
+                                         TextRow{"EmptyKeys", "{\"\":1,\"\":2}", "\"\"", "twice"},
+                                         TextRow{"DeepEmptyKeys", "{\"a\":{\"\":1,\"\":2}}", "a.\"\"", "twice"},
                                          TextRow{"DeepArrays", std::string(1'000'000, '['), "body", "deeper than 16"},
                                          TextRow{"DeepObjects",
                                                  [] {
