@@ -18,7 +18,7 @@
 namespace vexalive {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kMixDescription =
     "Mix the streams that a file names, until Ctrl-C\n"
     "\n"
     "Asks the live-interface service to mix the streams of several users into one\n"
@@ -26,7 +26,7 @@ constexpr const char* kDescription =
     "distances), and holds until Ctrl-C or SIGTERM, which cancels the mix. A second\n"
     "one ends at once.";
 
-constexpr const char* kFooter =
+constexpr const char* kMixFooter =
     "FILE is a mix configuration in JSON; docs/mix-file.md tells the format, and\n"
     "`vexalive preview FILE -o layout.svg` draws it. Nothing is sent of a file that\n"
     "has a mistake or that the adapter would refuse. With --watch, each time FILE is\n"
@@ -188,8 +188,8 @@ int runMix(const MixOptions& options) {
 }  // namespace
 
 Command addMixCommand(CLI::App& tool) {
-    CLI::App* command = tool.add_subcommand("mix", kDescription);
-    command->footer(kFooter);
+    CLI::App* command = tool.add_subcommand("mix", kMixDescription);
+    command->footer(kMixFooter);
     const auto options = std::make_shared<MixOptions>(*command);
     return {command, [options] { return runMix(*options); }};
 }

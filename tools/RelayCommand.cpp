@@ -11,14 +11,14 @@
 namespace vexalive {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kRelayDescription =
     "Relay a user's stream to a CDN address, until Ctrl-C\n"
     "\n"
     "Asks the live-interface service to relay the stream of a user who is in a room\n"
     "to a CDN address, shows each attempt (at most 11, at growing distances), and\n"
     "holds until Ctrl-C or SIGTERM, which stops the relay. A second one ends at once.";
 
-constexpr const char* kFooter =
+constexpr const char* kRelayFooter =
     "The user signature and the map key are secrets. A command line can be read by\n"
     "every user of this machine, so set VEXALIVE_SIG and VEXALIVE_MAP_KEY instead of\n"
     "giving --sig and --map-key. They are never shown.\n"
@@ -78,8 +78,8 @@ int runRelay(const RelayOptions& options) {
 }  // namespace
 
 Command addRelayCommand(CLI::App& tool) {
-    CLI::App* command = tool.add_subcommand("relay", kDescription);
-    command->footer(kFooter);
+    CLI::App* command = tool.add_subcommand("relay", kRelayDescription);
+    command->footer(kRelayFooter);
     const auto options = std::make_shared<RelayOptions>(*command);
     return {command, [options] { return runRelay(*options); }};
 }

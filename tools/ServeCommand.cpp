@@ -20,7 +20,7 @@
 namespace vexalive {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kServeDescription =
     "Run a live-interface service of your own on this machine\n"
     "\n"
     "A copy of the live-interface service to develop and test against: it checks\n"
@@ -28,7 +28,7 @@ constexpr const char* kDescription =
     "and mixes. Prints the two lines that point programs at it, then a line for each\n"
     "request, until Ctrl-C or SIGTERM.";
 
-constexpr const char* kFooter =
+constexpr const char* kServeFooter =
     "Example: two failures first, then true answers\n"
     "  vexalive serve --port 8443 --misbehave status=503,count=2\n"
     "\n"
@@ -150,8 +150,8 @@ int runServe(ServeOptions options) {
 }  // namespace
 
 Command addServeCommand(CLI::App& tool) {
-    CLI::App* command = tool.add_subcommand("serve", kDescription);
-    command->footer(kFooter);
+    CLI::App* command = tool.add_subcommand("serve", kServeDescription);
+    command->footer(kServeFooter);
     const auto options = std::make_shared<ServeOptions>();
     command->add_option("--port", options->port, "The port to listen on; 0, the default, takes a free one")
         ->type_name("N");

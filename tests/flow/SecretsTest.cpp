@@ -3,7 +3,6 @@
 #include "FlowTest.h"
 
 using ::testing::Each;
-using ::testing::Field;
 using ::testing::HasSubstr;
 
 class SecretsTest : public FlowTest {};
@@ -37,6 +36,6 @@ TEST_F(SecretsTest, BusyStoryKeepsTheSecrets) {
     EXPECT_GT(mPlatform.log.size(), 50u);
     EXPECT_GT(mPlatform.reports.size(), 8u);
     EXPECT_GT(told().size(), 8u);
-    EXPECT_THAT(requests(), Each(Field(&FakePlatform::Request::url, HasSubstr(kUserSig))));
-    EXPECT_THAT(requests(), Each(Field(&FakePlatform::Request::url, HasSubstr(kMapKey))));
+    EXPECT_THAT(requests(), Each(testing::Field(&FakePlatform::Request::url, HasSubstr(kUserSig))));
+    EXPECT_THAT(requests(), Each(testing::Field(&FakePlatform::Request::url, HasSubstr(kMapKey))));
 }

@@ -23,13 +23,13 @@ namespace {
 
 constexpr size_t kMostRemarks = 20;
 
-constexpr const char* kDescription =
+constexpr const char* kPreviewDescription =
     "Draw a mix file as the adapter would send it\n"
     "\n"
     "Reads a mix configuration from a JSON file, draws the canvas with each input in\n"
     "its layer, and says what the adapter would refuse. Sends nothing.";
 
-constexpr const char* kFooter =
+constexpr const char* kPreviewFooter =
     "The room and the user are those of the application that asks for the mix; they\n"
     "stand in the stream ids. Example:\n"
     "  vexalive preview examples/mix/two-side-by-side.json -o layout.svg\n"
@@ -110,8 +110,8 @@ int runPreview(const PreviewCommandOptions& options) {
 }  // namespace
 
 Command addPreviewCommand(CLI::App& tool) {
-    CLI::App* command = tool.add_subcommand("preview", kDescription);
-    command->footer(kFooter);
+    CLI::App* command = tool.add_subcommand("preview", kPreviewDescription);
+    command->footer(kPreviewFooter);
     const auto options = std::make_shared<PreviewCommandOptions>();
     command->add_option("FILE", options->file, "The mix configuration (docs/mix-file.md tells the format)")
         ->type_name("");
