@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "FreePort.h"
 #include "Room.h"
 #include "base/Md5.h"
 #include "base/RetrySchedule.h"

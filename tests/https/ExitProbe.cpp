@@ -1,7 +1,9 @@
 // A program that exits while adapters of every kind of lifetime are at work. Run many times by ExitTest: it must end by
-// itself with the status 0, whatever the moment.
+// itself with the status 0, whatever the moment. Just before, it prints how many requests are in flight.
 //
 //     exit_probe HOW MICROSECONDS      HOW: return, exit, listener, quick
+
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +19,14 @@
 namespace {
 
 std::unique_ptr<Member> staticMember;  // ends after main has
+std::atomic<int> inFlight{0};
+
+void printInFlight() {
+    const std::string text = std::to_string(inFlight);
+    if (write(STDOUT_FILENO, text.data(), text.size()) < 0) {
+        std::_Exit(4);
+    }
+}
 
 }  // namespace
 
@@ -28,22 +38,33 @@ int main(int argc, char** argv) {
     const std::chrono::microseconds moment(std::atoi(argv[2]));
     vexalive::setLogSink([](auto&&...) {});
     vexalive::setEventSink([](auto&&...) {});
+    vexalive::setHttpObserver([](const vexalive::HttpExchange& exchange) {
+        inFlight += exchange.phase == vexalive::HttpExchange::kStarted;
+        inFlight -= exchange.phase == vexalive::HttpExchange::kDelivered;
+    });
 
     static std::vector<std::unique_ptr<Member>>& leaked = *new std::vector<std::unique_ptr<Member>>();
     std::vector<std::unique_ptr<Member>> local;
+    static std::atomic<bool> ready{false};
     static std::atomic<bool> leaving{false};
     const bool fromListener = std::strcmp(how, "listener") == 0;
+    const auto end = std::chrono::steady_clock::now() + moment;
     const auto work = [&](std::unique_ptr<Member> member) {
-        if (fromListener) {
-            member->listener->during = [](const Call&) {
-                if (!leaving.exchange(true)) {
-                    std::exit(0);
-                }
-            };
-        }
+        // What is told leads to the next request, so that there are always some.
+        const std::weak_ptr<LiveTranscodingAdapter> weak = member->adapter;
+        member->listener->during = [weak, fromListener, end](const Call& call) {
+            if (fromListener && ready && std::chrono::steady_clock::now() >= end && !leaving.exchange(true)) {
+                printInFlight();
+                std::exit(0);
+            }
+            const auto adapter = weak.lock();
+            if (adapter && call.code == 0) {
+                call.operation == "startRelay" ? adapter->startPublishStreamUrl(relayParam())
+                                               : static_cast<void>(adapter->setLiveMixTranscoding(mixConfig()));
+            }
+        };
         member->adapter->startPublishStreamUrl(relayParam());
         member->adapter->setLiveMixTranscoding(mixConfig());
-        member->adapter->setLiveMixTranscoding({});
         return member;
     };
     staticMember = work(std::make_unique<Member>("static"));
@@ -51,12 +72,14 @@ int main(int argc, char** argv) {
         leaked.push_back(work(std::make_unique<Member>("leaked")));
         local.push_back(work(std::make_unique<Member>("local")));
     }
+    leaked[0]->adapter->setLiveMixTranscoding({});
+    ready = true;  // what exit() ends must not be in the making meanwhile
     std::this_thread::sleep_for(moment);
     if (fromListener) {
-        leaked[0]->listener->calls.waitFor(1);
         std::this_thread::sleep_for(std::chrono::seconds(30));  // the listener's exit ends this
         return 3;
     }
+    printInFlight();
     if (std::strcmp(how, "exit") == 0) {
         std::exit(0);
     }

@@ -1,9 +1,9 @@
+#include "FreePort.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include "Room.h"
 
 int freePort() {
     const int probe = socket(AF_INET, SOCK_STREAM, 0);

@@ -134,7 +134,4 @@ struct Member {
     std::shared_ptr<LiveTranscodingAdapter> adapter = std::make_shared<LiveTranscodingAdapter>();
 };
 
-// A port of loopback that was free a moment ago.
-int freePort();
-
 #endif

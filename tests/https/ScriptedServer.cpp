@@ -8,7 +8,10 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <utility>
 
 namespace {
@@ -18,6 +21,41 @@ constexpr int kPollMilliseconds = 20;
 bool readable(int socket) {
     pollfd wait{socket, POLLIN, 0};
     return poll(&wait, 1, kPollMilliseconds) > 0;
+}
+
+// As in /proc/net/tcp.
+std::string inHex(const sockaddr_in& address) {
+    char text[16] = {};
+    std::snprintf(text, sizeof text, "%08X:%04X", static_cast<unsigned>(address.sin_addr.s_addr),
+                  static_cast<unsigned>(ntohs(address.sin_port)));
+    return text;
+}
+
+// True if bytes from `from` to `to` are still under way, or wait to be read. Both ends are this machine's.
+bool bytesWait(const sockaddr_in& from, const sockaddr_in& to) {
+    constexpr const char* kNone = "00000000";
+    const std::string sender = inHex(from);
+    const std::string receiver = inHex(to);
+    std::ifstream table("/proc/thread-self/net/tcp");
+    for (std::string line; std::getline(table, line);) {
+        std::string number, local, remote, state, queues;
+        std::istringstream(line) >> number >> local >> remote >> state >> queues;
+        const size_t colon = queues.find(':');
+        if ((local == sender && remote == receiver && queues.substr(0, colon) != kNone) ||
+            (local == receiver && remote == sender && queues.substr(colon + 1) != kNone)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int chooseHttp2(SSL*, const unsigned char** chosen, unsigned char* size, const unsigned char* offered,
+                unsigned int offeredSize, void*) {
+    static const unsigned char kHttp2[] = {2, 'h', '2'};
+    unsigned char* selected = nullptr;
+    const int result = SSL_select_next_proto(&selected, size, kHttp2, sizeof kHttp2, offered, offeredSize);
+    *chosen = selected;
+    return result == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_ALERT_FATAL;
 }
 
 }  // namespace
@@ -49,17 +87,11 @@ std::string ScriptedServer::Connection::readRequest() {
     std::string request;
     size_t wanted = std::string::npos;
     while (request.size() < wanted) {
-        while (SSL_pending(mSsl) == 0 && !readable(mSocket)) {
-            if (mStopping) {
-                return {};
-            }
-        }
-        char bytes[4096];
-        const int got = SSL_read(mSsl, bytes, sizeof bytes);
-        if (got <= 0) {
+        const std::string bytes = read();
+        if (bytes.empty()) {
             return {};
         }
-        request.append(bytes, static_cast<size_t>(got));
+        request += bytes;
         const size_t head = request.find("\r\n\r\n");
         if (head != std::string::npos) {
             const std::string name = "Content-Length: ";
@@ -68,6 +100,17 @@ std::string ScriptedServer::Connection::readRequest() {
         }
     }
     return request;
+}
+
+std::string ScriptedServer::Connection::read() {
+    while (SSL_pending(mSsl) == 0 && !readable(mSocket)) {
+        if (mStopping) {
+            return {};
+        }
+    }
+    char bytes[4096];
+    const int got = SSL_read(mSsl, bytes, sizeof bytes);
+    return got > 0 ? std::string(bytes, static_cast<size_t>(got)) : std::string();
 }
 
 void ScriptedServer::Connection::write(const std::string& bytes) {
@@ -82,6 +125,17 @@ void ScriptedServer::Connection::write(const std::string& bytes) {
     }
 }
 
+std::string ScriptedServer::Connection::readPlain() {
+    while (!readable(mSocket)) {
+        if (mStopping) {
+            return {};
+        }
+    }
+    char bytes[4096];
+    const ssize_t got = recv(mSocket, bytes, sizeof bytes, 0);
+    return got > 0 ? std::string(bytes, static_cast<size_t>(got)) : std::string();
+}
+
 void ScriptedServer::Connection::writePlain(const std::string& bytes) {
     send(mSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
@@ -93,6 +147,17 @@ void ScriptedServer::Connection::reset() {
     mSocket = -1;
 }
 
+void ScriptedServer::Connection::waitUntilRead() {
+    sockaddr_in own{};
+    sockaddr_in client{};
+    socklen_t size = sizeof own;
+    getsockname(mSocket, reinterpret_cast<sockaddr*>(&own), &size);
+    getpeername(mSocket, reinterpret_cast<sockaddr*>(&client), &size);
+    while (!mStopping && bytesWait(own, client)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 void ScriptedServer::Connection::waitForClient() {
     while (!mStopping) {
         char byte = 0;
@@ -100,6 +165,17 @@ void ScriptedServer::Connection::waitForClient() {
             return;
         }
     }
+}
+
+bool ScriptedServer::Connection::clientLeavesWithin(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (!mStopping && std::chrono::steady_clock::now() < end) {
+        char byte = 0;
+        if (readable(mSocket) && recv(mSocket, &byte, 1, 0) <= 0) {
+            return true;
+        }
+    }
+    return mStopping;
 }
 
 ScriptedServer::ScriptedServer(const Options& options, Script script)
@@ -114,12 +190,20 @@ ScriptedServer::ScriptedServer(const Options& options, Script script)
         SSL_CTX_set_min_proto_version(mContext, TLS1_VERSION);
         SSL_CTX_set_max_proto_version(mContext, options.highestProtocol);
     }
+    if (options.http2) {
+        SSL_CTX_set_alpn_select_cb(mContext, chooseHttp2, nullptr);
+    }
+    const int on = 1;
+    setsockopt(mListener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(options.port));
     socklen_t size = sizeof address;
-    bind(mListener, reinterpret_cast<sockaddr*>(&address), size);
-    listen(mListener, 128);
+    if (bind(mListener, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(mListener, 128) != 0) {
+        std::perror("scripted server");
+        std::abort();
+    }
     getsockname(mListener, reinterpret_cast<sockaddr*>(&address), &size);
     mPort = ntohs(address.sin_port);
     mAcceptor = std::thread([this] { acceptAll(); });
@@ -128,8 +212,8 @@ ScriptedServer::ScriptedServer(const Options& options, Script script)
 ScriptedServer::~ScriptedServer() {
     mStopping = true;
     mAcceptor.join();
-    for (std::thread& connection : mConnections) {
-        connection.join();
+    for (Running& connection : mConnections) {
+        connection.thread.join();
     }
     close(mListener);
     SSL_CTX_free(mContext);
@@ -154,9 +238,21 @@ void ScriptedServer::acceptAll() {
             continue;
         }
         ++mAccepted;
-        mConnections.emplace_back([this, accepted] {
-            Connection connection(accepted, mContext, mStopping);
-            mScript(connection);
+        // A thread that has ended keeps its stack until it is joined.
+        mConnections.remove_if([](Running& connection) {
+            if (connection.ended) {
+                connection.thread.join();
+                return true;
+            }
+            return false;
+        });
+        Running& running = mConnections.emplace_back();
+        running.thread = std::thread([this, accepted, &running] {
+            {
+                Connection connection(accepted, mContext, mStopping);
+                mScript(connection);
+            }
+            running.ended = true;
         });
     }
 }

@@ -7,10 +7,11 @@
 #include <openssl/ssl.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
+#include <list>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "TestCertificates.h"
 
@@ -28,10 +29,15 @@ public:
         bool handshake();
         // The next request, head and body; empty when the client has gone.
         std::string readRequest();
+        // What comes next, one byte at least; empty when the client has gone.
+        std::string read();
         void write(const std::string& bytes);
+        std::string readPlain();                    // what comes next, past TLS
         void writePlain(const std::string& bytes);  // past TLS
         void reset();                               // RST instead of an orderly end
+        void waitUntilRead();                       // until the client has taken over all that was written
         void waitForClient();                       // until the client closes, or the server stops
+        bool clientLeavesWithin(std::chrono::milliseconds time);  // as waitForClient, but no longer than that
 
     private:
         int mSocket;
@@ -44,9 +50,11 @@ public:
     struct Options {
         CertificateFault fault = CertificateFault::kNone;
         int highestProtocol = 0;  // TLS1_1_VERSION, …; 0 for the library's highest
+        bool http2 = false;       // what is agreed upon in the handshake; the script has to speak it
+        int port = 0;             // 0 for a free one
     };
 
-    // Listens on a free port; each connection runs `script` on a thread of its own, after no handshake.
+    // Listens; each connection runs `script` on a thread of its own, after no handshake.
     explicit ScriptedServer(Script script) : ScriptedServer(Options(), std::move(script)) {}
     ScriptedServer(const Options& options, Script script);
     ~ScriptedServer();
@@ -58,6 +66,11 @@ public:
     int accepted() const { return mAccepted; }
 
 private:
+    struct Running {
+        std::atomic<bool> ended{false};
+        std::thread thread;
+    };
+
     void acceptAll();
 
     const Script mScript;
@@ -67,7 +80,7 @@ private:
     int mPort = 0;
     std::atomic<int> mAccepted{0};
     std::atomic<bool> mStopping{false};
-    std::vector<std::thread> mConnections;
+    std::list<Running> mConnections;  // the acceptor's while it runs
     std::thread mAcceptor;
 };
 

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "FreePort.h"
 #include "Room.h"
 #include "TestCertificates.h"
 #include "base/ServiceAddress.h"

@@ -58,19 +58,29 @@ TestCertificate make(const Wanted& wanted, const TestCertificate* authority) {
     return made;
 }
 
+template <class Writer>
+std::string written(Writer write) {
+    BIO* bio = BIO_new(BIO_s_mem());
+    write(bio);
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio, &data);
+    std::string text(data, static_cast<size_t>(size));
+    BIO_free(bio);
+    return text;
+}
+
 constexpr long kDay = 24 * 60 * 60;
 constexpr const char* kLoopback = "DNS:localhost,IP:127.0.0.1";
 
 }  // namespace
 
 std::string TestCertificate::pem() const {
-    BIO* bio = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(bio, certificate.get());
-    char* data = nullptr;
-    const long size = BIO_get_mem_data(bio, &data);
-    std::string text(data, static_cast<size_t>(size));
-    BIO_free(bio);
-    return text;
+    return written([this](BIO* bio) { PEM_write_bio_X509(bio, certificate.get()); });
+}
+
+std::string TestCertificate::keyPem() const {
+    return written(
+        [this](BIO* bio) { PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
 }
 
 const TestCertificate& testAuthority() {

@@ -14,6 +14,7 @@ struct TestCertificate {
     std::shared_ptr<X509> certificate;
 
     std::string pem() const;
+    std::string keyPem() const;
 };
 
 // The authority that the tests trust; the same at every call.

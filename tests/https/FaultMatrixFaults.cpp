@@ -1,0 +1,477 @@
+// The rows: what strikes, and what it must come to.
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <utility>
+
+#include "FaultMatrix.h"
+#include "FaultMatrixHttp2.h"
+#include "FaultMatrixNginx.h"
+#include "base/CVexaHttpSendRecv.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Connection = ScriptedServer::Connection;
+using Strike = std::function<void(Stage&)>;
+
+constexpr int kTries = 11;
+constexpr int kTriesOfLibrary = 6;          // of a request that the server says it has not begun
+constexpr size_t kLimit = size_t{1} << 20;  // of an answer
+const std::string kWell = R"({"code":0,"message":"ok"})";
+const std::string kPage = "<html><body>not what was asked for</body></html>";
+const std::string kHalf = R"({"code":0,"mess)";
+const std::string kHeadOfWell = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kWell.size()) + "\r\n\r\n";
+const std::string kGzipOfWell(
+    "\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\x03\xab\x56\x4a\xce\x4f\x49\x55\xb2\x32\xd0\x51\xca\x4d"
+    "\x2d\x2e\x4e\x4c\x07\xb2\x95\xf2\xb3\x95\x6a\x01\x71\xdb\x33\xee\x19\x00\x00\x00",
+    43);
+
+// ---- What the adapter gets ------------------------------------------------------------------------------------------
+
+std::vector<Answered> once(int retCode, const std::string& response) {
+    return {{retCode, response}};
+}
+
+std::vector<Answered> always(int retCode, const std::string& response) {
+    return std::vector<Answered>(kTries, Answered{retCode, response});
+}
+
+std::vector<Answered> refusedByLibrary(CURLcode reason) {
+    return once(CVexaHttpSendRecv::kLibraryBase + reason,
+                std::string(R"({"transportError":")") + curl_easy_strerror(reason) + "\"}");
+}
+
+// ---- What the server does -------------------------------------------------------------------------------------------
+
+using OnRequest = std::function<bool(Connection&)>;  // false: the connection ends, in TCP's good order
+
+Strike onRequest(OnRequest answer) {
+    return [answer = std::move(answer)](Stage& stage) {
+        stage.serve([answer, &stage](Connection& connection) {
+            if (connection.handshake()) {
+                while (!stage.readRequest(connection).empty() && answer(connection)) {
+                }
+            }
+        });
+    };
+}
+
+Strike answer(const std::string& bytes) {
+    return onRequest([bytes](Connection& connection) {
+        connection.write(bytes);
+        return true;
+    });
+}
+
+Strike status(int number, const std::string& headers = "") {
+    return answer(httpAnswer(number, kPage, headers));
+}
+
+Strike resetAfter(const std::string& bytes) {
+    return onRequest([bytes](Connection& connection) {
+        connection.write(bytes);
+        connection.waitUntilRead();
+        connection.reset();
+        return false;
+    });
+}
+
+Strike closeAfter(const std::string& bytes) {
+    return onRequest([bytes](Connection& connection) {
+        connection.write(bytes);
+        return false;
+    });
+}
+
+Strike silentAfter(const std::string& bytes) {
+    return onRequest([bytes](Connection& connection) {
+        connection.write(bytes);
+        connection.waitForClient();
+        return false;
+    });
+}
+
+// Time-outs are a tenth of what a host would leave them at, and so is a second.
+Strike byteBySecond(const std::string& bytes) {
+    return onRequest([bytes](Connection& connection) {
+        for (const char byte : bytes) {
+            connection.write(std::string(1, byte));
+            if (connection.clientLeavesWithin(100ms)) {
+                return false;
+            }
+        }
+        return true;
+    });
+}
+
+Strike connect(const ScriptedServer::Script& script) {
+    return [script](Stage& stage) { stage.serve(script); };
+}
+
+Strike certificate(CertificateFault fault) {
+    return [fault](Stage& stage) { stage.serve({fault}, answering(httpAnswer(200, kWell))); };
+}
+
+void speakAnOldProtocol(Stage& stage) {
+    stage.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpAnswer(200, kWell)));
+}
+
+// Half a record of the server's part.
+void cutTheHandshake(Connection& connection) {
+    connection.readPlain();
+    connection.writePlain("\x16\x03\x03");
+}
+
+void resetTheHandshake(Connection& connection) {
+    connection.readPlain();
+    connection.reset();
+}
+
+Strike http2Answer(std::function<void(Connection&, uint32_t stream)> answer, bool isGoneThen = false) {
+    return [answer = std::move(answer), isGoneThen](Stage& stage) {
+        ScriptedServer::Options options;
+        options.http2 = true;
+        stage.serve(options, http2::answering([answer, isGoneThen, &stage](Connection& connection, uint32_t stream) {
+                        stage.countUnseen();
+                        answer(connection, stream);
+                        return !isGoneThen;
+                    }));
+    };
+}
+
+// The first connection that brings a request is dead from then on, though nobody closes it. A client numbers the
+// streams of each connection from 1.
+void fallSilentOnTheFirstConnection(Stage& stage) {
+    const auto requests = std::make_shared<std::atomic<int>>(0);
+    http2Answer([requests](Connection& connection, uint32_t stream) {
+        if (++*requests > 1 && stream == 1) {
+            connection.write(http2::okHead(stream) + http2::body(stream, kWell, true));
+        }
+    })(stage);
+}
+
+// ---- What the network does ------------------------------------------------------------------------------------------
+
+void refuse(Stage& stage) {
+    stage.serveNobody();
+}
+
+// The connection that was kept is closed in time to be seen.
+void loseTheAddress(Stage& stage) {
+    stage.serveNobody();
+    takeLoopbackAddress();
+}
+
+void loseEverything(Stage& stage) {
+    stage.serveNobody();
+    takeLoopbackDown();
+}
+
+// A listener whose queue is full: what knocks is not heard.
+class FullQueue {
+public:
+    explicit FullQueue(int port) {
+        const int on = 1;
+        setsockopt(mListener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        const auto* where = reinterpret_cast<const sockaddr*>(&address);
+        if (bind(mListener, where, sizeof address) != 0 || listen(mListener, 0) != 0 ||
+            ::connect(mOnlyPlace, where, sizeof address) != 0) {
+            ADD_FAILURE() << "no full queue";
+        }
+    }
+    ~FullQueue() {
+        close(mOnlyPlace);
+        close(mListener);
+    }
+    FullQueue(const FullQueue&) = delete;
+    FullQueue& operator=(const FullQueue&) = delete;
+
+private:
+    const int mListener = socket(AF_INET, SOCK_STREAM, 0);
+    const int mOnlyPlace = socket(AF_INET, SOCK_STREAM, 0);
+};
+
+void letNobodyIn(Stage& stage) {
+    stage.serveNobody();
+    stage.keep(std::make_shared<FullQueue>(stage.port()));
+}
+
+// ---- Servers that come and go ---------------------------------------------------------------------------------------
+
+void restartBetweenTwoSends(Stage& stage) {
+    answer(httpAnswer(200, kWell))(stage);
+}
+
+// In mid-request; one send finds nobody, the next one the new server.
+void restartWithARequestInHand(Stage& stage) {
+    resetAfter("")(stage);
+    stage.hold(2);
+    stage.meanwhile([&stage] {
+        stage.awaitAnswer(1);
+        stage.serveNobody();
+        stage.pass();
+        stage.awaitAnswer(2);
+        answer(httpAnswer(200, kWell))(stage);
+        stage.pass();
+    });
+}
+
+// A request of the kind under test stays with the server behind nginx until it is let go.
+struct BehindNginx {
+    explicit BehindNginx(Stage& stage)
+        : server([this, &stage](Connection& connection) {
+              if (!connection.handshake()) {
+                  return;
+              }
+              for (;;) {
+                  const std::string request = connection.readRequest();
+                  if (request.empty()) {
+                      return;
+                  }
+                  if (request.find(std::string("/") + Load::kInterfaceName + " ") == std::string::npos) {
+                      stage.count(request);
+                      arrived.add(true);
+                      letGo.waitFor(1);
+                  }
+                  connection.write(httpAnswer(200, kWell));
+              }
+          }) {
+        stage.serveNobody();
+        nginx = std::make_unique<Nginx>(stage.port(), server.port());
+        load = std::make_unique<Load>(stage.port());
+        load->awaitAnswers(100);
+    }
+
+    ~BehindNginx() {
+        const Load::Books books = load->end();
+        EXPECT_EQ(books.sent, books.told());
+        EXPECT_EQ(0u, books.answeredBadly);
+        EXPECT_GE(books.answered, 200u);
+        std::printf("load: %zu sent, %zu answered, %zu told to try again\n", books.sent, books.answered, books.lost);
+    }
+
+    Journal<bool> arrived;
+    Journal<bool> letGo;
+    ScriptedServer server;
+    std::unique_ptr<Nginx> nginx;
+    std::unique_ptr<Load> load;
+};
+
+// Null where there is no nginx.
+BehindNginx* serveBehindNginx(Stage& stage) {
+    if (!Nginx::isThere()) {
+        stage.skip("no nginx on this machine");
+        return nullptr;
+    }
+    const auto scene = std::make_shared<BehindNginx>(stage);
+    stage.keep(scene);
+    return scene.get();
+}
+
+void reloadNginx(Stage& stage) {
+    if (BehindNginx* scene = serveBehindNginx(stage)) {
+        stage.meanwhile([scene] {
+            scene->arrived.waitFor(1);
+            scene->nginx->reload();
+            scene->load->awaitAnswers(100);
+            scene->letGo.add(true);
+        });
+    }
+}
+
+void killNginx(Stage& stage) {
+    if (BehindNginx* scene = serveBehindNginx(stage)) {
+        stage.hold(1);
+        stage.meanwhile([scene, &stage] {
+            scene->arrived.waitFor(1);
+            scene->nginx->killAll();
+            scene->letGo.add(true);
+            stage.awaitAnswer(1);
+            scene->nginx->start();
+            scene->load->awaitAnswers(100);
+            stage.pass();
+        });
+    }
+}
+
+// ---- The table ------------------------------------------------------------------------------------------------------
+
+Fault in(Fault::Where where, Fault fault) {
+    fault.where = where;
+    return fault;
+}
+
+Fault connectingWithin(std::chrono::milliseconds time, Fault fault) {
+    fault.connectTimeout = time;
+    return fault;
+}
+
+Fault endingWithin(std::chrono::milliseconds time, Fault fault) {
+    fault.totalTimeout = time;
+    return fault;
+}
+
+std::vector<Fault> makeFaults() {
+    const std::vector<Answered> lost = always(1, "");
+    const std::vector<Answered> well = once(0, kWell);
+    const std::vector<Answered> untrusted = refusedByLibrary(CURLE_PEER_FAILED_VERIFICATION);
+    const std::string json404 = R"({"code":0,"message":"moved away"})";
+    const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+
+    // name, words, what strikes, what the adapter gets, what the listener is told, requests that reach a server
+    return {
+        // The way there.
+        connectingWithin(
+            1s, in(Fault::kNoName, {"NameNotResolved", "the name is not resolved", refuse, lost, Told::kTransport, 0})),
+        {"Refused", "the connection is refused", refuse, lost, Told::kTransport, 0},
+        in(Fault::kNetworkOfItsOwn,
+           {"Unreachable", "the network knows no way to the address", loseTheAddress, lost, Told::kTransport, 0}),
+        connectingWithin(1s, in(Fault::kNetworkOfItsOwn, {"Blackholed", "what is sent to the address is lost: time-out",
+                                                          loseEverything, lost, Told::kTransport, 0})),
+        endingWithin(1s, in(Fault::kNetworkOfItsOwn,
+                            {"BlackholedWhileConnected", "the same on a connection that is open: time-out",
+                             [](Stage&) { takeLoopbackDown(); }, lost, Told::kTransport, 0})),
+        connectingWithin(1s, {"ConnectTimeout", "the server accepts no connection: time-out", letNobodyIn, lost,
+                              Told::kTransport, 0}),
+
+        // TLS.
+        {"CertificateExpired", "the certificate is out of date", certificate(CertificateFault::kExpired), untrusted,
+         Told::kTransport, 0},
+        {"CertificateSelfSigned", "the certificate is signed by itself", certificate(CertificateFault::kSelfSigned),
+         untrusted, Told::kTransport, 0},
+        {"CertificateOfAnotherHost", "the certificate is another host's", certificate(CertificateFault::kOtherHost),
+         untrusted, Told::kTransport, 0},
+        {"CertificateOfUnknownAuthority", "the certificate's authority is unknown",
+         certificate(CertificateFault::kUnknownAuthority), untrusted, Told::kTransport, 0},
+        {"ProtocolTooOld", "the server speaks nothing newer than TLS 1.1", speakAnOldProtocol,
+         refusedByLibrary(CURLE_SSL_CONNECT_ERROR), Told::kTransport, 0},
+        {"HandshakeCutOff", "closed inside the handshake", connect(cutTheHandshake), lost, Told::kTransport, 0},
+        {"HandshakeReset", "reset inside the handshake", connect(resetTheHandshake), lost, Told::kTransport, 0},
+        connectingWithin(
+            1s, {"HandshakeTimeout", "the server is silent inside the handshake: time-out",
+                 connect([](Connection& connection) { connection.waitForClient(); }), lost, Told::kTransport, 0}),
+
+        // The connection.
+        {"ResetBeforeHeader", "reset before the header", resetAfter(""), lost, Told::kTransport, kTries},
+        {"ClosedBeforeHeader", "closed before the header", closeAfter(""), lost, Told::kTransport, kTries},
+        {"ResetInsideHeader", "reset inside the header", resetAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost,
+         Told::kTransport, kTries},
+        {"ClosedInsideHeader", "closed inside the header", closeAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost,
+         Told::kTransport, kTries},
+        {"ResetAfterHeader", "reset after the header", resetAfter(kHeadOfWell), lost, Told::kTransport, kTries},
+        {"ResetInsideBody", "reset inside the body", resetAfter(kHeadOfWell + kHalf), always(1, kHalf),
+         Told::kTransport, kTries},
+        {"LengthNotKept", "closed before the promised length", closeAfter(kHeadOfWell + kHalf), always(1, kHalf),
+         Told::kTransport, kTries},
+        {"ChunkingBroken", "a chunk that has no length", answer(chunked + "f\r\n" + kHalf + "\r\nno length\r\n"),
+         always(1, kHalf), Told::kTransport, kTries},
+        endingWithin(1s, {"TimeoutBeforeFirstByte", "no byte of an answer: time-out", silentAfter(""), lost,
+                          Told::kTransport, kTries}),
+        endingWithin(2s, {"TimeoutInsideBody", "silence inside the body: time-out", silentAfter(kHeadOfWell + kHalf),
+                          always(1, kHalf), Told::kTransport, kTries}),
+        endingWithin(1s, {"ByteASecond", "a byte a second: time-out", byteBySecond(httpAnswer(200, kWell)), lost,
+                          Told::kTransport, kTries}),
+        {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, well,
+         Told::kSuccess, 1},
+        {"RestartedWithARequestInHand",
+         "the server dies with the request, is gone for one send, and is back",
+         restartWithARequestInHand,
+         {{1, ""}, {1, ""}, {0, kWell}},
+         Told::kSuccess,
+         2},
+
+        // The answer.
+        {"Informational", "a 103 before the answer",
+         answer("HTTP/1.1 103 Early Hints\r\n\r\n" + httpAnswer(200, kWell)), well, Told::kSuccess, 1},
+        {"InformationalOnly", "a 103 and no answer", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost,
+         Told::kTransport, kTries},
+        {"Status204", "204", answer("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), Told::kEmpty, kTries},
+        {"Status301", "301 to another host, with a page", status(301, "Location: https://elsewhere.invalid/\r\n"),
+         always(301, kPage), Told::kTransport, kTries},
+        {"Status401", "401 with a page", status(401), always(401, kPage), Told::kTransport, kTries},
+        {"Status404", "404 with a page", status(404), always(404, kPage), Told::kTransport, kTries},
+        {"Status404Json", "404 with JSON", answer(httpAnswer(404, json404)), once(404, json404), Told::kTransport, 1},
+        {"Status408", "408", status(408), always(1, kPage), Told::kTransport, kTries},
+        {"Status425", "425", status(425), always(1, kPage), Told::kTransport, kTries},
+        {"Status429", "429", status(429), always(1, kPage), Told::kTransport, kTries},
+        {"Status500", "500", status(500), always(1, kPage), Told::kTransport, kTries},
+        {"Status502", "502", status(502), always(1, kPage), Told::kTransport, kTries},
+        {"Status503", "503", status(503), always(1, kPage), Told::kTransport, kTries},
+        {"Status504", "504", status(504), always(1, kPage), Told::kTransport, kTries},
+        {"Empty", "an empty answer", answer(httpAnswer(200, "")), always(0, ""), Told::kEmpty, kTries},
+        {"NotJson", "an answer that is not JSON", status(200), always(0, kPage), Told::kUnreadable, kTries},
+        {"Gzip", "an answer packed with gzip", answer(httpAnswer(200, kGzipOfWell, "Content-Encoding: gzip\r\n")),
+         always(0, kGzipOfWell), Told::kUnreadable, kTries},
+        {"OverTheLimit", "an answer announced longer than the limit",
+         answer(httpAnswer(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED),
+         Told::kTransport, 1},
+        {"OverTheLimitInChunks", "an answer that grows beyond the limit",
+         answer(chunked + "100001\r\n" + std::string(kLimit + 1, 'x') + "\r\n0\r\n\r\n"),
+         refusedByLibrary(CURLE_FILESIZE_EXCEEDED), Told::kTransport, 1},
+        {"ServerRefuses", "a code of the service", answer(httpAnswer(200, R"({"code":-77,"message":"no such app"})")),
+         once(0, R"({"code":-77,"message":"no such app"})"), Told::kServerCode, 1},
+        {"NoCode", "JSON without a code", answer(httpAnswer(200, "{}")), once(0, "{}"), Told::kNothing, 1},
+
+        // HTTP/2.
+        {"Http2StreamReset", "HTTP/2: RST_STREAM before the header",
+         http2Answer([](Connection& connection, uint32_t stream) {
+             connection.write(http2::resetStream(stream, http2::kInternalError));
+         }),
+         lost, Told::kTransport, kTries},
+        {"Http2StreamRefused", "HTTP/2: RST_STREAM that refuses the request",
+         http2Answer([](Connection& connection, uint32_t stream) {
+             connection.write(http2::resetStream(stream, http2::kRefusedStream));
+         }),
+         lost, Told::kTransport, kTries * kTriesOfLibrary},
+        {"Http2StreamResetInsideBody", "HTTP/2: RST_STREAM inside the body",
+         http2Answer([](Connection& connection, uint32_t stream) {
+             connection.write(http2::okHead(stream) + http2::body(stream, kHalf, false));
+             connection.waitUntilRead();
+             connection.write(http2::resetStream(stream, http2::kInternalError));
+         }),
+         always(1, kHalf), Told::kTransport, kTries},
+        {"Http2GoAwayBeforeAnswer", "HTTP/2: GOAWAY that leaves the request out",
+         http2Answer([](Connection& connection, uint32_t) { connection.write(http2::goAway(0, http2::kNoError)); },
+                     true),
+         lost, Told::kTransport, kTries},
+        {"Http2GoAwayAndAnswer", "HTTP/2: GOAWAY that lets the request be answered",
+         http2Answer([](Connection& connection, uint32_t stream) {
+             connection.write(http2::goAway(stream, http2::kNoError) + http2::okHead(stream) +
+                              http2::body(stream, kWell, true));
+         }),
+         well, Told::kSuccess, 1},
+        endingWithin(3s, {"Http2ConnectionDead",
+                          "HTTP/2: a connection that is dead and not closed: time-out",
+                          fallSilentOnTheFirstConnection,
+                          {{1, ""}, {0, kWell}},
+                          Told::kSuccess,
+                          2}),
+        {"NginxReloaded", "HTTP/2: nginx reloads under load, with the request in hand", reloadNginx, well,
+         Told::kSuccess, 1},
+        {"NginxKilled",
+         "HTTP/2: nginx is killed under load with the request in hand, and started again",
+         killNginx,
+         {{1, ""}, {0, kWell}},
+         Told::kSuccess,
+         2},
+    };
+}
+
+}  // namespace
+
+const std::vector<Fault>& faults() {
+    static const std::vector<Fault> all = makeFaults();
+    return all;
+}

@@ -1,0 +1,29 @@
+// A server's side of HTTP/2, as much of it as a fault needs.
+
+#ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_HTTP2_H
+#define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_HTTP2_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "ScriptedServer.h"
+
+namespace http2 {
+
+constexpr uint32_t kNoError = 0;
+constexpr uint32_t kInternalError = 2;
+constexpr uint32_t kRefusedStream = 7;
+
+// Frames.
+std::string okHead(uint32_t stream);  // status 200, and a body to come
+std::string body(uint32_t stream, const std::string& text, bool isLast);
+std::string resetStream(uint32_t stream, uint32_t error);
+std::string goAway(uint32_t lastStream, uint32_t error);
+
+// Handshakes, then calls `answer` for each request that has come whole. A false one ends the connection.
+ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection& connection, uint32_t stream)> answer);
+
+}  // namespace http2
+
+#endif

@@ -1,0 +1,102 @@
+#include "FaultMatrixStage.h"
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+Stage::Stage(int port, const std::string& interfaceName, std::function<bool(const std::string&)> isExpected)
+    : mPort(port), mIsExpected(std::move(isExpected)) {
+    mExchanges->interfaceName = interfaceName;
+    vexalive::setHttpObserver(
+        [exchanges = mExchanges](const vexalive::HttpExchange& exchange) { exchanges->observe(exchange); });
+}
+
+Stage::~Stage() {
+    vexalive::setHttpObserver(nullptr);
+}
+
+void Stage::serve(ScriptedServer::Options options, ScriptedServer::Script script) {
+    mServer.reset();
+    options.port = mPort;
+    mServer = std::make_unique<ScriptedServer>(options, std::move(script));
+}
+
+void Stage::serveNobody() {
+    mServer.reset();
+}
+
+void Stage::playMeanwhile() {
+    if (mMeanwhile) {
+        mMeanwhile();
+    }
+}
+
+std::string Stage::readRequest(Connection& connection) {
+    std::string request = connection.readRequest();
+    if (!request.empty()) {
+        count(request);
+    }
+    return request;
+}
+
+void Stage::count(const std::string& request) {
+    ++(mIsExpected(request) ? mRequests : mStrangers);
+}
+
+void Stage::Exchanges::observe(const vexalive::HttpExchange& exchange) {
+    if (exchange.interfaceName != interfaceName) {
+        return;
+    }
+    if (exchange.phase == vexalive::HttpExchange::kStarted) {
+        sends.add(std::string(exchange.body));
+    } else if (exchange.phase == vexalive::HttpExchange::kAnswered && toHold > 0) {
+        --toHold;
+        held.add(true);
+        passed.waitFor(held.all().size());
+    }
+}
+
+// ---- A network of its own -------------------------------------------------------------------------------------------
+
+namespace {
+
+void configureLoopback(unsigned long what, ifreq request) {
+    std::strcpy(request.ifr_name, "lo");
+    const int control = socket(AF_INET, SOCK_DGRAM, 0);
+    if (ioctl(control, what, &request) != 0) {
+        std::perror("loopback of the network namespace");
+        std::abort();
+    }
+    close(control);
+}
+
+}  // namespace
+
+std::string enterNetworkOfItsOwn() {
+    if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
+        return std::string("no network namespace is to be had here: ") + std::strerror(errno);
+    }
+    ifreq request{};
+    request.ifr_flags = IFF_UP;
+    configureLoopback(SIOCSIFFLAGS, request);
+    return {};
+}
+
+void takeLoopbackDown() {
+    configureLoopback(SIOCSIFFLAGS, {});
+}
+
+void takeLoopbackAddress() {
+    ifreq request{};
+    request.ifr_addr.sa_family = AF_INET;  // 0.0.0.0
+    configureLoopback(SIOCSIFADDR, request);
+}

@@ -1,0 +1,88 @@
+// Where a cell of the fault matrix plays: the server on the one port that the adapter knows, and the way of the
+// answers.
+
+#ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_STAGE_H
+#define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_STAGE_H
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Room.h"
+#include "ScriptedServer.h"
+#include "platform/Platform.h"
+
+class Stage {
+public:
+    using Connection = ScriptedServer::Connection;
+
+    // `isExpected` tells a request of the kind under test.
+    Stage(int port, const std::string& interfaceName, std::function<bool(const std::string& request)> isExpected);
+    ~Stage();
+    Stage(const Stage&) = delete;
+    Stage& operator=(const Stage&) = delete;
+
+    int port() const { return mPort; }
+
+    // The server from now on, in place of the one before, whose connections end.
+    void serve(ScriptedServer::Script script) { serve({}, std::move(script)); }
+    void serve(ScriptedServer::Options options, ScriptedServer::Script script);
+    void serveNobody();
+
+    // Lives until the cell is over.
+    void keep(std::shared_ptr<void> thing) { mKept.push_back(std::move(thing)); }
+
+    // The cell cannot be played on this machine.
+    void skip(const std::string& reason) { mReasonToSkip = reason; }
+    const std::string& reasonToSkip() const { return mReasonToSkip; }
+
+    // Done once the operation has been called.
+    void meanwhile(std::function<void()> action) { mMeanwhile = std::move(action); }
+    void playMeanwhile();
+
+    // Holds up the next so many answers on their way to the adapter, until `pass` lets one go.
+    void hold(int answers) { mExchanges->toHold = answers; }
+    void awaitAnswer(size_t number) { mExchanges->held.waitFor(number); }  // counted from the first one that is held
+    void pass() { mExchanges->passed.add(true); }
+
+    // Requests that came whole: counted where the server reads them.
+    std::string readRequest(Connection& connection);
+    void count(const std::string& request);
+    void countUnseen() { ++mRequests; }
+    int requests() const { return mRequests; }
+    int strangers() const { return mStrangers; }
+
+    // The bodies of the kind's sends, as the adapter made them.
+    std::vector<std::string> sends() const { return mExchanges->sends.all(); }
+
+private:
+    // Of the kind under test. Shared with the observer, of which a last call may outlive the stage.
+    struct Exchanges {
+        std::string interfaceName;
+        std::atomic<int> toHold{0};
+        Journal<std::string> sends;
+        Journal<bool> held;
+        Journal<bool> passed;
+
+        void observe(const vexalive::HttpExchange& exchange);
+    };
+
+    const int mPort;
+    const std::shared_ptr<Exchanges> mExchanges = std::make_shared<Exchanges>();
+    const std::function<bool(const std::string&)> mIsExpected;
+    std::string mReasonToSkip;
+    std::function<void()> mMeanwhile;
+    std::atomic<int> mRequests{0};
+    std::atomic<int> mStrangers{0};
+    std::unique_ptr<ScriptedServer> mServer;
+    std::vector<std::shared_ptr<void>> mKept;
+};
+
+// A network namespace for this thread and those it starts, with nothing in it but loopback. Returns what hindered it.
+std::string enterNetworkOfItsOwn();
+void takeLoopbackDown();     // what is sent is lost
+void takeLoopbackAddress();  // the network says at once that there is no way
+
+#endif
