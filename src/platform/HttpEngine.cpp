@@ -1,8 +1,11 @@
 #include "platform/HttpEngine.h"
 
+#include <openssl/err.h>
+#include <openssl/x509_vfy.h>
 #include <pthread.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -86,6 +89,17 @@ int returnCodeOfFailure(CURLcode result, const char* detail) {
         default:
             return CVexaHttpSendRecv::kLibraryBase + result;
     }
+}
+
+// Whether authorities that could not be read a moment ago can be read now, or lack nothing but a descriptor.
+bool lackedDescriptor(const std::string& caFile) {
+    const char* file = caFile.empty() ? curl_version_info(CURLVERSION_NOW)->cainfo : caFile.c_str();
+    const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), &X509_STORE_free);
+    errno = 0;
+    const bool isRead = file && store && X509_STORE_load_file(store.get(), file) == 1;
+    const bool lacksDescriptor = errno == EMFILE || errno == ENFILE;
+    ERR_clear_error();
+    return isRead || lacksDescriptor;
 }
 
 // A readable answer in place of the one that never came: the adapter retries what it cannot read. Shows no address.
@@ -347,6 +361,8 @@ void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
         result = CURLE_FILESIZE_EXCEEDED;
     } else if (result == CURLE_OK && !exchange->headEnded) {
         result = CURLE_GOT_NOTHING;
+    } else if (result == CURLE_SSL_CACERT_BADFILE && lackedDescriptor(mOptions.caFile)) {
+        result = CURLE_COULDNT_CONNECT;
     }
     Answer answer = std::move(exchange->request->answer);
     if (result == CURLE_OK) {

@@ -1,0 +1,369 @@
+// Adapters used from several threads at once, called again from their listeners, and destroyed at any point: nothing is
+// told after an adapter's end, nothing is kept, every request is answered once, and what is asked for last is done.
+// Which of two calls supersedes the other is chance. Meant for ThreadSanitizer and AddressSanitizer above all.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../https/Room.h"
+#include "StressService.h"
+#include "platform/Platform.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// ---- Adapters whose end is watched ----------------------------------------------------------------------------------
+
+std::atomic<int> living{0};
+std::atomic<int> callsAfterTheEnd{0};
+
+class WatchingListener : public ILiveTrancodingDelegate {
+public:
+    void onStartPublishStreamUrl(int, std::string) override { told(); }
+    void onStopPublishStreamUrl(int, std::string) override { told(); }
+    void onSetLiveMixTranscoding(int, std::string) override { told(); }
+    void onStopLiveMixTranscoding(int, std::string) override { told(); }
+
+    std::function<void()> during;
+    std::atomic<int> calls{0};
+    std::atomic<bool> adapterIsGone{false};
+
+private:
+    void told() {
+        callsAfterTheEnd += adapterIsGone;
+        ++calls;
+        if (during) {
+            during();
+        }
+    }
+};
+
+using AdapterPointer = std::shared_ptr<LiveTranscodingAdapter>;
+
+// Whoever drops it last destroys it: its listener is told nothing from that moment on.
+AdapterPointer makeAdapter(const std::shared_ptr<WatchingListener>& listener, const std::string& userId) {
+    ++living;
+    const AdapterPointer adapter(new LiveTranscodingAdapter(),
+                                 [told = listener](LiveTranscodingAdapter* itself) mutable {
+                                     told->adapterIsGone = true;
+                                     delete itself;
+                                     told.reset();  // it may hold what keeps this function
+                                     --living;
+                                 });
+    adapter->setLiveTranscodingDelegate(listener);
+    adapter->updateUserInfo(1400, "signature", userId);
+    adapter->updateEnterRoomInfo("r1", "key");
+    return adapter;
+}
+
+void awaitNone(const std::atomic<int>& count) {
+    for (const auto patience = std::chrono::steady_clock::now() + kPatience;
+         count != 0 && std::chrono::steady_clock::now() < patience;) {
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+    EXPECT_EQ(0, count);
+}
+
+// ---- What every test looks at: each request is answered once, and nothing is left behind ----------------------------
+
+class Races : public testing::Test {
+protected:
+    Races() {
+        const char* given = std::getenv("VEXALIVE_SEED");
+        mSeed = given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
+        std::printf("VEXALIVE_SEED=%u\n", mSeed);
+        callsAfterTheEnd = 0;
+        vexalive::setHttpObserver([this](const vexalive::HttpExchange& exchange) {
+            happened();
+            const std::lock_guard<std::mutex> lock(mMutex);
+            int& phases = mPhases[exchange.id];
+            mMisplaced += phases != exchange.phase;
+            ++phases;
+            mOpen += exchange.phase == vexalive::HttpExchange::kStarted;
+            mOpen -= exchange.phase == vexalive::HttpExchange::kDelivered;
+        });
+        vexalive::setLogSink([this](auto&&...) { happened(); });
+        vexalive::setEventSink([this](const vexalive::EventReport& report) {
+            happened();
+            const std::lock_guard<std::mutex> lock(mMutex);
+            for (auto& [text, count] : mReportsWith) {
+                count += report.detail.find(text) != std::string::npos;
+            }
+        });
+    }
+
+    ~Races() override {
+        awaitNone(living);
+        awaitNone(mOpen);
+        vexalive::setHttpObserver(nullptr);
+        vexalive::setLogSink(nullptr);
+        vexalive::setEventSink(nullptr);
+        EXPECT_EQ(0, callsAfterTheEnd);
+        const std::lock_guard<std::mutex> lock(mMutex);
+        EXPECT_EQ(0, mMisplaced);
+        EXPECT_FALSE(mPhases.empty());
+    }
+
+    void happened() {
+        if (mLeft > 0 && --mLeft == 0) {
+            mAtLast();
+        }
+    }
+
+    int reportsWith(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mReportsWith[text];
+    }
+
+    unsigned mSeed;
+    std::atomic<int> mOpen{0};  // requests
+    std::atomic<int> mLeft{0};  // things to happen before mAtLast, once
+    std::function<void()> mAtLast;
+
+private:
+    std::mutex mMutex;
+    std::map<uint64_t, int> mPhases;  // seen of each request; they come in order, once
+    int mMisplaced = 0;
+    std::map<std::string, int> mReportsWith;
+};
+
+// Any of the operations. `number` tells one from another.
+void anyOperation(LiveTranscodingAdapter& adapter, const std::shared_ptr<WatchingListener>& listener,
+                  unsigned long dice) {
+    switch (dice % 16) {
+        case 0:
+        case 1:
+        case 2:
+            adapter.startPublishStreamUrl(relayParam());
+            break;
+        case 3:
+        case 4:
+            adapter.stopPublishStreamUrl();
+            break;
+        case 5:
+        case 6:
+        case 7:
+            adapter.setLiveMixTranscoding(mixConfig(1 + static_cast<int>(dice / 16 % 4)));
+            break;
+        case 8:
+        case 9:
+            adapter.stopLiveMixTranscoding();
+            break;
+        case 10:
+            adapter.startPublishStreamUrl({});
+            break;
+        case 11:
+            adapter.setLiveMixTranscoding({});
+            break;
+        case 12:
+            adapter.updateEnterRoomInfo("r1", "key");
+            break;
+        case 13:
+            adapter.setLiveTranscodingDelegate(listener);
+            break;
+        case 14:
+            adapter.clear();
+            break;
+        default:
+            adapter.resetInfo();
+            adapter.updateEnterRoomInfo("r1", "key");
+            break;
+    }
+}
+
+TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
+    struct Slot {
+        std::mutex mutex;
+        AdapterPointer adapter;
+        std::shared_ptr<WatchingListener> listener;
+    };
+    constexpr size_t kSlots = 16;
+    constexpr int kThreads = 4;
+    constexpr int kOperations = 1000;
+    std::vector<Slot> slots(kSlots);
+    std::atomic<unsigned> seed{mSeed};
+
+    const auto pick = [&](size_t index) {
+        const std::lock_guard<std::mutex> lock(slots[index].mutex);
+        return std::make_pair(slots[index].adapter, slots[index].listener);
+    };
+    const auto put = [&](size_t index, AdapterPointer adapter, std::shared_ptr<WatchingListener> listener) {
+        Slot& slot = slots[index];
+        const std::lock_guard<std::mutex> lock(slot.mutex);
+        slot.adapter.swap(adapter);
+        slot.listener.swap(listener);
+    };  // the old ones go here, or with whoever still uses them
+    std::atomic<int> reentered{0};
+    std::atomic<bool> isEnding{false};
+    const std::function<void(size_t)> replace = [&](size_t index) {
+        const auto listener = std::make_shared<WatchingListener>();
+        listener->during = [&, index] {
+            std::mt19937 random(++seed);
+            if (isEnding) {
+                return;
+            }
+            ++reentered;
+            const auto [adapter, itsListener] = pick(random() % 4 == 0 ? random() % kSlots : index);
+            if (adapter && random() % 3 != 0) {
+                anyOperation(*adapter, itsListener, random());
+            }
+            if (random() % 8 == 0) {
+                put(index, nullptr, nullptr);
+            }
+            if (random() % 16 == 0) {
+                std::this_thread::sleep_for(milliseconds(random() % 3));
+            }
+        };
+        put(index, makeAdapter(listener, "user" + std::to_string(index)), listener);
+    };
+
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            std::mt19937 random(++seed);
+            for (int n = 0; n < kOperations; ++n) {
+                const size_t index = random() % kSlots;
+                const auto [adapter, listener] = pick(index);
+                if (!adapter || random() % 32 == 0) {
+                    replace(index);
+                } else {
+                    anyOperation(*adapter, listener, random());
+                }
+                if (random() % 8 == 0) {
+                    std::this_thread::sleep_for(milliseconds(random() % 4));
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    isEnding = true;
+    for (size_t i = 0; i < kSlots; ++i) {
+        put(i, nullptr, nullptr);
+    }
+    awaitNone(living);
+    awaitNone(mOpen);
+    EXPECT_GT(reentered, 0);
+    std::printf("%d listener calls called again\n", reentered.load());
+}
+
+// Log lines, requests handed over, answers coming and told, reports, listener calls: dropped in each of them, on
+// whichever thread that is.
+TEST_F(Races, AnAdapterMayBeDroppedAtTheNthThingThatHappens) {
+    constexpr int kThings = 60;
+    std::mutex mutex;
+    AdapterPointer owner;
+    std::atomic<bool> isDropped{false};
+    mAtLast = [&] {
+        AdapterPointer dropped;  // goes after the lock
+        const std::lock_guard<std::mutex> lock(mutex);
+        dropped.swap(owner);
+        isDropped = true;
+    };
+    for (int n = 1; n <= kThings; ++n) {
+        const auto listener = std::make_shared<WatchingListener>();
+        AdapterPointer adapter = makeAdapter(listener, "u-dropped");
+        // Each call leads to the next, so that there is an nth thing.
+        listener->during = [this, calls = listener.get(), weak = std::weak_ptr<LiveTranscodingAdapter>(adapter)] {
+            happened();
+            if (const AdapterPointer itself = weak.lock()) {
+                anyOperation(*itself, nullptr, calls->calls % 2 == 0 ? 0 : 10);
+                anyOperation(*itself, nullptr, calls->calls % 4 == 0 ? 5 : 8);
+            }
+        };
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            owner = adapter;
+            isDropped = false;
+        }
+        mLeft = n;
+        adapter->startPublishStreamUrl(relayParam());
+        adapter->setLiveMixTranscoding(mixConfig());
+        adapter.reset();
+        for (const auto patience = std::chrono::steady_clock::now() + kPatience;
+             !isDropped && std::chrono::steady_clock::now() < patience;) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        EXPECT_TRUE(isDropped) << "after " << n << " things";
+        mLeft = 0;
+        mAtLast();
+        awaitNone(living);
+    }
+}
+
+TEST_F(Races, TheLastOfManyThreadsCallsIsCarriedOut) {
+    for (int round = 0; round < 20; ++round) {
+        const auto listener = std::make_shared<WatchingListener>();
+        const AdapterPointer adapter = makeAdapter(listener, "u-many");
+        std::vector<std::thread> threads;
+        for (unsigned i = 0; i < 4; ++i) {
+            threads.emplace_back([&, i] {
+                std::mt19937 random(mSeed + i);
+                for (int n = 0; n < 40; ++n) {
+                    anyOperation(*adapter, listener, random());
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        const std::string last = "rtmp://cdn.example/last/" + std::to_string(round);
+        EXPECT_EQ(0, reportsWith(last));
+        auto param = relayParam();
+        param.url = last;
+        adapter->setLiveTranscodingDelegate(listener);
+        adapter->updateEnterRoomInfo("r1", "key");
+        adapter->startPublishStreamUrl(param);
+        for (const auto patience = std::chrono::steady_clock::now() + kPatience;
+             reportsWith(last) == 0 && std::chrono::steady_clock::now() < patience;) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        EXPECT_EQ(1, reportsWith(last));
+    }
+}
+
+TEST_F(Races, AnAdapterCalledFromItsOwnListenerGoesOnForAsLongAsItIsCalled) {
+    constexpr int kCalls = 200;
+    const auto listener = std::make_shared<WatchingListener>();
+    AdapterPointer adapter = makeAdapter(listener, "u-reentered");
+    Journal<bool> done;
+    const std::weak_ptr<LiveTranscodingAdapter> weak = adapter;
+    listener->during = [&, weak] {
+        const int calls = listener->calls;
+        if (calls == kCalls) {
+            done.add(true);
+        } else if (const AdapterPointer itself = weak.lock()) {
+            calls % 3 == 0   ? itself->stopPublishStreamUrl()
+            : calls % 3 == 1 ? itself->startPublishStreamUrl(relayParam())
+                             : itself->startPublishStreamUrl({});
+        }
+    };
+    adapter->startPublishStreamUrl(relayParam());
+    EXPECT_FALSE(done.waitFor(1).empty());
+    adapter.reset();
+    awaitNone(living);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    const StressService service("random", std::random_device()());
+    vexalive::HttpOptions options;
+    options.caFile = service.caFile();
+    return vexalive::setHttpOptions(options) ? RUN_ALL_TESTS() : 1;
+}

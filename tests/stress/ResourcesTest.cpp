@@ -1,0 +1,239 @@
+// A process that runs out of descriptors, of threads, or of patience with a listener that blocks. Each test needs a
+// process of its own: the engine of the platform starts once.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../https/Room.h"
+#include "StressService.h"
+#include "ThreadRefusal.h"
+#include "base/CVexaHttpSendRecv.h"
+#include "platform/Platform.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+void trust(const StressService& service) {
+    vexalive::HttpOptions options;
+    options.caFile = service.caFile();
+    ASSERT_TRUE(vexalive::setHttpOptions(options));
+    vexalive::setLogSink([](auto&&...) {});
+    vexalive::setEventSink([](auto&&...) {});
+}
+
+// ---- Descriptors ----------------------------------------------------------------------------------------------------
+
+// All descriptors of the process but a few, until destroyed.
+class Hoard {
+public:
+    explicit Hoard(size_t left) {
+        getrlimit(RLIMIT_NOFILE, &mBefore);
+        rlimit tight = mBefore;
+        tight.rlim_cur = std::min<rlim_t>(128, mBefore.rlim_cur);
+        setrlimit(RLIMIT_NOFILE, &tight);
+        for (int taken = open("/dev/null", O_RDONLY); taken >= 0; taken = dup(mTaken.front())) {
+            mTaken.push_back(taken);
+        }
+        for (; left > 0 && !mTaken.empty(); --left) {
+            close(mTaken.back());
+            mTaken.pop_back();
+        }
+    }
+
+    ~Hoard() {
+        for (const int each : mTaken) {
+            close(each);
+        }
+        setrlimit(RLIMIT_NOFILE, &mBefore);
+    }
+
+private:
+    rlimit mBefore{};
+    std::vector<int> mTaken;
+};
+
+class Descriptors : public testing::TestWithParam<size_t> {};
+
+// The first request of the process finds so many descriptors free: it starts the engine, opens a socket, reads the
+// authorities.
+TEST_P(Descriptors, AFirstRequestThatFindsTooFewIsTriedAgainAndWorkResumesWithThem) {
+    const StressService service("good");
+    trust(service);
+    const auto retCodes = std::make_shared<Journal<int>>();
+    vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
+        if (exchange.phase == vexalive::HttpExchange::kAnswered) {
+            retCodes->add(exchange.retCode);
+        }
+    });
+    Member member("u-poor");
+    {
+        const Hoard hoard(GetParam());
+        member.adapter->startPublishStreamUrl(relayParam());
+        const std::vector<int> seen = retCodes->waitFor(1);
+        ASSERT_FALSE(seen.empty());
+        std::printf("with %zu descriptors left: retCode %d\n", GetParam(), seen[0]);
+        EXPECT_TRUE(seen[0] == CVexaHttpSendRecv::kAnswered || seen[0] == CVexaHttpSendRecv::kTryAgain);
+        if (seen[0] == CVexaHttpSendRecv::kTryAgain) {
+            EXPECT_EQ(CVexaHttpSendRecv::kTryAgain, retCodes->waitFor(2).back());
+        }
+    }
+    EXPECT_EQ((std::vector<Call>{{"startRelay", 0, "sucess"}}), member.listener->calls.waitFor(1));
+    vexalive::setHttpObserver(nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(Left, Descriptors, testing::Values(0, 1, 2, 3, 4, 5, 6));
+
+TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
+    const StressService service("good");
+    trust(service);
+    Member first("u-first");
+    first.adapter->startPublishStreamUrl(relayParam());
+    ASSERT_EQ(1u, first.listener->calls.waitFor(1).size());
+
+    const auto retCodes = std::make_shared<Journal<int>>();
+    vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
+        if (exchange.phase == vexalive::HttpExchange::kAnswered) {
+            retCodes->add(exchange.retCode);
+        }
+    });
+    constexpr size_t kMembers = 64;
+    std::vector<std::unique_ptr<Member>> members;
+    {
+        const Hoard hoard(2);
+        for (size_t i = 0; i < kMembers; ++i) {
+            members.push_back(std::make_unique<Member>("u-" + std::to_string(i)));
+            members.back()->adapter->startPublishStreamUrl(relayParam());
+        }
+        retCodes->waitFor(kMembers);
+    }
+    for (const auto& member : members) {
+        EXPECT_EQ((std::vector<Call>{{"startRelay", 0, "sucess"}}), member->listener->calls.waitFor(1));
+    }
+    const std::vector<int> seen = retCodes->all();
+    const auto triedAgain = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kTryAgain));
+    const auto answered = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kAnswered));
+    std::printf("%zd answered, %zd tried again\n", answered, triedAgain);
+    EXPECT_GT(triedAgain, 0);
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(seen.size()), answered + triedAgain);
+    vexalive::setHttpObserver(nullptr);
+}
+
+// ---- Threads --------------------------------------------------------------------------------------------------------
+
+// The adapter's first request, with so many threads to be had: its worker, the I/O thread, the delivery thread.
+void startWithThreads(int allowed) noexcept {
+    vexalive::setLogSink([](auto&&...) {});
+    const auto adapter = std::make_shared<LiveTranscodingAdapter>();
+    threadsAllowed = allowed;
+    adapter->updateUserInfo(1400, "signature", "u-threads");
+    adapter->updateEnterRoomInfo("r1", "key");
+    adapter->startPublishStreamUrl(relayParam());
+    std::this_thread::sleep_for(kPatience);  // ended by the death of the process
+}
+
+class ThreadsDeathTest : public testing::Test {
+protected:
+    ThreadsDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+};
+
+TEST_F(ThreadsDeathTest, AWorkerThatCannotBeStartedEndsTheProcess) {
+    EXPECT_EXIT(startWithThreads(0), testing::KilledBySignal(SIGABRT), "terminate called");
+}
+
+TEST_F(ThreadsDeathTest, AnIoThreadThatCannotBeStartedEndsTheProcess) {
+    EXPECT_EXIT(startWithThreads(1), testing::KilledBySignal(SIGABRT), "terminate called");
+}
+
+TEST_F(ThreadsDeathTest, AFirstDeliveryThreadThatCannotBeStartedEndsTheProcess) {
+    EXPECT_EXIT(startWithThreads(2), testing::KilledBySignal(SIGABRT), "terminate called");
+}
+
+// Once there is one delivery thread, want of another makes answers wait, no more.
+TEST(Threads, AnswersStillComeWhenNoFurtherDeliveryThreadCanBeStarted) {
+    const StressService service("good");
+    trust(service);
+    std::vector<std::unique_ptr<Member>> members;
+    for (int i = 0; i < 8; ++i) {
+        members.push_back(std::make_unique<Member>("u-" + std::to_string(i)));
+        members.back()->adapter->setLiveMixTranscoding({});  // refused; starts the worker
+        ASSERT_EQ(1u, members.back()->listener->calls.waitFor(1).size());
+    }
+    threadsAllowed = 2;  // I/O and the first delivery thread
+    for (const auto& member : members) {
+        member->adapter->startPublishStreamUrl(relayParam());
+    }
+    for (const auto& member : members) {
+        EXPECT_EQ((Call{"startRelay", 0, "sucess"}), member->listener->calls.waitFor(2).back());
+    }
+    EXPECT_EQ(0, threadsAllowed);
+    threadsAllowed = -1;
+}
+
+// ---- Memory ---------------------------------------------------------------------------------------------------------
+
+size_t residentBytes() {
+    size_t pages = 0;
+    size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+// What waits behind a callback that blocks: whole answers, as many as were asked for.
+TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsToldOnce) {
+    constexpr size_t kAnswers = 96;
+    constexpr size_t kAnswerBytes = (size_t{1} << 20) - 1;
+    const StressService service("large");
+    trust(service);
+    const std::string url =
+        "https://127.0.0.1:" + std::to_string(stressPort()) + "/v3/liveinterface/add_relay_stream_url?usersig=s";
+    const std::string text = "{}";
+    KstCopyOnWriteBuffer body(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+
+    Journal<size_t> sizes;
+    Journal<bool> entered;
+    Journal<bool> leave;
+    std::map<size_t, int> told;
+    const size_t before = residentBytes();
+    {
+        CVexaHttpSendRecv client;
+        for (size_t i = 0; i < kAnswers; ++i) {
+            client.sendHttpsRequest(body, url, [&, i](int, KstCopyOnWriteBuffer& answer) {
+                ++told[i];  // one callback at a time
+                entered.add(true);
+                leave.waitFor(1);
+                sizes.add(answer.size());
+            });
+        }
+        ASSERT_FALSE(entered.waitFor(1).empty());
+        // Nothing tells when the last answer has arrived: its memory does.
+        for (const auto patience = std::chrono::steady_clock::now() + 60s;
+             residentBytes() < before + kAnswers * kAnswerBytes && std::chrono::steady_clock::now() < patience;) {
+            std::this_thread::sleep_for(10ms);
+        }
+        std::printf("%zu answers of 1 MiB behind one blocked callback: %.1f MiB more\n", kAnswers,
+                    static_cast<double>(residentBytes() - before) / (1 << 20));
+        leave.add(true);
+        EXPECT_EQ(kAnswers, sizes.waitFor(kAnswers).size());
+    }
+    for (const size_t each : sizes.all()) {
+        EXPECT_EQ(kAnswerBytes, each);
+    }
+    EXPECT_EQ(kAnswers, told.size());
+    std::printf("after the last callback: %.1f MiB more\n", static_cast<double>(residentBytes() - before) / (1 << 20));
+}
+
+}  // namespace

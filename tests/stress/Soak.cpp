@@ -1,0 +1,587 @@
+// Many adapters in one process at work for minutes against a service that misbehaves, with books kept outside of them.
+//
+//     soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]
+//
+// Ends with 0 if every promise was kept: no operation lost or doubled, none with another outcome than its rules give,
+// no request unanswered, and, in a run of five minutes or more, memory, threads and descriptors that do not grow.
+
+#include <malloc.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <random>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "Books.h"
+#include "Com/LiveTranscodingAdapter.h"
+#include "StressService.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr double kOperationsInARound = 1.6;  // about
+constexpr int kRoundsBetweenJointOnes = 40;
+constexpr std::chrono::milliseconds kTimeout(20000);   // of a request: a busy machine is no fault of the service's
+constexpr auto kPatience = std::chrono::seconds(300);  // with a round, before it counts as lost
+constexpr double kFlatPercent = 1.0;                   // of memory
+constexpr double kFlat = 10;                           // threads, or descriptors
+
+struct Options {
+    int seconds = 600;
+    int adapters = 1000;
+    double rate = 750;  // operations a second to aim at
+    unsigned seed = 1;
+    std::string samples;
+};
+
+Options optionsFrom(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string name = argv[i];
+        if (name == "--seconds") {
+            options.seconds = std::atoi(argv[i + 1]);
+        } else if (name == "--adapters") {
+            options.adapters = std::atoi(argv[i + 1]);
+        } else if (name == "--rate") {
+            options.rate = std::atof(argv[i + 1]);
+        } else if (name == "--seed") {
+            options.seed = static_cast<unsigned>(std::atoi(argv[i + 1]));
+        } else if (name == "--samples") {
+            options.samples = argv[i + 1];
+        } else {
+            argc = 0;
+        }
+    }
+    if (argc % 2 == 0 || options.seconds < 1 || options.adapters < 1 || options.rate <= 0) {
+        std::fprintf(stderr, "soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]\n");
+        std::exit(2);
+    }
+    return options;
+}
+
+// ---- What the process takes, second by second -----------------------------------------------------------------------
+
+struct Sample {
+    double second;
+    double kibibytes;
+    double threads;
+    double descriptors;
+    double operations;
+};
+
+double countEntries(const char* folder) {
+    const auto entries = std::filesystem::directory_iterator(folder);
+    return static_cast<double>(std::distance(begin(entries), end(entries)));
+}
+
+// Memory is what is kept: the allocator gives back first what it only holds ready since the last peak.
+Sample sampleNow(double second, const Books& books) {
+    malloc_trim(0);
+    long pages = 0;
+    long resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return {second, static_cast<double>(resident * (sysconf(_SC_PAGESIZE) / 1024)), countEntries("/proc/self/task"),
+            countEntries("/proc/self/fd"), static_cast<double>(books.operations)};
+}
+
+// How much a straight line rises from `first` to the last sample, in units and in percent of its mean. It goes through
+// the least of each half minute: what is kept shows when little is under way.
+struct Rise {
+    double units = 0;
+    double percent = 0;
+};
+
+Rise riseOf(double Sample::*figure, const std::vector<Sample>& samples, double first) {
+    std::map<int, double> least;
+    for (const Sample& each : samples) {
+        if (each.second >= first) {
+            const auto entry = least.emplace(static_cast<int>(each.second / 30), each.*figure).first;
+            entry->second = std::min(entry->second, each.*figure);
+        }
+    }
+    double x = 0, y = 0, xx = 0, xy = 0;
+    for (const auto& [halfMinute, value] : least) {
+        x += halfMinute;
+        y += value;
+        xx += double{1} * halfMinute * halfMinute;
+        xy += halfMinute * value;
+    }
+    const auto count = static_cast<double>(least.size());
+    if (count < 2) {
+        return {};
+    }
+    const double slope = (count * xy - x * y) / (count * xx - x * x);
+    const double units = slope * (least.rbegin()->first - least.begin()->first);
+    return {units, 100 * units / (y / count)};
+}
+
+// ---- The driver: one thread that calls all adapters -----------------------------------------------------------------
+
+enum class Call {
+    kStartRelay,
+    kRefusedRelay,
+    kStopRelay,
+    kSetMix,
+    kRefusedMix,
+    kRefusedUsers,
+    kCancelMix,
+    kEnterRoom,
+    kReset,
+    kDrop,
+};
+
+struct Step {
+    milliseconds pause;  // before it
+    Call call;
+};
+
+// One adapter after another under the same name.
+struct Seat {
+    struct Lane {
+        bool isBusy = false;
+        int epoch = 0;  // of its rounds: appointments made before are void
+        Clock::time_point since;
+    };
+    std::string userId;
+    std::shared_ptr<Account> account;
+    std::shared_ptr<BookedListener> listener;
+    std::shared_ptr<LiveTranscodingAdapter> adapter;
+    std::array<Lane, 2> lanes;
+    std::array<std::vector<Step>, 2> scripts;  // what is left of them, the next step last; a joint one is the relay's
+    bool isJoint = false;
+    bool wantsJoint = false;
+    bool isInRoom = false;
+    bool hasStarted = false;  // a relay or a mix, ever
+    int lastNumber = 0;
+};
+
+class Driver {
+public:
+    Driver(Books& books, const Options& options)
+        : mBooks(books), mOptions(options), mRandom(options.seed), mSeats(static_cast<size_t>(options.adapters)) {
+        mBooks.onSettled = [this](Account& account, Family family) {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            mSettled.push_back({&account, family});
+            mWork.notify_one();
+        };
+        for (size_t i = 0; i < mSeats.size(); ++i) {
+            Seat& seat = mSeats[i];
+            seat.userId = "user" + std::to_string(i);
+            seat.account = mBooks.openAccount(seat.userId);
+            mSeatOf[seat.account.get()] = &seat;
+            seatAdapter(seat);
+            appoint(seat, kRelay);
+            appoint(seat, kMix);
+        }
+    }
+
+    // Drives until the time is over and every round has come to its end.
+    std::vector<Sample> run() {
+        const auto start = Clock::now();
+        const auto end = start + std::chrono::seconds(mOptions.seconds);
+        std::vector<Sample> samples;
+        samples.reserve(static_cast<size_t>(mOptions.seconds) + 1);
+        auto nextSample = start;
+        while (Clock::now() < end || anyBusy()) {
+            mIsClosing = Clock::now() >= end;
+            if (Clock::now() >= nextSample && !mIsClosing) {
+                samples.push_back(sampleNow(std::chrono::duration<double>(Clock::now() - start).count(), mBooks));
+                nextSample += std::chrono::seconds(1);
+                giveUpOldRounds();
+            }
+            while (!mAppointments.empty() && mAppointments.top().when <= Clock::now()) {
+                const Appointment appointment = mAppointments.top();
+                mAppointments.pop();
+                keep(appointment);
+            }
+            auto wake = mIsClosing ? Clock::now() + milliseconds(100) : nextSample;
+            if (!mAppointments.empty()) {
+                wake = std::min(wake, mAppointments.top().when);
+            }
+            std::vector<std::pair<Account*, Family>> settled;
+            {
+                std::unique_lock<std::mutex> lock(mMutex);
+                mWork.wait_until(lock, wake, [this] { return !mSettled.empty(); });
+                settled.swap(mSettled);
+            }
+            for (const auto& [account, family] : settled) {
+                Seat& seat = *mSeatOf.at(account);
+                seat.lanes[family].isBusy = false;
+                appoint(seat, family);
+            }
+            if (mIsClosing) {
+                giveUpOldRounds();
+            }
+        }
+        return samples;
+    }
+
+    void dropAll() {
+        for (Seat& seat : mSeats) {
+            drop(seat);
+        }
+    }
+
+private:
+    struct Appointment {
+        Clock::time_point when;
+        Seat* seat;
+        Family family;
+        int epoch;
+        bool operator<(const Appointment& other) const { return when > other.when; }
+    };
+
+    int below(int end) { return static_cast<int>(mRandom() % static_cast<unsigned>(end)); }
+
+    void seatAdapter(Seat& seat) {
+        seat.adapter = std::make_shared<LiveTranscodingAdapter>();
+        seat.listener = std::make_shared<BookedListener>(mBooks, seat.account);
+        seat.adapter->setLiveTranscodingDelegate(seat.listener);
+        seat.adapter->updateUserInfo(1400, "signature", seat.userId);
+        seat.isInRoom = seat.hasStarted = false;
+    }
+
+    // Until no task and no callback of the adapter's keeps it any more.
+    void drop(Seat& seat) {
+        const std::weak_ptr<LiveTranscodingAdapter> adapter = seat.adapter;
+        seat.account->beginDrop();
+        seat.adapter.reset();
+        while (!adapter.expired()) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        seat.listener->close();
+        seat.account->endDrop();
+    }
+
+    bool anyBusy() const {
+        return std::any_of(mSeats.begin(), mSeats.end(),
+                           [](const Seat& seat) { return seat.lanes[kRelay].isBusy || seat.lanes[kMix].isBusy; });
+    }
+
+    void giveUpOldRounds() {
+        for (Seat& seat : mSeats) {
+            for (const Family family : {kRelay, kMix}) {
+                Seat::Lane& lane = seat.lanes[family];
+                if (lane.isBusy && Clock::now() - lane.since > kPatience) {
+                    seat.account->giveUp(family);
+                    lane.isBusy = false;  // for good: there is no next appointment
+                }
+            }
+        }
+    }
+
+    // The next round of a lane, after a while that gives the rate that was asked for.
+    void appoint(Seat& seat, Family family) {
+        const double mean = 2 * static_cast<double>(mSeats.size()) * kOperationsInARound / mOptions.rate;
+        const std::chrono::duration<double> pause(std::uniform_real_distribution<>(0, 2 * mean)(mRandom));
+        const auto when = Clock::now() + std::chrono::duration_cast<Clock::duration>(pause);
+        mAppointments.push({when, &seat, family, seat.lanes[family].epoch});
+    }
+
+    void keep(const Appointment& appointment) {
+        Seat& seat = *appointment.seat;
+        const Family family = appointment.family;
+        Seat::Lane& lane = seat.lanes[family];
+        if (appointment.epoch != lane.epoch) {
+            return;
+        }
+        if (lane.isBusy) {
+            takeStep(seat, family);
+        } else if (!mIsClosing) {
+            beginRound(seat, family);
+        }
+    }
+
+    void beginRound(Seat& seat, Family family) {
+        seat.wantsJoint = seat.wantsJoint || !seat.isInRoom || below(kRoundsBetweenJointOnes) == 0;
+        if (!seat.wantsJoint) {
+            seat.scripts[family] = roundOf(family);
+            occupy(seat, family);
+            takeStep(seat, family);
+        } else if (!seat.lanes[kRelay].isBusy && !seat.lanes[kMix].isBusy) {
+            seat.isJoint = true;
+            seat.wantsJoint = false;
+            seat.scripts[kRelay] = jointRoundOf(seat);
+            occupy(seat, kRelay);
+            occupy(seat, kMix);
+            takeStep(seat, kRelay);
+        }  // else the other lane begins it at its next appointment
+    }
+
+    void occupy(Seat& seat, Family family) {
+        Seat::Lane& lane = seat.lanes[family];
+        lane.isBusy = true;
+        ++lane.epoch;
+        lane.since = Clock::now();
+    }
+
+    void takeStep(Seat& seat, Family family) {
+        std::vector<Step>& script = seat.scripts[family];
+        const Call call = script.back().call;
+        script.pop_back();
+        perform(seat, call);
+        if (!script.empty()) {
+            mAppointments.push({Clock::now() + script.back().pause, &seat, family, seat.lanes[family].epoch});
+        } else if (call == Call::kDrop) {
+            seat.lanes[kRelay].isBusy = seat.lanes[kMix].isBusy = false;
+            seat.isJoint = false;
+            appoint(seat, kRelay);
+            appoint(seat, kMix);
+        } else if (seat.isJoint) {
+            seat.isJoint = false;
+            seat.account->closeScript(kRelay);
+            seat.account->closeScript(kMix);
+        } else {
+            seat.account->closeScript(family);
+        }
+    }
+
+    milliseconds shortPause() { return milliseconds(below(3) == 0 ? 0 : below(80)); }
+
+    // One operation, or a few of which each makes the one before stale.
+    std::vector<Step> roundOf(Family family) {
+        std::vector<Step> script;
+        bool hasRefusedUsers = false;
+        for (int count = below(4) == 0 ? 2 + below(2) : 1; count > 0; --count) {
+            const int dice = below(20);
+            const Call relay = dice < 11 ? Call::kStartRelay : dice < 19 ? Call::kStopRelay : Call::kRefusedRelay;
+            // One refusal of users at most: of two in a row only the second must be told, and they look the same.
+            const Call mix = dice < 11                      ? Call::kSetMix
+                             : dice < 18                    ? Call::kCancelMix
+                             : dice < 19 || hasRefusedUsers ? Call::kRefusedMix
+                                                            : Call::kRefusedUsers;
+            hasRefusedUsers = hasRefusedUsers || mix == Call::kRefusedUsers;
+            script.push_back({shortPause(), family == kRelay ? relay : mix});
+            if (below(10) == 0) {
+                script.push_back({shortPause(), Call::kEnterRoom});  // once more: nothing waits for it
+            }
+        }
+        return script;
+    }
+
+    // What concerns relay and mix alike. Steps stand last to first.
+    std::vector<Step> jointRoundOf(const Seat& seat) {
+        const milliseconds pause = shortPause();
+        if (!seat.hasStarted && below(2) == 0) {
+            return {{pause, Call::kCancelMix}, {pause, Call::kStopRelay}};
+        }
+        std::vector<Step> script = {
+            {pause, Call::kEnterRoom}, {milliseconds(0), Call::kSetMix}, {milliseconds(0), Call::kStartRelay}};
+        if (!seat.isInRoom) {
+            return script;
+        }
+        if (below(2) == 0) {
+            return {{pause, Call::kDrop}, {milliseconds(0), Call::kSetMix}, {pause, Call::kStartRelay}};
+        }
+        script.push_back({pause, Call::kReset});
+        script.push_back({milliseconds(0), Call::kSetMix});
+        script.push_back({pause, Call::kStopRelay});
+        return script;
+    }
+
+    void perform(Seat& seat, Call call) {
+        LiveTranscodingAdapter& adapter = *seat.adapter;
+        const int number = ++seat.lastNumber;
+        const auto outcome = seat.isInRoom ? Operation::kSends : Operation::kWaitsForRoom;
+        switch (call) {
+            case Call::kStartRelay: {
+                kstmedia::VexaPublishCDNParamInternal param;
+                param.appId = 1234;
+                param.bizId = 8888;
+                param.url = "rtmp://cdn.example/" + seat.userId + "/" + std::to_string(number);
+                seat.account->beginOperation({kAddRelay, number, outcome, param.to_string()});
+                seat.hasStarted = true;
+                adapter.startPublishStreamUrl(param);
+                break;
+            }
+            case Call::kRefusedRelay: {
+                kstmedia::VexaPublishCDNParamInternal param;
+                param.appId = number;
+                seat.account->beginOperation(
+                    {kAddRelay,
+                     number,
+                     Operation::kRefused,
+                     param.to_string(),
+                     {"startRelay", -3323, "startPublishStreamUrl failure, param is invalid"}});
+                adapter.startPublishStreamUrl(param);
+                break;
+            }
+            case Call::kStopRelay:
+                seat.account->beginOperation(
+                    {kRemoveRelay,
+                     number,
+                     seat.hasStarted ? Operation::kSends : Operation::kRefused,
+                     "",
+                     {"stopMix", -3323,
+                      "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"},
+                     false});
+                adapter.stopPublishStreamUrl();
+                break;
+            case Call::kSetMix:
+            case Call::kRefusedMix:
+            case Call::kRefusedUsers: {
+                kstmedia::VexaTranscodingConfigInternal config = mix(number);
+                Operation operation{kStartMix, number, outcome};
+                if (call == Call::kRefusedMix) {
+                    config.bizId = 0;
+                    operation.outcome = Operation::kRefused;
+                    operation.refusal = {"startRelay", -3324, "setLiveMixTranscoding failure, param is invalid"};
+                } else if (call == Call::kRefusedUsers) {
+                    config.mixUsersArray[0].zOrder = config.mixUsersArray[1].zOrder;
+                    operation.outcome = Operation::kRefused;
+                    operation.refusal = {"startRelay", -3324, "mixUsersArray is invalid"};
+                    operation.refusedEvenIfStale = false;
+                } else {
+                    seat.hasStarted = true;
+                }
+                operation.information = config.to_string();
+                seat.account->beginOperation(operation);
+                adapter.setLiveMixTranscoding(config);
+                break;
+            }
+            case Call::kCancelMix:
+                seat.account->beginOperation(
+                    {kCancelMix,
+                     number,
+                     seat.hasStarted ? Operation::kSends : Operation::kRefused,
+                     "",
+                     {"stopMix", -3324,
+                      "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before"},
+                     false});
+                adapter.stopLiveMixTranscoding();
+                break;
+            case Call::kEnterRoom:
+                seat.account->beginRoomEntry();
+                seat.isInRoom = true;
+                adapter.updateEnterRoomInfo("r1", "key");
+                break;
+            case Call::kReset:
+                seat.account->beginReset();
+                seat.isInRoom = false;
+                adapter.resetInfo();
+                break;
+            case Call::kDrop:
+                drop(seat);
+                seatAdapter(seat);
+                break;
+        }
+        seat.account->endCall();
+    }
+
+    kstmedia::VexaTranscodingConfigInternal mix(int number) {
+        kstmedia::VexaTranscodingConfigInternal config;
+        config.appId = 1234;
+        config.bizId = 8888;
+        config.videoWidth = 720;
+        config.videoHeight = 1280;
+        config.videoBitrate = number;
+        const int users = 2 + below(4);
+        for (int i = 1; i <= users; ++i) {
+            kstmedia::VexaMixUserInternal user;
+            user.userId = "guest" + std::to_string(i);
+            user.rect = {0, 100 * i, 320, 180};
+            user.zOrder = i;
+            config.mixUsersArray.push_back(user);
+        }
+        return config;
+    }
+
+    Books& mBooks;
+    const Options mOptions;
+    std::mt19937 mRandom;
+    std::vector<Seat> mSeats;
+    std::unordered_map<Account*, Seat*> mSeatOf;
+    std::priority_queue<Appointment> mAppointments;
+    bool mIsClosing = false;
+
+    std::mutex mMutex;
+    std::condition_variable mWork;
+    std::vector<std::pair<Account*, Family>> mSettled;
+};
+
+void allowDescriptors() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+long long count(const std::atomic<int64_t>& figure) {
+    return figure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options options = optionsFrom(argc, argv);
+    allowDescriptors();
+    StressService service("random", options.seed);
+    vexalive::HttpOptions httpOptions;
+    httpOptions.caFile = service.caFile();
+    httpOptions.connectTimeout = httpOptions.totalTimeout = kTimeout;
+    vexalive::setHttpOptions(httpOptions);
+
+    std::printf("%d adapters for %d s, seed %u\n", options.adapters, options.seconds, options.seed);
+    static Books& books = *new Books();  // the platform's threads may still tell it something at exit
+    books.installHooks();
+    Driver driver(books, options);
+    const std::vector<Sample> samples = driver.run();
+    driver.dropAll();
+    for (const auto patience = Clock::now() + kPatience; books.inFlight() > 0 && Clock::now() < patience;) {
+        std::this_thread::sleep_for(milliseconds(10));
+    }
+    const auto unanswered = static_cast<long long>(books.inFlight());
+
+    std::printf("operations %lld: succeeded %lld, refused %lld, waited for the room %lld, superseded %lld\n",
+                count(books.operations), count(books.succeeded), count(books.refused), count(books.deferred),
+                count(books.superseded));
+    std::printf("of adapters dropped meanwhile %lld\n", count(books.abandoned));
+    std::printf("requests %lld, answered %lld, of which retried %lld; failed eleven times %lld\n", count(books.started),
+                count(books.delivered), count(books.retries), count(books.exhausted));
+    std::printf("lost %lld, doubled %lld, wrong %lld, unanswered %lld\n", count(books.lost), count(books.doubled),
+                count(books.wrong), unanswered);
+
+    const double first = std::min(120.0, options.seconds / 5.0);
+    const Rise memory = riseOf(&Sample::kibibytes, samples, first);
+    const Rise threads = riseOf(&Sample::threads, samples, first);
+    const Rise descriptors = riseOf(&Sample::descriptors, samples, first);
+    const Sample& last = samples.back();
+    std::printf("from second %.0f on: memory %+.2f %%, threads %+.1f, descriptors %+.1f\n", first, memory.percent,
+                threads.units, descriptors.units);
+    std::printf("at the end: %.1f MiB, %.0f threads, %.0f descriptors\n", last.kibibytes / 1024, last.threads,
+                last.descriptors);
+    if (!options.samples.empty()) {
+        std::ofstream file(options.samples);
+        file << "second,kibibytes,threads,descriptors,operations\n";
+        for (const Sample& each : samples) {
+            file << each.second << ',' << each.kibibytes << ',' << each.threads << ',' << each.descriptors << ','
+                 << each.operations << '\n';
+        }
+    }
+    const bool grows =
+        options.seconds >= 300 && (memory.percent > kFlatPercent || threads.units > kFlat || descriptors.units > kFlat);
+    if (grows) {
+        std::printf("something grows\n");
+    }
+    const bool isKept = books.breaches() == 0 && unanswered == 0 && !grows && books.operations > 0;
+    std::printf("%s\n", isKept ? "every promise was kept" : "A PROMISE WAS BROKEN");
+    return isKept ? 0 : 1;
+}

@@ -1,0 +1,33 @@
+// The far side of the stress tests: the local service in a process of its own, misbehaving at random or as told. In a
+// process of its own, since what the service remembers would hide what the adapters keep.
+
+#ifndef VEXALIVE_STRESS_STRESS_SERVICE_H
+#define VEXALIVE_STRESS_STRESS_SERVICE_H
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+
+class StressService {
+public:
+    // Starts the program stress_service on stressPort() and waits until it listens; ends this process if it does not.
+    // `manner`: "random", "good" or "large".
+    explicit StressService(const std::string& manner, unsigned seed = 1);
+    ~StressService();
+    StressService(const StressService&) = delete;
+    StressService& operator=(const StressService&) = delete;
+
+    const std::string& caFile() const { return mCaFile; }
+
+private:
+    std::filesystem::path mFolder;
+    std::string mCaFile;
+    pid_t mChild = 0;
+    int mInput = -1;  // the service ends when this is closed
+};
+
+// This program's service, fixed before main, as the adapter asks for its address then.
+int stressPort();
+
+#endif

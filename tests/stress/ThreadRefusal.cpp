@@ -1,0 +1,20 @@
+#include "ThreadRefusal.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <cerrno>
+
+std::atomic<int> threadsAllowed{-1};
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                              void* argument) {
+    int allowed = threadsAllowed;
+    while (allowed >= 0 && !threadsAllowed.compare_exchange_weak(allowed, allowed == 0 ? 0 : allowed - 1)) {
+    }
+    if (allowed == 0) {
+        return EAGAIN;
+    }
+    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return real(thread, attributes, body, argument);
+}
