@@ -1,0 +1,561 @@
+// Hostile answers: the adapter on fakes in virtual time, against a second, slower telling of its rules.
+//
+// An input is a story, one step a line:
+//
+//   A   a relay is started      R   it is stopped      E   the room is entered     N   the listener goes
+//   M   a mix is started        C   it is cancelled    X   the room is left        T   five seconds pass
+//   0 {"code":0}    the oldest open request is answered with this return code and body; where none is open, time passes
+//                   until one is
+//   *               the last answer again, until no request comes any more
+
+#include <array>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
+
+#include "Com/LiveTranscodingAdapter.h"
+#include "FakePlatform.h"
+#include "Fuzzing.h"
+#include "VirtualTime.h"
+
+namespace {
+
+using namespace fuzzing;
+using Json = nlohmann::json;
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr const char* kUserSig = "signature-of-alice";
+constexpr const char* kMapKey = "map-key-of-room7";
+constexpr int kMostSends = 11;
+constexpr size_t kMostSteps = 100;
+constexpr size_t kMostRequests = 60;  // of a story; the last of them are left open
+constexpr int kDeepestRead = 512;
+constexpr const char* kNotInRoom = "not enterRoom status";
+
+struct Kind {
+    const char* operation;
+    size_t family;  // 0 relay, 1 mix
+    int transportCode;
+    int unreadableCode;
+    int64_t serverBase;
+    int event;
+    size_t tracedCounter;
+    bool dropsStaleRetryAnswer;
+    bool sendsStaleRetry;
+};
+
+constexpr size_t kAddRelay = 0;
+constexpr size_t kRemoveRelay = 1;
+constexpr size_t kStartMix = 2;
+constexpr size_t kCancelMix = 3;
+constexpr Kind kKinds[] = {
+    {"onStartPublishStreamUrl", 0, -3321, -3323, -200000, 30, kAddRelay, true, true},
+    {"onStopPublishStreamUrl", 0, -3321, -3323, -200000, 30, kAddRelay, false, false},
+    {"onSetLiveMixTranscoding", 1, -3322, -3324, -300000, 31, kStartMix, false, false},
+    {"onStopLiveMixTranscoding", 1, -3322, -3324, -300000, 31, kCancelMix, false, false},
+};
+
+bool isRetriedCode(size_t kind, int64_t c) {
+    return kind == kAddRelay ? c == 1 : kind == kStartMix && (c == 3 || c == 505 || c == 10017);
+}
+
+struct Told {
+    std::string operation;
+    int code;
+    std::optional<std::string> message;  // none: any
+};
+
+class Listener : public ILiveTrancodingDelegate {
+public:
+    void onStartPublishStreamUrl(int code, std::string message) override { keep(kAddRelay, code, std::move(message)); }
+    void onStopPublishStreamUrl(int code, std::string message) override {
+        keep(kRemoveRelay, code, std::move(message));
+    }
+    void onSetLiveMixTranscoding(int code, std::string message) override { keep(kStartMix, code, std::move(message)); }
+    void onStopLiveMixTranscoding(int code, std::string message) override {
+        keep(kCancelMix, code, std::move(message));
+    }
+
+    std::vector<Told> told;
+
+private:
+    void keep(size_t kind, int code, std::string message) {
+        told.push_back({kKinds[kind].operation, code, std::move(message)});
+    }
+};
+
+// ---- How an answer is judged ----------------------------------------------------------------------------------------
+
+int depthOf(const std::string& text) {
+    int depth = 0;
+    int deepest = 0;
+    bool isInText = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (isInText) {
+            i += c == '\\';
+            isInText = c != '"';
+        } else if (c == '"') {
+            isInText = true;
+        } else if (c == '{' || c == '[') {
+            deepest = std::max(deepest, ++depth);
+        } else if (c == '}' || c == ']') {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+// None if it cannot be read, or is "null".
+std::optional<Json> readAnswer(const std::string& body) {
+    const Json answer = Json::parse(body, nullptr, false);
+    if (answer.is_discarded() || answer.is_null() || body.find('\0') != std::string::npos ||
+        depthOf(body) > kDeepestRead) {
+        return std::nullopt;
+    }
+    return answer;
+}
+
+int64_t codeOf(const Json& value) {
+    constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
+    constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
+    if (value.is_boolean()) {
+        return value.get<bool>() ? 1 : 0;
+    }
+    if (value.is_number_unsigned()) {
+        return static_cast<int64_t>(std::min<uint64_t>(value.get<uint64_t>(), kHighest));
+    }
+    if (value.is_number_integer()) {
+        return std::clamp(value.get<int64_t>(), kLowest, kHighest);
+    }
+    if (value.is_number_float()) {
+        return static_cast<int64_t>(
+            std::clamp(value.get<double>(), static_cast<double>(kLowest), static_cast<double>(kHighest)));
+    }
+    if (!value.is_string()) {
+        return -1;
+    }
+    std::string digits = value.get<std::string>();
+    const bool isNegative = startsWith(digits, "-");
+    if (isNegative || startsWith(digits, "+")) {
+        digits.erase(0, 1);
+    }
+    if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos) {
+        return -1;
+    }
+    int64_t number = 0;
+    for (const char digit : digits) {
+        number = std::min(number * 10 + (digit - '0'), kHighest + 1);
+    }
+    return std::clamp(isNegative ? -number : number, kLowest, kHighest);
+}
+
+struct Verdict {
+    bool isWorthAnotherTry = false;
+    std::vector<Told> told;  // if there is no other try
+};
+
+Verdict judge(size_t number, int retCode, const std::string& body) {
+    const Kind& kind = kKinds[number];
+    const std::optional<Json> answer = readAnswer(body);
+    const bool hasCode = answer && answer->is_object() && answer->contains("code");
+    const bool hasErrorCode = answer && answer->is_object() && answer->contains("ErrorCode");
+    const char* const codeKey = hasCode ? "code" : "ErrorCode";
+    const int64_t code = hasCode || hasErrorCode ? codeOf((*answer)[codeKey]) : 0;
+    const int64_t size = code < 0 ? -code : code;
+
+    Verdict verdict;
+    verdict.isWorthAnotherTry = retCode == 1 || !answer || isRetriedCode(number, size);
+    const auto tell = [&](int64_t told, std::optional<std::string> message) {
+        verdict.told.push_back({kind.operation, static_cast<int>(told), std::move(message)});
+    };
+    if (retCode != 0) {
+        tell(kind.transportCode, "http post return error\uff0c retcode:" + std::to_string(retCode));
+        return verdict;
+    }
+    if (body.empty()) {
+        tell(kind.unreadableCode, "recv message nil");
+    }
+    if (!answer) {
+        tell(kind.unreadableCode, "recv message can't parse");
+    } else if ((hasCode || hasErrorCode) && code == 0) {
+        tell(0, hasCode ? "sucess" : "");
+    } else if (hasCode || hasErrorCode) {
+        const auto message = answer->find(hasCode ? "message" : "ErrorInfo");
+        const bool isMissing = message == answer->end() || message->is_null();
+        std::optional<std::string> text;
+        if (isMissing || message->is_string()) {
+            text = isMissing ? "" : message->get<std::string>();
+        }
+        tell(std::max<int64_t>(kind.serverBase - size, std::numeric_limits<int32_t>::min()), text);
+    }
+    return verdict;
+}
+
+// ---- The story ------------------------------------------------------------------------------------------------------
+
+kstmedia::VexaPublishCDNParamInternal relay() {
+    kstmedia::VexaPublishCDNParamInternal param;
+    param.appId = 12345;
+    param.bizId = 8888;
+    param.url = "rtmp://cdn.test/live/alice";
+    return param;
+}
+
+kstmedia::VexaTranscodingConfigInternal mix() {
+    kstmedia::VexaTranscodingConfigInternal config;
+    config.appId = 12345;
+    config.bizId = 8888;
+    config.mixUsersArray.resize(2);
+    config.mixUsersArray[0].userId = "alice";
+    config.mixUsersArray[0].zOrder = 2;
+    config.mixUsersArray[1].userId = "bob";
+    config.mixUsersArray[1].pureAudio = true;
+    return config;
+}
+
+class Story {
+public:
+    Story() {
+        mPlatform.reset();
+        mAdapter->setLiveTranscodingDelegate(mListener);
+        mAdapter->updateUserInfo(1400123, kUserSig, "alice");
+        VirtualTime::runDue();
+    }
+
+    void step(std::string_view line) {
+        switch (line.empty() ? '\0' : line.front()) {
+            case 'A':
+                start(kAddRelay);
+                mAdapter->startPublishStreamUrl(relay());
+                break;
+            case 'M':
+                start(kStartMix);
+                mAdapter->setLiveMixTranscoding(mix());
+                break;
+            case 'R':
+                stop(kRemoveRelay);
+                mAdapter->stopPublishStreamUrl();
+                break;
+            case 'C':
+                stop(kCancelMix);
+                mAdapter->stopLiveMixTranscoding();
+                break;
+            case 'E':
+                enterRoom();
+                mAdapter->updateEnterRoomInfo("room7", kMapKey);
+                break;
+            case 'X':
+                leaveRoom();
+                mAdapter->resetInfo();
+                break;
+            case 'N':
+                mListener.reset();
+                break;
+            case 'T':
+                VirtualTime::advance(Milliseconds(5000));
+                break;
+            case '*':
+                while (answer(mLastCode, mLastBody)) {
+                }
+                break;
+            default:
+                mLastCode = numberOf<int>(takeWord(line));
+                mLastBody = line;
+                answer(mLastCode, mLastBody);
+                break;
+        }
+        VirtualTime::runDue();
+        compare();
+    }
+
+    // Answers nothing more.
+    void end() {
+        VirtualTime::runUntilQuiet();
+        compare();
+        for (const Retry& retry : mRetries) {
+            require(isStale(retry.kind, retry.index) && !kKinds[retry.kind].sendsStaleRetry, "each retry is sent");
+        }
+        mAdapter.reset();
+        require(VirtualTime::queuedTasks() + VirtualTime::delayedTasks() == 0, "no task outlives the adapter");
+    }
+
+private:
+    struct Sent {
+        size_t kind;
+        int index;
+        bool isRetry;
+    };
+    struct Retry {
+        size_t kind;
+        int index;
+        VirtualTime::TimePoint due;
+    };
+    struct Task {
+        int sends = 0;
+        int reports = 0;
+        std::string firstBody;
+        std::string answers;  // of the trace
+    };
+    struct Report {
+        int event;
+        std::string detail;               // whole, or
+        const Task* mixStart;             // what it ends with, and
+        std::string mixStartDescription;  // begins with
+    };
+
+    Task& taskOf(size_t kind, int index) { return mTasks[{kKinds[kind].family, index}]; }
+
+    bool isStale(size_t kind, int index) const { return index != mGenerations[kKinds[kind].family]; }
+
+    // ---- What is to come
+
+    void supersede(size_t family) {
+        ++mGenerations[family];
+        mCounters[2 * family] = mCounters[2 * family + 1] = 0;
+    }
+
+    void start(size_t kind) {
+        const size_t family = kKinds[kind].family;
+        supersede(family);
+        mIsAnythingStarted = true;
+        mPending[family] = !mIsInRoom;
+        if (mIsInRoom) {
+            mFirstSends.push_back(kind);
+        } else {
+            mReports.push_back({kKinds[kind].event, kNotInRoom, nullptr, ""});
+        }
+    }
+
+    void stop(size_t kind) {
+        const size_t family = kKinds[kind].family;
+        supersede(family);
+        mPending[family] = false;
+        if (mIsAnythingStarted) {
+            mFirstSends.push_back(kind);
+        } else {
+            expectTold({{kKinds[kCancelMix].operation, kKinds[kind].unreadableCode, std::nullopt}});
+        }
+    }
+
+    void enterRoom() {
+        mIsInRoom = true;
+        for (const size_t kind : {kAddRelay, kStartMix}) {
+            if (mPending[kKinds[kind].family]) {
+                start(kind);
+            }
+        }
+    }
+
+    void leaveRoom() {
+        mIsInRoom = mPending[0] = mPending[1] = false;
+        supersede(0);
+        supersede(1);
+    }
+
+    void expectTold(std::vector<Told> told) {
+        if (mListener) {
+            mTold.insert(mTold.end(), told.begin(), told.end());
+        }
+    }
+
+    std::optional<size_t> oldestOpenRequest() const {
+        for (size_t i = 0; i < mPlatform.requests.size(); ++i) {
+            if (mPlatform.requests[i].callback) {
+                return i;
+            }
+        }
+        return std::nullopt;
+    }
+
+    bool answer(int retCode, const std::string& body) {
+        if (!oldestOpenRequest()) {
+            VirtualTime::runUntilQuiet();
+            compare();
+        }
+        const std::optional<size_t> request = oldestOpenRequest();
+        if (!request || mSent.size() > kMostRequests) {
+            return false;
+        }
+        expectAfterAnswer(mSent[*request], retCode, body);
+        mPlatform.answer(*request, retCode, body);
+        VirtualTime::runDue();
+        compare();
+        return true;
+    }
+
+    void expectAfterAnswer(const Sent& sent, int retCode, const std::string& body) {
+        const Kind& kind = kKinds[sent.kind];
+        if (isStale(sent.kind, sent.index) && (!sent.isRetry || kind.dropsStaleRetryAnswer)) {
+            return;
+        }
+        Task& task = taskOf(sent.kind, sent.index);
+        task.answers += " [tryHttp:cnt-" + std::to_string(mCounters[kind.tracedCounter]) +
+                        "]retCode:" + std::to_string(retCode) + ", respData:" + body;
+        const Verdict verdict = judge(sent.kind, retCode, body);
+        if (verdict.isWorthAnotherTry && mCounters[sent.kind] > 0) {
+            constexpr int kPauses[] = {1000, 1000, 2000, 2000, 2000, 5000, 5000, 5000, 5000, 5000};
+            const auto tries = static_cast<size_t>(10 - mCounters[sent.kind]--);
+            mRetries.push_back({sent.kind, sent.index, VirtualTime::now() + Milliseconds(kPauses[tries])});
+            return;
+        }
+        expectTold(verdict.told);
+        require(++task.reports == 1, "a finished task is reported once");
+        if (sent.kind == kStartMix) {
+            mReports.push_back({kind.event, "", &task, "task_id:" + std::to_string(sent.index) + ", "});
+        } else {
+            const std::string opener = sent.kind == kAddRelay ? task.firstBody : "";
+            mReports.push_back({kind.event, upToZero(opener + task.answers), nullptr, ""});
+        }
+    }
+
+    // ---- What has come
+
+    void compare() {
+        while (mSent.size() < mPlatform.requests.size()) {
+            compareRequest(mPlatform.requests[mSent.size()]);
+        }
+        require(mFirstSends.empty(), "what is begun is sent");
+        compareTold();
+        compareReports();
+        for (; mLogSeen < mPlatform.log.size(); ++mLogSeen) {
+            requireNoSecretIn(mPlatform.log[mLogSeen].text);
+        }
+    }
+
+    // The index of the send that this log line tells of; none if it tells of something else.
+    static std::optional<int> indexOfSend(const std::string& line) {
+        const size_t index = line.find("index: ");
+        const size_t end = line.find(", retry", index);
+        if (index > sizeof "retryRemovePublishUrlInner" || end == std::string::npos ||
+            line.find_first_not_of("0123456789", index + 7) != end) {
+            return std::nullopt;
+        }
+        return numberOf<int>(std::string_view(line).substr(index + 7));
+    }
+
+    int indexOfNextSend() {
+        for (; mLogRead < mPlatform.log.size(); ++mLogRead) {
+            if (const auto index = indexOfSend(mPlatform.log[mLogRead].text)) {
+                ++mLogRead;
+                return *index;
+            }
+        }
+        require(false, "each send is logged");
+        return 0;
+    }
+
+    void compareRequest(const FakePlatform::Request& request) {
+        const size_t kind = request.client;
+        const int index = indexOfNextSend();
+        Task& task = taskOf(kind, index);
+        const bool isRetry = task.sends > 0;
+        require(++task.sends <= kMostSends, "a request is sent 11 times at most");
+        if (isRetry) {
+            const auto retry = std::find_if(mRetries.begin(), mRetries.end(), [&](const Retry& planned) {
+                return planned.kind == kind && planned.index == index;
+            });
+            require(retry != mRetries.end(), "nothing is sent again without a reason");
+            require(retry->due == request.sentAt, "a retry is sent at its time");
+            mRetries.erase(retry);
+        } else {
+            require(!mFirstSends.empty() && mFirstSends.front() == kind && !isStale(kind, index),
+                    "nothing is sent that was not begun");
+            mFirstSends.erase(mFirstSends.begin());
+            mCounters[kind] = 10;
+            task.firstBody = request.body;
+        }
+        require(Json::accept(request.body), "a body is JSON", request.body);
+        requireNoSecretIn(request.body);
+        require(request.url.find(kUserSig) != std::string::npos, "an address holds the signature", request.url);
+        mSent.push_back({kind, index, isRetry});
+    }
+
+    void compareTold() {
+        const size_t count = mListener ? mListener->told.size() : 0;
+        require(count == mTold.size(), "the listener is called as often as the rules say");
+        for (size_t i = 0; i < count; ++i) {
+            const Told& told = mListener->told[i];
+            require(told.operation == mTold[i].operation && told.code == mTold[i].code, "the listener's code",
+                    told.operation + " " + std::to_string(told.code));
+            require(!mTold[i].message || told.message == mTold[i].message, "the listener's message", *told.message);
+            requireNoSecretIn(*told.message);
+        }
+        mTold.clear();
+        if (mListener) {
+            mListener->told.clear();
+        }
+    }
+
+    void compareReports() {
+        require(mPlatform.reports.size() == mReports.size(), "there are as many reports as the rules say");
+        for (size_t i = 0; i < mReports.size(); ++i) {
+            const FakePlatform::Report& report = mPlatform.reports[i];
+            const Report& expected = mReports[i];
+            require(report.event == expected.event, "a report's event", report.detail);
+            if (expected.mixStart) {
+                const std::string end = upToZero(expected.mixStart->answers);
+                require(startsWith(report.detail, expected.mixStartDescription) && endsWith(report.detail, end),
+                        "a mix start's trace", report.detail);
+                const size_t brace = report.detail.find('{');
+                require(Json::accept(report.detail.substr(brace, report.detail.size() - end.size() - brace)),
+                        "a mix start's description is JSON", report.detail);
+            } else {
+                require(report.detail == expected.detail, "a report's trace", report.detail);
+            }
+            requireNoSecretIn(report.roomUser);
+            requireNoSecretIn(report.information);
+            requireNoSecretIn(report.detail);
+        }
+        mReports.clear();
+        mPlatform.reports.clear();
+    }
+
+    static void requireNoSecretIn(const std::string& text) {
+        require(text.find(kUserSig) == std::string::npos, "the signature is shown nowhere", text);
+        require(text.find(kMapKey) == std::string::npos, "the map key is shown nowhere", text);
+    }
+
+    FakePlatform& mPlatform = FakePlatform::instance();
+    std::shared_ptr<Listener> mListener = std::make_shared<Listener>();
+    std::shared_ptr<LiveTranscodingAdapter> mAdapter = std::make_shared<LiveTranscodingAdapter>();
+    int mLastCode = 0;
+    std::string mLastBody;
+
+    // As the rules have it.
+    bool mIsInRoom = false;
+    bool mIsAnythingStarted = false;
+    std::array<bool, 2> mPending{};
+    std::array<int, 2> mGenerations{};
+    std::array<int, 4> mCounters{};
+    std::map<std::pair<size_t, int>, Task> mTasks;
+    std::vector<Retry> mRetries;
+    std::vector<size_t> mFirstSends;
+    std::vector<Told> mTold;
+    std::vector<Report> mReports;
+
+    // As they came.
+    std::vector<Sent> mSent;
+    size_t mLogSeen = 0;
+    size_t mLogRead = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    if (input.find(kUserSig) != std::string_view::npos || input.find(kMapKey) != std::string_view::npos) {
+        return 0;  // what an answer holds may be shown
+    }
+    Story story;
+    std::vector<std::string> lines = linesOf(input);
+    lines.resize(std::min(lines.size(), kMostSteps));
+    for (const std::string& line : lines) {
+        story.step(line);
+    }
+    story.end();
+    return 0;
+}

@@ -1,0 +1,351 @@
+// Any records: how reports show them, and the bodies and addresses that the adapter makes of them.
+//
+// An input sets fields, one a line:
+//
+//   appId 7              a number of the relay and of the mix; all others are the mix's
+//   url rtmp://cdn/a     the relay's
+//   user alice           the next of the mix's users; room, rect X Y W H, zOrder, pureAudio and streamType are then its
+//   localUser, localRoom, sdkAppId, userSig, mapKey      of the one who asks
+//   times 300            repeats the text set last, up to 8 KiB
+//   json {"a":1}         a text that is read and written again
+
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "Com/LiveTranscodingAdapter.h"
+#include "FakePlatform.h"
+#include "Fuzzing.h"
+#include "VirtualTime.h"
+#include "base/Json.h"
+#include "base/Md5.h"
+
+namespace {
+
+using namespace fuzzing;
+using Json = nlohmann::json;
+using Relay = kstmedia::VexaPublishCDNParamInternal;
+using Config = kstmedia::VexaTranscodingConfigInternal;
+using User = kstmedia::VexaMixUserInternal;
+
+constexpr size_t kLongestPiece = 259;       // of a record's text
+constexpr size_t kLongestFormatted = 4094;  // of an address, or of a name whose digest is a stream id
+constexpr size_t kLongestRepeated = 8 << 10;
+constexpr size_t kMostUsers = 40;
+
+template <class Record>
+struct Number {
+    const char* name;
+    int32_t Record::*value;
+};
+
+// In the order in which reports show them, with the names that these use.
+constexpr Number<Config> kNumbers[] = {
+    {"mode", &Config::mode},
+    {"appId", &Config::appId},
+    {"bizId", &Config::bizId},
+    {"width", &Config::videoWidth},
+    {"height", &Config::videoHeight},
+    {"bitrate", &Config::videoBitrate},
+    {"fps", &Config::videoFramerate},
+    {"gop", &Config::videoGOP},
+    {"audio_samplerate", &Config::audioSampleRate},
+    {"audio_bitrate", &Config::audioBitrate},
+    {"audio_channel", &Config::audioChannels},
+};
+
+constexpr Number<Config> kOutputs[] = {
+    {"output_stream_bitrate", &Config::videoBitrate},      {"output_stream_gop", &Config::videoGOP},
+    {"output_stream_frame_rate", &Config::videoFramerate}, {"output_audio_sample_rate", &Config::audioSampleRate},
+    {"output_audio_bitrate", &Config::audioBitrate},       {"output_audio_channels", &Config::audioChannels},
+};
+
+struct Request {
+    Relay relay;
+    Config config;
+    std::string localUser = "alice";
+    std::string localRoom = "room7";
+    std::string userSig = "signature";
+    std::string mapKey = "key";
+    int64_t sdkAppId = 1400123;
+    std::vector<std::string> jsonTexts;
+};
+
+Request readRequest(std::string_view input) {
+    Request request;
+    std::string* lastText = nullptr;
+    const auto setText = [&lastText](std::string& text, std::string_view value) {
+        text = value;
+        lastText = &text;
+    };
+    auto& users = request.config.mixUsersArray;
+    for (const std::string& line : linesOf(input)) {
+        std::string_view rest = line;
+        const std::string_view name = takeWord(rest);
+        for (const auto& number : kNumbers) {
+            if (name == number.name) {
+                request.config.*number.value = numberOf<int32_t>(rest);
+            }
+        }
+        if (name == "appId") {
+            request.relay.appId = request.config.appId;
+        } else if (name == "bizId") {
+            request.relay.bizId = request.config.bizId;
+        } else if (name == "url") {
+            setText(request.relay.url, rest);
+        } else if (name == "localUser") {
+            setText(request.localUser, rest);
+        } else if (name == "localRoom") {
+            setText(request.localRoom, rest);
+        } else if (name == "userSig") {
+            setText(request.userSig, rest);
+        } else if (name == "mapKey") {
+            setText(request.mapKey, rest);
+        } else if (name == "sdkAppId") {
+            request.sdkAppId = numberOf<int64_t>(rest);
+        } else if (name == "json") {
+            request.jsonTexts.emplace_back(rest);
+        } else if (name == "times" && lastText) {
+            const std::string once = *lastText;
+            for (int times = numberOf<int>(rest); times > 1 && !once.empty() && lastText->size() < kLongestRepeated;
+                 --times) {
+                *lastText += once;
+            }
+        } else if (name == "user" && users.size() < kMostUsers) {
+            lastText = nullptr;  // may move
+            users.emplace_back();
+            setText(users.back().userId, rest);
+        } else if (users.empty()) {
+            continue;
+        } else if (name == "room") {
+            setText(users.back().roomId, rest);
+        } else if (name == "rect") {
+            User::Rect& rect = users.back().rect;
+            for (int32_t* side : {&rect.x, &rect.y, &rect.w, &rect.h}) {
+                *side = numberOf<int32_t>(takeWord(rest));
+            }
+        } else if (name == "zOrder") {
+            users.back().zOrder = numberOf<int32_t>(rest);
+        } else if (name == "pureAudio") {
+            users.back().pureAudio = rest == "1";
+        } else if (name == "streamType") {
+            users.back().streamType = numberOf<int32_t>(rest);
+        }
+    }
+    return request;
+}
+
+// ---- What reports show ----------------------------------------------------------------------------------------------
+
+std::string textOf(const Relay& relay) {
+    return "appId:" + std::to_string(relay.appId) + ", bizId:" + std::to_string(relay.bizId) + ", url:" + relay.url;
+}
+
+std::string textOf(const Config& config) {
+    std::string text;
+    for (const auto& number : kNumbers) {
+        text += (text.empty() ? "" : ", ") + std::string(number.name) + ":" + std::to_string(config.*number.value);
+    }
+    require(text.size() <= kLongestPiece, "the numbers fit");
+    int count = 0;
+    for (const User& user : config.mixUsersArray) {
+        const std::string piece = " mixUser" + std::to_string(++count) + ":[userId:" + upToZero(user.userId) +
+                                  ", roomId:" + upToZero(user.roomId) + ", rect:(x:" + std::to_string(user.rect.x) +
+                                  "-y:" + std::to_string(user.rect.y) + "-w:" + std::to_string(user.rect.w) +
+                                  "-h:" + std::to_string(user.rect.h) + "), zOrder:" + std::to_string(user.zOrder) +
+                                  ", pureAudio:" + std::to_string(user.pureAudio) +
+                                  ", streamType:" + std::to_string(user.streamType) + "]";
+        text += piece.substr(0, kLongestPiece);
+    }
+    return text;
+}
+
+// ---- What is sent ---------------------------------------------------------------------------------------------------
+
+bool isAccepted(const Relay& relay) {
+    return !relay.url.empty() && relay.appId != 0 && relay.bizId != 0;
+}
+
+bool isAudio(const Config& config) {
+    return std::all_of(config.mixUsersArray.begin(), config.mixUsersArray.end(),
+                       [](const User& user) { return user.pureAudio; });
+}
+
+bool isAccepted(const Config& config) {
+    const auto& users = config.mixUsersArray;
+    if (config.appId == 0 || config.bizId == 0 || users.empty()) {
+        return false;
+    }
+    if (isAudio(config)) {
+        return true;
+    }
+    uint32_t layers = 0;
+    for (const User& user : users) {
+        if (user.zOrder < 0 || user.zOrder > 16 || (layers >> user.zOrder & 1) != 0) {
+            return false;
+        }
+        layers |= uint32_t{1} << user.zOrder;
+    }
+    return std::all_of(std::begin(kNumbers), std::end(kNumbers), [&config](const auto& number) {
+        return number.value == &Config::mode || config.*number.value != 0;
+    });
+}
+
+std::string streamId(int32_t bizId, const std::string& room, const std::string& user, const char* stream) {
+    const std::string name = upToZero(room) + "_" + upToZero(user) + "_" + stream;
+    return std::to_string(bizId) + "_" + kstmedia::getMD5(name.substr(0, kLongestFormatted));
+}
+
+Json readBody(const std::string& body) {
+    Json read = Json::parse(body, nullptr, false);
+    require(read.is_object(), "a body is a JSON object", body);
+    require(json::Serialize(json::Deserialize(body)) == body, "a body that is read and written stays", body);
+    return read;
+}
+
+// What JSON makes of bytes that may not be UTF-8.
+Json inJson(const std::string& text) {
+    return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+class Sending {
+public:
+    explicit Sending(const Request& request) : mRequest(request) {
+        mPlatform.reset();
+        mAdapter->updateUserInfo(request.sdkAppId, request.userSig, request.localUser);
+        mAdapter->updateEnterRoomInfo(request.localRoom, request.mapKey);
+    }
+
+    void sendRelay() {
+        const Relay& relay = mRequest.relay;
+        mAdapter->startPublishStreamUrl(relay);
+        if (!isAccepted(relay)) {
+            requireRefusal(textOf(relay));
+            return;
+        }
+        const Json body = sent("add_relay_stream_url", relay.appId, relay.bizId);
+        requireText(body, "stream_id", localId(relay.bizId));
+        require(body["dest_stream_url"] == inJson(relay.url), "the destination", body.dump());
+        requireReport(textOf(relay));
+        mAdapter->stopPublishStreamUrl();
+        requireText(sent("remove_relay_stream_url", relay.appId, relay.bizId), "stream_id", localId(relay.bizId));
+    }
+
+    void sendMix() {
+        const Config& config = mRequest.config;
+        mAdapter->setLiveMixTranscoding(config);
+        if (!isAccepted(config)) {
+            requireRefusal(textOf(config));
+            return;
+        }
+        const Json body = sent("set_live_mix_transcoding", config.appId, config.bizId);
+        requireText(body, "session_id", localId(config.bizId));
+        const Json& output = body["output_param"];
+        requireText(output, "output_stream_id", localId(config.bizId));
+        for (const auto& number : kOutputs) {
+            require(output.contains(number.name) == (config.*number.value != -1), "-1 is left out", output.dump());
+            require(!output.contains(number.name) || output[number.name] == config.*number.value, "an output number",
+                    output.dump());
+        }
+        requireInputs(body["input_stream_list"]);
+        requireReport(textOf(config));
+        mAdapter->stopLiveMixTranscoding();
+        const Json cancel = sent("set_live_mix_transcoding", config.appId, config.bizId);
+        requireText(cancel["output_param"], "output_stream_id", localId(config.bizId));
+    }
+
+private:
+    std::string localId(int32_t bizId) const { return streamId(bizId, mRequest.localRoom, mRequest.localUser, "main"); }
+
+    // The body of the one request that was sent now.
+    Json sent(const std::string& interfaceName, int32_t appId, int32_t bizId) {
+        VirtualTime::runDue();
+        require(mPlatform.requests.size() == 1, "what is accepted is sent");
+        const FakePlatform::Request& request = mPlatform.requests.front();
+        const std::string start = "https://live.test:8443/v3/liveinterface/" + interfaceName +
+                                  "?sdkappid=" + std::to_string(static_cast<int32_t>(mRequest.sdkAppId)) + "&random=";
+        const std::string secrets =
+            "&usersig=" + upToZero(mRequest.userSig) + "&parivMapKey=" + upToZero(mRequest.mapKey);
+        require(startsWith(request.url, start), "the address", request.url);
+        const std::string random = request.url.substr(start.size(), request.url.find('&', start.size()) - start.size());
+        require(request.url == (start + random + secrets).substr(0, kLongestFormatted),
+                "the address, as far as it goes", request.url);
+        const Json body = readBody(request.body);
+        requireText(body, "interface", interfaceName);
+        requireText(body, "domain", std::to_string(bizId) + ".push.test");
+        require(body["appid"] == appId, "the application id", request.body);
+        return body;
+    }
+
+    static void requireText(const Json& object, const char* key, const std::string& text) {
+        require(object.contains(key) && object[key] == text, key, text);
+    }
+
+    void requireInputs(const Json& inputs) const {
+        std::vector<User> users = mRequest.config.mixUsersArray;
+        size_t first = 0;
+        if (!isAudio(mRequest.config)) {
+            std::sort(users.begin(), users.end(), [](const User& a, const User& b) { return a.zOrder < b.zOrder; });
+            requireText(inputs[0], "input_stream_id", "canvas1");
+            require(inputs[0]["layout_params"]["image_width"] == mRequest.config.videoWidth, "the canvas's width");
+            first = 1;
+        }
+        require(inputs.size() == users.size() + first, "each user is sent", inputs.dump());
+        for (size_t i = 0; i < users.size(); ++i) {
+            const User& user = users[i];
+            const Json& input = inputs[i + first];
+            requireText(input, "input_stream_id",
+                        streamId(mRequest.config.bizId, user.roomId.empty() ? mRequest.localRoom : user.roomId,
+                                 user.userId, user.streamType == 2 ? "aux" : "main"));
+            const Json layout = {
+                {"input_type", user.pureAudio ? 4 : 0}, {"image_layer", i + first + 1}, {"image_width", user.rect.w},
+                {"image_height", user.rect.h},          {"location_x", user.rect.x},    {"location_y", user.rect.y}};
+            require(input["layout_params"] == layout, "an input's layout", input.dump());
+        }
+    }
+
+    void requireReport(const std::string& text) {
+        mPlatform.answer(0, 0, R"({"code":0})");
+        requireRefusal(text);
+        mPlatform.requests.clear();
+    }
+
+    // Whatever was refused or answered is reported with the text of its record.
+    void requireRefusal(const std::string& text) {
+        VirtualTime::runDue();
+        require(mPlatform.reports.size() == 1, "there is one report");
+        const FakePlatform::Report& report = mPlatform.reports.front();
+        require(report.information == upToZero("sdkver:9.8.7 " + text), "a report shows the record",
+                report.information);
+        mPlatform.reports.clear();
+    }
+
+    const Request& mRequest;
+    FakePlatform& mPlatform = FakePlatform::instance();
+    std::shared_ptr<LiveTranscodingAdapter> mAdapter = std::make_shared<LiveTranscodingAdapter>();
+};
+
+void readAndWriteJson(const std::string& text) {
+    const json::Value value = json::Deserialize(text);
+    if (value.isNull()) {
+        return;
+    }
+    const std::string written = json::Serialize(value);
+    require(Json::accept(written), "what is written is JSON", written);
+    const json::Value again = json::Deserialize(written);
+    require(json::Serialize(again) == written, "what is written stays when it is read and written", written);
+    require(again.type() == value.type() && again.ToInt() == value.ToInt(), "what is written means the same", written);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const Request request = readRequest({reinterpret_cast<const char*>(data), size});
+    require(request.relay.to_string() == textOf(request.relay), "a relay's text", request.relay.to_string());
+    require(request.config.to_string() == textOf(request.config), "a mix's text", request.config.to_string());
+    Sending(request).sendRelay();
+    Sending(request).sendMix();
+    for (const std::string& text : request.jsonTexts) {
+        readAndWriteJson(text);
+    }
+    return 0;
+}
