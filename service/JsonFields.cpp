@@ -111,7 +111,7 @@ void refuse(int code, const std::string& field, const std::string& reason) {
 std::string excerpt(std::string_view text) {
     const bool isCut = text.size() > kExcerptBytes;
     const json shown = std::string(text.substr(0, kExcerptBytes));
-    std::string result = shown.dump(-1, ' ', true, json::error_handler_t::ignore);
+    std::string result = shown.dump(-1, ' ', true, json::error_handler_t::replace);
     if (isCut) {
         result.insert(result.size() - 1, "...");
     }

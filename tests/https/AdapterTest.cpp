@@ -18,23 +18,12 @@
 #include <utility>
 #include <vector>
 
-#include "FreePort.h"
 #include "Room.h"
 #include "base/Md5.h"
 #include "base/RetrySchedule.h"
 #include "base/ServiceAddress.h"
 #include "platform/Platform.h"
 #include "service/LiveService.h"
-
-// This program's own service, in place of the platform's address: fixed before main, as the adapter asks for it then.
-const char* kstf_get_live_service_host() {
-    static const std::string host = "127.0.0.1:" + std::to_string(freePort());
-    return host.c_str();
-}
-
-const char* kstf_get_push_domain_suffix() {
-    return "livepush.vexa.example";
-}
 
 namespace {
 

@@ -20,22 +20,11 @@
 #include <thread>
 #include <vector>
 
-#include "FreePort.h"
 #include "Room.h"
 #include "TestCertificates.h"
 #include "base/ServiceAddress.h"
 #include "platform/Platform.h"
 #include "service/LiveService.h"
-
-// nginx's address, in place of the platform's: fixed before main, as the adapter asks for it then.
-const char* kstf_get_live_service_host() {
-    static const std::string host = "127.0.0.1:" + std::to_string(freePort());
-    return host.c_str();
-}
-
-const char* kstf_get_push_domain_suffix() {
-    return "livepush.vexa.example";
-}
 
 namespace {
 

@@ -374,6 +374,8 @@ INSTANTIATE_TEST_SUITE_P(
         QueryRow{"NoMapKey", "sdkappid=1&random=1&usersig=SECRET", "query: parivMapKey", "missing"},
         QueryRow{"AppIdText", "sdkappid=abc&random=1&usersig=SECRET&parivMapKey=", "query: sdkappid",
                  "found \"abc\", must be an integer"},
+        QueryRow{"AppIdNotUtf8", "sdkappid=SEC\xf7RET1&random=1&usersig=SECRET&parivMapKey=", "query: sdkappid",
+                 "found \"SEC\\ufffdRET1\""},
         QueryRow{"AppIdEmpty", "sdkappid=&random=1&usersig=SECRET&parivMapKey=", "query: sdkappid", "found \"\""},
         QueryRow{"AppIdBeyond32Bits", "sdkappid=2147483648&random=1&usersig=SECRET&parivMapKey=", "query: sdkappid",
                  "to 2147483647"},

@@ -182,6 +182,11 @@ Operation* Account::find(Ledger& ledger, int generation) {
     return found == ledger.operations.end() ? nullptr : &*found;
 }
 
+// Nobody else has touched the counters.
+bool Account::isUndisturbed(const Ledger& ledger) {
+    return ledger.operations.size() == 1 && ledger.operations[0].supersedingBegan == 0;
+}
+
 Exchange* Account::next(Ledger& ledger, const Exchange& exchange) {
     const auto found =
         std::find_if(ledger.exchanges.begin(), ledger.exchanges.end(), [&](const std::shared_ptr<Exchange>& each) {
@@ -302,7 +307,7 @@ void Account::checkDelivered(Ledger& ledger, Exchange& exchange) {
         wrong("a stale answer was judged");
     }
     const Judgement judgement = judge(exchange.kind, exchange.retCode, exchange.answer);
-    const bool isClean = ledger.operations.size() == 1;  // nobody else has touched the counters
+    const bool isClean = isUndisturbed(ledger);
     if (exchange.told.empty()) {
         // Stale, it may have taken a try of the newer request of its kind.
         exchange.isRetried = judgement.isWorthAnotherTry && (exchange.attempt < kLastAttempt || !isFresh);
@@ -405,10 +410,13 @@ bool Account::takeReport(Ledger& ledger, const vexalive::EventReport& report) {
 
 // Whether the trace is that of the tries up to `last`: its opening, then each answer with the tries that were left.
 bool Account::explains(Ledger& ledger, const Exchange& last, const std::string& trace) {
-    const bool isClean = ledger.operations.size() == 1;
+    const bool isClean = isUndisturbed(ledger);
     std::string_view rest(trace);
     if (last.kind == kStartMix) {
-        if (!takeOff(rest, "task_id:" + std::to_string(last.generation) + ", pureAudioOutputStream:0, stream: {")) {
+        // Told from the configuration of that moment, which a cancel that came meanwhile has emptied.
+        const bool isEmptied = !isClean && trace.find("\"input_stream_list\":[]") != std::string::npos;
+        if (!takeOff(rest, "task_id:" + std::to_string(last.generation) +
+                               ", pureAudioOutputStream:" + (isEmptied ? "1" : "0") + ", stream: {")) {
             return false;
         }
         const size_t segment = rest.find(kSegment);
@@ -488,8 +496,8 @@ void Account::settleIfDone(Family family) {
     for (const auto& exchange : ledger.exchanges) {
         mBooks.succeeded += !exchange->told.empty() && exchange->told.back().code == 0;
     }
-    ledger.operations.clear();
-    ledger.exchanges.clear();
+    ledger.operations = {};  // gives their memory back
+    ledger.exchanges = {};
     ledger.scriptIsThrough = false;
     mBooks.onSettled(*this, family);
 }

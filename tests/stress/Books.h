@@ -136,6 +136,7 @@ private:
     void supersede(Ledger& ledger);
     Operation* find(Ledger& ledger, int generation);
     Exchange* next(Ledger& ledger, const Exchange& exchange);
+    static bool isUndisturbed(const Ledger& ledger);
     bool isSettled(Ledger& ledger);
     void settleIfDone(Family family);
     void checkDelivered(Ledger& ledger, Exchange& exchange);

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "../https/OwnService.h"
 #include "../https/Room.h"
 #include "StressService.h"
 #include "ThreadRefusal.h"
@@ -199,7 +200,7 @@ TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsToldOnce) {
     const StressService service("large");
     trust(service);
     const std::string url =
-        "https://127.0.0.1:" + std::to_string(stressPort()) + "/v3/liveinterface/add_relay_stream_url?usersig=s";
+        "https://127.0.0.1:" + std::to_string(ownServicePort()) + "/v3/liveinterface/add_relay_stream_url?usersig=s";
     const std::string text = "{}";
     KstCopyOnWriteBuffer body(reinterpret_cast<const uint8_t*>(text.data()), text.size());
 

@@ -3,7 +3,8 @@
 //     soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]
 //
 // Ends with 0 if every promise was kept: no operation lost or doubled, none with another outcome than its rules give,
-// no request unanswered, and, in a run of five minutes or more, memory, threads and descriptors that do not grow.
+// no request unanswered, and, in a run of five minutes or more, memory, threads and descriptors that do not grow. These
+// are looked at every half minute, when all work has come to its end and none begins.
 
 #include <malloc.h>
 #include <sys/resource.h>
@@ -39,7 +40,8 @@ using std::chrono::milliseconds;
 
 constexpr double kOperationsInARound = 1.6;  // about
 constexpr int kRoundsBetweenJointOnes = 40;
-constexpr std::chrono::milliseconds kTimeout(20000);   // of a request: a busy machine is no fault of the service's
+constexpr std::chrono::milliseconds kTimeout(20000);  // of a request: a busy machine is no fault of the service's
+constexpr std::chrono::seconds kBetweenRests(30);
 constexpr auto kPatience = std::chrono::seconds(300);  // with a round, before it counts as lost
 constexpr double kFlatPercent = 1.0;                   // of memory
 constexpr double kFlat = 10;                           // threads, or descriptors
@@ -77,11 +79,13 @@ Options optionsFrom(int argc, char** argv) {
     return options;
 }
 
-// ---- What the process takes, second by second -----------------------------------------------------------------------
+// ---- What the process takes when nothing is under way
+// -----------------------------------------------------------------
 
 struct Sample {
     double second;
-    double kibibytes;
+    double allocated;  // KiB that the program has asked for and not given back
+    double resident;   // KiB that the system counts: those, what lies between them, stacks and code
     double threads;
     double descriptors;
     double operations;
@@ -92,44 +96,43 @@ double countEntries(const char* folder) {
     return static_cast<double>(std::distance(begin(entries), end(entries)));
 }
 
-// Memory is what is kept: the allocator gives back first what it only holds ready since the last peak.
 Sample sampleNow(double second, const Books& books) {
-    malloc_trim(0);
+    malloc_trim(0);  // back to the system with what is only held ready
     long pages = 0;
     long resident = 0;
     std::ifstream("/proc/self/statm") >> pages >> resident;
-    return {second, static_cast<double>(resident * (sysconf(_SC_PAGESIZE) / 1024)), countEntries("/proc/self/task"),
-            countEntries("/proc/self/fd"), static_cast<double>(books.operations)};
+    const struct mallinfo2 heap = mallinfo2();
+    return {second,
+            static_cast<double>(heap.uordblks + heap.hblkhd) / 1024,
+            static_cast<double>(resident * (sysconf(_SC_PAGESIZE) / 1024)),
+            countEntries("/proc/self/task"),
+            countEntries("/proc/self/fd"),
+            static_cast<double>(books.operations)};
 }
 
-// How much a straight line rises from `first` to the last sample, in units and in percent of its mean. It goes through
-// the least of each half minute: what is kept shows when little is under way.
+// How much a straight line through the samples from `first` on rises, in units and in percent of its mean.
 struct Rise {
     double units = 0;
     double percent = 0;
 };
 
 Rise riseOf(double Sample::*figure, const std::vector<Sample>& samples, double first) {
-    std::map<int, double> least;
+    double count = 0, x = 0, y = 0, xx = 0, xy = 0, earliest = 0;
     for (const Sample& each : samples) {
         if (each.second >= first) {
-            const auto entry = least.emplace(static_cast<int>(each.second / 30), each.*figure).first;
-            entry->second = std::min(entry->second, each.*figure);
+            earliest = count == 0 ? each.second : earliest;
+            ++count;
+            x += each.second;
+            y += each.*figure;
+            xx += each.second * each.second;
+            xy += each.second * each.*figure;
         }
     }
-    double x = 0, y = 0, xx = 0, xy = 0;
-    for (const auto& [halfMinute, value] : least) {
-        x += halfMinute;
-        y += value;
-        xx += double{1} * halfMinute * halfMinute;
-        xy += halfMinute * value;
-    }
-    const auto count = static_cast<double>(least.size());
     if (count < 2) {
         return {};
     }
     const double slope = (count * xy - x * y) / (count * xx - x * x);
-    const double units = slope * (least.rbegin()->first - least.begin()->first);
+    const double units = slope * (samples.back().second - earliest);
     return {units, 100 * units / (y / count)};
 }
 
@@ -193,26 +196,27 @@ public:
         }
     }
 
-    // Drives until the time is over and every round has come to its end.
+    // Drives until the time is over and every round has come to its end; rests now and then to take a sample.
     std::vector<Sample> run() {
         const auto start = Clock::now();
         const auto end = start + std::chrono::seconds(mOptions.seconds);
         std::vector<Sample> samples;
-        samples.reserve(static_cast<size_t>(mOptions.seconds) + 1);
-        auto nextSample = start;
+        samples.reserve(static_cast<size_t>(mOptions.seconds / kBetweenRests.count()) + 2);
+        auto nextRest = start;
         while (Clock::now() < end || anyBusy()) {
             mIsClosing = Clock::now() >= end;
-            if (Clock::now() >= nextSample && !mIsClosing) {
+            mIsResting = Clock::now() >= nextRest;
+            if (mIsResting && !anyBusy() && mBooks.inFlight() == 0) {
                 samples.push_back(sampleNow(std::chrono::duration<double>(Clock::now() - start).count(), mBooks));
-                nextSample += std::chrono::seconds(1);
-                giveUpOldRounds();
+                nextRest += kBetweenRests;
+                mIsResting = false;
             }
             while (!mAppointments.empty() && mAppointments.top().when <= Clock::now()) {
                 const Appointment appointment = mAppointments.top();
                 mAppointments.pop();
                 keep(appointment);
             }
-            auto wake = mIsClosing ? Clock::now() + milliseconds(100) : nextSample;
+            auto wake = Clock::now() + milliseconds(100);
             if (!mAppointments.empty()) {
                 wake = std::min(wake, mAppointments.top().when);
             }
@@ -227,9 +231,7 @@ public:
                 seat.lanes[family].isBusy = false;
                 appoint(seat, family);
             }
-            if (mIsClosing) {
-                giveUpOldRounds();
-            }
+            giveUpOldRounds();
         }
         return samples;
     }
@@ -305,6 +307,8 @@ private:
         }
         if (lane.isBusy) {
             takeStep(seat, family);
+        } else if (mIsResting) {
+            appoint(seat, family);
         } else if (!mIsClosing) {
             beginRound(seat, family);
         }
@@ -511,6 +515,7 @@ private:
     std::unordered_map<Account*, Seat*> mSeatOf;
     std::priority_queue<Appointment> mAppointments;
     bool mIsClosing = false;
+    bool mIsResting = false;  // no round begins until all have ended
 
     std::mutex mMutex;
     std::condition_variable mWork;
@@ -560,20 +565,21 @@ int main(int argc, char** argv) {
                 count(books.wrong), unanswered);
 
     const double first = std::min(120.0, options.seconds / 5.0);
-    const Rise memory = riseOf(&Sample::kibibytes, samples, first);
+    const Rise memory = riseOf(&Sample::allocated, samples, first);
+    const Rise resident = riseOf(&Sample::resident, samples, first);
     const Rise threads = riseOf(&Sample::threads, samples, first);
     const Rise descriptors = riseOf(&Sample::descriptors, samples, first);
     const Sample& last = samples.back();
-    std::printf("from second %.0f on: memory %+.2f %%, threads %+.1f, descriptors %+.1f\n", first, memory.percent,
-                threads.units, descriptors.units);
-    std::printf("at the end: %.1f MiB, %.0f threads, %.0f descriptors\n", last.kibibytes / 1024, last.threads,
-                last.descriptors);
+    std::printf("from second %.0f on: memory %+.2f %% (resident %+.2f %%), threads %+.1f, descriptors %+.1f\n", first,
+                memory.percent, resident.percent, threads.units, descriptors.units);
+    std::printf("at the last rest: %.1f MiB (resident %.1f MiB), %.0f threads, %.0f descriptors\n",
+                last.allocated / 1024, last.resident / 1024, last.threads, last.descriptors);
     if (!options.samples.empty()) {
         std::ofstream file(options.samples);
-        file << "second,kibibytes,threads,descriptors,operations\n";
+        file << "second,allocated,resident,threads,descriptors,operations\n";
         for (const Sample& each : samples) {
-            file << each.second << ',' << each.kibibytes << ',' << each.threads << ',' << each.descriptors << ','
-                 << each.operations << '\n';
+            file << each.second << ',' << each.allocated << ',' << each.resident << ',' << each.threads << ','
+                 << each.descriptors << ',' << each.operations << '\n';
         }
     }
     const bool grows =

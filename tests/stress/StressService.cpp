@@ -8,23 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../https/FreePort.h"
+#include "../https/OwnService.h"
 #include "base/KstMessageLoop.h"
-#include "base/ServiceAddress.h"
-
-int stressPort() {
-    static const int port = freePort();
-    return port;
-}
-
-const char* kstf_get_live_service_host() {
-    static const std::string host = "127.0.0.1:" + std::to_string(stressPort());
-    return host.c_str();
-}
-
-const char* kstf_get_push_domain_suffix() {
-    return "livepush.vexa.example";
-}
 
 // A fiftieth, so that many retries pass in little time.
 std::chrono::milliseconds shortened(std::chrono::milliseconds pause) {
@@ -43,7 +28,7 @@ StressService::StressService(const std::string& manner, unsigned seed) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input[0], 0);
     posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-    std::string arguments[] = {STRESS_SERVICE, std::to_string(stressPort()), std::to_string(seed), mFolder, manner};
+    std::string arguments[] = {STRESS_SERVICE, std::to_string(ownServicePort()), std::to_string(seed), mFolder, manner};
     char* const list[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(),
                           arguments[3].data(), arguments[4].data(), nullptr};
     const int failure = posix_spawn(&mChild, list[0], &actions, nullptr, list, environ);

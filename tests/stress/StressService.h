@@ -11,8 +11,8 @@
 
 class StressService {
 public:
-    // Starts the program stress_service on stressPort() and waits until it listens; ends this process if it does not.
-    // `manner`: "random", "good" or "large".
+    // Starts the program stress_service on ownServicePort() and waits until it listens; ends this process if it does
+    // not. `manner`: "random", "good" or "large".
     explicit StressService(const std::string& manner, unsigned seed = 1);
     ~StressService();
     StressService(const StressService&) = delete;
@@ -26,8 +26,5 @@ private:
     pid_t mChild = 0;
     int mInput = -1;  // the service ends when this is closed
 };
-
-// This program's service, fixed before main, as the adapter asks for its address then.
-int stressPort();
 
 #endif

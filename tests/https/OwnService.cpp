@@ -1,11 +1,17 @@
-#include "FreePort.h"
+#include "OwnService.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-int freePort() {
+#include <string>
+
+#include "base/ServiceAddress.h"
+
+namespace {
+
+int findFreePort() {
     const int probe = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -15,4 +21,20 @@ int freePort() {
     getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
     close(probe);
     return ntohs(address.sin_port);
+}
+
+}  // namespace
+
+int ownServicePort() {
+    static const int port = findFreePort();
+    return port;
+}
+
+const char* kstf_get_live_service_host() {
+    static const std::string host = "127.0.0.1:" + std::to_string(ownServicePort());
+    return host.c_str();
+}
+
+const char* kstf_get_push_domain_suffix() {
+    return "livepush.vexa.example";
 }
