@@ -233,6 +233,7 @@ public:
             }
             giveUpOldRounds();
         }
+        samples.push_back(sampleNow(std::chrono::duration<double>(Clock::now() - start).count(), mBooks));
         return samples;
     }
 

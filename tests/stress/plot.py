@@ -18,8 +18,8 @@ FIGURES = [
 
 
 def round_up(value):
-    """The next 1, 2 or 5 with zeros behind it."""
-    step = 1
+    """The next 1, 2 or 5 with zeros behind it, from a hundredth on."""
+    step = 0.01
     while True:
         for factor in (1, 2, 5):
             if factor * step >= value:
@@ -59,10 +59,11 @@ def main():
         points = [(float(row["second"]), figure(row)) for row in rows]
         parts += panel(name, points, seconds, TOP + index * (HEIGHT + GAP))
     bottom = TOP + len(FIGURES) * (HEIGHT + GAP) - GAP + 16
-    marks = 10 if seconds >= 600 else 5
-    for mark in range(marks + 1):
-        x = LEFT + mark / marks * (WIDTH - RIGHT - LEFT)
-        label = f"{seconds * mark / marks / 60:.3g}"
+    minutes = seconds / 60
+    step = round_up(minutes / 12)
+    for mark in range(0, int(minutes / step) + 1):
+        x = LEFT + mark * step / minutes * (WIDTH - RIGHT - LEFT)
+        label = f"{mark * step:g}"
         parts.append(f'<text x="{x:.1f}" y="{bottom}" class="scale" text-anchor="middle">{label}</text>')
     parts.append(f'<text x="{WIDTH - RIGHT}" y="{bottom + 16}" class="scale" text-anchor="end">minutes</text>')
     parts.append("</svg>")
