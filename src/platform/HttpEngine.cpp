@@ -251,6 +251,11 @@ void HttpEngine::run() {
             std::this_thread::sleep_for(std::chrono::milliseconds(kBlindPollMilliseconds));
         }
     }
+    // What is under way is dropped unheard; a thread of the library's that asks a name server for it is let go.
+    for (const Exchange* exchange : mUnderWay) {
+        curl_multi_remove_handle(mMulti, exchange->handle);
+        curl_easy_cleanup(exchange->handle);
+    }
 }
 
 // False when the process leaves. A request put in after this wakes the poll that follows.
@@ -295,7 +300,7 @@ void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
         end(std::move(exchange), CURLE_FAILED_INIT);
         return;
     }
-    static_cast<void>(exchange.release());  // comes back in collectFinished
+    mUnderWay.insert(exchange.release());  // comes back in collectFinished
 }
 
 // A handle of its own for each request: a used one would carry over what the library remembers of earlier failures.
@@ -352,6 +357,7 @@ void HttpEngine::collectFinished() {
         Exchange* exchange = nullptr;
         curl_easy_getinfo(handle, CURLINFO_PRIVATE, &exchange);
         curl_multi_remove_handle(mMulti, handle);
+        mUnderWay.erase(exchange);
         end(std::unique_ptr<Exchange>(exchange), result);
     }
 }

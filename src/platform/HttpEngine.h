@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -61,6 +62,7 @@ private:
     CURLM* mMulti = nullptr;
     CURLSH* mShare = nullptr;
     curl_slist* mHeaders = nullptr;
+    std::set<Exchange*> mUnderWay;  // the I/O thread's, as are those that follow
     int mPollMilliseconds = 0;
     std::chrono::steady_clock::time_point mLastTimeout;  // of any exchange; the epoch if there was none
 
