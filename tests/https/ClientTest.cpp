@@ -452,34 +452,43 @@ TEST(HttpsClient, CallbacksThatBlockDelayNoOtherClient) {
 }
 
 TEST(HttpsClient, AnswersOfOneClientAreToldInTheOrderInWhichTheyCame) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
-    CVexaHttpSendRecv client;
-    Gate entered;
-    Gate leave;
-    std::mutex mutex;
-    std::vector<int> order;
-    Gate done;
-    const auto tell = [&](int number) {
-        std::lock_guard<std::mutex> lock(mutex);
-        order.push_back(number);
-        if (number == 4) {
-            done.open();
+    constexpr int kLast = 4;
+    std::atomic<int> next{1};  // the request that is answered next; the one before it has been read by the client
+    Gate allRead;
+    ScriptedServer server([&](ScriptedServer::Connection& connection) {
+        if (!connection.handshake()) {
+            return;
         }
-    };
-    KstCopyOnWriteBuffer body = bufferOf("{}");
-    client.sendHttpsRequest(body, server.url(), [&](auto&&...) {
-        entered.open();
-        EXPECT_TRUE(leave.pass());
-        tell(1);
+        for (std::string request = connection.readRequest(); !request.empty(); request = connection.readRequest()) {
+            const int number = request[request.find("number=") + 7] - '0';
+            for (const auto patience = std::chrono::steady_clock::now() + 60s;
+                 next != number && std::chrono::steady_clock::now() < patience;) {
+                std::this_thread::sleep_for(1ms);
+            }
+            connection.write(httpAnswer(200, "{}"));
+            connection.waitUntilRead();
+            if (++next > kLast) {
+                allRead.open();
+            }
+        }
     });
-    ASSERT_TRUE(entered.pass());
-    for (int number = 2; number <= 4; ++number) {
-        client.sendHttpsRequest(body, server.url(), [&tell, number](auto&&...) { tell(number); });
-        EXPECT_EQ(0, post(server.url()).retCode);  // on the one connection, so the answer before it has come
+    CVexaHttpSendRecv client;
+    Gate leave;
+    Gate done;
+    std::vector<int> order;
+    KstCopyOnWriteBuffer body = bufferOf("{}");
+    for (const int number : {2, 3, 4, 1}) {
+        client.sendHttpsRequest(body, server.url() + "?number=" + std::to_string(number), [&, number](auto&&...) {
+            EXPECT_TRUE(leave.pass());
+            order.push_back(number);  // one callback of a client's at a time
+            if (number == kLast) {
+                done.open();
+            }
+        });
     }
+    EXPECT_TRUE(allRead.pass());
     leave.open();
     EXPECT_TRUE(done.pass());
-    std::lock_guard<std::mutex> lock(mutex);
     EXPECT_EQ((std::vector<int>{1, 2, 3, 4}), order);
 }
 
