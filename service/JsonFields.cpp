@@ -1,5 +1,6 @@
 #include "service/JsonFields.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
@@ -110,7 +111,11 @@ void refuse(int code, const std::string& field, const std::string& reason) {
 
 std::string excerpt(std::string_view text) {
     const bool isCut = text.size() > kExcerptBytes;
-    const json shown = std::string(text.substr(0, kExcerptBytes));
+    size_t length = std::min(text.size(), kExcerptBytes);
+    for (int i = 0; i < 3 && isCut && (text[length] & 0xc0) == 0x80; ++i) {
+        --length;  // a character of UTF-8 stays whole
+    }
+    const json shown = std::string(text.substr(0, length));
     std::string result = shown.dump(-1, ' ', true, json::error_handler_t::replace);
     if (isCut) {
         result.insert(result.size() - 1, "...");

@@ -376,6 +376,14 @@ INSTANTIATE_TEST_SUITE_P(
                  "found \"abc\", must be an integer"},
         QueryRow{"AppIdNotUtf8", "sdkappid=SEC\xf7RET1&random=1&usersig=SECRET&parivMapKey=", "query: sdkappid",
                  "found \"SEC\\ufffdRET1\""},
+        QueryRow{"AppIdCutBesideALetter",
+                 "sdkappid=a23456789012345678901234567890123456789012345\xe2\x82\xac and more"
+                 "&random=1&usersig=SECRET&parivMapKey=",
+                 "query: sdkappid", "found \"a23456789012345678901234567890123456789012345\\u20ac...\""},
+        QueryRow{"AppIdCutInsideALetter",
+                 "sdkappid=a2345678901234567890123456789012345678901234567\xe2\x82\xac and more"
+                 "&random=1&usersig=SECRET&parivMapKey=",
+                 "query: sdkappid", "found \"a2345678901234567890123456789012345678901234567...\""},
         QueryRow{"AppIdEmpty", "sdkappid=&random=1&usersig=SECRET&parivMapKey=", "query: sdkappid", "found \"\""},
         QueryRow{"AppIdBeyond32Bits", "sdkappid=2147483648&random=1&usersig=SECRET&parivMapKey=", "query: sdkappid",
                  "to 2147483647"},
