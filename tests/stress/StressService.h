@@ -12,7 +12,7 @@
 class StressService {
 public:
     // Starts the program stress_service on ownServicePort() and waits until it listens; ends this process if it does
-    // not. `manner`: "random", "good" or "large".
+    // not. `manner`: "random", "good", "slow" or "large".
     explicit StressService(const std::string& manner, unsigned seed = 1);
     ~StressService();
     StressService(const StressService&) = delete;

@@ -1,8 +1,8 @@
 // The local service until its standard input ends.
 //
-//     stress_service PORT SEED FOLDER random|good|large
+//     stress_service PORT SEED FOLDER random|good|slow|large
 //
-// It misbehaves at random, or never, or sends answers that almost reach the adapter's limit. Prints the file of its
+// It misbehaves at random, or never, or takes its time, or sends answers that almost reach the adapter's limit. Prints the file of its
 // certificate authority once it listens.
 
 #include <unistd.h>
@@ -93,12 +93,16 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", service.error().c_str());
         return 1;
     }
-    if (std::strcmp(argv[4], "large") == 0) {
-        Misbehaviour large;
-        large.kind = Misbehaviour::Kind::kHuge;
-        large.size = (size_t{1} << 20) - 1;
-        large.times = 0;
-        service.misbehave(large);
+    Misbehaviour always;
+    always.times = 0;
+    if (std::strcmp(argv[4], "slow") == 0) {
+        always.kind = Misbehaviour::Kind::kDelay;
+        always.delayMs = 200;
+        service.misbehave(always);
+    } else if (std::strcmp(argv[4], "large") == 0) {
+        always.kind = Misbehaviour::Kind::kHuge;
+        always.size = (size_t{1} << 20) - 1;
+        service.misbehave(always);
     }
     std::printf("%s\n", service.caFile().c_str());
     std::fflush(stdout);
