@@ -13,7 +13,7 @@ bool KstMessageLoop::enqueue(KstTask& task) {
         return false;
     }
     startWorker();
-    mTasks.push_back(std::move(task));
+    mTasks.push(std::move(task));
     const bool wake = std::exchange(mIdle, false);
     lock.unlock();
     if (wake) {
@@ -59,8 +59,7 @@ void KstMessageLoop::Loop() {
     while (!mStopped) {
         collectDueTasks();
         if (!mTasks.empty()) {
-            KstTask task = std::move(mTasks.front());
-            mTasks.pop_front();
+            KstTask task = mTasks.pop();
             lock.unlock();
             task();
             task = KstTask();  // what it captured goes before the lock comes back
@@ -85,20 +84,20 @@ void KstMessageLoop::collectDueTasks() {
     const auto now = std::chrono::steady_clock::now();
     while (!mDelayed.empty() && mDelayed.front().deadline <= now) {
         std::pop_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
-        mTasks.push_back(std::move(mDelayed.back().task));
+        mTasks.push(std::move(mDelayed.back().task));
         mDelayed.pop_back();
     }
 }
 
 void KstMessageLoop::stop() {
     std::shared_ptr<std::thread> worker;
-    std::deque<KstTask> tasks;  // destroyed unrun at the end, without the lock: they may post or stop
+    KstTaskQueue tasks;  // destroyed unrun at the end, without the lock: they may post or stop
     std::vector<DelayTask> delayed;
     {
         KstMutexLock lock(mMutex);
         mStopped = true;
         worker.swap(mWorker);
-        tasks.swap(mTasks);
+        std::swap(tasks, mTasks);
         delayed.swap(mDelayed);
     }
     mWakeUp.notifyOne();

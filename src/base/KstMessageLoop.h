@@ -6,9 +6,10 @@
 #ifndef VEXALIVE_BASE_KST_MESSAGE_LOOP_H
 #define VEXALIVE_BASE_KST_MESSAGE_LOOP_H
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <deque>
+#include <cstddef>
 #include <future>
 #include <memory>
 #include <thread>
@@ -18,19 +19,55 @@
 
 #include "base/Mutex.h"
 
-// What a queue holds: one shared reference to a packaged task, run by calling it. Runs at most once.
+// What a queue holds: one reference to a packaged task, shared with the future alone, and run by calling it. Runs at
+// most once; can be moved, not copied.
 class KstTask {
 public:
     KstTask() = default;
     template <class F, class = std::enable_if_t<!std::is_same<std::decay_t<F>, KstTask>::value>>
-    KstTask(F&& task) : mTask(std::make_shared<std::packaged_task<void()>>(std::forward<F>(task))) {}
+    KstTask(F&& task) : mTask(std::forward<F>(task)) {}
 
     // To be asked for once, before the task can run.
-    std::future<void> future() { return mTask->get_future(); }
-    void operator()() { (*mTask)(); }
+    std::future<void> future() { return mTask.get_future(); }
+    void operator()() { mTask(); }
 
 private:
-    std::shared_ptr<std::packaged_task<void()>> mTask;
+    std::packaged_task<void()> mTask;
+};
+
+// First in, first out. Allocates when it grows, and so not at all once it has seen its longest queue.
+class KstTaskQueue {
+public:
+    bool empty() const { return mCount == 0; }
+
+    void push(KstTask task) {
+        if (mCount == mRing.size()) {
+            grow();
+        }
+        mRing[(mFirst + mCount++) & (mRing.size() - 1)] = std::move(task);
+    }
+
+    // Not for an empty queue.
+    KstTask pop() {
+        KstTask task = std::move(mRing[mFirst]);
+        mFirst = (mFirst + 1) & (mRing.size() - 1);
+        --mCount;
+        return task;
+    }
+
+private:
+    void grow() {
+        std::vector<KstTask> larger(std::max<size_t>(8, 2 * mRing.size()));
+        for (size_t i = 0; i < mCount; ++i) {
+            larger[i] = std::move(mRing[(mFirst + i) & (mRing.size() - 1)]);
+        }
+        mRing.swap(larger);
+        mFirst = 0;
+    }
+
+    std::vector<KstTask> mRing;  // its size is a power of two
+    size_t mFirst = 0;
+    size_t mCount = 0;
 };
 
 // A task that must not run before its deadline.
@@ -83,7 +120,7 @@ private:
     KstMutex mMutex;
     KstCondition mWakeUp;
     std::shared_ptr<std::thread> mWorker KST_GUARDED_BY(mMutex);
-    std::deque<KstTask> mTasks KST_GUARDED_BY(mMutex);
+    KstTaskQueue mTasks KST_GUARDED_BY(mMutex);
     std::vector<DelayTask> mDelayed KST_GUARDED_BY(mMutex);
     bool mIdle KST_GUARDED_BY(mMutex) = false;  // the worker waits, and no wake-up is under way
     std::atomic<bool> mStopped{false};

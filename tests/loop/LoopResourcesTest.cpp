@@ -35,34 +35,47 @@ protected:
         return allocations - before;
     }
 
+    // Lets what is queued run, and holds the worker again.
+    void releaseAndHold() {
+        mHold.reset();
+        mHold = std::make_unique<LoopDriver::Hold>(*loop);
+    }
+
     std::shared_ptr<KstMessageLoop> loop = std::make_shared<KstMessageLoop>();
 
 private:
     std::unique_ptr<LoopDriver::Hold> mHold;
 };
 
-// What a task and its future cost without any loop: the standard library's own share.
-size_t allocationsOfOnePackagedTask() {
-    const size_t before = allocations;
-    {
-        const auto task = std::make_shared<std::packaged_task<void()>>([] {});
-        task->get_future();
-    }
-    return allocations - before;
+// A task with its callable, and the result that its future reads.
+constexpr size_t kPackagedTask = 2;
+
+TEST_F(LoopResourcesTest, AnImmediatePostAllocatesThePackagedTaskOnceTheQueueHasGrown) {
+    const size_t growing = allocationsOf(kPosts, [this] { loop->PostTask([] {}); });
+    EXPECT_LE(growing, kPosts * kPackagedTask + 10);
+    // It doubles, so there is room for almost as many again after one more growth.
+    const size_t used = allocationsOf(kPosts - 1, [this] { loop->PostTask([] {}); });
+    EXPECT_GE(used, (kPosts - 1) * kPackagedTask);
+    EXPECT_LE(used, (kPosts - 1) * kPackagedTask + 1);
 }
 
-TEST_F(LoopResourcesTest, AnImmediatePostAllocatesThePackagedTaskAndNowAndThenRoomInTheQueue) {
-    const size_t used = allocationsOf(kPosts, [this] { loop->PostTask([] {}); });
-    EXPECT_GE(used, kPosts * allocationsOfOnePackagedTask());
-    EXPECT_LE(used, kPosts * allocationsOfOnePackagedTask() + kPosts / 16);
+TEST_F(LoopResourcesTest, AQueueThatEmptiesAndFillsAgainAllocatesThePackagedTasksAndNothingElse) {
+    allocationsOf(kPosts, [this] { loop->PostTask([] {}); });
+    for (int round = 0; round < 3; ++round) {
+        releaseAndHold();
+        EXPECT_EQ(allocationsOf(kPosts / 2, [this] { loop->PostTask([] {}); }), kPosts / 2 * kPackagedTask);
+    }
 }
 
 TEST_F(LoopResourcesTest, ADelayedPostAllocatesThePackagedTaskOnceTheHeapHasGrown) {
     allocationsOf(kPosts, [this] { loop->DelayPostTask(hours(1), [] {}); });
-    // The heap doubles, so there is room for almost as many again after one more growth.
     const size_t used = allocationsOf(kPosts - 1, [this] { loop->DelayPostTask(hours(1), [] {}); });
-    EXPECT_GE(used, (kPosts - 1) * allocationsOfOnePackagedTask());
-    EXPECT_LE(used, (kPosts - 1) * allocationsOfOnePackagedTask() + 1);
+    EXPECT_GE(used, (kPosts - 1) * kPackagedTask);
+    EXPECT_LE(used, (kPosts - 1) * kPackagedTask + 1);
+}
+
+TEST_F(LoopResourcesTest, ALoopThatWasNeverPostedToAllocatesNothing) {
+    EXPECT_EQ(allocationsOf(1, [] { KstMessageLoop(); }), 0u);
 }
 
 TEST_F(LoopResourcesTest, ARefusedPostAllocatesNothing) {
