@@ -21,6 +21,7 @@ namespace {
 constexpr int kWakePollMilliseconds = 60000;
 constexpr int kBlindPollMilliseconds = 20;  // where no wake-up is to be had
 constexpr long kConcurrentStreams = 1000;
+constexpr size_t kSpareExchanges = 8;  // kept for requests to come
 
 // ---- Options: free until the engine takes them ----------------------------------------------------------------------
 
@@ -109,16 +110,25 @@ std::string describe(CURLcode result) {
     return json::Serialize(std::move(answer));
 }
 
-// On the I/O thread: signals of the host are handled by its own threads; a write to a connection that is gone raises
+// During the I/O: signals of the host are handled by its own threads; a write to a connection that is gone raises
 // SIGPIPE here.
-void blockSignals() {
-    sigset_t signals;
-    sigfillset(&signals);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT}) {
-        sigdelset(&signals, fault);
+class BlockedSignals {
+public:
+    BlockedSignals() {
+        sigset_t signals;
+        sigfillset(&signals);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT}) {
+            sigdelset(&signals, fault);
+        }
+        pthread_sigmask(SIG_SETMASK, &signals, &mBefore);
     }
-    pthread_sigmask(SIG_SETMASK, &signals, nullptr);
-}
+    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+    BlockedSignals(const BlockedSignals&) = delete;
+    BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+private:
+    sigset_t mBefore{};
+};
 
 }  // namespace
 
@@ -172,7 +182,7 @@ void HttpEngine::leave() {
     }
 }
 
-HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()) {
+HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()), mThreads([this] { doIo(); }) {
     initialiseOpenSsl();
     curl_global_init(CURL_GLOBAL_ALL);
     mMulti = curl_multi_init();
@@ -182,45 +192,56 @@ HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()) {
     mHeaders = curl_slist_append(mHeaders, "Content-Type: application/json");
     mHeaders = curl_slist_append(mHeaders, "Expect:");  // never waits for a 100
     mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kBlindPollMilliseconds;
-    mThread = std::thread([this] { run(); });
-    mDelivery.start();
+    mThreads.start();
+    mThreads.start();
 }
 
 void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
-    bool wake = false;
+    bool isFirst = false;
     {
         KstMutexLock lock(mMutex);
-        wake = mInbox.empty();
+        isFirst = mInbox.empty();
         mInbox.push_back(std::move(request));
     }
-    if (wake) {
+    if (isFirst && !mThreads.wantIo()) {
         curl_multi_wakeup(mMulti);
     }
 }
 
 // Requests in flight are dropped.
 void HttpEngine::stop() {
-    mDelivery.leave();
+    mThreads.leave();
     {
         KstMutexLock lock(mMutex);
         mLeaving = true;
     }
     curl_multi_wakeup(mMulti);
-    if (mThread.joinable()) {
-        mThread.join();
-    }
+    mThreads.waitForIo();
 }
 
-// ---- The I/O thread -------------------------------------------------------------------------------------------------
+// ---- The I/O --------------------------------------------------------------------------------------------------------
 
+// One request at a time, with the library's handle for it.
 struct HttpEngine::Exchange {
-    std::unique_ptr<OutgoingRequest> request;
     CURL* handle = nullptr;
     size_t limit = 0;
+    std::unique_ptr<OutgoingRequest> request;
     std::vector<uint8_t> received;
     bool overLimit = false;
     bool headEnded = false;
     char detail[CURL_ERROR_SIZE] = {};
+
+    Exchange() = default;
+    ~Exchange() { curl_easy_cleanup(handle); }
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
+
+    void clear() {
+        request.reset();
+        received = {};
+        overLimit = headEnded = false;
+        detail[0] = '\0';
+    }
 
     // Looks for the empty line: the library takes a head cut off for a whole one.
     static size_t receiveHead(char* data, size_t, size_t size, void* exchange) {
@@ -241,24 +262,29 @@ struct HttpEngine::Exchange {
     }
 };
 
-void HttpEngine::run() {
-    blockSignals();
+// Until nothing is under way.
+void HttpEngine::doIo() {
+    const BlockedSignals blocked;
     while (takeRequests()) {
         int running = 0;
         curl_multi_perform(mMulti, &running);
         collectFinished();
+        if (mUnderWay.empty()) {
+            return;
+        }
+        mThreads.tell();
         if (curl_multi_poll(mMulti, nullptr, 0, mPollMilliseconds, nullptr) != CURLM_OK) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kBlindPollMilliseconds));
         }
     }
     // What is under way is dropped unheard; a thread of the library's that asks a name server for it is let go.
-    for (const Exchange* exchange : mUnderWay) {
+    for (Exchange* exchange : mUnderWay) {
         curl_multi_remove_handle(mMulti, exchange->handle);
-        curl_easy_cleanup(exchange->handle);
+        curl_easy_cleanup(std::exchange(exchange->handle, nullptr));
     }
 }
 
-// False when the process leaves. A request put in after this wakes the poll that follows.
+// False if the process leaves.
 bool HttpEngine::takeRequests() {
     std::vector<std::unique_ptr<OutgoingRequest>> requests;
     {
@@ -275,26 +301,21 @@ bool HttpEngine::takeRequests() {
 }
 
 void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
-    auto exchange = std::make_unique<Exchange>();
-    exchange->limit = mOptions.maxAnswerBytes;
+    std::unique_ptr<Exchange> exchange = takeExchange();
     exchange->request = std::move(request);
-    if (exchange->request->url.find('\0') != std::string::npos) {
-        end(std::move(exchange), CURLE_URL_MALFORMAT);
-        return;
-    }
-    CURL* handle = exchange->handle = makeHandle();
+    CURL* handle = exchange->handle;
     if (!handle) {
         end(std::move(exchange), CURLE_FAILED_INIT);
+        return;
+    }
+    if (exchange->request->url.find('\0') != std::string::npos) {
+        end(std::move(exchange), CURLE_URL_MALFORMAT);
         return;
     }
     const KstCopyOnWriteBuffer& body = exchange->request->body;
     curl_easy_setopt(handle, CURLOPT_URL, exchange->request->url.c_str());
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.size() == 0 ? "" : reinterpret_cast<const char*>(body.cdata()));
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, exchange.get());
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, exchange.get());
-    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, exchange->detail);
-    curl_easy_setopt(handle, CURLOPT_PRIVATE, exchange.get());
     distrustOldConnections(handle);
     if (curl_multi_add_handle(mMulti, handle) != CURLM_OK) {
         end(std::move(exchange), CURLE_FAILED_INIT);
@@ -303,11 +324,23 @@ void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
     mUnderWay.insert(exchange.release());  // comes back in collectFinished
 }
 
-// A handle of its own for each request: a used one would carry over what the library remembers of earlier failures.
-CURL* HttpEngine::makeHandle() {
-    CURL* handle = curl_easy_init();
+// One whose last request was answered, or a new one. After a failure none is used again: its handle would carry over
+// what the library remembers of it.
+std::unique_ptr<HttpEngine::Exchange> HttpEngine::takeExchange() {
+    if (mSpare.empty()) {
+        return makeExchange();
+    }
+    std::unique_ptr<Exchange> exchange = std::move(mSpare.back());
+    mSpare.pop_back();
+    return exchange;
+}
+
+std::unique_ptr<HttpEngine::Exchange> HttpEngine::makeExchange() {
+    auto exchange = std::make_unique<Exchange>();
+    exchange->limit = mOptions.maxAnswerBytes;
+    CURL* handle = exchange->handle = curl_easy_init();
     if (!handle) {
-        return nullptr;
+        return exchange;
     }
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https");
@@ -331,7 +364,11 @@ CURL* HttpEngine::makeHandle() {
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, mHeaders);
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Exchange::receiveHead);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Exchange::receive);
-    return handle;
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, exchange.get());
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, exchange.get());
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, exchange->detail);
+    curl_easy_setopt(handle, CURLOPT_PRIVATE, exchange.get());
+    return exchange;
 }
 
 // A time-out ends a request, but not the connection that it shared, which may be dead: over HTTP/2 every other try
@@ -390,10 +427,14 @@ void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
     if (result == CURLE_OPERATION_TIMEDOUT) {
         mLastTimeout = std::chrono::steady_clock::now();
     }
-    curl_easy_cleanup(exchange->handle);
     const std::shared_ptr<AnswerQueue> answers = std::move(exchange->request->answers);
-    exchange.reset();
-    answers->push(std::move(answer), mDelivery);
+    if (answer.retCode == CVexaHttpSendRecv::kAnswered && mSpare.size() < kSpareExchanges) {
+        exchange->clear();
+        mSpare.push_back(std::move(exchange));
+    } else {
+        exchange.reset();
+    }
+    answers->push(std::move(answer), mThreads);
 }
 
 }  // namespace vexalive

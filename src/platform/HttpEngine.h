@@ -1,7 +1,7 @@
-// The one HTTPS engine of the process: libcurl's multi interface on one I/O thread, shared by all clients.
+// The one HTTPS engine of the process: libcurl's multi interface, shared by all clients.
 //
 // The first request starts it. Connections, TLS sessions and DNS answers are shared; over HTTP/2 requests share a
-// connection. Nothing of a host's runs on the I/O thread.
+// connection. One thread at a time does the I/O, and nothing of a host's runs meanwhile on it (HttpThreads.h).
 
 #ifndef VEXALIVE_PLATFORM_HTTP_ENGINE_H
 #define VEXALIVE_PLATFORM_HTTP_ENGINE_H
@@ -13,12 +13,11 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/KstCopyOnWriteBuffer.h"
 #include "base/Mutex.h"
-#include "platform/DeliveryThreads.h"
+#include "platform/HttpThreads.h"
 #include "platform/Platform.h"
 
 namespace vexalive {
@@ -48,28 +47,29 @@ private:
     HttpEngine() noexcept;
     void stop() KST_EXCLUDES(mMutex);
 
-    // Below: the I/O thread only.
-    void run();
+    // Below: the thread that does the I/O only.
+    void doIo();
     bool takeRequests() KST_EXCLUDES(mMutex);
     void begin(std::unique_ptr<OutgoingRequest> request);
     void collectFinished();
     void end(std::unique_ptr<Exchange> exchange, CURLcode result);
-    CURL* makeHandle();
+    std::unique_ptr<Exchange> takeExchange();
+    std::unique_ptr<Exchange> makeExchange();
     void distrustOldConnections(CURL* handle) const;
 
     const HttpOptions mOptions;
-    DeliveryThreads mDelivery;
     CURLM* mMulti = nullptr;
     CURLSH* mShare = nullptr;
     curl_slist* mHeaders = nullptr;
-    std::set<Exchange*> mUnderWay;  // the I/O thread's, as are those that follow
+    std::set<Exchange*> mUnderWay;  // for the thread that does the I/O, as are those that follow
+    std::vector<std::unique_ptr<Exchange>> mSpare;
     int mPollMilliseconds = 0;
     std::chrono::steady_clock::time_point mLastTimeout;  // of any exchange; the epoch if there was none
 
     KstMutex mMutex;
     std::vector<std::unique_ptr<OutgoingRequest>> mInbox KST_GUARDED_BY(mMutex);
     bool mLeaving KST_GUARDED_BY(mMutex) = false;
-    std::thread mThread;  // last: it runs on all of the above
+    HttpThreads mThreads;  // last: they run on all of the above
 };
 
 }  // namespace vexalive

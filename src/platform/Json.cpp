@@ -1,9 +1,11 @@
-// JSON text on nlohmann-json: its reader calls JsonReader for each token, so no second tree is built and the depth is
-// bounded on the way.
+// JSON text on nlohmann-json, without a second tree: its reader calls JsonReader for each token, so that the depth is
+// bounded on the way; its writer is asked for single texts and numbers.
 
 #include "base/Json.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace json {
 namespace {
@@ -12,34 +14,60 @@ using Library = nlohmann::json;
 
 constexpr size_t kMaxDepth = 512;
 
-Library toLibrary(const Value& value) {
+std::string textByLibrary(const Library& scalar) {
+    return scalar.dump(-1, ' ', false, Library::error_handler_t::replace);
+}
+
+// Most texts need neither an escape nor the library's look at their UTF-8.
+void append(std::string& json, const std::string& text) {
+    const bool isPlain =
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; });
+    if (isPlain) {
+        json += '"';
+        json += text;
+        json += '"';
+    } else {
+        json += textByLibrary(text);
+    }
+}
+
+void append(std::string& json, const Value& value) {
+    const char* separator = "";
     switch (value.type()) {
         case Value::kNull:
-            return nullptr;
+            json += "null";
+            break;
         case Value::kBool:
-            return *value.asBool();
+            json += *value.asBool() ? "true" : "false";
+            break;
         case Value::kInteger:
-            return *value.asInteger();
+            json += std::to_string(*value.asInteger());
+            break;
         case Value::kReal:
-            return *value.asReal();
+            json += textByLibrary(*value.asReal());
+            break;
         case Value::kString:
-            return *value.asString();
-        case Value::kArray: {
-            Library array = Library::array();
+            append(json, *value.asString());
+            break;
+        case Value::kArray:
+            json += '[';
             for (const Value& item : value.asArray()->items()) {
-                array.push_back(toLibrary(item));
+                json += std::exchange(separator, ",");
+                append(json, item);
             }
-            return array;
-        }
-        case Value::kObject: {
-            Library object = Library::object();
+            json += ']';
+            break;
+        case Value::kObject:
+            json += '{';
             for (const auto& [key, member] : value.asObject()->members()) {
-                object[key] = toLibrary(member);
+                json += std::exchange(separator, ",");
+                append(json, key);
+                json += ':';
+                append(json, member);
             }
-            return object;
-        }
+            json += '}';
+            break;
     }
-    return nullptr;
 }
 
 // The names of the operations are the library's.
@@ -109,7 +137,9 @@ private:
 }  // namespace
 
 std::string Serialize(const Value& value) {
-    return toLibrary(value).dump(-1, ' ', false, Library::error_handler_t::replace);
+    std::string json;
+    append(json, value);
+    return json;
 }
 
 Value Deserialize(const std::string& text) {
