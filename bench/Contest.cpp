@@ -1,12 +1,15 @@
 #include "Contest.h"
 
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 
 namespace bench {
 namespace {
@@ -19,6 +22,19 @@ rusage usage() {
     rusage used{};
     getrusage(RUSAGE_SELF, &used);
     return used;
+}
+
+// Of /proc/self/status, which counts in KiB.
+double statusBytes(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        if (word == name) {
+            double kibibytes = 0;
+            status >> kibibytes;
+            return kibibytes * 1024;
+        }
+    }
+    return 0;
 }
 
 }  // namespace
@@ -57,14 +73,39 @@ double cpuSeconds() {
 }
 
 double residentBytes() {
-    double pages = 0;
-    double resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
-    return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
+    return statusBytes("VmRSS:");
+}
+
+double anonymousBytes() {
+    return statusBytes("RssAnon:");
 }
 
 double peakResidentBytes() {
-    return static_cast<double>(usage().ru_maxrss) * 1024;
+    return statusBytes("VmHWM:");
+}
+
+int threads() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+int connectionsTo(int port) {
+    constexpr const char* kEstablished = "01";
+    char remote[32];
+    std::snprintf(remote, sizeof remote, "0100007F:%04X", static_cast<unsigned>(port));
+    int open = 0;
+    std::ifstream table("/proc/self/net/tcp");
+    std::string line;
+    std::getline(table, line);  // the names of the columns
+    while (std::getline(table, line)) {
+        std::string number;
+        std::string from;
+        std::string to;
+        std::string state;
+        std::istringstream(line) >> number >> from >> to >> state;
+        open += to == remote && state == kEstablished ? 1 : 0;
+    }
+    return open;
 }
 
 }  // namespace bench

@@ -1,6 +1,6 @@
 // What every benchmark program shares. A program holds the contenders of one row of the table; it is run once for each
-// contender and round as `bench_loop vexalive`, in a process of its own, and prints one line for each figure: its name, a
-// tab, its value. bench/run.py alternates the contenders and compares what they printed.
+// contender and round as `bench_loop vexalive`, in a process of its own, and prints one line for each figure: its name,
+// a tab, its value. bench/run.py alternates the contenders and compares what they printed.
 
 #ifndef VEXALIVE_BENCH_CONTEST_H
 #define VEXALIVE_BENCH_CONTEST_H
@@ -30,9 +30,16 @@ double seconds();
 // User and system time of this process, all threads.
 double cpuSeconds();
 
-// What the process holds in memory at this moment, and the most it ever held.
+// What the process holds in memory at this moment; that without the pages of files; and the most it ever held.
 double residentBytes();
+double anonymousBytes();
 double peakResidentBytes();
+
+// Threads of this process at this moment.
+int threads();
+
+// Connections from this machine to that port of loopback which are open at this moment.
+int connectionsTo(int port);
 
 }  // namespace bench
 

@@ -146,82 +146,9 @@ bool setHttpOptions(const HttpOptions& options) {
     return true;
 }
 
-// ---- Starting, sending, leaving -------------------------------------------------------------------------------------
+// ---- One request ----------------------------------------------------------------------------------------------------
 
-// A request may be the first while another thread already ends the process: whoever comes first, the engine's start or
-// the process's end, has the other wait.
-namespace {
-
-KstMutex startMutex;
-std::atomic<HttpEngine*> startedEngine{nullptr};
-bool processLeaves KST_GUARDED_BY(startMutex) = false;
-
-// Runs at exit even if no request was ever sent, and so late that nothing is started after it.
-[[maybe_unused]] const int registered = std::atexit(&HttpEngine::leave);
-
-}  // namespace
-
-HttpEngine* HttpEngine::instance() {
-    HttpEngine* engine = startedEngine;
-    if (engine) {
-        return engine;
-    }
-    KstMutexLock lock(startMutex);
-    if (!startedEngine && !processLeaves) {
-        startedEngine = new HttpEngine();
-        std::atexit(&leave);  // once more, to run before what was there earlier is destroyed
-    }
-    return startedEngine;
-}
-
-void HttpEngine::leave() {
-    KstMutexLock lock(startMutex);
-    processLeaves = true;
-    if (startedEngine) {
-        startedEngine.load()->stop();
-    }
-}
-
-HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()), mThreads([this] { doIo(); }) {
-    initialiseOpenSsl();
-    curl_global_init(CURL_GLOBAL_ALL);
-    mMulti = curl_multi_init();
-    curl_multi_setopt(mMulti, CURLMOPT_MAX_CONCURRENT_STREAMS, kConcurrentStreams);
-    mShare = curl_share_init();
-    curl_share_setopt(mShare, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);  // used by one thread: needs no locks
-    mHeaders = curl_slist_append(mHeaders, "Content-Type: application/json");
-    mHeaders = curl_slist_append(mHeaders, "Expect:");  // never waits for a 100
-    mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kBlindPollMilliseconds;
-    mThreads.start();
-    mThreads.start();
-}
-
-void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
-    bool isFirst = false;
-    {
-        KstMutexLock lock(mMutex);
-        isFirst = mInbox.empty();
-        mInbox.push_back(std::move(request));
-    }
-    if (isFirst && !mThreads.wantIo()) {
-        curl_multi_wakeup(mMulti);
-    }
-}
-
-// Requests in flight are dropped.
-void HttpEngine::stop() {
-    mThreads.leave();
-    {
-        KstMutexLock lock(mMutex);
-        mLeaving = true;
-    }
-    curl_multi_wakeup(mMulti);
-    mThreads.waitForIo();
-}
-
-// ---- The I/O --------------------------------------------------------------------------------------------------------
-
-// One request at a time, with the library's handle for it.
+// One at a time, with the library's handle for it.
 struct HttpEngine::Exchange {
     CURL* handle = nullptr;
     size_t limit = 0;
@@ -262,6 +189,88 @@ struct HttpEngine::Exchange {
     }
 };
 
+// ---- Starting, sending, leaving -------------------------------------------------------------------------------------
+
+// A request may be the first while another thread already ends the process: whoever comes first, the engine's start or
+// the process's end, has the other wait.
+namespace {
+
+KstMutex startMutex;
+std::atomic<HttpEngine*> startedEngine{nullptr};
+bool processLeaves KST_GUARDED_BY(startMutex) = false;
+
+// Runs at exit even if no request was ever sent, and so late that nothing is started after it.
+[[maybe_unused]] const int registered = std::atexit(&HttpEngine::leave);
+
+}  // namespace
+
+HttpEngine* HttpEngine::instance() {
+    HttpEngine* engine = startedEngine;
+    if (engine) {
+        return engine;
+    }
+    KstMutexLock lock(startMutex);
+    if (!startedEngine && !processLeaves) {
+        startedEngine = new HttpEngine();
+        std::atexit(&leave);  // once more, to run before what was there earlier is destroyed
+    }
+    return startedEngine;
+}
+
+void HttpEngine::leave() {
+    KstMutexLock lock(startMutex);
+    processLeaves = true;
+    if (startedEngine) {
+        startedEngine.load()->stop();
+    }
+}
+
+HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()), mThreads([this] { doIo(); }) {
+    initialiseOpenSsl();
+    curl_global_init(CURL_GLOBAL_ALL);
+    leaveOpenSsl();
+    mMulti = curl_multi_init();
+    curl_multi_setopt(mMulti, CURLMOPT_MAX_CONCURRENT_STREAMS, kConcurrentStreams);
+    mShare = curl_share_init();
+    curl_share_setopt(mShare, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);  // used by one thread: needs no locks
+    mHeaders = curl_slist_append(mHeaders, "Content-Type: application/json");
+    mHeaders = curl_slist_append(mHeaders, "Expect:");  // never waits for a 100
+    mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kBlindPollMilliseconds;
+    mThreads.start();
+    mThreads.start();
+}
+
+void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
+    bool isFirst = false;
+    {
+        KstMutexLock lock(mMutex);
+        isFirst = mInbox.empty();
+        mInbox.push_back(std::move(request));
+    }
+    if (isFirst && !mThreads.wantIo()) {
+        curl_multi_wakeup(mMulti);
+    }
+}
+
+// Requests in flight are dropped.
+void HttpEngine::stop() {
+    mThreads.leave();
+    {
+        KstMutexLock lock(mMutex);
+        mLeaving = true;
+    }
+    curl_multi_wakeup(mMulti);
+    mThreads.waitForIo();
+    // What is under way is dropped unheard; a thread of the library's that asked a name server for it is let go.
+    for (Exchange* exchange : mUnderWay) {
+        curl_multi_remove_handle(mMulti, exchange->handle);
+        curl_easy_cleanup(std::exchange(exchange->handle, nullptr));
+    }
+    mSpare.clear();
+}
+
+// ---- The I/O --------------------------------------------------------------------------------------------------------
+
 // Until nothing is under way.
 void HttpEngine::doIo() {
     const BlockedSignals blocked;
@@ -276,11 +285,6 @@ void HttpEngine::doIo() {
         if (curl_multi_poll(mMulti, nullptr, 0, mPollMilliseconds, nullptr) != CURLM_OK) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kBlindPollMilliseconds));
         }
-    }
-    // What is under way is dropped unheard; a thread of the library's that asks a name server for it is let go.
-    for (Exchange* exchange : mUnderWay) {
-        curl_multi_remove_handle(mMulti, exchange->handle);
-        curl_easy_cleanup(std::exchange(exchange->handle, nullptr));
     }
 }
 

@@ -1,16 +1,18 @@
 #include "platform/HttpThreads.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <system_error>
 #include <utility>
 
 #include "platform/Hook.h"
+#include "platform/OpenSsl.h"
 
 namespace vexalive {
 namespace {
 
-constexpr int kKept = 2;                           // threads that stand by for ever
+constexpr size_t kKept = 2;                        // threads that stand by for ever
 constexpr std::chrono::seconds kIdleLife(1);       // of one more
 constexpr std::chrono::milliseconds kPatience(1);  // with a thread that has just taken an answer
 
@@ -111,7 +113,7 @@ void HttpThreads::post(std::shared_ptr<AnswerQueue> queue) {
 
 void HttpThreads::tell() {
     KstMutexLock lock(mMutex);
-    if (!mReady.empty()) {
+    if (isLeftAlone()) {
         wakeOne();
     }
 }
@@ -132,8 +134,9 @@ void HttpThreads::waitForIo() {
 void HttpThreads::run() {
     KstMutexLock lock(mMutex);
     for (bool isFresh = true;;) {
-        const Clock::time_point patience = mLastTaken + kPatience;
-        const bool isAnotherAtIt = isFresh && mTelling > 0 && Clock::now() < patience;
+        // One that has just taken an answer will soon be back for the next; only a thread that comes from there takes
+        // it at once.
+        const bool isAnotherAtIt = isFresh && mTelling > 0 && Clock::now() < mLastTaken + kPatience;
         if (mIoWanted && !mInIo && !mLeaving) {
             mIoWanted = false;
             mInIo = true;
@@ -145,57 +148,72 @@ void HttpThreads::run() {
             mIoEnded.notifyAll();
             isFresh = false;
         } else if (!mReady.empty() && !mLeaving && !isAnotherAtIt) {
-            const std::shared_ptr<AnswerQueue> queue = std::move(mReady.front());
+            std::shared_ptr<AnswerQueue> queue = std::move(mReady.front());
             mReady.pop_front();
             mLastTaken = Clock::now();
             ++mTelling;
             keepOneStandingBy();
             lock.unlock();
             queue->deliver();
+            queue.reset();
             lock.lock();
             --mTelling;
             isFresh = false;
-        } else {
-            ++mIdle;
-            bool isBored = false;
-            if (!mReady.empty() && !mLeaving) {
-                mMoreWork.waitUntil(mMutex, patience);
-            } else if (!mFirstIdle) {
-                mFirstIdle = true;
-                mWork.wait(mMutex);
-                mFirstIdle = false;
-            } else if (mIdle <= kKept) {
-                mMoreWork.wait(mMutex);
-            } else {
-                isBored = !mMoreWork.waitUntil(mMutex, Clock::now() + kIdleLife);
-            }
-            --mIdle;
-            if (isBored && mReady.empty() && !mIoWanted && mIdle >= kKept) {
-                return;
-            }
+        } else if (standBy()) {
             isFresh = true;
+        } else {
+            leaveOpenSsl();
+            return;
         }
     }
 }
 
-// Work is left for another thread, if only to watch whether this one comes back for it.
+struct HttpThreads::StandBy {
+    KstCondition condition;
+    bool isWoken = false;
+};
+
+// Until there may be something to do. False if enough others stand by, and have for a while.
+bool HttpThreads::standBy() {
+    const bool isWatching = isLeftAlone() && !mLeaving;  // whether the thread that is at it comes back
+    const bool isKept = mStandingBy.size() < kKept;
+    const Clock::time_point end = isWatching ? mLastTaken + kPatience : Clock::now() + kIdleLife;
+    StandBy self;
+    mIsWatched = mIsWatched || isWatching;
+    mStandingBy.push_back(&self);
+    bool isOver = false;
+    while (!self.isWoken && !isOver) {
+        if (isWatching || !isKept) {
+            isOver = !self.condition.waitUntil(mMutex, end);
+        } else {
+            self.condition.wait(mMutex);
+        }
+    }
+    mIsWatched = mIsWatched && !isWatching;
+    if (!self.isWoken) {
+        mStandingBy.erase(std::find(mStandingBy.begin(), mStandingBy.end(), &self));
+    }
+    return self.isWoken || isWatching || mStandingBy.size() < kKept;
+}
+
+// For a thread that goes to work: what else there is, another does, or watches whether this one comes back for it.
 void HttpThreads::keepOneStandingBy() {
-    if (mIdle == 0) {
+    if (mStandingBy.empty()) {
         try {
             start();
         } catch (const std::system_error&) {
             // Without another thread what comes next waits for this one; the next time tries again.
         }
-    } else if (!mReady.empty() || (mIoWanted && !mInIo)) {
+    } else if (isLeftAlone() || (mIoWanted && !mInIo)) {
         wakeOne();
     }
 }
 
 void HttpThreads::wakeOne() {
-    if (std::exchange(mFirstIdle, false)) {
-        mWork.notifyOne();
-    } else {
-        mMoreWork.notifyOne();
+    if (!mStandingBy.empty()) {
+        mStandingBy.back()->isWoken = true;
+        mStandingBy.back()->condition.notifyOne();
+        mStandingBy.pop_back();
     }
 }
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "base/CVexaHttpSendRecv.h"
 #include "base/Mutex.h"
@@ -79,20 +80,22 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    struct StandBy;
+
     void run() KST_EXCLUDES(mMutex);
+    bool standBy() KST_REQUIRES(mMutex);
     void keepOneStandingBy() KST_REQUIRES(mMutex);
     void wakeOne() KST_REQUIRES(mMutex);
+    bool isLeftAlone() KST_REQUIRES(mMutex) { return !mReady.empty() && !mIsWatched; }
 
     const std::function<void()> mIo;
     KstMutex mMutex;
-    KstCondition mWork;
-    KstCondition mMoreWork;  // than the thread that waits for mWork can do: it is the last that has worked
     KstCondition mIoEnded;
     std::deque<std::shared_ptr<AnswerQueue>> mReady KST_GUARDED_BY(mMutex);
-    Clock::time_point mLastTaken KST_GUARDED_BY(mMutex);  // of mReady
-    int mTelling KST_GUARDED_BY(mMutex) = 0;              // threads
-    int mIdle KST_GUARDED_BY(mMutex) = 0;                 // threads
-    bool mFirstIdle KST_GUARDED_BY(mMutex) = false;       // a thread waits for mWork, and is not being woken
+    Clock::time_point mLastTaken KST_GUARDED_BY(mMutex);       // of mReady
+    int mTelling KST_GUARDED_BY(mMutex) = 0;                   // threads
+    std::vector<StandBy*> mStandingBy KST_GUARDED_BY(mMutex);  // the last to come is the first to go
+    bool mIsWatched KST_GUARDED_BY(mMutex) = false;  // that what is in mReady gets told, by one that stands by
     bool mIoWanted KST_GUARDED_BY(mMutex) = false;
     bool mInIo KST_GUARDED_BY(mMutex) = false;  // a thread is
     bool mLeaving KST_GUARDED_BY(mMutex) = false;

@@ -2,18 +2,41 @@
 
 #include <openssl/evp.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
 #include "base/Log.h"
 #include "platform/OpenSsl.h"
 
-namespace kstmedia {
+namespace {
 
-std::string getMD5(const std::string& text) {
+// A host that initialised OpenSSL itself has it clean up at exit, while workers still make bodies: by then no digest is
+// being made, and none begins.
+std::atomic<int> underWay{0};
+std::atomic<bool> processLeaves{false};
+
+void leave() {
+    processLeaves = true;
+    while (underWay > 0) {
+        std::this_thread::yield();
+    }
+}
+
+const EVP_MD* fetchMd5() {
     vexalive::initialiseOpenSsl();
-    static const EVP_MD* const md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);  // looked up once; never freed
+    const EVP_MD* md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
+    vexalive::leaveOpenSsl();
+    std::atexit(&leave);  // after OpenSSL has registered its own clean-up, and so before it
+    return md5;
+}
+
+std::string digestOf(const std::string& text) {
+    static const EVP_MD* const md5 = fetchMd5();  // looked up once; never freed
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
     if (EVP_Digest(text.data(), text.size(), digest, &size, md5, nullptr) != 1) {
-        kstf_log(4, "Md5.cpp", __LINE__, __func__, "OpenSSL refuses MD5: stream ids cannot be made");
+        kstf_log(4, "Md5.cpp", __LINE__, "getMD5", "OpenSSL refuses MD5: stream ids cannot be made");
         return {};
     }
     constexpr char kDigits[] = "0123456789abcdef";
@@ -26,4 +49,11 @@ std::string getMD5(const std::string& text) {
     return hex;
 }
 
-}  // namespace kstmedia
+}  // namespace
+
+std::string kstmedia::getMD5(const std::string& text) {
+    ++underWay;
+    std::string hex = processLeaves ? std::string() : digestOf(text);
+    --underWay;
+    return hex;
+}

@@ -14,6 +14,12 @@ inline void initialiseOpenSsl() {
     static_cast<void>(initialised);
 }
 
+// To be called after the library's use on a thread that may end while the process exits: nothing of the library's is
+// left to be done when it ends.
+inline void leaveOpenSsl() {
+    OPENSSL_thread_stop();
+}
+
 }  // namespace vexalive
 
 #endif

@@ -1,0 +1,195 @@
+"""What is measured: the rows of the table in docs/performance.md, as data.
+
+A row has contenders, each a command that prints `figure<TAB>value` lines. `vexalive` is the first of them; the others are
+what it is compared with. A figure says how it is shown, whether less or more of it is better, and what is aimed at: a
+ratio of vexalive to another contender, or a value of its own.
+"""
+
+import dataclasses
+
+LESS, MORE = "less", "more"
+
+
+@dataclasses.dataclass
+class Figure:
+    key: str
+    label: str
+    unit: str = ""
+    scale: float = 1.0  # shown is the value times this
+    better: str = LESS
+    ratios: dict = dataclasses.field(default_factory=dict)  # contender -> the ratio aimed at
+    ceiling: float = None  # the value aimed at, before scaling
+    beyond: dict = dataclasses.field(default_factory=dict)  # contender -> how far above it the value may lie
+    noisy: bool = False  # shown, but not expected to agree from run to run
+
+    def meets_ratio(self, contender, ratio):
+        return ratio <= self.ratios[contender] if self.better == LESS else ratio >= self.ratios[contender]
+
+
+@dataclasses.dataclass
+class Row:
+    name: str
+    title: str
+    contenders: dict  # name -> command; see run.py for what {…} stands for
+    figures: list
+    rounds: int = 7
+    apart: bool = False  # the client on the first processor, the far side on the second
+    timed: bool = False  # the command prints nothing: its own time, CPU and memory are the figures
+
+
+def program(name, *contenders):
+    return {each: ["{build}/bench/bench_" + name, each] for each in contenders}
+
+
+MICROSECONDS = {"unit": "µs"}
+BYTES_IN_KIB = {"unit": "KiB", "scale": 1 / 1024}
+BYTES_IN_MIB = {"unit": "MiB", "scale": 1 / (1 << 20)}
+
+PENDING = (1, 1_000, 10_000, 100_000, 1_000_000)
+USERS = (1, 2, 4, 8, 16)
+
+ROWS = [
+    Row(
+        "loop",
+        "Post a task, with its future",
+        program("loop", "vexalive", "asio", "libuv", "floor"),
+        [
+            Figure("tasks_per_second_1_poster", "1 thread posts", "million/s", 1e-6, MORE,
+                   {"asio": 1.2, "libuv": 1.0, "floor": 1.0}),
+            Figure("tasks_per_second_4_posters", "4 threads post", "million/s", 1e-6, MORE,
+                   {"asio": 1.2, "libuv": 1.0, "floor": 1.0}),
+            Figure("latency_us_p50", "post to run, idle, p50", ratios={"asio": 1.0, "libuv": 1.0}, **MICROSECONDS),
+            Figure("latency_us_p99", "post to run, idle, p99", noisy=True, **MICROSECONDS),
+            Figure("allocations_per_post", "allocations a post", ceiling=2.0),
+        ],
+    ),
+    Row(
+        "timers",
+        "Post a task for later",
+        program("timers", "vexalive", "asio", "libuv"),
+        [
+            *(
+                Figure(f"insert_ns_{pending}_pending", f"insert beside {pending:,}", "ns",
+                       ratios={"asio": 1.0, "libuv": 1.0})
+                for pending in PENDING
+            ),
+            Figure("lateness_us_p50", "runs late by, p50", ratios={"asio": 1.0, "libuv": 1.0}, **MICROSECONDS),
+            Figure("lateness_us_p99", "runs late by, p99", noisy=True, **MICROSECONDS),
+        ],
+    ),
+    Row(
+        "request",
+        "One finished relay start, connection warm",
+        program("request", "vexalive", "easy", "multi"),
+        [
+            Figure("cpu_us_per_request", "CPU, user and system", ratios={"multi": 1.3, "easy": 1.7}, **MICROSECONDS),
+            Figure("wall_us_p50", "call to listener, p50", beyond={"easy": 80}, **MICROSECONDS),
+            Figure("wall_us_p99", "call to listener, p99", noisy=True, **MICROSECONDS),
+        ],
+        rounds=15,
+        apart=True,
+    ),
+    Row(
+        "crowd",
+        "1,000 adapters start at once, no connection yet",
+        program("crowd", "vexalive", "multi"),
+        [
+            Figure("wall_ms", "until the last listener call", "ms", ratios={"multi": 1.3}),
+            Figure("cpu_ms", "CPU, user and system", "ms"),
+            Figure("connections", "connections, each with a handshake", ceiling=1),
+            Figure("threads", "threads"),
+            Figure("resident_bytes_each", "memory each, with a thread of its own", ratios={"multi": 1.3}, **BYTES_IN_KIB),
+        ],
+        rounds=9,
+    ),
+    Row(
+        "idle",
+        "An idle adapter, one of 10,000",
+        program("idle", "vexalive"),
+        [
+            Figure("bytes_per_adapter", "memory", ceiling=4096, **BYTES_IN_KIB),
+            Figure("construct_us", "to construct", **MICROSECONDS),
+            Figure("destroy_us", "to destroy", **MICROSECONDS),
+            Figure("threads_added", "threads", ceiling=0),
+            Figure("descriptors_added", "descriptors", ceiling=0),
+        ],
+        rounds=5,
+    ),
+    Row(
+        "bodies",
+        "Texts",
+        program("bodies", "vexalive", "by_hand"),
+        [
+            *(
+                Figure(f"mix_us_{users}_user{'s' if users > 1 else ''}", f"body of a mix of {users}",
+                       ratios={"by_hand": 1.0}, **MICROSECONDS)
+                for users in USERS
+            ),
+            Figure("report_us_16_users", "report of a mix of 16", ratios={"by_hand": 1.0}, **MICROSECONDS),
+            Figure("stream_id_us", "stream id", ratios={"by_hand": 1.0}, **MICROSECONDS),
+        ],
+    ),
+    Row(
+        "size",
+        "Size",
+        {"vexalive": ["{python}", "bench/size.py", "{build}"]},
+        [
+            Figure("adapter_text_bytes", "text of vexalive::adapter", ceiling=160 * 1024, **BYTES_IN_KIB),
+            Figure("minimal_program_bytes", "a minimal program with everything, stripped", ceiling=1 << 20,
+                   **BYTES_IN_KIB),
+        ],
+        rounds=1,
+    ),
+    Row(
+        "cold",
+        "A process from its start to its end, with one relay start",
+        {
+            "vexalive": ["{build}/bench/bench_cold", "vexalive"],
+            "curl": ["curl", "-sS", "--http2", "--cacert", "{ca}", "-H", "Content-Type: application/json", "-o",
+                     "/dev/null", "--data", "{body}", "{url}"],
+        },
+        [
+            Figure("wall_ms", "wall", "ms", ratios={"curl": 1.2}),
+            Figure("cpu_ms", "CPU, user and system", "ms"),
+            Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
+        ],
+        rounds=41,
+        apart=True,
+        timed=True,
+    ),
+    Row(
+        "service",
+        "The local service under load, 16 connections",
+        {
+            "vexalive": ["{python}", "bench/service.py", "vexalive", "--vexalive", "{build}/tools/vexalive"],
+            "nginx": ["{python}", "bench/service.py", "nginx", "--address", "{address}", "--ca-file", "{ca}", "--pid",
+                      "{far_side_pid}"],
+        },
+        [
+            Figure("requests_per_second", "requests", "thousand/s", 1e-3, MORE),
+            Figure("latency_us_p99", "p99", "ms", 1e-3, noisy=True),
+            Figure("server_cpu_us_per_request", "CPU of the server a request", **MICROSECONDS),
+        ],
+        rounds=5,
+    ),
+    Row(
+        "others",
+        "One call, beside clients for Node.js",
+        {
+            "vexalive": ["{build}/bench/bench_request", "vexalive"],
+            "livekit-server-sdk": ["node", "{build}/npm/livekit.mjs", "https://{address}", "1000"],
+            "client-ivs-realtime": ["node", "{build}/npm/ivs.mjs", "https://{address}", "1000"],
+        },
+        [
+            Figure("cpu_us_per_request", "CPU, user and system", "µs",
+                   ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}),
+            Figure("wall_us_p50", "wall, p50", "µs"),
+            Figure("peak_resident_bytes", "memory, peak, with the libraries' pages",
+                   ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
+            Figure("anonymous_bytes", "memory of its own", 
+                   ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
+        ],
+        rounds=5,
+        apart=True,
+    ),
+]

@@ -1,0 +1,179 @@
+#!/usr/bin/env python3
+"""Runs the rows of rows.py and writes docs/performance.md's table and picture.
+
+    run.py BUILD_FOLDER [--rows NAME,NAME] [--write]     measures; prints the table; with --write, into the documents
+    run.py --compare RESULTS.json RESULTS.json …         how far the ratios of several runs lie apart
+
+The contenders of a row take turns, in another order each round. Their ratio is the median of the rounds' ratios, so that
+what slows the machine down for a while slows both.
+"""
+
+import argparse
+import json
+import os
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+import report
+from far_side import FarSide
+from report import US
+from rows import ROWS
+
+BODY = (
+    '{"appid":1250000000,"dest_stream_url":"rtmp://cdn.example/live/stream","domain":"8888.livepush.vexa.example",'
+    '"event_id":1790000000,"interface":"add_relay_stream_url","path":"live",'
+    '"stream_id":"8888_0123456789abcdef0123456789abcdef","timestamp":123456,"use_mix_crop_center":1}'
+)
+QUERY = "sdkappid=1400000001&random=4711&usersig=signature-of-the-user&parivMapKey=map-key-of-the-room"
+
+
+class Stage:
+    """Where the contenders play: the far side, and what the commands of rows.py leave open."""
+
+    def __init__(self, build, far_side):
+        self.far_side = far_side
+        self.places = {
+            "build": build,
+            "python": sys.executable,
+            "address": far_side.address,
+            "ca": far_side.ca_file,
+            "far_side_pid": str(far_side.process.pid),
+            "url": f"https://{far_side.address}/v3/liveinterface/add_relay_stream_url?{QUERY}",
+            "body": BODY,
+        }
+        self.environment = dict(
+            os.environ,
+            VEXALIVE_SERVICE_HOST=far_side.address,
+            VEXALIVE_CA_FILE=far_side.ca_file,
+            NODE_EXTRA_CA_CERTS=far_side.ca_file,
+        )
+
+    def command(self, words):
+        # The body has braces of its own, so a word is either one place or text around places.
+        return [self.places[word[1:-1]] if word[1:-1] in self.places else word.format(**self.places) for word in words]
+
+    def play(self, row, contender):
+        """The figures of one contender in one round."""
+        everywhere = os.sched_getaffinity(0)
+        if row.apart:
+            self.far_side.move_to({max(everywhere)})
+            os.sched_setaffinity(0, {min(everywhere)})  # inherited by the contender
+        try:
+            begun = time.monotonic()
+            process = subprocess.Popen(self.command(row.contenders[contender]), env=self.environment,
+                                       stdout=subprocess.PIPE, text=True)
+            output = process.stdout.read()
+            _, status, used = os.wait4(process.pid, 0)
+            wall = time.monotonic() - begun
+            process.returncode = os.waitstatus_to_exitcode(status)
+        finally:
+            os.sched_setaffinity(0, everywhere)
+            self.far_side.move_to(everywhere)
+        if process.returncode != 0:
+            sys.exit(f"{row.name}: {contender} ended with {process.returncode}")
+        if row.timed:
+            return {
+                "wall_ms": wall * 1e3,
+                "cpu_ms": (used.ru_utime + used.ru_stime) * 1e3,
+                "peak_resident_bytes": used.ru_maxrss * 1024,
+            }
+        return {name: float(value) for name, value in (line.split("\t") for line in output.splitlines())}
+
+
+def measure(stage, row):
+    """For each figure and contender the values of all rounds."""
+    values = {figure.key: {contender: [] for contender in row.contenders} for figure in row.figures}
+    order = list(row.contenders)
+    for _ in range(row.rounds):
+        for contender in order:
+            figures = stage.play(row, contender)
+            for key, of_contender in values.items():
+                of_contender[contender].append(figures[key])
+        order.append(order.pop(0))
+    return values
+
+
+def judge(row, values):
+    """For each figure: the contenders' medians, the medians of the rounds' ratios and differences, what is missed."""
+    results = []
+    for figure in row.figures:
+        of_contender = values[figure.key]
+        ours = of_contender[US]
+        ratios, differences, missed = {}, {}, []
+        for contender, theirs in of_contender.items():
+            if contender == US:
+                continue
+            ratios[contender] = statistics.median(a / b for a, b in zip(ours, theirs))
+            differences[contender] = statistics.median(a - b for a, b in zip(ours, theirs))
+            if contender in figure.ratios and not figure.meets_ratio(contender, ratios[contender]):
+                missed.append(contender)
+            if contender in figure.beyond and differences[contender] > figure.beyond[contender]:
+                missed.append(contender)
+        if figure.ceiling is not None and statistics.median(ours) > figure.ceiling:
+            missed.append(US)
+        results.append({
+            "row": row.name,
+            "figure": figure.key,
+            "medians": {contender: statistics.median(each) for contender, each in of_contender.items()},
+            "ratios": ratios,
+            "differences": differences,
+            "missed": missed,
+        })
+    return results
+
+
+def compare(files):
+    """Prints each ratio of each run, and by how much the highest exceeds the lowest."""
+    runs = []
+    for name in files:
+        with open(name, encoding="utf-8") as file:
+            runs.append(json.load(file))
+    noisy = {(row.name, figure.key) for row in ROWS for figure in row.figures if figure.noisy}
+    apart = 0
+    for results in zip(*runs):
+        key = (results[0]["row"], results[0]["figure"])
+        for contender in results[0]["ratios"]:
+            ratios = [each["ratios"][contender] for each in results]
+            spread = max(ratios) / min(ratios) - 1
+            remark = " (not counted)" if key in noisy else " APART" if spread > 0.15 else ""
+            apart += spread > 0.15 and key not in noisy
+            print(f"{key[0]:9}{key[1]:30}{contender:22}{'  '.join(f'{each:7.3f}' for each in ratios)}"
+                  f"{spread:8.1%}{remark}")
+    print(f"{apart} ratios lie more than 15 % apart")
+    return 1 if apart else 0
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("build", nargs="?")
+    parser.add_argument("--rows", help="only these, separated by commas")
+    parser.add_argument("--write", action="store_true")
+    parser.add_argument("--results", help="where the results go; BUILD_FOLDER/results.json if not told")
+    parser.add_argument("--compare", nargs="+", metavar="RESULTS")
+    arguments = parser.parse_args()
+    if arguments.compare:
+        sys.exit(compare(arguments.compare))
+
+    wanted = arguments.rows.split(",") if arguments.rows else [row.name for row in ROWS]
+    rows = [row for row in ROWS if row.name in wanted]
+    if len(rows) != len(wanted) or not arguments.build:
+        parser.error(f"the rows are {', '.join(row.name for row in ROWS)}")
+    results = []
+    with tempfile.TemporaryDirectory() as folder, FarSide(folder) as far_side:
+        stage = Stage(os.path.abspath(arguments.build), far_side)
+        for row in rows:
+            begun = time.monotonic()
+            results += judge(row, measure(stage, row))
+            print(f"   {row.name}: {row.rounds} rounds in {time.monotonic() - begun:.0f} s", flush=True)
+    with open(arguments.results or os.path.join(arguments.build, "results.json"), "w", encoding="utf-8") as file:
+        json.dump(results, file, indent=1)
+    print(report.table(results))
+    if arguments.write:
+        report.write(results)
+
+
+if __name__ == "__main__":
+    main()
