@@ -65,10 +65,10 @@ __attribute__((format(printf, 1, 2)))
 #endif
 std::string
 VexaFormatString(const char* format, ...) {
-    char text[4096] = {};
+    char text[4095];
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(text, sizeof text - 1, format, arguments);
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     return length < 0 ? format : text;
 }

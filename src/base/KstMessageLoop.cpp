@@ -13,7 +13,7 @@ bool KstMessageLoop::enqueue(KstTask& task) {
         return false;
     }
     startWorker();
-    mTasks.push(std::move(task));
+    mTasks.push_back(std::move(task));
     const bool wake = std::exchange(mIdle, false);
     lock.unlock();
     if (wake) {
@@ -59,10 +59,13 @@ void KstMessageLoop::Loop() {
     while (!mStopped) {
         collectDueTasks();
         if (!mTasks.empty()) {
-            KstTask task = mTasks.pop();
+            mBatch.swap(mTasks);  // each keeps its room
             lock.unlock();
-            task();
-            task = KstTask();  // what it captured goes before the lock comes back
+            for (mNext = 0; mNext < mBatch.size() && !mStopped;) {
+                KstTask task = std::move(mBatch[mNext++]);
+                task();
+            }
+            mBatch.clear();
             lock.lock();
             continue;
         }
@@ -84,20 +87,20 @@ void KstMessageLoop::collectDueTasks() {
     const auto now = std::chrono::steady_clock::now();
     while (!mDelayed.empty() && mDelayed.front().deadline <= now) {
         std::pop_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
-        mTasks.push(std::move(mDelayed.back().task));
+        mTasks.push_back(std::move(mDelayed.back().task));
         mDelayed.pop_back();
     }
 }
 
 void KstMessageLoop::stop() {
     std::shared_ptr<std::thread> worker;
-    KstTaskQueue tasks;  // destroyed unrun at the end, without the lock: they may post or stop
+    std::vector<KstTask> tasks;  // destroyed unrun at the end, without the lock: they may post or stop
     std::vector<DelayTask> delayed;
     {
         KstMutexLock lock(mMutex);
         mStopped = true;
         worker.swap(mWorker);
-        std::swap(tasks, mTasks);
+        tasks.swap(mTasks);
         delayed.swap(mDelayed);
     }
     mWakeUp.notifyOne();
@@ -105,6 +108,7 @@ void KstMessageLoop::stop() {
         return;
     }
     if (worker->get_id() == std::this_thread::get_id()) {
+        mBatch.resize(mNext);
         worker->detach();
     } else {
         worker->join();

@@ -6,7 +6,6 @@
 #ifndef VEXALIVE_BASE_KST_MESSAGE_LOOP_H
 #define VEXALIVE_BASE_KST_MESSAGE_LOOP_H
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -33,41 +32,6 @@ public:
 
 private:
     std::packaged_task<void()> mTask;
-};
-
-// First in, first out. Allocates when it grows, and so not at all once it has seen its longest queue.
-class KstTaskQueue {
-public:
-    bool empty() const { return mCount == 0; }
-
-    void push(KstTask task) {
-        if (mCount == mRing.size()) {
-            grow();
-        }
-        mRing[(mFirst + mCount++) & (mRing.size() - 1)] = std::move(task);
-    }
-
-    // Not for an empty queue.
-    KstTask pop() {
-        KstTask task = std::move(mRing[mFirst]);
-        mFirst = (mFirst + 1) & (mRing.size() - 1);
-        --mCount;
-        return task;
-    }
-
-private:
-    void grow() {
-        std::vector<KstTask> larger(std::max<size_t>(8, 2 * mRing.size()));
-        for (size_t i = 0; i < mCount; ++i) {
-            larger[i] = std::move(mRing[(mFirst + i) & (mRing.size() - 1)]);
-        }
-        mRing.swap(larger);
-        mFirst = 0;
-    }
-
-    std::vector<KstTask> mRing;  // its size is a power of two
-    size_t mFirst = 0;
-    size_t mCount = 0;
 };
 
 // A task that must not run before its deadline.
@@ -120,10 +84,12 @@ private:
     KstMutex mMutex;
     KstCondition mWakeUp;
     std::shared_ptr<std::thread> mWorker KST_GUARDED_BY(mMutex);
-    KstTaskQueue mTasks KST_GUARDED_BY(mMutex);
+    std::vector<KstTask> mTasks KST_GUARDED_BY(mMutex);
     std::vector<DelayTask> mDelayed KST_GUARDED_BY(mMutex);
     bool mIdle KST_GUARDED_BY(mMutex) = false;  // the worker waits, and no wake-up is under way
     std::atomic<bool> mStopped{false};
+    std::vector<KstTask> mBatch;  // the worker's alone: the tasks that it has taken, and
+    size_t mNext = 0;             // which of them comes next
 };
 
 template <class F>
