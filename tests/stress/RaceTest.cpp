@@ -123,12 +123,15 @@ protected:
         }
     }
 
-    // Waits for a report with this text in it, which none had before.
-    void awaitReportWith(const std::string& text) {
+    // Waits for the report that `operation` makes, with this text in it, which none had before.
+    template <class F>
+    void awaitReportWith(const std::string& text, F operation) {
         const auto reports = [&] {
             const std::lock_guard<std::mutex> lock(mMutex);
             return mReportsWith[text];
         };
+        EXPECT_EQ(0, reports()) << text;  // is looked for from here on
+        operation();
         for (const auto patience = std::chrono::steady_clock::now() + kPatience;
              reports() == 0 && std::chrono::steady_clock::now() < patience;) {
             std::this_thread::sleep_for(milliseconds(1));
@@ -335,13 +338,11 @@ TEST_F(Races, TheLastOfManyThreadsCallsIsCarriedOut) {
         adapter->setLiveTranscodingDelegate(listener);
         adapter->updateEnterRoomInfo("r1", "key");
         adapter->updateUserInfo(1400, "signature", userId);
-        adapter->startPublishStreamUrl({});
-        awaitReportWith("r1_" + userId + "\n");
+        awaitReportWith("r1_" + userId + "\n", [&] { adapter->startPublishStreamUrl({}); });
 
         auto param = relayParam();
         param.url = "rtmp://cdn.example/last/" + std::to_string(round);
-        adapter->startPublishStreamUrl(param);
-        awaitReportWith("\"dest_stream_url\":\"" + param.url + "\"");
+        awaitReportWith("\"dest_stream_url\":\"" + param.url + "\"", [&] { adapter->startPublishStreamUrl(param); });
     }
 }
 
@@ -364,6 +365,51 @@ TEST_F(Races, AnAdapterCalledFromItsOwnListenerGoesOnForAsLongAsItIsCalled) {
     adapter->startPublishStreamUrl(relayParam());
     EXPECT_FALSE(done.waitFor(1).empty());
     adapter.reset();
+    awaitNone(living);
+}
+
+TEST_F(Races, AListenerThatBlocksUntilOthersHaveGoneOnHoldsUpNobody) {
+    constexpr int kBlocks = 40;
+    constexpr int kMeanwhile = 4;  // starts of the others
+    std::atomic<int> others{0};
+    std::atomic<bool> isOver{false};
+    Journal<bool> done;
+    std::vector<AdapterPointer> adapters;
+    // Each goes on by starting again from its listener.
+    const auto go = [&](const std::string& userId, std::function<bool()> isToGoOn) {
+        const auto listener = std::make_shared<WatchingListener>();
+        adapters.push_back(makeAdapter(listener, userId));
+        listener->during = [isToGoOn = std::move(isToGoOn), weak = std::weak_ptr(adapters.back())] {
+            const AdapterPointer itself = weak.lock();
+            if (isToGoOn() && itself) {
+                itself->startPublishStreamUrl(relayParam());
+            }
+        };
+        adapters.back()->startPublishStreamUrl(relayParam());
+    };
+    for (const char* userId : {"u-busy", "u-busy-too"}) {
+        go(userId, [&] {
+            ++others;
+            return !isOver;
+        });
+    }
+    int blocks = 0;
+    go("u-blocked", [&] {
+        const int enough = others + kMeanwhile;
+        const auto patience = std::chrono::steady_clock::now() + kPatience;
+        while (others < enough && std::chrono::steady_clock::now() < patience) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        EXPECT_GE(others, enough) << "in call " << blocks;
+        isOver = ++blocks == kBlocks || others < enough;
+        if (isOver) {
+            done.add(true);
+        }
+        return !isOver;
+    });
+    EXPECT_FALSE(done.waitFor(1).empty());
+    awaitNone(mOpen);
+    adapters.clear();
     awaitNone(living);
 }
 
