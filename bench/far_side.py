@@ -128,15 +128,13 @@ class FarSide:
 
     def __enter__(self):
         make_certificates(self.folder)
-        locations = "\n".join(
-            f"    location {path} {{ return 200 '{json.dumps(answer, separators=(',', ':'))}'; }}" for path, answer in ANSWERS.items()
-        )
+        texts = {path: json.dumps(answer, separators=(",", ":")) for path, answer in ANSWERS.items()}
+        locations = "\n".join(f"    location {path} {{ return 200 '{text}'; }}" for path, text in texts.items())
         with open(os.path.join(self.folder, "nginx.conf"), "w", encoding="utf-8") as file:
             user = "user root;" if os.getuid() == 0 else ""
             file.write(CONFIGURATION.format(user=user, port=self.port, locations=locations))
-        self.process = subprocess.Popen(
-            ["/usr/sbin/nginx", "-p", self.folder + "/", "-c", "nginx.conf", "-e", os.path.join(self.folder, "error.log")]
-        )
+        log = os.path.join(self.folder, "error.log")
+        self.process = subprocess.Popen(["/usr/sbin/nginx", "-p", self.folder + "/", "-c", "nginx.conf", "-e", log])
         patience = time.monotonic() + 20
         while True:
             try:

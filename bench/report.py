@@ -143,8 +143,8 @@ def growth(results, row_name, title, unit, points, logarithmic, left, width, top
     parts.append(text(left + width, top - 14, unit, "scale", "end"))
     for index, contender in enumerate(row.contenders):
         colour = "#111" if contender == US else COLOURS[index - 1]
-        line_points = [place(where, by_key[key]["medians"][contender]) for where, key in points]
-        parts.append(f'<polyline points="{" ".join(f"{x:.1f},{y:.1f}" for x, y in line_points)}" class="line" '
+        corners = [place(where, by_key[key]["medians"][contender]) for where, key in points]
+        parts.append(f'<polyline points="{" ".join(f"{x:.1f},{y:.1f}" for x, y in corners)}" class="line" '
                      f'stroke="{colour}"/>')
         parts.append(text(left + 8, top + 14 + 15 * index, contender, "scale", "start", colour))
     return parts
@@ -154,7 +154,7 @@ def picture(results):
     parts, bottom = advantages(results, 30)
     top, half = bottom + 60, WIDTH / 2
     parts += growth(results, "timers", "Insert beside so many that wait", "ns",
-                    [(pending, f"insert_ns_{pending}_pending") for pending in PENDING], True, 60, half - 110, top)
+                    [(pending, f"insert_ns_{pending}_pending") for pending in PENDING[1:]], True, 60, half - 110, top)
     parts += growth(results, "bodies", "Body of a mix of so many", "µs",
                     [(users, f"mix_us_{users}_user{'s' if users > 1 else ''}") for users in USERS], False, half + 40,
                     half - 90, top)

@@ -1,8 +1,8 @@
 """What is measured: the rows of the table in docs/performance.md, as data.
 
-A row has contenders, each a command that prints `figure<TAB>value` lines. `vexalive` is the first of them; the others are
-what it is compared with. A figure says how it is shown, whether less or more of it is better, and what is aimed at: a
-ratio of vexalive to another contender, or a value of its own.
+A row has contenders, each a command that prints `figure<TAB>value` lines. `vexalive` is the first of them; the others
+are what it is compared with. A figure says how it is shown, whether less or more of it is better, and what is aimed at:
+a ratio of vexalive to another contender, or a value of its own.
 """
 
 import dataclasses
@@ -98,7 +98,7 @@ ROWS = [
             Figure("cpu_ms", "CPU, user and system", "ms"),
             Figure("connections", "connections, each with a handshake", ceiling=1),
             Figure("threads", "threads"),
-            Figure("resident_bytes_each", "memory each, with a thread of its own", ratios={"multi": 1.3}, **BYTES_IN_KIB),
+            Figure("resident_bytes_each", "memory each, with its thread", ratios={"multi": 1.3}, **BYTES_IN_KIB),
         ],
         rounds=9,
     ),
@@ -186,7 +186,7 @@ ROWS = [
             Figure("wall_us_p50", "wall, p50", "µs"),
             Figure("peak_resident_bytes", "memory, peak, with the libraries' pages",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
-            Figure("anonymous_bytes", "memory of its own", 
+            Figure("anonymous_bytes", "memory of its own",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
         ],
         rounds=5,

@@ -4,8 +4,8 @@
     run.py BUILD_FOLDER [--rows NAME,NAME] [--write]     measures; prints the table; with --write, into the documents
     run.py --compare RESULTS.json RESULTS.json …         how far the ratios of several runs lie apart
 
-The contenders of a row take turns, in another order each round. Their ratio is the median of the rounds' ratios, so that
-what slows the machine down for a while slows both.
+The contenders of a row take turns, in another order each round. Their ratio is the median of the rounds' ratios, so
+that what slows the machine down for a while slows both.
 """
 
 import argparse
@@ -52,7 +52,7 @@ class Stage:
         )
 
     def command(self, words):
-        # The body has braces of its own, so a word is either one place or text around places.
+        # What stands for the whole word may have braces of its own.
         return [self.places[word[1:-1]] if word[1:-1] in self.places else word.format(**self.places) for word in words]
 
     def play(self, row, contender):

@@ -29,13 +29,13 @@ constexpr double kSignalsOfAPostToAnIdleWorker = 1;
 constexpr double kAllocationsOfARelayStart = 167;
 constexpr double kSystemCallsOfARelayStart = 26;
 constexpr double kFutexWakesOfAPostToABusyWorker = 1.2;
-constexpr double kFutexWakesOfAPostToAnIdleWorker = 3.6;
+constexpr double kFutexWakesOfAPostToAnIdleWorker = 4;
 
 // 15 % above what was seen.
-constexpr double kInstructionsOfAPost = 1810;
-constexpr double kInstructionsOfAMixOf4 = 159000;
-constexpr double kInstructionsOfAMixOf16 = 440000;
-constexpr double kInstructionsOfAStreamId = 7950;
+constexpr double kInstructionsOfAPost = 1590;
+constexpr double kInstructionsOfAMixOf4 = 152700;
+constexpr double kInstructionsOfAMixOf16 = 419000;
+constexpr double kInstructionsOfAStreamId = 6770;
 
 // ---- Running programs -----------------------------------------------------------------------------------------------
 

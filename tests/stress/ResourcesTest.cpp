@@ -136,7 +136,7 @@ TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
 
 // ---- Threads --------------------------------------------------------------------------------------------------------
 
-// The adapter's first request, with so many threads to be had: its worker, the I/O thread, the delivery thread.
+// The adapter's first request, with so many threads to be had: its worker, and two of the HTTPS client.
 void startWithThreads(int allowed) noexcept {
     vexalive::setLogSink([](auto&&...) {});
     const auto adapter = std::make_shared<LiveTranscodingAdapter>();
@@ -156,16 +156,16 @@ TEST_F(ThreadsDeathTest, AWorkerThatCannotBeStartedEndsTheProcess) {
     EXPECT_EXIT(startWithThreads(0), testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
-TEST_F(ThreadsDeathTest, AnIoThreadThatCannotBeStartedEndsTheProcess) {
+TEST_F(ThreadsDeathTest, AFirstThreadOfTheClientThatCannotBeStartedEndsTheProcess) {
     EXPECT_EXIT(startWithThreads(1), testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
-TEST_F(ThreadsDeathTest, AFirstDeliveryThreadThatCannotBeStartedEndsTheProcess) {
+TEST_F(ThreadsDeathTest, ASecondThreadOfTheClientThatCannotBeStartedEndsTheProcess) {
     EXPECT_EXIT(startWithThreads(2), testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
-// Once there is one delivery thread, want of another makes answers wait, no more.
-TEST(Threads, AnswersStillComeWhenNoFurtherDeliveryThreadCanBeStarted) {
+// Once there are two threads, want of another makes answers wait, no more.
+TEST(Threads, AnswersStillComeWhenNoFurtherThreadCanBeStarted) {
     const StressService service("good");
     trust(service);
     std::vector<std::unique_ptr<Member>> members;
@@ -174,7 +174,7 @@ TEST(Threads, AnswersStillComeWhenNoFurtherDeliveryThreadCanBeStarted) {
         members.back()->adapter->setLiveMixTranscoding({});  // refused; starts the worker
         ASSERT_EQ(1u, members.back()->listener->calls.waitFor(1).size());
     }
-    threadsAllowed = 2;  // I/O and the first delivery thread
+    threadsAllowed = 2;  // the client's first
     for (const auto& member : members) {
         member->adapter->startPublishStreamUrl(relayParam());
     }
