@@ -62,6 +62,7 @@ ROWS = [
             Figure("latency_us_p99", "post to run, idle, p99", noisy=True, **MICROSECONDS),
             Figure("allocations_per_post", "allocations a post", ceiling=2.0),
         ],
+        rounds=21,
     ),
     Row(
         "timers",
@@ -76,6 +77,7 @@ ROWS = [
             Figure("lateness_us_p50", "runs late by, p50", ratios={"asio": 1.0, "libuv": 1.0}, **MICROSECONDS),
             Figure("lateness_us_p99", "runs late by, p99", noisy=True, **MICROSECONDS),
         ],
+        rounds=15,
     ),
     Row(
         "request",
@@ -86,7 +88,7 @@ ROWS = [
             Figure("wall_us_p50", "call to listener, p50", beyond={"easy": 80}, **MICROSECONDS),
             Figure("wall_us_p99", "call to listener, p99", noisy=True, **MICROSECONDS),
         ],
-        rounds=15,
+        rounds=31,
         apart=True,
     ),
     Row(
@@ -100,7 +102,7 @@ ROWS = [
             Figure("threads", "threads"),
             Figure("resident_bytes_each", "memory each, with its thread", ratios={"multi": 1.3}, **BYTES_IN_KIB),
         ],
-        rounds=9,
+        rounds=21,
     ),
     Row(
         "idle",
@@ -128,6 +130,7 @@ ROWS = [
             Figure("report_us_16_users", "report of a mix of 16", ratios={"by_hand": 1.0}, **MICROSECONDS),
             Figure("stream_id_us", "stream id", ratios={"by_hand": 1.0}, **MICROSECONDS),
         ],
+        rounds=9,
     ),
     Row(
         "size",
@@ -153,7 +156,7 @@ ROWS = [
             Figure("cpu_ms", "CPU, user and system", "ms"),
             Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
         ],
-        rounds=41,
+        rounds=101,
         apart=True,
         timed=True,
     ),
@@ -170,7 +173,7 @@ ROWS = [
             Figure("latency_us_p99", "p99", "ms", 1e-3, noisy=True),
             Figure("server_cpu_us_per_request", "CPU of the server a request", **MICROSECONDS),
         ],
-        rounds=5,
+        rounds=7,
     ),
     Row(
         "others",
@@ -189,7 +192,7 @@ ROWS = [
             Figure("anonymous_bytes", "memory of its own",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
         ],
-        rounds=5,
+        rounds=11,
         apart=True,
     ),
 ]

@@ -13,6 +13,7 @@ namespace {
 using Library = nlohmann::json;
 
 constexpr size_t kMaxDepth = 512;
+constexpr size_t kUsualText = 512;
 
 std::string textByLibrary(const Library& scalar) {
     return scalar.dump(-1, ' ', false, Library::error_handler_t::replace);
@@ -138,6 +139,7 @@ private:
 
 std::string Serialize(const Value& value) {
     std::string json;
+    json.reserve(kUsualText);
     append(json, value);
     return json;
 }
