@@ -2,8 +2,8 @@
 //
 //     stress_service PORT SEED FOLDER random|good|slow|large
 //
-// It misbehaves at random, or never, or takes its time, or sends answers that almost reach the adapter's limit. Prints the file of its
-// certificate authority once it listens.
+// It misbehaves at random, or never, or takes its time, or sends answers that almost reach the adapter's limit. Prints
+// the file of its certificate authority once it listens.
 
 #include <unistd.h>
 
