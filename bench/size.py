@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints how large the adapter's library and a minimal program with everything are.
+"""Prints how large the adapter's library and a small program with everything (examples/relay.cpp) are.
 
     size.py BUILD_FOLDER
 """
@@ -16,8 +16,8 @@ def main():
                            text=True)
     print(f"adapter_text_bytes\t{sum(int(line.split()[0]) for line in sizes.stdout.splitlines()[1:])}")
     with tempfile.NamedTemporaryFile() as stripped:
-        subprocess.run(["strip", "-o", stripped.name, os.path.join(build, "bench/bench_minimal")], check=True)
-        print(f"minimal_program_bytes\t{os.path.getsize(stripped.name)}")
+        subprocess.run(["strip", "-o", stripped.name, os.path.join(build, "examples/example_relay")], check=True)
+        print(f"program_bytes\t{os.path.getsize(stripped.name)}")
 
 
 if __name__ == "__main__":

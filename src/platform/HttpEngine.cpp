@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "base/CVexaHttpSendRecv.h"
@@ -122,7 +123,14 @@ public:
         }
         pthread_sigmask(SIG_SETMASK, &signals, &mBefore);
     }
-    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+    ~BlockedSignals() {
+        sigset_t raisedHere;
+        sigemptyset(&raisedHere);
+        sigaddset(&raisedHere, SIGPIPE);
+        const timespec atOnce{};
+        sigtimedwait(&raisedHere, nullptr, &atOnce);  // or it would end the host when it is let in again
+        pthread_sigmask(SIG_SETMASK, &mBefore, nullptr);
+    }
     BlockedSignals(const BlockedSignals&) = delete;
     BlockedSignals& operator=(const BlockedSignals&) = delete;
 

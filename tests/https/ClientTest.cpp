@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <openssl/ssl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -525,6 +527,37 @@ TEST(HttpsClient, AServerThatResetsWhileALargeBodyIsWrittenEndsNoProcess) {
         }
     });
     EXPECT_EQ(1, post(server.url(), std::string(size_t{8} << 20, 'x')).retCode);
+}
+
+// Of this process; the servers of these tests block no SIGTERM.
+std::vector<pid_t> threadsThatBlock(int signal) {
+    std::vector<pid_t> threads;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream status(task.path() / "status");
+        for (std::string word; status >> word;) {
+            if (word == "SigBlk:" && status >> word &&
+                (std::stoull(word, nullptr, 16) & uint64_t{1} << (signal - 1)) != 0) {
+                threads.push_back(std::stoi(task.path().filename()));
+            }
+        }
+    }
+    return threads;
+}
+
+// As a library under the client raises it that writes to a connection which is gone.
+TEST(HttpsClient, ASignalOfABrokenPipeRaisedDuringTheIoReachesNobody) {
+    size_t raised = 0;
+    ScriptedServer server([&raised](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) {
+            for (const pid_t thread : threadsThatBlock(SIGTERM)) {
+                raised += syscall(SYS_tgkill, getpid(), thread, SIGPIPE) == 0 ? 1u : 0u;
+            }
+            connection.write(httpAnswer(200, "{}"));
+        }
+    });
+    EXPECT_EQ(0, post(server.url()).retCode);
+    EXPECT_EQ(1u, raised);
+    EXPECT_EQ(0, post(ScriptedServer(answering(httpAnswer(200, "{}"))).url()).retCode);
 }
 
 TEST(HttpsClient, ACallbackMaySendAgain) {
