@@ -529,7 +529,8 @@ TEST(HttpsClient, AServerThatResetsWhileALargeBodyIsWrittenEndsNoProcess) {
     EXPECT_EQ(1, post(server.url(), std::string(size_t{8} << 20, 'x')).retCode);
 }
 
-// Of this process; the servers of these tests block no SIGTERM.
+// Of this process. The client's, while it does the I/O, and a sanitizer's own; the servers of these tests block no
+// SIGTERM.
 std::vector<pid_t> threadsThatBlock(int signal) {
     std::vector<pid_t> threads;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -556,7 +557,7 @@ TEST(HttpsClient, ASignalOfABrokenPipeRaisedDuringTheIoReachesNobody) {
         }
     });
     EXPECT_EQ(0, post(server.url()).retCode);
-    EXPECT_EQ(1u, raised);
+    EXPECT_GE(raised, 1u);
     EXPECT_EQ(0, post(ScriptedServer(answering(httpAnswer(200, "{}"))).url()).retCode);
 }
 
