@@ -1,5 +1,5 @@
-// A thousand starts at once in a cold process, until the last answer has been told; beside a thousand handles in one
-// bare multi handle on one thread.
+// A thousand adapters, each in its room, start at once, until the last answer has been told; beside a thousand prepared
+// handles in one bare multi handle on one thread. Neither has a connection yet.
 
 #include <chrono>
 #include <memory>

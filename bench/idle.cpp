@@ -35,14 +35,14 @@ double allocatedBytes() {
     return static_cast<double>(mallinfo2().uordblks);
 }
 
-double entriesOf(const char* folder) {
-    return static_cast<double>(std::distance(std::filesystem::directory_iterator(folder), {}));
+int openDescriptors() {
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 void measureWhatTheyHold(Crowd& crowd) {
     const auto listener = std::make_shared<Listener>();
-    const double threads = entriesOf("/proc/self/task");
-    const double descriptors = entriesOf("/proc/self/fd");
+    const int threads = bench::threads();
+    const int descriptors = openDescriptors();
     Crowd first;  // what they find in the allocator's caches counts as held before
     for (int i = 0; i < 100; ++i) {
         first.push_back(std::make_shared<LiveTranscodingAdapter>());
@@ -58,8 +58,8 @@ void measureWhatTheyHold(Crowd& crowd) {
 
     bench::print("bytes_per_adapter", (constructed - before) / kAdapters);
     bench::print("bytes_per_adapter_with_listener", (listening - before) / kAdapters);
-    bench::print("threads_added", entriesOf("/proc/self/task") - threads);
-    bench::print("descriptors_added", entriesOf("/proc/self/fd") - descriptors);
+    bench::print("threads_added", bench::threads() - threads);
+    bench::print("descriptors_added", openDescriptors() - descriptors);
     crowd.clear();
 }
 

@@ -21,13 +21,7 @@ import report
 from far_side import FarSide
 from report import US
 from rows import ROWS
-
-BODY = (
-    '{"appid":1250000000,"dest_stream_url":"rtmp://cdn.example/live/stream","domain":"8888.livepush.vexa.example",'
-    '"event_id":1790000000,"interface":"add_relay_stream_url","path":"live",'
-    '"stream_id":"8888_0123456789abcdef0123456789abcdef","timestamp":123456,"use_mix_crop_center":1}'
-)
-QUERY = "sdkappid=1400000001&random=4711&usersig=signature-of-the-user&parivMapKey=map-key-of-the-room"
+from service import BODY, PATH
 
 
 class Stage:
@@ -41,7 +35,7 @@ class Stage:
             "address": far_side.address,
             "ca": far_side.ca_file,
             "far_side_pid": str(far_side.process.pid),
-            "url": f"https://{far_side.address}/v3/liveinterface/add_relay_stream_url?{QUERY}",
+            "url": f"https://{far_side.address}{PATH}",
             "body": BODY,
         }
         self.environment = dict(
@@ -151,7 +145,6 @@ def main():
     parser.add_argument("build", nargs="?")
     parser.add_argument("--rows", help="only these, separated by commas")
     parser.add_argument("--write", action="store_true")
-    parser.add_argument("--results", help="where the results go; BUILD_FOLDER/results.json if not told")
     parser.add_argument("--compare", nargs="+", metavar="RESULTS")
     arguments = parser.parse_args()
     if arguments.compare:
@@ -168,7 +161,7 @@ def main():
             begun = time.monotonic()
             results += judge(row, measure(stage, row))
             print(f"   {row.name}: {row.rounds} rounds in {time.monotonic() - begun:.0f} s", flush=True)
-    with open(arguments.results or os.path.join(arguments.build, "results.json"), "w", encoding="utf-8") as file:
+    with open(os.path.join(arguments.build, "results.json"), "w", encoding="utf-8") as file:
         json.dump(results, file, indent=1)
     print(report.table(results))
     if arguments.write:

@@ -1,4 +1,4 @@
-# What scripts/demo and scripts/test share. Sourced by bash with `set -euo pipefail`.
+# What the scripts share. Sourced by bash with `set -euo pipefail`.
 
 set -E  # functions fail aloud, too
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -12,7 +12,7 @@ fail() {
 
 trap 'printf "\n== failed: line %s of %s: %s\n" "$LINENO" "${BASH_SOURCE[0]##*/}" "$BASH_COMMAND" >&2' ERR
 
-# Installs what is missing of the sections of scripts/packages.txt that are named ("demo", "test").
+# Installs what is missing of the sections of scripts/packages.txt that are named.
 install_packages() {
   local wanted=() missing=() package root=()
   mapfile -t wanted < <(awk -v sections=" $* " '/^\[/ { on = index(sections, " " substr($1, 2, length($1) - 2) " ") }

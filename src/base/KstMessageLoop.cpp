@@ -108,7 +108,7 @@ void KstMessageLoop::stop() {
         return;
     }
     if (worker->get_id() == std::this_thread::get_id()) {
-        mBatch.resize(mNext);
+        mBatch.resize(mNext);  // the rest is destroyed unrun, too
         worker->detach();
     } else {
         worker->join();

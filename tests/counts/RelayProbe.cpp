@@ -22,8 +22,8 @@
 namespace {
 
 constexpr int kWarmUp = 20;
-constexpr int kSharedThreads = 2;                    // I/O and delivery
-constexpr auto kPatience = std::chrono::seconds(5);  // for further delivery threads to end
+constexpr int kSharedThreads = 2;                    // of the HTTPS client, that stand by for ever
+constexpr auto kPatience = std::chrono::seconds(5);  // for further ones to end
 
 class Listener : public ILiveTrancodingDelegate {
 public:
