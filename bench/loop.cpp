@@ -208,7 +208,7 @@ private:
 
 constexpr int kTasks = 60'000;  // a batch
 constexpr int kBatches = 3;
-constexpr int kLatencySamples = 2'000;
+constexpr int kLatencySamples = 4'000;
 constexpr int kLatencyWarmUp = 100;
 constexpr std::chrono::microseconds kPause{200};  // long enough for the worker to fall asleep
 

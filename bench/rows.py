@@ -62,7 +62,7 @@ ROWS = [
             Figure("latency_us_p99", "post to run, idle, p99", noisy=True, **MICROSECONDS),
             Figure("allocations_per_post", "allocations a post", ceiling=2.0),
         ],
-        rounds=21,
+        rounds=25,
     ),
     Row(
         "timers",
@@ -77,7 +77,7 @@ ROWS = [
             Figure("lateness_us_p50", "runs late by, p50", ratios={"asio": 1.0, "libuv": 1.0}, **MICROSECONDS),
             Figure("lateness_us_p99", "runs late by, p99", noisy=True, **MICROSECONDS),
         ],
-        rounds=15,
+        rounds=21,
     ),
     Row(
         "request",

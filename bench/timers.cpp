@@ -177,8 +177,9 @@ private:
 
 // ---- The measurements -----------------------------------------------------------------------------------------------
 
-constexpr size_t kLateTasks = 400;
-constexpr milliseconds kLateWithin{300};
+constexpr size_t kLateBatches = 16;
+constexpr size_t kLateTasks = 50;  // a batch
+constexpr milliseconds kLateWithin{24};
 constexpr std::chrono::microseconds kPause{200};  // long enough for the worker to fall asleep
 constexpr double kMemoryLimit = 600.0 * (1 << 20);
 
@@ -193,7 +194,7 @@ struct Crowd {
 // twice the size: that counts in full. At 1 about every third insert is the new earliest and changes what the worker
 // waits for.
 constexpr Crowd kCrowds[] = {
-    {1, 4, 300}, {1'000, 100, 20}, {10'000, 1'000, 5}, {100'000, 10'000, 1}, {1'000'000, 100'000, 1},
+    {1, 4, 600}, {1'000, 100, 40}, {10'000, 1'000, 10}, {100'000, 10'000, 4}, {1'000'000, 100'000, 1},
 };
 
 // Stands for the adapter: its tasks hold it weakly and change what belongs to the worker.
@@ -261,22 +262,28 @@ double nanosecondsOfInsert(const Crowd& crowd) {
     return seconds * 1e9 / static_cast<double>(crowd.inserts * crowd.loops);
 }
 
-// Microseconds after its deadline at which each task runs.
+// Microseconds after its deadline at which each task runs. Each batch begins at another part of a millisecond: a clock
+// of whole milliseconds makes all tasks of a batch late by the same part.
 template <class Loop>
 std::vector<double> latenesses() {
     Loop loop;
     warmUp(loop);
-    const std::vector<milliseconds> delays = randomDelays(kLateTasks, milliseconds(1), kLateWithin);
-    std::vector<double> late(kLateTasks);
-    std::vector<std::future<void>> done(kLateTasks);
-    for (size_t i = 0; i < kLateTasks; ++i) {
-        const double deadline = bench::seconds() + std::chrono::duration<double>(delays[i]).count();
-        const auto task = [deadline, &result = late[i]] { result = (bench::seconds() - deadline) * 1e6; };
-        done[i] = loop.post(delays[i], task);
-    }
-    std::this_thread::sleep_for(kLateWithin);  // nobody waits for a future yet, so that none has to be woken
-    for (const std::future<void>& each : done) {
-        each.wait();
+    std::vector<double> late(kLateBatches * kLateTasks);
+    for (size_t batch = 0; batch < kLateBatches; ++batch) {
+        const std::vector<milliseconds> delays = randomDelays(kLateTasks, milliseconds(1), kLateWithin);
+        std::vector<std::future<void>> done(kLateTasks);
+        std::this_thread::sleep_for(std::chrono::microseconds(1'000 * batch / kLateBatches));
+        for (size_t i = 0; i < kLateTasks; ++i) {
+            const double deadline = bench::seconds() + std::chrono::duration<double>(delays[i]).count();
+            const auto task = [deadline, &result = late[batch * kLateTasks + i]] {
+                result = (bench::seconds() - deadline) * 1e6;
+            };
+            done[i] = loop.post(delays[i], task);
+        }
+        std::this_thread::sleep_for(kLateWithin);  // nobody waits for a future yet, so that none has to be woken
+        for (const std::future<void>& each : done) {
+            each.wait();
+        }
     }
     return late;
 }
