@@ -137,8 +137,7 @@ private:
         }
         mAllArmed.notify_one();
         if (stopped) {
-            uv_walk(
-                &mLoop, [](uv_handle_t* handle, void*) { close(handle); }, nullptr);
+            uv_walk(&mLoop, closeUnlessClosing, nullptr);
         }
     }
 
@@ -154,6 +153,12 @@ private:
     static void run(uv_timer_t* handle) {
         static_cast<Timer*>(handle->data)->task();
         close(reinterpret_cast<uv_handle_t*>(handle));
+    }
+
+    static void closeUnlessClosing(uv_handle_t* handle, void*) {
+        if (uv_is_closing(handle) == 0) {
+            close(handle);
+        }
     }
 
     static void close(uv_handle_t* handle) {
