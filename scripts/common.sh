@@ -36,11 +36,13 @@ install_packages() {
     >>"$log" 2>&1 || { tail -20 "$log" >&2; fail "apt-get install (all of it: $log)"; }
 }
 
+options=() # for cmake, beside the preset's own
+
 # configure PRESET: prints the log only if it fails.
 configure() {
   local log=build/$1.log
   mkdir -p build
-  cmake --preset "$1" >"$log" 2>&1 || { tail -40 "$log" >&2; fail "cmake --preset $1 (all of it: $log)"; }
+  cmake --preset "$1" "${options[@]}" >"$log" 2>&1 || { tail -40 "$log" >&2; fail "cmake --preset $1 (all of it: $log)"; }
 }
 
 # build PRESET [TARGET ...]: configures and builds; prints the log only if it fails.

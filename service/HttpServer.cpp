@@ -170,18 +170,20 @@ private:
         received.method = request.method;
         received.path = request.target.substr(0, mark);
         received.query = mark == std::string::npos ? "" : request.target.substr(mark + 1);
+        received.host = request.get_header_value("Host");
+        received.origin = request.get_header_value("Origin");
         received.body = request.body;
         received.isFromLoopback = mIsFromLoopback;
         const auto made = std::make_shared<HttpAnswer>(mOwner.mHandler(received));
         mIsAnswered = true;
         response.status = made->status;
-        if (!made->location.empty()) {
-            response.set_header("Location", made->location);
+        for (const auto& [name, value] : made->headers) {
+            response.set_header(name, value);
         }
         if (made->ending == HttpAnswer::Ending::kNone) {
             mWire.drop();
         } else if (made->ending == HttpAnswer::Ending::kCut) {
-            response.set_content_provider(made->body.size(), kJson,
+            response.set_content_provider(made->body.size(), made->contentType,
                                           [this, made](size_t, size_t length, httplib::DataSink& sink) {
                                               sink.write(made->body.data(), length / 2);
                                               mWire.drop();
@@ -189,12 +191,13 @@ private:
                                           });
         } else if (made->padding > 0) {
             const size_t size = made->body.size() + made->padding + made->tail.size();
-            response.set_content_provider(size, kJson, [made](size_t offset, size_t, httplib::DataSink& sink) {
-                const std::string piece = pieceOf(*made, offset);
-                return sink.write(piece.data(), piece.size());
-            });
+            response.set_content_provider(size, made->contentType,
+                                          [made](size_t offset, size_t, httplib::DataSink& sink) {
+                                              const std::string piece = pieceOf(*made, offset);
+                                              return sink.write(piece.data(), piece.size());
+                                          });
         } else if (!made->body.empty()) {
-            response.set_content(made->body, kJson);
+            response.set_content(made->body, made->contentType);
         }
     }
 
@@ -240,10 +243,6 @@ HttpServer::~HttpServer() {
 }
 
 bool HttpServer::start(const Options& options, std::string& error) {
-    if (mAcceptor.joinable()) {
-        error = "the service is already running";
-        return false;
-    }
     mTls.reset();
     if (!options.pem.empty() && !(mTls = makeTls(options.pem))) {
         error = "the server certificate cannot be used";

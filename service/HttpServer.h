@@ -27,7 +27,9 @@ namespace vexalive {
 struct HttpRequest {
     std::string method;
     std::string path;
-    std::string query;  // as sent, without its "?"
+    std::string query;   // as sent, without its "?"
+    std::string host;    // header
+    std::string origin;  // header; the web site that a browser asks for
     std::string body;
     bool isFromLoopback = false;
 };
@@ -39,10 +41,11 @@ struct HttpAnswer {
         kNone,  // nothing is sent, the connection ends
     };
     int status = 200;
-    std::string body;    // application/json
+    std::string contentType = "application/json";
+    std::map<std::string, std::string> headers;  // further ones
+    std::string body;
     size_t padding = 0;  // so many "x" follow the body, then the tail
     std::string tail;
-    std::string location;  // header; none if empty
     Ending ending = Ending::kWhole;
 };
 
@@ -67,6 +70,7 @@ public:
     // False if it cannot listen; `error` tells why.
     bool start(const Options& options, std::string& error);
     void stop();
+    bool isRunning() const { return mAcceptor.joinable(); }
     uint16_t port() const { return mPort; }
 
     // For a handler that wants to wait; false if the server stops meanwhile.

@@ -22,14 +22,16 @@ struct Refusal {
     std::string message;  // the field, what was found (cut short, ASCII) and what is allowed
 
     // The codes. None is one that a client takes for a reason to try again (1, 3, 505, 10017).
-    static constexpr int kQuery = 4001;       // the query is incomplete or malformed
-    static constexpr int kUnreadable = 4002;  // the body is no JSON object, nested too deep, or has a key twice
-    static constexpr int kMissing = 4003;     // a field is missing
-    static constexpr int kUnknown = 4004;     // a field is not known here
-    static constexpr int kType = 4005;        // a field has the wrong JSON type
-    static constexpr int kValue = 4006;       // a field's value is not allowed
-    static constexpr int kNotRunning = 4007;  // nothing to remove or cancel
-    static constexpr int kFull = 4008;        // the service holds as many relays or mixes as it can
+    static constexpr int kQuery = 4001;        // the query is incomplete or malformed
+    static constexpr int kUnreadable = 4002;   // the body is no JSON object, nested too deep, or has a key twice
+    static constexpr int kMissing = 4003;      // a field is missing
+    static constexpr int kUnknown = 4004;      // a field is not known here
+    static constexpr int kType = 4005;         // a field has the wrong JSON type
+    static constexpr int kValue = 4006;        // a field's value is not allowed
+    static constexpr int kNotRunning = 4007;   // nothing to remove or cancel
+    static constexpr int kFull = 4008;         // the service holds as many relays or mixes as it can
+    static constexpr int kUnsupported = 4009;  // with media: a destination that cannot be relayed to
+    static constexpr int kUnavailable = 4010;  // with media: no worker could be started
 };
 
 [[noreturn]] void refuse(int code, const std::string& field, const std::string& reason);

@@ -7,8 +7,12 @@
 #include <utility>
 #include <variant>
 
+#include "base/Mutex.h"
 #include "service/Certificates.h"
+#include "service/Console.h"
 #include "service/HttpServer.h"
+#include "service/Media.h"
+#include "service/Metrics.h"
 #include "service/Misbehaviours.h"
 #include "service/RequestCheck.h"
 #include "service/ServiceState.h"
@@ -21,10 +25,26 @@ namespace {
 
 constexpr const char* kFolder = "/v3/liveinterface/";
 constexpr const char* kState = "/state";
+constexpr const char* kMetrics = "/metrics";
+constexpr const char* kSnapshot = "/snapshot";
 constexpr const char* kMisbehave = "/misbehave";
+constexpr const char* kPublish = "/origin/publish";
+
+// What is for this machine only.
+HttpServer::Routes localRoutes() {
+    HttpServer::Routes result = {{kState, {"GET"}},
+                                 {kMetrics, {"GET"}},
+                                 {kSnapshot, {"GET"}},
+                                 {kMisbehave, {"GET", "POST", "DELETE"}},
+                                 {kPublish, {"POST"}}};
+    for (const std::string& path : consolePaths()) {
+        result[path] = {"GET"};
+    }
+    return result;
+}
 
 HttpServer::Routes routes() {
-    HttpServer::Routes result = {{kState, {"GET"}}, {kMisbehave, {"GET", "POST", "DELETE"}}};
+    HttpServer::Routes result = localRoutes();
     for (const char* name : {kAddRelayInterface, kRemoveRelayInterface, kSetMixInterface}) {
         result[std::string(kFolder) + name] = {"POST"};
     }
@@ -33,6 +53,11 @@ HttpServer::Routes routes() {
 
 std::string asJson(const ordered_json& value) {
     return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+// For people, too.
+std::string asText(const ordered_json& value) {
+    return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
 // A message of the service's own; those of the three interfaces carry a code, too.
@@ -46,6 +71,17 @@ HttpAnswer plainAnswer(int status, const std::string& message) {
 HttpAnswer okAnswer(const std::string& body) {
     HttpAnswer answer;
     answer.body = body;
+    return answer;
+}
+
+HttpAnswer answerPage(const std::string& path) {
+    const std::optional<ConsoleFile> file = consoleFile(path);
+    if (!file) {
+        return plainAnswer(404, "there is nothing at this path");
+    }
+    HttpAnswer answer = okAnswer(std::string(file->content));
+    answer.contentType = file->contentType;
+    answer.headers["Content-Security-Policy"] = "default-src 'self'; frame-ancestors 'none'";
     return answer;
 }
 
@@ -65,7 +101,9 @@ HttpAnswer misbehavedAnswer(const Misbehaviour& misbehaviour) {
             break;
         case Misbehaviour::Kind::kStatus:
             answer.status = misbehaviour.status;
-            answer.location = isRedirect(misbehaviour.status) ? "/redirected" : "";
+            if (isRedirect(misbehaviour.status)) {
+                answer.headers["Location"] = "/redirected";
+            }
             break;
         case Misbehaviour::Kind::kCut:
             answer.body = codeBody(0, "half of this is never sent");
@@ -91,6 +129,18 @@ HttpAnswer misbehavedAnswer(const Misbehaviour& misbehaviour) {
     return answer;
 }
 
+// Whether a browser can only have come here by the address that a person gave it: a web site elsewhere can have its own
+// name lead here, or have a browser send something on.
+bool isOfOwnPage(const HttpRequest& request, bool isConsole) {
+    const size_t mark = request.host.find_last_of("]:");
+    const bool hasPort = mark != std::string::npos && request.host[mark] == ':';
+    const std::string host = hasPort ? request.host.substr(0, mark) : request.host;
+    const bool isHere = host == "localhost" || host == "127.0.0.1" || host == "[::1]";
+    const bool isOwn = request.origin.empty() || request.origin == "http://" + request.host ||
+                       request.origin == "https://" + request.host;
+    return isOwn && (isHere || !isConsole);
+}
+
 LiveServiceOptions completed(LiveServiceOptions options) {
     if (options.pushDomainSuffix.empty()) {
         const char* suffix = std::getenv("VEXALIVE_PUSH_DOMAIN");
@@ -98,6 +148,13 @@ LiveServiceOptions completed(LiveServiceOptions options) {
     }
     if (options.stateFolder.empty()) {
         options.stateFolder = defaultStateFolder();
+    }
+    if (options.workerProgram.empty()) {
+        const char* program = std::getenv("VEXALIVE_MEDIA_WORKER");
+        options.workerProgram = program ? program : "";
+    }
+    if (options.media && !options.consolePort) {
+        options.consolePort = 0;
     }
     return options;
 }
@@ -107,24 +164,42 @@ LiveServiceOptions completed(LiveServiceOptions options) {
 struct LiveService::Impl {
     explicit Impl(LiveServiceOptions given)
         : options(completed(std::move(given))),
-          server(routes(), [this](const HttpRequest& request) { return answer(request); }) {}
+          console(localRoutes(), [this](const HttpRequest& request) { return answerLocal(request, true); }),
+          server(routes(), [this](const HttpRequest& request) { return answer(request); }) {
+        if (options.media) {
+            media.emplace(options);
+        }
+    }
 
     bool start();
+    bool startBehind();
+    void stop();
+    ordered_json stateFields() const;
     HttpAnswer answer(const HttpRequest& request);
+    HttpAnswer answerLocal(const HttpRequest& request, bool isConsole);
+    HttpAnswer answerSnapshot(const HttpRequest& request);
     HttpAnswer answerMisbehave(const HttpRequest& request);
     HttpAnswer answerInterface(const std::string& interfaceName, const HttpRequest& request);
     HttpAnswer answerTruly(const HttpRequest& request, LiveServiceEvent& event);
+    std::variant<std::string, Refusal> apply(const AcceptedRequest& request);
 
     const LiveServiceOptions options;
     std::string error;
     Certificates certificates;
     ServiceState state;
     Misbehaviours misbehaviours;
-    HttpServer server;  // the last: its threads use all of the above
+    std::optional<Media> media;
+    KstMutex applying;   // with media, the state and the media agree
+    HttpServer console;  // these are the last: their threads use all of the above
+    HttpServer server;
 };
 
 bool LiveService::Impl::start() {
     error.clear();
+    if (server.isRunning()) {
+        error = "the service is already running";
+        return false;
+    }
     HttpServer::Options listening;
     listening.address = options.address;
     listening.port = options.port;
@@ -138,17 +213,90 @@ bool LiveService::Impl::start() {
         }
         listening.pem = certificates.serverPem;
     }
-    return server.start(listening, error);
+    if (!startBehind() || !server.start(listening, error)) {
+        stop();
+        return false;
+    }
+    return true;
+}
+
+// All that has to be there before requests come.
+bool LiveService::Impl::startBehind() {
+    HttpServer::Options listening;
+    listening.address = "127.0.0.1";
+    listening.port = options.consolePort.value_or(0);
+    return (!media || media->prepare(error)) && (!options.consolePort || console.start(listening, error)) &&
+           (!media || media->start(console.port(), state.running(), error));
+}
+
+void LiveService::Impl::stop() {
+    server.stop();
+    console.stop();
+    if (media) {
+        media->stop();
+    }
+}
+
+ordered_json LiveService::Impl::stateFields() const {
+    ordered_json fields = {{"service", {{"media", false}, {"origin", nullptr}}}};
+    fields.update(state.toFields());
+    for (const char* list : {"relays", "mixes"}) {
+        for (ordered_json& each : fields[list]) {
+            each["media"] = nullptr;
+        }
+    }
+    if (media) {
+        media->addTo(fields);
+    }
+    return fields;
 }
 
 HttpAnswer LiveService::Impl::answer(const HttpRequest& request) {
     if (request.path.rfind(kFolder, 0) == 0) {
         return answerInterface(request.path.substr(std::string(kFolder).size()), request);
     }
+    return answerLocal(request, false);
+}
+
+HttpAnswer LiveService::Impl::answerLocal(const HttpRequest& request, bool isConsole) {
     if (!request.isFromLoopback) {
         return plainAnswer(403, "this path is for clients on the service's own machine");
     }
-    return request.path == kState ? okAnswer(state.toJson()) : answerMisbehave(request);
+    if (!isOfOwnPage(request, isConsole)) {
+        return plainAnswer(403, "this path is not for pages of other web sites; its host is localhost or 127.0.0.1");
+    }
+    if (request.path == kState) {
+        return okAnswer(asText(stateFields()));
+    }
+    if (request.path == kMetrics) {
+        HttpAnswer answer = okAnswer(metricsOf(stateFields()));
+        answer.contentType = kMetricsType;
+        return answer;
+    }
+    if (request.path == kSnapshot) {
+        return answerSnapshot(request);
+    }
+    if (request.path == kMisbehave) {
+        return answerMisbehave(request);
+    }
+    if (request.path == kPublish) {
+        const bool isAdmitted = media && media->admit(request.body);
+        return isAdmitted ? plainAnswer(200, "ok") : plainAnswer(403, "this may not be published");
+    }
+    return answerPage(request.path);
+}
+
+HttpAnswer LiveService::Impl::answerSnapshot(const HttpRequest& request) {
+    const std::string key = "mix=";
+    const bool isAsked = request.query.compare(0, key.size(), key) == 0;
+    const std::string picture = media && isAsked ? media->picture(request.query.substr(key.size())) : "";
+    HttpAnswer answer = plainAnswer(404, "there is no picture: ?mix= takes the output stream id of a mix that runs");
+    if (!picture.empty()) {
+        answer = okAnswer(picture);
+        answer.contentType = "image/jpeg";
+    }
+    answer.headers["Cache-Control"] = "no-store";
+    return answer;
 }
 
 HttpAnswer LiveService::Impl::answerMisbehave(const HttpRequest& request) {
@@ -203,7 +351,7 @@ HttpAnswer LiveService::Impl::answerTruly(const HttpRequest& request, LiveServic
         return refuseWith(*refusal);
     }
     const AcceptedRequest& accepted = std::get<AcceptedRequest>(checked);
-    const auto applied = state.apply(accepted);
+    const auto applied = apply(accepted);
     if (const Refusal* refusal = std::get_if<Refusal>(&applied)) {
         return refuseWith(*refusal);
     }
@@ -212,6 +360,25 @@ HttpAnswer LiveService::Impl::answerTruly(const HttpRequest& request, LiveServic
     event.appId = accepted.appId;
     event.streamId = accepted.streamId;
     return okAnswer(codeBody(0, event.message));
+}
+
+std::variant<std::string, Refusal> LiveService::Impl::apply(const AcceptedRequest& request) {
+    if (!media) {
+        return state.apply(request);
+    }
+    const bool isEnd =
+        request.kind == AcceptedRequest::Kind::kRemoveRelay || request.kind == AcceptedRequest::Kind::kCancelMix;
+    KstMutexLock lock(applying);
+    if (!isEnd) {
+        if (const std::optional<Refusal> refusal = media->begin(request)) {
+            return *refusal;
+        }
+    }
+    auto applied = state.apply(request);
+    if (isEnd && std::holds_alternative<std::string>(applied)) {
+        media->end(request);
+    }
+    return applied;
 }
 
 // ---- The public face ------------------------------------------------------------------------------------------------
@@ -229,7 +396,7 @@ const std::string& LiveService::error() const {
 }
 
 void LiveService::stop() {
-    mImpl->server.stop();
+    mImpl->stop();
 }
 
 uint16_t LiveService::port() const {
@@ -242,12 +409,20 @@ std::string LiveService::address() const {
     return (isIpv6 ? "[" + host + "]" : host) + ":" + std::to_string(port());
 }
 
+std::string LiveService::consoleAddress() const {
+    return mImpl->options.consolePort ? "127.0.0.1:" + std::to_string(mImpl->console.port()) : "";
+}
+
+std::string LiveService::originAddress() const {
+    return mImpl->media ? mImpl->media->address().url : "";
+}
+
 const std::string& LiveService::caFile() const {
     return mImpl->certificates.caFile;
 }
 
 std::string LiveService::stateJson() const {
-    return mImpl->state.toJson();
+    return asText(mImpl->stateFields());
 }
 
 std::string LiveService::misbehave(const Misbehaviour& misbehaviour) {

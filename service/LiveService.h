@@ -13,10 +13,16 @@
 //     POST   /v3/liveinterface/remove_relay_stream_url    accepted and which codes refuse. Answered with HTTP 200 and
 //     POST   /v3/liveinterface/set_live_mix_transcoding   {"code":0,"message":"ok"}, or a code and a message
 //     GET    /state                                       as stateJson()
+//     GET    /metrics                                     the same for Prometheus
+//     GET    /snapshot?mix=<output stream id>             what the mix puts out, as a JPEG
 //     POST   /misbehave                                   a misbehaviour as JSON: service/Misbehaviours.h names the
 //     keys GET    /misbehave                                   as misbehavioursJson() DELETE /misbehave as
-//     clearMisbehaviours()
-// The last four are answered to loopback only.
+//     clearMisbehaviours() POST   /origin/publish                              asked by the origin: may this be
+//     published? GET    /                                            a page that shows all this, and what it needs
+// All but the three interfaces are answered to loopback only, and over plain HTTP, too, on a port of their own.
+//
+// With media, the service does what it says: it keeps an origin that members publish to over RTMP, relays what is to be
+// relayed and mixes what is to be mixed, each in a worker process.
 
 #ifndef VEXALIVE_SERVICE_LIVE_SERVICE_H
 #define VEXALIVE_SERVICE_LIVE_SERVICE_H
@@ -25,6 +31,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace vexalive {
@@ -42,6 +49,21 @@ struct LiveServiceEvent {
     std::string misbehaviour;  // its kind, as in Misbehaviour; empty if the service behaved
 };
 
+// What happens behind the service, for a line on a display.
+struct LiveMediaEvent {
+    enum class Kind {
+        kState,           // the origin or a worker has another state, or another error
+        kLine,            // it says something to people
+        kRefusedPublish,  // the origin was told not to let someone publish
+    };
+    Kind kind = Kind::kState;
+    std::string subject;    // "origin", "relay" or "mix"
+    std::string streamId;   // relayed, mixed, or refused
+    std::string state;      // kState: "starting", "running", "reconnecting", "stopping", "stopped" or "failed"
+    std::string text;       // the last error, what is said, or why it is refused
+    uint64_t restarts = 0;  // kState: of the process
+};
+
 struct LiveServiceOptions {
     std::string address = "127.0.0.1";  // a numeric address or a name of this machine
     uint16_t port = 0;                  // 0: a free one
@@ -53,6 +75,19 @@ struct LiveServiceOptions {
     // What follows the biz id and a dot in "domain". Empty: the environment's VEXALIVE_PUSH_DOMAIN, else the value
     // fixed at build time.
     std::string pushDomainSuffix;
+
+    // Where the console is served: on this port of 127.0.0.1, 0 standing for a free one. None: only beside the three
+    // interfaces; with media, a free one is taken.
+    std::optional<uint16_t> consolePort;
+
+    // Relay and mix in truth.
+    bool media = false;
+    std::string origin;         // "rtmp://HOST:PORT" of one that is running; empty: the service starts nginx
+    std::string workerProgram;  // empty: the environment's VEXALIVE_MEDIA_WORKER, else vexalive-media beside this
+                                // program, in ../libexec/vexalive, or in PATH
+
+    // Called at what happens to media, on threads of the service's; as `observer`.
+    std::function<void(const LiveMediaEvent&)> mediaObserver;
 
     // Called just before each answer goes out, on the connection's thread, several at a time: it must be thread-safe,
     // must not throw, and delays that answer while it blocks. It must not call start() or stop().
@@ -95,17 +130,19 @@ public:
     bool start();
     const std::string& error() const;
 
-    // Ends all connections and waits for their threads; well under a second, also with idle or delayed ones. The state
-    // is kept; start() may follow.
+    // Ends all connections and waits for their threads; well under a second, also with idle or delayed ones. With media
+    // it may take three more, until all processes have ended. The state is kept; start() may follow.
     void stop();
 
     // After start(): where it listens, as a client needs it.
     uint16_t port() const;
-    std::string address() const;  // "127.0.0.1:49152", "[::1]:49152"
+    std::string address() const;         // "127.0.0.1:49152", "[::1]:49152"
+    std::string consoleAddress() const;  // "127.0.0.1:49153"; empty if it has no port of its own
+    std::string originAddress() const;   // "rtmp://127.0.0.1:49154"; empty without media
     const std::string& caFile()
         const;  // the authority's certificate (PEM) that clients have to trust; empty if not TLS
 
-    // Relays, mixes and the last 200 requests, as JSON text.
+    // Relays, mixes, the last 200 requests and how the media are, as JSON text.
     std::string stateJson() const;
 
     // Misbehaviours wait in a queue: each request takes the first one that names its interface or any. Returns why it

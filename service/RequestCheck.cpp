@@ -50,6 +50,18 @@ std::optional<int64_t> readDecimal(std::string_view text) {
     return value;
 }
 
+std::optional<int32_t> readBizId(std::string_view text) {
+    const std::optional<int64_t> biz = readDecimal(text);
+    if (!biz || *biz == 0 || *biz < kLowest || *biz > kHighest) {
+        return std::nullopt;
+    }
+    return static_cast<int32_t>(*biz);
+}
+
+bool isDigest(std::string_view text) {
+    return text.size() == kDigestLength && std::all_of(text.begin(), text.end(), isLowerHex);
+}
+
 // ---- Query ----------------------------------------------------------------------------------------------------------
 
 struct Parameter {
@@ -133,14 +145,13 @@ int32_t nonZero(Fields& fields, const char* key) {
 int32_t bizOfDomain(Fields& fields, const std::string& suffix) {
     const std::string domain = fields.text("domain");
     const size_t dot = std::min(domain.find('.'), domain.size());
-    const std::optional<int64_t> biz = readDecimal(std::string_view(domain).substr(0, dot));
-    const bool isBiz = biz && *biz != 0 && *biz >= kLowest && *biz <= kHighest;
-    if (!isBiz || domain.compare(dot, std::string::npos, "." + suffix) != 0) {
+    const std::optional<int32_t> biz = readBizId(std::string_view(domain).substr(0, dot));
+    if (!biz || domain.compare(dot, std::string::npos, "." + suffix) != 0) {
         refuse(Refusal::kValue, "domain",
                "found " + excerpt(domain) + ", must be the biz id, a 32-bit integer other than 0, and \"." + suffix +
                    "\"");
     }
-    return static_cast<int32_t>(*biz);
+    return *biz;
 }
 
 void checkCommon(Fields& body, const std::string& interfaceName, const std::string& suffix, AcceptedRequest& request) {
@@ -156,9 +167,7 @@ void checkCommon(Fields& body, const std::string& interfaceName, const std::stri
 std::string streamId(Fields& fields, const char* key, int32_t bizId) {
     std::string id = fields.text(key);
     const std::string head = std::to_string(bizId) + "_";
-    const bool isWellFormed = id.size() == head.size() + kDigestLength && id.compare(0, head.size(), head) == 0 &&
-                              std::all_of(id.begin() + static_cast<std::ptrdiff_t>(head.size()), id.end(), isLowerHex);
-    if (!isWellFormed) {
+    if (id.compare(0, head.size(), head) != 0 || !isDigest(std::string_view(id).substr(head.size()))) {
         refuse(Refusal::kValue, fields.path(key),
                "found " + excerpt(id) + ", must be \"" + head + "\" and 32 lower-case hex digits");
     }
@@ -326,6 +335,11 @@ void checkMix(Fields& body, AcceptedRequest& request) {
 }
 
 }  // namespace
+
+bool isStreamId(const std::string& text) {
+    const size_t mark = text.find('_');
+    return mark != std::string::npos && readBizId(text.substr(0, mark)) && isDigest(text.substr(mark + 1));
+}
 
 bool isInterface(const std::string& name) {
     return name == kAddRelayInterface || name == kRemoveRelayInterface || name == kSetMixInterface;

@@ -23,6 +23,9 @@ constexpr const char* kSetMixInterface = "set_live_mix_transcoding";
 
 bool isInterface(const std::string& name);
 
+// "<biz id>_<32 lower-case hex digits>", the biz id a 32-bit integer other than 0.
+bool isStreamId(const std::string& text);
+
 struct MixCanvas {
     int32_t width = 0;
     int32_t height = 0;

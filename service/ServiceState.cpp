@@ -74,8 +74,7 @@ std::variant<std::string, Refusal> ServiceState::addRelay(const AcceptedRequest&
             "stream_id: " + std::to_string(kMostRelays) + " streams are being relayed, the most that is held"};
     }
     Relay& relay = mRelays[request.streamId];
-    relay.appId = request.appId;
-    relay.destination = request.destination;
+    relay.latest = request;
     relay.since = found == mRelays.end() ? timeNow() : relay.since;
     ++relay.requests;
     return "add";
@@ -152,15 +151,29 @@ void ServiceState::remember(RequestRecord record) {
     }
 }
 
-std::string ServiceState::toJson() const {
+std::vector<AcceptedRequest> ServiceState::running() const {
+    std::vector<AcceptedRequest> requests;
+    KstMutexLock lock(mMutex);
+    for (const auto& [id, relay] : mRelays) {
+        requests.push_back(relay.latest);
+    }
+    for (const auto& [id, mix] : mMixes) {
+        if (mix.isRunning) {
+            requests.push_back(mix.latest);
+        }
+    }
+    return requests;
+}
+
+ordered_json ServiceState::toFields() const {
     ordered_json relays = ordered_json::array();
     ordered_json mixes = ordered_json::array();
     ordered_json requests = ordered_json::array();
     KstMutexLock lock(mMutex);
     for (const auto& [id, relay] : mRelays) {
         relays.push_back({{"stream_id", id},
-                          {"dest_stream_url", relay.destination},
-                          {"appid", relay.appId},
+                          {"dest_stream_url", relay.latest.destination},
+                          {"appid", relay.latest.appId},
                           {"since", relay.since},
                           {"requests", relay.requests}});
     }
@@ -194,9 +207,7 @@ std::string ServiceState::toJson() const {
                             {"refused_field", each.record.refusedField},
                             {"misbehaviour", each.record.misbehaviour}});
     }
-    lock.unlock();
-    const ordered_json state = {{"relays", relays}, {"mixes", mixes}, {"requests", requests}};
-    return state.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+    return {{"relays", relays}, {"mixes", mixes}, {"requests", requests}};
 }
 
 }  // namespace vexalive

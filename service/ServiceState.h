@@ -11,6 +11,8 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <variant>
+#include <vector>
 
 #include "base/Mutex.h"
 #include "service/RequestCheck.h"
@@ -41,12 +43,14 @@ public:
 
     void remember(RequestRecord record);
 
-    std::string toJson() const;
+    // The relays and mixes that run, each as the request that made it what it is.
+    std::vector<AcceptedRequest> running() const;
+
+    nlohmann::ordered_json toFields() const;
 
 private:
     struct Relay {
-        int32_t appId = 0;
-        std::string destination;
+        AcceptedRequest latest;
         std::string since;
         int requests = 0;
     };

@@ -20,6 +20,7 @@ Command addPreviewCommand(CLI::App& tool);
 Command addMixCommand(CLI::App& tool);
 Command addRelayCommand(CLI::App& tool);
 Command addServeCommand(CLI::App& tool);
+Command addStreamIdCommand(CLI::App& tool);
 
 }  // namespace vexalive
 

@@ -17,7 +17,8 @@
 namespace vexalive {
 namespace {
 
-constexpr Command (*kCommands[])(CLI::App& tool) = {addRelayCommand, addMixCommand, addPreviewCommand, addServeCommand};
+constexpr Command (*kCommands[])(CLI::App& tool) = {addRelayCommand, addMixCommand, addPreviewCommand, addServeCommand,
+                                                    addStreamIdCommand};
 
 constexpr size_t kHelpColumns = 80;
 

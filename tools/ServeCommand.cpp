@@ -25,8 +25,8 @@ constexpr const char* kServeDescription =
     "\n"
     "A copy of the live-interface service to develop and test against: it checks\n"
     "every request strictly, says which field is wrong, and keeps the state of relays\n"
-    "and mixes. Prints the two lines that point programs at it, then a line for each\n"
-    "request, until Ctrl-C or SIGTERM.";
+    "and mixes; with --media it carries them out. Prints the two lines that point\n"
+    "programs at it, then a line for each request, until Ctrl-C or SIGTERM.";
 
 constexpr const char* kServeFooter =
     "Example: two failures first, then true answers\n"
@@ -41,6 +41,7 @@ struct ServeOptions {
     LiveServiceOptions service;
     std::vector<std::string> misbehaviours;
     std::string port = "0";
+    std::string consolePort = "0";
     bool json = false;
 };
 
@@ -62,6 +63,21 @@ Step listening(const LiveService& service) {
     step.fields = {{"event", "listening"}, {"service", service.address()}, {"caFile", service.caFile()}};
     step.text = "live-interface service on https://" + service.address() + ", its certificate authority in " +
                 service.caFile() + "; Ctrl-C stops it. Paste into another terminal:";
+    return step;
+}
+
+Step consoleLine(const LiveService& service) {
+    const std::string url = "http://" + service.consoleAddress() + "/";
+    Step step;
+    step.fields = {{"event", "console"}, {"url", url}};
+    step.text = "console on " + url;
+    return step;
+}
+
+Step originLine(const LiveService& service) {
+    Step step;
+    step.fields = {{"event", "origin"}, {"url", service.originAddress()}};
+    step.text = "members publish to " + service.originAddress() + "/live/ID; vexalive stream-id prints the ID";
     return step;
 }
 
@@ -97,21 +113,59 @@ Step answered(const LiveServiceEvent& event) {
     return step;
 }
 
-int runServe(ServeOptions options) {
-    const std::optional<int64_t> port = readInteger(options.port, 0, 65535);
+Step happened(const LiveMediaEvent& event) {
+    const std::string who = event.subject + (event.streamId.empty() ? "" : " " + event.streamId);
+    const std::string restarts = event.restarts == 0 ? "" : " (restarts: " + std::to_string(event.restarts) + ")";
+    Step step;
+    step.text = timeOfDay(kstf_getutctick()) + "  ";
+    switch (event.kind) {
+        case LiveMediaEvent::Kind::kState:
+            step.fields = {{"event", "media"},     {"subject", event.subject}, {"streamId", event.streamId},
+                           {"state", event.state}, {"error", event.text},      {"restarts", event.restarts}};
+            step.text += who + "  " + event.state + restarts + (event.text.empty() ? "" : ": " + event.text);
+            break;
+        case LiveMediaEvent::Kind::kLine:
+            step.fields = {
+                {"event", "line"}, {"subject", event.subject}, {"streamId", event.streamId}, {"text", event.text}};
+            step.text += who + "  says: " + event.text;
+            break;
+        case LiveMediaEvent::Kind::kRefusedPublish:
+            step.fields = {{"event", "publish"}, {"streamId", event.streamId}, {"refused", event.text}};
+            step.text += "origin  publish refused: " + event.text;
+            break;
+    }
+    return step;
+}
+
+uint16_t readPort(const char* option, const std::string& text) {
+    const std::optional<int64_t> port = readInteger(text, 0, 65535);
     if (!port) {
-        throw UsageError("--port is \"" + printable(options.port) +
+        throw UsageError(std::string(option) + " is \"" + printable(text) +
                          "\": must be an integer from 0, for a free port, to 65535");
     }
-    options.service.port = static_cast<uint16_t>(*port);
+    return static_cast<uint16_t>(*port);
+}
+
+int runServe(ServeOptions options) {
+    options.service.port = readPort("--port", options.port);
+    options.service.consolePort = readPort("--console-port", options.consolePort);
+    if (!options.service.origin.empty() && !options.service.media) {
+        throw UsageError("--origin is for --media only");
+    }
     std::vector<Misbehaviour> misbehaviours;
     for (const std::string& text : options.misbehaviours) {
         misbehaviours.push_back(readMisbehaviour(text));
     }
     const auto view = makeStepView(chooseForm(options.json, stdout), Secrets(), stdout, stderr);
 
-    Mailbox<LiveServiceEvent> requests;  // outlives the service, whose threads fill it
-    options.service.observer = [&requests](const LiveServiceEvent& event) { requests.put(event); };
+    Mailbox<Step> steps;  // outlives the service, whose threads fill it
+    options.service.observer = [&steps](const LiveServiceEvent& event) { steps.put(answered(event)); };
+    options.service.mediaObserver = [&steps](const LiveMediaEvent& event) { steps.put(happened(event)); };
+    const auto showAll = [&steps, &view] {
+        for (Step& step : steps.takeAll()) {
+            view->show(std::move(step));
+        }
+    };
     StopSignals signals;
     LiveService service(options.service);
     for (size_t i = 0; i < misbehaviours.size(); ++i) {
@@ -127,19 +181,19 @@ int runServe(ServeOptions options) {
     view->show(listening(service));
     view->show(exportLine("export VEXALIVE_SERVICE_HOST=" + shellWord(service.address())));
     view->show(exportLine("export VEXALIVE_CA_FILE=" + shellWord(service.caFile())));
+    view->show(consoleLine(service));
+    if (options.service.media) {
+        view->show(originLine(service));
+    }
 
     std::optional<std::string> signal;
     while (!signal) {
-        requests.wait({signals.fd()});
-        for (const LiveServiceEvent& event : requests.takeAll()) {
-            view->show(answered(event));
-        }
+        steps.wait({signals.fd()});
+        showAll();
         signal = signals.take();
     }
     service.stop();
-    for (const LiveServiceEvent& event : requests.takeAll()) {
-        view->show(answered(event));
-    }
+    showAll();
     Step step;
     step.fields = {{"event", "stopped"}, {"why", *signal}};
     step.text = "stopped on " + *signal;
@@ -165,6 +219,17 @@ Command addServeCommand(CLI::App& tool) {
         ->add_option("--push-domain", options->service.pushDomainSuffix,
                      "What has to follow the biz id in push domains; or VEXALIVE_PUSH_DOMAIN")
         ->type_name("S");
+    command->add_flag("--media", options->service.media,
+                      "Relay and mix in truth: start nginx as the origin that members publish to, and a worker for "
+                      "each relay and each mix");
+    command
+        ->add_option("--origin", options->service.origin,
+                     "With --media: an RTMP server that is running, with applications live, mix and cdn; starts none")
+        ->type_name("URL");
+    command
+        ->add_option("--console-port", options->consolePort,
+                     "The port of 127.0.0.1 that serves the console, a web page; 0, the default, takes a free one")
+        ->type_name("N");
     command->add_option("--misbehave", options->misbehaviours, kMisbehaviourHelp)
         ->type_name("WHAT")
         ->allow_extra_args(false);

@@ -216,7 +216,8 @@ TEST(LiveService, AnUnknownPathIs404AndAWrongMethod405AsJson) {
         const char* path;
         int status;
     } rows[] = {
-        {"GET", "/", 404},
+        {"GET", "/other", 404},
+        {"POST", "/", 405},
         {"POST", "/v3/liveinterface/", 404},
         {"POST", "/v3/liveinterface/add_relay_stream_ur%6c", 404},
         {"POST", "/v3/liveinterface/add_relay_stream_url/", 404},

@@ -51,7 +51,7 @@ TEST(ServiceState, TheMixThatEndedFirstMakesRoomAndRunningOnesStay) {
     state.apply(requestFor(AcceptedRequest::Kind::kCancelMix, 3));
     EXPECT_EQ(0, codeOf(state.apply(further)));
 
-    const std::string shown = state.toJson();
+    const std::string shown = state.toFields().dump();
     EXPECT_EQ(std::string::npos, shown.find(streamIdOf(9)));
     EXPECT_NE(std::string::npos, shown.find(streamIdOf(3)));
 }
@@ -61,7 +61,7 @@ TEST(ServiceState, AMixRemembersItsLatestUpdatesAndCountsAll) {
     for (size_t time = 0; time < ServiceState::kMostUpdates + 5; ++time) {
         state.apply(requestFor(AcceptedRequest::Kind::kStartMix, 1));
     }
-    const json mix = json::parse(state.toJson())["mixes"][0];
+    const json mix = json(state.toFields())["mixes"][0];
     EXPECT_EQ(ServiceState::kMostUpdates + 5, mix["updates"]);
     EXPECT_EQ(ServiceState::kMostUpdates, mix["history"].size());
     EXPECT_EQ("update", mix["history"][0]["operation"]);
@@ -75,7 +75,7 @@ TEST(ServiceState, OnlyTheLatestRequestsAreRememberedAndLongBodiesAreCut) {
         record.body = std::string(ServiceState::kMostBodyBytes + 100, '\xff');  // nor UTF-8
         state.remember(record);
     }
-    const json requests = json::parse(state.toJson())["requests"];
+    const json requests = json(state.toFields())["requests"];
     ASSERT_EQ(ServiceState::kMostRequests, requests.size());
     EXPECT_EQ("3", requests.front()["answer"]);
     EXPECT_EQ(ServiceState::kMostBodyBytes + 100, requests.front()["body_bytes"]);

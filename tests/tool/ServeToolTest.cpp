@@ -126,6 +126,7 @@ TEST_F(ServeTool, WritesOneJsonObjectALine) {
     const std::map<std::string, std::vector<std::string>> documented = {
         {"listening", {"service", "caFile"}},
         {"environment", {"line"}},
+        {"console", {"url"}},
         {"request",
          {"interface", "operation", "httpStatus", "code", "message", "field", "appId", "streamId", "misbehaviour"}},
         {"stopped", {"why"}}};
@@ -140,7 +141,53 @@ TEST_F(ServeTool, WritesOneJsonObjectALine) {
             EXPECT_TRUE(object.contains(field)) << field << " in " << line;
         }
     }
-    EXPECT_THAT(events, ::testing::ElementsAre("listening", "environment", "environment", "request", "stopped"));
+    EXPECT_THAT(events,
+                ::testing::ElementsAre("listening", "environment", "environment", "console", "request", "stopped"));
+}
+
+TEST_F(ServeTool, TellsWhereTheConsoleIs) {
+    ChildProcess serve(arguments(), {});
+    ASSERT_TRUE(serve.awaitOutput("\nconsole on http://127.0.0.1:"));
+    ASSERT_TRUE(serve.awaitOutput("/\n"));
+    EXPECT_THAT(serve.output(), ::testing::Not(HasSubstr("members publish")));
+
+    ChildProcess wrong(arguments({"--console-port", "http"}), {});
+    EXPECT_EQ(wrong.awaitExit(), 2);
+    EXPECT_THAT(wrong.errors(), HasSubstr("--console-port is \"http\": must be an integer from 0"));
+}
+
+TEST_F(ServeTool, TellsWhatMediaLack) {
+    ChildProcess serve(arguments({"--media", "--origin", "rtmp://127.0.0.1:1"}),
+                       {{"VEXALIVE_MEDIA_WORKER", "/no/such/worker"}});
+    EXPECT_EQ(serve.awaitExit(), 1);
+    EXPECT_THAT(serve.errors(), HasSubstr("vexalive serve: cannot run /no/such/worker: No such file"));
+
+    ChildProcess without(arguments({"--origin", "rtmp://127.0.0.1:1"}), {});
+    EXPECT_EQ(without.awaitExit(), 2);
+    EXPECT_THAT(without.errors(), HasSubstr("--origin is for --media only"));
+}
+
+TEST_F(ServeTool, ShowsEachChangeOfTheMedia) {
+    // /bin/cat ends with its input, but says nothing that a worker would.
+    const std::map<std::string, std::string> worker = {{"VEXALIVE_MEDIA_WORKER", "/bin/cat"}};
+    ChildProcess serve(arguments({"--media", "--origin", "rtmp://127.0.0.1:1", "--json"}), worker);
+    ASSERT_TRUE(serve.awaitOutput("\"event\":\"origin\""));
+    ASSERT_TRUE(serve.awaitOutput("\"event\":\"media\""));
+    ASSERT_TRUE(serve.awaitOutput("rtmp://127.0.0.1:1 cannot be reached: Connection refused"));
+    ASSERT_TRUE(serve.awaitOutput("\n", 5));
+    std::istringstream lines(serve.output());
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+        const auto object = nlohmann::json::parse(line);
+        if (object.at("event") == "media") {
+            EXPECT_EQ(object.size(), 7u) << line;
+            EXPECT_EQ(object.at("subject"), "origin");
+            EXPECT_EQ(object.at("streamId"), "");
+            EXPECT_EQ(object.at("state"), "starting");
+            EXPECT_EQ(object.at("restarts"), 0);
+        }
+    }
+    serve.sendSignal(SIGINT);
+    EXPECT_EQ(serve.awaitExit(), 0);
 }
 
 TEST_F(ServeTool, ShowsNoSecretOfARequest) {

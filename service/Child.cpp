@@ -1,0 +1,185 @@
+#include "service/Child.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+namespace vexalive {
+
+namespace {
+
+constexpr int kFirstFreeFd = 3;
+
+struct Pipe {
+    Descriptor reading;
+    Descriptor writing;
+};
+
+// Above the standard streams, so that none of the four pipes is overwritten when the child takes its three.
+Descriptor lifted(int fd) {
+    Descriptor given(fd);
+    return fd >= kFirstFreeFd ? std::move(given) : Descriptor(::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeFd));
+}
+
+bool openPipe(Pipe& made) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return false;
+    }
+    made.reading = lifted(ends[0]);
+    made.writing = lifted(ends[1]);
+    return made.reading.isOpen() && made.writing.isOpen();
+}
+
+void stopBlocking(const Descriptor& descriptor) {
+    ::fcntl(descriptor.get(), F_SETFL, ::fcntl(descriptor.get(), F_GETFL) | O_NONBLOCK);
+}
+
+// What the child does; no more than is allowed between fork and exec in a process with threads.
+[[noreturn]] void become(char* const* arguments, pid_t parent, int input, int output, int errors, int failure) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) {  // it ended before the line above
+        ::_exit(1);
+    }
+    ::setpgid(0, 0);
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    ::sigaction(SIGPIPE, &standard, nullptr);
+    ::dup2(input, STDIN_FILENO);
+    ::dup2(output, STDOUT_FILENO);
+    ::dup2(errors, STDERR_FILENO);
+    ::close_range(kFirstFreeFd, ~0U, CLOSE_RANGE_CLOEXEC);  // also what others left open
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::execv(arguments[0], arguments);
+    const int reason = errno;
+    [[maybe_unused]] const ssize_t told = ::write(failure, &reason, sizeof reason);
+    ::_exit(1);
+}
+
+std::string inWords(int status) {
+    if (WIFSIGNALED(status)) {
+        const char* const name = ::sigdescr_np(WTERMSIG(status));
+        return "was ended by signal " + std::to_string(WTERMSIG(status)) + (name ? std::string(", ") + name : "");
+    }
+    return "ended with exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+}  // namespace
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+        reset();
+        mFd = other.release();
+    }
+    return *this;
+}
+
+void Descriptor::reset() {
+    if (mFd >= 0) {
+        ::close(mFd);
+    }
+    mFd = -1;
+}
+
+int Descriptor::release() {
+    return std::exchange(mFd, -1);
+}
+
+std::string findProgram(const std::string& name, const std::string& folders) {
+    const char* const path = std::getenv("PATH");
+    std::istringstream each(folders + ":" + (path ? path : ""));
+    const std::string end = "/" + name;
+    for (std::string file; std::getline(each, file, ':');) {
+        file += end;
+        if (::access(file.c_str(), X_OK) == 0) {
+            return file;
+        }
+    }
+    return "";
+}
+
+std::unique_ptr<Child> Child::start(const std::vector<std::string>& arguments, std::string& error) {
+    const auto failed = [&error, &arguments](int reason) {
+        error = "cannot run " + arguments[0] + ": " + std::generic_category().message(reason);
+        return nullptr;
+    };
+    std::vector<char*> texts;
+    texts.reserve(arguments.size() + 1);
+    for (const std::string& argument : arguments) {
+        texts.push_back(const_cast<char*>(argument.c_str()));
+    }
+    texts.push_back(nullptr);
+    Pipe input;
+    Pipe output;
+    Pipe errors;
+    Pipe failure;  // stays empty, and ends when the program runs
+    if (!openPipe(input) || !openPipe(output) || !openPipe(errors) || !openPipe(failure)) {
+        return failed(errno);
+    }
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        return failed(errno);
+    }
+    if (pid == 0) {
+        become(texts.data(), parent, input.reading.get(), output.writing.get(), errors.writing.get(),
+               failure.writing.get());
+    }
+    std::unique_ptr<Child> child(new Child(pid, Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)))));
+    if (child->exitFd() < 0) {
+        return failed(errno);
+    }
+    failure.writing.reset();
+    int reason = 0;
+    ssize_t told = 0;
+    do {
+        told = ::read(failure.reading.get(), &reason, sizeof reason);
+    } while (told < 0 && errno == EINTR);
+    if (told != 0) {
+        return failed(reason);
+    }
+    child->input = std::move(input.writing);
+    child->output = std::move(output.reading);
+    child->errors = std::move(errors.reading);
+    stopBlocking(child->input);
+    stopBlocking(child->output);
+    stopBlocking(child->errors);
+    return child;
+}
+
+Child::~Child() {
+    signal(SIGKILL);
+    while (mPid != 0 && ::waitpid(mPid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+void Child::signal(int number) {
+    if (mPid != 0) {
+        ::kill(mPid, number);
+    }
+}
+
+std::optional<std::string> Child::reap() {
+    int status = 0;
+    const pid_t ended = ::waitpid(mPid, &status, WNOHANG);
+    if (ended == 0) {
+        return std::nullopt;
+    }
+    mPid = 0;
+    return ended < 0 ? "ended" : inWords(status);  // where this process ignores SIGCHLD, nothing more is known
+}
+
+}  // namespace vexalive

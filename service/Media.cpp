@@ -1,0 +1,407 @@
+#include "service/Media.h"
+
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+namespace vexalive {
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+namespace {
+
+constexpr const char* kOriginKey = "origin";
+constexpr const char* kWorkerName = "vexalive-media";
+constexpr std::chrono::seconds kOriginPatience(15);
+constexpr std::chrono::milliseconds kPictureAge(250);
+constexpr std::chrono::milliseconds kPictureTime(1000);
+constexpr int kPictureWidth = 640;
+
+bool isOfRelay(const AcceptedRequest& request) {
+    return request.kind == AcceptedRequest::Kind::kAddRelay || request.kind == AcceptedRequest::Kind::kRemoveRelay;
+}
+
+// The origin's key is a word, a worker's its kind and its stream id.
+std::string relayKey(const std::string& streamId) {
+    return "relay " + streamId;
+}
+
+std::string mixKey(const std::string& streamId) {
+    return "mix " + streamId;
+}
+
+std::string keyOf(const AcceptedRequest& request) {
+    return isOfRelay(request) ? relayKey(request.streamId) : mixKey(request.streamId);
+}
+
+LiveMediaEvent eventOf(LiveMediaEvent::Kind kind, const std::string& key) {
+    LiveMediaEvent event;
+    event.kind = kind;
+    const size_t blank = std::min(key.find(' '), key.size());
+    event.subject = key.substr(0, blank);
+    event.streamId = blank < key.size() ? key.substr(blank + 1) : "";
+    return event;
+}
+
+// One line, whatever the texts hold.
+std::string asLine(const ordered_json& value) {
+    return value.dump(-1, ' ', true, ordered_json::error_handler_t::replace);
+}
+
+// Empty if it is malformed.
+std::string fromBase64(const std::string& text) {
+    std::string bytes(text.size() / 4 * 3, '\0');
+    const int size =
+        EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                        reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+    const auto padding = static_cast<size_t>(
+        std::count(text.end() - std::min<std::ptrdiff_t>(2, text.end() - text.begin()), text.end(), '='));
+    bytes.resize(size < static_cast<int>(padding) ? 0 : static_cast<size_t>(size) - padding);
+    return bytes;
+}
+
+std::string ownFolder() {
+    std::error_code failure;
+    return std::filesystem::read_symlink("/proc/self/exe", failure).parent_path().string();
+}
+
+// The value of the first parameter of that name.
+std::string formValue(const std::string& form, const std::string& name) {
+    const std::string whole = "&" + form;
+    const size_t start = whole.find("&" + name + "=");
+    if (start == std::string::npos) {
+        return "";
+    }
+    const size_t value = start + name.size() + 2;
+    return whole.substr(value, whole.find('&', value) - value);
+}
+
+}  // namespace
+
+std::string relayConfiguration(const AcceptedRequest& request, const std::string& origin) {
+    return asLine(
+        {{"relay", {{"source", origin + "/live/" + request.streamId}, {"destination", request.destination}}}});
+}
+
+std::string mixConfiguration(const AcceptedRequest& request, const std::string& origin) {
+    ordered_json canvas;
+    if (request.canvas) {
+        canvas = {
+            {"width", request.canvas->width}, {"height", request.canvas->height}, {"color", request.canvas->color}};
+    }
+    ordered_json inputs = ordered_json::array();
+    for (const MixInput& input : request.inputs) {
+        inputs.push_back({{"stream_id", input.streamId},
+                          {"source", origin + "/live/" + input.streamId},
+                          {"audio_only", input.isAudio},
+                          {"layer", input.layer},
+                          {"x", input.x},
+                          {"y", input.y},
+                          {"width", input.width},
+                          {"height", input.height}});
+    }
+    ordered_json output = ordered_json::object();
+    for (const auto& [key, value] : request.output) {
+        output[key] = value;
+    }
+    return asLine({{"mix",
+                    {{"destination", origin + "/mix/" + request.streamId},
+                     {"crop_center", request.cropsCenter},
+                     {"canvas", canvas},
+                     {"inputs", inputs},
+                     {"output", output}}}});
+}
+
+std::string judgePublish(const std::string& form, std::string& streamId) {
+    streamId = formValue(form, "name");  // a stream id has nothing that would be encoded
+    if (isStreamId(streamId)) {
+        return "";
+    }
+    return "found " + excerpt(streamId) +
+           " as the name of the stream, must be a member's stream id: the biz id, \"_\" and 32 lower-case hex digits";
+}
+
+// ---- Starting and stopping ------------------------------------------------------------------------------------------
+
+Media::Media(const LiveServiceOptions& options)
+    : mOptions(options),
+      mSupervisor({[this](const std::string& key, const WorkerStatus& status) { hearState(key, status); },
+                   [this](const std::string& key, const std::string& line) { hearLine(key, line); },
+                   [this](const std::string& key, const json& answer) { hearAnswer(key, answer); }}) {}
+
+Media::~Media() {
+    stop();
+}
+
+bool Media::prepare(std::string& error) {
+    if (!findWorker(error)) {
+        return false;
+    }
+    OriginAddress address;
+    if (!mOptions.origin.empty()) {
+        const std::optional<OriginAddress> given = readOriginAddress(mOptions.origin);
+        if (!given) {
+            error = "the origin is " + excerpt(mOptions.origin) + ", must be rtmp://HOST or rtmp://HOST:PORT";
+            return false;
+        }
+        address = *given;
+    } else if (mOptions.stateFolder.empty()) {
+        error = "no folder for the origin: neither XDG_STATE_HOME nor HOME is set";
+        return false;
+    } else if (!mOrigin.prepare(mOptions.stateFolder, error)) {
+        return false;
+    } else {
+        address = mOrigin.address();
+    }
+    KstMutexLock lock(mMutex);
+    mAddress = address;
+    mElsewhere = {};
+    mIsStopping = false;
+    return true;
+}
+
+bool Media::findWorker(std::string& error) {
+    mWorker = mOptions.workerProgram;
+    if (mWorker.empty()) {
+        const std::string here = ownFolder();
+        mWorker = findProgram(kWorkerName, here + ":" + here + "/../libexec/vexalive");
+    }
+    if (mWorker.empty()) {
+        error = std::string("media needs the program ") + kWorkerName +
+                ", which is neither beside this one nor in ../libexec/vexalive nor in PATH: it is built with this one "
+                "where GStreamer's development packages are installed";
+        return false;
+    }
+    if (::access(mWorker.c_str(), X_OK) != 0) {
+        error = "cannot run " + mWorker + ": " + std::generic_category().message(errno);
+        return false;
+    }
+    return true;
+}
+
+bool Media::start(uint16_t consolePort, const std::vector<AcceptedRequest>& running, std::string& error) {
+    if (!mSupervisor.start(error)) {
+        return false;
+    }
+    if (mOptions.origin.empty()) {
+        if (!mOrigin.configure(consolePort, error)) {
+            return false;
+        }
+        error = mSupervisor.want(kOriginKey, {mOrigin.arguments(), kOriginPatience, SIGTERM}, "");
+        if (!error.empty()) {
+            return false;
+        }
+    }
+    if (!mWatch.start(
+            address(), [this](const std::string& failure) { hearOrigin(failure); }, error)) {
+        return false;
+    }
+    for (const AcceptedRequest& request : running) {
+        if (const std::optional<Refusal> refusal = begin(request)) {
+            hearLine(keyOf(request), refusal->message);
+        }
+    }
+    return true;
+}
+
+void Media::stop() {
+    {
+        KstMutexLock lock(mMutex);
+        mIsStopping = true;
+        mPictures.clear();
+    }
+    mPictureCame.notifyAll();
+    mWatch.stop();
+    mSupervisor.stop();
+    mOrigin.release();
+}
+
+OriginAddress Media::address() const {
+    KstMutexLock lock(mMutex);
+    return mAddress;
+}
+
+// ---- Wishes ---------------------------------------------------------------------------------------------------------
+
+std::optional<Refusal> Media::begin(const AcceptedRequest& request) {
+    const bool isRelay = isOfRelay(request);
+    const size_t hostStart = std::string("rtmp://").size();
+    const std::string& destination = request.destination;
+    if (isRelay && (destination.compare(0, hostStart, "rtmp://") != 0 || destination.size() == hostStart ||
+                    destination[hostStart] == '/' || destination[hostStart] == ':')) {
+        return Refusal{Refusal::kUnsupported, "dest_stream_url",
+                       "dest_stream_url: found " + excerpt(destination) +
+                           ", must be an address such as \"rtmp://host/app/stream\": media are relayed over RTMP only"};
+    }
+    const std::string key = keyOf(request);
+    const std::optional<WorkerStatus> known = mSupervisor.status(key);
+    const bool isNew = !known || known->numbers.state == WorkerState::kStopping;
+    const size_t most = kMostWorkers + (mOptions.origin.empty() ? 1 : 0);
+    if (isNew && mSupervisor.count() >= most) {
+        const std::string field = isRelay ? "stream_id" : "session_id";
+        return Refusal{
+            Refusal::kFull, field,
+            field + ": " + std::to_string(kMostWorkers) + " relays and mixes are carried out, the most at a time"};
+    }
+    const std::string origin = address().url;
+    const std::string failure =
+        mSupervisor.want(key, {{mWorker, isRelay ? "relay" : "mix"}},
+                         isRelay ? relayConfiguration(request, origin) : mixConfiguration(request, origin));
+    if (!failure.empty()) {
+        return Refusal{Refusal::kUnavailable, "", "no worker could be started: " + failure};
+    }
+    return std::nullopt;
+}
+
+void Media::end(const AcceptedRequest& request) {
+    mSupervisor.drop(keyOf(request));
+    KstMutexLock lock(mMutex);
+    mPictures.erase(request.streamId);
+}
+
+bool Media::admit(const std::string& form) {
+    std::string streamId;
+    const std::string reason = judgePublish(form, streamId);
+    if (!reason.empty()) {
+        LiveMediaEvent event;
+        event.kind = LiveMediaEvent::Kind::kRefusedPublish;
+        event.subject = kOriginKey;
+        event.streamId = streamId;
+        event.text = reason;
+        tell(std::move(event));
+    }
+    return reason.empty();
+}
+
+// Many may ask at a time: the worker is asked once, and all get what it says.
+std::string Media::picture(const std::string& streamId) {
+    using Clock = std::chrono::steady_clock;
+    const std::string key = mixKey(streamId);
+    if (!mSupervisor.status(key)) {
+        return "";
+    }
+    const Clock::time_point begun = Clock::now();
+    const Clock::time_point deadline = begun + kPictureTime;
+    KstMutexLock lock(mMutex);
+    while (!mIsStopping && Clock::now() < deadline) {
+        Picture& picture = mPictures[streamId];
+        if (picture.taken + kPictureAge >= begun) {
+            return picture.jpeg;
+        }
+        if (picture.asked <= picture.taken || picture.asked + kPictureTime < begun) {
+            picture.asked = Clock::now();
+            mSupervisor.tell(key, asLine({{"snapshot", {{"width", kPictureWidth}}}}));
+        }
+        mPictureCame.waitUntil(mMutex, deadline);
+    }
+    return "";
+}
+
+// ---- What is heard --------------------------------------------------------------------------------------------------
+
+void Media::tell(LiveMediaEvent event) const {
+    if (mOptions.mediaObserver) {
+        mOptions.mediaObserver(event);
+    }
+}
+
+void Media::hearState(const std::string& key, const WorkerStatus& status) {
+    LiveMediaEvent event = eventOf(LiveMediaEvent::Kind::kState, key);
+    event.state = nameOf(status.numbers.state);
+    event.text = status.numbers.error;
+    event.restarts = status.restarts;
+    tell(std::move(event));
+}
+
+void Media::hearLine(const std::string& key, const std::string& line) {
+    LiveMediaEvent event = eventOf(LiveMediaEvent::Kind::kLine, key);
+    event.text = line;
+    tell(std::move(event));
+}
+
+void Media::hearAnswer(const std::string& key, const json& answer) {
+    const auto snapshot = answer.find("snapshot");
+    if (snapshot == answer.end() || !snapshot->is_string()) {
+        return;
+    }
+    KstMutexLock lock(mMutex);
+    const auto asked = mPictures.find(eventOf(LiveMediaEvent::Kind::kState, key).streamId);
+    if (asked != mPictures.end()) {
+        asked->second.jpeg = fromBase64(snapshot->get<std::string>());
+        asked->second.taken = std::chrono::steady_clock::now();
+        mPictureCame.notifyAll();
+    }
+}
+
+// A child of this service's is told of by the supervisor, too, and starts as it says.
+void Media::hearOrigin(const std::string& error) {
+    const std::optional<WorkerStatus> before = originStatus();
+    WorkerStatus now;
+    now.numbers.error = error;
+    const bool wasRunning = before && before->numbers.state != WorkerState::kStarting;
+    now.numbers.state = error.empty() ? WorkerState::kRunning
+                        : wasRunning  ? WorkerState::kReconnecting
+                                      : WorkerState::kStarting;
+    if (mOptions.origin.empty()) {
+        if (error.empty() || (before && before->numbers.state == WorkerState::kRunning)) {
+            mSupervisor.note(kOriginKey, now);
+        }
+        return;
+    }
+    {
+        KstMutexLock lock(mMutex);
+        mElsewhere = now;
+    }
+    if (before->numbers.state != now.numbers.state || before->numbers.error != error) {
+        hearState(kOriginKey, now);
+    }
+}
+
+std::optional<WorkerStatus> Media::originStatus() const {
+    if (mOptions.origin.empty()) {
+        return mSupervisor.status(kOriginKey);
+    }
+    KstMutexLock lock(mMutex);
+    return mElsewhere;
+}
+
+// ---- What is shown --------------------------------------------------------------------------------------------------
+
+void Media::addTo(ordered_json& state) const {
+    const std::string origin = address().url;
+    WorkerStatus status;
+    status.numbers.state = WorkerState::kStopped;
+    status = originStatus().value_or(status);
+    state["service"] = {{"media", true},
+                        {"origin",
+                         {{"address", origin},
+                          {"state", nameOf(status.numbers.state)},
+                          {"error", status.numbers.error},
+                          {"restarts", status.restarts}}}};
+    const auto statusOf = [this](const std::string& key) {
+        WorkerStatus gone;
+        gone.numbers.state = WorkerState::kStopped;
+        return showStatus(mSupervisor.status(key).value_or(gone));
+    };
+    const std::string live = origin + "/live/";
+    for (ordered_json& relay : state["relays"]) {
+        const std::string streamId = relay["stream_id"];
+        relay["source"] = live + streamId;
+        relay["media"] = statusOf(relayKey(streamId));
+    }
+    const std::string mixed = origin + "/mix/";
+    for (ordered_json& mix : state["mixes"]) {
+        const std::string streamId = mix["output_stream_id"];
+        mix["play"] = mixed + streamId;
+        mix["media"] = statusOf(mixKey(streamId));
+    }
+}
+
+}  // namespace vexalive

@@ -1,0 +1,277 @@
+#include "service/Origin.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+namespace vexalive {
+
+namespace {
+
+constexpr const char* kModule = "/usr/lib/nginx/modules/ngx_rtmp_module.so";
+constexpr const char* kDefaultPort = "1935";
+constexpr int kMostFolders = 100;
+constexpr std::chrono::milliseconds kLookPause(1000);
+constexpr std::chrono::milliseconds kImpatientPause(200);
+constexpr std::chrono::milliseconds kLookTime(2000);
+constexpr size_t kGreetingBytes = 1537;  // of RTMP: a version, then a packet
+constexpr char kRtmpVersion = 3;
+
+// A free port of 127.0.0.1, which stays taken while the descriptor is open.
+uint16_t takePort(Descriptor& socket) {
+    socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return 0;
+    }
+    return ntohs(address.sin_port);
+}
+
+std::string systemMessage(int reason) {
+    return std::generic_category().message(reason);
+}
+
+}  // namespace
+
+std::optional<OriginAddress> readOriginAddress(const std::string& url) {
+    const std::string scheme = "rtmp://";
+    if (url.compare(0, scheme.size(), scheme) != 0) {
+        return std::nullopt;
+    }
+    const std::string place = url.substr(scheme.size());
+    const size_t bracket = place.find(']');
+    const bool isIpv6 = !place.empty() && place[0] == '[' && bracket != std::string::npos;
+    const size_t hostEnd = isIpv6 ? bracket + 1 : std::min(place.find(':'), place.size());
+    OriginAddress address;
+    address.host = isIpv6 ? place.substr(1, bracket - 1) : place.substr(0, hostEnd);
+    address.port = hostEnd == place.size() ? kDefaultPort : place.substr(hostEnd + 1);
+    uint16_t port = 0;
+    const char* const portEnd = address.port.data() + address.port.size();
+    const auto [stop, failure] = std::from_chars(address.port.data(), portEnd, port);
+    const bool isPort = failure == std::errc() && stop == portEnd && port > 0;
+    const bool isHost = !address.host.empty() && address.host.find_first_of("/?#@[] \t\r\n") == std::string::npos;
+    if (!isPort || !isHost || (hostEnd < place.size() && place[hostEnd] != ':')) {
+        return std::nullopt;
+    }
+    address.url = scheme + place.substr(0, hostEnd) + ":" + address.port;
+    return address;
+}
+
+// ---- nginx ----------------------------------------------------------------------------------------------------------
+
+bool Origin::prepare(const std::string& stateFolder, std::string& error) {
+    mNginx = findProgram("nginx", "/usr/sbin");
+    const bool hasModule = ::access(kModule, R_OK) == 0;
+    if (mNginx.empty() || !hasModule) {
+        error = std::string("media needs nginx with its RTMP module, and ") +
+                (mNginx.empty() ? "nginx is not installed" : std::string(kModule) + " is not there") +
+                ": install Debian's packages nginx and libnginx-mod-rtmp, or name an origin that runs already";
+        return false;
+    }
+    Descriptor first;
+    Descriptor second;
+    const uint16_t port = takePort(first);
+    mStatisticsPort = takePort(second);
+    if (port == 0 || mStatisticsPort == 0) {
+        error = "cannot find free ports on 127.0.0.1 for the origin: " + systemMessage(errno);
+        return false;
+    }
+    mAddress = {"rtmp://127.0.0.1:" + std::to_string(port), "127.0.0.1", std::to_string(port)};
+    return takeFolder(stateFolder, error);
+}
+
+// The first of a row that no service at work holds; the lock ends with its process, whatever ends that.
+bool Origin::takeFolder(const std::string& stateFolder, std::string& error) {
+    for (int number = 1; number <= kMostFolders; ++number) {
+        mFolder = stateFolder + "/origin-" + std::to_string(number);
+        std::error_code failure;
+        std::filesystem::create_directories(mFolder, failure);
+        mLock = Descriptor(::open((mFolder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        if (failure || !mLock.isOpen()) {
+            error = "cannot make " + mFolder + ": " + (failure ? failure.message() : systemMessage(errno));
+            return false;
+        }
+        if (::flock(mLock.get(), LOCK_EX | LOCK_NB) == 0) {
+            return true;
+        }
+    }
+    error = "more than " + std::to_string(kMostFolders) + " services keep an origin in " + stateFolder;
+    return false;
+}
+
+bool Origin::configure(uint16_t consolePort, std::string& error) {
+    const std::string path = mFolder + "/nginx.conf";
+    errno = 0;
+    std::ofstream file(path, std::ios::trunc);
+    file << originConfiguration(mAddress.port, mStatisticsPort, consolePort, ::geteuid() == 0);
+    file.close();
+    if (!file) {
+        error = "cannot write " + path + ": " + systemMessage(errno);
+        return false;
+    }
+    return true;
+}
+
+std::vector<std::string> Origin::arguments() const {
+    return {mNginx, "-p", mFolder + "/", "-c", "nginx.conf", "-e", "stderr"};
+}
+
+// Without a master process there is one process, and nothing is left when it is killed.
+std::string originConfiguration(const std::string& rtmpPort, uint16_t statisticsPort, uint16_t consolePort,
+                                bool isRoot) {
+    const std::string application =
+        "            live on;\n"
+        "            record off;\n"
+        "            meta copy;\n"
+        "            wait_key on;\n"
+        "            idle_streams on;\n"
+        "            publish_notify on;\n"
+        "            drop_idle_publisher 10s;\n";
+    std::ostringstream text;
+    text << "# Written anew by the service each time it starts.\n"
+         << "load_module " << kModule << ";\n"
+         << (isRoot ? "user root;\n" : "") << "daemon off;\n"
+         << "master_process off;\n"
+         << "pid nginx.pid;\n"
+         << "error_log stderr warn;\n"
+         << "events {\n    worker_connections 1024;\n}\n"
+         << "rtmp {\n"
+         << "    access_log off;\n"
+         << "    server {\n"
+         << "        listen 127.0.0.1:" << rtmpPort << ";\n"
+         << "        ping 10s;\n"
+         << "        ping_timeout 5s;\n"
+         << "        chunk_size 4096;\n"
+         << "        max_message 16M;\n"
+         << "        application live {\n"
+         << application << "            on_publish http://127.0.0.1:" << consolePort << "/origin/publish;\n"
+         << "        }\n"
+         << "        application mix {\n"
+         << application << "        }\n"
+         << "        application cdn {\n"
+         << application << "        }\n"
+         << "    }\n"
+         << "}\n"
+         << "http {\n"
+         << "    access_log off;\n"
+         << "    client_body_temp_path body_temp;\n"
+         << "    proxy_temp_path proxy_temp;\n"
+         << "    fastcgi_temp_path fastcgi_temp;\n"
+         << "    uwsgi_temp_path uwsgi_temp;\n"
+         << "    scgi_temp_path scgi_temp;\n"
+         << "    server {\n"
+         << "        listen 127.0.0.1:" << statisticsPort << ";\n"
+         << "        location = /stat {\n"
+         << "            rtmp_stat all;\n"
+         << "        }\n"
+         << "        location / {\n"
+         << "            return 404;\n"
+         << "        }\n"
+         << "    }\n"
+         << "}\n";
+    return text.str();
+}
+
+// ---- Watching -------------------------------------------------------------------------------------------------------
+
+bool OriginWatch::start(const OriginAddress& address, Told told, std::string& error) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int failure = ::getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
+    if (failure != 0) {
+        error = "cannot find the origin " + address.url + ": " + ::gai_strerror(failure);
+        return false;
+    }
+    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> holder(found, &::freeaddrinfo);
+    mLength = found->ai_addrlen;
+    std::copy_n(reinterpret_cast<const char*>(found->ai_addr), mLength, reinterpret_cast<char*>(&mAddress));
+    mName = address.url;
+    mTold = std::move(told);
+    mStop = Descriptor(::eventfd(0, EFD_CLOEXEC));
+    mThread = std::thread([this] { run(); });
+    return true;
+}
+
+void OriginWatch::stop() {
+    if (mThread.joinable()) {
+        const uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(mStop.get(), &one, sizeof one);
+        mThread.join();
+    }
+}
+
+void OriginWatch::run() {
+    for (;;) {
+        const std::string error = look();
+        if (awaitStop(std::chrono::milliseconds(0))) {
+            return;
+        }
+        mTold(error);
+        if (awaitStop(error.empty() ? kLookPause : kImpatientPause)) {
+            return;
+        }
+    }
+}
+
+bool OriginWatch::awaitStop(std::chrono::milliseconds patience) const {
+    pollfd stop{mStop.get(), POLLIN, 0};
+    return ::poll(&stop, 1, static_cast<int>(patience.count())) != 0;
+}
+
+// False if it took too long, or if it is time to stop.
+bool OriginWatch::await(int fd, short events, std::chrono::milliseconds patience) const {
+    std::array<pollfd, 2> watched = {{{mStop.get(), POLLIN, 0}, {fd, events, 0}}};
+    return ::poll(watched.data(), watched.size(), static_cast<int>(patience.count())) > 0 && watched[0].revents == 0;
+}
+
+// Greets as a client does: only a server that works greets back. Returns what is wrong.
+std::string OriginWatch::look() const {
+    const Descriptor socket(::socket(mAddress.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket.isOpen()) {
+        return systemMessage(errno);
+    }
+    const int connected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&mAddress), mLength);
+    if (connected != 0 && errno != EINPROGRESS) {
+        return mName + " cannot be reached: " + systemMessage(errno);
+    }
+    if (!await(socket.get(), POLLOUT, kLookTime)) {
+        return mName + " cannot be reached: no answer";
+    }
+    int failure = 0;
+    socklen_t length = sizeof failure;
+    ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &failure, &length);
+    if (failure != 0) {
+        return mName + " cannot be reached: " + systemMessage(failure);
+    }
+    std::array<char, kGreetingBytes> greeting{kRtmpVersion};
+    char answer = 0;
+    if (::send(socket.get(), greeting.data(), greeting.size(), MSG_NOSIGNAL) != kGreetingBytes ||
+        !await(socket.get(), POLLIN, kLookTime) || ::recv(socket.get(), &answer, 1, 0) != 1 || answer != kRtmpVersion) {
+        return mName + " does not answer as an RTMP server does";
+    }
+    return "";
+}
+
+}  // namespace vexalive

@@ -1,0 +1,95 @@
+// The origin: the RTMP server that members publish to and that workers fetch from. nginx with its RTMP module, as a
+// child on loopback, or one that is running elsewhere.
+//
+// Used by Media. Its applications: "live" takes what members publish under their stream ids, "mix" what mixes put out,
+// and "cdn", which stands for a CDN, takes anything.
+
+#ifndef VEXALIVE_SERVICE_ORIGIN_H
+#define VEXALIVE_SERVICE_ORIGIN_H
+
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "service/Child.h"
+
+namespace vexalive {
+
+struct OriginAddress {
+    std::string url;   // "rtmp://HOST:PORT", without an application
+    std::string host;  // without brackets
+    std::string port;
+};
+
+// Reads "rtmp://HOST" or "rtmp://HOST:PORT". Nothing if the text is something else.
+std::optional<OriginAddress> readOriginAddress(const std::string& url);
+
+// nginx, its files and its ports. Holds a folder of its own among those of other services at work; what an earlier
+// service left there is overwritten.
+class Origin {
+public:
+    // Takes a folder below `stateFolder`, and two free ports of 127.0.0.1. False if that fails, or if nginx or its
+    // module is not installed; `error` tells why and what to do.
+    bool prepare(const std::string& stateFolder, std::string& error);
+
+    // Writes the configuration. Whoever wants to publish is asked about at `consolePort`.
+    bool configure(uint16_t consolePort, std::string& error);
+
+    // How nginx is started, as one process.
+    std::vector<std::string> arguments() const;
+
+    const OriginAddress& address() const { return mAddress; }
+
+    // Gives the folder back.
+    void release() { mLock.reset(); }
+
+private:
+    bool takeFolder(const std::string& stateFolder, std::string& error);
+
+    std::string mNginx;
+    std::string mFolder;
+    Descriptor mLock;  // of the folder
+    OriginAddress mAddress;
+    uint16_t mStatisticsPort = 0;
+};
+
+// nginx's configuration. Paths in it are relative to nginx's folder.
+std::string originConfiguration(const std::string& rtmpPort, uint16_t statisticsPort, uint16_t consolePort,
+                                bool isRoot);
+
+// Watches from a thread of its own whether an origin answers.
+class OriginWatch {
+public:
+    // `told` is called on that thread after each look, several times a second at first and while there is no answer,
+    // else once: with what is wrong, or with nothing.
+    using Told = std::function<void(const std::string& error)>;
+
+    ~OriginWatch() { stop(); }
+
+    // False if the address means nothing here; `error` tells why.
+    bool start(const OriginAddress& address, Told told, std::string& error);
+    void stop();
+
+private:
+    void run();
+    std::string look() const;
+    bool await(int fd, short events, std::chrono::milliseconds patience) const;
+    bool awaitStop(std::chrono::milliseconds patience) const;
+
+    std::string mName;
+    sockaddr_storage mAddress{};
+    socklen_t mLength = 0;
+    Told mTold;
+    Descriptor mStop;  // readable once it is to stop
+    std::thread mThread;
+};
+
+}  // namespace vexalive
+
+#endif

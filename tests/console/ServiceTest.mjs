@@ -1,0 +1,154 @@
+// The console as `vexalive serve` serves it: requests that were really sent, and misbehaviour that really happens.
+
+import assert from "node:assert/strict";
+import { spawn } from "node:child_process";
+import { mkdtemp, readFile, rm } from "node:fs/promises";
+import { request } from "node:https";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { createInterface } from "node:readline";
+import { after, afterEach, before, beforeEach, test } from "node:test";
+
+import { WatchedPage, eventually, launch } from "./Browser.mjs";
+import { relayBody, streamId } from "./MockService.mjs";
+
+const query = "sdkappid=1400000001&random=42&usersig=T0psecret&parivMapKey=T0psecret";
+
+let folder, tool, service, browser, watched, page;
+
+before(async () => {
+    folder = await mkdtemp(join(tmpdir(), "vexalive-console-"));
+    const told = ["serve", "--state-dir", folder, "--push-domain", "livepush.vexa.example", "--json"];
+    // Also ends if this test is killed.
+    tool = spawn("timeout", ["300", process.env.VEXALIVE_TOOL, ...told], { stdio: ["ignore", "pipe", "inherit"] });
+    service = {};
+    const lines = createInterface({ input: tool.stdout });
+    for await (const line of lines) {
+        const event = JSON.parse(line);
+        Object.assign(service, event.event === "listening" ? { ...event, ca: await readFile(event.caFile) } : {});
+        if (event.event === "console") {
+            service.console = event.url.replace(/\/$/, "");
+            break;
+        }
+    }
+    tool.stdout.resume();
+    browser = await launch();
+});
+after(async () => {
+    await browser?.close();
+    if (tool?.exitCode === null) {
+        const ended = new Promise((resolve) => tool.on("exit", resolve));
+        tool.kill("SIGTERM");
+        assert.equal(await ended, 0);
+    }
+    await rm(folder, { recursive: true });
+});
+beforeEach(async () => {
+    watched = await WatchedPage.open(browser, service.console);
+    page = watched.page;
+});
+afterEach(() => watched.close());
+
+// The status and the body of the answer.
+function send(body, withQuery = query) {
+    const [host, port] = service.service.split(":");
+    const path = `/v3/liveinterface/${body.interface}?${withQuery}`;
+    return new Promise((resolve, reject) => {
+        const sent = request({ host, port, path, method: "POST", ca: service.ca, agent: false }, async (response) => {
+            let text = "";
+            for await (const piece of response) {
+                text += piece;
+            }
+            resolve([response.statusCode, text]);
+        });
+        sent.on("error", reject);
+        sent.end(JSON.stringify(body));
+    });
+}
+
+const texts = (selector) => page.locator(selector).allTextContents();
+const latest = () => page.locator(".request").first();
+
+async function unfoldLatest() {
+    await latest().locator("summary").click();
+    await latest().locator(".content section").nth(2).waitFor();
+}
+
+test("a right and a wrong request appear, the wrong one with its field marked", async () => {
+    assert.deepEqual(await send(relayBody()), [200, '{"code":0,"message":"ok"}']);
+    await eventually(() => texts(".request .outcome"), ["accepted"]);
+    await eventually(() => texts(".relay .stream-id"), [streamId("alice")]);
+    assert.deepEqual(await texts(".relay .state"), ["accepted, without media"]);
+
+    await send(relayBody({ domain: "8888.elsewhere.example" }));
+    await eventually(() => texts(".request .outcome"), ["refused: domain", "accepted"]);
+    assert.deepEqual(await texts(".request .code"), ["code 4006", "code 0"]);
+    await unfoldLatest();
+    assert.deepEqual(await latest().locator("mark").allTextContents(), ['"8888.elsewhere.example"']);
+    assert.match(await latest().locator(".remark").textContent(), /must be the biz id/);
+    assert.match(await latest().locator("pre").first().textContent(), /usersig=\*\*\*&parivMapKey=\*\*\*$/);
+    assert.ok(!(await page.content()).includes("T0psecret"));
+});
+
+test("a refused query and a missing field deep in a mix are marked", async () => {
+    await send(relayBody(), "sdkappid=1&random=1&usersig=&parivMapKey=x");
+    await eventually(() => latest().locator(".outcome").textContent(), "refused: query: usersig");
+    await unfoldLatest();
+    assert.deepEqual(await latest().locator("mark").allTextContents(), ["&usersig="]);
+
+    const { stream_id: session_id, dest_stream_url, ...common } = relayBody({ interface: "set_live_mix_transcoding" });
+    const layout_params = { image_layer: 1, input_type: 4, image_width: 0, image_height: 0, location_x: 0 };
+    const output_param = { output_stream_id: session_id, output_stream_type: 0, output_sei: "{}" };
+    const input_stream_list = [{ input_stream_id: session_id, layout_params }];
+    await send({ ...common, session_id, output_param, input_stream_list });
+    const field = "input_stream_list[0].layout_params.location_y";
+    await eventually(() => latest().locator(".outcome").textContent(), `refused: ${field}`);
+    await unfoldLatest();
+    const marked = (await latest().locator("mark").allTextContents()).join("").replace(/ ← missing/, "");
+    assert.deepEqual(JSON.parse(marked), layout_params);
+
+    layout_params.location_y = 0;
+    assert.deepEqual(await send({ ...common, session_id, output_param, input_stream_list }), [
+        200,
+        '{"code":0,"message":"ok"}',
+    ]);
+    await eventually(() => texts(".mix > summary .stream-id"), [session_id]);
+    assert.deepEqual(await texts(".mix .history strong"), ["start"]);
+});
+
+test("a misbehaviour that is switched on in the page is what the next request gets", async () => {
+    await page.getByLabel("Interface").selectOption("add_relay_stream_url");
+    await page.getByLabel("How many times").fill("2");
+    await page.locator("[data-kind=status]").getByRole("spinbutton").fill("502");
+    await page.getByRole("button", { name: "Add: HTTP status" }).click();
+    await eventually(() => texts("#waiting li"), ["HTTP status 502 add_relay_stream_url, 2 times"]);
+    assert.deepEqual(await send(relayBody()), [502, ""]);
+    await eventually(() => texts("#waiting li"), ["HTTP status 502 add_relay_stream_url, once"]);
+    await eventually(() => latest().locator(".outcome").textContent(), "misbehaved: status");
+    await page.getByRole("button", { name: "Clear all" }).click();
+    await eventually(() => texts("#waiting li"), []);
+    assert.equal((await send(relayBody()))[0], 200);
+});
+
+test("every kind is taken as the page sends it", async () => {
+    const titles = ["Delay", "HTTP status", "Empty", "Cut", "Garbage", "Huge", "Server code", "Close"];
+    for (const title of titles) {
+        await page.getByRole("button", { name: `Add: ${title}`, exact: true }).click();
+        await eventually(async () => (await texts("#waiting li")).at(-1)?.startsWith(title), true);
+    }
+    assert.deepEqual(
+        await texts(".kinds .problem"),
+        titles.map(() => ""),
+    );
+    await page.getByRole("button", { name: "Clear all" }).click();
+    await eventually(() => texts("#waiting li"), []);
+});
+
+test("a value that the service refuses is refused in its words", async () => {
+    watched.mayMissAnswers = true;
+    await page.locator("[data-kind=status]").getByRole("spinbutton").fill("7");
+    await page.getByRole("button", { name: "Add: HTTP status" }).click();
+    const problem = page.locator("[data-kind=status] .problem");
+    await eventually(() => problem.textContent(), "status: found 7, must be an integer from 200 to 599");
+    assert.deepEqual(await texts("#waiting li"), []);
+});

@@ -1,0 +1,146 @@
+// What is served to this machine only: the console's port and its guards, and the metrics.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "ServiceTesting.h"
+#include "service/Console.h"
+#include "service/LiveService.h"
+#include "service/Metrics.h"
+
+using namespace servicetesting;
+using vexalive::LiveServiceOptions;
+
+namespace {
+
+LiveServiceOptions withConsole() {
+    LiveServiceOptions options;
+    options.tls = false;
+    options.consolePort = 0;
+    return options;
+}
+
+int statusOf(httplib::Client& client, const std::string& method, const std::string& path,
+             const httplib::Headers& headers = {}) {
+    httplib::Request request;
+    request.method = method;
+    request.path = path;
+    request.headers = headers;
+    const httplib::Result result = client.send(request);
+    return result ? result->status : 0;
+}
+
+}  // namespace
+
+TEST(ConsolePort, ServesThePageAndWhatItUsesButNotTheInterfaces) {
+    RunningService service(withConsole());
+    ASSERT_NE("", service->consoleAddress());
+    httplib::Client console("http://" + service->consoleAddress());
+    httplib::Client main("http://" + service->address());
+    ASSERT_FALSE(vexalive::consolePaths().empty());
+    for (const std::string& path : vexalive::consolePaths()) {
+        for (httplib::Client* client : {&console, &main}) {
+            const auto result = client->Get(path);
+            ASSERT_TRUE(result) << path;
+            EXPECT_EQ(200, result->status) << path;
+            EXPECT_EQ(std::string(vexalive::consoleFile(path)->content), result->body) << path;
+            EXPECT_EQ(vexalive::consoleFile(path)->contentType, result->get_header_value("Content-Type")) << path;
+            EXPECT_EQ(0u, result->get_header_value("Content-Security-Policy").find("default-src 'self'")) << path;
+        }
+    }
+    EXPECT_EQ(200, statusOf(console, "GET", "/state"));
+    EXPECT_EQ(200, statusOf(console, "GET", "/misbehave"));
+    EXPECT_EQ(404, statusOf(console, "POST", "/v3/liveinterface/add_relay_stream_url"));
+    EXPECT_EQ(404, statusOf(console, "GET", "/snapshot?mix=" + ownStreamId()));  // without media
+    EXPECT_EQ(403, statusOf(console, "POST", "/origin/publish"));
+}
+
+TEST(ConsolePort, IsThereOnlyIfAskedForAndNothingIsSaidOfMedia) {
+    RunningService service;
+    EXPECT_EQ("", service->consoleAddress());
+    EXPECT_EQ("", service->originAddress());
+    post(*service.client(), addRelayBody());
+    const json state = service.state();
+    EXPECT_EQ((json{{"media", false}, {"origin", nullptr}}), state["service"]);
+    EXPECT_TRUE(state["relays"][0]["media"].is_null());
+    EXPECT_FALSE(state["relays"][0].contains("source"));
+}
+
+TEST(ConsolePort, OtherWebSitesAreKeptOut) {
+    RunningService service(withConsole());
+    const std::string address = service->consoleAddress();
+    const std::string port = address.substr(address.find(':'));
+    httplib::Client console("http://" + address);
+    for (const std::string& host : {"127.0.0.1" + port, "localhost" + port, std::string("localhost"), "[::1]" + port}) {
+        EXPECT_EQ(200, statusOf(console, "GET", "/state", {{"Host", host}})) << host;
+    }
+    for (const std::string& host : {"evil.test" + port, std::string("evil.test"), "127.0.0.1.evil.test" + port,
+                                    "localhost.evil.test" + port, "[::2]" + port, std::string("10.0.0.1")}) {
+        EXPECT_EQ(403, statusOf(console, "GET", "/state", {{"Host", host}})) << host;
+    }
+    for (const std::string& origin : {std::string("http://evil.test"), std::string("null"),
+                                      std::string("http://127.0.0.1:1"), "http://evil.test" + port}) {
+        EXPECT_EQ(403, statusOf(console, "DELETE", "/misbehave", {{"Origin", origin}, {"Host", address}})) << origin;
+    }
+    EXPECT_EQ(200, statusOf(console, "DELETE", "/misbehave", {{"Origin", "http://" + address}, {"Host", address}}));
+}
+
+TEST(ConsolePort, ATakenPortIsTold) {
+    RunningService service(withConsole());
+    LiveServiceOptions options = withConsole();
+    const std::string address = service->consoleAddress();
+    options.consolePort = static_cast<uint16_t>(std::stoi(address.substr(address.find(':') + 1)));
+    vexalive::LiveService second(options);
+    EXPECT_FALSE(second.start());
+    EXPECT_NE(std::string::npos, second.error().find("another program has taken it")) << second.error();
+}
+
+// ---- Metrics --------------------------------------------------------------------------------------------------------
+
+TEST(Metrics, AreServedAsText) {
+    RunningService service(withConsole());
+    post(*service.client(), addRelayBody());
+    httplib::Client console("http://" + service->consoleAddress());
+    const auto result = console.Get("/metrics");
+    ASSERT_TRUE(result);
+    EXPECT_EQ("text/plain; version=0.0.4; charset=utf-8", result->get_header_value("Content-Type"));
+    EXPECT_NE(std::string::npos, result->body.find("\nvexalive_relays 1\n")) << result->body;
+    EXPECT_EQ(std::string::npos, result->body.find("vexalive_origin_state"));
+}
+
+TEST(Metrics, TellEachWorkerAndEachInputOnce) {
+    const auto state = nlohmann::ordered_json::parse(R"({
+        "service":{"media":true,"origin":{"address":"rtmp://h:1","state":"running","error":"","restarts":3}},
+        "relays":[],
+        "mixes":[{"output_stream_id":"8888_m","running":true,"media":{"state":"reconnecting","error":"x","bytes":12,
+                  "frames":3,"dropped":2,"reconnects":1,"restarts":4,"inputs":[
+                  {"stream_id":"a\"\\b\nc","state":"running","error":"","bytes":5,"frames":6,"dropped":7,"reconnects":8},
+                  {"stream_id":"a\"\\b\nc","state":"running","error":"","bytes":5,"frames":6,"dropped":7,"reconnects":8}]}},
+                 {"output_stream_id":"8888_n","running":false,"media":null}]})");
+    const std::string text = vexalive::metricsOf(state);
+    const auto occurrences = [&text](const std::string& line) {
+        size_t count = 0;
+        for (size_t at = text.find("\n" + line + "\n"); at != std::string::npos;
+             at = text.find("\n" + line + "\n", at + 1)) {
+            ++count;
+        }
+        return count;
+    };
+    const std::string mix = R"({kind="mix",stream_id="8888_m")";
+    const std::string input = R"({kind="mix",stream_id="8888_m",input="a\"\\b\nc")";
+    for (const std::string& line :
+         {std::string("vexalive_mixes 1"), std::string("vexalive_relays 0"),
+          std::string("vexalive_origin_state{state=\"running\"} 1"),
+          std::string("vexalive_origin_state{state=\"failed\"} 0"), std::string("vexalive_origin_restarts_total 3"),
+          "vexalive_media_state" + mix + ",state=\"reconnecting\"} 1",
+          "vexalive_media_state" + mix + ",state=\"running\"} 0", "vexalive_media_bytes_total" + mix + "} 12",
+          "vexalive_media_frames_total" + mix + "} 3", "vexalive_media_dropped_frames_total" + mix + "} 2",
+          "vexalive_media_reconnects_total" + mix + "} 1", "vexalive_media_restarts_total" + mix + "} 4",
+          "vexalive_media_input_state" + input + ",state=\"running\"} 1",
+          "vexalive_media_input_bytes_total" + input + "} 5",
+          "vexalive_media_input_reconnects_total" + input + "} 8"}) {
+        EXPECT_EQ(1u, occurrences(line)) << line << " in\n" << text;
+    }
+    EXPECT_EQ(std::string::npos, text.find("8888_n"));
+}

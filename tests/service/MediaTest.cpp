@@ -1,0 +1,393 @@
+// The service with media, its workers being ones that carry none: what it asks of them, and what it shows.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ServiceTesting.h"
+#include "service/LiveService.h"
+#include "service/Media.h"
+
+using namespace servicetesting;
+using namespace std::chrono_literals;
+using vexalive::AcceptedRequest;
+using vexalive::LiveMediaEvent;
+using vexalive::LiveServiceOptions;
+using vexalive::Media;
+
+namespace {
+
+bool eventually(const std::function<bool()>& holds) {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+// Accepts connections and greets as an RTMP server does, until it is told to be mute.
+class GreetingServer {
+public:
+    GreetingServer() : mSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        EXPECT_EQ(0, ::bind(mSocket, reinterpret_cast<sockaddr*>(&address), length));
+        EXPECT_EQ(0, ::listen(mSocket, 16));
+        EXPECT_EQ(0, ::getsockname(mSocket, reinterpret_cast<sockaddr*>(&address), &length));
+        mUrl = "rtmp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        mThread = std::thread([this] { serve(); });
+    }
+    ~GreetingServer() {
+        ::shutdown(mSocket, SHUT_RDWR);
+        mThread.join();
+        ::close(mSocket);
+    }
+    const std::string& url() const { return mUrl; }
+    void beMute() { mIsMute = true; }
+
+private:
+    void serve() {
+        for (int client = 0; (client = ::accept4(mSocket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            char greeting[1537];
+            ::recv(client, greeting, sizeof greeting, MSG_WAITALL);
+            if (!mIsMute) {
+                ::send(client, "\x03", 1, MSG_NOSIGNAL);
+            }
+            ::close(client);
+        }
+    }
+
+    const int mSocket;
+    std::string mUrl;
+    std::atomic<bool> mIsMute{false};
+    std::thread mThread;
+};
+
+class MediaService : public ::testing::Test {
+protected:
+    LiveServiceOptions options() {
+        LiveServiceOptions result;
+        result.tls = false;
+        result.media = true;
+        result.origin = mOrigin.url();
+        result.workerProgram = FAKE_WORKER;
+        result.mediaObserver = [this](const LiveMediaEvent& event) {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            mEvents.push_back(event);
+        };
+        return result;
+    }
+
+    bool hasEvent(LiveMediaEvent::Kind kind, const std::string& subject, const std::string& text) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        for (const LiveMediaEvent& event : mEvents) {
+            if (event.kind == kind && event.subject == subject &&
+                (event.state == text || event.text.find(text) != std::string::npos)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    static json relayOf(int number, const std::string& destination = "rtmp://cdn.test/live/one") {
+        json body = addRelayBody();
+        body["stream_id"] = streamIdOf(number);
+        body["dest_stream_url"] = destination;
+        return body;
+    }
+
+    // What the worker says that it was told.
+    static json wishIn(const json& media) {
+        const std::string error = media.is_null() ? "" : media["error"].get<std::string>();
+        const size_t start = error.find(": {");
+        return start == std::string::npos ? json::object() : json::parse(error.substr(start + 2));
+    }
+
+    GreetingServer mOrigin;
+    std::mutex mMutex;
+    std::vector<LiveMediaEvent> mEvents;
+};
+
+AcceptedRequest mixRequest() {
+    AcceptedRequest request;
+    request.kind = AcceptedRequest::Kind::kStartMix;
+    request.streamId = streamIdOf(1);
+    request.cropsCenter = true;
+    request.canvas = vexalive::MixCanvas{1280, 720, "0x00ff00"};
+    request.inputs = {{streamIdOf(2), false, 2, 640, 360, -10, 20}, {streamIdOf(3), true, 3, 0, 0, 0, 0}};
+    request.output = {{"output_stream_bitrate", 1500}, {"output_audio_channels", -1}};
+    return request;
+}
+
+}  // namespace
+
+// ---- Configurations -------------------------------------------------------------------------------------------------
+
+TEST(Media, AMixIsToldWhole) {
+    const std::string line = vexalive::mixConfiguration(mixRequest(), "rtmp://127.0.0.1:1935");
+    const json expected = json::parse(R"({"mix":{
+        "destination":"rtmp://127.0.0.1:1935/mix/8888_00000000000000000000000000000001","crop_center":true,
+        "canvas":{"width":1280,"height":720,"color":"0x00ff00"},
+        "inputs":[{"stream_id":"8888_00000000000000000000000000000002",
+                   "source":"rtmp://127.0.0.1:1935/live/8888_00000000000000000000000000000002",
+                   "audio_only":false,"layer":2,"x":-10,"y":20,"width":640,"height":360},
+                  {"stream_id":"8888_00000000000000000000000000000003",
+                   "source":"rtmp://127.0.0.1:1935/live/8888_00000000000000000000000000000003",
+                   "audio_only":true,"layer":3,"x":0,"y":0,"width":0,"height":0}],
+        "output":{"output_stream_bitrate":1500,"output_audio_channels":-1}}})");
+    EXPECT_EQ(expected, json::parse(line));
+
+    AcceptedRequest audio = mixRequest();
+    audio.canvas.reset();
+    audio.output.clear();
+    const json told = json::parse(vexalive::mixConfiguration(audio, "rtmp://h:1"))["mix"];
+    EXPECT_TRUE(told["canvas"].is_null());
+    EXPECT_EQ(json::object(), told["output"]);
+}
+
+TEST(Media, AConfigurationIsOneLineWhateverTheAddressHolds) {
+    AcceptedRequest relay;
+    relay.streamId = streamIdOf(1);
+    relay.destination = "rtmp://cdn.test/\"\\\xff\xe2\x80\xa8";
+    const std::string line = vexalive::relayConfiguration(relay, "rtmp://h:1");
+    EXPECT_EQ(std::string::npos, line.find('\n'));
+    EXPECT_EQ(line.end(), std::find_if(line.begin(), line.end(), [](char c) { return c < ' ' || c > '~'; }));
+    EXPECT_EQ("rtmp://h:1/live/" + streamIdOf(1), json::parse(line)["relay"]["source"]);
+}
+
+TEST(Media, OnlyAStreamIdMayBePublished) {
+    std::string id;
+    const std::string good = "8888_0123456789abcdef0123456789abcdef";
+    EXPECT_EQ("", vexalive::judgePublish("app=live&call=publish&name=" + good + "&type=live", id));
+    EXPECT_EQ(good, id);
+    EXPECT_EQ("", vexalive::judgePublish("name=-5_0123456789abcdef0123456789abcdef", id));
+    for (const std::string name :
+         {"", "alice", "8888_0123456789ABCDEF0123456789abcdef", "08_0123456789abcdef0123456789abcdef",
+          "0_0123456789abcdef0123456789abcdef", "8888_0123456789abcdef0123456789abcde",
+          "8888_0123456789abcdef0123456789abcdef0", "_0123456789abcdef0123456789abcdef",
+          "99999999999_0123456789abcdef0123456789abcdef"}) {
+        const std::string reason = vexalive::judgePublish("app=live&name=" + name, id);
+        EXPECT_NE(std::string::npos, reason.find("found \"" + name + "\" as the name of the stream")) << reason;
+    }
+    EXPECT_NE("", vexalive::judgePublish("", id));
+    EXPECT_NE("", vexalive::judgePublish("name=alice&name=" + good, id));  // what the publisher adds stands behind
+}
+
+// ---- Relays and mixes -----------------------------------------------------------------------------------------------
+
+TEST_F(MediaService, ARelayIsCarriedOutMovedAndEnded) {
+    RunningService service(options());
+    const auto client = service.client();
+    ASSERT_EQ(0, post(*client, relayOf(1))["code"]);
+    ASSERT_TRUE(eventually([&] { return service.state()["relays"][0]["media"]["state"] == "running"; }));
+    json relay = service.state()["relays"][0];
+    EXPECT_EQ(mOrigin.url() + "/live/" + streamIdOf(1), relay["source"]);
+    EXPECT_EQ((json{{"source", relay["source"]}, {"destination", "rtmp://cdn.test/live/one"}}), wishIn(relay["media"]));
+    EXPECT_EQ(1000, relay["media"]["bytes"]);
+    EXPECT_EQ(0, relay["media"]["restarts"]);
+
+    ASSERT_EQ(0, post(*client, relayOf(1, "rtmp://cdn.test/live/two"))["code"]);
+    EXPECT_TRUE(eventually(
+        [&] { return wishIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/two"; }));
+    ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
+    EXPECT_TRUE(service.state()["relays"].empty());
+    EXPECT_TRUE(eventually([&] { return hasEvent(LiveMediaEvent::Kind::kState, "relay", "stopped"); }));
+}
+
+TEST_F(MediaService, AMixIsCarriedOutUpdatedAndCancelled) {
+    RunningService service(options());
+    const auto client = service.client();
+    ASSERT_EQ(0, post(*client, videoMixBody())["code"]);
+    ASSERT_TRUE(eventually([&] { return wishIn(service.state()["mixes"][0]["media"])["canvas"].is_object(); }));
+    EXPECT_EQ(mOrigin.url() + "/mix/" + ownStreamId(), service.state()["mixes"][0]["play"]);
+    ASSERT_EQ(0, post(*client, audioMixBody())["code"]);
+    ASSERT_TRUE(eventually([&] { return wishIn(service.state()["mixes"][0]["media"])["canvas"].is_null(); }));
+    ASSERT_EQ(0, post(*client, cancelMixBody())["code"]);
+    EXPECT_TRUE(eventually([&] { return service.state()["mixes"][0]["media"]["state"] == "stopped"; }));
+    EXPECT_FALSE(service.state()["mixes"][0]["running"]);
+}
+
+TEST_F(MediaService, OnlyRtmpIsRelayedTo) {
+    RunningService service(options());
+    const auto client = service.client();
+    for (const char* url : {"srt://cdn.test:9000", "rtmps://cdn.test/live/x", "http://cdn.test/x", "rtmp:///live/x",
+                            "rtmp://:1935/live/x", "RTMP://cdn.test/live"}) {
+        const json answer = post(*client, relayOf(1, url));
+        EXPECT_EQ(4009, answer["code"]) << url;
+        EXPECT_NE(std::string::npos, answer["message"].get<std::string>().find("must be an address such as \"rtmp://"));
+    }
+    const json state = service.state();
+    EXPECT_TRUE(state["relays"].empty());
+    EXPECT_EQ("dest_stream_url", state["requests"][0]["refused_field"]);
+}
+
+TEST_F(MediaService, SixtyFourAreCarriedOutAndNoMore) {
+    RunningService service(options());
+    const auto client = service.client();
+    for (size_t number = 1; number <= Media::kMostWorkers; ++number) {
+        ASSERT_EQ(0, post(*client, relayOf(static_cast<int>(number)))["code"]) << number;
+    }
+    const json refused = post(*client, relayOf(1000));
+    EXPECT_EQ(4008, refused["code"]);
+    EXPECT_EQ(4008, post(*client, videoMixBody())["code"]);
+    EXPECT_EQ(0, post(*client, relayOf(5, "rtmp://cdn.test/moved"))["code"]);  // no further one
+    EXPECT_EQ(Media::kMostWorkers, service.state()["relays"].size());
+    ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
+    EXPECT_TRUE(eventually([&] { return post(*client, relayOf(1000))["code"] == 0; }));
+}
+
+TEST_F(MediaService, AWorkerThatCannotBeStartedIsTold) {
+    LiveServiceOptions broken = options();
+    const TemporaryFolder folder;
+    broken.workerProgram = folder.path() + "/worker";
+    writeAll(broken.workerProgram, "#!/no/such/interpreter\n");
+    ASSERT_EQ(0, ::chmod(broken.workerProgram.c_str(), 0700));
+    RunningService service(broken);
+    const json answer = post(*service.client(), relayOf(1));
+    EXPECT_EQ(4010, answer["code"]);
+    EXPECT_NE(std::string::npos, answer["message"].get<std::string>().find("cannot run " + broken.workerProgram));
+    EXPECT_TRUE(service.state()["relays"].empty());
+}
+
+TEST_F(MediaService, WhatCannotStartSaysWhatIsMissing) {
+    const auto errorOf = [this](const std::function<void(LiveServiceOptions&)>& change) {
+        LiveServiceOptions changed = options();
+        change(changed);
+        vexalive::LiveService service(changed);
+        EXPECT_FALSE(service.start());
+        return service.error();
+    };
+    EXPECT_EQ("cannot run /no/worker: No such file or directory",
+              errorOf([](LiveServiceOptions& changed) { changed.workerProgram = "/no/worker"; }));
+    EXPECT_EQ("the origin is \"http://h\", must be rtmp://HOST or rtmp://HOST:PORT",
+              errorOf([](LiveServiceOptions& changed) { changed.origin = "http://h"; }));
+    EXPECT_NE(std::string::npos,
+              errorOf([](LiveServiceOptions& changed) { changed.workerProgram = ""; }).find("vexalive-media"));
+}
+
+TEST_F(MediaService, AfterAStopAllIsTakenUpAgain) {
+    RunningService service(options());
+    post(*service.client(), relayOf(1));
+    post(*service.client(), videoMixBody());
+    const std::string console = service->consoleAddress();
+    service->stop();
+    EXPECT_EQ(service.state()["relays"][0]["media"]["state"], "stopped");
+    ASSERT_TRUE(service->start()) << service->error();
+    EXPECT_TRUE(eventually([&] {
+        const json state = service.state();
+        return wishIn(state["relays"][0]["media"]).contains("source") &&
+               wishIn(state["mixes"][0]["media"])["inputs"] == 2;
+    }));
+}
+
+TEST_F(MediaService, ManyThreadsLeaveTheStateAndTheWorkersAgreed) {
+    RunningService service(options());
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 6; ++thread) {
+        threads.emplace_back([&service, thread] {
+            const auto client = service.client();
+            for (int round = 0; round < 10; ++round) {
+                json remove = removeRelayBody();
+                remove["stream_id"] = streamIdOf(1 + round % 3);
+                post(*client, (thread + round) % 3 == 0 ? remove : relayOf(1 + round % 3));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const json relays = service.state()["relays"];
+    for (const json& relay : relays) {
+        EXPECT_NE(relay["media"]["state"], "stopped") << relay;
+    }
+}
+
+// ---- The origin -----------------------------------------------------------------------------------------------------
+
+TEST_F(MediaService, AnOriginThatStopsAnsweringIsShown) {
+    RunningService service(options());
+    ASSERT_TRUE(eventually([&] { return service.state()["service"]["origin"]["state"] == "running"; }));
+    EXPECT_EQ(mOrigin.url(), service.state()["service"]["origin"]["address"]);
+    mOrigin.beMute();
+    ASSERT_TRUE(eventually([&] { return service.state()["service"]["origin"]["state"] == "reconnecting"; }));
+    EXPECT_EQ(mOrigin.url() + " does not answer as an RTMP server does", service.state()["service"]["origin"]["error"]);
+    EXPECT_TRUE(hasEvent(LiveMediaEvent::Kind::kState, "origin", "running"));
+    EXPECT_TRUE(eventually([&] { return hasEvent(LiveMediaEvent::Kind::kState, "origin", "reconnecting"); }));
+}
+
+TEST_F(MediaService, TheOriginIsToldWhoMayPublish) {
+    RunningService service(options());
+    httplib::Client console("http://" + service->consoleAddress());
+    const auto ask = [&console](const std::string& form) {
+        const auto result = console.Post("/origin/publish", form, "application/x-www-form-urlencoded");
+        return result ? result->status : 0;
+    };
+    EXPECT_EQ(200, ask("app=live&call=publish&addr=127.0.0.1&name=" + ownStreamId()));
+    EXPECT_EQ(403, ask("app=live&call=publish&name=alice"));
+    EXPECT_TRUE(hasEvent(LiveMediaEvent::Kind::kRefusedPublish, "origin", "found \"alice\""));
+}
+
+// ---- Pictures -------------------------------------------------------------------------------------------------------
+
+TEST_F(MediaService, AllWhoAskForAPictureGetOneThatIsFresh) {
+    RunningService service(options());
+    post(*service.client(), videoMixBody());
+    const auto pictureNow = [&service] {
+        httplib::Client console("http://" + service->consoleAddress());
+        const auto result = console.Get("/snapshot?mix=" + ownStreamId());
+        if (!result || result->status != 200) {
+            return std::string("none");
+        }
+        EXPECT_EQ("image/jpeg", result->get_header_value("Content-Type"));
+        EXPECT_EQ("no-store", result->get_header_value("Cache-Control"));
+        return result->body;
+    };
+    EXPECT_EQ("\xff\xd8\xff\xd7\x4d\x35", pictureNow());
+    std::mutex mutex;
+    std::set<std::string> seen;
+    std::vector<std::thread> threads;
+    const auto begun = std::chrono::steady_clock::now();
+    for (int thread = 0; thread < 8; ++thread) {
+        threads.emplace_back([&] {
+            while (std::chrono::steady_clock::now() < begun + 1s) {
+                const std::string picture = pictureNow();
+                const std::lock_guard<std::mutex> lock(mutex);
+                seen.insert(picture);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(0u, seen.count("none"));
+    EXPECT_GE(seen.size(), 3u);
+    EXPECT_LE(seen.size(), 6u);  // four a second are asked for, whoever many ask
+}
+
+TEST_F(MediaService, WhereThereIsNoPictureThatIsSaid) {
+    RunningService service(options());
+    post(*service.client(), relayOf(1));
+    httplib::Client console("http://" + service->consoleAddress());
+    for (const char* path : {"/snapshot", "/snapshot?mix=", "/snapshot?mix=none", "/snapshot?other=1"}) {
+        const auto result = console.Get(path);
+        ASSERT_TRUE(result) << path;
+        EXPECT_EQ(404, result->status) << path;
+        EXPECT_TRUE(json::parse(result->body)["message"].is_string()) << path;
+    }
+}

@@ -1,0 +1,73 @@
+// The origin's address, files and watch. What nginx does with them is tested with real media.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "ServiceTesting.h"
+#include "service/Origin.h"
+
+using namespace servicetesting;
+using vexalive::Origin;
+using vexalive::readOriginAddress;
+
+TEST(OriginAddress, IsAHostAndPerhapsAPort) {
+    EXPECT_EQ("rtmp://media.test:1935", readOriginAddress("rtmp://media.test")->url);
+    EXPECT_EQ("rtmp://127.0.0.1:7000", readOriginAddress("rtmp://127.0.0.1:7000")->url);
+    EXPECT_EQ("rtmp://[::1]:7000", readOriginAddress("rtmp://[::1]:7000")->url);
+    EXPECT_EQ("::1", readOriginAddress("rtmp://[::1]")->host);
+    EXPECT_EQ("1935", readOriginAddress("rtmp://[::1]")->port);
+    for (const char* url : {"", "rtmp://", "rtmp://:1935", "http://h", "h:1935", "rtmp://h/live",
+                            "rtmp://h:", "rtmp://h:0", "rtmp://h:65536", "rtmp://h:1x", "rtmp://h:-1", "rtmp://[::1",
+                            "rtmp://[::1]x", "rtmp://[]:1", "rtmp://u@h", "rtmp://h :1", "rtmp://::1"}) {
+        EXPECT_FALSE(readOriginAddress(url)) << url;
+    }
+}
+
+TEST(OriginConfiguration, ListensOnLoopbackAsOneProcessAndAsksAboutPublishers) {
+    const std::string text = vexalive::originConfiguration("7001", 7002, 7003, false);
+    for (const char* part : {"master_process off;", "daemon off;", "listen 127.0.0.1:7001;", "listen 127.0.0.1:7002;",
+                             "on_publish http://127.0.0.1:7003/origin/publish;", "idle_streams on;"}) {
+        EXPECT_NE(std::string::npos, text.find(part)) << part;
+    }
+    size_t listeners = 0;
+    for (size_t at = text.find("listen "); at != std::string::npos; at = text.find("listen ", at + 1)) {
+        ++listeners;
+        EXPECT_EQ(at, text.find("listen 127.0.0.1:", at));
+    }
+    EXPECT_EQ(2u, listeners);
+    EXPECT_EQ(text.find("on_publish"), text.rfind("on_publish"));  // workers are not asked about
+    EXPECT_EQ(std::string::npos, text.find("user "));
+    EXPECT_NE(std::string::npos, vexalive::originConfiguration("1", 2, 3, true).find("user root;"));
+}
+
+TEST(Origin, EachServiceTakesAFolderOfItsOwnAndALeftOneIsTakenAgain) {
+    const TemporaryFolder folder;
+    std::string error;
+    Origin first;
+    if (!first.prepare(folder.path(), error)) {
+        EXPECT_NE(std::string::npos, error.find("install Debian's packages nginx and libnginx-mod-rtmp")) << error;
+        GTEST_SKIP() << error;
+    }
+    Origin second;
+    ASSERT_TRUE(second.prepare(folder.path(), error)) << error;
+    EXPECT_NE(first.arguments(), second.arguments());
+    EXPECT_NE(first.address().url, second.address().url);
+    ASSERT_TRUE(first.configure(1, error)) << error;
+    EXPECT_TRUE(std::filesystem::exists(folder.path() + "/origin-1/nginx.conf"));
+
+    first.release();
+    Origin third;
+    ASSERT_TRUE(third.prepare(folder.path(), error)) << error;
+    EXPECT_EQ(first.arguments(), third.arguments());
+}
+
+TEST(Origin, AFolderThatCannotBeMadeIsTold) {
+    const TemporaryFolder folder;
+    writeAll(folder.path() + "/file", "");
+    std::string error;
+    Origin origin;
+    EXPECT_FALSE(origin.prepare(folder.path() + "/file", error));
+    EXPECT_TRUE(error.find("cannot make") == 0 || error.find("media needs nginx") == 0) << error;
+}
