@@ -1,0 +1,289 @@
+#include "media/RelayWorker.h"
+
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+
+#include <chrono>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "media/FlvStream.h"
+
+namespace vexalive {
+
+namespace {
+
+constexpr size_t kMostWaiting = size_t{4} << 20;  // bytes; then frames are thrown away
+
+int64_t millisecondsNow() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+GstBuffer* bufferOf(const std::string& bytes) {
+    return gst_buffer_new_memdup(bytes.data(), bytes.size());
+}
+
+}  // namespace
+
+// What lies between the two sides. Any thread.
+class RelayWorker::Stream {
+public:
+    // Returns the number of the connection: what an old one still brings, counts for nothing.
+    unsigned sourceBegins() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mReader = FlvReader();
+        mTime.beginConnection();
+        mSetup.clear();
+        mHasVideo = false;
+        return ++mSource;
+    }
+
+    void sourceEnds() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mSourceFlows = false;
+    }
+
+    unsigned destinationBegins(GstElement* appsrc) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDestination.reset(GST_ELEMENT(gst_object_ref(appsrc)));
+        mDelivered = 0;
+        mSkipsToKeyFrame = true;
+        push(std::string(kFlvHeader));
+        for (const auto& [kind, tag] : mSetup) {
+            push(tag.at(mTime.last()));
+        }
+        return ++mSink;
+    }
+
+    void destinationEnds() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mDestination) {
+            gst_app_src_end_of_stream(GST_APP_SRC(mDestination.get()));
+        }
+        mDestination.reset();
+        mDelivered = 0;
+    }
+
+    void take(unsigned connection, GstSample* sample) {
+        GstMapInfo map;
+        GstBuffer* const buffer = gst_sample_get_buffer(sample);
+        if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+            return;
+        }
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const std::string_view bytes(reinterpret_cast<const char*>(map.data), map.size);
+        const int64_t now = millisecondsNow();
+        if (connection == mSource && !mReader.read(bytes, [&](const FlvTag& tag) { pass(tag, now); })) {
+            tell("the origin sent what is no FLV");
+            mReader = FlvReader();
+        }
+        gst_buffer_unmap(buffer, &map);
+    }
+
+    // The destination has taken a buffer.
+    void delivered(unsigned connection, size_t bytes) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDelivered += connection == mSink ? 1 : 0;
+        mOut.bytes += bytes;
+    }
+
+    bool sourceFlows() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mSourceFlows;
+    }
+    // The sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
+    bool destinationFlows() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mSourceFlows && mDelivered > 2;
+    }
+    MediaNumbers in() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mIn;
+    }
+    MediaNumbers out() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mOut;
+    }
+
+private:
+    // The members below are used under mMutex.
+    void pass(const FlvTag& tag, int64_t now) {
+        const int64_t time = tag.isMedia() ? mTime.at(tag.timestamp, now) : mTime.last();
+        mSourceFlows = mSourceFlows || tag.isMedia();
+        mIn.bytes += tag.bytes.size();
+        if (tag.isSetup()) {
+            remember(tag);
+        } else {
+            mIn.frames += isCounted(tag) ? 1 : 0;
+            if (!mDestination || isSkipped(tag)) {
+                mOut.dropped += mDestination && isCounted(tag) ? 1 : 0;
+                return;
+            }
+            mOut.frames += isCounted(tag) ? 1 : 0;
+        }
+        push(tag.at(time));
+    }
+
+    void remember(const FlvTag& tag) {
+        mHasVideo = mHasVideo || tag.kind == FlvTag::Kind::kVideo;
+        for (auto& [kind, known] : mSetup) {
+            if (kind == tag.kind) {
+                known = tag;
+                return;
+            }
+        }
+        mSetup.emplace_back(tag.kind, tag);
+    }
+
+    bool isCounted(const FlvTag& tag) const {
+        return tag.kind == (mHasVideo ? FlvTag::Kind::kVideo : FlvTag::Kind::kAudio);
+    }
+
+    // A destination that cannot keep up, or has just been connected, goes on at a key frame.
+    bool isSkipped(const FlvTag& tag) {
+        const size_t waiting = gst_app_src_get_current_level_bytes(GST_APP_SRC(mDestination.get()));
+        mSkipsToKeyFrame = mSkipsToKeyFrame || waiting > kMostWaiting;
+        if (mSkipsToKeyFrame && waiting < kMostWaiting / 4 && (tag.isKeyFrame() || !mHasVideo)) {
+            mSkipsToKeyFrame = false;
+        }
+        return mSkipsToKeyFrame;
+    }
+
+    void push(const std::string& bytes) {
+        if (mDestination) {
+            gst_app_src_push_buffer(GST_APP_SRC(mDestination.get()), bufferOf(bytes));
+        }
+    }
+
+    mutable std::mutex mMutex;
+    unsigned mSource = 0;  // connections that have begun
+    unsigned mSink = 0;
+    FlvReader mReader;
+    SteadyTime mTime;
+    std::vector<std::pair<FlvTag::Kind, FlvTag>> mSetup;  // in the order in which they came
+    bool mHasVideo = false;
+    bool mSourceFlows = false;
+    bool mSkipsToKeyFrame = true;
+    GstRef<GstElement> mDestination;  // the appsrc of its pipeline; null: none now
+    uint64_t mDelivered = 0;          // buffers, on this connection
+    MediaNumbers mIn;
+    MediaNumbers mOut;
+};
+
+RelayWorker::RelayWorker() : mStream(std::make_shared<Stream>()) {}
+
+RelayWorker::~RelayWorker() = default;
+
+std::string RelayWorker::configure(const nlohmann::json& wish) {
+    const std::string source = wish.at("source").get<std::string>();
+    const std::string destination = wish.at("destination").get<std::string>();
+    mStreamId = source.substr(source.rfind('/') + 1);
+    if (source != mSource.address) {
+        mSource.address = source;
+        connectSource();
+    }
+    if (destination != mDestination.address) {
+        mDestination.address = destination;
+        connectDestination();
+    }
+    return "";
+}
+
+void RelayWorker::connectSource() {
+    begin(mSource);
+    const unsigned connection = mStream->sourceBegins();
+    mSource.pipeline = std::make_unique<Pipeline>(
+        "rtmp2src name=source ! appsink name=tags sync=false max-buffers=0", [this](const std::string& error) {
+            const bool hasRun = mStream->sourceFlows();
+            mStream->sourceEnds();
+            reconnect(mSource, hasRun, error.empty() ? "its publisher has left" : error, [this] { connectSource(); });
+        });
+    g_object_set(mSource.pipeline->find("source"), "location", mSource.address.c_str(), nullptr);
+    mSource.pipeline->take("tags",
+                           [stream = mStream, connection](GstSample* sample) { stream->take(connection, sample); });
+    mSource.pipeline->play();
+}
+
+void RelayWorker::connectDestination() {
+    begin(mDestination);
+    mDestination.pipeline = std::make_unique<Pipeline>(
+        // Never in step with the clock: what comes is sent. A sink that waits for the clock sends nothing at all here.
+        "appsrc name=tags caps=video/x-flv format=time max-bytes=0 ! rtmp2sink name=sink sync=false async=false",
+        [this](const std::string& error) {
+            if (mStopped) {
+                mStopped();
+                return;
+            }
+            const bool hasRun = mStream->destinationFlows();
+            mStream->destinationEnds();
+            reconnect(mDestination, hasRun, error.empty() ? "it ended the stream" : error,
+                      [this] { connectDestination(); });
+        });
+    GstElement* const sink = mDestination.pipeline->find("sink");
+    g_object_set(sink, "location", mDestination.address.c_str(), nullptr);
+    const unsigned connection = mStream->destinationBegins(mDestination.pipeline->find("tags"));
+    mDestination.pipeline->watch("sink", "sink", [stream = mStream, connection](GstBuffer* buffer) {
+        stream->delivered(connection, gst_buffer_get_size(buffer));
+    });
+    mDestination.pipeline->play();
+}
+
+void RelayWorker::reconnect(Side& side, bool hasRun, const std::string& error, std::function<void()> connect) {
+    tell(side.address + ": " + error);
+    side.error = error;
+    side.pipeline.reset();
+    if (hasRun) {
+        side.retry.succeeded();
+    }
+    side.timer = callAfter(side.retry.next(), [&side, connect = std::move(connect)] {
+        side.timer = 0;
+        connect();
+    });
+}
+
+void RelayWorker::begin(Side& side) {
+    if (side.timer != 0) {
+        g_source_remove(side.timer);
+        side.timer = 0;
+    }
+    ++side.connections;
+}
+
+MediaNumbers RelayWorker::complete(MediaNumbers numbers, const Side& side, bool isRunning) {
+    if (isRunning) {
+        numbers.state = MediaState::kRunning;
+    } else {
+        numbers.state = side.connections > 1 || numbers.frames > 0 ? MediaState::kReconnecting : MediaState::kStarting;
+        numbers.error = side.error;
+    }
+    numbers.reconnects = side.connections > 1 ? side.connections - 1 : 0;
+    return numbers;
+}
+
+WorkerStatus RelayWorker::status() const {
+    WorkerStatus status;
+    status.numbers = complete(mStream->out(), mDestination, mStream->destinationFlows());
+    status.inputs.push_back({mStreamId, complete(mStream->in(), mSource, mStream->sourceFlows())});
+    if (!mStream->sourceFlows()) {
+        MediaNumbers& input = status.inputs[0].numbers;
+        input.error = input.error.empty() ? "no one publishes " + mStreamId + " yet" : input.error;
+        status.numbers.error = status.numbers.error.empty() ? input.error : status.numbers.error;
+    }
+    return status;
+}
+
+void RelayWorker::stop(std::function<void()> done) {
+    mSource.pipeline.reset();
+    begin(mSource);
+    begin(mDestination);
+    if (!mDestination.pipeline) {
+        done();
+        return;
+    }
+    mStopped = std::move(done);
+    mStream->destinationEnds();  // the sink takes its leave of the server, then the pipeline ends
+}
+
+}  // namespace vexalive

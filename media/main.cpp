@@ -1,0 +1,24 @@
+// vexalive-media: carries the streams of one relay or one mix. Started by `vexalive serve --media`, one process each.
+
+#include <gst/gst.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "media/MixWorker.h"
+#include "media/RelayWorker.h"
+
+int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "relay") == 0) {
+        gst_init(nullptr, nullptr);
+        vexalive::RelayWorker worker;
+        vexalive::runWorker("relay", worker);
+    }
+    if (argc == 2 && std::strcmp(argv[1], "mix") == 0) {
+        gst_init(nullptr, nullptr);
+        vexalive::MixWorker worker;
+        vexalive::runWorker("mix", worker);
+    }
+    std::fprintf(stderr, "usage: vexalive-media relay | mix\nStarted by `vexalive serve --media`; not for hands.\n");
+    return 2;
+}
