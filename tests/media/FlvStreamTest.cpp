@@ -1,0 +1,108 @@
+// The run of tags that a relay passes on.
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "media/FlvStream.h"
+
+namespace vexalive {
+namespace {
+
+// A tag on the wire.
+std::string tagOf(char kind, unsigned timestamp, const std::string& data) {
+    std::string bytes{kind, 0, 0, static_cast<char>(data.size())};
+    for (const int shift : {16, 8, 0, 24}) {
+        bytes += static_cast<char>(timestamp >> shift & 0xff);
+    }
+    bytes += std::string(3, '\0') + data;
+    return bytes + std::string(3, '\0') + static_cast<char>(11 + data.size());
+}
+
+const std::string kStream = std::string(kFlvHeader) + tagOf(18, 0, "onMetaData") + tagOf(9, 0, {0x17, 0, 1, 2}) +
+                            tagOf(8, 0, {'\xaf', 0, 3}) + tagOf(9, 40, {0x17, 1, 4}) +
+                            tagOf(9, 0x1020304, {0x27, 1, 5}) + tagOf(8, 60, {'\xaf', 1, 6});
+
+std::vector<FlvTag> read(const std::string& stream, size_t pieceSize) {
+    FlvReader reader;
+    std::vector<FlvTag> tags;
+    for (size_t place = 0; place < stream.size(); place += pieceSize) {
+        EXPECT_TRUE(reader.read(stream.substr(place, pieceSize), [&](const FlvTag& tag) { tags.push_back(tag); }));
+    }
+    return tags;
+}
+
+TEST(FlvStream, IsCutIntoTagsWhateverTheSizeOfItsPieces) {
+    for (const size_t pieceSize : {size_t{1}, size_t{7}, kStream.size()}) {
+        const std::vector<FlvTag> tags = read(kStream, pieceSize);
+        ASSERT_EQ(tags.size(), 6U) << pieceSize;
+        EXPECT_EQ(tags[0].kind, FlvTag::Kind::kScript);
+        EXPECT_EQ(tags[2].kind, FlvTag::Kind::kAudio);
+        EXPECT_EQ(tags[3].timestamp, 40);
+        EXPECT_EQ(tags[4].timestamp, 0x1020304);
+        std::string all(kFlvHeader);
+        for (const FlvTag& tag : tags) {
+            all += tag.bytes;
+        }
+        EXPECT_EQ(all, kStream);
+    }
+}
+
+TEST(FlvStream, TellsSetupAndKeyFramesFromTheRest) {
+    const std::vector<FlvTag> tags = read(kStream, kStream.size());
+    ASSERT_EQ(tags.size(), 6U);
+    const bool setup[] = {true, true, true, false, false, false};
+    const bool keyFrame[] = {false, true, false, true, false, false};
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(tags[i].isSetup(), setup[i]) << i;
+        EXPECT_EQ(tags[i].isKeyFrame(), keyFrame[i]) << i;
+    }
+}
+
+TEST(FlvStream, AScriptOfTheServersOwnIsNoSetup) {
+    const std::vector<FlvTag> tags = read(std::string(kFlvHeader) + tagOf(18, 0, "|RtmpSampleAccess"), 5);
+    ASSERT_EQ(tags.size(), 1U);
+    EXPECT_FALSE(tags[0].isSetup());
+    EXPECT_FALSE(tags[0].isMedia());
+}
+
+TEST(FlvStream, ATagTakesAnotherTimeAndNothingElseOfItChanges) {
+    const FlvTag tag = read(kStream, kStream.size())[3];
+    EXPECT_EQ(tag.at(40), tag.bytes);
+    EXPECT_EQ(tag.at(0x7f010203), tagOf(9, 0x7f010203, {0x17, 1, 4}));
+}
+
+TEST(FlvStream, BytesThatAreNoFlvAreRefused) {
+    const auto ignore = [](const FlvTag&) {};
+    EXPECT_FALSE(FlvReader().read("HTTP/1.1 200 OK\r\n", ignore));
+    EXPECT_FALSE(FlvReader().read(std::string(kFlvHeader) + std::string(11, '\x07'), ignore));
+}
+
+TEST(SteadyTime, KeepsTheTimesOfOneConnectionFromZero) {
+    SteadyTime time;
+    EXPECT_EQ(time.at(5000, 100), 0);
+    EXPECT_EQ(time.at(5020, 125), 20);
+    EXPECT_EQ(time.at(5040, 140), 40);
+}
+
+TEST(SteadyTime, GoesOnWhereANewConnectionComesAfterAsLongAPause) {
+    SteadyTime time;
+    time.at(5000, 100);
+    time.at(5040, 140);
+    time.beginConnection();
+    EXPECT_EQ(time.at(0, 1140), 1040);
+    EXPECT_EQ(time.at(20, 1160), 1060);
+}
+
+TEST(SteadyTime, NeverGoesBack) {
+    SteadyTime time;
+    time.at(1000, 0);
+    EXPECT_EQ(time.at(1040, 40), 40);
+    EXPECT_EQ(time.at(1020, 41), 40);
+    EXPECT_EQ(time.at(1060, 60), 60);
+    time.beginConnection();
+    EXPECT_EQ(time.at(900, 60), 61);
+}
+
+}  // namespace
+}  // namespace vexalive

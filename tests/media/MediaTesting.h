@@ -1,0 +1,191 @@
+// What the tests on real media share: a desk with the local service and its origin, members who publish, and people who
+// watch, listen and look at the packets. Members and watchers are FFmpeg's programs: peers that share no code with what
+// they test.
+
+#ifndef VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
+#define VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ServiceTesting.h"
+
+namespace mediatesting {
+
+using servicetesting::json;
+using servicetesting::streamIdOf;
+
+// Looks again and again, for 20 seconds at most; false if it never held.
+bool eventually(const std::function<bool()>& holds);
+
+// A program whose output is read as it comes. It is killed when this ends.
+class Program {
+public:
+    using Take = std::function<void(const char* bytes, size_t count)>;  // on a thread of its own
+    Program(const std::vector<std::string>& arguments, Take take);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    pid_t pid() const { return mPid; }
+    // All output has been read, and the program has closed it: it has ended.
+    bool hasEnded() const { return mHasEnded; }
+
+private:
+    pid_t mPid = -1;
+    int mOutput = -1;
+    std::atomic<bool> mHasEnded{false};
+    std::thread mReader;
+};
+
+// The local service with media, in this process.
+class Desk {
+public:
+    Desk();
+
+    // The code of the answer.
+    int ask(const json& body);
+    json state() const { return mService.state(); }
+    json mix() const;    // the first one of the state
+    json relay() const;  // the same
+    std::string origin() const { return state()["service"]["origin"]["address"]; }
+    std::string memberUrl(int number) const { return origin() + "/live/" + streamIdOf(number); }
+    std::string mixUrl() const { return origin() + "/mix/" + streamIdOf(1); }
+
+    void misbehave(const vexalive::Misbehaviour& misbehaviour) { mService->misbehave(misbehaviour); }
+
+    // As a browser would.
+    std::string get(const std::string& path) const;
+
+    // The processes that the service has started, whose command line holds `text`.
+    static std::vector<pid_t> children(const std::string& text);
+
+    // The lines of the service's log that tell of a refused publish.
+    std::vector<std::string> refusals() const;
+
+private:
+    struct Log;
+    std::shared_ptr<Log> mLog;
+    servicetesting::RunningService mService;
+    std::unique_ptr<httplib::Client> mClient;
+};
+
+// One colour and one tone, published.
+struct Look {
+    std::string colour;  // as FFmpeg names them; none: sound alone
+    int tone = 0;        // Hz; 0: a picture alone
+    int width = 640;
+    int height = 360;
+    int framesPerSecond = 20;
+};
+std::unique_ptr<Program> publish(const std::string& url, const Look& look);
+
+struct Rgb {
+    int r = 0;
+    int g = 0;
+    int b = 0;
+    bool isNear(const Rgb& other) const;
+};
+std::ostream& operator<<(std::ostream& out, const Rgb& colour);
+constexpr Rgb kRed{254, 0, 0};
+constexpr Rgb kLime{0, 255, 0};
+constexpr Rgb kBlue{0, 0, 254};
+
+struct Spot {
+    int x;
+    int y;
+    Rgb colour;
+};
+
+// Someone who watches a stream, or looks at a picture in a file, of a known size.
+class Viewer {
+public:
+    Viewer(const std::string& url, int width, int height);
+
+    int frames() const;
+    bool hasEnded() const { return mProgram->hasEnded(); }
+    Rgb at(int x, int y) const;  // of the latest frame
+    // All spots look like that in the latest frame, and that is none after the one of that number.
+    bool sees(const std::vector<Spot>& spots, int latest = INT_MAX) const;
+    bool comesToSee(const std::vector<Spot>& spots) const;
+    // The same, at the latest in the frame of that number.
+    bool seesBy(int frame, const std::vector<Spot>& spots) const;
+
+private:
+    void take(const char* bytes, size_t count);
+    Rgb pixel(int x, int y) const;  // under mMutex
+
+    const int mWidth;
+    const int mHeight;
+    std::string mRest;
+    mutable std::mutex mMutex;
+    std::string mFrame;
+    int mFrames = 0;
+    std::unique_ptr<Program> mProgram;  // the last: its thread uses all of the above
+};
+
+// Someone who listens. Sound is judged in pieces of a tenth of a second.
+class Hearer {
+public:
+    explicit Hearer(const std::string& url);
+    // Exactly these of the tones 440, 660, 880, 1320 Hz are heard in five pieces running.
+    bool comesToHear(const std::vector<int>& tones) const;
+    std::vector<int> heard() const;  // in the latest piece
+
+private:
+    void take(const char* bytes, size_t count);
+
+    std::string mRest;
+    mutable std::mutex mMutex;
+    std::vector<int> mHeard;
+    int mPiecesTheSame = 0;
+    std::unique_ptr<Program> mProgram;
+};
+
+// Someone who notes each packet.
+class PacketWatch {
+public:
+    explicit PacketWatch(const std::string& url);
+    std::vector<double> times(
+        const std::string& kind) const;  // seconds, of "video" or "audio", in the order of arrival
+    bool hasEnded() const { return mProgram->hasEnded(); }
+    double longestGap(const std::string& kind) const;
+    bool goesBack(const std::string& kind) const;
+
+private:
+    void take(const char* bytes, size_t count);
+
+    std::string mRest;
+    mutable std::mutex mMutex;
+    std::map<std::string, std::vector<double>> mTimes;
+    std::unique_ptr<Program> mProgram;
+};
+
+// A mix of member 1's, on a canvas of 640 x 360 at 20 frames a second.
+struct Place {
+    int member;
+    int x;
+    int y;
+    int width;
+    int height;
+    bool audioOnly = false;
+};
+json mixBody(const std::vector<Place>& places, const std::string& colour = "0x204060");
+json relayBody(int member, const std::string& destination);
+json cancelBody();
+json removeBody(int member);
+
+}  // namespace mediatesting
+
+#endif

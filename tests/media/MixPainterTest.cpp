@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "media/MixPainter.h"
+
+namespace vexalive {
+namespace {
+
+using Yuv = std::array<int, 3>;
+
+const Yuv kBlack{16, 128, 128};
+const Yuv kGrey{53, 128, 128};
+const Yuv kLeft{81, 90, 240};
+const Yuv kRight{41, 240, 110};
+const Yuv kOther{145, 54, 34};
+
+uint8_t& sampleOf(GstVideoFrame& frame, int plane, int x, int y) {
+    const int part = plane == 0 ? 1 : 2;
+    auto* const data = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
+    return data[y / part * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane) + x / part];
+}
+
+// Of two colours, side by side.
+MixPicture makePicture(int width, int height, const Yuv& left, const Yuv& right) {
+    MixPicture picture;
+    picture.info = mixPictureInfo(width, height);
+    picture.turn = static_cast<int64_t>(Pipeline::runningTime());
+    picture.buffer.reset(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&picture.info), nullptr));
+    GstVideoFrame frame;
+    gst_video_frame_map(&frame, &picture.info, picture.buffer.get(), GST_MAP_WRITE);
+    for (int plane = 0; plane < 3; ++plane) {
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+                sampleOf(frame, plane, x, y) = static_cast<uint8_t>((x < width / 2 ? left : right)[size_t(plane)]);
+            }
+        }
+    }
+    gst_video_frame_unmap(&frame);
+    return picture;
+}
+
+std::shared_ptr<MixFeed> feedWith(MixPicture picture) {
+    auto feed = std::make_shared<MixFeed>();
+    feed->putPicture(std::move(picture));
+    return feed;
+}
+
+class MixPainterTest : public testing::Test {
+protected:
+    void SetUp() override { mPainter.setCanvas(320, 180); }
+
+    GstRef<GstBuffer> paint(const std::vector<MixPainter::Part>& parts, bool cropCenter = true) {
+        return mPainter.paint(0, parts, cropCenter, static_cast<int64_t>(Pipeline::runningTime()));
+    }
+
+    static Yuv at(const GstRef<GstBuffer>& buffer, int x, int y) {
+        GstVideoInfo info = mixPictureInfo(320, 180);
+        GstVideoFrame frame;
+        gst_video_frame_map(&frame, &info, buffer.get(), GST_MAP_READ);
+        const Yuv found{sampleOf(frame, 0, x, y), sampleOf(frame, 1, x, y), sampleOf(frame, 2, x, y)};
+        gst_video_frame_unmap(&frame);
+        return found;
+    }
+
+    MixPainter mPainter;
+};
+
+TEST_F(MixPainterTest, PaintsTheCanvasAndWhatIsAbsent) {
+    const auto canvas = paint({{std::make_shared<MixFeed>(), {20, 20, 100, 50}}});
+    EXPECT_EQ(at(canvas, 19, 20), kBlack);
+    EXPECT_EQ(at(canvas, 20, 20), kGrey);
+    EXPECT_EQ(at(canvas, 119, 69), kGrey);
+    EXPECT_EQ(at(canvas, 120, 69), kBlack);
+    EXPECT_EQ(at(canvas, 119, 70), kBlack);
+}
+
+TEST_F(MixPainterTest, PaintsAPictureAsItStands) {
+    const auto canvas = paint({{feedWith(makePicture(64, 36, kLeft, kRight)), {100, 60, 64, 36}}});
+    EXPECT_EQ(at(canvas, 99, 60), kBlack);
+    EXPECT_EQ(at(canvas, 100, 60), kLeft);
+    EXPECT_EQ(at(canvas, 131, 95), kLeft);
+    EXPECT_EQ(at(canvas, 132, 95), kRight);
+    EXPECT_EQ(at(canvas, 163, 95), kRight);
+    EXPECT_EQ(at(canvas, 164, 95), kBlack);
+}
+
+TEST_F(MixPainterTest, ScalesAPictureToItsRectangle) {
+    for (const bool cropCenter : {false, true}) {
+        const auto canvas = paint({{feedWith(makePicture(64, 36, kLeft, kRight)), {40, 40, 100, 100}}}, cropCenter);
+        EXPECT_EQ(at(canvas, 38, 90), kBlack);
+        EXPECT_EQ(at(canvas, 40, 40), kLeft);
+        EXPECT_EQ(at(canvas, 80, 139), kLeft);
+        EXPECT_EQ(at(canvas, 100, 40), kRight);
+        EXPECT_EQ(at(canvas, 139, 139), kRight);
+        EXPECT_EQ(at(canvas, 140, 90), kBlack);
+        EXPECT_EQ(at(canvas, 90, 140), kBlack);
+    }
+}
+
+TEST_F(MixPainterTest, PutsTheLastOnTop) {
+    const MixPainter::Part lower{feedWith(makePicture(64, 36, kLeft, kLeft)), {0, 0, 100, 100}};
+    const MixPainter::Part upper{feedWith(makePicture(64, 36, kOther, kOther)), {50, 50, 100, 100}};
+    const auto canvas = paint({lower, upper});
+    EXPECT_EQ(at(canvas, 40, 40), kLeft);
+    EXPECT_EQ(at(canvas, 70, 70), kOther);
+    EXPECT_EQ(at(paint({upper, lower}), 70, 70), kLeft);
+}
+
+TEST_F(MixPainterTest, ConvertsOtherColours) {
+    MixPicture full = makePicture(64, 36, {0, 128, 128}, {255, 128, 128});
+    full.info.colorimetry.range = GST_VIDEO_COLOR_RANGE_0_255;
+    const auto canvas = paint({{feedWith(std::move(full)), {100, 60, 64, 36}}});
+    EXPECT_NEAR(at(canvas, 110, 80)[0], 16, 1);
+    EXPECT_NEAR(at(canvas, 150, 80)[0], 235, 1);
+    EXPECT_EQ(at(canvas, 98, 80), kBlack);
+    EXPECT_EQ(at(canvas, 166, 80), kBlack);
+}
+
+TEST_F(MixPainterTest, TakesAnotherSizeOfThePictureAndOfTheCanvas) {
+    const auto feed = feedWith(makePicture(64, 36, kLeft, kLeft));
+    paint({{feed, {0, 0, 100, 100}}});
+    feed->putPicture(makePicture(36, 64, kOther, kOther));
+    EXPECT_EQ(at(paint({{feed, {0, 0, 100, 100}}}), 50, 50), kOther);
+    mPainter.setCanvas(640, 360);
+    EXPECT_EQ(gst_buffer_get_size(paint({{feed, {0, 0, 100, 100}}}).get()), 640U * 360 * 3 / 2);
+}
+
+// Whatever stands in a wish: no crash, and nothing painted beside the rectangle.
+TEST_F(MixPainterTest, BearsEveryPlace) {
+    std::mt19937 random(1);
+    const auto any = [&](int lowest, int highest) {
+        return std::uniform_int_distribution<int>(lowest, highest)(random);
+    };
+    for (int round = 0; round < 3000; ++round) {
+        const auto feed = feedWith(makePicture(2 * any(1, 90), any(2, 130), kLeft, kRight));
+        const bool isFar = any(0, 9) == 0;
+        MixRectangle rectangle{any(-400, 400), any(-400, 400), any(0, 500), any(0, 500)};
+        if (isFar) {
+            rectangle.width = INT32_MAX;
+        }
+        const bool cropsCenter = any(0, 1) == 0;
+        if (any(0, 3) == 0) {  // exactly halved, from any column on
+            rectangle.width = rectangle.height = 64;
+            feed->putPicture(makePicture(128 + 2 * any(0, 20), 128, kLeft, kRight));
+        }
+        const auto canvas = paint({{feed, rectangle}}, cropsCenter);
+        const MixRectangle to = visiblePart(rectangle, 320, 180);
+        if (to.x > 0) {
+            ASSERT_EQ(at(canvas, static_cast<int>(to.x) - 1, 90), kBlack) << round;
+        }
+        if (to.y + to.height < 180) {
+            ASSERT_EQ(at(canvas, 160, static_cast<int>(to.y + to.height)), kBlack) << round;
+        }
+        if (!to.isEmpty()) {
+            ASSERT_NE(at(canvas, static_cast<int>(to.x), static_cast<int>(to.y)), kBlack) << round;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace vexalive
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    gst_init(nullptr, nullptr);
+    return RUN_ALL_TESTS();
+}
