@@ -194,4 +194,18 @@ ROWS = [
         rounds=11,
         apart=True,
     ),
+    Row(
+        "media",
+        "A mix of three moving pictures of 640 × 360 into 1280 × 720 at 20 frames a second, beside FFmpeg's filter graph",
+        {
+            each: ["{python}", "bench/media.py", each, "--vexalive", "{build}/tools/vexalive"]
+            for each in ("vexalive", "ffmpeg")
+        },
+        [
+            Figure("cpu_percent", "CPU, of one processor", "%", ratios={"ffmpeg": 1.5}),
+            Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
+            Figure("first_picture_ms", "answer to first picture", "ms", ceiling=2000, noisy=True),
+        ],
+        rounds=3,
+    ),
 ]

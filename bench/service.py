@@ -22,10 +22,16 @@ import tempfile
 import time
 
 PUSH_DOMAIN = "livepush.example"
-PATH = (
-    "/v3/liveinterface/add_relay_stream_url"
-    "?sdkappid=1400000001&random=4711&usersig=signature-of-the-user&parivMapKey=map-key-of-the-room"
-)
+
+
+def path_of(interface):
+    return (
+        f"/v3/liveinterface/{interface}"
+        "?sdkappid=1400000001&random=4711&usersig=signature-of-the-user&parivMapKey=map-key-of-the-room"
+    )
+
+
+PATH = path_of("add_relay_stream_url")
 BODY = json.dumps(
     {
         "appid": 1250000000,
@@ -46,12 +52,12 @@ PATIENCE_SECONDS = 20
 
 
 @contextlib.contextmanager
-def serving(program):
+def serving(program, *options):
     """Runs the local service on a free port: its address, its authority's certificate and its process id."""
     with tempfile.TemporaryDirectory(prefix="vexalive-bench-") as name:
         folder = pathlib.Path(name)
         with open(folder / "lines", "wb") as lines:
-            command = [program, "serve", "--json", "--state-dir", name, "--push-domain", PUSH_DOMAIN]
+            command = [program, "serve", "--json", "--state-dir", name, "--push-domain", PUSH_DOMAIN, *options]
             process = subprocess.Popen(command, stdout=lines)
         try:
             listening = json.loads(first_line(folder / "lines", process))
@@ -73,16 +79,23 @@ def first_line(path, process):
         time.sleep(0.01)
 
 
-def expect_acceptance(address, ca_file):
-    """wrk does not look at answers, so this does, once before the load and once after it."""
+def ask(address, ca_file, method, path, body=None):
     context = ssl.create_default_context(cafile=ca_file)
     connection = http.client.HTTPSConnection(address, context=context, timeout=PATIENCE_SECONDS)
-    connection.request("POST", PATH, BODY, {"Content-Type": "application/json"})
+    connection.request(method, path, body, {"Content-Type": "application/json"} if body else {})
     response = connection.getresponse()
     answer = response.read().decode()
     connection.close()
-    if response.status != 200 or json.loads(answer)["code"] != 0:
-        sys.exit(f"{address} does not accept the request: status {response.status}, {answer}")
+    if response.status != 200:
+        sys.exit(f"{address}{path}: status {response.status}, {answer}")
+    return json.loads(answer)
+
+
+def expect_acceptance(address, ca_file, path=PATH, body=BODY):
+    """wrk does not look at answers, so this does, once before the load and once after it."""
+    answer = ask(address, ca_file, "POST", path, body)
+    if answer["code"] != 0:
+        sys.exit(f"{address} does not accept the request: {answer}")
 
 
 def run_wrk(address, seconds):
