@@ -6,9 +6,11 @@ namespace vexalive {
 
 namespace {
 
-constexpr size_t kTagHeader = 11;  // kind, size (3), timestamp (3, and its highest byte), stream id (3)
-constexpr size_t kTagSize = 4;
-constexpr size_t kSetupPacket = 0;  // of AVC and AAC: a decoder's configuration
+constexpr size_t kTagHeader = 11;       // kind, size (3), timestamp (3, and its highest byte), stream id (3)
+constexpr size_t kTagSize = 4;          // behind the tag
+constexpr int64_t kMostBack = 1'000;    // milliseconds; what goes back further is another clock
+constexpr int64_t kMostAhead = 10'000;  // the same, of what no pause explains
+constexpr size_t kSetupPacket = 0;      // of AVC and AAC: a decoder's configuration
 
 unsigned byteAt(std::string_view bytes, size_t place) {
     return place < bytes.size() ? static_cast<unsigned char>(bytes[place]) : 0;
@@ -40,6 +42,9 @@ const std::string_view kFlvHeader{"FLV\x01\x05\0\0\0\x09\0\0\0\0", 13};
 
 bool FlvTag::isSetup() const {
     const unsigned format = byteAt(bytes, kTagHeader);
+    if (isMedia() && bytes.size() < kTagHeader + 2 + kTagSize) {
+        return false;
+    }
     switch (kind) {
         case Kind::kVideo:
             return (format & 0x0f) == 7 && byteAt(bytes, kTagHeader + 1) == kSetupPacket;
@@ -98,6 +103,8 @@ bool FlvReader::read(std::string_view piece, const std::function<void(const FlvT
 }
 
 int64_t SteadyTime::at(int64_t timestamp, int64_t now) {
+    const int64_t ahead = timestamp + mOffset - mLast;
+    mIsFirst = mIsFirst || ahead < -kMostBack || ahead > now - mLastNow + kMostAhead;
     if (mIsFirst) {
         const int64_t begin = mHasBegun ? mLast + std::max<int64_t>(now - mLastNow, 1) : 0;
         mOffset = begin - timestamp;

@@ -41,8 +41,8 @@ private:
     std::string mRest;
 };
 
-// Makes one run of time of the connections of a source that comes and goes. Times never go back, and a pause of the
-// source stays as long as it was.
+// Makes one run of time of the connections of a source that comes and goes, and of one whose clock jumps. Times never
+// go back, and a pause of the source stays as long as it was.
 class SteadyTime {
 public:
     // Whatever comes next is from a new connection.

@@ -10,8 +10,8 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kSoundPiece = kSecond / 50;
-constexpr int64_t kMostBehind = kSecond / 4;  // then frames are left out, and sound
-constexpr guint64 kMostWaiting = 4;           // frames before an encoder
+constexpr int64_t kMostBehind = kSecond;  // then frames are left out, and sound
+constexpr guint64 kMostWaiting = 20;      // frames before an encoder
 
 int64_t runningTime() {
     return static_cast<int64_t>(Pipeline::runningTime());

@@ -169,6 +169,7 @@ private:
         if (tag.kind == FlvTag::Kind::kScript || tag.bytes.size() <= kTagHeader + head + kTagSize) {
             return;
         }
+        mCame = tag.isSetup() ? mCame : runningTime();
         if (tag.kind == FlvTag::Kind::kVideo) {
             passVideo(tag);
         } else {
@@ -189,7 +190,7 @@ private:
             return;
         }
         mHasVideo = true;
-        countFrame();
+        ++mNumbers.frames;
         const int64_t decoding = turnOf(MixTimeline::kVideo, tag);
         const bool isTooMuch = gst_app_src_get_current_level_bytes(GST_APP_SRC(mVideo.get())) > kMostUndecoded;
         mAwaitsKeyFrame = (mAwaitsKeyFrame && !tag.isKeyFrame()) || !mWantsPicture || isTooMuch;
@@ -219,17 +220,10 @@ private:
                     tag, kAudioHead);
             return;
         }
-        if (!mHasVideo) {
-            countFrame();
-        }
+        mNumbers.frames += mHasVideo ? 0 : 1;
         GstRef<GstBuffer> buffer = bufferOf(tag, kAudioHead);
         GST_BUFFER_PTS(buffer.get()) = static_cast<GstClockTime>(turnOf(MixTimeline::kAudio, tag));
         gst_app_src_push_buffer(GST_APP_SRC(mAudio.get()), buffer.release());
-    }
-
-    void countFrame() {
-        mCame = runningTime();
-        ++mNumbers.frames;
     }
 
     int64_t turnOf(MixTimeline::Kind kind, const FlvTag& tag) {
@@ -247,7 +241,7 @@ private:
     bool mHasVideo = false;
     std::string mCannotRead;
     int64_t mBegan = 0;
-    int64_t mCame = -1;  // the last frame; -1: none yet
+    int64_t mCame = -1;  // the last frame, or sound; -1: none yet
     MediaNumbers mNumbers;
 };
 
@@ -270,7 +264,6 @@ void MixInput::wantPicture(bool isWanted) {
 }
 
 void MixInput::connect() {
-    ++mConnections;
     const auto ended = [this](const std::string& error) {
         reconnect(!error.empty() ? error : mDemuxer->hasFlowed() ? "its publisher has left" : "");
     };
@@ -301,6 +294,7 @@ void MixInput::reconnect(const std::string& error) {
     if (!error.empty()) {
         tell(mSource + ": " + error);
         mError = error;
+        ++mReconnects;
     }
     if (mDemuxer->hasFlowed()) {
         mRetry.succeeded();
@@ -315,6 +309,7 @@ void MixInput::reconnect(const std::string& error) {
 
 void MixInput::check() {
     if (mConnection && mDemuxer->idle() > kMostSilent) {
+        mError = status().numbers.error;
         mRetry.succeeded();  // it was long enough until now
         reconnect("");
     }
@@ -335,7 +330,7 @@ InputStatus MixInput::status() const {
             numbers.error = "no one publishes " + mStreamId + (hasRun ? " any more" : " yet");
         }
     }
-    numbers.reconnects = mConnections - 1;
+    numbers.reconnects = mReconnects;
     return {mStreamId, numbers};
 }
 

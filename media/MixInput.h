@@ -48,8 +48,8 @@ private:
     std::unique_ptr<Pipeline> mConnection;
     std::unique_ptr<Pipeline> mDecoders;
     Retry mRetry;
-    unsigned mTimer = 0;  // until it is tried again
-    uint64_t mConnections = 0;
+    unsigned mTimer = 0;       // until it is tried again
+    uint64_t mReconnects = 0;  // but for those that only look whether someone publishes now
     std::string mError;
 };
 

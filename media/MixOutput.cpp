@@ -17,6 +17,9 @@ constexpr guint64 kMostHandedOver = 16;  // frames: the others can still be thro
 constexpr int64_t kIdle = 3000;          // milliseconds, and it does not run
 constexpr int64_t kMostIdle = 10000;     // milliseconds, and it is given up
 
+// The sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
+constexpr uint64_t kBeforeConnected = 2;
+
 int64_t millisecondsNow() {
     return static_cast<int64_t>(GST_TIME_AS_MSECONDS(Pipeline::runningTime()));
 }
@@ -31,6 +34,10 @@ void MixOutput::Frames::expectVideo(bool isExpected) {
         mAwaitsKeyFrame = false;
         mVideoSetup.reset();  // with the next frame, the destination is told what comes from now on
         mAudioSetup.reset();
+        const auto isVideo = [](const Frame& frame) { return frame.tag.kind == FlvTag::Kind::kVideo; };
+        const auto from = std::remove_if(mFrames.begin(), mFrames.end(), isVideo);
+        mNumbers.dropped += static_cast<uint64_t>(mFrames.end() - from);
+        mFrames.erase(from, mFrames.end());
     }
     mExpectsVideo = isExpected;
 }
@@ -164,14 +171,13 @@ void MixOutput::Frames::delivered(unsigned connection, size_t bytes) {
     }
     ++mDelivered;
     mDeliveredAt = millisecondsNow();
-    mHasEverFlowed = mHasEverFlowed || mDelivered > 1;
+    mHasEverFlowed = mHasEverFlowed || mDelivered > kBeforeConnected;
     mNumbers.bytes += bytes;
 }
 
-// The sink takes the first buffer before it is connected, and the second one after.
 bool MixOutput::Frames::hasFlowed() const {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mDelivered > 1;
+    return mDelivered > kBeforeConnected;
 }
 
 bool MixOutput::Frames::hasEverFlowed() const {

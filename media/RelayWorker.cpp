@@ -15,6 +15,12 @@ namespace vexalive {
 namespace {
 
 constexpr size_t kMostWaiting = size_t{4} << 20;  // bytes; then frames are thrown away
+constexpr int64_t kSilent = 3'000;                // milliseconds; and the other side is taken for absent
+constexpr int64_t kMostSilent = 20'000;           // and the connection is given up
+constexpr std::chrono::seconds kLookPause{1};
+
+// The sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
+constexpr uint64_t kBeforeConnected = 2;
 
 int64_t millisecondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -35,6 +41,7 @@ public:
         const std::lock_guard<std::mutex> lock(mMutex);
         mReader = FlvReader();
         mTime.beginConnection();
+        mSourceCame = millisecondsNow();
         mSetup.clear();
         mHasVideo = false;
         return ++mSource;
@@ -49,11 +56,13 @@ public:
         const std::lock_guard<std::mutex> lock(mMutex);
         mDestination.reset(GST_ELEMENT(gst_object_ref(appsrc)));
         mDelivered = 0;
+        mDestinationTook = millisecondsNow();
         mSkipsToKeyFrame = true;
         push(std::string(kFlvHeader));
         for (const auto& [kind, tag] : mSetup) {
             push(tag.at(mTime.last()));
         }
+        mBeforeMedia = std::max<uint64_t>(kBeforeConnected, 1 + mSetup.size());
         return ++mSink;
     }
 
@@ -85,18 +94,41 @@ public:
     // The destination has taken a buffer.
     void delivered(unsigned connection, size_t bytes) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mDelivered += connection == mSink ? 1 : 0;
+        if (connection == mSink) {
+            ++mDelivered;
+            mDestinationTook = millisecondsNow();
+        }
         mOut.bytes += bytes;
     }
 
-    bool sourceFlows() const {
+    // Media have come on this connection.
+    bool sourceHasRun() const {
         const std::lock_guard<std::mutex> lock(mMutex);
         return mSourceFlows;
     }
-    // The sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
-    bool destinationFlows() const {
+    bool destinationHasRun() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mSourceFlows && mDelivered > 2;
+        return mDelivered > mBeforeMedia;
+    }
+    // And come now.
+    bool sourceRuns() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return isSourceAlive();
+    }
+    bool destinationRuns() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return isSourceAlive() && mDelivered > mBeforeMedia && millisecondsNow() - mDestinationTook < kSilent;
+    }
+    // Nothing has come for so long that the connection may be dead.
+    bool sourceIsSilent() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return millisecondsNow() - mSourceCame > kMostSilent;
+    }
+    // Nothing is taken of what waits.
+    bool destinationIsStuck() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mDestination && millisecondsNow() - mDestinationTook > kMostSilent &&
+               gst_app_src_get_current_level_bytes(GST_APP_SRC(mDestination.get())) > 0;
     }
     MediaNumbers in() const {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -109,9 +141,15 @@ public:
 
 private:
     // The members below are used under mMutex.
+    bool isSourceAlive() const { return mSourceFlows && millisecondsNow() - mSourceCame < kSilent; }
+
     void pass(const FlvTag& tag, int64_t now) {
         const int64_t time = tag.isMedia() ? mTime.at(tag.timestamp, now) : mTime.last();
-        mSourceFlows = mSourceFlows || tag.isMedia();
+        if (tag.isMedia()) {
+            mSourceFlows = true;
+            mSourceCame = now;
+            mVideoCame = tag.kind == FlvTag::Kind::kVideo ? now : mVideoCame;
+        }
         mIn.bytes += tag.bytes.size();
         if (tag.isSetup()) {
             remember(tag);
@@ -141,11 +179,13 @@ private:
         return tag.kind == (mHasVideo ? FlvTag::Kind::kVideo : FlvTag::Kind::kAudio);
     }
 
-    // A destination that cannot keep up, or has just been connected, goes on at a key frame.
+    // A destination that cannot keep up, or has just been connected, goes on at a key frame; or with sound, if no video
+    // comes.
     bool isSkipped(const FlvTag& tag) {
         const size_t waiting = gst_app_src_get_current_level_bytes(GST_APP_SRC(mDestination.get()));
         mSkipsToKeyFrame = mSkipsToKeyFrame || waiting > kMostWaiting;
-        if (mSkipsToKeyFrame && waiting < kMostWaiting / 4 && (tag.isKeyFrame() || !mHasVideo)) {
+        if (mSkipsToKeyFrame && waiting < kMostWaiting / 4 &&
+            (tag.isKeyFrame() || mSourceCame - mVideoCame > kSilent)) {
             mSkipsToKeyFrame = false;
         }
         return mSkipsToKeyFrame;
@@ -165,16 +205,24 @@ private:
     std::vector<std::pair<FlvTag::Kind, FlvTag>> mSetup;  // in the order in which they came
     bool mHasVideo = false;
     bool mSourceFlows = false;
+    int64_t mSourceCame = 0;  // the last of the media, or the connection
+    int64_t mVideoCame = -kSilent - 1;
     bool mSkipsToKeyFrame = true;
     GstRef<GstElement> mDestination;  // the appsrc of its pipeline; null: none now
     uint64_t mDelivered = 0;          // buffers, on this connection
+    uint64_t mBeforeMedia = 0;        // so many of them are no media, or may wait for the connection
+    int64_t mDestinationTook = 0;
     MediaNumbers mIn;
     MediaNumbers mOut;
 };
 
-RelayWorker::RelayWorker() : mStream(std::make_shared<Stream>()) {}
+RelayWorker::RelayWorker() : mStream(std::make_shared<Stream>()) {
+    look();
+}
 
-RelayWorker::~RelayWorker() = default;
+RelayWorker::~RelayWorker() {
+    g_source_remove(mLook);
+}
 
 std::string RelayWorker::configure(const nlohmann::json& wish) {
     const std::string source = wish.at("source").get<std::string>();
@@ -186,6 +234,8 @@ std::string RelayWorker::configure(const nlohmann::json& wish) {
     }
     if (destination != mDestination.address) {
         mDestination.address = destination;
+        mDestination.retry = Retry();
+        mDestination.error.clear();
         connectDestination();
     }
     return "";
@@ -195,11 +245,8 @@ void RelayWorker::connectSource() {
     begin(mSource);
     const unsigned connection = mStream->sourceBegins();
     mSource.pipeline = std::make_unique<Pipeline>(
-        "rtmp2src name=source ! appsink name=tags sync=false max-buffers=0", [this](const std::string& error) {
-            const bool hasRun = mStream->sourceFlows();
-            mStream->sourceEnds();
-            reconnect(mSource, hasRun, error.empty() ? "its publisher has left" : error, [this] { connectSource(); });
-        });
+        "rtmp2src name=source ! appsink name=tags sync=false max-buffers=0",
+        [this](const std::string& error) { sourceEnded(error.empty() ? "its publisher has left" : error); });
     g_object_set(mSource.pipeline->find("source"), "location", mSource.address.c_str(), nullptr);
     mSource.pipeline->take("tags",
                            [stream = mStream, connection](GstSample* sample) { stream->take(connection, sample); });
@@ -216,10 +263,7 @@ void RelayWorker::connectDestination() {
                 mStopped();
                 return;
             }
-            const bool hasRun = mStream->destinationFlows();
-            mStream->destinationEnds();
-            reconnect(mDestination, hasRun, error.empty() ? "it ended the stream" : error,
-                      [this] { connectDestination(); });
+            destinationEnded(error.empty() ? "it ended the stream" : error);
         });
     GstElement* const sink = mDestination.pipeline->find("sink");
     g_object_set(sink, "location", mDestination.address.c_str(), nullptr);
@@ -230,8 +274,31 @@ void RelayWorker::connectDestination() {
     mDestination.pipeline->play();
 }
 
+void RelayWorker::sourceEnded(const std::string& error) {
+    const bool hasRun = mStream->sourceHasRun();
+    mStream->sourceEnds();
+    reconnect(mSource, hasRun, error, [this] { connectSource(); });
+}
+
+void RelayWorker::destinationEnded(const std::string& error) {
+    const bool hasRun = mStream->destinationHasRun();
+    mStream->destinationEnds();
+    reconnect(mDestination, hasRun, error, [this] { connectDestination(); });
+}
+
+// A connection whose other end has vanished says nothing of it.
+void RelayWorker::look() {
+    if (mSource.pipeline && mStream->sourceHasRun() && mStream->sourceIsSilent()) {
+        sourceEnded("nothing came from it any more");
+    }
+    if (mDestination.pipeline && mStream->destinationIsStuck()) {
+        destinationEnded("it took nothing any more");
+    }
+    mLook = callAfter(kLookPause, [this] { look(); });
+}
+
 void RelayWorker::reconnect(Side& side, bool hasRun, const std::string& error, std::function<void()> connect) {
-    tell(side.address + ": " + error);
+    tell(side.name + (": " + error));  // not the address, which may end in a key
     side.error = error;
     side.pipeline.reset();
     if (hasRun) {
@@ -244,11 +311,15 @@ void RelayWorker::reconnect(Side& side, bool hasRun, const std::string& error, s
 }
 
 void RelayWorker::begin(Side& side) {
+    callOff(side);
+    ++side.connections;
+}
+
+void RelayWorker::callOff(Side& side) {
     if (side.timer != 0) {
         g_source_remove(side.timer);
         side.timer = 0;
     }
-    ++side.connections;
 }
 
 MediaNumbers RelayWorker::complete(MediaNumbers numbers, const Side& side, bool isRunning) {
@@ -264,9 +335,9 @@ MediaNumbers RelayWorker::complete(MediaNumbers numbers, const Side& side, bool 
 
 WorkerStatus RelayWorker::status() const {
     WorkerStatus status;
-    status.numbers = complete(mStream->out(), mDestination, mStream->destinationFlows());
-    status.inputs.push_back({mStreamId, complete(mStream->in(), mSource, mStream->sourceFlows())});
-    if (!mStream->sourceFlows()) {
+    status.numbers = complete(mStream->out(), mDestination, mStream->destinationRuns());
+    status.inputs.push_back({mStreamId, complete(mStream->in(), mSource, mStream->sourceRuns())});
+    if (!mStream->sourceRuns()) {
         MediaNumbers& input = status.inputs[0].numbers;
         input.error = input.error.empty() ? "no one publishes " + mStreamId + " yet" : input.error;
         status.numbers.error = status.numbers.error.empty() ? input.error : status.numbers.error;
@@ -275,9 +346,9 @@ WorkerStatus RelayWorker::status() const {
 }
 
 void RelayWorker::stop(std::function<void()> done) {
+    callOff(mSource);
+    callOff(mDestination);
     mSource.pipeline.reset();
-    begin(mSource);
-    begin(mDestination);
     if (!mDestination.pipeline) {
         done();
         return;

@@ -30,6 +30,9 @@ private:
     class Stream;
 
     struct Side {
+        explicit Side(const char* sideName) : name(sideName) {}
+
+        const char* const name;
         std::unique_ptr<Pipeline> pipeline;
         std::string address;
         std::string error;
@@ -40,14 +43,19 @@ private:
 
     void connectSource();
     void connectDestination();
+    void sourceEnded(const std::string& error);
+    void destinationEnded(const std::string& error);
+    void look();
     static void begin(Side& side);
+    static void callOff(Side& side);
     static void reconnect(Side& side, bool hasRun, const std::string& error, std::function<void()> connect);
     static MediaNumbers complete(MediaNumbers numbers, const Side& side, bool isRunning);
 
     const std::shared_ptr<Stream> mStream;  // shared with the streaming threads
     std::string mStreamId;
-    Side mSource;
-    Side mDestination;
+    Side mSource{"source"};
+    Side mDestination{"destination"};
+    unsigned mLook = 0;  // the timer of look()
     std::function<void()> mStopped;
 };
 

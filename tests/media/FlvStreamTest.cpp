@@ -94,6 +94,23 @@ TEST(SteadyTime, GoesOnWhereANewConnectionComesAfterAsLongAPause) {
     EXPECT_EQ(time.at(20, 1160), 1060);
 }
 
+TEST(SteadyTime, GoesOnAtTheSamePaceWhereAClockJumps) {
+    SteadyTime time;
+    time.at(500'000, 0);
+    EXPECT_EQ(time.at(500'040, 40), 40);
+    EXPECT_EQ(time.at(0, 80), 80);  // back
+    EXPECT_EQ(time.at(40, 120), 120);
+    EXPECT_EQ(time.at(9'000'000, 160), 160);  // ahead
+    EXPECT_EQ(time.at(9'000'040, 200), 200);
+}
+
+TEST(SteadyTime, ABurstAfterAPauseOfTheNetworkKeepsItsTimes) {
+    SteadyTime time;
+    time.at(0, 0);
+    EXPECT_EQ(time.at(40, 5'000), 40);
+    EXPECT_EQ(time.at(4'960, 5'001), 4'960);
+}
+
 TEST(SteadyTime, NeverGoesBack) {
     SteadyTime time;
     time.at(1000, 0);

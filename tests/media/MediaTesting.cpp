@@ -234,6 +234,7 @@ void Viewer::take(const char* bytes, size_t count) {
         mFrame = mRest.substr(0, size);
         mRest.erase(0, size);
         ++mFrames;
+        judge();
     }
 }
 
@@ -256,21 +257,45 @@ Rgb Viewer::pixel(int x, int y) const {
     return {bytes[0], bytes[1], bytes[2]};
 }
 
-bool Viewer::sees(const std::vector<Spot>& spots, int latest) const {
+bool Viewer::shows(const std::vector<Spot>& spots) const {
+    return std::all_of(spots.begin(), spots.end(),
+                       [this](const Spot& spot) { return pixel(spot.x, spot.y).isNear(spot.colour); });
+}
+
+bool Viewer::sees(const std::vector<Spot>& spots) const {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mFrames <= latest && std::all_of(spots.begin(), spots.end(), [this](const Spot& spot) {
-               return pixel(spot.x, spot.y).isNear(spot.colour);
-           });
+    return shows(spots);
+}
+
+void Viewer::expectChange(std::vector<Spot> before, std::vector<Spot> after) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mBefore = std::move(before);
+    mAfter = std::move(after);
+}
+
+void Viewer::judge() {
+    if (mAfter.empty()) {
+        return;
+    }
+    if (shows(mAfter)) {
+        mChangedAt = mChangedAt == 0 ? mFrames : mChangedAt;
+    } else if (mChangedAt != 0 || !shows(mBefore)) {
+        ++mTorn;
+    }
+}
+
+int Viewer::changedAt() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mChangedAt;
+}
+
+int Viewer::torn() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mTorn;
 }
 
 bool Viewer::comesToSee(const std::vector<Spot>& spots) const {
     return eventually([&] { return sees(spots); });
-}
-
-bool Viewer::seesBy(int frame, const std::vector<Spot>& spots) const {
-    bool hasSeen = false;
-    eventually([&] { return (hasSeen = sees(spots, frame)) || frames() > frame; });
-    return hasSeen;
 }
 
 Hearer::Hearer(const std::string& url) {

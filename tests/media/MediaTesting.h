@@ -8,7 +8,6 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <climits>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -116,15 +115,20 @@ public:
     int frames() const;
     bool hasEnded() const { return mProgram->hasEnded(); }
     Rgb at(int x, int y) const;  // of the latest frame
-    // All spots look like that in the latest frame, and that is none after the one of that number.
-    bool sees(const std::vector<Spot>& spots, int latest = INT_MAX) const;
+    // All spots look like that in the latest frame.
+    bool sees(const std::vector<Spot>& spots) const;
     bool comesToSee(const std::vector<Spot>& spots) const;
-    // The same, at the latest in the frame of that number.
-    bool seesBy(int frame, const std::vector<Spot>& spots) const;
+
+    // From now on, each frame is expected to show all of the one or all of the other.
+    void expectChange(std::vector<Spot> before, std::vector<Spot> after);
+    int changedAt() const;  // the first frame that showed the other; 0: none has
+    int torn() const;       // the frames that showed neither
 
 private:
     void take(const char* bytes, size_t count);
-    Rgb pixel(int x, int y) const;  // under mMutex
+    Rgb pixel(int x, int y) const;  // under mMutex, as the next one
+    bool shows(const std::vector<Spot>& spots) const;
+    void judge();
 
     const int mWidth;
     const int mHeight;
@@ -132,6 +136,10 @@ private:
     mutable std::mutex mMutex;
     std::string mFrame;
     int mFrames = 0;
+    std::vector<Spot> mBefore;
+    std::vector<Spot> mAfter;  // empty: no change is expected
+    int mChangedAt = 0;
+    int mTorn = 0;
     std::unique_ptr<Program> mProgram;  // the last: its thread uses all of the above
 };
 

@@ -41,12 +41,15 @@ TEST_F(Relay, ARelayOutlivesTheRestartOfItsSource) {
     const Viewer viewer(cdn("alice"), 640, 360);
     const PacketWatch packets(cdn("alice"));
     ASSERT_TRUE(viewer.comesToSee({{320, 180, kRed}}));
+    ASSERT_TRUE(eventually([&] { return packets.times("video").size() > 20; }));
 
     alice.reset();
     ASSERT_TRUE(eventually([this] { return desk.relay()["media"]["inputs"][0]["state"] == "reconnecting"; }));
     alice = publish(desk.memberUrl(1), {"lime", 440});
     EXPECT_TRUE(viewer.comesToSee({{320, 180, kLime}}));
     EXPECT_TRUE(comesToRun());
+    const size_t seen = packets.times("video").size();
+    EXPECT_TRUE(eventually([&] { return packets.times("video").size() > seen + 20; }));
     EXPECT_FALSE(packets.hasEnded());
     EXPECT_FALSE(packets.goesBack("video"));
     EXPECT_FALSE(packets.goesBack("audio"));
@@ -65,6 +68,7 @@ TEST_F(Relay, ADestinationThatIsGoneDisturbsNoOther) {
     ASSERT_TRUE(eventually([this] { return desk.relay()["media"]["reconnects"] > 1; })) << desk.relay();
     EXPECT_EQ(desk.relay()["media"]["state"], "reconnecting");
     EXPECT_FALSE(desk.relay()["media"]["error"].get<std::string>().empty());
+    EXPECT_TRUE(eventually([&] { return packets.times("video").size() > 40; }));
     EXPECT_LE(packets.longestGap("video"), 0.2);
 
     ASSERT_EQ(desk.ask(relayBody(1, cdn("alice"))), 0);  // moved to where someone listens
