@@ -15,10 +15,11 @@
 //     GET    /state                                       as stateJson()
 //     GET    /metrics                                     the same for Prometheus
 //     GET    /snapshot?mix=<output stream id>             what the mix puts out, as a JPEG
-//     POST   /misbehave                                   a misbehaviour as JSON: service/Misbehaviours.h names the
-//     keys GET    /misbehave                                   as misbehavioursJson() DELETE /misbehave as
-//     clearMisbehaviours() POST   /origin/publish                              asked by the origin: may this be
-//     published? GET    /                                            a page that shows all this, and what it needs
+//     GET    /misbehave                                   as misbehavioursJson()
+//     POST   /misbehave                                   a misbehaviour as JSON; the keys stand in Misbehaviours.h
+//     DELETE /misbehave                                   as clearMisbehaviours()
+//     POST   /origin/publish                              asked by the origin: may this be published?
+//     GET    /                                            a page that shows all this, and what it needs
 // All but the three interfaces are answered to loopback only, and over plain HTTP, too, on a port of their own.
 //
 // With media, the service does what it says: it keeps an origin that members publish to over RTMP, relays what is to be
@@ -86,7 +87,8 @@ struct LiveServiceOptions {
     std::string workerProgram;  // empty: the environment's VEXALIVE_MEDIA_WORKER, else vexalive-media beside this
                                 // program, in ../libexec/vexalive, or in PATH
 
-    // Called at what happens to media, on threads of the service's; as `observer`.
+    // Called at what happens to media, on threads of the service's; as `observer`, and it must not make requests to
+    // this service, which would wait for it.
     std::function<void(const LiveMediaEvent&)> mediaObserver;
 
     // Called just before each answer goes out, on the connection's thread, several at a time: it must be thread-safe,

@@ -234,10 +234,11 @@ std::optional<Refusal> Media::begin(const AcceptedRequest& request) {
     const bool isRelay = isOfRelay(request);
     const size_t hostStart = std::string("rtmp://").size();
     const std::string& destination = request.destination;
+    const std::string scheme = destination.substr(0, destination.find("://"));  // the rest may hold a key
     if (isRelay && (destination.compare(0, hostStart, "rtmp://") != 0 || destination.size() == hostStart ||
                     destination[hostStart] == '/' || destination[hostStart] == ':')) {
         return Refusal{Refusal::kUnsupported, "dest_stream_url",
-                       "dest_stream_url: found " + excerpt(destination) +
+                       "dest_stream_url: found " + (scheme == "rtmp" ? "no host" : "the scheme " + excerpt(scheme)) +
                            ", must be an address such as \"rtmp://host/app/stream\": media are relayed over RTMP only"};
     }
     const std::string key = keyOf(request);

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -89,12 +90,10 @@ bool Origin::prepare(const std::string& stateFolder, std::string& error) {
                 ": install Debian's packages nginx and libnginx-mod-rtmp, or name an origin that runs already";
         return false;
     }
-    Descriptor first;
-    Descriptor second;
-    const uint16_t port = takePort(first);
-    mStatisticsPort = takePort(second);
-    if (port == 0 || mStatisticsPort == 0) {
-        error = "cannot find free ports on 127.0.0.1 for the origin: " + systemMessage(errno);
+    Descriptor taken;
+    const uint16_t port = takePort(taken);
+    if (port == 0) {
+        error = "cannot find a free port on 127.0.0.1 for the origin: " + systemMessage(errno);
         return false;
     }
     mAddress = {"rtmp://127.0.0.1:" + std::to_string(port), "127.0.0.1", std::to_string(port)};
@@ -124,7 +123,7 @@ bool Origin::configure(uint16_t consolePort, std::string& error) {
     const std::string path = mFolder + "/nginx.conf";
     errno = 0;
     std::ofstream file(path, std::ios::trunc);
-    file << originConfiguration(mAddress.port, mStatisticsPort, consolePort, ::geteuid() == 0);
+    file << originConfiguration(mAddress.port, consolePort, ::geteuid() == 0);
     file.close();
     if (!file) {
         error = "cannot write " + path + ": " + systemMessage(errno);
@@ -138,16 +137,15 @@ std::vector<std::string> Origin::arguments() const {
 }
 
 // Without a master process there is one process, and nothing is left when it is killed.
-std::string originConfiguration(const std::string& rtmpPort, uint16_t statisticsPort, uint16_t consolePort,
-                                bool isRoot) {
+std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePort, bool isRoot) {
     const std::string application =
         "            live on;\n"
         "            record off;\n"
         "            meta copy;\n"
         "            wait_key on;\n"
         "            idle_streams on;\n"
-        "            publish_notify on;\n"
-        "            drop_idle_publisher 10s;\n";
+        "            publish_notify on;\n";
+    const std::string dropsIdle = "            drop_idle_publisher 10s;\n";  // but for a relay whose source is away
     std::ostringstream text;
     text << "# Written anew by the service each time it starts.\n"
          << "load_module " << kModule << ";\n"
@@ -165,29 +163,13 @@ std::string originConfiguration(const std::string& rtmpPort, uint16_t statistics
          << "        chunk_size 4096;\n"
          << "        max_message 16M;\n"
          << "        application live {\n"
-         << application << "            on_publish http://127.0.0.1:" << consolePort << "/origin/publish;\n"
+         << application << dropsIdle << "            on_publish http://127.0.0.1:" << consolePort
+         << "/origin/publish;\n"
          << "        }\n"
          << "        application mix {\n"
-         << application << "        }\n"
+         << application << dropsIdle << "        }\n"
          << "        application cdn {\n"
          << application << "        }\n"
-         << "    }\n"
-         << "}\n"
-         << "http {\n"
-         << "    access_log off;\n"
-         << "    client_body_temp_path body_temp;\n"
-         << "    proxy_temp_path proxy_temp;\n"
-         << "    fastcgi_temp_path fastcgi_temp;\n"
-         << "    uwsgi_temp_path uwsgi_temp;\n"
-         << "    scgi_temp_path scgi_temp;\n"
-         << "    server {\n"
-         << "        listen 127.0.0.1:" << statisticsPort << ";\n"
-         << "        location = /stat {\n"
-         << "            rtmp_stat all;\n"
-         << "        }\n"
-         << "        location / {\n"
-         << "            return 404;\n"
-         << "        }\n"
          << "    }\n"
          << "}\n";
     return text.str();
@@ -223,6 +205,9 @@ void OriginWatch::stop() {
 }
 
 void OriginWatch::run() {
+    sigset_t all;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, nullptr);  // signals are for the host's threads
     for (;;) {
         const std::string error = look();
         if (awaitStop(std::chrono::milliseconds(0))) {
@@ -237,7 +222,7 @@ void OriginWatch::run() {
 
 bool OriginWatch::awaitStop(std::chrono::milliseconds patience) const {
     pollfd stop{mStop.get(), POLLIN, 0};
-    return ::poll(&stop, 1, static_cast<int>(patience.count())) != 0;
+    return ::poll(&stop, 1, static_cast<int>(patience.count())) > 0;
 }
 
 // False if it took too long, or if it is time to stop.

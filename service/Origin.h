@@ -56,18 +56,16 @@ private:
     std::string mFolder;
     Descriptor mLock;  // of the folder
     OriginAddress mAddress;
-    uint16_t mStatisticsPort = 0;
 };
 
 // nginx's configuration. Paths in it are relative to nginx's folder.
-std::string originConfiguration(const std::string& rtmpPort, uint16_t statisticsPort, uint16_t consolePort,
-                                bool isRoot);
+std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePort, bool isRoot);
 
 // Watches from a thread of its own whether an origin answers.
 class OriginWatch {
 public:
-    // `told` is called on that thread after each look, several times a second at first and while there is no answer,
-    // else once: with what is wrong, or with nothing.
+    // `told` is called on that thread after each look, several times a second while there is no answer, else once
+    // a second: with what is wrong, or with nothing.
     using Told = std::function<void(const std::string& error)>;
 
     ~OriginWatch() { stop(); }

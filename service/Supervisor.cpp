@@ -21,6 +21,7 @@ constexpr std::chrono::milliseconds kFirstPause(250);
 constexpr int kDoublings = 5;
 constexpr std::chrono::seconds kSteadyTime(10);  // after which a failure counts as the first
 constexpr std::chrono::seconds kFarewell(3);
+constexpr int kStartPatience = 5;  // times its own, on top: plugins are looked for before the first sign of life
 constexpr std::chrono::seconds kOmissionPause(1);
 constexpr size_t kMostUnsentBytes = size_t{1} << 20;
 constexpr LineReader::Bounds kOutputBounds = {size_t{2} << 20, 50, size_t{4} << 20};  // pictures come this way
@@ -323,7 +324,7 @@ bool Supervisor::launch(Kept& kept, std::string& error) {
     kept.blame.clear();
     kept.unsent.clear();
     kept.started = Clock::now();
-    kept.lastSign = kept.started;
+    kept.lastSign = kept.started + kStartPatience * kept.program.patience;
     send(kept, kept.configuration);
     publish(kept);
     return true;
@@ -388,7 +389,9 @@ void Supervisor::hear(Kept& kept, const std::string& line) {
     const json message = json::parse(line, nullptr, false);
     const bool isObject = message.is_object();
     if (isObject && !message.contains("status")) {
-        mListener.onAnswer(kept.key, message);
+        if (!kept.isLeaving) {
+            mListener.onAnswer(kept.key, message);
+        }
         return;
     }
     std::optional<WorkerStatus> status = isObject ? readStatus(message["status"]) : std::nullopt;

@@ -26,8 +26,8 @@ TEST(OriginAddress, IsAHostAndPerhapsAPort) {
 }
 
 TEST(OriginConfiguration, ListensOnLoopbackAsOneProcessAndAsksAboutPublishers) {
-    const std::string text = vexalive::originConfiguration("7001", 7002, 7003, false);
-    for (const char* part : {"master_process off;", "daemon off;", "listen 127.0.0.1:7001;", "listen 127.0.0.1:7002;",
+    const std::string text = vexalive::originConfiguration("7001", 7003, false);
+    for (const char* part : {"master_process off;", "daemon off;", "listen 127.0.0.1:7001;",
                              "on_publish http://127.0.0.1:7003/origin/publish;", "idle_streams on;"}) {
         EXPECT_NE(std::string::npos, text.find(part)) << part;
     }
@@ -36,10 +36,10 @@ TEST(OriginConfiguration, ListensOnLoopbackAsOneProcessAndAsksAboutPublishers) {
         ++listeners;
         EXPECT_EQ(at, text.find("listen 127.0.0.1:", at));
     }
-    EXPECT_EQ(2u, listeners);
+    EXPECT_EQ(1u, listeners);
     EXPECT_EQ(text.find("on_publish"), text.rfind("on_publish"));  // workers are not asked about
     EXPECT_EQ(std::string::npos, text.find("user "));
-    EXPECT_NE(std::string::npos, vexalive::originConfiguration("1", 2, 3, true).find("user root;"));
+    EXPECT_NE(std::string::npos, vexalive::originConfiguration("1", 3, true).find("user root;"));
 }
 
 TEST(Origin, EachServiceTakesAFolderOfItsOwnAndALeftOneIsTakenAgain) {
