@@ -128,21 +128,12 @@ public:
         mWantsPicture = isWanted;
     }
 
-    void take(unsigned connection, GstSample* sample) {
-        GstMapInfo map;
-        GstBuffer* const buffer = gst_sample_get_buffer(sample);
-        if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) {
-            return;
+    void take(unsigned connection, std::string_view bytes) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (connection == mConnection && !mReader.read(bytes, [this](const FlvTag& tag) { pass(tag); })) {
+            mCannotRead = "the origin sent what is no FLV";
+            mReader = FlvReader();
         }
-        {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            const std::string_view bytes(reinterpret_cast<const char*>(map.data), map.size);
-            if (connection == mConnection && !mReader.read(bytes, [this](const FlvTag& tag) { pass(tag); })) {
-                mCannotRead = "the origin sent what is no FLV";
-                mReader = FlvReader();
-            }
-        }
-        gst_buffer_unmap(buffer, &map);
     }
 
     bool hasFlowed() const {
@@ -285,8 +276,9 @@ void MixInput::connect() {
     const unsigned connection = mDemuxer->begin(mDecoders->find("video"), mDecoders->find("audio"));
     mConnection = std::make_unique<Pipeline>("rtmp2src name=source ! appsink name=tags sync=false async=false", ended);
     g_object_set(mConnection->find("source"), "location", mSource.c_str(), nullptr);
-    mConnection->take("tags",
-                      [demuxer = mDemuxer, connection](GstSample* sample) { demuxer->take(connection, sample); });
+    mConnection->take("tags", [demuxer = mDemuxer, connection](GstSample* sample) {
+        readBytes(sample, [&](std::string_view bytes) { demuxer->take(connection, bytes); });
+    });
     mConnection->play();
 }
 

@@ -17,9 +17,6 @@ constexpr guint64 kMostHandedOver = 16;  // frames: the others can still be thro
 constexpr int64_t kIdle = 3000;          // milliseconds, and it does not run
 constexpr int64_t kMostIdle = 10000;     // milliseconds, and it is given up
 
-// The sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
-constexpr uint64_t kBeforeConnected = 2;
-
 int64_t millisecondsNow() {
     return static_cast<int64_t>(GST_TIME_AS_MSECONDS(Pipeline::runningTime()));
 }
@@ -171,13 +168,13 @@ void MixOutput::Frames::delivered(unsigned connection, size_t bytes) {
     }
     ++mDelivered;
     mDeliveredAt = millisecondsNow();
-    mHasEverFlowed = mHasEverFlowed || mDelivered > kBeforeConnected;
+    mHasEverFlowed = mHasEverFlowed || mDelivered > kBuffersBeforeConnected;
     mNumbers.bytes += bytes;
 }
 
 bool MixOutput::Frames::hasFlowed() const {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mDelivered > kBeforeConnected;
+    return mDelivered > kBuffersBeforeConnected;
 }
 
 bool MixOutput::Frames::hasEverFlowed() const {

@@ -26,7 +26,7 @@ MixWorker::MixWorker() : mOutput([this] { mConductor.requestKeyFrame(); }) {
 
 MixWorker::~MixWorker() = default;
 
-std::string MixWorker::configure(const nlohmann::json& wish) {
+void MixWorker::configure(const nlohmann::json& wish) {
     MixConfiguration next = readMixConfiguration(wish);
     std::vector<std::unique_ptr<MixInput>> inputs;
     for (const MixInputWish& input : next.inputs) {
@@ -49,7 +49,6 @@ std::string MixWorker::configure(const nlohmann::json& wish) {
     if (mTimer == 0) {
         check();
     }
-    return "";
 }
 
 // An input that stays keeps its connection; one that is named twice has two.

@@ -31,7 +31,7 @@ public:
     MixWorker();
     ~MixWorker() override;
 
-    std::string configure(const nlohmann::json& wish) override;
+    void configure(const nlohmann::json& wish) override;
     WorkerStatus status() const override;
     void takePicture(int width, std::function<void(const std::string& jpeg)> done) override;
     void stop(std::function<void()> done) override;

@@ -44,6 +44,15 @@ std::string errorOf(GstMessage* message) {
 
 }  // namespace
 
+void readBytes(GstSample* sample, const std::function<void(std::string_view bytes)>& read) {
+    GstMapInfo map;
+    GstBuffer* const buffer = gst_sample_get_buffer(sample);
+    if (gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+        read({reinterpret_cast<const char*>(map.data), map.size});
+        gst_buffer_unmap(buffer, &map);
+    }
+}
+
 struct Pipeline::Elements {
     GstRef<GstElement> pipeline;
     std::chrono::steady_clock::time_point played;

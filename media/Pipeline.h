@@ -8,9 +8,11 @@
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace vexalive {
 
@@ -22,6 +24,12 @@ struct GstUnref {
 };
 template <class T>
 using GstRef = std::unique_ptr<T, GstUnref>;
+
+// rtmp2sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
+constexpr uint64_t kBuffersBeforeConnected = 2;
+
+// Calls `read` with the bytes of a sample's buffer. Any thread.
+void readBytes(GstSample* sample, const std::function<void(std::string_view bytes)>& read);
 
 // For the main loop's thread, but for what is said otherwise.
 class Pipeline {

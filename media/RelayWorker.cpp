@@ -19,9 +19,6 @@ constexpr int64_t kSilent = 3'000;                // milliseconds; and the other
 constexpr int64_t kMostSilent = 20'000;           // and the connection is given up
 constexpr std::chrono::seconds kLookPause{1};
 
-// The sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
-constexpr uint64_t kBeforeConnected = 2;
-
 int64_t millisecondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
@@ -62,7 +59,7 @@ public:
         for (const auto& [kind, tag] : mSetup) {
             push(tag.at(mTime.last()));
         }
-        mBeforeMedia = std::max<uint64_t>(kBeforeConnected, 1 + mSetup.size());
+        mBeforeMedia = std::max<uint64_t>(kBuffersBeforeConnected, 1 + mSetup.size());
         return ++mSink;
     }
 
@@ -75,20 +72,13 @@ public:
         mDelivered = 0;
     }
 
-    void take(unsigned connection, GstSample* sample) {
-        GstMapInfo map;
-        GstBuffer* const buffer = gst_sample_get_buffer(sample);
-        if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) {
-            return;
-        }
+    void take(unsigned connection, std::string_view bytes) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        const std::string_view bytes(reinterpret_cast<const char*>(map.data), map.size);
         const int64_t now = millisecondsNow();
         if (connection == mSource && !mReader.read(bytes, [&](const FlvTag& tag) { pass(tag, now); })) {
             tell("the origin sent what is no FLV");
             mReader = FlvReader();
         }
-        gst_buffer_unmap(buffer, &map);
     }
 
     // The destination has taken a buffer.
@@ -224,7 +214,7 @@ RelayWorker::~RelayWorker() {
     g_source_remove(mLook);
 }
 
-std::string RelayWorker::configure(const nlohmann::json& wish) {
+void RelayWorker::configure(const nlohmann::json& wish) {
     const std::string source = wish.at("source").get<std::string>();
     const std::string destination = wish.at("destination").get<std::string>();
     mStreamId = source.substr(source.rfind('/') + 1);
@@ -238,7 +228,6 @@ std::string RelayWorker::configure(const nlohmann::json& wish) {
         mDestination.error.clear();
         connectDestination();
     }
-    return "";
 }
 
 void RelayWorker::connectSource() {
@@ -248,8 +237,9 @@ void RelayWorker::connectSource() {
         "rtmp2src name=source ! appsink name=tags sync=false max-buffers=0",
         [this](const std::string& error) { sourceEnded(error.empty() ? "its publisher has left" : error); });
     g_object_set(mSource.pipeline->find("source"), "location", mSource.address.c_str(), nullptr);
-    mSource.pipeline->take("tags",
-                           [stream = mStream, connection](GstSample* sample) { stream->take(connection, sample); });
+    mSource.pipeline->take("tags", [stream = mStream, connection](GstSample* sample) {
+        readBytes(sample, [&](std::string_view bytes) { stream->take(connection, bytes); });
+    });
     mSource.pipeline->play();
 }
 

@@ -22,7 +22,7 @@ public:
     RelayWorker();
     ~RelayWorker() override;
 
-    std::string configure(const nlohmann::json& wish) override;
+    void configure(const nlohmann::json& wish) override;
     WorkerStatus status() const override;
     void stop(std::function<void()> done) override;
 

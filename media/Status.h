@@ -14,8 +14,6 @@ enum class MediaState {
     kRunning,       // media flows
     kReconnecting,  // has run; absent or broken now
     kStopping,
-    kStopped,
-    kFailed,  // and will not be tried again
 };
 
 struct MediaNumbers {

@@ -36,13 +36,9 @@ const char* nameOf(MediaState state) {
         case MediaState::kReconnecting:
             return "reconnecting";
         case MediaState::kStopping:
-            return "stopping";
-        case MediaState::kStopped:
-            return "stopped";
-        case MediaState::kFailed:
             break;
     }
-    return "failed";
+    return "stopping";
 }
 
 ordered_json show(const MediaNumbers& numbers) {
@@ -136,10 +132,7 @@ private:
                 });
                 return;
             }
-            const std::string refused = mWorker.configure(message.at(mName));
-            if (!refused.empty()) {
-                tell("not done: " + refused);
-            }
+            mWorker.configure(message.at(mName));
             look();
         } catch (const json::exception& wrong) {
             tell(std::string("a line on stdin that is not understood: ") + wrong.what());

@@ -22,9 +22,9 @@ class Worker {
 public:
     virtual ~Worker() = default;
 
-    // The whole wish, at first and at each change. Returns why it cannot be, and leaves all as it is; empty if it is
-    // taken. May throw what nlohmann-json throws on a field that is missing or has another type.
-    virtual std::string configure(const nlohmann::json& wish) = 0;
+    // The whole wish, at first and at each change. May throw what nlohmann-json throws on a field that is missing or
+    // has another type, and leaves all as it is then.
+    virtual void configure(const nlohmann::json& wish) = 0;
 
     virtual WorkerStatus status() const = 0;
 

@@ -19,7 +19,6 @@ namespace mediatesting {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{20};
 constexpr int kSampleRate = 16000;
 constexpr size_t kPiece = kSampleRate / 10;
 constexpr int kTones[] = {440, 660, 880, 1320};
@@ -64,17 +63,6 @@ json placeOf(const Place& place, int layer) {
 }
 
 }  // namespace
-
-bool eventually(const std::function<bool()>& holds) {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
 
 // ---- Programs -------------------------------------------------------------------------------------------------------
 

@@ -22,11 +22,9 @@
 
 namespace mediatesting {
 
+using servicetesting::eventually;
 using servicetesting::json;
 using servicetesting::streamIdOf;
-
-// Looks again and again, for 20 seconds at most; false if it never held.
-bool eventually(const std::function<bool()>& holds);
 
 // A program whose output is read as it comes. It is killed when this ends.
 class Program {

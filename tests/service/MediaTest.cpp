@@ -29,17 +29,6 @@ using vexalive::Media;
 
 namespace {
 
-bool eventually(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
 // Accepts connections and greets as an RTMP server does, until it is told to be mute.
 class GreetingServer {
 public:

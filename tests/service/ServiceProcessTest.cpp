@@ -53,17 +53,6 @@ protected:
         ASSERT_TRUE(eventually([&] { return worker() != 0; }));
     }
 
-    bool eventually(const std::function<bool()>& holds) {
-        const auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (!holds()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-        return true;
-    }
-
     void read() {
         mReader.read(mTool->output.get(), std::chrono::steady_clock::now(), [this](const std::string& line) {
             const json event = json::parse(line);

@@ -8,6 +8,8 @@
 #include <httplib.h>
 #include <openssl/ssl.h>
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -44,6 +46,10 @@ public:
 private:
     std::string mPath;
 };
+
+// Looks again and again, for 20 seconds if not told otherwise; false if it never held.
+bool eventually(const std::function<bool()>& holds,
+                std::chrono::milliseconds patience = std::chrono::milliseconds(20'000));
 
 std::string readAll(const std::string& path);
 void writeAll(const std::string& path, const std::string& content);

@@ -62,17 +62,6 @@ protected:
         return {{FAKE_WORKER, "relay"}, patience};
     }
 
-    static bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds patience = 20s) {
-        const auto deadline = Clock::now() + patience;
-        while (!holds()) {
-            if (Clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        return true;
-    }
-
     // The fake worker's error tells how many wishes it has had, its process and the last wish.
     bool comesToSay(const std::string& key, const std::string& text) const {
         return eventually([&] { return errorOf(key).find(text) != std::string::npos; });
