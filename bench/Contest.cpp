@@ -89,6 +89,17 @@ int threads() {
     return static_cast<int>(std::distance(begin(tasks), end(tasks)));
 }
 
+OneProcessor::OneProcessor() {
+    sched_getaffinity(0, sizeof mBefore, &mBefore);
+    cpu_set_t here{};
+    CPU_SET(sched_getcpu(), &here);
+    sched_setaffinity(0, sizeof here, &here);
+}
+
+OneProcessor::~OneProcessor() {
+    sched_setaffinity(0, sizeof mBefore, &mBefore);
+}
+
 int connectionsTo(int port) {
     constexpr const char* kEstablished = "01";
     char remote[32];

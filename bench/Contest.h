@@ -5,6 +5,8 @@
 #ifndef VEXALIVE_BENCH_CONTEST_H
 #define VEXALIVE_BENCH_CONTEST_H
 
+#include <sched.h>
+
 #include <chrono>
 #include <initializer_list>
 #include <vector>
@@ -37,6 +39,19 @@ double peakResidentBytes();
 
 // Threads of this process at this moment.
 int threads();
+
+// While it lives, the calling thread and those that it starts share one processor: waking a thread is then a switch,
+// and no interrupt from one virtual processor to another, whose price is the host's and differs from hour to hour.
+class OneProcessor {
+public:
+    OneProcessor();
+    ~OneProcessor();
+    OneProcessor(const OneProcessor&) = delete;
+    OneProcessor& operator=(const OneProcessor&) = delete;
+
+private:
+    cpu_set_t mBefore{};
+};
 
 // Connections from this machine to that port of loopback which are open at this moment.
 int connectionsTo(int port);

@@ -292,7 +292,9 @@ double allocationsPerPost(Loop& loop) {
 
 // Microseconds from before the post until the task runs, on a loop that sleeps.
 template <class Loop>
-std::vector<double> latencies(Loop& loop) {
+std::vector<double> latencies() {
+    const bench::OneProcessor together;
+    Loop loop;
     std::vector<double> samples;
     samples.reserve(kLatencySamples);
     for (int i = 0; i < kLatencyWarmUp + kLatencySamples; ++i) {
@@ -309,12 +311,14 @@ std::vector<double> latencies(Loop& loop) {
 
 template <class Loop>
 void measure() {
-    Loop loop;
-    warmUp(loop);
-    bench::print("tasks_per_second_1_poster", medianTasksPerSecond(loop, 1));
-    bench::print("tasks_per_second_4_posters", medianTasksPerSecond(loop, 4));
-    bench::print("allocations_per_post", allocationsPerPost(loop));
-    std::vector<double> samples = latencies(loop);
+    {
+        Loop loop;
+        warmUp(loop);
+        bench::print("tasks_per_second_1_poster", medianTasksPerSecond(loop, 1));
+        bench::print("tasks_per_second_4_posters", medianTasksPerSecond(loop, 4));
+        bench::print("allocations_per_post", allocationsPerPost(loop));
+    }
+    std::vector<double> samples = latencies<Loop>();
     bench::print("latency_us_p50", bench::percentile(samples, 0.5));
     bench::print("latency_us_p99", bench::percentile(samples, 0.99));
 }

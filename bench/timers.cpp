@@ -249,10 +249,10 @@ void warmUp(Loop& loop) {
     }
 }
 
-// Nanoseconds for each of the inserts, from the first until all are armed.
+// Nanoseconds for each of the inserts, from the first until all are armed: the median of the loops.
 template <class Loop>
 double nanosecondsOfInsert(const Crowd& crowd) {
-    double seconds = 0;
+    std::vector<double> seconds(crowd.loops);
     for (size_t i = 0; i < crowd.loops; ++i) {
         const auto owner = std::make_shared<Owner>();
         Loop loop;
@@ -262,9 +262,9 @@ double nanosecondsOfInsert(const Crowd& crowd) {
         std::this_thread::sleep_for(kPause);
         const double start = bench::seconds();
         insert(loop, *owner, delays);
-        seconds += bench::seconds() - start;
+        seconds[i] = bench::seconds() - start;
     }
-    return seconds * 1e9 / static_cast<double>(crowd.inserts * crowd.loops);
+    return bench::percentile(seconds, 0.5) * 1e9 / static_cast<double>(crowd.inserts);
 }
 
 // Microseconds after its deadline at which each task runs. Each batch begins at another part of a millisecond: a clock
