@@ -30,7 +30,7 @@ bool MixFeed::pictureAt(int64_t now, MixPicture& picture) {
     while (mPictures.size() > 1 && mPictures[1].turn <= now) {
         mPictures.pop_front();
     }
-    if (mPictures.empty() || mPictures.front().turn > now) {
+    if (mPictures.empty()) {
         return false;
     }
     picture = mPictures.front().share();

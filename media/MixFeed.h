@@ -6,6 +6,7 @@
 
 #include <gst/video/video.h>
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -28,15 +29,19 @@ public:
     void putPicture(MixPicture picture);
     void putSound(int64_t turn, const float* samples, int64_t count);
 
-    // The picture whose turn it is at `now`. False if there is none, or the last came so long ago that the publisher
-    // must have stopped: a frozen picture passes for a live one.
+    // The picture whose turn it is at `now`, or the first if all are early. False if there is none, or the last came so
+    // long ago that the publisher must have stopped: a frozen picture passes for a live one.
     bool pictureAt(int64_t now, MixPicture& picture);
     void addSound(float* sum, int64_t position, int64_t count) const;
 
+    void setPaintable(bool isPaintable) { mIsPaintable = isPaintable; }  // said by the painter, of the last picture
+    bool isPaintable() const { return mIsPaintable; }
+
 private:
     static constexpr int64_t kFrozen = 1'100'000'000;
-    static constexpr size_t kMostPictures = 40;
+    static constexpr size_t kMostPictures = 64;  // 60 a second, as early as MixTimeline lets them come
 
+    std::atomic<bool> mIsPaintable{true};
     mutable std::mutex mMutex;
     std::deque<MixPicture> mPictures;  // in the order of their turns
     int64_t mCame = 0;                 // the last picture

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 #include <utility>
 
 #include "media/FlvStream.h"
@@ -16,7 +17,9 @@ namespace {
 constexpr int64_t kMillisecond = 1'000'000;
 constexpr int64_t kSilent = 1100 * kMillisecond;        // and the publisher is taken for absent
 constexpr int64_t kMostSilent = 20'000 * kMillisecond;  // and the connection is given up
-constexpr guint64 kMostUndecoded = 8'000'000;           // bytes; then video is left out up to a key frame
+constexpr int64_t kSteady = 5'000 * kMillisecond;       // of media, and what has failed before is mended
+constexpr int64_t kMostWaited = 1'000 * kMillisecond;   // for the decoder; then video is left out up to a key frame
+constexpr unsigned kMostUndecoded = 20;                 // frames without a picture: it may hold back 16
 
 // Of a tag's bytes, behind its header and before the size at its end.
 constexpr size_t kTagHeader = 11;
@@ -61,6 +64,19 @@ GstPadProbeReturn allowRoom(GstPad*, GstPadProbeInfo* info, gpointer) {
     }
     gst_query_add_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr);
     return GST_PAD_PROBE_HANDLED;
+}
+
+// Keeps from an element the buffers for which `passes` is false.
+void filter(GstElement* element, std::function<bool(const GstBuffer*)> passes) {
+    const GstRef<GstPad> pad(gst_element_get_static_pad(element, "sink"));
+    using Passes = std::function<bool(const GstBuffer*)>;
+    gst_pad_add_probe(
+        pad.get(), GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad*, GstPadProbeInfo* info, gpointer held) {
+            return (*static_cast<Passes*>(held))(gst_pad_probe_info_get_buffer(info)) ? GST_PAD_PROBE_OK
+                                                                                      : GST_PAD_PROBE_DROP;
+        },
+        new Passes(std::move(passes)), [](gpointer held) { delete static_cast<Passes*>(held); });
 }
 
 // Where the stream does not say what matrix its colours went through, it is the mix's own, as players take it. (Left to
@@ -117,9 +133,10 @@ public:
         mAudio.reset(GST_ELEMENT(gst_object_ref(audio)));
         mHasVideo = false;
         mAwaitsKeyFrame = true;
+        mUndecoded = 0;
         mCannotRead.clear();
         mBegan = runningTime();
-        mCame = -1;
+        mFirstCame = mCame = -1;
         return ++mConnection;
     }
 
@@ -136,9 +153,36 @@ public:
         }
     }
 
+    // Whether a frame on its way to the decoder gets there.
+    bool isDecoded(unsigned connection, const GstBuffer* frame) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (connection != mConnection) {
+            return false;
+        }
+        const bool isKeyFrame = !GST_BUFFER_FLAG_IS_SET(frame, GST_BUFFER_FLAG_DELTA_UNIT);
+        const bool hasWaited = runningTime() - static_cast<int64_t>(GST_BUFFER_OFFSET(frame)) > kMostWaited;
+        mAwaitsKeyFrame = (mAwaitsKeyFrame && !isKeyFrame) || !mWantsPicture || hasWaited;
+        const bool isDecoded = !mAwaitsKeyFrame && mUndecoded < kMostUndecoded;
+        mUndecoded += isDecoded ? 1 : 0;
+        mNumbers.dropped += !isDecoded && mWantsPicture ? 1 : 0;
+        return isDecoded;
+    }
+    void pictureCame() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mUndecoded = 0;
+    }
+    bool cannotDecode() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mUndecoded >= kMostUndecoded;
+    }
+
     bool hasFlowed() const {
         const std::lock_guard<std::mutex> lock(mMutex);
         return mCame >= 0;
+    }
+    bool isSteady() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mCame - mFirstCame > kSteady;
     }
     // Nanoseconds since something has come, or since the connection began.
     int64_t idle() const {
@@ -161,6 +205,7 @@ private:
             return;
         }
         mCame = tag.isSetup() ? mCame : runningTime();
+        mFirstCame = mFirstCame < 0 ? mCame : mFirstCame;
         if (tag.kind == FlvTag::Kind::kVideo) {
             passVideo(tag);
         } else {
@@ -183,16 +228,11 @@ private:
         mHasVideo = true;
         ++mNumbers.frames;
         const int64_t decoding = turnOf(MixTimeline::kVideo, tag);
-        const bool isTooMuch = gst_app_src_get_current_level_bytes(GST_APP_SRC(mVideo.get())) > kMostUndecoded;
-        mAwaitsKeyFrame = (mAwaitsKeyFrame && !tag.isKeyFrame()) || !mWantsPicture || isTooMuch;
-        if (mAwaitsKeyFrame) {
-            mNumbers.dropped += mWantsPicture ? 1 : 0;
-            return;
-        }
         GstRef<GstBuffer> buffer = bufferOf(tag, kVideoHead);
         const int64_t turn = std::max<int64_t>(decoding + presentationDelay(tag.bytes) * kMillisecond, 0);
         GST_BUFFER_DTS(buffer.get()) = static_cast<GstClockTime>(decoding);
         GST_BUFFER_PTS(buffer.get()) = static_cast<GstClockTime>(turn);
+        GST_BUFFER_OFFSET(buffer.get()) = static_cast<guint64>(runningTime());  // to tell how long it has waited
         if (!tag.isKeyFrame()) {
             GST_BUFFER_FLAG_SET(buffer.get(), GST_BUFFER_FLAG_DELTA_UNIT);
         }
@@ -230,8 +270,10 @@ private:
     bool mWantsPicture = false;
     bool mAwaitsKeyFrame = true;
     bool mHasVideo = false;
+    unsigned mUndecoded = 0;  // frames that the decoder has got since its last picture
     std::string mCannotRead;
     int64_t mBegan = 0;
+    int64_t mFirstCame = -1;
     int64_t mCame = -1;  // the last frame, or sound; -1: none yet
     MediaNumbers mNumbers;
 };
@@ -255,26 +297,32 @@ void MixInput::wantPicture(bool isWanted) {
 }
 
 void MixInput::connect() {
-    const auto ended = [this](const std::string& error) {
-        reconnect(!error.empty() ? error : mDemuxer->hasFlowed() ? "its publisher has left" : "");
-    };
     mDecoders = std::make_unique<Pipeline>(
-        "appsrc name=video format=time max-bytes=0"
-        " ! h264parse ! avdec_h264 max-threads=1 ! videoconvert ! video/x-raw,format=I420"
+        "appsrc name=video format=time max-bytes=8000000 leaky-type=upstream"
+        " ! h264parse name=parser ! avdec_h264 max-threads=1 ! videoconvert ! video/x-raw,format=I420"
         " ! appsink name=pictures sync=false async=false"
-        " appsrc name=audio format=time max-bytes=2000000 leaky-type=downstream"
+        " appsrc name=audio format=time max-bytes=0 max-time=1000000000 leaky-type=downstream"
         " ! aacparse ! avdec_aac ! audioconvert ! audioresample"
         " ! audio/x-raw,format=F32LE,layout=interleaved,rate=48000,channels=2"
         " ! appsink name=sound sync=false async=false",
-        ended);
+        [this](const std::string& error) { decodingFailed(error); });
     const GstRef<GstPad> pictures(gst_element_get_static_pad(mDecoders->find("pictures"), "sink"));
     gst_pad_add_probe(pictures.get(), GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, allowRoom, nullptr, nullptr);
-    mDecoders->take("pictures", [feed = mFeed](GstSample* sample) { takePicture(*feed, sample); });
+    mDecoders->take("pictures", [feed = mFeed, demuxer = mDemuxer](GstSample* sample) {
+        takePicture(*feed, sample);
+        demuxer->pictureCame();
+    });
     mDecoders->take("sound", [feed = mFeed](GstSample* sample) { takeSound(*feed, sample); });
+    const unsigned connection = mDemuxer->begin(mDecoders->find("video"), mDecoders->find("audio"));
+    // Not at the appsrc: the demuxer holds that, and each would keep the other alive.
+    filter(mDecoders->find("parser"),
+           [demuxer = mDemuxer, connection](const GstBuffer* frame) { return demuxer->isDecoded(connection, frame); });
     mDecoders->play();
 
-    const unsigned connection = mDemuxer->begin(mDecoders->find("video"), mDecoders->find("audio"));
-    mConnection = std::make_unique<Pipeline>("rtmp2src name=source ! appsink name=tags sync=false async=false", ended);
+    mConnection = std::make_unique<Pipeline>(
+        "rtmp2src name=source ! appsink name=tags sync=false async=false", [this](const std::string& error) {
+            reconnect(!error.empty() ? error : mDemuxer->hasFlowed() ? "its publisher has left" : "");
+        });
     g_object_set(mConnection->find("source"), "location", mSource.c_str(), nullptr);
     mConnection->take("tags", [demuxer = mDemuxer, connection](GstSample* sample) {
         readBytes(sample, [&](std::string_view bytes) { demuxer->take(connection, bytes); });
@@ -288,12 +336,26 @@ void MixInput::reconnect(const std::string& error) {
         mError = error;
         ++mReconnects;
     }
-    if (mDemuxer->hasFlowed()) {
-        mRetry.succeeded();
-    }
+    mCannotDecode.clear();
     mConnection.reset();
     mDecoders.reset();
-    mTimer = callAfter(mRetry.next(), [this] {
+    connectAfter(mRetry.next());
+}
+
+// Until it is tried again, the connection stays: often, the sound of it can be decoded.
+void MixInput::decodingFailed(const std::string& error) {
+    mCannotDecode = "it cannot be decoded: " + error;
+    tell(mSource + ": " + mCannotDecode);
+    mError = mCannotDecode;
+    ++mReconnects;
+    connectAfter(mRetry.next());
+}
+
+void MixInput::connectAfter(std::chrono::milliseconds pause) {
+    if (mTimer != 0) {
+        g_source_remove(mTimer);
+    }
+    mTimer = callAfter(pause, [this] {
         mTimer = 0;
         connect();
     });
@@ -304,6 +366,11 @@ void MixInput::check() {
         mError = status().numbers.error;
         mRetry.succeeded();  // it was long enough until now
         reconnect("");
+    } else if (mTimer == 0 && mDemuxer->cannotDecode()) {
+        decodingFailed("no picture comes of its video");
+    } else if (mTimer == 0 && mDemuxer->isSteady()) {
+        mCannotDecode.clear();
+        mRetry.succeeded();
     }
 }
 
@@ -312,6 +379,11 @@ InputStatus MixInput::status() const {
     const bool hasRun = numbers.frames > 0;
     if (mConnection && mDemuxer->hasFlowed() && mDemuxer->idle() < kSilent) {
         numbers.state = MediaState::kRunning;
+        if (!mCannotDecode.empty()) {
+            numbers.error = mCannotDecode;
+        } else if (!mFeed->isPaintable()) {
+            numbers.error = "its picture cannot be scaled";
+        }
     } else {
         numbers.state = hasRun ? MediaState::kReconnecting : MediaState::kStarting;
         if (!mConnection || mDemuxer->idle() < kSilent) {

@@ -9,6 +9,7 @@
 #ifndef VEXALIVE_MEDIA_MIX_INPUT_H
 #define VEXALIVE_MEDIA_MIX_INPUT_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -32,7 +33,7 @@ public:
     // Without, video is not decoded.
     void wantPicture(bool isWanted);
 
-    void check();  // once a second: gives up a connection on which nothing comes
+    void check();  // once a second: gives up a connection on which nothing comes, or nothing that can be decoded
     InputStatus status() const;
 
 private:
@@ -40,6 +41,8 @@ private:
 
     void connect();
     void reconnect(const std::string& error);
+    void decodingFailed(const std::string& error);
+    void connectAfter(std::chrono::milliseconds pause);
 
     const std::string mStreamId;
     const std::string mSource;
@@ -51,6 +54,7 @@ private:
     unsigned mTimer = 0;       // until it is tried again
     uint64_t mReconnects = 0;  // but for those that only look whether someone publishes now
     std::string mError;
+    std::string mCannotDecode;  // empty once all goes well for a while
 };
 
 }  // namespace vexalive

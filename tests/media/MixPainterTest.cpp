@@ -121,6 +121,17 @@ TEST_F(MixPainterTest, ConvertsOtherColours) {
     EXPECT_EQ(at(canvas, 166, 80), kBlack);
 }
 
+TEST_F(MixPainterTest, PaintsWhatIsAbsentForWhatCannotBeScaled) {
+    MixPicture interlaced = makePicture(64, 36, kLeft, kLeft);
+    interlaced.info.interlace_mode = GST_VIDEO_INTERLACE_MODE_INTERLEAVED;
+    const auto feed = feedWith(std::move(interlaced));
+    EXPECT_EQ(at(paint({{feed, {40, 40, 100, 100}}}), 90, 90), kGrey);
+    EXPECT_FALSE(feed->isPaintable());
+    feed->putPicture(makePicture(64, 36, kLeft, kLeft));
+    EXPECT_EQ(at(paint({{feed, {40, 40, 100, 100}}}), 90, 90), kLeft);
+    EXPECT_TRUE(feed->isPaintable());
+}
+
 TEST_F(MixPainterTest, TakesAnotherSizeOfThePictureAndOfTheCanvas) {
     const auto feed = feedWith(makePicture(64, 36, kLeft, kLeft));
     paint({{feed, {0, 0, 100, 100}}});
@@ -128,6 +139,35 @@ TEST_F(MixPainterTest, TakesAnotherSizeOfThePictureAndOfTheCanvas) {
     EXPECT_EQ(at(paint({{feed, {0, 0, 100, 100}}}), 50, 50), kOther);
     mPainter.setCanvas(640, 360);
     EXPECT_EQ(gst_buffer_get_size(paint({{feed, {0, 0, 100, 100}}}).get()), 640U * 360 * 3 / 2);
+}
+
+TEST(MixFeed, ShowsEachPictureInItsTurnHoweverEarlyTheyCome) {
+    constexpr int64_t kFrame = 16'666'667;
+    constexpr int64_t kAhead = 1'000'000'000;
+    MixFeed feed;
+    int64_t turn = static_cast<int64_t>(Pipeline::runningTime()) - 10'000'000'000;
+    int64_t now = turn;
+    for (int i = 0; i < 200; ++i, now += kFrame) {
+        for (; turn <= now + kAhead; turn += kFrame) {
+            MixPicture picture;
+            picture.turn = turn;
+            picture.buffer.reset(gst_buffer_new());
+            feed.putPicture(std::move(picture));
+        }
+        MixPicture shown;
+        ASSERT_TRUE(feed.pictureAt(now, shown)) << i;
+        ASSERT_EQ(shown.turn, now) << i;
+    }
+}
+
+TEST(MixFeed, ShowsAPictureWhoseTurnIsFarOff) {
+    MixFeed feed;
+    MixPicture picture = makePicture(64, 36, kLeft, kRight);
+    const int64_t now = picture.turn;
+    picture.turn += 3600'000'000'000;
+    feed.putPicture(std::move(picture));
+    MixPicture shown;
+    EXPECT_TRUE(feed.pictureAt(now, shown));
 }
 
 // Whatever stands in a wish: no crash, and nothing painted beside the rectangle.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <vector>
 
 #include "media/MixSound.h"
@@ -36,6 +37,26 @@ TEST(MixTimeline, MovesForWhatIsLateForLong) {
     }
     EXPECT_EQ(timeline.at(MixTimeline::kVideo, 1040 * kMs, (1040 + kDelay) * kMs), (1040 + kDelay) * kMs + kCushion);
     EXPECT_EQ(timeline.at(MixTimeline::kAudio, 1040 * kMs, (1040 + kDelay) * kMs), (1040 + kDelay) * kMs + kCushion);
+}
+
+TEST(MixTimeline, MovesForWhatIsLateAgainAndAgain) {
+    MixTimeline timeline;
+    timeline.at(MixTimeline::kAudio, 0, 0);
+    constexpr int64_t kDelay = 120;  // of every other one
+    for (int64_t time = 0; time <= 1000; time += 40) {
+        EXPECT_EQ(timeline.at(MixTimeline::kAudio, time * kMs, (time + kDelay) * kMs), time * kMs + kCushion);
+        EXPECT_EQ(timeline.at(MixTimeline::kAudio, (time + 20) * kMs, (time + 20) * kMs), (time + 20) * kMs + kCushion);
+    }
+    EXPECT_EQ(timeline.at(MixTimeline::kAudio, 1040 * kMs, (1040 + kDelay) * kMs), (1040 + kDelay) * kMs + kCushion);
+}
+
+TEST(MixTimeline, BearsWhatIsLateNowAndThen) {
+    MixTimeline timeline;
+    timeline.at(MixTimeline::kAudio, 0, 0);
+    for (int64_t time = 20; time <= 60'000; time += 20) {
+        const int64_t delay = time % 1500 == 0 ? 400 : 0;
+        EXPECT_EQ(timeline.at(MixTimeline::kAudio, time * kMs, (time + delay) * kMs), time * kMs + kCushion);
+    }
 }
 
 TEST(MixTimeline, MovesAtOnceForAJumpOfThePublishersClock) {
@@ -87,6 +108,40 @@ TEST(MixSound, ForgetsWhatIsOld) {
     }
     EXPECT_EQ(heard(sound, 100, 1), (std::vector<float>{0, 0}));
     EXPECT_EQ(heard(sound, 5 * MixSound::kRate - 1, 1), (std::vector<float>{2, 2}));
+}
+
+// It falls behind by 360 ms in two minutes, on an uneven road. The mix takes what there is every 20 ms.
+TEST(MixSound, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
+    struct Piece {
+        int64_t decoded;
+        int64_t turn;
+    };
+    MixTimeline timeline;
+    MixSound sound;
+    std::deque<Piece> decoding;
+    int64_t pieces = 0;
+    int64_t silent = 0;
+    int gaps = 0;
+    bool isSilent = true;
+    for (int64_t now = 0; now < 120'000; ++now) {
+        for (; pieces * 20 * 1003 / 1000 + pieces % 5 * 2 <= now; ++pieces) {
+            decoding.push_back({now + 5, timeline.at(MixTimeline::kAudio, pieces * 20 * kMs, now * kMs)});
+        }
+        for (; !decoding.empty() && decoding.front().decoded <= now; decoding.pop_front()) {
+            sound.put(MixSound::positionOf(decoding.front().turn), samples(960, 1).data(), 960);
+        }
+        if (now % 20 != 7 || now < 1000) {
+            continue;
+        }
+        for (const float sample : heard(sound, MixSound::positionOf((now - 20) * kMs), 960)) {
+            gaps += !isSilent && sample == 0 ? 1 : 0;
+            silent += sample == 0 ? 1 : 0;
+            isSilent = sample == 0;
+        }
+    }
+    EXPECT_GE(gaps, 1);
+    EXPECT_LE(gaps, 4);
+    EXPECT_LT(silent / static_cast<int64_t>(MixSound::kChannels), gaps * MixSound::kRate * 150 / 1000);
 }
 
 TEST(MixSound, CountsForDays) {
