@@ -116,4 +116,34 @@ int64_t SteadyTime::at(int64_t timestamp, int64_t now) {
     return mLast;
 }
 
+void FlvGate::see(const FlvTag& tag, int64_t now) {
+    mCame = now;
+    mVideoCame = tag.kind == FlvTag::Kind::kVideo ? now : mVideoCame;
+    if (!tag.isSetup()) {
+        return;
+    }
+    const auto known =
+        std::find_if(mSetup.begin(), mSetup.end(), [&tag](const FlvTag& each) { return each.kind == tag.kind; });
+    if (known == mSetup.end()) {
+        mSetup.push_back(tag);
+    } else {
+        *known = tag;
+    }
+}
+
+bool FlvGate::pass(const FlvTag& tag, size_t waiting, const std::function<void(const FlvTag& tag)>& give) {
+    mIsOpen = mIsOpen && waiting <= kMostWaiting;
+    const bool isBeginning = tag.isMedia() && !tag.isSetup() && (tag.isKeyFrame() || mCame - mVideoCame > kSilent);
+    if (!mIsOpen && isBeginning && waiting < kMostWaiting / 4) {
+        mIsOpen = true;
+        for (const FlvTag& setup : mSetup) {
+            give(setup);
+        }
+    }
+    if (mIsOpen) {
+        give(tag);
+    }
+    return mIsOpen;
+}
+
 }  // namespace vexalive

@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vexalive {
 
@@ -59,6 +60,31 @@ private:
     int64_t mOffset = 0;
     int64_t mLast = 0;
     int64_t mLastNow = 0;
+};
+
+// Lets a source's tags through to a destination, as long as that keeps up. One that does not, or has just been
+// connected, goes on at a key frame, or at a sound if no video comes, and is told the setup there. So it is bounded
+// what waits for it, whatever the tags are.
+class FlvGate {
+public:
+    static constexpr size_t kMostWaiting = size_t{4} << 20;  // bytes; then it shuts
+    static constexpr int64_t kSilent = 3'000;                // milliseconds without video, and none is waited for
+
+    void forgetSetup() { mSetup.clear(); }  // the source is connected anew, and will tell its own
+    void shut() { mIsOpen = false; }        // the destination is
+
+    // Each tag of the source, whether there is a destination or not. `now` in milliseconds, of any clock.
+    void see(const FlvTag& tag, int64_t now);
+
+    // Of the tag that was seen last, while so many bytes wait for the destination: calls `give` for what that is to get
+    // now. False if the tag is left out.
+    bool pass(const FlvTag& tag, size_t waiting, const std::function<void(const FlvTag& tag)>& give);
+
+private:
+    bool mIsOpen = false;
+    std::vector<FlvTag> mSetup;  // the latest of each kind, in the order in which the kinds came
+    int64_t mCame = 0;
+    int64_t mVideoCame = -kSilent - 1;
 };
 
 }  // namespace vexalive

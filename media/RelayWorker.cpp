@@ -14,9 +14,8 @@ namespace vexalive {
 
 namespace {
 
-constexpr size_t kMostWaiting = size_t{4} << 20;  // bytes; then frames are thrown away
-constexpr int64_t kSilent = 3'000;                // milliseconds; and the other side is taken for absent
-constexpr int64_t kMostSilent = 20'000;           // and the connection is given up
+constexpr int64_t kSilent = 3'000;       // milliseconds; and the other side is taken for absent
+constexpr int64_t kMostSilent = 20'000;  // and the connection is given up
 constexpr std::chrono::seconds kLookPause{1};
 
 int64_t millisecondsNow() {
@@ -39,7 +38,7 @@ public:
         mReader = FlvReader();
         mTime.beginConnection();
         mSourceCame = millisecondsNow();
-        mSetup.clear();
+        mGate.forgetSetup();
         mHasVideo = false;
         return ++mSource;
     }
@@ -54,12 +53,8 @@ public:
         mDestination.reset(GST_ELEMENT(gst_object_ref(appsrc)));
         mDelivered = 0;
         mDestinationTook = millisecondsNow();
-        mSkipsToKeyFrame = true;
+        mGate.shut();
         push(std::string(kFlvHeader));
-        for (const auto& [kind, tag] : mSetup) {
-            push(tag.at(mTime.last()));
-        }
-        mBeforeMedia = std::max<uint64_t>(kBuffersBeforeConnected, 1 + mSetup.size());
         return ++mSink;
     }
 
@@ -98,7 +93,7 @@ public:
     }
     bool destinationHasRun() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mDelivered > mBeforeMedia;
+        return hasDelivered();
     }
     // And come now.
     bool sourceRuns() const {
@@ -107,7 +102,7 @@ public:
     }
     bool destinationRuns() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return isSourceAlive() && mDelivered > mBeforeMedia && millisecondsNow() - mDestinationTook < kSilent;
+        return isSourceAlive() && hasDelivered() && millisecondsNow() - mDestinationTook < kSilent;
     }
     // Nothing has come for so long that the connection may be dead.
     bool sourceIsSilent() const {
@@ -115,9 +110,9 @@ public:
         return millisecondsNow() - mSourceCame > kMostSilent;
     }
     // Nothing is taken of what waits.
-    bool destinationIsStuck() const {
+    bool destinationIsStuck(int64_t milliseconds) const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mDestination && millisecondsNow() - mDestinationTook > kMostSilent &&
+        return mDestination && millisecondsNow() - mDestinationTook >= milliseconds &&
                gst_app_src_get_current_level_bytes(GST_APP_SRC(mDestination.get())) > 0;
     }
     MediaNumbers in() const {
@@ -132,75 +127,44 @@ public:
 private:
     // The members below are used under mMutex.
     bool isSourceAlive() const { return mSourceFlows && millisecondsNow() - mSourceCame < kSilent; }
+    bool hasDelivered() const { return mDelivered > kBuffersBeforeConnected; }
 
     void pass(const FlvTag& tag, int64_t now) {
         const int64_t time = tag.isMedia() ? mTime.at(tag.timestamp, now) : mTime.last();
         if (tag.isMedia()) {
             mSourceFlows = true;
             mSourceCame = now;
-            mVideoCame = tag.kind == FlvTag::Kind::kVideo ? now : mVideoCame;
         }
-        mIn.bytes += tag.bytes.size();
-        if (tag.isSetup()) {
-            remember(tag);
-        } else {
-            mIn.frames += isCounted(tag) ? 1 : 0;
-            if (!mDestination || isSkipped(tag)) {
-                mOut.dropped += mDestination && isCounted(tag) ? 1 : 0;
-                return;
-            }
-            mOut.frames += isCounted(tag) ? 1 : 0;
-        }
-        push(tag.at(time));
-    }
-
-    void remember(const FlvTag& tag) {
         mHasVideo = mHasVideo || tag.kind == FlvTag::Kind::kVideo;
-        for (auto& [kind, known] : mSetup) {
-            if (kind == tag.kind) {
-                known = tag;
-                return;
-            }
+        mGate.see(tag, now);
+        const uint64_t frames = isFrame(tag) ? 1 : 0;
+        mIn.bytes += tag.bytes.size();
+        mIn.frames += frames;
+        if (!mDestination) {
+            return;
         }
-        mSetup.emplace_back(tag.kind, tag);
-    }
-
-    bool isCounted(const FlvTag& tag) const {
-        return tag.kind == (mHasVideo ? FlvTag::Kind::kVideo : FlvTag::Kind::kAudio);
-    }
-
-    // A destination that cannot keep up, or has just been connected, goes on at a key frame; or with sound, if no video
-    // comes.
-    bool isSkipped(const FlvTag& tag) {
         const size_t waiting = gst_app_src_get_current_level_bytes(GST_APP_SRC(mDestination.get()));
-        mSkipsToKeyFrame = mSkipsToKeyFrame || waiting > kMostWaiting;
-        if (mSkipsToKeyFrame && waiting < kMostWaiting / 4 &&
-            (tag.isKeyFrame() || mSourceCame - mVideoCame > kSilent)) {
-            mSkipsToKeyFrame = false;
-        }
-        return mSkipsToKeyFrame;
+        const bool isPassed = mGate.pass(tag, waiting, [&](const FlvTag& each) { push(each.at(time)); });
+        (isPassed ? mOut.frames : mOut.dropped) += frames;
     }
 
-    void push(const std::string& bytes) {
-        if (mDestination) {
-            gst_app_src_push_buffer(GST_APP_SRC(mDestination.get()), bufferOf(bytes));
-        }
+    bool isFrame(const FlvTag& tag) const {
+        return !tag.isSetup() && tag.kind == (mHasVideo ? FlvTag::Kind::kVideo : FlvTag::Kind::kAudio);
     }
+
+    void push(const std::string& bytes) { gst_app_src_push_buffer(GST_APP_SRC(mDestination.get()), bufferOf(bytes)); }
 
     mutable std::mutex mMutex;
     unsigned mSource = 0;  // connections that have begun
     unsigned mSink = 0;
     FlvReader mReader;
     SteadyTime mTime;
-    std::vector<std::pair<FlvTag::Kind, FlvTag>> mSetup;  // in the order in which they came
+    FlvGate mGate;
     bool mHasVideo = false;
     bool mSourceFlows = false;
-    int64_t mSourceCame = 0;  // the last of the media, or the connection
-    int64_t mVideoCame = -kSilent - 1;
-    bool mSkipsToKeyFrame = true;
+    int64_t mSourceCame = 0;          // the last of the media, or the connection
     GstRef<GstElement> mDestination;  // the appsrc of its pipeline; null: none now
     uint64_t mDelivered = 0;          // buffers, on this connection
-    uint64_t mBeforeMedia = 0;        // so many of them are no media, or may wait for the connection
     int64_t mDestinationTook = 0;
     MediaNumbers mIn;
     MediaNumbers mOut;
@@ -281,7 +245,7 @@ void RelayWorker::look() {
     if (mSource.pipeline && mStream->sourceHasRun() && mStream->sourceIsSilent()) {
         sourceEnded("nothing came from it any more");
     }
-    if (mDestination.pipeline && mStream->destinationIsStuck()) {
+    if (mDestination.pipeline && mStream->destinationIsStuck(kMostSilent)) {
         destinationEnded("it took nothing any more");
     }
     mLook = callAfter(kLookPause, [this] { look(); });
@@ -312,27 +276,29 @@ void RelayWorker::callOff(Side& side) {
     }
 }
 
-MediaNumbers RelayWorker::complete(MediaNumbers numbers, const Side& side, bool isRunning) {
+// The last error is of before its connection, if that has run.
+MediaNumbers RelayWorker::complete(MediaNumbers numbers, const Side& side, bool hasRun, bool isRunning) {
     if (isRunning) {
         numbers.state = MediaState::kRunning;
     } else {
         numbers.state = side.connections > 1 || numbers.frames > 0 ? MediaState::kReconnecting : MediaState::kStarting;
-        numbers.error = side.error;
+        numbers.error = hasRun ? "" : side.error;
     }
     numbers.reconnects = side.connections > 1 ? side.connections - 1 : 0;
     return numbers;
 }
 
 WorkerStatus RelayWorker::status() const {
-    WorkerStatus status;
-    status.numbers = complete(mStream->out(), mDestination, mStream->destinationRuns());
-    status.inputs.push_back({mStreamId, complete(mStream->in(), mSource, mStream->sourceRuns())});
-    if (!mStream->sourceRuns()) {
-        MediaNumbers& input = status.inputs[0].numbers;
-        input.error = input.error.empty() ? "no one publishes " + mStreamId + " yet" : input.error;
-        status.numbers.error = status.numbers.error.empty() ? input.error : status.numbers.error;
+    MediaNumbers in = complete(mStream->in(), mSource, mStream->sourceHasRun(), mStream->sourceRuns());
+    MediaNumbers out = complete(mStream->out(), mDestination, mStream->destinationHasRun(), mStream->destinationRuns());
+    if (in.state != MediaState::kRunning && in.error.empty()) {
+        in.error =
+            mStream->sourceHasRun() ? "nothing comes from " + mStreamId : "no one publishes " + mStreamId + " yet";
     }
-    return status;
+    if (out.state != MediaState::kRunning && out.error.empty()) {
+        out.error = mStream->destinationIsStuck(kSilent) ? "it takes nothing any more" : in.error;
+    }
+    return {out, {{mStreamId, in}}};
 }
 
 void RelayWorker::stop(std::function<void()> done) {

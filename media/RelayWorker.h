@@ -49,7 +49,7 @@ private:
     static void begin(Side& side);
     static void callOff(Side& side);
     static void reconnect(Side& side, bool hasRun, const std::string& error, std::function<void()> connect);
-    static MediaNumbers complete(MediaNumbers numbers, const Side& side, bool isRunning);
+    static MediaNumbers complete(MediaNumbers numbers, const Side& side, bool hasRun, bool isRunning);
 
     const std::shared_ptr<Stream> mStream;  // shared with the streaming threads
     std::string mStreamId;

@@ -121,5 +121,85 @@ TEST(SteadyTime, NeverGoesBack) {
     EXPECT_EQ(time.at(900, 60), 61);
 }
 
+// What a gate lets through of the tags that come one after the other, as text.
+struct Gate : FlvGate {
+    std::string take(const std::string& bytes, size_t waiting = 0, int64_t now = 0) {
+        const FlvTag tag = read(std::string(kFlvHeader) + bytes, bytes.size())[0];
+        std::string given;
+        see(tag, now);
+        const bool isPassed = pass(tag, waiting, [&](const FlvTag& each) { given += each.bytes; });
+        EXPECT_EQ(isPassed, !given.empty());
+        return given;
+    }
+};
+
+const std::string kMetadata = tagOf(18, 0, "onMetaData");
+const std::string kVideoSetup = tagOf(9, 0, {0x17, 0, 1, 2});
+const std::string kAudioSetup = tagOf(8, 0, {'\xaf', 0, 3});
+const std::string kKeyFrame = tagOf(9, 0, {0x17, 1, 4});
+const std::string kInterFrame = tagOf(9, 0, {0x27, 1, 5});
+const std::string kSound = tagOf(8, 0, {'\xaf', 1, 6});
+
+TEST(FlvGate, BeginsAtAKeyFrameWithTheSetup) {
+    Gate gate;
+    for (const std::string& early : {kMetadata, kVideoSetup, kAudioSetup, kInterFrame, kSound}) {
+        EXPECT_EQ(gate.take(early), "");
+    }
+    EXPECT_EQ(gate.take(kKeyFrame), kMetadata + kVideoSetup + kAudioSetup + kKeyFrame);
+    for (const std::string& next : {kSound, kInterFrame, kVideoSetup, kMetadata, kKeyFrame}) {
+        EXPECT_EQ(gate.take(next), next);
+    }
+}
+
+TEST(FlvGate, BeginsWithSoundWhereNoVideoComes) {
+    Gate alone;
+    EXPECT_EQ(alone.take(kAudioSetup), "");
+    EXPECT_EQ(alone.take(kSound), kAudioSetup + kSound);
+
+    Gate gate;
+    gate.take(kInterFrame, 0, 1000);
+    EXPECT_EQ(gate.take(kSound, 0, 1000 + FlvGate::kSilent), "");
+    EXPECT_EQ(gate.take(kSound, 0, 1001 + FlvGate::kSilent), kSound);
+}
+
+TEST(FlvGate, KeepsWhatWaitsForASlowDestinationBoundedWhateverItIs) {
+    for (const std::string& tag : {kMetadata, kVideoSetup, kAudioSetup, kKeyFrame, kInterFrame, kSound}) {
+        Gate gate;
+        gate.take(kKeyFrame);
+        EXPECT_EQ(gate.take(tag, FlvGate::kMostWaiting), tag);
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(gate.take(tag, FlvGate::kMostWaiting + 1), "");
+        }
+    }
+}
+
+TEST(FlvGate, GoesOnAtAKeyFrameOnceThereIsRoomAndWithTheLatestSetup) {
+    Gate gate;
+    gate.take(kMetadata);
+    gate.take(kVideoSetup);
+    gate.take(kKeyFrame);
+    const std::string otherSetup = tagOf(9, 0, {0x17, 0, 7, 8});
+    EXPECT_EQ(gate.take(otherSetup, FlvGate::kMostWaiting + 1), "");
+    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMostWaiting / 4), "");
+    EXPECT_EQ(gate.take(kInterFrame), "");
+    EXPECT_EQ(gate.take(kMetadata), "");
+    EXPECT_EQ(gate.take(kSound), "");
+    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMostWaiting / 4 - 1), kMetadata + otherSetup + kKeyFrame);
+    EXPECT_EQ(gate.take(kInterFrame), kInterFrame);
+}
+
+TEST(FlvGate, TellsANewDestinationTheSetupAndForgetsThatOfAnOldSource) {
+    Gate gate;
+    gate.take(kVideoSetup);
+    gate.take(kKeyFrame);
+    gate.shut();
+    EXPECT_EQ(gate.take(kInterFrame), "");
+    EXPECT_EQ(gate.take(kKeyFrame), kVideoSetup + kKeyFrame);
+    gate.forgetSetup();
+    EXPECT_EQ(gate.take(kKeyFrame), kKeyFrame);
+    gate.shut();
+    EXPECT_EQ(gate.take(kKeyFrame), kKeyFrame);
+}
+
 }  // namespace
 }  // namespace vexalive

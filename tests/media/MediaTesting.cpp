@@ -143,9 +143,9 @@ json Desk::mix() const {
     return mixes.empty() ? json() : mixes[0];
 }
 
-json Desk::relay() const {
+json Desk::relay(size_t place) const {
     const json relays = state()["relays"];
-    return relays.empty() ? json() : relays[0];
+    return place < relays.size() ? relays[place] : json();
 }
 
 std::string Desk::get(const std::string& path) const {
@@ -168,6 +168,21 @@ std::vector<pid_t> Desk::children(const std::string& text) {
     return found;
 }
 
+// ---- Another server -------------------------------------------------------------------------------------------------
+
+OtherServer::OtherServer() {
+    std::string error;
+    EXPECT_TRUE(mServer.prepare(mFolder.path(), error) && mServer.configure(9, error)) << error;
+    start();
+}
+
+void OtherServer::start() {
+    std::string error;
+    mProcess.reset();
+    mProcess = vexalive::Child::start(mServer.arguments(), error);
+    ASSERT_TRUE(mProcess) << error;
+}
+
 // ---- Members and watchers -------------------------------------------------------------------------------------------
 
 std::unique_ptr<Program> publish(const std::string& url, const Look& look) {
@@ -179,7 +194,7 @@ std::unique_ptr<Program> publish(const std::string& url, const Look& look) {
     if (!look.colour.empty()) {
         add({"-f", "lavfi", "-i",
              "color=" + look.colour + ":s=" + std::to_string(look.width) + "x" + std::to_string(look.height) +
-                 ":r=" + rate});
+                 ":r=" + rate + (look.noise == 0 ? "" : ",noise=alls=100,noise=alls=30:allf=t")});
     }
     if (look.tone != 0) {
         add({"-re", "-f", "lavfi", "-i", "sine=" + std::to_string(look.tone) + ":sample_rate=48000"});
@@ -187,6 +202,9 @@ std::unique_ptr<Program> publish(const std::string& url, const Look& look) {
     if (!look.colour.empty()) {
         add({"-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-pix_fmt", "yuv420p", "-g", rate,
              "-threads", "1"});
+    }
+    if (look.noise != 0) {
+        add({"-b:v", std::to_string(look.noise) + "k"});
     }
     if (look.tone != 0) {
         add({"-c:a", "aac", "-b:a", "96k"});
@@ -205,7 +223,7 @@ std::ostream& operator<<(std::ostream& out, const Rgb& colour) {
 }
 
 Viewer::Viewer(const std::string& url, int width, int height) : mWidth(width), mHeight(height) {
-    std::vector<std::string> command = {"ffmpeg", "-loglevel", "error", "-threads", "1"};
+    std::vector<std::string> command = {"ffmpeg", "-loglevel", "error", "-fpsprobesize", "0", "-threads", "1"};
     if (url.rfind("rtmp://", 0) == 0) {
         command.insert(command.end(), {"-fflags", "nobuffer", "-flags", "low_delay"});
     }
@@ -288,8 +306,8 @@ bool Viewer::comesToSee(const std::vector<Spot>& spots) const {
 
 Hearer::Hearer(const std::string& url) {
     mProgram = std::make_unique<Program>(
-        std::vector<std::string>{"ffmpeg", "-loglevel", "error", "-fflags", "nobuffer", "-i", url, "-vn", "-f", "s16le",
-                                 "-ac", "1", "-ar", std::to_string(kSampleRate), "pipe:1"},
+        std::vector<std::string>{"ffmpeg", "-loglevel", "error", "-fpsprobesize", "0", "-fflags", "nobuffer", "-i", url,
+                                 "-vn", "-f", "s16le", "-ac", "1", "-ar", std::to_string(kSampleRate), "pipe:1"},
         [this](const char* bytes, size_t count) { take(bytes, count); });
 }
 
@@ -321,8 +339,8 @@ bool Hearer::comesToHear(const std::vector<int>& tones) const {
 
 PacketWatch::PacketWatch(const std::string& url) {
     mProgram = std::make_unique<Program>(
-        std::vector<std::string>{"ffprobe", "-loglevel", "error", "-show_packets", "-show_entries",
-                                 "packet=codec_type,dts_time", "-of", "csv=p=0", url},
+        std::vector<std::string>{"ffprobe", "-loglevel", "error", "-fpsprobesize", "0", "-show_packets",
+                                 "-show_entries", "packet=codec_type,dts_time", "-of", "csv=p=0", url},
         [this](const char* bytes, size_t count) { take(bytes, count); });
 }
 
@@ -356,6 +374,47 @@ double PacketWatch::longestGap(const std::string& kind) const {
 bool PacketWatch::goesBack(const std::string& kind) const {
     const std::vector<double> all = times(kind);
     return !std::is_sorted(all.begin(), all.end());
+}
+
+FrameWatch::FrameWatch(const std::string& url) {
+    mProgram = std::make_unique<Program>(
+        std::vector<std::string>{
+            "ffprobe", "-loglevel", "error", "-fpsprobesize", "0", "-show_frames", "-show_entries",
+            "frame=media_type,key_frame,best_effort_timestamp_time,pkt_size,width,height,nb_samples,channels", "-of",
+            "compact=p=0", url},
+        [this](const char* bytes, size_t count) { take(bytes, count); });
+}
+
+// Lines such as "media_type=video|key_frame=1|…".
+void FrameWatch::take(const char* bytes, size_t count) {
+    mRest.append(bytes, count);
+    const std::lock_guard<std::mutex> lock(mMutex);
+    for (size_t end = mRest.find('\n'); end != std::string::npos; end = mRest.find('\n')) {
+        const std::string line = "|" + mRest.substr(0, end);
+        const auto field = [&line](const std::string& name) {
+            const size_t found = line.find("|" + name + "=");
+            return found == std::string::npos ? 0 : std::strtod(line.c_str() + found + name.size() + 2, nullptr);
+        };
+        const auto number = [&field](const std::string& name) { return static_cast<int>(field(name)); };
+        const double time = field("best_effort_timestamp_time");
+        if (line.find("|media_type=video") != std::string::npos) {
+            mPictures.push_back(
+                {time, number("width"), number("height"), number("pkt_size"), number("key_frame") == 1});
+        } else if (line.find("|media_type=audio") != std::string::npos) {
+            mSounds.push_back({time, number("nb_samples"), number("channels")});
+        }
+        mRest.erase(0, end + 1);
+    }
+}
+
+std::vector<FrameWatch::Picture> FrameWatch::pictures() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mPictures;
+}
+
+std::vector<FrameWatch::Sound> FrameWatch::sounds() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mSounds;
 }
 
 // ---- Requests -------------------------------------------------------------------------------------------------------

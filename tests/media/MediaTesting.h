@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "ServiceTesting.h"
+#include "service/Origin.h"
 
 namespace mediatesting {
 
@@ -54,8 +55,8 @@ public:
     // The code of the answer.
     int ask(const json& body);
     json state() const { return mService.state(); }
-    json mix() const;    // the first one of the state
-    json relay() const;  // the same
+    json mix() const;                    // the first one of the state
+    json relay(size_t place = 0) const;  // they stand there by their members
     std::string origin() const { return state()["service"]["origin"]["address"]; }
     std::string memberUrl(int number) const { return origin() + "/live/" + streamIdOf(number); }
     std::string mixUrl() const { return origin() + "/mix/" + streamIdOf(1); }
@@ -78,6 +79,20 @@ private:
     std::unique_ptr<httplib::Client> mClient;
 };
 
+// An RTMP server that knows nothing of the desk.
+class OtherServer {
+public:
+    OtherServer();
+    std::string url(const std::string& name) const { return mServer.address().url + "/cdn/" + name; }
+    void start();
+    void signal(int number) { mProcess->signal(number); }
+
+private:
+    const servicetesting::TemporaryFolder mFolder;
+    vexalive::Origin mServer;
+    std::unique_ptr<vexalive::Child> mProcess;
+};
+
 // One colour and one tone, published.
 struct Look {
     std::string colour;  // as FFmpeg names them; none: sound alone
@@ -85,6 +100,7 @@ struct Look {
     int width = 640;
     int height = 360;
     int framesPerSecond = 20;
+    int noise = 0;  // kbit/s; 0: nothing but the colour
 };
 std::unique_ptr<Program> publish(const std::string& url, const Look& look);
 
@@ -175,6 +191,36 @@ private:
     std::string mRest;
     mutable std::mutex mMutex;
     std::map<std::string, std::vector<double>> mTimes;
+    std::unique_ptr<Program> mProgram;
+};
+
+// Someone who measures each frame.
+class FrameWatch {
+public:
+    struct Picture {
+        double time;  // seconds
+        int width;
+        int height;
+        int bytes;
+        bool isKey;
+    };
+    struct Sound {
+        double time;
+        int samples;
+        int channels;
+    };
+    explicit FrameWatch(const std::string& url);
+    std::vector<Picture> pictures() const;
+    std::vector<Sound> sounds() const;
+    bool hasEnded() const { return mProgram->hasEnded(); }
+
+private:
+    void take(const char* bytes, size_t count);
+
+    std::string mRest;
+    mutable std::mutex mMutex;
+    std::vector<Picture> mPictures;
+    std::vector<Sound> mSounds;
     std::unique_ptr<Program> mProgram;
 };
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <random>
 
 #include "MediaTesting.h"
@@ -12,9 +12,94 @@ namespace mediatesting {
 namespace {
 
 constexpr Rgb kBackground{0x20, 0x40, 0x60};
+constexpr Rgb kPlaceholder{0x2b, 0x2b, 0x2b};
 constexpr double kFrame = 0.05;      // seconds
 constexpr int kHalfASecond = 10;     // frames
 constexpr double kRounding = 0.002;  // RTMP counts milliseconds
+
+// What the output is asked to be.
+struct Output {
+    int width;
+    int height;
+    int frameRate;
+    int bitrate;  // kbit/s
+    int gop;      // seconds
+    int sampleRate;
+    int channels;
+};
+
+json asked(json body, const Output& output) {
+    json& canvas = body["input_stream_list"][0]["layout_params"];
+    if (canvas["input_type"] == 3) {
+        canvas["image_width"] = output.width;
+        canvas["image_height"] = output.height;
+    }
+    json& wish = body["output_param"];
+    wish["output_stream_frame_rate"] = output.frameRate;
+    wish["output_stream_bitrate"] = output.bitrate;
+    wish["output_stream_gop"] = output.gop;
+    wish["output_audio_sample_rate"] = output.sampleRate;
+    wish["output_audio_channels"] = output.channels;
+    return body;
+}
+
+// Measures two groups of pictures, from the second key frame of the output's size on: the encoder has settled by then.
+// The first `passed` pictures do not count.
+void expectOutput(const FrameWatch& watch, const Output& output, size_t passed = 0) {
+    std::vector<FrameWatch::Picture> pictures;
+    std::vector<size_t> keys;
+    ASSERT_TRUE(eventually([&] {
+        pictures.clear();
+        keys.clear();
+        const std::vector<FrameWatch::Picture> all = watch.pictures();
+        for (size_t i = passed; i < all.size(); ++i) {
+            const FrameWatch::Picture& picture = all[i];
+            if (picture.width == output.width && picture.height == output.height) {
+                if (picture.isKey) {
+                    keys.push_back(pictures.size());
+                }
+                pictures.push_back(picture);
+            }
+        }
+        return keys.size() >= 4;
+    })) << pictures.size()
+        << " pictures of that size";
+    for (const size_t group : {size_t{1}, size_t{2}}) {
+        EXPECT_EQ(keys[group + 1] - keys[group], static_cast<size_t>(output.gop * output.frameRate));
+    }
+    const double begin = pictures[keys[1]].time;
+    const double end = pictures[keys[3]].time;
+    EXPECT_NEAR(end - begin, 2 * output.gop, 2 * kRounding);
+    double bits = 0;
+    for (size_t i = keys[1]; i < keys[3]; ++i) {
+        bits += 8 * pictures[i].bytes;
+    }
+    EXPECT_NEAR(bits / 1000 / (end - begin), output.bitrate, output.bitrate / 4);
+
+    std::vector<double> sounds;
+    double samples = 0;
+    for (const FrameWatch::Sound& sound : watch.sounds()) {
+        if (sound.time >= begin && sound.time <= end) {
+            EXPECT_EQ(sound.channels, output.channels);
+            samples += sound.samples;
+            sounds.push_back(sound.time);
+        }
+    }
+    ASSERT_GT(sounds.size(), 2U);
+    const double perPiece = samples / static_cast<double>(sounds.size());
+    EXPECT_NEAR(perPiece * static_cast<double>(sounds.size() - 1) / (sounds.back() - sounds.front()), output.sampleRate,
+                output.sampleRate / 50);
+}
+
+template <class Frame>
+double longestGap(const std::vector<Frame>& frames) {
+    double longest = 0;
+    for (size_t i = 1; i < frames.size(); ++i) {
+        EXPECT_GE(frames[i].time, frames[i - 1].time);
+        longest = std::max(longest, frames[i].time - frames[i - 1].time);
+    }
+    return longest;
+}
 
 class Mix : public testing::Test {
 protected:
@@ -196,21 +281,58 @@ TEST_F(Mix, AnInputThatIsKilledIsReplacedAndComesBackInAnotherSize) {
     EXPECT_EQ(desk.mix()["media"]["reconnects"], 0);
 }
 
-TEST_F(Mix, ASettingOfTheOutputChangesOnTheSameConnection) {
+TEST_F(Mix, AnInputThatFreezesIsReplacedUntilItGoesOn) {
     const auto alice = member(1, "red", 440);
-    start({{1, 0, 0, 640, 360}});
+    const auto bob = member(2, "lime", 660);
+    start({{1, 0, 0, 320, 360}, {2, 320, 0, 320, 360}});
+    const Viewer viewer(desk.mixUrl(), 640, 360);
     const PacketWatch packets(desk.mixUrl());
+    ASSERT_TRUE(viewer.comesToSee({{160, 180, kRed}, {480, 180, kLime}}));
+
+    ::kill(bob->pid(), SIGSTOP);
+    EXPECT_TRUE(viewer.comesToSee({{160, 180, kRed}, {480, 180, kPlaceholder}}));
+    EXPECT_TRUE(inputComesToBe(1, "reconnecting"));
+    EXPECT_EQ(desk.mix()["media"]["inputs"][1]["error"], "nothing comes from " + streamIdOf(2));
+    EXPECT_EQ(desk.mix()["media"]["state"], "running");
+    ::kill(bob->pid(), SIGCONT);
+    EXPECT_TRUE(viewer.comesToSee({{160, 180, kRed}, {480, 180, kLime}}));
+    EXPECT_TRUE(inputComesToBe(1, "running"));
+    EXPECT_EQ(desk.mix()["media"]["inputs"][1]["reconnects"], 0);
+    EXPECT_LE(packets.longestGap("video"), 2 * kFrame + kRounding);
+}
+
+TEST_F(Mix, TheOutputIsWhatItsSettingsSayAndBecomesAnotherOnTheSameConnection) {
+    const std::vector<Place> places = {{1, 0, 0, 320, 180}};
+    const Output first{426, 240, 25, 500, 1, 44100, 1};
+    const Output second{640, 360, 15, 900, 1, 32000, 2};
+    const auto alice = publish(desk.memberUrl(1), {"gray", 440, 320, 180, 25, 3000});
+    ASSERT_EQ(desk.ask(asked(mixBody(places), first)), 0);
+    ASSERT_TRUE(inputComesToBe(0, "running"));
+    ASSERT_TRUE(eventually([this] { return desk.mix()["media"]["state"] == "running"; })) << desk.mix();
+    const FrameWatch watch(desk.mixUrl());
     const Hearer hearer(desk.mixUrl());
-    ASSERT_TRUE(hearer.comesToHear({440}));
-    json body = mixBody({{1, 0, 0, 640, 360}});
-    body["output_param"]["output_stream_bitrate"] = 300;
-    body["output_param"]["output_stream_gop"] = 1;
-    body["output_param"]["output_audio_bitrate"] = 48;
-    ASSERT_EQ(desk.ask(body), 0);
-    const size_t seen = packets.times("video").size();
-    EXPECT_TRUE(eventually([&] { return packets.times("video").size() > seen + 40; }));
+    expectOutput(watch, first);
     EXPECT_TRUE(hearer.comesToHear({440}));
-    EXPECT_FALSE(packets.hasEnded());
+
+    ASSERT_EQ(desk.ask(asked(mixBody(places), second)), 0);
+    expectOutput(watch, second);
+    EXPECT_TRUE(hearer.comesToHear({440}));
+    Output third = second;
+    third.frameRate = 25;
+    const size_t passed = watch.pictures().size();
+    ASSERT_EQ(desk.ask(asked(mixBody(places), third)), 0);
+    expectOutput(watch, third, passed);
+    EXPECT_LE(longestGap(watch.pictures()), 2.0 / second.frameRate + kRounding);
+
+    ASSERT_EQ(desk.ask(asked(mixBody({{1, 0, 0, 0, 0, true}}), third)), 0);
+    const auto hasSoundAlone = [&watch] { return watch.sounds().back().time > watch.pictures().back().time + 1; };
+    EXPECT_TRUE(eventually(hasSoundAlone));
+    const size_t seen = watch.pictures().size();
+    ASSERT_EQ(desk.ask(asked(mixBody(places), first)), 0);
+    EXPECT_TRUE(eventually([&] { return watch.pictures().size() > seen + 15; }));
+    EXPECT_EQ(watch.pictures().back().width, first.width);
+    EXPECT_LE(longestGap(watch.sounds()), 0.1);
+    EXPECT_FALSE(watch.hasEnded());
     EXPECT_EQ(desk.mix()["media"]["reconnects"], 0);
 }
 
