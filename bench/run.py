@@ -4,8 +4,8 @@
     run.py BUILD_FOLDER [--rows NAME,NAME] [--write]     measures; prints the table; with --write, into the documents
     run.py --compare RESULTS.json RESULTS.json …         how far the ratios of several runs lie apart
 
-The contenders of a row take turns, in another order each round. Their ratio is the median of the rounds' ratios, so
-that what slows the machine down for a while slows both.
+The contenders of a row take turns, in another order each round, and so do the rows. A ratio is the median of the rounds'
+ratios, so that what slows the machine down for a while slows both.
 """
 
 import argparse
@@ -77,16 +77,26 @@ class Stage:
         return {name: float(value) for name, value in (line.split("\t") for line in output.splitlines())}
 
 
-def measure(stage, row):
-    """For each figure and contender the values of all rounds."""
-    values = {figure.key: {contender: [] for contender in row.contenders} for figure in row.figures}
-    order = list(row.contenders)
-    for _ in range(row.rounds):
+def measure(stage, rows):
+    """For each row, figure and contender the values of all rounds. The rounds of every row are spread over the whole run,
+    so that a machine which is slower for some minutes is so for all rows."""
+    values = {
+        row.name: {figure.key: {contender: [] for contender in row.contenders} for figure in row.figures} for row in rows
+    }
+    orders = {row.name: list(row.contenders) for row in rows}
+    seconds = dict.fromkeys(values, 0.0)
+    rounds = [((i + 0.5) / row.rounds, number, row) for number, row in enumerate(rows) for i in range(row.rounds)]
+    for _, _, row in sorted(rounds, key=lambda each: each[:2]):
+        begun = time.monotonic()
+        order = orders[row.name]
         for contender in order:
             figures = stage.play(row, contender)
-            for key, of_contender in values.items():
+            for key, of_contender in values[row.name].items():
                 of_contender[contender].append(figures[key])
         order.append(order.pop(0))
+        seconds[row.name] += time.monotonic() - begun
+    for row in rows:
+        print(f"   {row.name}: {row.rounds} rounds in {seconds[row.name]:.0f} s", flush=True)
     return values
 
 
@@ -154,13 +164,10 @@ def main():
     rows = [row for row in ROWS if row.name in wanted]
     if len(rows) != len(wanted) or not arguments.build:
         parser.error(f"the rows are {', '.join(row.name for row in ROWS)}")
-    results = []
     with tempfile.TemporaryDirectory() as folder, FarSide(folder) as far_side:
         stage = Stage(os.path.abspath(arguments.build), far_side)
-        for row in rows:
-            begun = time.monotonic()
-            results += judge(row, measure(stage, row))
-            print(f"   {row.name}: {row.rounds} rounds in {time.monotonic() - begun:.0f} s", flush=True)
+        values = measure(stage, rows)
+    results = [result for row in rows for result in judge(row, values[row.name])]
     with open(os.path.join(arguments.build, "results.json"), "w", encoding="utf-8") as file:
         json.dump(results, file, indent=1)
     print(report.table(results))
