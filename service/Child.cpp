@@ -112,10 +112,11 @@ std::string findProgram(const std::string& name, const std::string& folders) {
 }
 
 std::unique_ptr<Child> Child::start(const std::vector<std::string>& arguments, std::string& error) {
-    const auto failed = [&error, &arguments](int reason) {
-        error = "cannot run " + arguments[0] + ": " + std::generic_category().message(reason);
+    const auto failed = [&error, &arguments](const char* what, int reason) {
+        error = what + arguments[0] + ": " + std::generic_category().message(reason);
         return nullptr;
     };
+    const char* const ownFault = "this service cannot make a process for ";
     std::vector<char*> texts;
     texts.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
@@ -127,12 +128,12 @@ std::unique_ptr<Child> Child::start(const std::vector<std::string>& arguments, s
     Pipe errors;
     Pipe failure;  // stays empty, and ends when the program runs
     if (!openPipe(input) || !openPipe(output) || !openPipe(errors) || !openPipe(failure)) {
-        return failed(errno);
+        return failed(ownFault, errno);
     }
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) {
-        return failed(errno);
+        return failed(ownFault, errno);
     }
     if (pid == 0) {
         become(texts.data(), parent, input.reading.get(), output.writing.get(), errors.writing.get(),
@@ -140,7 +141,7 @@ std::unique_ptr<Child> Child::start(const std::vector<std::string>& arguments, s
     }
     std::unique_ptr<Child> child(new Child(pid, Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)))));
     if (child->exitFd() < 0) {
-        return failed(errno);
+        return failed(ownFault, errno);
     }
     failure.writing.reset();
     int reason = 0;
@@ -149,7 +150,7 @@ std::unique_ptr<Child> Child::start(const std::vector<std::string>& arguments, s
         told = ::read(failure.reading.get(), &reason, sizeof reason);
     } while (told < 0 && errno == EINTR);
     if (told != 0) {
-        return failed(reason);
+        return failed("cannot run ", reason);
     }
     child->input = std::move(input.writing);
     child->output = std::move(output.reading);

@@ -172,6 +172,7 @@ private:
         received.query = mark == std::string::npos ? "" : request.target.substr(mark + 1);
         received.host = request.get_header_value("Host");
         received.origin = request.get_header_value("Origin");
+        received.fetchSite = request.get_header_value("Sec-Fetch-Site");
         received.body = request.body;
         received.isFromLoopback = mIsFromLoopback;
         const auto made = std::make_shared<HttpAnswer>(mOwner.mHandler(received));

@@ -27,9 +27,10 @@ namespace vexalive {
 struct HttpRequest {
     std::string method;
     std::string path;
-    std::string query;   // as sent, without its "?"
-    std::string host;    // header
-    std::string origin;  // header; the web site that a browser asks for
+    std::string query;      // as sent, without its "?"
+    std::string host;       // header
+    std::string origin;     // header; the web site that a browser asks for
+    std::string fetchSite;  // header Sec-Fetch-Site; where that is, as seen from here: "cross-site"
     std::string body;
     bool isFromLoopback = false;
 };

@@ -130,15 +130,17 @@ HttpAnswer misbehavedAnswer(const Misbehaviour& misbehaviour) {
 }
 
 // Whether a browser can only have come here by the address that a person gave it: a web site elsewhere can have its own
-// name lead here, or have a browser send something on.
-bool isOfOwnPage(const HttpRequest& request, bool isConsole) {
+// name lead here, unless TLS finds out, have a browser send something on, or show what it gets from here as its own.
+bool isOfOwnPage(const HttpRequest& request, bool isTls) {
     const size_t mark = request.host.find_last_of("]:");
     const bool hasPort = mark != std::string::npos && request.host[mark] == ':';
     const std::string host = hasPort ? request.host.substr(0, mark) : request.host;
     const bool isHere = host == "localhost" || host == "127.0.0.1" || host == "[::1]";
     const bool isOwn = request.origin.empty() || request.origin == "http://" + request.host ||
                        request.origin == "https://" + request.host;
-    return isOwn && (isHere || !isConsole);
+    const bool isEmbeddable = request.path == kState || request.path == kSnapshot;
+    const bool isEmbedded = request.fetchSite == "cross-site" || request.fetchSite == "same-site";
+    return isOwn && (isHere || isTls) && !(isEmbeddable && isEmbedded);
 }
 
 LiveServiceOptions completed(LiveServiceOptions options) {
@@ -164,19 +166,20 @@ LiveServiceOptions completed(LiveServiceOptions options) {
 struct LiveService::Impl {
     explicit Impl(LiveServiceOptions given)
         : options(completed(std::move(given))),
-          console(localRoutes(), [this](const HttpRequest& request) { return answerLocal(request, true); }),
+          console(localRoutes(), [this](const HttpRequest& request) { return answerLocal(request, false); }),
           server(routes(), [this](const HttpRequest& request) { return answer(request); }) {
         if (options.media) {
             media.emplace(options);
         }
     }
+    ~Impl() { stop(); }
 
     bool start();
     bool startBehind();
     void stop();
     ordered_json stateFields() const;
     HttpAnswer answer(const HttpRequest& request);
-    HttpAnswer answerLocal(const HttpRequest& request, bool isConsole);
+    HttpAnswer answerLocal(const HttpRequest& request, bool isTls);
     HttpAnswer answerSnapshot(const HttpRequest& request);
     HttpAnswer answerMisbehave(const HttpRequest& request);
     HttpAnswer answerInterface(const std::string& interfaceName, const HttpRequest& request);
@@ -230,6 +233,9 @@ bool LiveService::Impl::startBehind() {
 }
 
 void LiveService::Impl::stop() {
+    if (media) {
+        media->endWaits();
+    }
     server.stop();
     console.stop();
     if (media) {
@@ -255,14 +261,14 @@ HttpAnswer LiveService::Impl::answer(const HttpRequest& request) {
     if (request.path.rfind(kFolder, 0) == 0) {
         return answerInterface(request.path.substr(std::string(kFolder).size()), request);
     }
-    return answerLocal(request, false);
+    return answerLocal(request, options.tls);
 }
 
-HttpAnswer LiveService::Impl::answerLocal(const HttpRequest& request, bool isConsole) {
+HttpAnswer LiveService::Impl::answerLocal(const HttpRequest& request, bool isTls) {
     if (!request.isFromLoopback) {
         return plainAnswer(403, "this path is for clients on the service's own machine");
     }
-    if (!isOfOwnPage(request, isConsole)) {
+    if (!isOfOwnPage(request, isTls)) {
         return plainAnswer(403, "this path is not for pages of other web sites; its host is localhost or 127.0.0.1");
     }
     if (request.path == kState) {

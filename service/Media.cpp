@@ -20,6 +20,7 @@ namespace {
 constexpr const char* kOriginKey = "origin";
 constexpr const char* kWorkerName = "vexalive-media";
 constexpr std::chrono::seconds kOriginPatience(15);
+constexpr std::chrono::milliseconds kHandover(300);  // at the origin, a name is free when who publishes it has gone
 constexpr std::chrono::milliseconds kPictureAge(250);
 constexpr std::chrono::milliseconds kPictureTime(1000);
 constexpr int kPictureWidth = 640;
@@ -83,7 +84,41 @@ std::string formValue(const std::string& form, const std::string& name) {
     return whole.substr(value, whole.find('&', value) - value);
 }
 
+std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return text;
+}
+
+// One name for this machine, which has several.
+std::string plainHost(const std::string& host) {
+    const std::string name = lowerCase(host);
+    return name == "localhost" || name == "::1" ? "127.0.0.1" : name;
+}
+
 }  // namespace
+
+std::string flawOf(const std::string& destination, const OriginAddress& origin) {
+    const std::string start = "rtmp://";
+    if (destination.compare(0, start.size(), start) != 0) {
+        return "the scheme " + excerpt(destination.substr(0, destination.find("://")));  // the rest may hold a key
+    }
+    const size_t hostEnd = std::min(destination.find_first_of("/?", start.size()), destination.size());
+    const std::string place = destination.substr(start.size(), hostEnd - start.size());
+    const std::optional<OriginAddress> target = readOriginAddress(start + place.substr(place.rfind('@') + 1));
+    if (!target) {
+        return "no host, or a port that is none";
+    }
+    const std::string path = destination.substr(hostEnd, destination.find('?', hostEnd) - hostEnd);
+    const size_t mark = path.rfind('/');
+    if (mark == std::string::npos || mark <= 1 || mark + 1 == path.size()) {
+        return "no application, or no name of a stream behind it";
+    }
+    const std::string application = path.substr(1, path.find('/', 1) - 1);
+    const bool isOrigin = plainHost(target->host) == plainHost(origin.host) && target->port == origin.port;
+    return isOrigin && (application == "live" || application == "mix") ? "the origin's own \"" + application + "\""
+                                                                       : "";
+}
 
 std::string relayConfiguration(const AcceptedRequest& request, const std::string& origin) {
     return asLine(
@@ -163,7 +198,6 @@ bool Media::prepare(std::string& error) {
     KstMutexLock lock(mMutex);
     mAddress = address;
     mElsewhere = {};
-    mIsStopping = false;
     return true;
 }
 
@@ -199,10 +233,11 @@ bool Media::start(uint16_t consolePort, const std::vector<AcceptedRequest>& runn
             return false;
         }
     }
-    if (!mWatch.start(
-            address(), [this](const std::string& failure) { hearOrigin(failure); }, error)) {
+    const std::vector<SocketAddress> addresses = findAddresses(address(), error);
+    if (addresses.empty()) {
         return false;
     }
+    mWatch.start(address().url, addresses, [this](const OriginLook& seen) { hearOrigin(seen); });
     for (const AcceptedRequest& request : running) {
         if (const std::optional<Refusal> refusal = begin(request)) {
             hearLine(keyOf(request), refusal->message);
@@ -211,13 +246,14 @@ bool Media::start(uint16_t consolePort, const std::vector<AcceptedRequest>& runn
     return true;
 }
 
-void Media::stop() {
-    {
-        KstMutexLock lock(mMutex);
-        mIsStopping = true;
-        mPictures.clear();
-    }
+void Media::endWaits() {
+    KstMutexLock lock(mMutex);
+    mCarriedOut.clear();
     mPictureCame.notifyAll();
+}
+
+void Media::stop() {
+    endWaits();
     mWatch.stop();
     mSupervisor.stop();
     mOrigin.release();
@@ -232,39 +268,50 @@ OriginAddress Media::address() const {
 
 std::optional<Refusal> Media::begin(const AcceptedRequest& request) {
     const bool isRelay = isOfRelay(request);
-    const size_t hostStart = std::string("rtmp://").size();
-    const std::string& destination = request.destination;
-    const std::string scheme = destination.substr(0, destination.find("://"));  // the rest may hold a key
-    if (isRelay && (destination.compare(0, hostStart, "rtmp://") != 0 || destination.size() == hostStart ||
-                    destination[hostStart] == '/' || destination[hostStart] == ':')) {
+    const OriginAddress origin = address();
+    const std::string flaw = isRelay ? flawOf(request.destination, origin) : "";
+    if (!flaw.empty()) {
         return Refusal{Refusal::kUnsupported, "dest_stream_url",
-                       "dest_stream_url: found " + (scheme == "rtmp" ? "no host" : "the scheme " + excerpt(scheme)) +
-                           ", must be an address such as \"rtmp://host/app/stream\": media are relayed over RTMP only"};
+                       "dest_stream_url: found " + flaw +
+                           ", must be an address such as \"rtmp://host/app/stream\": media are relayed over RTMP only, "
+                           "and not to where members and mixes publish"};
     }
     const std::string key = keyOf(request);
-    const std::optional<WorkerStatus> known = mSupervisor.status(key);
-    const bool isNew = !known || known->numbers.state == WorkerState::kStopping;
-    const size_t most = kMostWorkers + (mOptions.origin.empty() ? 1 : 0);
-    if (isNew && mSupervisor.count() >= most) {
+    bool isNew = false;
+    bool isFull = false;
+    {
+        KstMutexLock lock(mMutex);
+        isNew = mCarriedOut.try_emplace(key).second;
+        isFull = isNew && mCarriedOut.size() > kMostWorkers;
+    }
+    std::optional<Refusal> refusal;
+    if (isFull) {
         const std::string field = isRelay ? "stream_id" : "session_id";
-        return Refusal{
+        refusal = {
             Refusal::kFull, field,
             field + ": " + std::to_string(kMostWorkers) + " relays and mixes are carried out, the most at a time"};
+    } else {
+        Supervisor::Program worker{{mWorker, isRelay ? "relay" : "mix"}};
+        worker.handover = kHandover;
+        const std::string failure = mSupervisor.want(
+            key, worker, isRelay ? relayConfiguration(request, origin.url) : mixConfiguration(request, origin.url));
+        if (!failure.empty()) {
+            refusal = {Refusal::kUnavailable, "", "no worker could be started: " + failure};
+        }
     }
-    const std::string origin = address().url;
-    const std::string failure =
-        mSupervisor.want(key, {{mWorker, isRelay ? "relay" : "mix"}},
-                         isRelay ? relayConfiguration(request, origin) : mixConfiguration(request, origin));
-    if (!failure.empty()) {
-        return Refusal{Refusal::kUnavailable, "", "no worker could be started: " + failure};
+    if (refusal && isNew) {
+        KstMutexLock lock(mMutex);
+        mCarriedOut.erase(key);
     }
-    return std::nullopt;
+    return refusal;
 }
 
 void Media::end(const AcceptedRequest& request) {
-    mSupervisor.drop(keyOf(request));
+    const std::string key = keyOf(request);
+    mSupervisor.drop(key);
     KstMutexLock lock(mMutex);
-    mPictures.erase(request.streamId);
+    mCarriedOut.erase(key);
+    mPictureCame.notifyAll();
 }
 
 bool Media::admit(const std::string& form) {
@@ -285,14 +332,15 @@ bool Media::admit(const std::string& form) {
 std::string Media::picture(const std::string& streamId) {
     using Clock = std::chrono::steady_clock;
     const std::string key = mixKey(streamId);
-    if (!mSupervisor.status(key)) {
-        return "";
-    }
     const Clock::time_point begun = Clock::now();
     const Clock::time_point deadline = begun + kPictureTime;
     KstMutexLock lock(mMutex);
-    while (!mIsStopping && Clock::now() < deadline) {
-        Picture& picture = mPictures[streamId];
+    while (Clock::now() < deadline) {
+        const auto found = mCarriedOut.find(key);
+        if (found == mCarriedOut.end()) {
+            break;
+        }
+        Picture& picture = found->second;
         if (picture.taken + kPictureAge >= begun) {
             return picture.jpeg;
         }
@@ -333,8 +381,8 @@ void Media::hearAnswer(const std::string& key, const json& answer) {
         return;
     }
     KstMutexLock lock(mMutex);
-    const auto asked = mPictures.find(eventOf(LiveMediaEvent::Kind::kState, key).streamId);
-    if (asked != mPictures.end()) {
+    const auto asked = mCarriedOut.find(key);
+    if (asked != mCarriedOut.end()) {
         asked->second.jpeg = fromBase64(snapshot->get<std::string>());
         asked->second.taken = std::chrono::steady_clock::now();
         mPictureCame.notifyAll();
@@ -342,14 +390,16 @@ void Media::hearAnswer(const std::string& key, const json& answer) {
 }
 
 // A child of this service's is told of by the supervisor, too, and starts as it says.
-void Media::hearOrigin(const std::string& error) {
+void Media::hearOrigin(const OriginLook& seen) {
+    const std::string& error = seen.error;
     const std::optional<WorkerStatus> before = originStatus();
     WorkerStatus now;
     now.numbers.error = error;
     const bool wasRunning = before && before->numbers.state != WorkerState::kStarting;
-    now.numbers.state = error.empty() ? WorkerState::kRunning
-                        : wasRunning  ? WorkerState::kReconnecting
-                                      : WorkerState::kStarting;
+    now.numbers.state = seen.isOwnFault && before ? before->numbers.state
+                        : error.empty()           ? WorkerState::kRunning
+                        : wasRunning              ? WorkerState::kReconnecting
+                                                  : WorkerState::kStarting;
     if (mOptions.origin.empty()) {
         if (error.empty() || (before && before->numbers.state == WorkerState::kRunning)) {
             mSupervisor.note(kOriginKey, now);

@@ -31,6 +31,9 @@ std::string mixConfiguration(const AcceptedRequest& request, const std::string& 
 // What nginx asks before it lets someone publish, form-encoded. Returns why not; empty if it may be.
 std::string judgePublish(const std::string& form, std::string& streamId);
 
+// What keeps media of a member from being relayed to an address: "no host". Empty if nothing does.
+std::string flawOf(const std::string& destination, const OriginAddress& origin);
+
 class Media {
 public:
     static constexpr size_t kMostWorkers = 64;
@@ -43,6 +46,7 @@ public:
 
     // Starts the origin, and a worker for each of `running`.
     bool start(uint16_t consolePort, const std::vector<AcceptedRequest>& running, std::string& error);
+    void endWaits();  // whoever waits for a picture gets none
     void stop();
 
     // Whether a relay or mix can be carried out; if it can, a worker is at it.
@@ -71,7 +75,7 @@ private:
     void hearState(const std::string& key, const WorkerStatus& status);
     void hearLine(const std::string& key, const std::string& line);
     void hearAnswer(const std::string& key, const nlohmann::json& answer);
-    void hearOrigin(const std::string& error);
+    void hearOrigin(const OriginLook& seen);
     std::optional<WorkerStatus> originStatus() const;
     void tell(LiveMediaEvent event) const;
 
@@ -81,10 +85,9 @@ private:
 
     mutable KstMutex mMutex;
     KstCondition mPictureCame;
-    bool mIsStopping KST_GUARDED_BY(mMutex) = false;
     OriginAddress mAddress KST_GUARDED_BY(mMutex);
-    WorkerStatus mElsewhere KST_GUARDED_BY(mMutex);  // of an origin that is not a child
-    std::map<std::string, Picture> mPictures KST_GUARDED_BY(mMutex);
+    WorkerStatus mElsewhere KST_GUARDED_BY(mMutex);                     // of an origin that is not a child
+    std::map<std::string, Picture> mCarriedOut KST_GUARDED_BY(mMutex);  // each relay and mix, by its worker's key
 
     Supervisor mSupervisor;
     OriginWatch mWatch;  // the last: its thread uses all of the above

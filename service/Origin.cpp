@@ -35,9 +35,12 @@ constexpr std::chrono::milliseconds kLookTime(2000);
 constexpr size_t kGreetingBytes = 1537;  // of RTMP: a version, then a packet
 constexpr char kRtmpVersion = 3;
 
-// A free port of 127.0.0.1, which stays taken while the descriptor is open.
+// Binds to a free port of 127.0.0.1, which nobody who asks for a free one gets meanwhile. One who sets SO_REUSEADDR, as
+// nginx does, may listen on it.
 uint16_t takePort(Descriptor& socket) {
     socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int yes = 1;
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -75,6 +78,7 @@ std::optional<OriginAddress> readOriginAddress(const std::string& url) {
     if (!isPort || !isHost || (hostEnd < place.size() && place[hostEnd] != ':')) {
         return std::nullopt;
     }
+    address.port = std::to_string(port);
     address.url = scheme + place.substr(0, hostEnd) + ":" + address.port;
     return address;
 }
@@ -90,8 +94,7 @@ bool Origin::prepare(const std::string& stateFolder, std::string& error) {
                 ": install Debian's packages nginx and libnginx-mod-rtmp, or name an origin that runs already";
         return false;
     }
-    Descriptor taken;
-    const uint16_t port = takePort(taken);
+    const uint16_t port = takePort(mPort);
     if (port == 0) {
         error = "cannot find a free port on 127.0.0.1 for the origin: " + systemMessage(errno);
         return false;
@@ -177,23 +180,31 @@ std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePor
 
 // ---- Watching -------------------------------------------------------------------------------------------------------
 
-bool OriginWatch::start(const OriginAddress& address, Told told, std::string& error) {
+std::vector<SocketAddress> findAddresses(const OriginAddress& address, std::string& error) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     const int failure = ::getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
     if (failure != 0) {
         error = "cannot find the origin " + address.url + ": " + ::gai_strerror(failure);
-        return false;
+        return {};
     }
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> holder(found, &::freeaddrinfo);
-    mLength = found->ai_addrlen;
-    std::copy_n(reinterpret_cast<const char*>(found->ai_addr), mLength, reinterpret_cast<char*>(&mAddress));
-    mName = address.url;
+    std::vector<SocketAddress> addresses;
+    for (const addrinfo* each = found; each; each = each->ai_next) {
+        SocketAddress& one = addresses.emplace_back();
+        one.length = each->ai_addrlen;
+        std::copy_n(reinterpret_cast<const char*>(each->ai_addr), one.length, reinterpret_cast<char*>(&one.bytes));
+    }
+    return addresses;
+}
+
+void OriginWatch::start(const std::string& name, std::vector<SocketAddress> addresses, Told told) {
+    mName = name;
+    mAddresses = std::move(addresses);
     mTold = std::move(told);
     mStop = Descriptor(::eventfd(0, EFD_CLOEXEC));
     mThread = std::thread([this] { run(); });
-    return true;
 }
 
 void OriginWatch::stop() {
@@ -209,12 +220,12 @@ void OriginWatch::run() {
     sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, nullptr);  // signals are for the host's threads
     for (;;) {
-        const std::string error = look();
+        const OriginLook seen = look();
         if (awaitStop(std::chrono::milliseconds(0))) {
             return;
         }
-        mTold(error);
-        if (awaitStop(error.empty() ? kLookPause : kImpatientPause)) {
+        mTold(seen);
+        if (awaitStop(seen.error.empty() ? kLookPause : kImpatientPause)) {
             return;
         }
     }
@@ -231,32 +242,46 @@ bool OriginWatch::await(int fd, short events, std::chrono::milliseconds patience
     return ::poll(watched.data(), watched.size(), static_cast<int>(patience.count())) > 0 && watched[0].revents == 0;
 }
 
-// Greets as a client does: only a server that works greets back. Returns what is wrong.
-std::string OriginWatch::look() const {
-    const Descriptor socket(::socket(mAddress.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket.isOpen()) {
-        return systemMessage(errno);
+// What the first of the addresses says that answers as it should; else the last one.
+OriginLook OriginWatch::look() const {
+    OriginLook seen;
+    for (const SocketAddress& address : mAddresses) {
+        seen = lookAt(address);
+        if (seen.error.empty()) {
+            break;
+        }
     }
-    const int connected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&mAddress), mLength);
+    return seen;
+}
+
+// Greets as a client does: only a server that works greets back.
+OriginLook OriginWatch::lookAt(const SocketAddress& address) const {
+    const Descriptor socket(::socket(address.bytes.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket.isOpen()) {
+        const int reason = errno;
+        return {"this service cannot look at " + mName + ": " + systemMessage(reason), reason != EAFNOSUPPORT};
+    }
+    const std::string unreachable = mName + " cannot be reached: ";
+    const int connected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address.bytes), address.length);
     if (connected != 0 && errno != EINPROGRESS) {
-        return mName + " cannot be reached: " + systemMessage(errno);
+        return {unreachable + systemMessage(errno)};
     }
     if (!await(socket.get(), POLLOUT, kLookTime)) {
-        return mName + " cannot be reached: no answer";
+        return {unreachable + "no answer"};
     }
     int failure = 0;
     socklen_t length = sizeof failure;
     ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &failure, &length);
     if (failure != 0) {
-        return mName + " cannot be reached: " + systemMessage(failure);
+        return {unreachable + systemMessage(failure)};
     }
     std::array<char, kGreetingBytes> greeting{kRtmpVersion};
     char answer = 0;
     if (::send(socket.get(), greeting.data(), greeting.size(), MSG_NOSIGNAL) != kGreetingBytes ||
         !await(socket.get(), POLLIN, kLookTime) || ::recv(socket.get(), &answer, 1, 0) != 1 || answer != kRtmpVersion) {
-        return mName + " does not answer as an RTMP server does";
+        return {mName + " does not answer as an RTMP server does"};
     }
-    return "";
+    return {};
 }
 
 }  // namespace vexalive

@@ -22,6 +22,7 @@ constexpr int kDoublings = 5;
 constexpr std::chrono::seconds kSteadyTime(10);  // after which a failure counts as the first
 constexpr std::chrono::seconds kFarewell(3);
 constexpr int kStartPatience = 5;  // times its own, on top: plugins are looked for before the first sign of life
+constexpr std::chrono::milliseconds kLongestWait(500);
 constexpr std::chrono::seconds kOmissionPause(1);
 constexpr size_t kMostUnsentBytes = size_t{1} << 20;
 constexpr LineReader::Bounds kOutputBounds = {size_t{2} << 20, 50, size_t{4} << 20};  // pictures come this way
@@ -210,11 +211,11 @@ bool Supervisor::takeWishes() {
 // Waits until something is to be done, and does it.
 void Supervisor::await() {
     std::vector<pollfd> watched = {{mWake.get(), POLLIN, 0}};
-    Clock::time_point deadline = mNow + std::chrono::hours(1);
+    Clock::time_point deadline = mNow + kLongestWait;
     for (const Kept& kept : mKept) {
         if (!kept.child) {
             watched.insert(watched.end(), kSlots, {-1, 0, 0});
-            deadline = std::min(deadline, kept.retryAt);
+            deadline = findInTheWay(kept) ? deadline : std::min(deadline, kept.retryAt);
             continue;
         }
         const auto readable = [&](const Descriptor& stream, const LineReader& reader) {
@@ -232,7 +233,7 @@ void Supervisor::await() {
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     ::poll(watched.data(), watched.size(), static_cast<int>(std::max<decltype(left)>(left, 0)));
-    mNow = Clock::now();
+    forgiveAbsence(std::exchange(mNow, Clock::now()));
     uint64_t wakes = 0;
     [[maybe_unused]] const auto taken = ::read(mWake.get(), &wakes, sizeof wakes);
     const pollfd* slots = watched.data() + 1;
@@ -242,10 +243,20 @@ void Supervisor::await() {
     }
 }
 
+// A wait that took far too long means that this process was stopped. Whoever gives signs of life by way of it could
+// not.
+void Supervisor::forgiveAbsence(Clock::time_point before) {
+    if (mNow > before + 2 * kLongestWait) {
+        for (Kept& kept : mKept) {
+            kept.lastSign += mNow - before;
+        }
+    }
+}
+
 void Supervisor::attend(Kept& kept, const pollfd* slots) {
     if (!kept.child) {
         std::string error;
-        if (mNow >= kept.retryAt && !launch(kept, error)) {
+        if (mNow >= kept.retryAt && !findInTheWay(kept) && !launch(kept, error)) {
             kept.failure = error;
             kept.retryAt = mNow + restartPause(kept.failures++);
             kept.status.numbers.error = error;
@@ -283,6 +294,14 @@ Supervisor::Kept* Supervisor::find(const std::string& key) {
     return found == mKept.end() ? nullptr : &*found;
 }
 
+// One that leaves, and has to be gone before this one may start.
+Supervisor::Kept* Supervisor::findInTheWay(const Kept& kept) {
+    const auto found = std::find_if(mKept.begin(), mKept.end(), [&kept](const Kept& other) {
+        return other.key == kept.key && other.isLeaving && other.child;
+    });
+    return kept.program.handover && found != mKept.end() ? &*found : nullptr;
+}
+
 std::string Supervisor::obey(const std::string& key, const Program& program, const std::string& configuration) {
     if (mIsLeaving) {
         return "the service is stopping";
@@ -298,6 +317,10 @@ std::string Supervisor::obey(const std::string& key, const Program& program, con
     }
     Kept& kept = mKept.emplace_back(key, program);
     kept.configuration = configuration;
+    if (Kept* const leaving = findInTheWay(kept)) {
+        leaving->killAt = std::min(leaving->killAt, Clock::now() + *program.handover);
+        return "";
+    }
     std::string error;
     if (!launch(kept, error)) {
         mKept.pop_back();

@@ -41,6 +41,10 @@ public:
         std::vector<std::string> arguments;        // the first is a path
         std::chrono::milliseconds patience{5000};  // without a sign of life, before it is taken for hung
         int stopSignal = 0;                        // for one that does not heed the end of its input
+
+        // Where two of one key would be in each other's way: a new one starts when the one that leaves has gone, which
+        // has so long yet. None: they may be there at the same time.
+        std::optional<std::chrono::milliseconds> handover = std::nullopt;
     };
 
     // Called on the supervisor's thread, which they must not keep waiting; they must not call want() or stop().
@@ -61,7 +65,7 @@ public:
     // Any thread may call these.
 
     // Starts a child and gives it its configuration, one line; or gives the one that runs another. Returns why it could
-    // not be started, in which case it is forgotten; empty if it runs, or is to be started again anyway.
+    // not be started, in which case it is forgotten; empty if it runs, or is to be started later anyway.
     std::string want(const std::string& key, const Program& program, const std::string& configuration);
     void drop(const std::string& key);                              // stops it
     void tell(const std::string& key, const std::string& line);     // once; lost if it does not run
@@ -78,10 +82,12 @@ private:
     void run();
     bool takeWishes();
     void await();
+    void forgiveAbsence(Clock::time_point before);
     void attend(Kept& kept, const pollfd* slots);
 
     std::string obey(const std::string& key, const Program& program, const std::string& configuration);
     Kept* find(const std::string& key);
+    Kept* findInTheWay(const Kept& kept);
     bool launch(Kept& kept, std::string& error);
     void leave(Kept& kept);
     void send(Kept& kept, const std::string& line);

@@ -10,9 +10,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -25,7 +27,9 @@ namespace vexalive {
 template <class T>
 class Mailbox {
 public:
-    Mailbox() : mFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    // Items that come while `most` wait are left out.
+    explicit Mailbox(size_t most = std::numeric_limits<size_t>::max())
+        : mFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), mMost(most) {
         if (mFd < 0) {
             throw std::system_error(errno, std::generic_category(), "eventfd");
         }
@@ -38,7 +42,11 @@ public:
     void put(T item) KST_EXCLUDES(mMutex) {
         {
             KstMutexLock lock(mMutex);
-            mItems.push_back(std::move(item));
+            if (mItems.size() < mMost) {
+                mItems.push_back(std::move(item));
+            } else {
+                ++mOmitted;
+            }
         }
         const uint64_t one = 1;
         [[maybe_unused]] const auto written = write(mFd, &one, sizeof one);  // fails only if it is readable anyway
@@ -54,6 +62,12 @@ public:
         return items;
     }
 
+    // How many items were left out since the last call; they came after what takeAll() gives next.
+    uint64_t takeOmitted() KST_EXCLUDES(mMutex) {
+        KstMutexLock lock(mMutex);
+        return std::exchange(mOmitted, 0);
+    }
+
     // Waits until an item is there, one of `others` can be read (-1: none), or `patience` has passed; for ever if there
     // is none.
     void wait(std::initializer_list<int> others,
@@ -67,8 +81,10 @@ public:
 
 private:
     const int mFd;
+    const size_t mMost;
     KstMutex mMutex;
     std::deque<T> mItems KST_GUARDED_BY(mMutex);
+    uint64_t mOmitted KST_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace vexalive

@@ -1,5 +1,6 @@
 // `vexalive serve`: runs the local live-interface service and shows each request.
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -36,6 +37,8 @@ constexpr const char* kServeFooter =
     "  curl --cacert \"$VEXALIVE_CA_FILE\" \"https://$VEXALIVE_SERVICE_HOST/state\"\n"
     "\n"
     "Exit status: 0 stopped by Ctrl-C or SIGTERM; 1 could not start; 2 wrong usage.";
+
+constexpr size_t kMostSteps = 1000;  // that wait for an output that is stuck
 
 struct ServeOptions {
     LiveServiceOptions service;
@@ -137,6 +140,13 @@ Step happened(const LiveMediaEvent& event) {
     return step;
 }
 
+Step omission(uint64_t count) {
+    Step step;
+    step.fields = {{"event", "omitted"}, {"lines", count}};
+    step.text = "lines left out here, which came faster than this output took them: " + std::to_string(count);
+    return step;
+}
+
 uint16_t readPort(const char* option, const std::string& text) {
     const std::optional<int64_t> port = readInteger(text, 0, 65535);
     if (!port) {
@@ -158,12 +168,16 @@ int runServe(ServeOptions options) {
     }
     const auto view = makeStepView(chooseForm(options.json, stdout), Secrets(), stdout, stderr);
 
-    Mailbox<Step> steps;  // outlives the service, whose threads fill it
+    Mailbox<Step> steps(kMostSteps);  // outlives the service, whose threads fill it
     options.service.observer = [&steps](const LiveServiceEvent& event) { steps.put(answered(event)); };
     options.service.mediaObserver = [&steps](const LiveMediaEvent& event) { steps.put(happened(event)); };
     const auto showAll = [&steps, &view] {
+        const uint64_t omitted = steps.takeOmitted();
         for (Step& step : steps.takeAll()) {
             view->show(std::move(step));
+        }
+        if (omitted > 0) {
+            view->show(omission(omitted));
         }
     };
     StopSignals signals;

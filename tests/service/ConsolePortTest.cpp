@@ -86,6 +86,38 @@ TEST(ConsolePort, OtherWebSitesAreKeptOut) {
     EXPECT_EQ(200, statusOf(console, "DELETE", "/misbehave", {{"Origin", "http://" + address}, {"Host", address}}));
 }
 
+TEST(ConsolePort, WithoutTlsTheServicesOwnPortLooksAtTheHostToo) {
+    RunningService service(withConsole());
+    httplib::Client plain("http://" + service->address());
+    const httplib::Headers elsewhere = {{"Host", "evil.test" + service->address().substr(9)}};
+    for (const char* path : {"/", "/state", "/metrics", "/snapshot", "/misbehave"}) {
+        EXPECT_EQ(403, statusOf(plain, "GET", path, elsewhere)) << path;
+    }
+    EXPECT_EQ(200, statusOf(plain, "GET", "/state"));
+    EXPECT_EQ(200, statusOf(plain, "POST", "/v3/liveinterface/add_relay_stream_url", elsewhere));
+
+    RunningService secure;  // a name that leads here is not in the certificate
+    EXPECT_EQ(200, statusOf(*secure.client(), "GET", "/state", {{"Host", "a.name.of.this.machine"}}));
+}
+
+TEST(ConsolePort, AnotherSitesPageShowsNothingOfIt) {
+    RunningService service(withConsole());
+    RunningService secure;
+    httplib::Client console("http://" + service->consoleAddress());
+    const auto main = secure.client();
+    for (httplib::Client* const client : {&console, main.get()}) {
+        for (const char* site : {"cross-site", "same-site"}) {
+            EXPECT_EQ(403, statusOf(*client, "GET", "/state", {{"Sec-Fetch-Site", site}})) << site;
+            EXPECT_EQ(403, statusOf(*client, "GET", "/snapshot?mix=1", {{"Sec-Fetch-Site", site}})) << site;
+            EXPECT_EQ(200, statusOf(*client, "GET", "/", {{"Sec-Fetch-Site", site}})) << site;  // by a link
+        }
+        for (const char* site : {"same-origin", "none"}) {
+            EXPECT_EQ(200, statusOf(*client, "GET", "/state", {{"Sec-Fetch-Site", site}})) << site;
+            EXPECT_EQ(404, statusOf(*client, "GET", "/snapshot?mix=1", {{"Sec-Fetch-Site", site}})) << site;
+        }
+    }
+}
+
 TEST(ConsolePort, ATakenPortIsTold) {
     RunningService service(withConsole());
     LiveServiceOptions options = withConsole();

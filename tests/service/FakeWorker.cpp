@@ -1,5 +1,5 @@
-// A worker process that carries no media: it speaks with the service as one does, and misbehaves as the stream id in
-// its configuration ends.
+// A worker process that carries no media: it speaks with the service as one does, and misbehaves as the addresses in
+// its configuration end.
 
 #include <poll.h>
 #include <unistd.h>
@@ -53,6 +53,9 @@ private:
     }
 
     void obey(const json& message) {
+        if (message.contains("snapshot") && mIsBlind) {
+            return;
+        }
         if (message.contains("snapshot")) {
             // "/9j/" is how a JPEG begins; then which picture this is
             const std::string number = std::to_string(1000 + ++mPictures).substr(0, 4);
@@ -63,8 +66,8 @@ private:
         mKind = message.contains("mix") ? "mix" : "relay";
         mWish = message.at(mKind);
         ++mWishes;
-        const std::string address = mKind == "mix" ? mWish.at("destination") : mWish.at("source");
-        misbehave(lastDigits(address));
+        misbehave(lastDigits(mWish.at("destination")));
+        misbehave(lastDigits(mWish.value("source", "")));
     }
 
     void misbehave(const std::string& how) {
@@ -75,6 +78,8 @@ private:
             std::_Exit(7);
         } else if (how == "babe") {
             mIsDeaf = true;
+        } else if (how == "b11d") {
+            mIsBlind = true;
         } else if (how == "cafe") {
             mIsSilent = true;
         } else if (how == "f00d") {
@@ -124,6 +129,7 @@ private:
     json mWish;
     int mWishes = 0;
     int mPictures = 0;
+    bool mIsBlind = false;
     bool mIsDeaf = false;
     bool mIsSilent = false;
 };

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <openssl/evp.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -50,6 +53,7 @@ public:
     }
     const std::string& url() const { return mUrl; }
     void beMute() { mIsMute = true; }
+    int greetings() const { return mGreetings; }
 
 private:
     void serve() {
@@ -60,12 +64,14 @@ private:
                 ::send(client, "\x03", 1, MSG_NOSIGNAL);
             }
             ::close(client);
+            ++mGreetings;
         }
     }
 
     const int mSocket;
     std::string mUrl;
     std::atomic<bool> mIsMute{false};
+    std::atomic<int> mGreetings{0};
     std::thread mThread;
 };
 
@@ -107,6 +113,12 @@ protected:
         const std::string error = media.is_null() ? "" : media["error"].get<std::string>();
         const size_t start = error.find(": {");
         return start == std::string::npos ? json::object() : json::parse(error.substr(start + 2));
+    }
+
+    static pid_t workerOf(const json& media) {
+        const std::string error = media.is_null() ? "" : media["error"].get<std::string>();
+        const size_t at = error.find(" of ");
+        return at == std::string::npos ? 0 : std::atoi(error.c_str() + at + 4);
     }
 
     GreetingServer mOrigin;
@@ -187,6 +199,38 @@ TEST(Media, OnlyAStreamIdMayBePublished) {
     EXPECT_NE("", vexalive::judgePublish("name=alice&name=" + good, id));  // what the publisher adds stands behind
 }
 
+TEST(Media, AnAddressToRelayToHasAHostAnApplicationAndAStreamAndIsNotWhereMembersOrMixesPublish) {
+    const vexalive::OriginAddress origin = *vexalive::readOriginAddress("rtmp://127.0.0.1:7000");
+    for (const char* good :
+         {"rtmp://cdn.test/app/stream", "rtmp://cdn.test:1936/app/instance/stream?key=a/b", "rtmp://u:p@cdn.test/a/b",
+          "rtmp://[::1]/live/stream", "rtmp://127.0.0.1:7001/live/stream", "rtmp://cdn.test:7000/mix/stream",
+          "rtmp://127.0.0.1:7000/cdn/stream", "rtmp://127.0.0.1:7000/lively/stream"}) {
+        EXPECT_EQ("", vexalive::flawOf(good, origin)) << good;
+    }
+    const struct {
+        const char* flaw;
+        std::vector<std::string> addresses;
+    } rows[] = {
+        {"the scheme \"srt\"", {"srt://cdn.test:9000"}},
+        {"no host, or a port that is none",
+         {"rtmp:///live/x", "rtmp://:1935/live/x", "rtmp://h:0/live/x", "rtmp://h:x/live/x", "rtmp://?h/live/x"}},
+        {"no application, or no name of a stream behind it",
+         {"rtmp://h", "rtmp://h/", "rtmp://h/live", "rtmp://h/live/", "rtmp://h//x", "rtmp://h/live?key=a/b",
+          "rtmp://h?x=/live/x"}},
+        {"the origin's own \"live\"",
+         {"rtmp://127.0.0.1:7000/live/x", "rtmp://localhost:7000/live/x?a=b", "rtmp://LocalHost:7000/live/x",
+          "rtmp://[::1]:7000/live/x", "rtmp://u@127.0.0.1:07000/live//x"}},
+        {"the origin's own \"mix\"", {"rtmp://127.0.0.1:7000/mix/x"}},
+    };
+    for (const auto& row : rows) {
+        for (const std::string& address : row.addresses) {
+            EXPECT_EQ(row.flaw, vexalive::flawOf(address, origin)) << address;
+        }
+    }
+    EXPECT_NE("", vexalive::flawOf("rtmp://localhost/mix/x", *vexalive::readOriginAddress("rtmp://localhost")));
+    EXPECT_NE("", vexalive::flawOf("rtmp://Media.test/live/x", *vexalive::readOriginAddress("rtmp://media.test:1935")));
+}
+
 // ---- Relays and mixes -----------------------------------------------------------------------------------------------
 
 TEST_F(MediaService, ARelayIsCarriedOutMovedAndEnded) {
@@ -221,33 +265,59 @@ TEST_F(MediaService, AMixIsCarriedOutUpdatedAndCancelled) {
     EXPECT_FALSE(service.state()["mixes"][0]["running"]);
 }
 
-TEST_F(MediaService, OnlyRtmpIsRelayedTo) {
+TEST_F(MediaService, ARelayThatIsStartedAgainIsCarriedOutSoonAndByNoMoreThanOneWorker) {
     RunningService service(options());
     const auto client = service.client();
-    for (const char* url : {"srt://cdn.test:9000", "rtmps://cdn.test/live/x", "http://cdn.test/x", "rtmp:///live/x",
-                            "rtmp://:1935/live/x", "RTMP://cdn.test/live"}) {
+    post(*client, relayOf(1, "rtmp://cdn.test/live/babe"));  // does not end when it is asked to
+    ASSERT_TRUE(eventually([&] { return workerOf(service.state()["relays"][0]["media"]) != 0; }));
+    const pid_t deaf = workerOf(service.state()["relays"][0]["media"]);
+    const auto begun = std::chrono::steady_clock::now();
+    ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
+    ASSERT_EQ(0, post(*client, relayOf(1))["code"]);
+    ASSERT_TRUE(eventually(
+        [&] { return wishIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/one"; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, 2s);
+    EXPECT_NE(0, ::kill(deaf, 0));
+}
+
+TEST_F(MediaService, OnlyRtmpIsRelayedToAndNotInACircle) {
+    RunningService service(options());
+    const auto client = service.client();
+    const std::string live = mOrigin.url() + "/live/" + ownStreamId();
+    for (const std::string& url :
+         {std::string("srt://cdn.test:9000"), std::string("rtmps://cdn.test/live/x"), std::string("http://cdn.test/x"),
+          std::string("rtmp:///live/x"), std::string("rtmp://:1935/live/x"), std::string("RTMP://cdn.test/live"),
+          std::string("rtmp://cdn.test/live"), live}) {
         const json answer = post(*client, relayOf(1, url));
         EXPECT_EQ(4009, answer["code"]) << url;
         EXPECT_NE(std::string::npos, answer["message"].get<std::string>().find("must be an address such as \"rtmp://"));
     }
     const json state = service.state();
     EXPECT_TRUE(state["relays"].empty());
-    EXPECT_EQ("dest_stream_url", state["requests"][0]["refused_field"]);
+    for (const json& request : state["requests"]) {
+        EXPECT_EQ("dest_stream_url", request["refused_field"]);
+    }
+    EXPECT_EQ(0, post(*client, relayOf(1, mOrigin.url() + "/cdn/x"))["code"]);
 }
 
-TEST_F(MediaService, SixtyFourAreCarriedOutAndNoMore) {
+TEST_F(MediaService, SixtyFourAreCarriedOutAndNoMoreThoseThatLeaveNotCounted) {
     RunningService service(options());
     const auto client = service.client();
-    for (size_t number = 1; number <= Media::kMostWorkers; ++number) {
+    post(*client, relayOf(1, "rtmp://cdn.test/live/babe"));  // does not end when it is asked to
+    ASSERT_TRUE(eventually([&] { return workerOf(service.state()["relays"][0]["media"]) != 0; }));
+    const pid_t deaf = workerOf(service.state()["relays"][0]["media"]);
+    for (size_t number = 2; number <= Media::kMostWorkers; ++number) {
         ASSERT_EQ(0, post(*client, relayOf(static_cast<int>(number)))["code"]) << number;
     }
     const json refused = post(*client, relayOf(1000));
     EXPECT_EQ(4008, refused["code"]);
     EXPECT_EQ(4008, post(*client, videoMixBody())["code"]);
-    EXPECT_EQ(0, post(*client, relayOf(5, "rtmp://cdn.test/moved"))["code"]);  // no further one
+    EXPECT_EQ(0, post(*client, relayOf(5, "rtmp://cdn.test/live/moved"))["code"]);  // no further one
     EXPECT_EQ(Media::kMostWorkers, service.state()["relays"].size());
     ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
-    EXPECT_TRUE(eventually([&] { return post(*client, relayOf(1000))["code"] == 0; }));
+    EXPECT_EQ(0, post(*client, relayOf(1000))["code"]);
+    EXPECT_EQ(0, ::kill(deaf, SIGKILL));
+    EXPECT_EQ(4008, post(*client, relayOf(1))["code"]);
 }
 
 TEST_F(MediaService, AWorkerThatCannotBeStartedIsTold) {
@@ -329,6 +399,52 @@ TEST_F(MediaService, AnOriginThatStopsAnsweringIsShown) {
     EXPECT_TRUE(eventually([&] { return hasEvent(LiveMediaEvent::Kind::kState, "origin", "reconnecting"); }));
 }
 
+TEST_F(MediaService, AnOriginIsLookedForAtEachOfItsAddresses) {
+    std::string error;
+    std::vector<vexalive::SocketAddress> addresses;
+    for (const std::string& url : {std::string("rtmp://127.0.0.1:1"), mOrigin.url()}) {
+        const auto found = vexalive::findAddresses(*vexalive::readOriginAddress(url), error);
+        ASSERT_EQ(1u, found.size()) << error;
+        addresses.push_back(found.front());
+    }
+    std::vector<std::string> told;
+    vexalive::OriginWatch watch;
+    watch.start("rtmp://both", addresses, [&](const vexalive::OriginLook& look) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        told.push_back(look.error);
+    });
+    const auto isTold = [&](const std::string& text) {
+        return eventually([&] {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            return !told.empty() && told.back() == text;
+        });
+    };
+    EXPECT_TRUE(isTold(""));
+    EXPECT_EQ("", told.front());
+    mOrigin.beMute();
+    EXPECT_TRUE(isTold("rtmp://both does not answer as an RTMP server does"));
+    watch.stop();
+}
+
+TEST_F(MediaService, AServiceWithoutDescriptorsBlamesItselfAndNotTheOrigin) {
+    RunningService service(options());
+    const auto origin = [&service] { return service.state()["service"]["origin"]; };
+    ASSERT_TRUE(eventually([&] { return origin()["state"] == "running"; }));
+    const int greetings = mOrigin.greetings();
+    ASSERT_TRUE(eventually([&] { return mOrigin.greetings() > greetings; }));  // the next one comes in a second
+    rlimit before{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    const rlimit none = {3, before.rlim_max};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+    const bool isTold = eventually(
+        [&] { return origin()["error"] == "this service cannot look at " + mOrigin.url() + ": Too many open files"; });
+    const json shown = origin();
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+    EXPECT_TRUE(isTold) << shown;
+    EXPECT_EQ("running", shown["state"]);
+    EXPECT_TRUE(eventually([&] { return origin()["error"] == ""; }));
+}
+
 TEST_F(MediaService, TheOriginIsToldWhoMayPublish) {
     RunningService service(options());
     httplib::Client console("http://" + service->consoleAddress());
@@ -390,5 +506,36 @@ TEST_F(MediaService, WhereThereIsNoPictureThatIsSaid) {
         ASSERT_TRUE(result) << path;
         EXPECT_EQ(404, result->status) << path;
         EXPECT_TRUE(json::parse(result->body)["message"].is_string()) << path;
+    }
+}
+
+TEST_F(MediaService, WhoWaitsForAPictureWaitsNoLongerThanTheMixIsThereAndTheServiceRuns) {
+    const std::string id = streamIdOf(0xb11d);  // its worker gives no picture
+    json start = videoMixBody();
+    json cancel = cancelMixBody();
+    for (json* const body : {&start, &cancel}) {
+        (*body)["session_id"] = id;
+        (*body)["output_param"]["output_stream_id"] = id;
+    }
+    cancel["input_stream_list"][0]["input_stream_id"] = id;
+    for (const std::string& how : {std::string("cancel"), std::string("stop"), std::string("destruction")}) {
+        std::optional<RunningService> service(std::in_place, options());
+        const auto client = service->client();
+        ASSERT_EQ(0, post(*client, start)["code"]);
+        std::thread asking([&, address = (*service)->consoleAddress()] {
+            httplib::Client console("http://" + address);
+            console.Get("/snapshot?mix=" + id);
+        });
+        std::this_thread::sleep_for(100ms);
+        const auto begun = std::chrono::steady_clock::now();
+        if (how == "cancel") {
+            EXPECT_EQ(0, post(*client, cancel)["code"]);
+        } else if (how == "stop") {
+            (*service)->stop();
+        } else {
+            service.reset();
+        }
+        asking.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - begun, 600ms) << how;  // else it waits for a second
     }
 }

@@ -1,6 +1,9 @@
 // The origin's address, files and watch. What nginx does with them is tested with real media.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <filesystem>
 #include <string>
@@ -12,10 +15,27 @@ using namespace servicetesting;
 using vexalive::Origin;
 using vexalive::readOriginAddress;
 
+namespace {
+
+bool canListen(const std::string& port, bool sharesAddress) {
+    const vexalive::Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int shares = sharesAddress ? 1 : 0;
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &shares, sizeof shares);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+           ::listen(socket.get(), 1) == 0;
+}
+
+}  // namespace
+
 TEST(OriginAddress, IsAHostAndPerhapsAPort) {
     EXPECT_EQ("rtmp://media.test:1935", readOriginAddress("rtmp://media.test")->url);
     EXPECT_EQ("rtmp://127.0.0.1:7000", readOriginAddress("rtmp://127.0.0.1:7000")->url);
     EXPECT_EQ("rtmp://[::1]:7000", readOriginAddress("rtmp://[::1]:7000")->url);
+    EXPECT_EQ("rtmp://h:7000", readOriginAddress("rtmp://h:07000")->url);
     EXPECT_EQ("::1", readOriginAddress("rtmp://[::1]")->host);
     EXPECT_EQ("1935", readOriginAddress("rtmp://[::1]")->port);
     for (const char* url : {"", "rtmp://", "rtmp://:1935", "http://h", "h:1935", "rtmp://h/live",
@@ -61,6 +81,20 @@ TEST(Origin, EachServiceTakesAFolderOfItsOwnAndALeftOneIsTakenAgain) {
     Origin third;
     ASSERT_TRUE(third.prepare(folder.path(), error)) << error;
     EXPECT_EQ(first.arguments(), third.arguments());
+}
+
+TEST(Origin, ItsPortIsKeptForItBeforeItListensAndWhileItIsAway) {
+    const TemporaryFolder folder;
+    std::string error;
+    Origin origin;
+    if (!origin.prepare(folder.path(), error)) {
+        GTEST_SKIP() << error;
+    }
+    const std::string port = origin.address().port;
+    EXPECT_FALSE(canListen(port, false));
+    EXPECT_TRUE(canListen(port, true));  // as nginx does
+    origin.release();
+    EXPECT_TRUE(canListen(port, false));
 }
 
 TEST(Origin, AFolderThatCannotBeMadeIsTold) {

@@ -57,6 +57,7 @@ protected:
         mReader.read(mTool->output.get(), std::chrono::steady_clock::now(), [this](const std::string& line) {
             const json event = json::parse(line);
             mEvents[event["event"]] = event;
+            ++mCounts[event["event"]];
         });
     }
 
@@ -85,6 +86,7 @@ protected:
     std::unique_ptr<vexalive::Child> mTool;
     vexalive::LineReader mReader{{100000, 10000, 10000000}};
     std::map<std::string, json> mEvents;  // the last of each kind
+    std::map<std::string, int> mCounts;
     std::unique_ptr<httplib::Client> mConsole;
 };
 
@@ -132,4 +134,22 @@ TEST_F(ServiceProcess, SaysWhoMayNotPublish) {
     }));
     EXPECT_EQ("alice", mEvents["publish"]["streamId"]);
     EXPECT_EQ(0u, mEvents["publish"]["refused"].get<std::string>().find("found \"alice\" as the name of the stream"));
+}
+
+TEST_F(ServiceProcess, LeavesOutWhatAStuckOutputDoesNotTakeAndSaysHowMuch) {
+    constexpr int kPublishes = 2500;
+    mConsole->set_keep_alive(true);
+    mConsole->set_tcp_nodelay(true);
+    for (int number = 0; number < kPublishes; ++number) {
+        ASSERT_TRUE(mConsole->Post("/origin/publish", "name=alice", "application/x-www-form-urlencoded"));
+    }
+    ASSERT_TRUE(eventually([&] {
+        read();
+        return mEvents.count("omitted") == 1;
+    }));
+    EXPECT_EQ(1, mCounts["omitted"]);
+    const int omitted = mEvents["omitted"]["lines"];
+    EXPECT_GT(omitted, 0);
+    EXPECT_GE(mCounts["publish"], 1000);
+    EXPECT_EQ(kPublishes, mCounts["publish"] + omitted);
 }

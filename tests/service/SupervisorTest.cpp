@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// A relay's configuration; how its stream id ends tells the fake worker what to do.
+// A relay's configuration; how its addresses end tells the fake worker what to do.
 std::string wishFor(const std::string& ending, const std::string& destination = "rtmp://cdn.test/live/one") {
     return json{{"relay", {{"source", "rtmp://origin.test/live/8888_" + ending}, {"destination", destination}}}}.dump();
 }
@@ -157,6 +158,16 @@ TEST_F(SupervisorTest, AProgramThatIsNotThereIsTold) {
     EXPECT_FALSE(mSupervisor.status("one"));
 }
 
+TEST_F(SupervisorTest, AProgramThatIsThereIsNotBlamedForWantOfDescriptors) {
+    rlimit before{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    const rlimit none = {3, before.rlim_max};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+    const std::string refusal = mSupervisor.want("one", {{"/bin/sleep", "100"}}, "");
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+    EXPECT_EQ("this service cannot make a process for /bin/sleep: Too many open files", refusal);
+}
+
 TEST_F(SupervisorTest, AKilledChildIsStartedAgainWithItsLastConfiguration) {
     mSupervisor.want("one", worker(), wishFor("0001", "rtmp://first"));
     mSupervisor.want("one", worker(), wishFor("0001", "rtmp://second"));
@@ -214,6 +225,41 @@ TEST_F(SupervisorTest, AChildThatIgnoresTheEndOfItsInputIsKilledAndItsKeyIsFreeA
     EXPECT_LT(Clock::now() - begun, 6s);
     EXPECT_EQ(-1, ::kill(deaf, 0));
     EXPECT_EQ(WorkerState::kRunning, mSupervisor.status("one")->numbers.state);  // not the old one's end
+}
+
+TEST_F(SupervisorTest, AChildInWhoseWayALeavingOneIsStartsWhenThatHasGoneWhichIsNotGivenLong) {
+    Supervisor::Program program = worker();
+    program.handover = 300ms;
+    mSupervisor.want("one", program, wishFor("babe"));
+    ASSERT_TRUE(comesToSay("one", "wish 1"));
+    const pid_t deaf = pidOf("one");
+    const auto begun = Clock::now();
+    mSupervisor.drop("one");
+    ASSERT_EQ("", mSupervisor.want("one", program, wishFor("dead")));
+    ASSERT_EQ("", mSupervisor.want("one", program, wishFor("0001")));  // does not end the wait
+    ASSERT_TRUE(eventually([&] { return pidOf("one") != deaf && pidOf("one") != 0; }));
+    EXPECT_EQ(-1, ::kill(deaf, 0));
+    EXPECT_GE(Clock::now() - begun, 300ms);
+    EXPECT_LT(Clock::now() - begun, 2s);
+    EXPECT_EQ(1u, mSupervisor.count());
+    EXPECT_EQ(0u, mSupervisor.status("one")->restarts);
+    const std::vector<std::string> states = statesOf("one");
+    const auto stopped = std::find(states.begin(), states.end(), "stopped");
+    ASSERT_NE(states.end(), stopped);
+    EXPECT_EQ("starting", *std::next(stopped));
+}
+
+TEST_F(SupervisorTest, AChildThatIsNoLongerWantedBeforeItCouldStartIsForgotten) {
+    Supervisor::Program program = worker();
+    program.handover = 300ms;
+    mSupervisor.want("one", program, wishFor("babe"));
+    ASSERT_TRUE(comesToSay("one", "wish 1"));
+    mSupervisor.drop("one");
+    mSupervisor.want("one", program, wishFor("0001"));
+    mSupervisor.drop("one");
+    ASSERT_TRUE(eventually([&] { return mSupervisor.count() == 0; }));
+    EXPECT_TRUE(children().empty());
+    EXPECT_FALSE(mSupervisor.status("one"));
 }
 
 TEST_F(SupervisorTest, AChildThatSaysNothingIsTakenForHungAndStartedAgain) {
@@ -310,6 +356,31 @@ TEST_F(SupervisorTest, ManyThreadsMayWishAndAStopLeavesNothing) {
     EXPECT_TRUE(children().empty());  // nor zombies
     EXPECT_LE(openDescriptors(), before);
     EXPECT_EQ("the service is not running", mSupervisor.want("late", worker(), wishFor("0001")));
+}
+
+// Who stops this process stops whoever would pass on a sign of life, too.
+TEST(SupervisorThatWasStopped, BlamesNoChildForThat) {
+    const auto tell = [](const std::string& key, const WorkerStatus& status) {
+        if (key == "absence" && status.numbers.state == WorkerState::kStarting) {
+            std::this_thread::sleep_for(1500ms);
+        }
+    };
+    Supervisor supervisor(
+        {tell, [](const std::string&, const std::string&) {}, [](const std::string&, const json&) {}});
+    std::string error;
+    ASSERT_TRUE(supervisor.start(error)) << error;
+    WorkerStatus running;
+    running.numbers.state = WorkerState::kRunning;
+    supervisor.want("server", {{"/bin/sleep", "100"}, 800ms, SIGTERM}, "");
+    supervisor.note("server", running);
+    supervisor.want("absence", {{"/bin/sleep", "100"}, 20s, SIGTERM}, "");  // comes back when that is over
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(100ms);
+        supervisor.note("server", running);
+    }
+    EXPECT_EQ(0u, supervisor.status("server")->restarts);
+    EXPECT_EQ(WorkerState::kRunning, supervisor.status("server")->numbers.state);
+    EXPECT_TRUE(eventually([&] { return supervisor.status("server")->restarts == 1; }));  // it has been silent now
 }
 
 // ---- A child's surroundings -----------------------------------------------------------------------------------------
