@@ -19,7 +19,8 @@ constexpr int64_t kSilent = 1100 * kMillisecond;        // and the publisher is 
 constexpr int64_t kMostSilent = 20'000 * kMillisecond;  // and the connection is given up
 constexpr int64_t kSteady = 5'000 * kMillisecond;       // of media, and what has failed before is mended
 constexpr int64_t kMostWaited = 1'000 * kMillisecond;   // for the decoder; then video is left out up to a key frame
-constexpr unsigned kMostUndecoded = 20;                 // frames without a picture: it may hold back 16
+constexpr unsigned kMostHeldBack = 16;                  // frames without a picture, by a decoder that sorts them
+constexpr unsigned kMostUndecoded = 20;                 // then it cannot decode them
 
 // Of a tag's bytes, behind its header and before the size at its end.
 constexpr size_t kTagHeader = 11;
@@ -173,7 +174,7 @@ public:
     }
     bool cannotDecode() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mUndecoded >= kMostUndecoded;
+        return mWantsPicture && mUndecoded >= kMostUndecoded;
     }
 
     bool hasFlowed() const {
@@ -182,7 +183,7 @@ public:
     }
     bool isSteady() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mCame - mFirstCame > kSteady;
+        return mCame - mFirstCame > kSteady && (!mWantsPicture || mUndecoded <= kMostHeldBack);
     }
     // Nanoseconds since something has come, or since the connection began.
     int64_t idle() const {
@@ -293,6 +294,9 @@ MixInput::~MixInput() {
 }
 
 void MixInput::wantPicture(bool isWanted) {
+    if (!isWanted) {
+        mFeed->setPaintable(true);  // nobody paints it
+    }
     mDemuxer->wantPicture(isWanted);
 }
 

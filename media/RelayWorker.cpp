@@ -144,6 +144,7 @@ private:
             return;
         }
         const size_t waiting = gst_app_src_get_current_level_bytes(GST_APP_SRC(mDestination.get()));
+        mDestinationTook = waiting == 0 ? now : mDestinationTook;  // it is not late with what it has not been given
         const bool isPassed = mGate.pass(tag, waiting, [&](const FlvTag& each) { push(each.at(time)); });
         (isPassed ? mOut.frames : mOut.dropped) += frames;
     }

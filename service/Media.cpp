@@ -93,7 +93,7 @@ std::string lowerCase(std::string text) {
 // One name for this machine, which has several.
 std::string plainHost(const std::string& host) {
     const std::string name = lowerCase(host);
-    return name == "localhost" || name == "::1" ? "127.0.0.1" : name;
+    return name == "localhost" || name == "::1" || name == "0.0.0.0" ? "127.0.0.1" : name;
 }
 
 }  // namespace
@@ -111,7 +111,7 @@ std::string flawOf(const std::string& destination, const OriginAddress& origin) 
     }
     const std::string path = destination.substr(hostEnd, destination.find('?', hostEnd) - hostEnd);
     const size_t mark = path.rfind('/');
-    if (mark == std::string::npos || mark <= 1 || mark + 1 == path.size()) {
+    if (mark == std::string::npos || mark <= 1 || path[1] == '/' || mark + 1 == path.size()) {
         return "no application, or no name of a stream behind it";
     }
     const std::string application = path.substr(1, path.find('/', 1) - 1);

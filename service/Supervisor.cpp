@@ -337,7 +337,7 @@ bool Supervisor::launch(Kept& kept, std::string& error) {
     if (!kept.child) {
         return false;
     }
-    kept.status.restarts += kept.told ? 1 : 0;
+    kept.status.restarts += kept.started == Clock::time_point() ? 0 : 1;
     kept.status.numbers = {};
     kept.status.numbers.error = kept.failure;
     kept.status.inputs.clear();

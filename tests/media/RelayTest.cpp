@@ -105,7 +105,7 @@ TEST_F(Relay, ADestinationThatIsKilledIsReachedAgainWhenItIsBack) {
     ASSERT_EQ(desk.ask(relayBody(1, elsewhere.url("alice"))), 0);
     ASSERT_TRUE(comesToRun()) << desk.relay();
     const PacketWatch before(elsewhere.url("alice"));
-    ASSERT_TRUE(eventually([&] { return before.times("video").size() > 20; }));
+    ASSERT_TRUE(eventually([&] { return before.times("video").size() > 20 && !before.times("audio").empty(); }));
 
     elsewhere.signal(SIGKILL);
     EXPECT_TRUE(comesToBe("reconnecting")) << desk.relay();
@@ -117,7 +117,7 @@ TEST_F(Relay, ADestinationThatIsKilledIsReachedAgainWhenItIsBack) {
     const Viewer viewer(elsewhere.url("alice"), 640, 360);
     const PacketWatch after(elsewhere.url("alice"));
     EXPECT_TRUE(viewer.comesToSee({{320, 180, kRed}}));
-    ASSERT_TRUE(eventually([&] { return after.times("video").size() > 20; }));
+    ASSERT_TRUE(eventually([&] { return after.times("video").size() > 20 && !after.times("audio").empty(); }));
     for (const char* kind : {"video", "audio"}) {
         EXPECT_GT(after.times(kind).front(), before.times(kind).back()) << kind;
         EXPECT_FALSE(after.goesBack(kind));
@@ -144,7 +144,7 @@ TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
     slow.signal(SIGSTOP);
     EXPECT_TRUE(eventually([this] { return desk.relay()["media"]["dropped"] > kDropped; })) << desk.relay();
     EXPECT_LT(residentKibibytes(), memory + kMostGrowth);
-    EXPECT_EQ(desk.relay()["media"]["state"], "reconnecting");
+    EXPECT_TRUE(comesToBe("reconnecting")) << desk.relay();
     EXPECT_EQ(error(), "it takes nothing any more");
     slow.signal(SIGCONT);
     EXPECT_TRUE(comesToRun()) << desk.relay();

