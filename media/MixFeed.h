@@ -6,7 +6,6 @@
 
 #include <gst/video/video.h>
 
-#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -34,14 +33,10 @@ public:
     bool pictureAt(int64_t now, MixPicture& picture);
     void addSound(float* sum, int64_t position, int64_t count) const;
 
-    void setPaintable(bool isPaintable) { mIsPaintable = isPaintable; }  // said by the painter, of the last picture
-    bool isPaintable() const { return mIsPaintable; }
-
 private:
     static constexpr int64_t kFrozen = 1'100'000'000;
     static constexpr size_t kMostPictures = 64;  // 60 a second, as early as MixTimeline lets them come
 
-    std::atomic<bool> mIsPaintable{true};
     mutable std::mutex mMutex;
     std::deque<MixPicture> mPictures;  // in the order of their turns
     int64_t mCame = 0;                 // the last picture

@@ -294,9 +294,6 @@ MixInput::~MixInput() {
 }
 
 void MixInput::wantPicture(bool isWanted) {
-    if (!isWanted) {
-        mFeed->setPaintable(true);  // nobody paints it
-    }
     mDemuxer->wantPicture(isWanted);
 }
 
@@ -383,11 +380,7 @@ InputStatus MixInput::status() const {
     const bool hasRun = numbers.frames > 0;
     if (mConnection && mDemuxer->hasFlowed() && mDemuxer->idle() < kSilent) {
         numbers.state = MediaState::kRunning;
-        if (!mCannotDecode.empty()) {
-            numbers.error = mCannotDecode;
-        } else if (!mFeed->isPaintable()) {
-            numbers.error = "its picture cannot be scaled";
-        }
+        numbers.error = mCannotDecode.empty() ? numbers.error : mCannotDecode;
     } else {
         numbers.state = hasRun ? MediaState::kReconnecting : MediaState::kStarting;
         if (!mConnection || mDemuxer->idle() < kSilent) {

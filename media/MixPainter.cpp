@@ -84,7 +84,6 @@ public:
         const GstVideoColorimetry& colours = picture.colorimetry;
         if (place.from.width == place.to.width && place.from.height == place.to.height &&
             gst_video_colorimetry_is_equal(&colours, &canvas.colorimetry)) {
-            mScales = false;
             return;
         }
         const auto number = [](int64_t value) { return static_cast<gint>(value); };
@@ -110,8 +109,6 @@ public:
     ~Scaler() {
         if (mConverter) {
             gst_video_converter_free(mConverter);
-        }
-        if (mScales) {
             gst_video_frame_unmap(&mScaled);
         }
     }
@@ -122,28 +119,25 @@ public:
         return gst_video_info_is_equal(&mPicture, &picture) && mPlace.from == place.from && mPlace.to == place.to;
     }
 
-    // False if it cannot be done.
-    bool paint(const MixPicture& picture, GstVideoFrame& canvas) {
+    void paint(const MixPicture& picture, GstVideoFrame& canvas) {
         GstVideoFrame frame;
         GstVideoInfo info = picture.info;
-        if ((mScales && !mConverter) || !gst_video_frame_map(&frame, &info, picture.buffer.get(), GST_MAP_READ)) {
-            return false;
+        if (!gst_video_frame_map(&frame, &info, picture.buffer.get(), GST_MAP_READ)) {
+            return;
         }
-        if (mScales) {
+        if (mConverter) {
             gst_video_converter_frame(mConverter, &frame, &mScaled);
             copy(mScaled, canvas, {{0, 0, mPlace.to.width, mPlace.to.height}, mPlace.to});
         } else {
             copy(frame, canvas, mPlace);
         }
         gst_video_frame_unmap(&frame);
-        return true;
     }
 
 private:
     const GstVideoInfo mPicture;
     const MixPlace mPlace;
-    bool mScales = true;                      // or else the picture is copied as it stands
-    GstVideoConverter* mConverter = nullptr;  // null: GStreamer has none for it
+    GstVideoConverter* mConverter = nullptr;  // null: the picture is copied as it stands
     GstVideoFrame mScaled{};
 };
 
@@ -198,11 +192,7 @@ GstRef<GstBuffer> MixPainter::paint(uint32_t colour, const std::vector<Part>& pa
         if (!scaler || !scaler->isFor(picture.info, place)) {
             scaler = std::make_unique<Scaler>(picture.info, mInfo, place);
         }
-        const bool isPainted = scaler->paint(picture, canvas);
-        parts[i].feed->setPaintable(isPainted);
-        if (!isPainted) {
-            fill(canvas, places[i], kAbsent);
-        }
+        scaler->paint(picture, canvas);
     }
     mScalers = std::move(scalers);
     gst_video_frame_unmap(&canvas);

@@ -317,12 +317,11 @@ std::string Supervisor::obey(const std::string& key, const Program& program, con
     }
     Kept& kept = mKept.emplace_back(key, program);
     kept.configuration = configuration;
+    std::string error;
     if (Kept* const leaving = findInTheWay(kept)) {
         leaving->killAt = std::min(leaving->killAt, Clock::now() + *program.handover);
-        return "";
-    }
-    std::string error;
-    if (!launch(kept, error)) {
+        publish(kept);
+    } else if (!launch(kept, error)) {
         mKept.pop_back();
         return error;
     }

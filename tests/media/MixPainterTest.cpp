@@ -121,17 +121,6 @@ TEST_F(MixPainterTest, ConvertsOtherColours) {
     EXPECT_EQ(at(canvas, 166, 80), kBlack);
 }
 
-TEST_F(MixPainterTest, PaintsWhatIsAbsentForWhatCannotBeScaled) {
-    MixPicture interlaced = makePicture(64, 36, kLeft, kLeft);
-    interlaced.info.interlace_mode = GST_VIDEO_INTERLACE_MODE_INTERLEAVED;
-    const auto feed = feedWith(std::move(interlaced));
-    EXPECT_EQ(at(paint({{feed, {40, 40, 100, 100}}}), 90, 90), kGrey);
-    EXPECT_FALSE(feed->isPaintable());
-    feed->putPicture(makePicture(64, 36, kLeft, kLeft));
-    EXPECT_EQ(at(paint({{feed, {40, 40, 100, 100}}}), 90, 90), kLeft);
-    EXPECT_TRUE(feed->isPaintable());
-}
-
 TEST_F(MixPainterTest, TakesAnotherSizeOfThePictureAndOfTheCanvas) {
     const auto feed = feedWith(makePicture(64, 36, kLeft, kLeft));
     paint({{feed, {0, 0, 100, 100}}});

@@ -244,9 +244,10 @@ TEST_F(SupervisorTest, AChildInWhoseWayALeavingOneIsStartsWhenThatHasGoneWhichIs
     EXPECT_EQ(1u, mSupervisor.count());
     EXPECT_EQ(0u, mSupervisor.status("one")->restarts);
     const std::vector<std::string> states = statesOf("one");
-    const auto stopped = std::find(states.begin(), states.end(), "stopped");
-    ASSERT_NE(states.end(), stopped);
-    EXPECT_EQ("starting", *std::next(stopped));
+    const auto stopping = std::find(states.begin(), states.end(), "stopping");
+    ASSERT_NE(states.end(), stopping);
+    EXPECT_EQ("starting", *std::next(stopping));
+    EXPECT_EQ(states.end(), std::find(states.begin(), states.end(), "stopped"));
 }
 
 TEST_F(SupervisorTest, AChildThatIsNoLongerWantedBeforeItCouldStartIsForgotten) {
