@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -98,6 +99,23 @@ OneProcessor::OneProcessor() {
 
 OneProcessor::~OneProcessor() {
     sched_setaffinity(0, sizeof mBefore, &mBefore);
+}
+
+AwakeProcessor::AwakeProcessor() {
+    mFiller = std::thread([this] {
+        const sched_param none{};
+        if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) {
+            std::perror("sched_setscheduler");
+            std::exit(1);
+        }
+        while (!mEnded) {
+        }
+    });
+}
+
+AwakeProcessor::~AwakeProcessor() {
+    mEnded = true;
+    mFiller.join();
 }
 
 int connectionsTo(int port) {

@@ -7,8 +7,10 @@
 
 #include <sched.h>
 
+#include <atomic>
 #include <chrono>
 #include <initializer_list>
+#include <thread>
 #include <vector>
 
 namespace bench {
@@ -40,8 +42,7 @@ double peakResidentBytes();
 // Threads of this process at this moment.
 int threads();
 
-// While it lives, the calling thread and those that it starts share one processor: waking a thread is then a switch,
-// and no interrupt from one virtual processor to another, whose price is the host's and differs from hour to hour.
+// While it lives, the calling thread shares one processor with the threads that it starts, which stay there.
 class OneProcessor {
 public:
     OneProcessor();
@@ -51,6 +52,21 @@ public:
 
 private:
     cpu_set_t mBefore{};
+};
+
+// As above, and the processor is kept from sleeping: waking a thread is then a switch, and neither an interrupt from
+// one virtual processor to another nor the end of a halt, whose prices are the host's and differ from hour to hour.
+class AwakeProcessor {
+public:
+    AwakeProcessor();
+    ~AwakeProcessor();
+    AwakeProcessor(const AwakeProcessor&) = delete;
+    AwakeProcessor& operator=(const AwakeProcessor&) = delete;
+
+private:
+    OneProcessor mOne;
+    std::atomic<bool> mEnded{false};
+    std::thread mFiller;  // runs when no other thread of the processor does
 };
 
 // Connections from this machine to that port of loopback which are open at this moment.

@@ -9,6 +9,7 @@ ratios, so that what slows the machine down for a while slows both.
 """
 
 import argparse
+import contextlib
 import json
 import os
 import statistics
@@ -20,8 +21,33 @@ import time
 import report
 from far_side import FarSide
 from report import US
-from rows import ROWS
+from rows import ALL, ROWS
 from service import BODY, PATH
+
+
+# Ends when the process that started it is gone.
+FILLER = """
+import os, sys
+os.sched_setaffinity(0, {int(sys.argv[1])})
+os.sched_setscheduler(0, os.SCHED_IDLE, os.sched_param(0))
+parent = os.getppid()
+while os.getppid() == parent:
+    pass
+"""
+
+
+@contextlib.contextmanager
+def kept_awake(processors):
+    """Each of them runs something of the lowest priority when it has nothing else to do."""
+    fillers = []
+    try:
+        for processor in processors:
+            fillers.append(subprocess.Popen([sys.executable, "-c", FILLER, str(processor)]))
+        yield
+    finally:
+        for filler in fillers:
+            filler.kill()
+            filler.wait()
 
 
 class Stage:
@@ -89,10 +115,11 @@ def measure(stage, rows):
     for _, _, row in sorted(rounds, key=lambda each: each[:2]):
         begun = time.monotonic()
         order = orders[row.name]
-        for contender in order:
-            figures = stage.play(row, contender)
-            for key, of_contender in values[row.name].items():
-                of_contender[contender].append(figures[key])
+        with kept_awake(os.sched_getaffinity(0) if row.awake else ()):
+            for contender in order:
+                figures = stage.play(row, contender)
+                for key, of_contender in values[row.name].items():
+                    of_contender[contender].append(figures[key])
         order.append(order.pop(0))
         seconds[row.name] += time.monotonic() - begun
     for row in rows:
@@ -122,6 +149,7 @@ def judge(row, values):
             "row": row.name,
             "figure": figure.key,
             "medians": {contender: statistics.median(each) for contender, each in of_contender.items()},
+            "rounds": of_contender,
             "ratios": ratios,
             "differences": differences,
             "missed": missed,
@@ -135,15 +163,16 @@ def compare(files):
     for name in files:
         with open(name, encoding="utf-8") as file:
             runs.append(json.load(file))
-    noisy = {(row.name, figure.key) for row in ROWS for figure in row.figures if figure.noisy}
+    varying = {(row.name, figure.key): figure.varying for row in ROWS for figure in row.figures}
     apart = 0
     for results in zip(*runs):
         key = (results[0]["row"], results[0]["figure"])
         for contender in results[0]["ratios"]:
             ratios = [each["ratios"][contender] for each in results]
             spread = max(ratios) / min(ratios) - 1
-            remark = " (not counted)" if key in noisy else " APART" if spread > 0.15 else ""
-            apart += spread > 0.15 and key not in noisy
+            counts = varying[key] != ALL and contender not in varying[key]
+            remark = " (not counted)" if not counts else " APART" if spread > 0.15 else ""
+            apart += spread > 0.15 and counts
             print(f"{key[0]:9}{key[1]:30}{contender:22}{'  '.join(f'{each:7.3f}' for each in ratios)}"
                   f"{spread:8.1%}{remark}")
     print(f"{apart} ratios lie more than 15 % apart")

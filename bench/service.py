@@ -47,7 +47,7 @@ BODY = json.dumps(
     separators=(",", ":"),
 )
 THREADS, CONNECTIONS = 2, 16
-WARM_UP_SECONDS, SECONDS = 1, 2
+WARM_UP_SECONDS, SECONDS = 1, 1
 PATIENCE_SECONDS = 20
 
 
