@@ -22,6 +22,8 @@ namespace {
 constexpr int kWakePollMilliseconds = 60000;
 constexpr int kBlindPollMilliseconds = 20;  // where no wake-up is to be had
 constexpr long kConcurrentStreams = 1000;
+constexpr size_t kFirstStreams = 100;  // at most, on an HTTP/2 connection whose server has not told its settings yet
+constexpr int kHeldBackPollMilliseconds = 50;
 constexpr size_t kSpareExchanges = 8;  // kept for requests to come
 
 // ---- Options: free until the engine takes them ----------------------------------------------------------------------
@@ -282,15 +284,21 @@ void HttpEngine::stop() {
 // Until nothing is under way.
 void HttpEngine::doIo() {
     const BlockedSignals blocked;
+    mIsServerKnown = false;
+    mIoBegan = std::chrono::steady_clock::now();
     while (takeRequests()) {
         int running = 0;
         curl_multi_perform(mMulti, &running);
         collectFinished();
-        if (mUnderWay.empty()) {
+        if (mUnderWay.empty() && mHeldBack.empty()) {
             return;
         }
         mThreads.tell();
-        if (curl_multi_poll(mMulti, nullptr, 0, mPollMilliseconds, nullptr) != CURLM_OK) {
+        if (!mHeldBack.empty() && mayBegin()) {
+            continue;
+        }
+        const int pollMilliseconds = mHeldBack.empty() ? mPollMilliseconds : kHeldBackPollMilliseconds;
+        if (curl_multi_poll(mMulti, nullptr, 0, pollMilliseconds, nullptr) != CURLM_OK) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kBlindPollMilliseconds));
         }
     }
@@ -306,10 +314,25 @@ bool HttpEngine::takeRequests() {
         }
         requests.swap(mInbox);
     }
+    while (!mHeldBack.empty() && mayBegin()) {
+        begin(std::move(mHeldBack.front()));
+        mHeldBack.pop_front();
+    }
     for (auto& request : requests) {
-        begin(std::move(request));
+        if (mHeldBack.empty() && mayBegin()) {
+            begin(std::move(request));
+        } else {
+            mHeldBack.push_back(std::move(request));
+        }
     }
     return true;
+}
+
+// Where many requests come before there is a connection, the library opens one more for each that the first does not
+// take. So they wait for the first answer, which tells how many it takes; but no longer than for the connection.
+bool HttpEngine::mayBegin() const {
+    return mUnderWay.size() < kFirstStreams || mIsServerKnown ||
+           std::chrono::steady_clock::now() - mIoBegan > mOptions.connectTimeout;
 }
 
 void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
@@ -425,6 +448,7 @@ void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
         curl_easy_getinfo(exchange->handle, CURLINFO_RESPONSE_CODE, &status);
         answer.exchange.httpStatus = static_cast<int>(status);
         answer.retCode = returnCodeOfStatus(status);
+        mIsServerKnown = true;
     } else {
         answer.retCode = returnCodeOfFailure(result, exchange->detail);
     }

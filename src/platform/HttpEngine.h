@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -50,6 +51,7 @@ private:
     // Below: the thread that does the I/O only.
     void doIo();
     bool takeRequests() KST_EXCLUDES(mMutex);
+    bool mayBegin() const;
     void begin(std::unique_ptr<OutgoingRequest> request);
     void collectFinished();
     void end(std::unique_ptr<Exchange> exchange, CURLcode result);
@@ -63,6 +65,9 @@ private:
     curl_slist* mHeaders = nullptr;
     std::set<Exchange*> mUnderWay;  // for the thread that does the I/O, as are those that follow
     std::vector<std::unique_ptr<Exchange>> mSpare;
+    std::deque<std::unique_ptr<OutgoingRequest>> mHeldBack;  // until the first connection is known
+    bool mIsServerKnown = false;                             // it has answered since the I/O began
+    std::chrono::steady_clock::time_point mIoBegan;
     int mPollMilliseconds = 0;
     std::chrono::steady_clock::time_point mLastTimeout;  // of any exchange; the epoch if there was none
 

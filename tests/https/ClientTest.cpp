@@ -148,6 +148,23 @@ TEST(HttpsClientFirst, AllClientsShareAConnectionThatIsFree) {
 
 // ---- Return codes ---------------------------------------------------------------------------------------------------
 
+// Before an HTTP/2 server has told its settings, a connection takes a hundred requests at most.
+TEST(HttpsClientFirst, RequestsThatTheOnlyConnectionCannotTakeYetWaitForIt) {
+    ScriptedServer::Options options;
+    options.http2 = true;
+    ScriptedServer server(options, [](ScriptedServer::Connection& connection) {
+        if (connection.handshake()) {
+            connection.waitForClient();
+        }
+    });
+    CVexaHttpSendRecv client;
+    for (int i = 0; i < 150; ++i) {
+        send(client, server.url());
+    }
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(1, server.accepted());
+}
+
 TEST(HttpsClient, PostsTheBodyAsJsonAndTellsTheAnswerOfA200) {
     std::promise<std::string> seen;
     ScriptedServer server([&seen](ScriptedServer::Connection& connection) {
@@ -247,6 +264,18 @@ TEST(HttpsClient, ARefusedConnectionIsWorthAnotherTry) {
 TEST(HttpsClient, AServerThatNeverShakesHandsTimesOutAndIsWorthAnotherTry) {
     ScriptedServer server([](ScriptedServer::Connection& connection) { connection.waitForClient(); });
     EXPECT_EQ(1, post(server.url()).retCode);
+}
+
+TEST(HttpsClient, ManyRequestsToAServerThatNeverShakesHandsAllTimeOut) {
+    ScriptedServer server([](ScriptedServer::Connection& connection) { connection.waitForClient(); });
+    CVexaHttpSendRecv client;
+    std::vector<std::future<Reply>> replies;
+    for (int i = 0; i < 150; ++i) {
+        replies.push_back(send(client, server.url()));
+    }
+    for (std::future<Reply>& reply : replies) {
+        EXPECT_EQ(1, wait(std::move(reply)).retCode);
+    }
 }
 
 TEST(HttpsClient, AServerThatNeverAnswersTimesOutAndIsWorthAnotherTry) {
