@@ -23,8 +23,8 @@ constexpr int kWakePollMilliseconds = 60000;
 constexpr int kBlindPollMilliseconds = 20;  // where no wake-up is to be had
 constexpr long kConcurrentStreams = 1000;
 constexpr size_t kFirstStreams = 100;  // at most, on an HTTP/2 connection whose server has not told its settings yet
-constexpr int kHeldBackPollMilliseconds = 50;
-constexpr size_t kSpareExchanges = 8;  // kept for requests to come
+constexpr int kHeldBackPollMilliseconds = 50;  // while some wait for the first answer, which may not come
+constexpr size_t kSpareExchanges = 8;          // kept for requests to come
 
 // ---- Options: free until the engine takes them ----------------------------------------------------------------------
 

@@ -20,7 +20,8 @@ namespace vexalive {
 struct HttpOptions {
     std::chrono::milliseconds connectTimeout{5000};  // name, TCP and TLS together; 1 ms to 1 hour
     std::chrono::milliseconds totalTimeout{10000};   // the whole exchange, but for waiting on a connection that another
-                                                     // request is opening (connectTimeout more at most); 1 ms to 1 hour
+                                                     // request is opening (connectTimeout more at most; twice that if
+                                                     // over a hundred requests wait for it); 1 ms to 1 hour
     size_t maxAnswerBytes = size_t{1} << 20;         // a longer answer is cut off and fails; 1 byte to 1 GiB
     std::string caFile;  // certificate authorities (PEM) trusted in place of the system's; empty: the file that the
                          // environment variable VEXALIVE_CA_FILE names, else the system's
