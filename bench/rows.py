@@ -64,7 +64,7 @@ ROWS = [
             Figure("latency_us_p99", "post to run, idle, p99", varying=ALL, **MICROSECONDS),
             Figure("allocations_per_post", "allocations a post", ceiling=2.0),
         ],
-        rounds=81,
+        rounds=61,
     ),
     Row(
         "timers",
@@ -87,7 +87,7 @@ ROWS = [
             Figure("lateness_without_slack_us_p50", "runs late by, p50, without the kernel's slack",
                    ratios={"asio": 1.0, "libuv": 1.0}, varying=("libuv",), **MICROSECONDS),
         ],
-        rounds=25,
+        rounds=21,
     ),
     Row(
         "request",
@@ -201,7 +201,7 @@ ROWS = [
             Figure("anonymous_bytes", "memory of its own",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
         ],
-        rounds=17,
+        rounds=15,
         apart=True,
         awake=True,
     ),

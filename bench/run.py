@@ -167,6 +167,8 @@ def compare(files):
     apart = 0
     for results in zip(*runs):
         key = (results[0]["row"], results[0]["figure"])
+        if any((each["row"], each["figure"]) != key for each in results):
+            sys.exit("the runs measured different figures")
         for contender in results[0]["ratios"]:
             ratios = [each["ratios"][contender] for each in results]
             spread = max(ratios) / min(ratios) - 1
