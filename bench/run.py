@@ -21,7 +21,7 @@ import time
 import report
 from far_side import FarSide
 from report import US
-from rows import ALL, ROWS
+from rows import ROWS
 from service import BODY, PATH
 
 
@@ -163,7 +163,7 @@ def compare(files):
     for name in files:
         with open(name, encoding="utf-8") as file:
             runs.append(json.load(file))
-    varying = {(row.name, figure.key): figure.varying for row in ROWS for figure in row.figures}
+    noisy = {(row.name, figure.key) for row in ROWS for figure in row.figures if figure.noisy}
     apart = 0
     for results in zip(*runs):
         key = (results[0]["row"], results[0]["figure"])
@@ -172,9 +172,8 @@ def compare(files):
         for contender in results[0]["ratios"]:
             ratios = [each["ratios"][contender] for each in results]
             spread = max(ratios) / min(ratios) - 1
-            counts = varying[key] != ALL and contender not in varying[key]
-            remark = " (not counted)" if not counts else " APART" if spread > 0.15 else ""
-            apart += spread > 0.15 and counts
+            remark = " (not counted)" if key in noisy else " APART" if spread > 0.15 else ""
+            apart += spread > 0.15 and key not in noisy
             print(f"{key[0]:9}{key[1]:30}{contender:22}{'  '.join(f'{each:7.3f}' for each in ratios)}"
                   f"{spread:8.1%}{remark}")
     print(f"{apart} ratios lie more than 15 % apart")
