@@ -173,7 +173,8 @@ struct HttpThreads::StandBy {
     bool isWoken = false;
 };
 
-// Until there may be something to do. False if enough others stand by, and have for a while.
+// Until there may be something to do. False if enough others stand by, and have for a while; but while the process
+// exits no thread ends, since the libraries that a thread has to leave may be gone by then.
 bool HttpThreads::standBy() {
     const bool isWatching = isLeftAlone() && !mLeaving;  // whether the thread that is at it comes back
     const bool isKept = mStandingBy.size() < kKept;
@@ -193,7 +194,7 @@ bool HttpThreads::standBy() {
     if (!self.isWoken) {
         mStandingBy.erase(std::find(mStandingBy.begin(), mStandingBy.end(), &self));
     }
-    return self.isWoken || isWatching || mStandingBy.size() < kKept;
+    return self.isWoken || isWatching || mLeaving || mStandingBy.size() < kKept;
 }
 
 // For a thread that goes to work: what else there is, another does, or watches whether this one comes back for it.

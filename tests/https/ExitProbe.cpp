@@ -2,6 +2,7 @@
 // itself with the status 0, whatever the moment. Just before, it prints how many requests are in flight.
 //
 //     exit_probe HOW MICROSECONDS      HOW: return, exit, listener, quick
+//     exit_probe idle 0                exits slowly, with threads of the client that have nothing to do any more
 
 #include <unistd.h>
 
@@ -9,11 +10,16 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <future>
+#include <iterator>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "Room.h"
+#include "base/CVexaHttpSendRecv.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -28,6 +34,43 @@ void printInFlight() {
     }
 }
 
+long countThreads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+// Stands for what a host clears away late: the client's threads must not end meanwhile, for they would use it.
+void exitSlowly() {
+    const long threads = countThreads();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // a thread without work would end after a second
+    if (countThreads() != threads) {
+        std::_Exit(5);
+    }
+}
+
+// Has callbacks block until all have begun, so that there are more threads than the client keeps.
+int leaveIdleThreads() {
+    constexpr int kClients = 4;
+    std::atexit(&exitSlowly);  // before the client's first request, and so after the client has left
+    const std::string url = std::string("https://") + std::getenv("VEXALIVE_SERVICE_HOST") + "/";
+    std::atomic<int> begun{0};
+    std::promise<void> allBegun;
+    const std::shared_future<void> go(allBegun.get_future());
+    std::vector<std::unique_ptr<CVexaHttpSendRecv>> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.push_back(std::make_unique<CVexaHttpSendRecv>());
+        KstCopyOnWriteBuffer body;
+        clients.back()->sendHttpsRequest(body, url, [&](int, KstCopyOnWriteBuffer&) {
+            if (++begun == kClients) {
+                allBegun.set_value();
+            }
+            go.wait();
+        });
+    }
+    go.wait();
+    clients.clear();  // waits for the callbacks
+    return countThreads() > kClients ? 0 : 6;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -35,6 +78,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     const char* how = argv[1];
+    if (std::strcmp(how, "idle") == 0) {
+        return leaveIdleThreads();
+    }
     const std::chrono::microseconds moment(std::atoi(argv[2]));
     vexalive::setLogSink([](auto&&...) {});
     vexalive::setEventSink([](auto&&...) {});

@@ -73,15 +73,28 @@ int times() {
     return given ? std::atoi(given) : 25;
 }
 
+// The service for the children, and where they find it.
+class Service {
+public:
+    Service() {
+        std::ofstream(mCaFile) << testAuthority().pem();
+        setenv("VEXALIVE_SERVICE_HOST", ("127.0.0.1:" + std::to_string(mServer.port())).c_str(), 1);
+        setenv("VEXALIVE_CA_FILE", mCaFile.c_str(), 1);
+    }
+    ~Service() { std::filesystem::remove(mCaFile); }
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+private:
+    ScriptedServer mServer{answering(httpAnswer(200, "{\"code\":0}"))};
+    const std::filesystem::path mCaFile =
+        std::filesystem::temp_directory_path() / ("vexalive-exit-test-" + std::to_string(getpid()));
+};
+
 class Exit : public testing::TestWithParam<const char*> {};
 
 TEST_P(Exit, EndsAtAnyMomentWithRequestsInFlight) {
-    ScriptedServer server(answering(httpAnswer(200, "{\"code\":0}")));
-    const auto caFile = std::filesystem::temp_directory_path() / ("vexalive-exit-test-" + std::to_string(getpid()));
-    std::ofstream(caFile) << testAuthority().pem();
-    setenv("VEXALIVE_SERVICE_HOST", ("127.0.0.1:" + std::to_string(server.port())).c_str(), 1);
-    setenv("VEXALIVE_CA_FILE", caFile.c_str(), 1);
-
+    const Service service;
     const unsigned seed = std::random_device()();
     std::mt19937 random(seed);
     int withRequests = 0;
@@ -91,7 +104,6 @@ TEST_P(Exit, EndsAtAnyMomentWithRequestsInFlight) {
         EXPECT_EQ(0, end.status) << GetParam() << " after " << moment << " us";
         withRequests += end.inFlight > 0;
     }
-    std::filesystem::remove(caFile);
     std::printf("%s: %d exits, %d of them with requests in flight (seed %u)\n", GetParam(), times(), withRequests,
                 seed);
     EXPECT_GT(withRequests, times() / 2);
@@ -99,5 +111,10 @@ TEST_P(Exit, EndsAtAnyMomentWithRequestsInFlight) {
 
 INSTANTIATE_TEST_SUITE_P(By, Exit, testing::Values("return", "exit", "listener", "quick"),
                          [](const auto& test) { return std::string(test.param); });
+
+TEST(SlowExit, EndsNoThreadOfTheClientMeanwhile) {
+    const Service service;
+    EXPECT_EQ(0, run(EXIT_PROBE, "idle", "0").status);
+}
 
 }  // namespace
