@@ -52,7 +52,7 @@ def table(results):
             cells = [f"{figure.label}, {figure.unit}" if figure.unit else figure.label,
                      shown(result["medians"][US] * figure.scale)]
             cells += [f"{shown(result['medians'][each] * figure.scale)} ({result['ratios'][each]:.2f} ×)"
-                      for each in others]
+                      if each in result["ratios"] else "" for each in others]
             lines.append("| " + " | ".join([*cells, aims(figure), verdict(figure, result)]) + " |")
         lines.append("")
     return "\n".join(lines)
@@ -99,7 +99,9 @@ def advantages(results, top):
             body.append(line(LEFT, y - 4, WIDTH - RIGHT, y - 4))
             others = [each for each in row.contenders if each != US]
             for index, other in enumerate(others):
-                ratio = by_key[row.name, figure.key]["ratios"][other]
+                ratio = by_key[row.name, figure.key]["ratios"].get(other)
+                if ratio is None:
+                    continue
                 times = ratio if figure.better == MORE else 1 / ratio
                 body.append(f'<circle cx="{x(times):.1f}" cy="{y - 4:.1f}" r="4.5" fill="{COLOURS[index]}">'
                             f"<title>{html.escape(other)}: {times:.2f}</title></circle>")

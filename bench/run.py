@@ -107,7 +107,8 @@ def measure(stage, rows):
     """For each row, figure and contender the values of all rounds. The rounds of every row are spread over the whole run,
     so that a machine which is slower for some minutes is so for all rows."""
     values = {
-        row.name: {figure.key: {contender: [] for contender in row.contenders} for figure in row.figures} for row in rows
+        row.name: {figure.key: {contender: [] for contender in figure.of or row.contenders} for figure in row.figures}
+        for row in rows
     }
     orders = {row.name: list(row.contenders) for row in rows}
     seconds = dict.fromkeys(values, 0.0)
@@ -119,7 +120,8 @@ def measure(stage, rows):
             for contender in order:
                 figures = stage.play(row, contender)
                 for key, of_contender in values[row.name].items():
-                    of_contender[contender].append(figures[key])
+                    if contender in of_contender:
+                        of_contender[contender].append(figures[key])
         order.append(order.pop(0))
         seconds[row.name] += time.monotonic() - begun
     for row in rows:

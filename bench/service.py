@@ -47,7 +47,7 @@ BODY = json.dumps(
     separators=(",", ":"),
 )
 THREADS, CONNECTIONS = 2, 16
-WARM_UP_SECONDS, SECONDS = 1, 1
+SECONDS = 1
 PATIENCE_SECONDS = 20
 
 
@@ -132,7 +132,6 @@ def peak_resident_bytes(pid):
 
 def measure(address, ca_file, pid):
     expect_acceptance(address, ca_file)
-    run_wrk(address, WARM_UP_SECONDS)
     begun = cpu_seconds(pid) if pid else 0
     requests, seconds, latency, errors = run_wrk(address, SECONDS)
     print(f"requests_per_second\t{requests / seconds:.9g}")
