@@ -207,7 +207,8 @@ private:
 // ---- The measurements -----------------------------------------------------------------------------------------------
 
 constexpr int kTasks = 60'000;  // a batch
-constexpr int kLatencySamples = 1'000;
+constexpr int kBatches = 3;
+constexpr int kLatencySamples = 600;
 constexpr int kLatencyWarmUp = 100;
 constexpr std::chrono::microseconds kPause{200};  // long enough for the worker to fall asleep
 
@@ -261,20 +262,22 @@ template <class Loop>
 double tasksPerSecond(Loop& loop, int posters) {
     const auto owner = std::make_shared<Owner>();
     const double start = bench::seconds();
-    std::vector<std::thread> threads;
-    threads.reserve(static_cast<size_t>(posters));
-    for (int i = 0; i < posters; ++i) {
-        threads.emplace_back([&] {
-            for (int k = 0; k < kTasks / posters; ++k) {
-                loop.post(owner->task());
-            }
-        });
+    for (int batch = 1; batch <= kBatches; ++batch) {
+        std::vector<std::thread> threads;
+        threads.reserve(static_cast<size_t>(posters));
+        for (int i = 0; i < posters; ++i) {
+            threads.emplace_back([&] {
+                for (int k = 0; k < kTasks / posters; ++k) {
+                    loop.post(owner->task());
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        drain(loop, *owner, long{kTasks} * batch);
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    drain(loop, *owner, kTasks);
-    return kTasks / (bench::seconds() - start);
+    return kTasks * kBatches / (bench::seconds() - start);
 }
 
 template <class Loop>

@@ -37,8 +37,17 @@ def verdict(figure, result):
     return "met" if not missed else f"**missed** {', '.join(missed)}".strip()
 
 
+def cell(figure, result, contender):
+    """The other's median, and how ours compares."""
+    if contender in figure.constants:
+        compared = f"{result['differences'][contender] * figure.scale:+.1f} {figure.unit}"
+    else:
+        compared = f"{result['ratios'][contender]:.2f} ×"
+    return f"{shown(result['medians'][contender] * figure.scale)} ({compared})"
+
+
 def table(results):
-    """One table a row, in Markdown: medians, and how many times the other's median is ours."""
+    """One table a row, in Markdown."""
     by_key = {(each["row"], each["figure"]): each for each in results}
     lines = []
     for row in ROWS:
@@ -51,8 +60,7 @@ def table(results):
             result = by_key[row.name, figure.key]
             cells = [f"{figure.label}, {figure.unit}" if figure.unit else figure.label,
                      shown(result["medians"][US] * figure.scale)]
-            cells += [f"{shown(result['medians'][each] * figure.scale)} ({result['ratios'][each]:.2f} ×)"
-                      if each in result["ratios"] else "" for each in others]
+            cells += [cell(figure, result, each) if each in result["ratios"] else "" for each in others]
             lines.append("| " + " | ".join([*cells, aims(figure), verdict(figure, result)]) + " |")
         lines.append("")
     return "\n".join(lines)

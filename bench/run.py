@@ -11,6 +11,7 @@ ratios, so that what slows the machine down for a while slows both.
 import argparse
 import contextlib
 import json
+import math
 import os
 import statistics
 import subprocess
@@ -160,25 +161,27 @@ def judge(row, values):
 
 
 def compare(files):
-    """Prints each ratio of each run, and by how much the highest exceeds the lowest."""
+    """Prints each ratio (or constant difference) of each run, and by how much the highest exceeds the lowest."""
     runs = []
     for name in files:
         with open(name, encoding="utf-8") as file:
             runs.append(json.load(file))
-    noisy = {(row.name, figure.key) for row in ROWS for figure in row.figures if figure.noisy}
+    figures = {(row.name, figure.key): figure for row in ROWS for figure in row.figures}
     apart = 0
     for results in zip(*runs):
         key = (results[0]["row"], results[0]["figure"])
         if any((each["row"], each["figure"]) != key for each in results):
             sys.exit("the runs measured different figures")
         for contender in results[0]["ratios"]:
-            ratios = [each["ratios"][contender] for each in results]
-            spread = max(ratios) / min(ratios) - 1
-            remark = " (not counted)" if key in noisy else " APART" if spread > 0.15 else ""
-            apart += spread > 0.15 and key not in noisy
-            print(f"{key[0]:9}{key[1]:30}{contender:22}{'  '.join(f'{each:7.3f}' for each in ratios)}"
+            kind = "differences" if contender in figures[key].constants else "ratios"
+            compared = [each[kind][contender] for each in results]
+            spread = max(compared) / min(compared) - 1 if min(compared) > 0 else math.inf
+            noisy = figures[key].noisy
+            remark = " (not counted)" if noisy else " APART" if spread > 0.15 else ""
+            apart += spread > 0.15 and not noisy
+            print(f"{key[0]:9}{key[1]:30}{contender:22}{'  '.join(f'{each:7.3f}' for each in compared)}"
                   f"{spread:8.1%}{remark}")
-    print(f"{apart} ratios lie more than 15 % apart")
+    print(f"{apart} of them lie more than 15 % apart")
     return 1 if apart else 0
 
 

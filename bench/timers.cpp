@@ -204,10 +204,10 @@ struct Crowd {
 // At 1,000 and at 1,000,000 the inserts pass a power of two, where vexalive and asio move their heap into a vector of
 // twice the size: that counts in full.
 constexpr Crowd kCrowds[] = {
-    {1, 8, 600}, {1'000, 500, 40}, {10'000, 1'000, 60}, {100'000, 10'000, 6}, {1'000'000, 100'000, 3},
+    {1, 8, 300}, {1'000, 500, 40}, {10'000, 1'000, 30}, {100'000, 10'000, 3}, {1'000'000, 100'000, 1},
 };
 
-constexpr size_t kEarliestInserts = 500;
+constexpr size_t kEarliestInserts = 250;
 
 constexpr unsigned long kNoSlack = 1;  // nanosecond
 constexpr unsigned long kUsualSlack = 0;
