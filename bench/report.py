@@ -22,7 +22,8 @@ def shown(value):
 
 def aims(figure):
     texts = [f"{ratio:g} × {contender}" for contender, ratio in figure.ratios.items()]
-    texts += [f"{contender} + {shown(value)} {figure.unit}" for contender, value in figure.beyond.items()]
+    texts += [f"{contender} + {shown(value)} {figure.unit}" if value else contender
+              for contender, value in figure.beyond.items()]
     if figure.ceiling is not None:
         texts.append(f"{shown(figure.ceiling * figure.scale)} {figure.unit}".strip())
     if not texts:
@@ -156,7 +157,8 @@ def growth(results, row_name, title, unit, points, logarithmic, left, width, top
         corners = [place(where, by_key[key]["medians"][contender]) for where, key in points]
         parts.append(f'<polyline points="{" ".join(f"{x:.1f},{y:.1f}" for x, y in corners)}" class="line" '
                      f'stroke="{colour}"/>')
-        parts.append(text(left + 8, top + 14 + 15 * index, contender, "scale", "start", colour))
+        lines_below = len(row.contenders) - 1 - index
+        parts.append(text(left + width - 8, top + height - 10 - 15 * lines_below, contender, "scale", "end", colour))
     return parts
 
 

@@ -214,7 +214,7 @@ ROWS = [
     ),
     Row(
         "media",
-        "A mix of three moving pictures of 640 × 360 into 1280 × 720 at 20 frames a second, beside FFmpeg's filter graph",
+        "A mix of three moving pictures, beside FFmpeg's filter graph",
         {
             each: ["{python}", "bench/media.py", each, "--vexalive", "{build}/tools/vexalive"]
             for each in ("vexalive", "ffmpeg")
