@@ -65,7 +65,7 @@ ROWS = [
             Figure("latency_us_p99", "post to run, idle, p99", noisy=True, **MICROSECONDS),
             Figure("allocations_per_post", "allocations a post", ceiling=2.0),
         ],
-        rounds=61,
+        rounds=51,
     ),
     Row(
         "timers",
@@ -80,7 +80,7 @@ ROWS = [
             Figure("insert_ns_earliest", "insert, now the earliest: a thread is woken", "ns",
                    ratios={"asio": 1.0, "libuv": 1.0}),
         ],
-        rounds=33,
+        rounds=27,
     ),
     Row(
         "late",
@@ -189,7 +189,7 @@ ROWS = [
             Figure("latency_us_p99", "p99", "ms", 1e-3, noisy=True),
             Figure("server_cpu_us_per_request", "CPU of the server a request", **MICROSECONDS),
         ],
-        rounds=27,
+        rounds=25,
     ),
     Row(
         "others",
@@ -208,7 +208,7 @@ ROWS = [
             Figure("anonymous_bytes", "memory of its own",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
         ],
-        rounds=21,
+        rounds=19,
         apart=True,
         awake=True,
     ),
