@@ -80,7 +80,7 @@ ROWS = [
             Figure("insert_ns_earliest", "insert, now the earliest: a thread is woken", "ns",
                    ratios={"asio": 1.0, "libuv": 1.0}),
         ],
-        rounds=27,
+        rounds=25,
     ),
     Row(
         "late",
@@ -94,7 +94,7 @@ ROWS = [
             Figure("lateness_without_slack_us_p50", "p50, without the kernel's slack", ratios={"asio": 1.0},
                    of=("vexalive", "asio"), **MICROSECONDS),
         ],
-        rounds=41,
+        rounds=35,
     ),
     Row(
         "request",
@@ -224,6 +224,7 @@ ROWS = [
             Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
             Figure("first_picture_ms", "answer to first picture", "ms", ceiling=2000, noisy=True),
         ],
-        rounds=3,
+        rounds=5,
+        awake=True,
     ),
 ]
