@@ -18,7 +18,7 @@ import time
 
 import service
 
-SECONDS = 4
+SECONDS = 9
 BIZ_ID, ROOM = 8888, "4711"
 PLACES = ((0, 0), (640, 0), (320, 360))
 WIDTH, HEIGHT, FRAME_RATE, BITRATE, SECONDS_OF_GOP = 1280, 720, 20, 1500, 2

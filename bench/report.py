@@ -166,7 +166,7 @@ def picture(results):
     parts, bottom = advantages(results, 30)
     top, half = bottom + 60, WIDTH / 2
     parts += growth(results, "timers", "Insert beside so many that wait", "ns",
-                    [(pending, f"insert_ns_{pending}_pending") for pending in PENDING[1:]], True, 60, half - 110, top)
+                    [(pending, f"insert_ns_{pending}_pending") for pending in PENDING], True, 60, half - 110, top)
     parts += growth(results, "bodies", "Body of a mix of so many", "µs",
                     [(users, f"mix_us_{users}_user{'s' if users > 1 else ''}") for users in USERS], False, half + 40,
                     half - 90, top)
