@@ -6,11 +6,11 @@ namespace vexalive {
 
 namespace {
 
-constexpr size_t kTagHeader = 11;       // kind, size (3), timestamp (3, and its highest byte), stream id (3)
-constexpr size_t kTagSize = 4;          // behind the tag
-constexpr int64_t kMostBack = 1'000;    // milliseconds; what goes back further is another clock
-constexpr int64_t kMostAhead = 10'000;  // the same, of what no pause explains
-constexpr size_t kSetupPacket = 0;      // of AVC and AAC: a decoder's configuration
+constexpr size_t kTagHeader = 11;      // kind, size (3), timestamp (3, and its highest byte), stream id (3)
+constexpr size_t kTagSize = 4;         // behind the tag
+constexpr int64_t kMaxBack = 1'000;    // milliseconds; what goes back further is another clock
+constexpr int64_t kMaxAhead = 10'000;  // the same, of what no pause explains
+constexpr size_t kSetupPacket = 0;     // of AVC and AAC: a decoder's configuration
 
 unsigned byteAt(std::string_view bytes, size_t place) {
     return place < bytes.size() ? static_cast<unsigned char>(bytes[place]) : 0;
@@ -104,7 +104,7 @@ bool FlvReader::read(std::string_view piece, const std::function<void(const FlvT
 
 int64_t SteadyTime::at(int64_t timestamp, int64_t now) {
     const int64_t ahead = timestamp + mOffset - mLast;
-    mIsFirst = mIsFirst || ahead < -kMostBack || ahead > now - mLastNow + kMostAhead;
+    mIsFirst = mIsFirst || ahead < -kMaxBack || ahead > now - mLastNow + kMaxAhead;
     if (mIsFirst) {
         const int64_t begin = mHasBegun ? mLast + std::max<int64_t>(now - mLastNow, 1) : 0;
         mOffset = begin - timestamp;
@@ -132,9 +132,9 @@ void FlvGate::see(const FlvTag& tag, int64_t now) {
 }
 
 bool FlvGate::pass(const FlvTag& tag, size_t waiting, const std::function<void(const FlvTag& tag)>& give) {
-    mIsOpen = mIsOpen && waiting <= kMostWaiting;
+    mIsOpen = mIsOpen && waiting <= kMaxWaiting;
     const bool isBeginning = tag.isMedia() && !tag.isSetup() && (tag.isKeyFrame() || mCame - mVideoCame > kSilent);
-    if (!mIsOpen && isBeginning && waiting < kMostWaiting / 4) {
+    if (!mIsOpen && isBeginning && waiting < kMaxWaiting / 4) {
         mIsOpen = true;
         for (const FlvTag& setup : mSetup) {
             give(setup);

@@ -67,8 +67,8 @@ private:
 // what waits for it, whatever the tags are.
 class FlvGate {
 public:
-    static constexpr size_t kMostWaiting = size_t{4} << 20;  // bytes; then it shuts
-    static constexpr int64_t kSilent = 3'000;                // milliseconds without video, and none is waited for
+    static constexpr size_t kMaxWaiting = size_t{4} << 20;  // bytes; then it shuts
+    static constexpr int64_t kSilent = 3'000;               // milliseconds without video, and none is waited for
 
     void forgetSetup() { mSetup.clear(); }  // the source is connected anew, and will tell its own
     void shut() { mIsOpen = false; }        // the destination is

@@ -10,8 +10,8 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kSoundPiece = kSecond / 50;
-constexpr int64_t kMostBehind = kSecond;  // then frames are left out, and sound
-constexpr guint64 kMostWaiting = 20;      // frames before an encoder
+constexpr int64_t kMaxBehind = kSecond;  // then frames are left out, and sound
+constexpr guint64 kMaxWaiting = 20;      // frames before an encoder
 
 int64_t runningTime() {
     return static_cast<int64_t>(Pipeline::runningTime());
@@ -98,12 +98,12 @@ void MixConductor::takeScene(int64_t now) {
 void MixConductor::makePicture(int64_t now) {
     const MixScene& scene = *mScene;
     const int64_t duration = kSecond / scene.frameRate;
-    for (; mPictureDue < now - kMostBehind; mPictureDue += duration) {
+    for (; mPictureDue < now - kMaxBehind; mPictureDue += duration) {
         ++mDropped;
     }
     const int64_t time = mPictureDue;
     mPictureDue += duration;
-    if (gst_app_src_get_current_level_buffers(appsrcOf(scene.videoEncoder)) >= kMostWaiting) {
+    if (gst_app_src_get_current_level_buffers(appsrcOf(scene.videoEncoder)) >= kMaxWaiting) {
         ++mDropped;
         return;
     }
@@ -129,7 +129,7 @@ void MixConductor::makePicture(int64_t now) {
 
 void MixConductor::makeSound(int64_t now) {
     const int64_t end = MixSound::positionOf(now);
-    mSoundMade = std::max(mSoundMade, end - MixSound::positionOf(kMostBehind));
+    mSoundMade = std::max(mSoundMade, end - MixSound::positionOf(kMaxBehind));
     const int64_t count = end - mSoundMade;
     if (!mScene->audioEncoder || count <= 0) {
         mSoundMade = end;

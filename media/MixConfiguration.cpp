@@ -28,8 +28,8 @@ constexpr Number kChannels{"output_audio_channels", 2, 1, 2};
 constexpr int kSampleRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
 
 // What the encoder takes, and what a machine can be asked for.
-constexpr int64_t kLeastSide = 16;
-constexpr int64_t kMostSide = 4096;
+constexpr int64_t kMinSide = 16;
+constexpr int64_t kMaxSide = 4096;
 
 int readNumber(const json& output, const Number& number) {
     const int64_t value = output.value(number.key, int64_t{0});
@@ -43,7 +43,7 @@ int nearestSampleRate(int wanted) {
 
 // Of an odd length, the last column or row would be half a sample of colour.
 int readSide(const json& canvas, const char* key) {
-    const int64_t side = std::clamp(canvas.at(key).get<int64_t>(), kLeastSide, kMostSide);
+    const int64_t side = std::clamp(canvas.at(key).get<int64_t>(), kMinSide, kMaxSide);
     return static_cast<int>(side + side % 2);
 }
 

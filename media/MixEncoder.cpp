@@ -14,7 +14,7 @@ namespace {
 
 // More threads than needed cost time, and each cuts the picture into another slice.
 constexpr int64_t kPixelsAThread = 50'000'000;  // a second
-constexpr int64_t kMostThreads = 8;
+constexpr int64_t kMaxThreads = 8;
 
 // Holds a buffer's bytes.
 class Bytes {
@@ -72,7 +72,7 @@ std::unique_ptr<Pipeline> makeEncoder(const MixVideo& video, std::shared_ptr<Mix
     const std::string bitrate = std::to_string(video.bitrate);
     const std::string keyFrames = std::to_string(video.keySeconds * video.frameRate);
     const int64_t pixels = int64_t{video.width} * video.height * video.frameRate;
-    const std::string threads = std::to_string(1 + std::min<int64_t>(pixels / kPixelsAThread, kMostThreads - 1));
+    const std::string threads = std::to_string(1 + std::min<int64_t>(pixels / kPixelsAThread, kMaxThreads - 1));
     auto pipeline = std::make_unique<Pipeline>(
         "appsrc name=in format=time max-bytes=0"
         " ! x264enc speed-preset=veryfast tune=zerolatency aud=false threads=" +

@@ -11,7 +11,7 @@ void MixFeed::putPicture(MixPicture picture) {
     while (!mPictures.empty() && mPictures.back().turn >= picture.turn) {
         mPictures.pop_back();  // of a connection before, or of before a jump of the publisher's clock
     }
-    if (mPictures.size() == kMostPictures) {
+    if (mPictures.size() == kMaxPictures) {
         mPictures.pop_front();
     }
     mPictures.push_back(std::move(picture));

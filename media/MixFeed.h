@@ -35,7 +35,7 @@ public:
 
 private:
     static constexpr int64_t kFrozen = 1'100'000'000;
-    static constexpr size_t kMostPictures = 64;  // 60 a second, as early as MixTimeline lets them come
+    static constexpr size_t kMaxPictures = 64;  // 60 a second, as early as MixTimeline lets them come
 
     mutable std::mutex mMutex;
     std::deque<MixPicture> mPictures;  // in the order of their turns

@@ -15,12 +15,12 @@ namespace vexalive {
 namespace {
 
 constexpr int64_t kMillisecond = 1'000'000;
-constexpr int64_t kSilent = 1100 * kMillisecond;        // and the publisher is taken for absent
-constexpr int64_t kMostSilent = 20'000 * kMillisecond;  // and the connection is given up
-constexpr int64_t kSteady = 5'000 * kMillisecond;       // of media, and what has failed before is mended
-constexpr int64_t kMostWaited = 1'000 * kMillisecond;   // for the decoder; then video is left out up to a key frame
-constexpr unsigned kMostHeldBack = 16;                  // frames without a picture, by a decoder that sorts them
-constexpr unsigned kMostUndecoded = 20;                 // then it cannot decode them
+constexpr int64_t kSilent = 1100 * kMillisecond;       // and the publisher is taken for absent
+constexpr int64_t kMaxSilent = 20'000 * kMillisecond;  // and the connection is given up
+constexpr int64_t kSteady = 5'000 * kMillisecond;      // of media, and what has failed before is mended
+constexpr int64_t kMaxWaited = 1'000 * kMillisecond;   // for the decoder; then video is left out up to a key frame
+constexpr unsigned kMaxHeldBack = 16;                  // frames without a picture, by a decoder that sorts them
+constexpr unsigned kMaxUndecoded = 20;                 // then it cannot decode them
 
 // Of a tag's bytes, behind its header and before the size at its end.
 constexpr size_t kTagHeader = 11;
@@ -161,9 +161,9 @@ public:
             return false;
         }
         const bool isKeyFrame = !GST_BUFFER_FLAG_IS_SET(frame, GST_BUFFER_FLAG_DELTA_UNIT);
-        const bool hasWaited = runningTime() - static_cast<int64_t>(GST_BUFFER_OFFSET(frame)) > kMostWaited;
+        const bool hasWaited = runningTime() - static_cast<int64_t>(GST_BUFFER_OFFSET(frame)) > kMaxWaited;
         mAwaitsKeyFrame = (mAwaitsKeyFrame && !isKeyFrame) || !mWantsPicture || hasWaited;
-        const bool isDecoded = !mAwaitsKeyFrame && mUndecoded < kMostUndecoded;
+        const bool isDecoded = !mAwaitsKeyFrame && mUndecoded < kMaxUndecoded;
         mUndecoded += isDecoded ? 1 : 0;
         mNumbers.dropped += !isDecoded && mWantsPicture ? 1 : 0;
         return isDecoded;
@@ -174,7 +174,7 @@ public:
     }
     bool cannotDecode() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mWantsPicture && mUndecoded >= kMostUndecoded;
+        return mWantsPicture && mUndecoded >= kMaxUndecoded;
     }
 
     bool hasFlowed() const {
@@ -183,7 +183,7 @@ public:
     }
     bool isSteady() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mCame - mFirstCame > kSteady && (!mWantsPicture || mUndecoded <= kMostHeldBack);
+        return mCame - mFirstCame > kSteady && (!mWantsPicture || mUndecoded <= kMaxHeldBack);
     }
     // Nanoseconds since something has come, or since the connection began.
     int64_t idle() const {
@@ -363,7 +363,7 @@ void MixInput::connectAfter(std::chrono::milliseconds pause) {
 }
 
 void MixInput::check() {
-    if (mConnection && mDemuxer->idle() > kMostSilent) {
+    if (mConnection && mDemuxer->idle() > kMaxSilent) {
         mError = status().numbers.error;
         mRetry.succeeded();  // it was long enough until now
         reconnect("");

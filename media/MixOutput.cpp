@@ -11,11 +11,11 @@ namespace vexalive {
 
 namespace {
 
-constexpr int64_t kMostWaiting = 2000;   // milliseconds of frames; then they are thrown away up to a key frame
-constexpr int64_t kMostAwaited = 300;    // milliseconds that one kind waits for the other, to be sent in order
-constexpr guint64 kMostHandedOver = 16;  // frames: the others can still be thrown away
-constexpr int64_t kIdle = 3000;          // milliseconds, and it does not run
-constexpr int64_t kMostIdle = 10000;     // milliseconds, and it is given up
+constexpr int64_t kMaxWaiting = 2000;   // milliseconds of frames; then they are thrown away up to a key frame
+constexpr int64_t kMaxAwaited = 300;    // milliseconds that one kind waits for the other, to be sent in order
+constexpr guint64 kMaxHandedOver = 16;  // frames: the others can still be thrown away
+constexpr int64_t kIdle = 3000;         // milliseconds, and it does not run
+constexpr int64_t kMaxIdle = 10000;     // milliseconds, and it is given up
 
 int64_t millisecondsNow() {
     return static_cast<int64_t>(GST_TIME_AS_MSECONDS(Pipeline::runningTime()));
@@ -69,7 +69,7 @@ void MixOutput::Frames::putInOrder(Frame frame) {
 }
 
 void MixOutput::Frames::makeRoom() {
-    if (mFrames.back().time - mFrames.front().time <= kMostWaiting) {
+    if (mFrames.back().time - mFrames.front().time <= kMaxWaiting) {
         return;
     }
     auto last = mFrames.end();
@@ -101,12 +101,12 @@ bool MixOutput::Frames::isInOrder(const Frame& frame) const {
         return true;
     }
     const int64_t other = frame.tag.kind == FlvTag::Kind::kVideo ? mNewestAudio : mNewestVideo;
-    return other >= frame.time || mFrames.back().time - frame.time > kMostAwaited;
+    return other >= frame.time || mFrames.back().time - frame.time > kMaxAwaited;
 }
 
 void MixOutput::Frames::send() {
     while (!mFrames.empty() && isInOrder(mFrames.front()) &&
-           gst_app_src_get_current_level_buffers(GST_APP_SRC(mAppsrc.get())) < kMostHandedOver) {
+           gst_app_src_get_current_level_buffers(GST_APP_SRC(mAppsrc.get())) < kMaxHandedOver) {
         sendFrame(mFrames.front());
         mFrames.pop_front();
     }
@@ -245,7 +245,7 @@ void MixOutput::reconnect(const std::string& error) {
 }
 
 void MixOutput::check() {
-    if (mPipeline && !mStopped && mFrames->millisecondsIdle() > kMostIdle) {
+    if (mPipeline && !mStopped && mFrames->millisecondsIdle() > kMaxIdle) {
         reconnect("it takes nothing any more");
     }
 }

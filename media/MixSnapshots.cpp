@@ -12,7 +12,7 @@ namespace vexalive {
 
 namespace {
 
-constexpr int kLeastSide = 16;
+constexpr int kMinSide = 16;
 
 }  // namespace
 
@@ -38,8 +38,8 @@ void MixSnapshots::make(GstSample* picture, int width, Done done) {
         done("");
         return;
     }
-    const int wide = std::clamp(width, kLeastSide, GST_VIDEO_INFO_WIDTH(&info));
-    const int high = std::max(wide * GST_VIDEO_INFO_HEIGHT(&info) / GST_VIDEO_INFO_WIDTH(&info), kLeastSide);
+    const int wide = std::clamp(width, kMinSide, GST_VIDEO_INFO_WIDTH(&info));
+    const int high = std::max(wide * GST_VIDEO_INFO_HEIGHT(&info) / GST_VIDEO_INFO_WIDTH(&info), kMinSide);
     if (!mPipeline || wide != mWidth || high != mHeight) {
         makePipeline(wide, high);
     }

@@ -15,17 +15,17 @@ class MixTimeline {
 public:
     enum Kind { kAudio, kVideo };
 
-    static constexpr int64_t kCushion = 150'000'000;      // takes in the unevenness of the road and of the decoder
-    static constexpr int64_t kMostAhead = 1'000'000'000;  // then the publisher's clock has jumped, or runs fast
-    static constexpr int64_t kLeastAhead = 50'000'000;    // else it is late: it is yet to be decoded, and sound joined
-    static constexpr int64_t kMostLate = 5'000'000'000;   // then it has jumped back
-    static constexpr int64_t kPatience = 1'000'000'000;   // with one that is late again and again, but may catch up
+    static constexpr int64_t kCushion = 150'000'000;     // takes in the unevenness of the road and of the decoder
+    static constexpr int64_t kMaxAhead = 1'000'000'000;  // then the publisher's clock has jumped, or runs fast
+    static constexpr int64_t kMinAhead = 50'000'000;     // else it is late: it is yet to be decoded, and sound joined
+    static constexpr int64_t kMaxLate = 5'000'000'000;   // then it has jumped back
+    static constexpr int64_t kPatience = 1'000'000'000;  // with one that is late again and again, but may catch up
 
     // `decoding` is when it is to be decoded, by the publisher's clock: so late or early is told in the order in which
     // media come. What is returned belongs to that moment.
     int64_t at(Kind kind, int64_t decoding, int64_t now) {
         const int64_t lead = decoding + mOffset - now;
-        if (!mHasBegun || lead > kMostAhead || lead < -kMostLate || (lead < kLeastAhead && isLateForLong(kind, now))) {
+        if (!mHasBegun || lead > kMaxAhead || lead < -kMaxLate || (lead < kMinAhead && isLateForLong(kind, now))) {
             mHasBegun = true;
             mOffset = now + kCushion - decoding;
             mLate[kAudio] = mLate[kVideo] = Lateness();

@@ -14,8 +14,8 @@ namespace vexalive {
 
 namespace {
 
-constexpr int64_t kSilent = 3'000;       // milliseconds; and the other side is taken for absent
-constexpr int64_t kMostSilent = 20'000;  // and the connection is given up
+constexpr int64_t kSilent = 3'000;      // milliseconds; and the other side is taken for absent
+constexpr int64_t kMaxSilent = 20'000;  // and the connection is given up
 constexpr std::chrono::seconds kLookPause{1};
 
 int64_t millisecondsNow() {
@@ -107,7 +107,7 @@ public:
     // Nothing has come for so long that the connection may be dead.
     bool sourceIsSilent() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return millisecondsNow() - mSourceCame > kMostSilent;
+        return millisecondsNow() - mSourceCame > kMaxSilent;
     }
     // Nothing is taken of what waits.
     bool destinationIsStuck(int64_t milliseconds) const {
@@ -246,7 +246,7 @@ void RelayWorker::look() {
     if (mSource.pipeline && mStream->sourceHasRun() && mStream->sourceIsSilent()) {
         sourceEnded("nothing came from it any more");
     }
-    if (mDestination.pipeline && mStream->destinationIsStuck(kMostSilent)) {
+    if (mDestination.pipeline && mStream->destinationIsStuck(kMaxSilent)) {
         destinationEnded("it took nothing any more");
     }
     mLook = callAfter(kLookPause, [this] { look(); });

@@ -13,16 +13,16 @@ public:
     // 250 ms, and twice as long each time, up to 4 s.
     std::chrono::milliseconds next() {
         const std::chrono::milliseconds pause = mPause;
-        mPause = std::min(2 * mPause, kLongest);
+        mPause = std::min(2 * mPause, kMax);
         return pause;
     }
-    void succeeded() { mPause = kShortest; }
+    void succeeded() { mPause = kMin; }
 
 private:
-    static constexpr std::chrono::milliseconds kShortest{250};
-    static constexpr std::chrono::milliseconds kLongest{4000};
+    static constexpr std::chrono::milliseconds kMin{250};
+    static constexpr std::chrono::milliseconds kMax{4000};
 
-    std::chrono::milliseconds mPause = kShortest;
+    std::chrono::milliseconds mPause = kMin;
 };
 
 }  // namespace vexalive

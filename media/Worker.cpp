@@ -24,8 +24,8 @@ namespace {
 constexpr int kStatusMilliseconds = 500;
 constexpr int kLookMilliseconds = 50;  // how soon a change of a state is told
 constexpr int kStopMilliseconds = 2000;
-constexpr size_t kMostLineBytes = size_t{1} << 20;
-constexpr int kMostLinesASecond = 10;
+constexpr size_t kMaxLineBytes = size_t{1} << 20;
+constexpr int kMaxLinesASecond = 10;
 
 const char* nameOf(MediaState state) {
     switch (state) {
@@ -116,8 +116,8 @@ private:
             obey(mInput.substr(0, end));
             mInput.erase(0, end + 1);
         }
-        if (mInput.size() > kMostLineBytes) {
-            tell("a line of more than " + std::to_string(kMostLineBytes) + " bytes on stdin: left out");
+        if (mInput.size() > kMaxLineBytes) {
+            tell("a line of more than " + std::to_string(kMaxLineBytes) + " bytes on stdin: left out");
             mInput.clear();
         }
         return G_SOURCE_CONTINUE;
@@ -204,13 +204,13 @@ void tell(const std::string& line) {
     const auto now = std::chrono::steady_clock::now();
     const std::lock_guard<std::mutex> lock(mutex);
     if (now >= second + std::chrono::seconds(1)) {
-        if (lines > kMostLinesASecond) {
-            std::fprintf(stderr, "%d more lines were left out\n", lines - kMostLinesASecond);
+        if (lines > kMaxLinesASecond) {
+            std::fprintf(stderr, "%d more lines were left out\n", lines - kMaxLinesASecond);
         }
         second = now;
         lines = 0;
     }
-    if (++lines <= kMostLinesASecond) {
+    if (++lines <= kMaxLinesASecond) {
         std::fprintf(stderr, "%s\n", line.c_str());
     }
 }

@@ -38,7 +38,7 @@ std::string textOf(int status) {
         case 400:
             return "this is not a readable HTTP request";
         case 413:
-            return "the body is longer than " + std::to_string(HttpServer::kMostBodyBytes) + " bytes";
+            return "the body is longer than " + std::to_string(HttpServer::kMaxBodyBytes) + " bytes";
         case 414:
             return "the address is too long";
         default:
@@ -87,9 +87,9 @@ public:
     Connection(HttpServer& owner, Wire& wire, bool isFromLoopback)
         : mOwner(owner), mWire(wire), mIsFromLoopback(isFromLoopback) {
         svr_sock_ = wire.socket();  // without a socket httplib takes itself for stopped, and cuts streamed answers
-        set_payload_max_length(kMostBodyBytes);
+        set_payload_max_length(kMaxBodyBytes);
         set_keep_alive_timeout(kIdleTime.count());
-        set_keep_alive_max_count(kMostRequests);
+        set_keep_alive_max_count(kMaxRequests);
         set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
             return admit(request, response) ? HandlerResponse::Unhandled : HandlerResponse::Handled;
         });
@@ -109,7 +109,7 @@ public:
         if (!mWire.shakeHands()) {
             return;
         }
-        for (size_t left = kMostRequests; left > 0 && !mIsOver && mWire.awaitRequest(kIdleTime); --left) {
+        for (size_t left = kMaxRequests; left > 0 && !mIsOver && mWire.awaitRequest(kIdleTime); --left) {
             bool isClosed = false;
             mIsAnswered = false;
             const bool isServed = process_request(mWire, left == 1, isClosed, nullptr);
@@ -135,7 +135,7 @@ public:
     }
 
 private:
-    static constexpr size_t kMostRequests = 100'000;  // of one connection
+    static constexpr size_t kMaxRequests = 100'000;  // of one connection
 
     // Before the body is read: whatever is refused here leaves it unread.
     bool admit(const httplib::Request& request, httplib::Response& response) {
@@ -371,7 +371,7 @@ bool HttpServer::awaitRoom() {
                     ended.splice(ended.end(), mPeers, each);
                 }
             }
-            if (mIsStopping || mPeers.size() < kMostConnections) {
+            if (mIsStopping || mPeers.size() < kMaxConnections) {
                 break;
             }
             mChanged.wait(mMutex);

@@ -52,8 +52,8 @@ struct HttpAnswer {
 
 class HttpServer {
 public:
-    static constexpr size_t kMostConnections = 1024;  // at a time; further ones wait to be accepted
-    static constexpr size_t kMostBodyBytes = size_t{1} << 20;
+    static constexpr size_t kMaxConnections = 1024;  // at a time; further ones wait to be accepted
+    static constexpr size_t kMaxBodyBytes = size_t{1} << 20;
 
     struct Options {
         std::string address;

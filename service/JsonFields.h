@@ -1,6 +1,6 @@
 // Strict reading of JSON that others wrote: a text becomes an object or a refusal, and so does each of its fields.
 //
-// Used by the checks of requests and of misbehaviours. Everything here throws Refusal; the two checks catch it.
+// Used by the checks of requests and of faults. Everything here throws Refusal; the two checks catch it.
 
 #ifndef VEXALIVE_SERVICE_JSON_FIELDS_H
 #define VEXALIVE_SERVICE_JSON_FIELDS_H

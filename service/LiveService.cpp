@@ -10,10 +10,10 @@
 #include "base/Mutex.h"
 #include "service/Certificates.h"
 #include "service/Console.h"
+#include "service/Faults.h"
 #include "service/HttpServer.h"
 #include "service/Media.h"
 #include "service/Metrics.h"
-#include "service/Misbehaviours.h"
 #include "service/RequestCheck.h"
 #include "service/ServiceState.h"
 
@@ -27,7 +27,7 @@ constexpr const char* kFolder = "/v3/liveinterface/";
 constexpr const char* kState = "/state";
 constexpr const char* kMetrics = "/metrics";
 constexpr const char* kSnapshot = "/snapshot";
-constexpr const char* kMisbehave = "/misbehave";
+constexpr const char* kFaultsPath = "/faults";
 constexpr const char* kPublish = "/origin/publish";
 
 // What is for this machine only.
@@ -35,7 +35,7 @@ HttpServer::Routes localRoutes() {
     HttpServer::Routes result = {{kState, {"GET"}},
                                  {kMetrics, {"GET"}},
                                  {kSnapshot, {"GET"}},
-                                 {kMisbehave, {"GET", "POST", "DELETE"}},
+                                 {kFaultsPath, {"GET", "POST", "DELETE"}},
                                  {kPublish, {"POST"}}};
     for (const std::string& path : consolePaths()) {
         result[path] = {"GET"};
@@ -93,36 +93,35 @@ bool isRedirect(int status) {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
 
-HttpAnswer misbehavedAnswer(const Misbehaviour& misbehaviour) {
+HttpAnswer faultAnswer(const Fault& fault) {
     HttpAnswer answer;
-    switch (misbehaviour.kind) {
-        case Misbehaviour::Kind::kDelay:
-        case Misbehaviour::Kind::kEmpty:
+    switch (fault.kind) {
+        case Fault::Kind::kDelay:
+        case Fault::Kind::kEmpty:
             break;
-        case Misbehaviour::Kind::kStatus:
-            answer.status = misbehaviour.status;
-            if (isRedirect(misbehaviour.status)) {
+        case Fault::Kind::kStatus:
+            answer.status = fault.status;
+            if (isRedirect(fault.status)) {
                 answer.headers["Location"] = "/redirected";
             }
             break;
-        case Misbehaviour::Kind::kCut:
+        case Fault::Kind::kCut:
             answer.body = codeBody(0, "half of this is never sent");
             answer.ending = HttpAnswer::Ending::kCut;
             break;
-        case Misbehaviour::Kind::kGarbage:
+        case Fault::Kind::kGarbage:
             answer.body = std::string("<html>\xff\xfe{\"code\":\0 0", 19);
             break;
-        case Misbehaviour::Kind::kHuge:
+        case Fault::Kind::kHuge:
             answer.body = "{\"code\":0,\"message\":\"";
             answer.tail = "\"}";
-            answer.padding = misbehaviour.size - answer.body.size() - answer.tail.size();
+            answer.padding = fault.size - answer.body.size() - answer.tail.size();
             break;
-        case Misbehaviour::Kind::kServerCode:
-            answer.body = misbehaviour.errorCodeKeys
-                              ? asJson({{"ErrorCode", misbehaviour.code}, {"ErrorInfo", misbehaviour.message}})
-                              : codeBody(misbehaviour.code, misbehaviour.message);
+        case Fault::Kind::kServerCode:
+            answer.body = fault.errorCodeKeys ? asJson({{"ErrorCode", fault.code}, {"ErrorInfo", fault.message}})
+                                              : codeBody(fault.code, fault.message);
             break;
-        case Misbehaviour::Kind::kClose:
+        case Fault::Kind::kClose:
             answer.ending = HttpAnswer::Ending::kNone;
             break;
     }
@@ -181,7 +180,7 @@ struct LiveService::Impl {
     HttpAnswer answer(const HttpRequest& request);
     HttpAnswer answerLocal(const HttpRequest& request, bool isTls);
     HttpAnswer answerSnapshot(const HttpRequest& request);
-    HttpAnswer answerMisbehave(const HttpRequest& request);
+    HttpAnswer answerFaults(const HttpRequest& request);
     HttpAnswer answerInterface(const std::string& interfaceName, const HttpRequest& request);
     HttpAnswer answerTruly(const HttpRequest& request, LiveServiceEvent& event);
     std::variant<std::string, Refusal> apply(const AcceptedRequest& request);
@@ -190,7 +189,7 @@ struct LiveService::Impl {
     std::string error;
     Certificates certificates;
     ServiceState state;
-    Misbehaviours misbehaviours;
+    Faults faults;
     std::optional<Media> media;
     KstMutex applying;   // with media, the state and the media agree
     HttpServer console;  // these are the last: their threads use all of the above
@@ -282,8 +281,8 @@ HttpAnswer LiveService::Impl::answerLocal(const HttpRequest& request, bool isTls
     if (request.path == kSnapshot) {
         return answerSnapshot(request);
     }
-    if (request.path == kMisbehave) {
-        return answerMisbehave(request);
+    if (request.path == kFaultsPath) {
+        return answerFaults(request);
     }
     if (request.path == kPublish) {
         const bool isAdmitted = media && media->admit(request.body);
@@ -305,40 +304,40 @@ HttpAnswer LiveService::Impl::answerSnapshot(const HttpRequest& request) {
     return answer;
 }
 
-HttpAnswer LiveService::Impl::answerMisbehave(const HttpRequest& request) {
+HttpAnswer LiveService::Impl::answerFaults(const HttpRequest& request) {
     if (request.method == "GET") {
-        return okAnswer(misbehaviours.toJson());
+        return okAnswer(faults.toJson());
     }
     if (request.method == "DELETE") {
-        misbehaviours.clear();
+        faults.clear();
         return plainAnswer(200, "ok");
     }
-    const std::string refused = misbehaviours.addJson(request.body);
+    const std::string refused = faults.addJson(request.body);
     return refused.empty() ? plainAnswer(200, "ok") : plainAnswer(400, refused);
 }
 
 HttpAnswer LiveService::Impl::answerInterface(const std::string& interfaceName, const HttpRequest& request) {
     LiveServiceEvent event;
     event.interfaceName = interfaceName;
-    const std::optional<Misbehaviour> misbehaviour = misbehaviours.take(interfaceName);
+    const std::optional<Fault> fault = faults.take(interfaceName);
     HttpAnswer answer;
-    if (misbehaviour && !server.pause(std::chrono::milliseconds(misbehaviour->delayMs))) {
+    if (fault && !server.pause(std::chrono::milliseconds(fault->delayMs))) {
         answer.ending = HttpAnswer::Ending::kNone;
-    } else if (misbehaviour && misbehaviour->kind != Misbehaviour::Kind::kDelay) {
-        answer = misbehavedAnswer(*misbehaviour);
+    } else if (fault && fault->kind != Fault::Kind::kDelay) {
+        answer = faultAnswer(*fault);
     } else {
         answer = answerTruly(request, event);
     }
     event.httpStatus = answer.ending == HttpAnswer::Ending::kNone ? 0 : answer.status;
-    if (misbehaviour) {
-        event.misbehaviour = nameOf(misbehaviour->kind);
-        if (misbehaviour->kind == Misbehaviour::Kind::kServerCode) {
-            event.code = misbehaviour->code;
-            event.message = misbehaviour->message;
+    if (fault) {
+        event.fault = nameOf(fault->kind);
+        if (fault->kind == Fault::Kind::kServerCode) {
+            event.code = fault->code;
+            event.message = fault->message;
         }
     }
     state.remember({interfaceName, maskQuery(request.query), request.body, event.httpStatus, answer.body, event.field,
-                    event.misbehaviour});
+                    event.fault});
     if (options.observer) {
         options.observer(event);
     }
@@ -431,16 +430,16 @@ std::string LiveService::stateJson() const {
     return asText(mImpl->stateFields());
 }
 
-std::string LiveService::misbehave(const Misbehaviour& misbehaviour) {
-    return mImpl->misbehaviours.add(misbehaviour);
+std::string LiveService::inject(const Fault& fault) {
+    return mImpl->faults.add(fault);
 }
 
-std::string LiveService::misbehavioursJson() const {
-    return mImpl->misbehaviours.toJson();
+std::string LiveService::faultsJson() const {
+    return mImpl->faults.toJson();
 }
 
-void LiveService::clearMisbehaviours() {
-    mImpl->misbehaviours.clear();
+void LiveService::clearFaults() {
+    mImpl->faults.clear();
 }
 
 }  // namespace vexalive

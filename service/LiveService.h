@@ -2,7 +2,7 @@
 //
 // It serves the three interfaces of the live-interface service over HTTPS, on loopback by default, with a certificate
 // authority that it makes at first start. It checks every request strictly and says exactly which field is wrong, keeps
-// the state of relays and mixes, and misbehaves on request. Used by `vexalive serve` and, in-process, by tests:
+// the state of relays and mixes, and injects faults on request. Used by `vexalive serve` and, in-process, by tests:
 //
 //     vexalive::LiveService service({});
 //     if (!service.start()) { ... service.error() ... }
@@ -15,9 +15,9 @@
 //     GET    /state                                       as stateJson()
 //     GET    /metrics                                     the same for Prometheus
 //     GET    /snapshot?mix=<output stream id>             what the mix puts out, as a JPEG
-//     GET    /misbehave                                   as misbehavioursJson()
-//     POST   /misbehave                                   a misbehaviour as JSON; the keys stand in Misbehaviours.h
-//     DELETE /misbehave                                   as clearMisbehaviours()
+//     GET    /faults                                   as faultsJson()
+//     POST   /faults                                   a fault as JSON; the keys stand in Faults.h
+//     DELETE /faults                                   as clearFaults()
 //     POST   /origin/publish                              asked by the origin: may this be published?
 //     GET    /                                            a page that shows all this, and what it needs
 // All but the three interfaces are answered to loopback only, and over plain HTTP, too, on a port of their own.
@@ -40,14 +40,14 @@ namespace vexalive {
 // One answered request to one of the three interfaces, for a line on a display.
 struct LiveServiceEvent {
     std::string interfaceName;
-    std::string operation;     // "add", "remove", "start", "update", "cancel"; empty if refused or misbehaved to
-    int httpStatus = 200;      // 0: closed without an answer
-    int code = 0;              // of the answer; 0: accepted, or an answer that carries none
-    std::string message;       // of the answer; never shows a user signature or a map key
-    std::string field;         // the field that was refused, as a path; empty otherwise
-    int32_t appId = 0;         // the client's; 0 if the request was not accepted
-    std::string streamId;      // relayed or mixed; empty if the request was not accepted
-    std::string misbehaviour;  // its kind, as in Misbehaviour; empty if the service behaved
+    std::string operation;  // "add", "remove", "start", "update", "cancel"; empty if refused or if a fault was injected
+    int httpStatus = 200;   // 0: closed without an answer
+    int code = 0;           // of the answer; 0: accepted, or an answer that carries none
+    std::string message;    // of the answer; never shows a user signature or a map key
+    std::string field;      // the field that was refused, as a path; empty otherwise
+    int32_t appId = 0;      // the client's; 0 if the request was not accepted
+    std::string streamId;   // relayed or mixed; empty if the request was not accepted
+    std::string fault;      // its kind, as in Fault; empty if the service behaved
 };
 
 // What happens behind the service, for a line on a display.
@@ -97,7 +97,7 @@ struct LiveServiceOptions {
 };
 
 // What the service shall do in place of answering truly. All but kDelay leave the state untouched.
-struct Misbehaviour {
+struct Fault {
     enum class Kind {
         kDelay,       // the true answer, after delayMs
         kStatus,      // an HTTP status with an empty body; 301, 302, 303, 307 and 308 point to /redirected
@@ -147,11 +147,11 @@ public:
     // Relays, mixes, the last 200 requests and how the media are, as JSON text.
     std::string stateJson() const;
 
-    // Misbehaviours wait in a queue: each request takes the first one that names its interface or any. Returns why it
+    // Faults wait in a queue: each request takes the first one that names its interface or any. Returns why it
     // is refused; empty if it is taken.
-    std::string misbehave(const Misbehaviour& misbehaviour);
-    std::string misbehavioursJson() const;  // those that wait, as JSON text
-    void clearMisbehaviours();
+    std::string inject(const Fault& fault);
+    std::string faultsJson() const;  // those that wait, as JSON text
+    void clearFaults();
 
 private:
     struct Impl;

@@ -282,14 +282,14 @@ std::optional<Refusal> Media::begin(const AcceptedRequest& request) {
     {
         KstMutexLock lock(mMutex);
         isNew = mCarriedOut.try_emplace(key).second;
-        isFull = isNew && mCarriedOut.size() > kMostWorkers;
+        isFull = isNew && mCarriedOut.size() > kMaxWorkers;
     }
     std::optional<Refusal> refusal;
     if (isFull) {
         const std::string field = isRelay ? "stream_id" : "session_id";
         refusal = {
             Refusal::kFull, field,
-            field + ": " + std::to_string(kMostWorkers) + " relays and mixes are carried out, the most at a time"};
+            field + ": " + std::to_string(kMaxWorkers) + " relays and mixes are carried out, the most at a time"};
     } else {
         Supervisor::Program worker{{mWorker, isRelay ? "relay" : "mix"}};
         worker.handover = kHandover;

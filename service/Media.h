@@ -36,7 +36,7 @@ std::string flawOf(const std::string& destination, const OriginAddress& origin);
 
 class Media {
 public:
-    static constexpr size_t kMostWorkers = 64;
+    static constexpr size_t kMaxWorkers = 64;
 
     explicit Media(const LiveServiceOptions& options);  // which outlive it
     ~Media();                                           // stops

@@ -28,7 +28,7 @@ namespace {
 
 constexpr const char* kModule = "/usr/lib/nginx/modules/ngx_rtmp_module.so";
 constexpr const char* kDefaultPort = "1935";
-constexpr int kMostFolders = 100;
+constexpr int kMaxFolders = 100;
 constexpr std::chrono::milliseconds kLookPause(1000);
 constexpr std::chrono::milliseconds kImpatientPause(200);
 constexpr std::chrono::milliseconds kLookTime(2000);
@@ -105,7 +105,7 @@ bool Origin::prepare(const std::string& stateFolder, std::string& error) {
 
 // The first of a row that no service at work holds; the lock ends with its process, whatever ends that.
 bool Origin::takeFolder(const std::string& stateFolder, std::string& error) {
-    for (int number = 1; number <= kMostFolders; ++number) {
+    for (int number = 1; number <= kMaxFolders; ++number) {
         mFolder = stateFolder + "/origin-" + std::to_string(number);
         std::error_code failure;
         std::filesystem::create_directories(mFolder, failure);
@@ -118,7 +118,7 @@ bool Origin::takeFolder(const std::string& stateFolder, std::string& error) {
             return true;
         }
     }
-    error = "more than " + std::to_string(kMostFolders) + " services keep an origin in " + stateFolder;
+    error = "more than " + std::to_string(kMaxFolders) + " services keep an origin in " + stateFolder;
     return false;
 }
 

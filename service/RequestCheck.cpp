@@ -16,7 +16,7 @@ namespace {
 constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
 constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
 constexpr int64_t kLatestTimestamp = std::numeric_limits<uint32_t>::max() / 1000;  // 32 bits of milliseconds
-constexpr size_t kMostUsers = 17;
+constexpr size_t kMaxUsers = 17;
 constexpr size_t kDigestLength = 32;
 
 constexpr int64_t kVideoInput = 0;
@@ -277,16 +277,16 @@ void checkInputs(const json& inputs, AcceptedRequest& request) {
                    "found " + std::to_string(type) + ", must be 0 (video), 4 (audio) or, of the first input only, 3 " +
                        "(canvas)");
         }
-        if (request.inputs.size() > kMostUsers) {
+        if (request.inputs.size() > kMaxUsers) {
             refuse(Refusal::kValue, "input_stream_list",
-                   "found more than " + std::to_string(kMostUsers) + " users' inputs, the most that is allowed");
+                   "found more than " + std::to_string(kMaxUsers) + " users' inputs, the most that is allowed");
         }
         layout.refuseOthers();
         input.refuseOthers();
     }
     if (request.inputs.empty()) {
         refuse(Refusal::kValue, "input_stream_list",
-               "found no user's input, must be 1 to " + std::to_string(kMostUsers));
+               "found no user's input, must be 1 to " + std::to_string(kMaxUsers));
     }
 }
 

@@ -68,10 +68,10 @@ std::variant<std::string, Refusal> ServiceState::apply(const AcceptedRequest& re
 // A stream has one destination; another add moves it there.
 std::variant<std::string, Refusal> ServiceState::addRelay(const AcceptedRequest& request) {
     const auto found = mRelays.find(request.streamId);
-    if (found == mRelays.end() && mRelays.size() >= kMostRelays) {
+    if (found == mRelays.end() && mRelays.size() >= kMaxRelays) {
         return Refusal{
             Refusal::kFull, "stream_id",
-            "stream_id: " + std::to_string(kMostRelays) + " streams are being relayed, the most that is held"};
+            "stream_id: " + std::to_string(kMaxRelays) + " streams are being relayed, the most that is held"};
     }
     Relay& relay = mRelays[request.streamId];
     relay.latest = request;
@@ -91,7 +91,7 @@ std::variant<std::string, Refusal> ServiceState::removeRelay(const AcceptedReque
 std::variant<std::string, Refusal> ServiceState::startMix(const AcceptedRequest& request) {
     if (mMixes.count(request.streamId) == 0 && !makeRoomForMix()) {
         return Refusal{Refusal::kFull, "session_id",
-                       "session_id: " + std::to_string(kMostMixes) + " mixes are running, the most that is held"};
+                       "session_id: " + std::to_string(kMaxMixes) + " mixes are running, the most that is held"};
     }
     Mix& mix = mMixes[request.streamId];
     const std::string now = timeNow();
@@ -101,7 +101,7 @@ std::variant<std::string, Refusal> ServiceState::startMix(const AcceptedRequest&
     mix.latest = request;
     ++mix.updates;
     mix.history.push_back({now, operation, request});
-    if (mix.history.size() > kMostUpdates) {
+    if (mix.history.size() > kMaxUpdates) {
         mix.history.pop_front();
     }
     return operation;
@@ -118,14 +118,14 @@ std::variant<std::string, Refusal> ServiceState::cancelMix(const AcceptedRequest
     mix.ended = ++mEndedMixes;
     ++mix.updates;
     mix.history.push_back({timeNow(), "cancel", request});
-    if (mix.history.size() > kMostUpdates) {
+    if (mix.history.size() > kMaxUpdates) {
         mix.history.pop_front();
     }
     return "cancel";
 }
 
 bool ServiceState::makeRoomForMix() {
-    if (mMixes.size() < kMostMixes) {
+    if (mMixes.size() < kMaxMixes) {
         return true;
     }
     auto oldest = mMixes.end();
@@ -143,10 +143,10 @@ bool ServiceState::makeRoomForMix() {
 
 void ServiceState::remember(RequestRecord record) {
     const size_t bodyBytes = record.body.size();
-    record.body.resize(std::min(bodyBytes, kMostBodyBytes));
+    record.body.resize(std::min(bodyBytes, kMaxBodyBytes));
     KstMutexLock lock(mMutex);
     mRequests.push_back({timeNow(), bodyBytes, std::move(record)});
-    if (mRequests.size() > kMostRequests) {
+    if (mRequests.size() > kMaxRequests) {
         mRequests.pop_front();
     }
 }
@@ -205,7 +205,7 @@ ordered_json ServiceState::toFields() const {
                             {"http_status", each.record.httpStatus},
                             {"answer", each.record.answer},
                             {"refused_field", each.record.refusedField},
-                            {"misbehaviour", each.record.misbehaviour}});
+                            {"fault", each.record.fault}});
     }
     return {{"relays", relays}, {"mixes", mixes}, {"requests", requests}};
 }

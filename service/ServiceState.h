@@ -27,16 +27,16 @@ struct RequestRecord {
     int httpStatus = 0;
     std::string answer;
     std::string refusedField;
-    std::string misbehaviour;
+    std::string fault;
 };
 
 class ServiceState {
 public:
-    static constexpr size_t kMostRelays = 1000;
-    static constexpr size_t kMostMixes = 1000;  // those that have ended included; the one that ended first makes room
-    static constexpr size_t kMostUpdates = 50;  // of one mix that are remembered
-    static constexpr size_t kMostRequests = 200;
-    static constexpr size_t kMostBodyBytes = 8192;  // of a remembered body
+    static constexpr size_t kMaxRelays = 1000;
+    static constexpr size_t kMaxMixes = 1000;  // those that have ended included; the one that ended first makes room
+    static constexpr size_t kMaxUpdates = 50;  // of one mix that are remembered
+    static constexpr size_t kMaxRequests = 200;
+    static constexpr size_t kMaxBodyBytes = 8192;  // of a remembered body
 
     // Carries out a request: "add", "remove", "start", "update" or "cancel", or why that is not possible now.
     std::variant<std::string, Refusal> apply(const AcceptedRequest& request);

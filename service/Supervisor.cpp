@@ -22,9 +22,9 @@ constexpr int kDoublings = 5;
 constexpr std::chrono::seconds kSteadyTime(10);  // after which a failure counts as the first
 constexpr std::chrono::seconds kFarewell(3);
 constexpr int kStartPatience = 5;  // times its own, on top: plugins are looked for before the first sign of life
-constexpr std::chrono::milliseconds kLongestWait(500);
+constexpr std::chrono::milliseconds kMaxWait(500);
 constexpr std::chrono::seconds kOmissionPause(1);
-constexpr size_t kMostUnsentBytes = size_t{1} << 20;
+constexpr size_t kMaxUnsentBytes = size_t{1} << 20;
 constexpr LineReader::Bounds kOutputBounds = {size_t{2} << 20, 50, size_t{4} << 20};  // pictures come this way
 constexpr LineReader::Bounds kErrorBounds = {4096, 20, size_t{256} << 10};
 
@@ -211,7 +211,7 @@ bool Supervisor::takeWishes() {
 // Waits until something is to be done, and does it.
 void Supervisor::await() {
     std::vector<pollfd> watched = {{mWake.get(), POLLIN, 0}};
-    Clock::time_point deadline = mNow + kLongestWait;
+    Clock::time_point deadline = mNow + kMaxWait;
     for (const Kept& kept : mKept) {
         if (!kept.child) {
             watched.insert(watched.end(), kSlots, {-1, 0, 0});
@@ -246,7 +246,7 @@ void Supervisor::await() {
 // A wait that took far too long means that this process was stopped. Whoever gives signs of life by way of it could
 // not.
 void Supervisor::forgiveAbsence(Clock::time_point before) {
-    if (mNow > before + 2 * kLongestWait) {
+    if (mNow > before + 2 * kMaxWait) {
         for (Kept& kept : mKept) {
             kept.lastSign += mNow - before;
         }
@@ -372,7 +372,7 @@ void Supervisor::send(Kept& kept, const std::string& line) {
     }
     kept.unsent += line + "\n";
     write(kept);
-    if (kept.unsent.size() > kMostUnsentBytes) {
+    if (kept.unsent.size() > kMaxUnsentBytes) {
         killBlaming(kept, "did not read what it was told");
     }
 }

@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kInBytes = size_t{16} << 10;
 constexpr size_t kOutBytes = size_t{64} << 10;
-constexpr size_t kMostRequestBytes = (size_t{2} << 20) + kInBytes;  // head, body and what chunks add
+constexpr size_t kMaxRequestBytes = (size_t{2} << 20) + kInBytes;  // head, body and what chunks add
 constexpr std::chrono::seconds kHandshakeTime(10);
 constexpr std::chrono::seconds kRequestTime(30);
 constexpr std::chrono::seconds kWriteTime(10);  // without any progress
@@ -90,7 +90,7 @@ bool Wire::awaitRequest(std::chrono::milliseconds patience) {
     if (mInStart == mIn.size() && !(flush() && fill(Clock::now() + patience))) {
         return false;
     }
-    mBytesLeft = kMostRequestBytes;
+    mBytesLeft = kMaxRequestBytes;
     mDeadline = Clock::now() + kRequestTime;
     return true;
 }

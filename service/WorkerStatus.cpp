@@ -11,13 +11,13 @@ using nlohmann::ordered_json;
 
 namespace {
 
-constexpr size_t kMostInputs = 32;
-constexpr size_t kMostTextBytes = 500;
+constexpr size_t kMaxInputs = 32;
+constexpr size_t kMaxTextBytes = 500;
 
 // Throws what the JSON library throws at a value of the wrong type.
 std::string shortText(const json& object, const char* key) {
     std::string text = object.at(key).get<std::string>();
-    text.resize(std::min(text.size(), kMostTextBytes));
+    text.resize(std::min(text.size(), kMaxTextBytes));
     return text;
 }
 
@@ -74,7 +74,7 @@ const char* nameOf(WorkerState state) {
 std::optional<WorkerStatus> readStatus(const json& status) {
     try {
         WorkerStatus result;
-        if (!readNumbers(status, result.numbers) || status.at("inputs").size() > kMostInputs) {
+        if (!readNumbers(status, result.numbers) || status.at("inputs").size() > kMaxInputs) {
             return std::nullopt;
         }
         for (const json& each : status.at("inputs")) {

@@ -12,8 +12,8 @@
 #include "service/LiveService.h"
 #include "tools/Command.h"
 #include "tools/ExitStatus.h"
+#include "tools/FaultOption.h"
 #include "tools/Mailbox.h"
-#include "tools/MisbehaviourOption.h"
 #include "tools/Options.h"
 #include "tools/Signals.h"
 #include "tools/StepView.h"
@@ -31,18 +31,18 @@ constexpr const char* kServeDescription =
 
 constexpr const char* kServeFooter =
     "Example: two failures first, then true answers\n"
-    "  vexalive serve --port 8443 --misbehave status=503,count=2\n"
+    "  vexalive serve --port 8443 --fault status=503,count=2\n"
     "\n"
     "While it runs, its state is at hand over HTTPS:\n"
     "  curl --cacert \"$VEXALIVE_CA_FILE\" \"https://$VEXALIVE_SERVICE_HOST/state\"\n"
     "\n"
     "Exit status: 0 stopped by Ctrl-C or SIGTERM; 1 could not start; 2 wrong usage.";
 
-constexpr size_t kMostSteps = 1000;  // that wait for an output that is stuck
+constexpr size_t kMaxSteps = 1000;  // that wait for an output that is stuck
 
 struct ServeOptions {
     LiveServiceOptions service;
-    std::vector<std::string> misbehaviours;
+    std::vector<std::string> faults;
     std::string port = "0";
     std::string consolePort = "0";
     bool json = false;
@@ -97,11 +97,11 @@ Step answered(const LiveServiceEvent& event) {
                    {"operation", event.operation}, {"httpStatus", event.httpStatus},
                    {"code", event.code},           {"message", event.message},
                    {"field", event.field},         {"appId", event.appId},
-                   {"streamId", event.streamId},   {"misbehaviour", event.misbehaviour}};
+                   {"streamId", event.streamId},   {"fault", event.fault}};
     std::string answer;
     if (!event.operation.empty()) {
         answer = event.operation + " accepted, stream " + event.streamId + " of app " + std::to_string(event.appId);
-    } else if (event.misbehaviour.empty()) {
+    } else if (event.fault.empty()) {
         answer = "refused with code " + std::to_string(event.code) +
                  (event.field.empty() ? "" : ", field " + event.field) + ": " + event.message;
     }
@@ -111,7 +111,7 @@ Step answered(const LiveServiceEvent& event) {
         answer = "HTTP status " + std::to_string(event.httpStatus);
         answer += event.code == 0 ? "" : ", code " + std::to_string(event.code) + ": " + event.message;
     }
-    answer += event.misbehaviour.empty() ? "" : " (misbehaved: " + event.misbehaviour + ")";
+    answer += event.fault.empty() ? "" : " (fault: " + event.fault + ")";
     step.text = timeOfDay(kstf_getutctick()) + "  " + event.interfaceName + "  " + answer;
     return step;
 }
@@ -162,13 +162,13 @@ int runServe(ServeOptions options) {
     if (!options.service.origin.empty() && !options.service.media) {
         throw UsageError("--origin is for --media only");
     }
-    std::vector<Misbehaviour> misbehaviours;
-    for (const std::string& text : options.misbehaviours) {
-        misbehaviours.push_back(readMisbehaviour(text));
+    std::vector<Fault> faults;
+    for (const std::string& text : options.faults) {
+        faults.push_back(readFault(text));
     }
     const auto view = makeStepView(chooseForm(options.json, stdout), Secrets(), stdout, stderr);
 
-    Mailbox<Step> steps(kMostSteps);  // outlives the service, whose threads fill it
+    Mailbox<Step> steps(kMaxSteps);  // outlives the service, whose threads fill it
     options.service.observer = [&steps](const LiveServiceEvent& event) { steps.put(answered(event)); };
     options.service.mediaObserver = [&steps](const LiveMediaEvent& event) { steps.put(happened(event)); };
     const auto showAll = [&steps, &view] {
@@ -182,10 +182,10 @@ int runServe(ServeOptions options) {
     };
     StopSignals signals;
     LiveService service(options.service);
-    for (size_t i = 0; i < misbehaviours.size(); ++i) {
-        const std::string refusal = service.misbehave(misbehaviours[i]);
+    for (size_t i = 0; i < faults.size(); ++i) {
+        const std::string refusal = service.inject(faults[i]);
         if (!refusal.empty()) {
-            throw UsageError("--misbehave " + options.misbehaviours[i] + ": " + refusal);
+            throw UsageError("--fault " + options.faults[i] + ": " + refusal);
         }
     }
     if (!service.start()) {
@@ -244,9 +244,7 @@ Command addServeCommand(CLI::App& tool) {
         ->add_option("--console-port", options->consolePort,
                      "The port of 127.0.0.1 that serves the console, a web page; 0, the default, takes a free one")
         ->type_name("N");
-    command->add_option("--misbehave", options->misbehaviours, kMisbehaviourHelp)
-        ->type_name("WHAT")
-        ->allow_extra_args(false);
+    command->add_option("--fault", options->faults, kFaultHelp)->type_name("WHAT")->allow_extra_args(false);
     command->add_flag("--json", options->json, "Write one JSON object a line (docs/vexalive-tool.md lists them)");
     return {command, [options] { return runServe(*options); }};
 }

@@ -13,7 +13,7 @@ namespace vexalive {
 namespace {
 
 constexpr size_t kWidthIfUnknown = 80;
-constexpr size_t kLongestLine = 1000;  // columns; an answer may be a mebibyte long
+constexpr size_t kMaxLine = 1000;  // columns; an answer may be a mebibyte long
 constexpr std::chrono::milliseconds kRedrawInterval(200);
 
 std::string inSeconds(std::chrono::milliseconds time) {
@@ -153,7 +153,7 @@ void StepView::log(const std::string& line) {
 
 // Hides before it cuts, lest a cut secret is not recognised.
 std::string StepView::fit(const std::string& text) const {
-    return clipped(printable(mSecrets.hide(text)), kLongestLine);
+    return clipped(printable(mSecrets.hide(text)), kMaxLine);
 }
 
 void StepView::write(FILE* file, const std::string& text) {

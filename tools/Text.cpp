@@ -7,7 +7,7 @@
 namespace vexalive {
 namespace {
 
-constexpr size_t kShortestSecret = 4;
+constexpr size_t kMinSecret = 4;
 
 // The length of the UTF-8 character at the front, or 0 if there is none.
 size_t characterLength(std::string_view text) {
@@ -88,7 +88,7 @@ std::string clipped(const std::string& text, size_t columns) {
 }
 
 void Secrets::add(const std::string& value) {
-    if (value.size() >= kShortestSecret) {
+    if (value.size() >= kMinSecret) {
         mValues.push_back(value);
         std::sort(mValues.begin(), mValues.end(),
                   [](const std::string& a, const std::string& b) { return a.size() > b.size(); });

@@ -681,16 +681,16 @@ function fillRequest(content, request) {
     content.append(makePassage("Answer", answer, answerPieces ? makeText(answerPieces, "") : makeUnread(answer, "")));
 }
 
-function outcomeOf({ refused_field: field, misbehaviour, answer, http_status: status }) {
-    if (misbehaviour && misbehaviour !== "delay") {
-        return ["misbehaved", `misbehaved: ${misbehaviour}`];
+function outcomeOf({ refused_field: field, fault, answer, http_status: status }) {
+    if (fault && fault !== "delay") {
+        return ["fault", `fault: ${fault}`];
     }
-    const late = misbehaviour ? ", after a delay" : "";
+    const late = fault ? ", after a delay" : "";
     const { code } = readAnswer(answer);
     if (field || code) {
         return ["refused", (field ? `refused: ${field}` : `refused with code ${code}`) + late];
     }
-    return status === 0 ? ["misbehaved", "closed without an answer"] : ["accepted", `accepted${late}`];
+    return status === 0 ? ["fault", "closed without an answer"] : ["accepted", `accepted${late}`];
 }
 
 function createRequest(request) {
@@ -725,7 +725,7 @@ function showRequests(requests) {
     setText(byId("request-count"), String(requests.length));
 }
 
-// ---- Misbehaviour ---------------------------------------------------------------------------------------------------
+// ---- Fault ---------------------------------------------------------------------------------------------------
 
 const kinds = [
     {
@@ -783,27 +783,27 @@ function numberIn(input) {
 
 function chosenTimes() {
     const choice = document.querySelector("input[name=times]:checked").value;
-    return { once: 1, always: 0, count: numberIn(byId("misbehave-count")) }[choice];
+    return { once: 1, always: 0, count: numberIn(byId("fault-count")) }[choice];
 }
 
-function chosenMisbehaviour(kind, form) {
-    const misbehaviour = { kind: kind.kind, times: chosenTimes() };
-    const interfaceName = byId("misbehave-interface").value;
+function chosenFault(kind, form) {
+    const fault = { kind: kind.kind, times: chosenTimes() };
+    const interfaceName = byId("fault-interface").value;
     if (interfaceName !== "") {
-        misbehaviour.interface = interfaceName;
+        fault.interface = interfaceName;
     }
     for (const { key, value } of kind.values) {
         const input = form.elements.namedItem(key);
         const read = { number: () => numberIn(input), string: () => input.value, boolean: () => input.checked };
-        misbehaviour[key] = read[typeof value]();
+        fault[key] = read[typeof value]();
     }
-    return misbehaviour;
+    return fault;
 }
 
 // The service's own words if it refuses, ours if it is not there; "" if it agrees.
 async function tell(method, body) {
     try {
-        const response = await fetch("/misbehave", {
+        const response = await fetch("/faults", {
             method,
             headers: { "Content-Type": "application/json" },
             body: body && JSON.stringify(body),
@@ -825,7 +825,7 @@ function addKind(kind) {
     form.noValidate = true; // the service knows the ranges
     form.addEventListener("submit", async (event) => {
         event.preventDefault();
-        const refusal = await tell("POST", chosenMisbehaviour(kind, form));
+        const refusal = await tell("POST", chosenFault(kind, form));
         setText(error, refusal);
         if (!refusal) {
             announce(`${kind.title} waits for requests.`);
@@ -836,7 +836,7 @@ function addKind(kind) {
 }
 
 kinds.forEach(addKind);
-byId("misbehave-count").addEventListener("input", () => {
+byId("fault-count").addEventListener("input", () => {
     document.querySelector("input[name=times][value=count]").checked = true;
 });
 
@@ -844,17 +844,17 @@ byId("clear-all").addEventListener("click", async () => {
     const refusal = await tell("DELETE");
     setText(byId("clear-error"), refusal);
     if (!refusal) {
-        announce("No misbehaviour waits.");
+        announce("No fault waits.");
         poll.askNow();
     }
 });
 
-function waitingText(misbehaviour) {
-    const { kind, times, interface: interfaceName, delay_ms: delay } = misbehaviour;
+function waitingText(fault) {
+    const { kind, times, interface: interfaceName, delay_ms: delay } = fault;
     const known = kinds.find((each) => each.kind === kind);
     const values = (known?.values ?? [])
-        .filter(({ key, value }) => typeof value !== "boolean" && key !== "delay_ms" && key in misbehaviour)
-        .map(({ key }) => (key === "message" ? `“${misbehaviour[key]}”` : misbehaviour[key]));
+        .filter(({ key, value }) => typeof value !== "boolean" && key !== "delay_ms" && key in fault)
+        .map(({ key }) => (key === "message" ? `“${fault[key]}”` : fault[key]));
     const late = delay > 0 ? `${kind === "delay" ? "" : "after "}${delay} ms` : "";
     const what = [known?.title ?? kind, ...values, late].filter((text) => text !== "").join(" ");
     const howOften = times === 0 ? "until cleared" : times === 1 ? "once" : `${countText(times)} times`;
@@ -868,8 +868,8 @@ function createWaiting() {
     root.append(what, " ", details);
     return {
         root,
-        update(misbehaviour) {
-            const texts = waitingText(misbehaviour);
+        update(fault) {
+            const texts = waitingText(fault);
             setText(what, texts.what);
             setText(details, texts.details);
         },
@@ -903,12 +903,12 @@ function showService(service) {
     return hasMedia;
 }
 
-function show(state, misbehaviours) {
+function show(state, faults) {
     const hasMedia = showService(state.service);
     showMixes(state.mixes, hasMedia);
     showRelays(state.relays, hasMedia);
     showRequests(state.requests);
-    showWaiting(misbehaviours.waiting);
+    showWaiting(faults.waiting);
 }
 
 async function messageOf(response) {
@@ -942,7 +942,7 @@ const poll = {
         }
         this.isAsking = true;
         try {
-            const answers = await Promise.all([ask("/state"), ask("/misbehave")]).catch((error) => this.miss(error));
+            const answers = await Promise.all([ask("/state"), ask("/faults")]).catch((error) => this.miss(error));
             if (answers) {
                 this.hear();
                 show(...answers);

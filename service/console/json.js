@@ -138,7 +138,7 @@ export function readAnswer(answer) {
     try {
         value = JSON.parse(answer);
     } catch {
-        // A misbehaved answer may be anything.
+        // An injected fault may return anything.
     }
     const code = value?.code ?? value?.ErrorCode;
     const message = value?.message ?? value?.ErrorInfo;

@@ -17,7 +17,7 @@ const files = {
 export class MockService {
     state = emptyState();
     waiting = [];
-    refusal = ""; // of the next misbehaviours
+    refusal = ""; // of the next faults
     picture = null; // a JPEG; null: there is none
     pictureDelay = 0;
     asked = []; // [method, path with query, body] of all but files
@@ -74,7 +74,7 @@ export class MockService {
         if (path === "/snapshot") {
             return this.#sendPicture(send, sendJson);
         }
-        if (path !== "/misbehave") {
+        if (path !== "/faults") {
             return sendJson({ message: "there is nothing at this path" }, 404);
         }
         if (request.method === "POST" && this.refusal) {
@@ -199,7 +199,7 @@ export function requestOf(second, change = {}) {
         http_status: 200,
         answer: '{"code":0,"message":"ok"}',
         refused_field: "",
-        misbehaviour: "",
+        fault: "",
         ...change,
         body,
     };
@@ -294,7 +294,7 @@ export function busyState() {
                 4006,
                 { body: relayBody({ domain: "8888.example" }) },
             ),
-            requestOf(9, { http_status: 503, answer: "", misbehaviour: "status" }),
+            requestOf(9, { http_status: 503, answer: "", fault: "status" }),
             refusedOf(
                 20,
                 "input_stream_list[1].layout_params.image_width",
@@ -306,7 +306,7 @@ export function busyState() {
                 query: "sdkappid=1400000001&random=42&usersig=&parivMapKey=***",
             }),
             requestOf(65, { ...mixInterface, body: { ...body, use_mix_crop_center: 1 } }),
-            requestOf(66, { misbehaviour: "delay" }),
+            requestOf(66, { fault: "delay" }),
         ],
     };
 }

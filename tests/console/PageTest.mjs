@@ -538,13 +538,13 @@ describe("requests", () => {
                 requests: [
                     requestOf(0),
                     refusedOf(1, "appid", "found 0, must not be 0", 4006),
-                    requestOf(2, { misbehaviour: "close", http_status: 0, answer: "" }),
+                    requestOf(2, { fault: "close", http_status: 0, answer: "" }),
                     requestOf(3, {
-                        misbehaviour: "server_code",
+                        fault: "server_code",
                         answer: '{"ErrorCode":505,"ErrorInfo":"on request"}',
                         interface: "set_live_mix_transcoding",
                     }),
-                    requestOf(4, { misbehaviour: "delay" }),
+                    requestOf(4, { fault: "delay" }),
                 ],
             }),
         );
@@ -564,8 +564,8 @@ describe("requests", () => {
         assert.deepEqual(await texts(".request .code"), ["code 0", "code 505", "no code", "code 4006", "code 0"]);
         assert.deepEqual(await texts(".request .outcome"), [
             "accepted, after a delay",
-            "misbehaved: server_code",
-            "misbehaved: close",
+            "fault: server_code",
+            "fault: close",
             "refused: appid",
             "accepted",
         ]);
@@ -719,7 +719,7 @@ describe("requests", () => {
     });
 });
 
-describe("misbehaviour", () => {
+describe("fault", () => {
     const add = (title) => page.getByRole("button", { name: `Add: ${title}`, exact: true }).click();
     const posted = () => service.asked.filter(([method]) => method === "POST").map(([, , body]) => JSON.parse(body));
 
@@ -898,7 +898,7 @@ describe("hostile texts", () => {
                     query: hostile,
                     body: hostile,
                     answer: hostile,
-                    misbehaviour: hostile,
+                    fault: hostile,
                     refused_field: hostile,
                 }),
                 requestOf(1, {

@@ -1,4 +1,4 @@
-// The console as `vexalive serve` serves it: requests that were really sent, and misbehaviour that really happens.
+// The console as `vexalive serve` serves it: requests that were really sent, and fault that really happens.
 
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
@@ -116,7 +116,7 @@ test("a refused query and a missing field deep in a mix are marked", async () =>
     assert.deepEqual(await texts(".mix .history strong"), ["start"]);
 });
 
-test("a misbehaviour that is switched on in the page is what the next request gets", async () => {
+test("a fault that is switched on in the page is what the next request gets", async () => {
     await page.getByLabel("Interface").selectOption("add_relay_stream_url");
     await page.getByLabel("How many times").fill("2");
     await page.locator("[data-kind=status]").getByRole("spinbutton").fill("502");
@@ -124,7 +124,7 @@ test("a misbehaviour that is switched on in the page is what the next request ge
     await eventually(() => texts("#waiting li"), ["HTTP status 502 add_relay_stream_url, 2 times"]);
     assert.deepEqual(await send(relayBody()), [502, ""]);
     await eventually(() => texts("#waiting li"), ["HTTP status 502 add_relay_stream_url, once"]);
-    await eventually(() => latest().locator(".outcome").textContent(), "misbehaved: status");
+    await eventually(() => latest().locator(".outcome").textContent(), "fault: status");
     await page.getByRole("button", { name: "Clear all" }).click();
     await eventually(() => texts("#waiting li"), []);
     assert.equal((await send(relayBody()))[0], 200);

@@ -29,9 +29,9 @@ using Milliseconds = std::chrono::milliseconds;
 
 constexpr const char* kUserSig = "signature-of-alice";
 constexpr const char* kMapKey = "map-key-of-room7";
-constexpr int kMostSends = 11;
-constexpr size_t kMostSteps = 100;
-constexpr size_t kMostRequests = 60;  // of a story; the last of them are left open
+constexpr int kMaxSends = 11;
+constexpr size_t kMaxSteps = 100;
+constexpr size_t kMaxRequests = 60;  // of a story; the last of them are left open
 constexpr int kDeepestRead = 512;
 constexpr const char* kNotInRoom = "not enterRoom status";
 
@@ -377,7 +377,7 @@ private:
             compare();
         }
         const std::optional<size_t> request = oldestOpenRequest();
-        if (!request || mSent.size() > kMostRequests) {
+        if (!request || mSent.size() > kMaxRequests) {
             return false;
         }
         expectAfterAnswer(mSent[*request], retCode, body);
@@ -453,7 +453,7 @@ private:
         const int index = indexOfNextSend();
         Task& task = taskOf(kind, index);
         const bool isRetry = task.sends > 0;
-        require(++task.sends <= kMostSends, "a request is sent 11 times at most");
+        require(++task.sends <= kMaxSends, "a request is sent 11 times at most");
         if (isRetry) {
             const auto retry = std::find_if(mRetries.begin(), mRetries.end(), [&](const Retry& planned) {
                 return planned.kind == kind && planned.index == index;
@@ -552,7 +552,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Story story;
     std::vector<std::string> lines = linesOf(input);
-    lines.resize(std::min(lines.size(), kMostSteps));
+    lines.resize(std::min(lines.size(), kMaxSteps));
     for (const std::string& line : lines) {
         story.step(line);
     }

@@ -52,7 +52,7 @@ void requireMistakes(const std::vector<MixMistake>& mistakes, std::string_view t
         const MixMistake& mistake = mistakes[i];
         require(!mistake.text.empty(), "a mistake is told");
         require(endsWith(describe("mix.json", mistake), mistake.text), "a mistake is described", mistake.text);
-        if (i == kMostMixMistakes) {
+        if (i == kMaxMixMistakes) {
             require(mistake.line == 0 && i + 1 == mistakes.size(), "the rest is told once", mistake.text);
             continue;
         }

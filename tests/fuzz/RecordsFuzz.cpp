@@ -27,10 +27,10 @@ using Relay = kstmedia::VexaPublishCDNParamInternal;
 using Config = kstmedia::VexaTranscodingConfigInternal;
 using User = kstmedia::VexaMixUserInternal;
 
-constexpr size_t kLongestPiece = 259;       // of a record's text
-constexpr size_t kLongestFormatted = 4094;  // of an address, or of a name whose digest is a stream id
-constexpr size_t kLongestRepeated = 8 << 10;
-constexpr size_t kMostUsers = 40;
+constexpr size_t kMaxPiece = 259;       // of a record's text
+constexpr size_t kMaxFormatted = 4094;  // of an address, or of a name whose digest is a stream id
+constexpr size_t kMaxRepeated = 8 << 10;
+constexpr size_t kMaxUsers = 40;
 
 template <class Record>
 struct Number {
@@ -106,11 +106,11 @@ Request readRequest(std::string_view input) {
             request.jsonTexts.emplace_back(rest);
         } else if (name == "times" && lastText) {
             const std::string once = *lastText;
-            for (int times = numberOf<int>(rest); times > 1 && !once.empty() && lastText->size() < kLongestRepeated;
+            for (int times = numberOf<int>(rest); times > 1 && !once.empty() && lastText->size() < kMaxRepeated;
                  --times) {
                 *lastText += once;
             }
-        } else if (name == "user" && users.size() < kMostUsers) {
+        } else if (name == "user" && users.size() < kMaxUsers) {
             lastText = nullptr;  // may move
             users.emplace_back();
             setText(users.back().userId, rest);
@@ -145,7 +145,7 @@ std::string textOf(const Config& config) {
     for (const auto& number : kNumbers) {
         text += (text.empty() ? "" : ", ") + std::string(number.name) + ":" + std::to_string(config.*number.value);
     }
-    require(text.size() <= kLongestPiece, "the numbers fit");
+    require(text.size() <= kMaxPiece, "the numbers fit");
     int count = 0;
     for (const User& user : config.mixUsersArray) {
         const std::string piece = " mixUser" + std::to_string(++count) + ":[userId:" + upToZero(user.userId) +
@@ -154,7 +154,7 @@ std::string textOf(const Config& config) {
                                   "-h:" + std::to_string(user.rect.h) + "), zOrder:" + std::to_string(user.zOrder) +
                                   ", pureAudio:" + std::to_string(user.pureAudio) +
                                   ", streamType:" + std::to_string(user.streamType) + "]";
-        text += piece.substr(0, kLongestPiece);
+        text += piece.substr(0, kMaxPiece);
     }
     return text;
 }
@@ -192,7 +192,7 @@ bool isAccepted(const Config& config) {
 
 std::string streamId(int32_t bizId, const std::string& room, const std::string& user, const char* stream) {
     const std::string name = upToZero(room) + "_" + upToZero(user) + "_" + stream;
-    return std::to_string(bizId) + "_" + kstmedia::getMD5(name.substr(0, kLongestFormatted));
+    return std::to_string(bizId) + "_" + kstmedia::getMD5(name.substr(0, kMaxFormatted));
 }
 
 Json readBody(const std::string& body) {
@@ -267,8 +267,8 @@ private:
             "&usersig=" + upToZero(mRequest.userSig) + "&parivMapKey=" + upToZero(mRequest.mapKey);
         require(startsWith(request.url, start), "the address", request.url);
         const std::string random = request.url.substr(start.size(), request.url.find('&', start.size()) - start.size());
-        require(request.url == (start + random + secrets).substr(0, kLongestFormatted),
-                "the address, as far as it goes", request.url);
+        require(request.url == (start + random + secrets).substr(0, kMaxFormatted), "the address, as far as it goes",
+                request.url);
         const Json body = readBody(request.body);
         requireText(body, "interface", interfaceName);
         requireText(body, "domain", std::to_string(bizId) + ".push.test");

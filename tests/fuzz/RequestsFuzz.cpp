@@ -21,8 +21,8 @@ constexpr const char* kGoodQuery = "sdkappid=1400&random=42&usersig=signature-of
 constexpr const char* kGoodBody =
     R"({"interface":"remove_relay_stream_url","timestamp":1000,"event_id":7,"appid":12345,"path":"live",)"
     R"("domain":"8888.push.test","stream_id":"8888_0123456789abcdef0123456789abcdef"})";
-constexpr size_t kLongestMessage = 16 << 10;  // the path of a field may be 16 names of 48 characters, each escaped
-constexpr size_t kShortestSecret = 12;        // that is hardly part of a message by chance
+constexpr size_t kMaxMessage = 16 << 10;  // the path of a field may be 16 names of 48 characters, each escaped
+constexpr size_t kMinSecret = 12;         // that is hardly part of a message by chance
 
 std::string_view takeLine(std::string_view& input) {
     const std::string_view line = input.substr(0, input.find('\n'));
@@ -67,7 +67,7 @@ std::vector<std::string> secretsOf(const std::string& query) {
     std::vector<std::string> secrets;
     for (const std::string_view piece : piecesOf(query)) {
         const std::string_view key = piece.substr(0, piece.find('='));
-        if ((key == "usersig" || key == "parivMapKey") && piece.size() > key.size() + kShortestSecret) {
+        if ((key == "usersig" || key == "parivMapKey") && piece.size() > key.size() + kMinSecret) {
             secrets.emplace_back(piece.substr(key.size() + 1));
         }
     }
@@ -96,7 +96,7 @@ void requireRefusal(const Refusal& refusal, const std::string& query, std::strin
     require(startsWith(refusal.message, refusal.field + ": ") && refusal.message.size() > refusal.field.size() + 2,
             "a refusal says why", refusal.message);
     require(isPlainAscii(refusal.message), "a refusal can be shown", refusal.message);
-    require(refusal.message.size() <= kLongestMessage, "a refusal is short", refusal.message);
+    require(refusal.message.size() <= kMaxMessage, "a refusal is short", refusal.message);
     for (const std::string& secret : secretsOf(query)) {
         // A secret may look like a part of the body or of the rest of the query.
         const bool isElsewhere = body.find(secret) != std::string_view::npos ||

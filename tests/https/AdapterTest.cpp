@@ -33,23 +33,23 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::Pair;
 using testing::UnorderedElementsAre;
+using vexalive::Fault;
 using vexalive::HttpExchange;
 using vexalive::LiveService;
-using vexalive::Misbehaviour;
 
 LiveService* service = nullptr;
 Journal<vexalive::LiveServiceEvent> served;
 
-Misbehaviour of(Misbehaviour::Kind kind) {
-    Misbehaviour misbehaviour;
-    misbehaviour.kind = kind;
-    return misbehaviour;
+Fault of(Fault::Kind kind) {
+    Fault fault;
+    fault.kind = kind;
+    return fault;
 }
 
-Misbehaviour failing(int times) {
-    Misbehaviour misbehaviour = of(Misbehaviour::Kind::kStatus);
-    misbehaviour.times = times;
-    return misbehaviour;
+Fault failing(int times) {
+    Fault fault = of(Fault::Kind::kStatus);
+    fault.times = times;
+    return fault;
 }
 
 constexpr int kUntilCleared = 0;  // for `times`
@@ -304,7 +304,7 @@ protected:
         vexalive::setEventSink(nullptr);
         vexalive::setLogSink(nullptr);
         vexalive::setHttpObserver(nullptr);
-        service->clearMisbehaviours();
+        service->clearFaults();
     }
 
     // A member who can ask for this. Nothing is in flight, and nothing told, reported or exchanged until now counts.
@@ -388,7 +388,7 @@ TEST_F(AdapterOverHttps, AnAdapterThatHasSentNothingOwnsNoThread) {
 TEST_P(EachRequest, SucceedsOnTheThirdAttempt) {
     const std::string userId = std::string("u-third-") + GetParam().name;
     const auto member = ready(GetParam(), userId);
-    service->misbehave(failing(2));
+    service->inject(failing(2));
     GetParam().ask(*member->adapter);
     EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(success()));
 
@@ -444,10 +444,10 @@ TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
 
 TEST_P(EachRequest, RefusedByTheServiceIsToldWithItsCode) {
     const auto member = ready(GetParam(), "u-refused");
-    Misbehaviour refusal = of(Misbehaviour::Kind::kServerCode);
+    Fault refusal = of(Fault::Kind::kServerCode);
     refusal.code = -77;
     refusal.message = "no such app";
-    service->misbehave(refusal);
+    service->inject(refusal);
     GetParam().ask(*member->adapter);
     EXPECT_THAT(member->listener->calls.waitFor(1),
                 ElementsAre(Call{GetParam().call, GetParam().serverErrorBase - 77, "no such app"}));
@@ -456,7 +456,7 @@ TEST_P(EachRequest, RefusedByTheServiceIsToldWithItsCode) {
 
 TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
     const auto members = readyForEach("u-schedule-");
-    service->misbehave(failing(kUntilCleared));
+    service->inject(failing(kUntilCleared));
     for (size_t i = 0; i < members.size(); ++i) {
         kRequests[i].ask(*members[i]->adapter);
     }
@@ -497,7 +497,7 @@ TEST_P(EachRequest, ToAnAddressThatNoUrlMayHoldIsToldAndNotRetried) {
 
 TEST_P(EachRequest, WithAnAnswerOverTheLimitIsToldAndNotRetried) {
     const auto member = ready(GetParam(), "u-huge");
-    service->misbehave(of(Misbehaviour::Kind::kHuge));
+    service->inject(of(Fault::Kind::kHuge));
     GetParam().ask(*member->adapter);
     EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(transportFailure(1063)));
     EXPECT_EQ(1u, mExchanges->sends("u-huge").size());
@@ -505,14 +505,13 @@ TEST_P(EachRequest, WithAnAnswerOverTheLimitIsToldAndNotRetried) {
 
 TEST_P(EachRequest, WithAnEmptyGarbledOrCutAnswerIsRetried) {
     const auto userId = [](int i) { return "u-hostile" + std::to_string(i) + GetParam().name; };
-    const Misbehaviour::Kind kinds[] = {Misbehaviour::Kind::kEmpty, Misbehaviour::Kind::kGarbage,
-                                        Misbehaviour::Kind::kCut};
+    const Fault::Kind kinds[] = {Fault::Kind::kEmpty, Fault::Kind::kGarbage, Fault::Kind::kCut};
     std::vector<std::unique_ptr<Member>> members;
     for (int i = 0; i < 3; ++i) {
         members.push_back(ready(GetParam(), userId(i)));
     }
     for (size_t i = 0; i < 3; ++i) {
-        service->misbehave(of(kinds[i]));
+        service->inject(of(kinds[i]));
         GetParam().ask(*members[i]->adapter);
         mExchanges->waitFor(2, userId(static_cast<int>(i)));  // its answer
     }
@@ -537,7 +536,7 @@ TEST_P(EachRequest, WhoseListenerBlocksDelaysNoOtherAdapter) {
     ASSERT_TRUE(entered.pass());
 
     // The others' answers, retries and refusals all come while the first still blocks.
-    service->misbehave(failing(2));
+    service->inject(failing(2));
     std::vector<std::unique_ptr<Member>> others;
     for (int i = 0; i < 10; ++i) {
         others.push_back(std::make_unique<Member>("u-other" + std::to_string(i)));
@@ -690,7 +689,7 @@ TEST_P(EachRequest, NoListenerCallBeginsOnceTheAdapterIsDroppedWithItInFlight) {
 
 TEST_F(AdapterOverHttps, MayBeDroppedWhileARetryWaits) {
     const auto members = readyForEach("u-waiting-");
-    service->misbehave(failing(kUntilCleared));
+    service->inject(failing(kUntilCleared));
     for (size_t i = 0; i < members.size(); ++i) {
         kRequests[i].ask(*members[i]->adapter);
     }
@@ -703,7 +702,7 @@ TEST_F(AdapterOverHttps, MayBeDroppedWhileARetryWaits) {
     Member later("u-later");
     startRelay(*later.adapter);
     mExchanges->waitFor(3, "u-later");
-    service->clearMisbehaviours();
+    service->clearFaults();
     EXPECT_THAT(later.listener->calls.waitFor(1), ElementsAre(Call{"startRelay", 0, "sucess"}));
     for (size_t i = 0; i < members.size(); ++i) {
         EXPECT_EQ(1u, mExchanges->sends(std::string("u-waiting-") + kRequests[i].name).size());
@@ -723,13 +722,13 @@ TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
         GetParam().ask(*member->adapter);
         return member->listener->calls.waitFor(++count).back();
     };
-    service->misbehave(of(Misbehaviour::Kind::kGarbage));
+    service->inject(of(Fault::Kind::kGarbage));
     EXPECT_EQ(success(), ask());
-    Misbehaviour refusal = of(Misbehaviour::Kind::kServerCode);
+    Fault refusal = of(Fault::Kind::kServerCode);
     refusal.code = 77;
-    service->misbehave(refusal);
+    service->inject(refusal);
     EXPECT_EQ(GetParam().serverErrorBase - 77, ask().code);
-    service->misbehave(of(Misbehaviour::Kind::kHuge));
+    service->inject(of(Fault::Kind::kHuge));
     EXPECT_EQ(transportFailure(1063), ask());
     member->adapter->updateUserInfo(1400, std::string(kSignature) + " with a blank", "u-secret");
     EXPECT_EQ(transportFailure(1003), ask());

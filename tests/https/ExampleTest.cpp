@@ -22,8 +22,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
+using vexalive::Fault;
 using vexalive::LiveService;
-using vexalive::Misbehaviour;
 
 constexpr const char* kAddRelay = "add_relay_stream_url";
 constexpr const char* kRemoveRelay = "remove_relay_stream_url";
@@ -51,12 +51,12 @@ protected:
     }
 
     void refuse(const char* interfaceName, int times) {
-        Misbehaviour refusal;
-        refusal.kind = Misbehaviour::Kind::kServerCode;
+        Fault refusal;
+        refusal.kind = Fault::Kind::kServerCode;
         refusal.interfaceName = interfaceName;
         refusal.times = times;
         refusal.code = 77;
-        EXPECT_EQ("", mService.misbehave(refusal));
+        EXPECT_EQ("", mService.inject(refusal));
     }
 
     // Each request's interface and the code it was answered with, in the order of the answers.

@@ -23,7 +23,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kMostMicroseconds = 60'000;
+constexpr int kMaxMicroseconds = 60'000;
 
 struct End {
     int status = -1;  // as waitpid gives it; -1 if the child had to be ended
@@ -99,7 +99,7 @@ TEST_P(Exit, EndsAtAnyMomentWithRequestsInFlight) {
     std::mt19937 random(seed);
     int withRequests = 0;
     for (int i = 0; i < times(); ++i) {
-        const int moment = static_cast<int>(random() % kMostMicroseconds);
+        const int moment = static_cast<int>(random() % kMaxMicroseconds);
         const End end = run(EXIT_PROBE, GetParam(), std::to_string(moment));
         EXPECT_EQ(0, end.status) << GetParam() << " after " << moment << " us";
         withRequests += end.inFlight > 0;

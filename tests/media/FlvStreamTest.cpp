@@ -166,9 +166,9 @@ TEST(FlvGate, KeepsWhatWaitsForASlowDestinationBoundedWhateverItIs) {
     for (const std::string& tag : {kMetadata, kVideoSetup, kAudioSetup, kKeyFrame, kInterFrame, kSound}) {
         Gate gate;
         gate.take(kKeyFrame);
-        EXPECT_EQ(gate.take(tag, FlvGate::kMostWaiting), tag);
+        EXPECT_EQ(gate.take(tag, FlvGate::kMaxWaiting), tag);
         for (int i = 0; i < 100; ++i) {
-            EXPECT_EQ(gate.take(tag, FlvGate::kMostWaiting + 1), "");
+            EXPECT_EQ(gate.take(tag, FlvGate::kMaxWaiting + 1), "");
         }
     }
 }
@@ -179,12 +179,12 @@ TEST(FlvGate, GoesOnAtAKeyFrameOnceThereIsRoomAndWithTheLatestSetup) {
     gate.take(kVideoSetup);
     gate.take(kKeyFrame);
     const std::string otherSetup = tagOf(9, 0, {0x17, 0, 7, 8});
-    EXPECT_EQ(gate.take(otherSetup, FlvGate::kMostWaiting + 1), "");
-    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMostWaiting / 4), "");
+    EXPECT_EQ(gate.take(otherSetup, FlvGate::kMaxWaiting + 1), "");
+    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxWaiting / 4), "");
     EXPECT_EQ(gate.take(kInterFrame), "");
     EXPECT_EQ(gate.take(kMetadata), "");
     EXPECT_EQ(gate.take(kSound), "");
-    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMostWaiting / 4 - 1), kMetadata + otherSetup + kKeyFrame);
+    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxWaiting / 4 - 1), kMetadata + otherSetup + kKeyFrame);
     EXPECT_EQ(gate.take(kInterFrame), kInterFrame);
 }
 

@@ -29,9 +29,9 @@ constexpr std::chrono::seconds kBetweenSamples{10};
 constexpr int kMembers = 4;
 constexpr const char* kColours[] = {"red", "lime", "blue", "yellow"};
 // What a sample may have grown by: the allocators of three workers come to rest slowly.
-constexpr double kMostGrowth = 1.1;
-constexpr long kMostMoreDescriptors = 4;
-constexpr long kMostMoreThreads = 4;
+constexpr double kMaxGrowth = 1.1;
+constexpr long kMaxMoreDescriptors = 4;
+constexpr long kMaxMoreThreads = 4;
 
 struct Sample {
     long seconds = 0;
@@ -155,9 +155,9 @@ private:
 
     // The service answers wrongly, or a relay goes where nobody is.
     void fault() {
-        vexalive::Misbehaviour misbehaviour;
-        misbehaviour.kind = vexalive::Misbehaviour::Kind::kServerCode;
-        mDesk.misbehave(misbehaviour);
+        vexalive::Fault fault;
+        fault.kind = vexalive::Fault::Kind::kServerCode;
+        mDesk.injectFault(fault);
         mDesk.ask(mixBody({{1, 0, 0, 640, 360}}));
         mDesk.ask(relayBody(2, from(0, 1) == 0 ? "rtmp://127.0.0.1:9/cdn/nobody" : mDesk.origin() + "/cdn/two"));
         ++faults;
@@ -223,9 +223,9 @@ int soak(std::chrono::seconds time, const char* file) {
     const bool isKept =
         play.updates > 0 && isTheSame && mix["restarts"] == 0 && mix["reconnects"] == 0 && mix["state"] == "running";
     const bool isFlat =
-        last(&Sample::threads) <= first(&Sample::threads) + kMostMoreThreads &&
-        static_cast<double>(last(&Sample::kibibytes)) <= kMostGrowth * static_cast<double>(first(&Sample::kibibytes)) &&
-        last(&Sample::descriptors) <= first(&Sample::descriptors) + kMostMoreDescriptors;
+        last(&Sample::threads) <= first(&Sample::threads) + kMaxMoreThreads &&
+        static_cast<double>(last(&Sample::kibibytes)) <= kMaxGrowth * static_cast<double>(first(&Sample::kibibytes)) &&
+        last(&Sample::descriptors) <= first(&Sample::descriptors) + kMaxMoreDescriptors;
     std::printf("%s\n%s\n",
                 isKept ? "every process and the mix's connection were kept" : "A PROCESS OR CONNECTION WAS LOST",
                 isFlat ? "nothing has grown" : "SOMETHING HAS GROWN");

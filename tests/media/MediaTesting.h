@@ -61,7 +61,7 @@ public:
     std::string memberUrl(int number) const { return origin() + "/live/" + streamIdOf(number); }
     std::string mixUrl() const { return origin() + "/mix/" + streamIdOf(1); }
 
-    void misbehave(const vexalive::Misbehaviour& misbehaviour) { mService->misbehave(misbehaviour); }
+    void injectFault(const vexalive::Fault& fault) { mService->inject(fault); }
 
     // As a browser would.
     std::string get(const std::string& path) const;

@@ -127,9 +127,9 @@ TEST_F(Relay, ADestinationThatIsKilledIsReachedAgainWhenItIsBack) {
 }
 
 TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
-    constexpr int kHeavy = 30'000;           // kbit/s; soon fills what may wait
-    constexpr long kMostGrowth = 10 * 1024;  // KiB
-    constexpr int kDropped = 60;             // frames, of far more bytes than that
+    constexpr int kHeavy = 30'000;          // kbit/s; soon fills what may wait
+    constexpr long kMaxGrowth = 10 * 1024;  // KiB
+    constexpr int kDropped = 60;            // frames, of far more bytes than that
     OtherServer slow;
     const auto alice = publish(desk.memberUrl(1), {"red", 440, 640, 360, 20, kHeavy});
     ASSERT_EQ(desk.ask(relayBody(1, slow.url("alice"))), 0);
@@ -143,7 +143,7 @@ TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
 
     slow.signal(SIGSTOP);
     EXPECT_TRUE(eventually([this] { return desk.relay()["media"]["dropped"] > kDropped; })) << desk.relay();
-    EXPECT_LT(residentKibibytes(), memory + kMostGrowth);
+    EXPECT_LT(residentKibibytes(), memory + kMaxGrowth);
     EXPECT_TRUE(comesToBe("reconnecting")) << desk.relay();
     EXPECT_EQ(error(), "it takes nothing any more");
     slow.signal(SIGCONT);

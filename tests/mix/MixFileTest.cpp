@@ -246,7 +246,7 @@ TEST(MixFileTest, OfVeryManyMistakesTheFirstAreTold) {
         text += "\"x\":1,\n";
     }
     const std::vector<std::string> told = mistakesIn(text + "\"appId\":1,\"bizId\":2}");
-    ASSERT_THAT(told, SizeIs(kMostMixMistakes + 1));
+    ASSERT_THAT(told, SizeIs(kMaxMixMistakes + 1));
     EXPECT_EQ(told[0], "m:1:1: field mixUsersArray: is missing");
     EXPECT_THAT(told[19], HasSubstr("m:19:1: field x: there is no such field"));
     EXPECT_EQ(told.back(), "m: and 9981 more");
@@ -271,7 +271,7 @@ void expectSound(const std::string& text) {
     const size_t lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
     size_t lastLine = 0;
     for (const MixMistake& mistake : reading.mistakes) {
-        if (reading.mistakes.size() > kMostMixMistakes && &mistake == &reading.mistakes.back()) {
+        if (reading.mistakes.size() > kMaxMixMistakes && &mistake == &reading.mistakes.back()) {
             continue;  // how many there are besides
         }
         ASSERT_GE(mistake.line, std::max<size_t>(1, lastLine));

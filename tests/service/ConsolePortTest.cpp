@@ -50,7 +50,7 @@ TEST(ConsolePort, ServesThePageAndWhatItUsesButNotTheInterfaces) {
         }
     }
     EXPECT_EQ(200, statusOf(console, "GET", "/state"));
-    EXPECT_EQ(200, statusOf(console, "GET", "/misbehave"));
+    EXPECT_EQ(200, statusOf(console, "GET", "/faults"));
     EXPECT_EQ(404, statusOf(console, "POST", "/v3/liveinterface/add_relay_stream_url"));
     EXPECT_EQ(404, statusOf(console, "GET", "/snapshot?mix=" + ownStreamId()));  // without media
     EXPECT_EQ(403, statusOf(console, "POST", "/origin/publish"));
@@ -81,16 +81,16 @@ TEST(ConsolePort, OtherWebSitesAreKeptOut) {
     }
     for (const std::string& origin : {std::string("http://evil.test"), std::string("null"),
                                       std::string("http://127.0.0.1:1"), "http://evil.test" + port}) {
-        EXPECT_EQ(403, statusOf(console, "DELETE", "/misbehave", {{"Origin", origin}, {"Host", address}})) << origin;
+        EXPECT_EQ(403, statusOf(console, "DELETE", "/faults", {{"Origin", origin}, {"Host", address}})) << origin;
     }
-    EXPECT_EQ(200, statusOf(console, "DELETE", "/misbehave", {{"Origin", "http://" + address}, {"Host", address}}));
+    EXPECT_EQ(200, statusOf(console, "DELETE", "/faults", {{"Origin", "http://" + address}, {"Host", address}}));
 }
 
 TEST(ConsolePort, WithoutTlsTheServicesOwnPortLooksAtTheHostToo) {
     RunningService service(withConsole());
     httplib::Client plain("http://" + service->address());
     const httplib::Headers elsewhere = {{"Host", "evil.test" + service->address().substr(9)}};
-    for (const char* path : {"/", "/state", "/metrics", "/snapshot", "/misbehave"}) {
+    for (const char* path : {"/", "/state", "/metrics", "/snapshot", "/faults"}) {
         EXPECT_EQ(403, statusOf(plain, "GET", path, elsewhere)) << path;
     }
     EXPECT_EQ(200, statusOf(plain, "GET", "/state"));

@@ -1,5 +1,5 @@
-// A worker process that carries no media: it speaks with the service as one does, and misbehaves as the addresses in
-// its configuration end.
+// A worker process without media: it speaks the worker protocol and injects the fault that the last digits of the
+// addresses in its configuration select.
 
 #include <poll.h>
 #include <unistd.h>
@@ -66,11 +66,11 @@ private:
         mKind = message.contains("mix") ? "mix" : "relay";
         mWish = message.at(mKind);
         ++mWishes;
-        misbehave(lastDigits(mWish.at("destination")));
-        misbehave(lastDigits(mWish.value("source", "")));
+        injectFault(lastDigits(mWish.at("destination")));
+        injectFault(lastDigits(mWish.value("source", "")));
     }
 
-    void misbehave(const std::string& how) {
+    void injectFault(const std::string& how) {
         if (how == "dead") {
             std::fprintf(stderr, "about to crash\n");
             std::raise(SIGKILL);

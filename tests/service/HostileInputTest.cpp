@@ -136,10 +136,10 @@ TEST(HostileClient, ADeeplyNestedOrNonUtf8BodyIsRefusedByCode) {
 TEST(HostileClient, OneThatLeavesInTheMiddleOfAHugeAnswerIsSurvived) {
     RunningService service;
     for (int time = 0; time < 5; ++time) {
-        vexalive::Misbehaviour huge;
-        huge.kind = vexalive::Misbehaviour::Kind::kHuge;
+        vexalive::Fault huge;
+        huge.kind = vexalive::Fault::Kind::kHuge;
         huge.size = size_t{100} << 20;
-        ASSERT_EQ("", service->misbehave(huge));
+        ASSERT_EQ("", service->inject(huge));
         const auto client = service.client();
         size_t received = 0;
         httplib::Request request;

@@ -168,10 +168,10 @@ TEST(LiveService, TheObserverSeesEachAnswer) {
 
     post(*client, addRelayBody());
     post(*client, cancelMixBody());
-    vexalive::Misbehaviour misbehaviour;
-    misbehaviour.kind = vexalive::Misbehaviour::Kind::kServerCode;
-    misbehaviour.code = 505;
-    ASSERT_EQ("", service->misbehave(misbehaviour));
+    vexalive::Fault fault;
+    fault.kind = vexalive::Fault::Kind::kServerCode;
+    fault.code = 505;
+    ASSERT_EQ("", service->inject(fault));
     post(*client, videoMixBody());
 
     const std::lock_guard<std::mutex> lock(mutex);
@@ -185,7 +185,7 @@ TEST(LiveService, TheObserverSeesEachAnswer) {
     EXPECT_EQ("", events[1].operation);
     EXPECT_EQ(4007, events[1].code);
     EXPECT_EQ("session_id", events[1].field);
-    EXPECT_EQ("server_code", events[2].misbehaviour);
+    EXPECT_EQ("server_code", events[2].fault);
     EXPECT_EQ(505, events[2].code);
 }
 
@@ -225,8 +225,8 @@ TEST(LiveService, AnUnknownPathIs404AndAWrongMethod405AsJson) {
         {"PUT", "/v3/liveinterface/set_live_mix_transcoding", 405},
         {"DELETE", "/state", 405},
         {"POST", "/state", 405},
-        {"PATCH", "/misbehave", 405},
-        {"OPTIONS", "/misbehave", 405},
+        {"PATCH", "/faults", 405},
+        {"OPTIONS", "/faults", 405},
     };
     for (const auto& row : rows) {
         const auto client = service.client();
@@ -370,15 +370,15 @@ TEST(LiveService, StopEndsIdleHalfOpenAndDelayedConnectionsAtOnce) {
         post(*idle.back(), withStream(addRelayBody(), number));
     }
     const RawConnection silent(service->port());  // has not begun its handshake
-    vexalive::Misbehaviour delay;
+    vexalive::Fault delay;
     delay.delayMs = 600'000;
-    ASSERT_EQ("", service->misbehave(delay));
+    ASSERT_EQ("", service->inject(delay));
     std::thread waiting([&service] {
         const auto client = service.client();
         client->set_read_timeout(60);
         EXPECT_FALSE(client->Post("/v3/liveinterface/add_relay_stream_url", "", "application/json"));
     });
-    while (!json::parse(service->misbehavioursJson())["waiting"].empty()) {
+    while (!json::parse(service->faultsJson())["waiting"].empty()) {
         std::this_thread::yield();  // until the delayed request has taken its delay
     }
 

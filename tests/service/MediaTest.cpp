@@ -306,14 +306,14 @@ TEST_F(MediaService, SixtyFourAreCarriedOutAndNoMoreThoseThatLeaveNotCounted) {
     post(*client, relayOf(1, "rtmp://cdn.test/live/babe"));  // does not end when it is asked to
     ASSERT_TRUE(eventually([&] { return workerOf(service.state()["relays"][0]["media"]) != 0; }));
     const pid_t deaf = workerOf(service.state()["relays"][0]["media"]);
-    for (size_t number = 2; number <= Media::kMostWorkers; ++number) {
+    for (size_t number = 2; number <= Media::kMaxWorkers; ++number) {
         ASSERT_EQ(0, post(*client, relayOf(static_cast<int>(number)))["code"]) << number;
     }
     const json refused = post(*client, relayOf(1000));
     EXPECT_EQ(4008, refused["code"]);
     EXPECT_EQ(4008, post(*client, videoMixBody())["code"]);
     EXPECT_EQ(0, post(*client, relayOf(5, "rtmp://cdn.test/live/moved"))["code"]);  // no further one
-    EXPECT_EQ(Media::kMostWorkers, service.state()["relays"].size());
+    EXPECT_EQ(Media::kMaxWorkers, service.state()["relays"].size());
     ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
     EXPECT_EQ(0, post(*client, relayOf(1000))["code"]);
     EXPECT_EQ(0, ::kill(deaf, SIGKILL));

@@ -28,10 +28,10 @@ int codeOf(const std::variant<std::string, Refusal>& result) {
 
 TEST(ServiceState, OneRelayTooManyIsRefusedUntilAnotherIsRemoved) {
     ServiceState state;
-    for (size_t number = 0; number < ServiceState::kMostRelays; ++number) {
+    for (size_t number = 0; number < ServiceState::kMaxRelays; ++number) {
         ASSERT_EQ(0, codeOf(state.apply(requestFor(AcceptedRequest::Kind::kAddRelay, number))));
     }
-    const AcceptedRequest further = requestFor(AcceptedRequest::Kind::kAddRelay, ServiceState::kMostRelays);
+    const AcceptedRequest further = requestFor(AcceptedRequest::Kind::kAddRelay, ServiceState::kMaxRelays);
 
     EXPECT_EQ(Refusal::kFull, codeOf(state.apply(further)));
     EXPECT_EQ(0, codeOf(state.apply(requestFor(AcceptedRequest::Kind::kAddRelay, 5))));  // moved, not added
@@ -41,10 +41,10 @@ TEST(ServiceState, OneRelayTooManyIsRefusedUntilAnotherIsRemoved) {
 
 TEST(ServiceState, TheMixThatEndedFirstMakesRoomAndRunningOnesStay) {
     ServiceState state;
-    for (size_t number = 0; number < ServiceState::kMostMixes; ++number) {
+    for (size_t number = 0; number < ServiceState::kMaxMixes; ++number) {
         ASSERT_EQ(0, codeOf(state.apply(requestFor(AcceptedRequest::Kind::kStartMix, number))));
     }
-    const AcceptedRequest further = requestFor(AcceptedRequest::Kind::kStartMix, ServiceState::kMostMixes);
+    const AcceptedRequest further = requestFor(AcceptedRequest::Kind::kStartMix, ServiceState::kMaxMixes);
     EXPECT_EQ(Refusal::kFull, codeOf(state.apply(further)));
 
     state.apply(requestFor(AcceptedRequest::Kind::kCancelMix, 9));
@@ -58,25 +58,25 @@ TEST(ServiceState, TheMixThatEndedFirstMakesRoomAndRunningOnesStay) {
 
 TEST(ServiceState, AMixRemembersItsLatestUpdatesAndCountsAll) {
     ServiceState state;
-    for (size_t time = 0; time < ServiceState::kMostUpdates + 5; ++time) {
+    for (size_t time = 0; time < ServiceState::kMaxUpdates + 5; ++time) {
         state.apply(requestFor(AcceptedRequest::Kind::kStartMix, 1));
     }
     const json mix = json(state.toFields())["mixes"][0];
-    EXPECT_EQ(ServiceState::kMostUpdates + 5, mix["updates"]);
-    EXPECT_EQ(ServiceState::kMostUpdates, mix["history"].size());
+    EXPECT_EQ(ServiceState::kMaxUpdates + 5, mix["updates"]);
+    EXPECT_EQ(ServiceState::kMaxUpdates, mix["history"].size());
     EXPECT_EQ("update", mix["history"][0]["operation"]);
 }
 
 TEST(ServiceState, OnlyTheLatestRequestsAreRememberedAndLongBodiesAreCut) {
     ServiceState state;
-    for (size_t number = 0; number < ServiceState::kMostRequests + 3; ++number) {
+    for (size_t number = 0; number < ServiceState::kMaxRequests + 3; ++number) {
         vexalive::RequestRecord record;
         record.answer = std::to_string(number);
-        record.body = std::string(ServiceState::kMostBodyBytes + 100, '\xff');  // nor UTF-8
+        record.body = std::string(ServiceState::kMaxBodyBytes + 100, '\xff');  // nor UTF-8
         state.remember(record);
     }
     const json requests = json(state.toFields())["requests"];
-    ASSERT_EQ(ServiceState::kMostRequests, requests.size());
+    ASSERT_EQ(ServiceState::kMaxRequests, requests.size());
     EXPECT_EQ("3", requests.front()["answer"]);
-    EXPECT_EQ(ServiceState::kMostBodyBytes + 100, requests.front()["body_bytes"]);
+    EXPECT_EQ(ServiceState::kMaxBodyBytes + 100, requests.front()["body_bytes"]);
 }

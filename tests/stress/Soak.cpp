@@ -1,4 +1,5 @@
-// Many adapters in one process at work for minutes against a service that misbehaves, with books kept outside of them.
+// Many adapters in one process at work for minutes against a service with injected faults, with books kept outside of
+// them.
 //
 //     soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]
 //

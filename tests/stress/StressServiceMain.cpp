@@ -2,8 +2,8 @@
 //
 //     stress_service PORT SEED FOLDER random|good|slow|large
 //
-// It misbehaves at random, or never, or takes its time, or sends answers that almost reach the adapter's limit. Prints
-// the file of its certificate authority once it listens.
+// It injects faults at random, or never, or takes its time, or sends answers that almost reach the adapter's limit.
+// Prints the file of its certificate authority once it listens.
 
 #include <unistd.h>
 
@@ -17,14 +17,14 @@
 
 #include "service/LiveService.h"
 
+using vexalive::Fault;
 using vexalive::LiveService;
 using vexalive::LiveServiceEvent;
 using vexalive::LiveServiceOptions;
-using vexalive::Misbehaviour;
 
 namespace {
 
-constexpr int kPercentMisbehaved = 25;
+constexpr int kPercentFaulty = 25;
 constexpr int kRequestsBetweenOutages = 15'000;
 constexpr int kOutage = 1'500;  // requests to one interface: enough for some to fail eleven times
 constexpr const char* kInterfaces[] = {"add_relay_stream_url", "remove_relay_stream_url", "set_live_mix_transcoding"};
@@ -37,32 +37,31 @@ public:
     void follow(LiveService& service) {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (++mRequests % kRequestsBetweenOutages == 0) {
-            Misbehaviour outage;
-            outage.kind = Misbehaviour::Kind::kStatus;
+            Fault outage;
+            outage.kind = Fault::Kind::kStatus;
             outage.times = kOutage;
             outage.interfaceName = kInterfaces[below(std::size(kInterfaces))];
-            service.misbehave(outage);
-        } else if (below(100) < kPercentMisbehaved) {
-            service.misbehave(any());
+            service.inject(outage);
+        } else if (below(100) < kPercentFaulty) {
+            service.inject(any());
         }
     }
 
 private:
-    Misbehaviour any() {
-        static constexpr Misbehaviour::Kind kKinds[] = {
-            Misbehaviour::Kind::kDelay,      Misbehaviour::Kind::kStatus, Misbehaviour::Kind::kEmpty,
-            Misbehaviour::Kind::kGarbage,    Misbehaviour::Kind::kCut,    Misbehaviour::Kind::kClose,
-            Misbehaviour::Kind::kServerCode,
+    Fault any() {
+        static constexpr Fault::Kind kKinds[] = {
+            Fault::Kind::kDelay, Fault::Kind::kStatus, Fault::Kind::kEmpty,      Fault::Kind::kGarbage,
+            Fault::Kind::kCut,   Fault::Kind::kClose,  Fault::Kind::kServerCode,
         };
         static constexpr int kStatuses[] = {503, 500, 429, 404, 301};
         static constexpr int kCodes[] = {1, -1, 3, 505, -505, 10017, 77, -2147483647};  // some are retried
-        Misbehaviour misbehaviour;
-        misbehaviour.kind = below(200) == 0 ? Misbehaviour::Kind::kHuge : kKinds[below(std::size(kKinds))];
-        misbehaviour.delayMs = misbehaviour.kind == Misbehaviour::Kind::kDelay || below(4) == 0 ? 1 + below(300) : 0;
-        misbehaviour.status = kStatuses[below(std::size(kStatuses))];
-        misbehaviour.code = kCodes[below(std::size(kCodes))];
-        misbehaviour.errorCodeKeys = below(2) == 0;
-        return misbehaviour;
+        Fault fault;
+        fault.kind = below(200) == 0 ? Fault::Kind::kHuge : kKinds[below(std::size(kKinds))];
+        fault.delayMs = fault.kind == Fault::Kind::kDelay || below(4) == 0 ? 1 + below(300) : 0;
+        fault.status = kStatuses[below(std::size(kStatuses))];
+        fault.code = kCodes[below(std::size(kCodes))];
+        fault.errorCodeKeys = below(2) == 0;
+        return fault;
     }
 
     int below(size_t end) { return static_cast<int>(mRandom() % end); }
@@ -93,16 +92,16 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", service.error().c_str());
         return 1;
     }
-    Misbehaviour always;
+    Fault always;
     always.times = 0;
     if (std::strcmp(argv[4], "slow") == 0) {
-        always.kind = Misbehaviour::Kind::kDelay;
+        always.kind = Fault::Kind::kDelay;
         always.delayMs = 200;
-        service.misbehave(always);
+        service.inject(always);
     } else if (std::strcmp(argv[4], "large") == 0) {
-        always.kind = Misbehaviour::Kind::kHuge;
+        always.kind = Fault::Kind::kHuge;
         always.size = (size_t{1} << 20) - 1;
-        service.misbehave(always);
+        service.inject(always);
     }
     std::printf("%s\n", service.caFile().c_str());
     std::fflush(stdout);

@@ -85,8 +85,8 @@ TEST_F(MixTool, LeavesTheMixRunningIfDetached) {
 }
 
 TEST_F(MixTool, ShowsRetriesAndARefusal) {
-    misbehave(status(503, 1));
-    misbehave(serverCode(42, "no"));
+    injectFault(status(503, 1));
+    injectFault(serverCode(42, "no"));
     ChildProcess tool(arguments(), environment());
 
     EXPECT_EQ(tool.awaitExit(), 1);
@@ -107,9 +107,9 @@ TEST_F(MixTool, NoUsableAnswerIsStatus3) {
 
 // Many times, since the first request is being handed over at some of them while the process ends.
 TEST_F(MixTool, ASecondCtrlCEndsAtOnce) {
-    vexalive::Misbehaviour slow = delay(5000, kSet);
+    vexalive::Fault slow = delay(5000, kSet);
     slow.times = 0;
-    misbehave(slow);
+    injectFault(slow);
     for (int i = 0; i < 10; ++i) {
         ChildProcess tool(arguments(), environment());
         ASSERT_TRUE(tool.awaitOutput("mix start: attempt 1 of 11"));
@@ -200,7 +200,7 @@ TEST_F(MixTool, ABrokenSaveIsToldAndTheRunningMixLeftAlone) {
 }
 
 TEST_F(MixTool, AWatchedStartThatWasRefusedIsMendedByASave) {
-    misbehave(serverCode(42, "no"));
+    injectFault(serverCode(42, "no"));
     ChildProcess tool(arguments({"--watch"}), environment());
     ASSERT_TRUE(tool.awaitOutput("the mix does not run; a saved change is sent, Ctrl-C ends\n"));
 
@@ -214,12 +214,12 @@ TEST_F(MixTool, AWatchedStartThatWasRefusedIsMendedByASave) {
 
 // Saved faster than the service answers, by both ways of saving; every other one is broken in one of three ways.
 TEST_F(MixTool, AfterTwentySavesInASecondTheLastGoodOneIsInForce) {
-    misbehave(delay(120, kSet));
+    injectFault(delay(120, kSet));
     ChildProcess tool(arguments({"--watch"}), environment());
     ASSERT_TRUE(tool.awaitOutput("the mix is running;"));
-    vexalive::Misbehaviour slow = delay(120, kSet);
+    vexalive::Fault slow = delay(120, kSet);
     slow.times = 0;
-    misbehave(slow);
+    injectFault(slow);
 
     for (int i = 1; i <= 20; ++i) {
         const std::string broken[] = {"{", layout(1280, 1), layout(1280) + "\xff"};
@@ -264,9 +264,9 @@ TEST_F(MixTool, RunsARelayBesideTheMix) {
 }
 
 TEST_F(MixTool, IfTheRelayFailsTheMixIsCancelled) {
-    vexalive::Misbehaviour refusal = serverCode(42, "no");
+    vexalive::Fault refusal = serverCode(42, "no");
     refusal.interfaceName = kAdd;
-    misbehave(refusal);
+    injectFault(refusal);
     ChildProcess tool(arguments({"--relay", "rtmp://cdn.example/live/main"}), environment());
 
     EXPECT_EQ(tool.awaitExit(), 1);

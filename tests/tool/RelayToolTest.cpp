@@ -10,7 +10,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using vexalive::Misbehaviour;
+using vexalive::Fault;
 
 class RelayTool : public ToolTest {
 protected:
@@ -79,7 +79,7 @@ TEST_F(RelayTool, TakesTheFileOfAuthoritiesAsAnOption) {
 // ---- Attempts -------------------------------------------------------------------------------------------------------
 
 TEST_F(RelayTool, ShowsEachAttemptAndThePauseBeforeTheNext) {
-    misbehave(status(503, 2));
+    injectFault(status(503, 2));
     ChildProcess tool(arguments({"--detach"}), environment());
 
     EXPECT_EQ(tool.awaitExit(), 0);
@@ -97,7 +97,7 @@ TEST_F(RelayTool, ShowsEachAttemptAndThePauseBeforeTheNext) {
 }
 
 TEST_F(RelayTool, CtrlCWhileTheStartIsRetryingSendsAStop) {
-    misbehave(status(503, 0, kAdd));
+    injectFault(status(503, 0, kAdd));
     ChildProcess tool(arguments(), environment());
     ASSERT_TRUE(tool.awaitOutput("start: next try, attempt 2 of 11"));
 
@@ -110,7 +110,7 @@ TEST_F(RelayTool, CtrlCWhileTheStartIsRetryingSendsAStop) {
 }
 
 TEST_F(RelayTool, CtrlCWhileTheStartIsUnderWayStopsTheRelayThatComesOfIt) {
-    misbehave(delay(700, kAdd));
+    injectFault(delay(700, kAdd));
     ChildProcess tool(arguments(), environment());
     ASSERT_TRUE(tool.awaitOutput("start: attempt 1 of 11: waiting"));
 
@@ -123,9 +123,9 @@ TEST_F(RelayTool, CtrlCWhileTheStartIsUnderWayStopsTheRelayThatComesOfIt) {
 }
 
 TEST_F(RelayTool, ARelayThatALateAttemptStartsAfterTheStopIsStoppedToo) {
-    misbehave(status(503, 1, kAdd));  // the retry goes out a second later,
-    misbehave(delay(2500, kRemove));  // while the stop is under way,
-    misbehave(delay(3500, kAdd));     // and is accepted after it
+    injectFault(status(503, 1, kAdd));  // the retry goes out a second later,
+    injectFault(delay(2500, kRemove));  // while the stop is under way,
+    injectFault(delay(3500, kAdd));     // and is accepted after it
     ChildProcess tool(arguments(), environment());
     ASSERT_TRUE(tool.awaitOutput("start: next try, attempt 2 of 11"));
 
@@ -139,7 +139,7 @@ TEST_F(RelayTool, ARelayThatALateAttemptStartsAfterTheStopIsStoppedToo) {
 }
 
 TEST_F(RelayTool, ASecondCtrlCEndsAtOnce) {
-    misbehave(delay(8000, kRemove));
+    injectFault(delay(8000, kRemove));
     ChildProcess tool(arguments(), environment());
     ASSERT_TRUE(tool.awaitOutput("Ctrl-C stops it\n"));
     tool.sendSignal(SIGINT);
@@ -152,7 +152,7 @@ TEST_F(RelayTool, ASecondCtrlCEndsAtOnce) {
 }
 
 TEST_F(RelayTool, StopsTheRelayWhenItsReaderIsGone) {
-    misbehave(status(503, 1, kAdd));
+    injectFault(status(503, 1, kAdd));
     ChildProcess tool(arguments(), environment());
     ASSERT_TRUE(tool.awaitOutput("start: next try, attempt 2 of 11"));
 
@@ -165,7 +165,7 @@ TEST_F(RelayTool, StopsTheRelayWhenItsReaderIsGone) {
 // ---- Failures -------------------------------------------------------------------------------------------------------
 
 TEST_F(RelayTool, ARefusalByTheServiceIsTold) {
-    misbehave(serverCode(10017, "quota is used up"));
+    injectFault(serverCode(10017, "quota is used up"));
     ChildProcess tool(arguments(), environment());
 
     EXPECT_EQ(tool.awaitExit(), 1);
@@ -177,7 +177,7 @@ TEST_F(RelayTool, ARefusalByTheServiceIsTold) {
 TEST_F(RelayTool, ARefusedStopGivesTheStatus) {
     ChildProcess tool(arguments(), environment());
     ASSERT_TRUE(tool.awaitOutput("Ctrl-C stops it\n"));
-    misbehave(serverCode(9, "not now"));
+    injectFault(serverCode(9, "not now"));
 
     tool.sendSignal(SIGINT);
 
@@ -224,7 +224,7 @@ TEST_F(RelayTool, WarnsWhenTheBuiltInServiceIsAsked) {
 // ---- Forms ----------------------------------------------------------------------------------------------------------
 
 TEST_F(RelayTool, WritesOneJsonObjectALineWithTheDocumentedFields) {
-    misbehave(status(503, 1));
+    injectFault(status(503, 1));
     ChildProcess tool(arguments({"--json"}), environment());
     ASSERT_TRUE(tool.awaitOutput("\"event\":\"holding\""));
     tool.sendSignal(SIGINT);
@@ -258,7 +258,7 @@ TEST_F(RelayTool, WritesOneJsonObjectALineWithTheDocumentedFields) {
 }
 
 TEST_F(RelayTool, TellsProgramsTheFiguresOfARefusal) {
-    misbehave(serverCode(42, "no"));
+    injectFault(serverCode(42, "no"));
     ChildProcess tool(arguments({"--json"}), environment());
     EXPECT_EQ(tool.awaitExit(), 1);
 
@@ -283,7 +283,7 @@ TEST_F(RelayTool, WritesTheSdksLogToStandardErrorOnRequestWithoutSecrets) {
 }
 
 TEST_F(RelayTool, HidesASecretThatTheServiceSendsBack) {
-    misbehave(serverCode(5, std::string("bad signature ") + kSig));
+    injectFault(serverCode(5, std::string("bad signature ") + kSig));
     ChildProcess tool(arguments({"--verbose"}), environment());
 
     EXPECT_EQ(tool.awaitExit(), 1);
@@ -315,7 +315,7 @@ std::vector<std::string> screenAfter(const std::string& bytes) {
 }
 
 TEST_F(RelayTool, CountsDownToTheNextTryInOneLineOfATerminal) {
-    misbehave(status(503, 3, kAdd));
+    injectFault(status(503, 3, kAdd));
     ChildProcess tool(arguments({"--detach"}), environment(), ChildProcess::kTerminal);
 
     EXPECT_EQ(tool.awaitExit(), 0);
@@ -329,7 +329,7 @@ TEST_F(RelayTool, CountsDownToTheNextTryInOneLineOfATerminal) {
 }
 
 TEST_F(RelayTool, LeavesATerminalCleanAfterCtrlCIsTyped) {
-    misbehave(status(503, 1, kAdd));
+    injectFault(status(503, 1, kAdd));
     ChildProcess tool(arguments(), environment(), ChildProcess::kTerminal);
     ASSERT_TRUE(tool.awaitOutput("the relay is running; Ctrl-C stops it"));
 

@@ -93,13 +93,13 @@ TEST_F(ServeTool, QuotesAFolderThatAShellWouldSplit) {
     EXPECT_TRUE(serve.awaitOutput(" with '\\''quotes'\\''/ca.pem'\n"));
 }
 
-TEST_F(ServeTool, MisbehavesFromTheStartAndSaysSo) {
-    ChildProcess serve(arguments({"--misbehave", "code=7,message=no such luck", "--misbehave", "status=404"}), {});
+TEST_F(ServeTool, InjectsFaultsFromTheStartAndSaysSo) {
+    ChildProcess serve(arguments({"--fault", "code=7,message=no such luck", "--fault", "status=404"}), {});
     ASSERT_TRUE(serve.awaitOutput("ca.pem\n"));
     const auto variables = exported(serve.output());
 
     EXPECT_EQ(relay(variables), 1);
-    EXPECT_TRUE(serve.awaitOutput("HTTP status 200, code 7: no such luck (misbehaved: server_code)\n"));
+    EXPECT_TRUE(serve.awaitOutput("HTTP status 200, code 7: no such luck (fault: server_code)\n"));
 }
 
 TEST_F(ServeTool, TellsARefusalWithItsField) {
@@ -127,8 +127,7 @@ TEST_F(ServeTool, WritesOneJsonObjectALine) {
         {"listening", {"service", "caFile"}},
         {"environment", {"line"}},
         {"console", {"url"}},
-        {"request",
-         {"interface", "operation", "httpStatus", "code", "message", "field", "appId", "streamId", "misbehaviour"}},
+        {"request", {"interface", "operation", "httpStatus", "code", "message", "field", "appId", "streamId", "fault"}},
         {"stopped", {"why"}}};
     std::vector<std::string> events;
     std::istringstream lines(serve.output());

@@ -53,31 +53,31 @@ protected:
                 {"TERM", "xterm"}};
     }
 
-    void misbehave(vexalive::Misbehaviour misbehaviour) { ASSERT_EQ(mService->misbehave(misbehaviour), ""); }
+    void injectFault(vexalive::Fault fault) { ASSERT_EQ(mService->inject(fault), ""); }
 
-    static vexalive::Misbehaviour status(int status, int times, const char* interfaceName = "") {
-        vexalive::Misbehaviour misbehaviour;
-        misbehaviour.kind = vexalive::Misbehaviour::Kind::kStatus;
-        misbehaviour.status = status;
-        misbehaviour.times = times;
-        misbehaviour.interfaceName = interfaceName;
-        return misbehaviour;
+    static vexalive::Fault status(int status, int times, const char* interfaceName = "") {
+        vexalive::Fault fault;
+        fault.kind = vexalive::Fault::Kind::kStatus;
+        fault.status = status;
+        fault.times = times;
+        fault.interfaceName = interfaceName;
+        return fault;
     }
 
-    static vexalive::Misbehaviour delay(int milliseconds, const char* interfaceName) {
-        vexalive::Misbehaviour misbehaviour;
-        misbehaviour.kind = vexalive::Misbehaviour::Kind::kDelay;
-        misbehaviour.delayMs = milliseconds;
-        misbehaviour.interfaceName = interfaceName;
-        return misbehaviour;
+    static vexalive::Fault delay(int milliseconds, const char* interfaceName) {
+        vexalive::Fault fault;
+        fault.kind = vexalive::Fault::Kind::kDelay;
+        fault.delayMs = milliseconds;
+        fault.interfaceName = interfaceName;
+        return fault;
     }
 
-    static vexalive::Misbehaviour serverCode(int code, const std::string& message) {
-        vexalive::Misbehaviour misbehaviour;
-        misbehaviour.kind = vexalive::Misbehaviour::Kind::kServerCode;
-        misbehaviour.code = code;
-        misbehaviour.message = message;
-        return misbehaviour;
+    static vexalive::Fault serverCode(int code, const std::string& message) {
+        vexalive::Fault fault;
+        fault.kind = vexalive::Fault::Kind::kServerCode;
+        fault.code = code;
+        fault.message = message;
+        return fault;
     }
 
     nlohmann::json state() const { return nlohmann::json::parse(mService->stateJson()); }

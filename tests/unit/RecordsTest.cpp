@@ -15,7 +15,7 @@ using kstmedia::VexaMixUserInternal;
 using kstmedia::VexaPublishCDNParamInternal;
 using kstmedia::VexaTranscodingConfigInternal;
 
-constexpr int32_t kLeast = std::numeric_limits<int32_t>::min();
+constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
 constexpr size_t kEntryLimit = 259;
 
 const std::string kHead =
@@ -77,7 +77,7 @@ TEST(PublishCDNParamTest, IsAllZeroAndEmptyWhenFresh) {
 }
 
 TEST(PublishCDNParamTest, RendersNegativeNumbersWithTheirSign) {
-    EXPECT_EQ((VexaPublishCDNParamInternal{-1, kLeast, "u"}.to_string()), "appId:-1, bizId:-2147483648, url:u");
+    EXPECT_EQ((VexaPublishCDNParamInternal{-1, kMin, "u"}.to_string()), "appId:-1, bizId:-2147483648, url:u");
 }
 
 TEST(PublishCDNParamTest, RendersTheAddressWholeHoweverLong) {
@@ -144,7 +144,7 @@ TEST(TranscodingConfigTest, RendersTheLongestHeadWhole) {
     for (int32_t* field : {&config.mode, &config.appId, &config.bizId, &config.videoWidth, &config.videoHeight,
                            &config.videoBitrate, &config.videoFramerate, &config.videoGOP, &config.audioSampleRate,
                            &config.audioBitrate, &config.audioChannels}) {
-        *field = kLeast;
+        *field = kMin;
     }
     EXPECT_EQ(config.to_string(),
               "mode:-2147483648, appId:-2147483648, bizId:-2147483648, width:-2147483648, height:-2147483648, "
@@ -177,7 +177,7 @@ TEST(TranscodingConfigTest, CountsTheUsersFromOneAndSeparatesThemByABlankOnly) {
 
 TEST(TranscodingConfigTest, RendersNegativeNumbersOfAUserWithTheirSign) {
     VexaMixUserInternal user = userNamed("u");
-    user.rect = {-1, -2, -3, kLeast};
+    user.rect = {-1, -2, -3, kMin};
     user.zOrder = -5;
     user.streamType = -6;
     EXPECT_EQ(entriesOf({user}),

@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* kFont = "DejaVu Sans";
 constexpr const char* kMonoFont = "DejaVu Sans Mono";
-constexpr glong kLongestText = 300;  // characters; more is wider than any picture
+constexpr glong kMaxText = 300;  // characters; more is wider than any picture
 constexpr const char* kEllipsis = "\u2026";
 constexpr const char* kReplacement = "\ufffd";
 constexpr double kHatchStep = 8;
@@ -44,7 +44,7 @@ std::string drawable(const std::string& text) {
     std::string result;
     glong length = 0;
     for (const gchar* at = valid.get(); *at; at = g_utf8_next_char(at)) {
-        if (++length > kLongestText) {
+        if (++length > kMaxText) {
             return result + kEllipsis;
         }
         result.append(isUnfit(g_utf8_get_char(at)) ? kReplacement

@@ -68,8 +68,8 @@ constexpr Field<Rect> kRectFields[] = {
 };
 
 constexpr const char* kInteger = "an integer from -2147483648 to 2147483647";
-constexpr size_t kDeepest = 64;       // objects and lists in each other
-constexpr size_t kLongestQuote = 40;  // bytes of the file in a message
+constexpr size_t kDeepest = 64;   // objects and lists in each other
+constexpr size_t kMaxQuote = 40;  // bytes of the file in a message
 
 // ---- JSON, with the place of each value -----------------------------------------------------------------------------
 
@@ -166,12 +166,12 @@ bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
 }
 
-// At most kLongestQuote bytes, cut between two characters.
+// At most kMaxQuote bytes, cut between two characters.
 std::string quoted(std::string_view text) {
-    if (text.size() <= kLongestQuote) {
+    if (text.size() <= kMaxQuote) {
         return std::string(text);
     }
-    size_t end = kLongestQuote;
+    size_t end = kMaxQuote;
     while (end > 0 && isContinuation(text[end])) {
         --end;
     }
@@ -345,7 +345,7 @@ private:
                          [](const Mistake& a, const Mistake& b) { return a.offset < b.offset; });
         MixReading reading;
         reading.config = std::move(mConfig);
-        for (size_t i = 0; i < std::min(mMistakes.size(), kMostMixMistakes); ++i) {
+        for (size_t i = 0; i < std::min(mMistakes.size(), kMaxMixMistakes); ++i) {
             const std::string_view before = mText.substr(0, mMistakes[i].offset);
             const std::string_view line = before.substr(before.rfind('\n') + 1);  // of all if there is none
             const auto lines = std::count(before.begin(), before.end(), '\n');
@@ -354,9 +354,9 @@ private:
             reading.mistakes.push_back({static_cast<size_t>(lines) + 1, static_cast<size_t>(columns) + 1,
                                         std::move(mMistakes[i].field), std::move(mMistakes[i].text)});
         }
-        if (mMistakes.size() > kMostMixMistakes) {
+        if (mMistakes.size() > kMaxMixMistakes) {
             reading.mistakes.push_back(
-                {0, 0, "", "and " + std::to_string(mMistakes.size() - kMostMixMistakes) + " more"});
+                {0, 0, "", "and " + std::to_string(mMistakes.size() - kMaxMixMistakes) + " more"});
         }
         return reading;
     }
@@ -376,8 +376,8 @@ MixReading unreadable(std::string text) {
 
 MixReading readMix(std::string_view text) noexcept {
     try {
-        if (text.size() > kLongestMixFile) {
-            return unreadable("is larger than " + std::to_string(kLongestMixFile) + " bytes");
+        if (text.size() > kMaxMixFile) {
+            return unreadable("is larger than " + std::to_string(kMaxMixFile) + " bytes");
         }
         return MixReader(text).read();
     } catch (const std::exception& failure) {  // out of memory
@@ -392,7 +392,7 @@ MixReading readMixFile(const std::string& path) noexcept {
         if (!file) {
             return unreadable(std::string("cannot be opened: ") + std::strerror(errno));
         }
-        std::string text(kLongestMixFile + 1, '\0');  // one more than allowed tells that it is too large
+        std::string text(kMaxMixFile + 1, '\0');  // one more than allowed tells that it is too large
         text.resize(std::fread(text.data(), 1, text.size(), file.get()));
         if (std::ferror(file.get())) {
             return unreadable(std::string("cannot be read: ") + std::strerror(errno));

@@ -15,8 +15,8 @@
 
 namespace vexalive {
 
-constexpr size_t kLongestMixFile = 1 << 20;  // bytes
-constexpr size_t kMostMixMistakes = 20;      // told each; of the others it is told how many there are
+constexpr size_t kMaxMixFile = 1 << 20;  // bytes
+constexpr size_t kMaxMixMistakes = 20;   // told each; of the others it is told how many there are
 
 struct MixMistake {
     size_t line = 0;    // from 1; 0: of the file as a whole

@@ -136,7 +136,7 @@ private:
                     warnOfUser(i, name, "has a zero character, at which it ends");
                 }
             }
-            if (user.roomId.size() + user.userId.size() + sizeof "__main" - 1 > kLongestStreamName) {
+            if (user.roomId.size() + user.userId.size() + sizeof "__main" - 1 > kMaxStreamName) {
                 warnOfUser(i, nullptr, "roomId and userId are so long that the stream id counts only their beginning");
             }
             const auto [first, isNew] =

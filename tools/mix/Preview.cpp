@@ -29,7 +29,7 @@ constexpr double kLineHeight = 16;   // of small texts
 constexpr double kEntryHeight = 84;
 constexpr double kThinnest = 1.5;  // what is drawn of a very narrow rectangle
 
-constexpr size_t kMostDrawn = 40;                    // rectangles on the canvas; more than 17 are refused anyway
+constexpr size_t kMaxDrawn = 40;                     // rectangles on the canvas; more than 17 are refused anyway
 constexpr Area kFallbackCanvas = {0, 0, 1280, 720};  // of the picture where the canvas has no size
 
 // ---- Colours --------------------------------------------------------------------------------------------------------
@@ -224,7 +224,7 @@ private:
 
         std::vector<const SentInput*> drawn;  // the lowest layer first
         for (const SentInput& input : mInputs) {
-            if (drawn.size() < kMostDrawn && !shownArea(input, view).isEmpty()) {
+            if (drawn.size() < kMaxDrawn && !shownArea(input, view).isEmpty()) {
                 drawn.push_back(&input);
             }
         }

@@ -21,7 +21,7 @@
 namespace vexalive {
 namespace {
 
-constexpr size_t kMostRemarks = 20;
+constexpr size_t kMaxRemarks = 20;
 
 constexpr const char* kPreviewDescription =
     "Draw a mix file as the adapter would send it\n"
@@ -94,12 +94,12 @@ int runPreview(const PreviewCommandOptions& options) {
     write(options.output, isPng ? drawing->png() : drawing->svg());
 
     const std::string file = printable(options.file);
-    for (size_t i = 0; i < std::min(remarks.size(), kMostRemarks); ++i) {
+    for (size_t i = 0; i < std::min(remarks.size(), kMaxRemarks); ++i) {
         std::fprintf(stderr, "%s: %s: %s\n", file.c_str(),
                      remarks[i].kind == MixRemark::kRefusal ? "refused" : "warning", describe(remarks[i]).c_str());
     }
-    if (remarks.size() > kMostRemarks) {
-        std::fprintf(stderr, "%s: and %zu more\n", file.c_str(), remarks.size() - kMostRemarks);
+    if (remarks.size() > kMaxRemarks) {
+        std::fprintf(stderr, "%s: and %zu more\n", file.c_str(), remarks.size() - kMaxRemarks);
     }
     const bool refused = isRefused(remarks);
     std::printf("%s: %s\n", printable(options.output).c_str(),

@@ -42,7 +42,7 @@ std::vector<SentInput> sentInputs(const kstmedia::VexaTranscodingConfigInternal&
 
 std::string streamId(int32_t bizId, const std::string& room, const std::string& user, bool isAuxiliary) {
     std::string name = upToZero(room) + "_" + upToZero(user) + (isAuxiliary ? "_aux" : "_main");
-    name.resize(std::min(name.size(), kLongestStreamName));
+    name.resize(std::min(name.size(), kMaxStreamName));
     return std::to_string(bizId) + "_" + kstmedia::getMD5(name);
 }
 

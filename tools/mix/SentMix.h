@@ -12,8 +12,8 @@
 
 namespace vexalive {
 
-constexpr int32_t kAuxiliaryStream = 2;      // VexaMixUserInternal::streamType
-constexpr size_t kLongestStreamName = 4094;  // bytes of "ROOM_USER_main" that count for a stream id
+constexpr int32_t kAuxiliaryStream = 2;  // VexaMixUserInternal::streamType
+constexpr size_t kMaxStreamName = 4094;  // bytes of "ROOM_USER_main" that count for a stream id
 
 struct SentInput {
     size_t index;  // in mixUsersArray

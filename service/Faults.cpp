@@ -1,4 +1,4 @@
-#include "service/Misbehaviours.h"
+#include "service/Faults.h"
 
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -14,41 +14,40 @@ using nlohmann::ordered_json;
 
 namespace {
 
-constexpr int kMostTimes = 1'000'000;
-constexpr int kLongestDelayMs = 600'000;
-constexpr int64_t kLeastSize = 64;
-constexpr int64_t kMostSize = int64_t{1} << 30;
+constexpr int kMaxTimes = 1'000'000;
+constexpr int kMaxDelayMs = 600'000;
+constexpr int64_t kMinSize = 64;
+constexpr int64_t kMaxSize = int64_t{1} << 30;
 
-constexpr std::pair<Misbehaviour::Kind, const char*> kKinds[] = {
-    {Misbehaviour::Kind::kDelay, "delay"},     {Misbehaviour::Kind::kStatus, "status"},
-    {Misbehaviour::Kind::kEmpty, "empty"},     {Misbehaviour::Kind::kCut, "cut"},
-    {Misbehaviour::Kind::kGarbage, "garbage"}, {Misbehaviour::Kind::kHuge, "huge"},
-    {Misbehaviour::Kind::kClose, "close"},     {Misbehaviour::Kind::kServerCode, "server_code"},
+constexpr std::pair<Fault::Kind, const char*> kKinds[] = {
+    {Fault::Kind::kDelay, "delay"}, {Fault::Kind::kStatus, "status"},          {Fault::Kind::kEmpty, "empty"},
+    {Fault::Kind::kCut, "cut"},     {Fault::Kind::kGarbage, "garbage"},        {Fault::Kind::kHuge, "huge"},
+    {Fault::Kind::kClose, "close"}, {Fault::Kind::kServerCode, "server_code"},
 };
 
-ordered_json toFields(const Misbehaviour& misbehaviour) {
+ordered_json toFields(const Fault& fault) {
     ordered_json fields;
-    fields["kind"] = nameOf(misbehaviour.kind);
-    if (!misbehaviour.interfaceName.empty()) {
-        fields["interface"] = misbehaviour.interfaceName;
+    fields["kind"] = nameOf(fault.kind);
+    if (!fault.interfaceName.empty()) {
+        fields["interface"] = fault.interfaceName;
     }
-    fields["times"] = misbehaviour.times;
-    fields["delay_ms"] = misbehaviour.delayMs;
-    if (misbehaviour.kind == Misbehaviour::Kind::kStatus) {
-        fields["status"] = misbehaviour.status;
+    fields["times"] = fault.times;
+    fields["delay_ms"] = fault.delayMs;
+    if (fault.kind == Fault::Kind::kStatus) {
+        fields["status"] = fault.status;
     }
-    if (misbehaviour.kind == Misbehaviour::Kind::kHuge) {
-        fields["size"] = misbehaviour.size;
+    if (fault.kind == Fault::Kind::kHuge) {
+        fields["size"] = fault.size;
     }
-    if (misbehaviour.kind == Misbehaviour::Kind::kServerCode) {
-        fields["code"] = misbehaviour.code;
-        fields["message"] = misbehaviour.message;
-        fields["error_code_keys"] = misbehaviour.errorCodeKeys;
+    if (fault.kind == Fault::Kind::kServerCode) {
+        fields["code"] = fault.code;
+        fields["message"] = fault.message;
+        fields["error_code_keys"] = fault.errorCodeKeys;
     }
     return fields;
 }
 
-Misbehaviour::Kind readKind(Fields& fields) {
+Fault::Kind readKind(Fields& fields) {
     const std::string name = fields.text("kind");
     for (const auto& [kind, kindName] : kKinds) {
         if (name == kindName) {
@@ -60,9 +59,9 @@ Misbehaviour::Kind readKind(Fields& fields) {
 }
 
 // The one place that knows the ranges: a struct is judged in its JSON form. Throws Refusal.
-Misbehaviour fromFields(const json& object) {
+Fault fromFields(const json& object) {
     Fields fields(object, "");
-    Misbehaviour result;
+    Fault result;
     result.kind = readKind(fields);
     if (fields.has("interface")) {
         result.interfaceName = fields.text("interface");
@@ -77,18 +76,18 @@ Misbehaviour fromFields(const json& object) {
             field = static_cast<std::decay_t<decltype(field)>>(fields.integer(key, lowest, highest));
         }
     };
-    number("times", 0, kMostTimes, result.times);
-    if (result.kind == Misbehaviour::Kind::kDelay) {
-        result.delayMs = static_cast<int>(fields.integer("delay_ms", 1, kLongestDelayMs));
+    number("times", 0, kMaxTimes, result.times);
+    if (result.kind == Fault::Kind::kDelay) {
+        result.delayMs = static_cast<int>(fields.integer("delay_ms", 1, kMaxDelayMs));
     }
-    number("delay_ms", 0, kLongestDelayMs, result.delayMs);
-    if (result.kind == Misbehaviour::Kind::kStatus) {
+    number("delay_ms", 0, kMaxDelayMs, result.delayMs);
+    if (result.kind == Fault::Kind::kStatus) {
         number("status", 200, 599, result.status);
     }
-    if (result.kind == Misbehaviour::Kind::kHuge) {
-        number("size", kLeastSize, kMostSize, result.size);
+    if (result.kind == Fault::Kind::kHuge) {
+        number("size", kMinSize, kMaxSize, result.size);
     }
-    if (result.kind == Misbehaviour::Kind::kServerCode) {
+    if (result.kind == Fault::Kind::kServerCode) {
         number("code", std::numeric_limits<int>::min(), std::numeric_limits<int>::max(), result.code);
         if (fields.has("message")) {
             result.message = fields.text("message");
@@ -103,7 +102,7 @@ Misbehaviour fromFields(const json& object) {
 
 }  // namespace
 
-const char* nameOf(Misbehaviour::Kind kind) {
+const char* nameOf(Fault::Kind kind) {
     for (const auto& [each, name] : kKinds) {
         if (each == kind) {
             return name;
@@ -112,31 +111,31 @@ const char* nameOf(Misbehaviour::Kind kind) {
     return "unknown";
 }
 
-std::string Misbehaviours::add(const Misbehaviour& misbehaviour) {
-    return addJson(toFields(misbehaviour).dump(-1, ' ', false, json::error_handler_t::replace));
+std::string Faults::add(const Fault& fault) {
+    return addJson(toFields(fault).dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
-std::string Misbehaviours::addJson(const std::string& text) {
+std::string Faults::addJson(const std::string& text) {
     try {
-        Misbehaviour misbehaviour = fromFields(readObject(text));
+        Fault fault = fromFields(readObject(text));
         KstMutexLock lock(mMutex);
-        if (mWaiting.size() == kMost) {
-            return std::to_string(kMost) + " misbehaviours are waiting, the most that is held";
+        if (mWaiting.size() == kMax) {
+            return std::to_string(kMax) + " faults are waiting, the most that is held";
         }
-        mWaiting.push_back(std::move(misbehaviour));
+        mWaiting.push_back(std::move(fault));
         return "";
     } catch (const Refusal& refusal) {
         return refusal.message;
     }
 }
 
-std::optional<Misbehaviour> Misbehaviours::take(const std::string& interfaceName) {
+std::optional<Fault> Faults::take(const std::string& interfaceName) {
     KstMutexLock lock(mMutex);
     for (auto each = mWaiting.begin(); each != mWaiting.end(); ++each) {
         if (!each->interfaceName.empty() && each->interfaceName != interfaceName) {
             continue;
         }
-        const Misbehaviour taken = *each;
+        const Fault taken = *each;
         if (each->times > 0 && --each->times == 0) {
             mWaiting.erase(each);
         }
@@ -145,16 +144,16 @@ std::optional<Misbehaviour> Misbehaviours::take(const std::string& interfaceName
     return std::nullopt;
 }
 
-void Misbehaviours::clear() {
+void Faults::clear() {
     KstMutexLock lock(mMutex);
     mWaiting.clear();
 }
 
-std::string Misbehaviours::toJson() const {
+std::string Faults::toJson() const {
     ordered_json waiting = ordered_json::array();
     KstMutexLock lock(mMutex);
-    for (const Misbehaviour& misbehaviour : mWaiting) {
-        waiting.push_back(toFields(misbehaviour));
+    for (const Fault& fault : mWaiting) {
+        waiting.push_back(toFields(fault));
     }
     lock.unlock();
     const ordered_json shown = {{"waiting", waiting}};

@@ -1,7 +1,7 @@
-// What `vexalive serve --misbehave` takes, as a misbehaviour of the service's.
+// What `vexalive serve --fault` takes, as a fault of the service's.
 
-#ifndef VEXALIVE_TOOLS_MISBEHAVIOUR_OPTION_H
-#define VEXALIVE_TOOLS_MISBEHAVIOUR_OPTION_H
+#ifndef VEXALIVE_TOOLS_FAULT_OPTION_H
+#define VEXALIVE_TOOLS_FAULT_OPTION_H
 
 #include <string>
 
@@ -11,10 +11,10 @@ namespace vexalive {
 
 // Reads "status=503,count=2": what to do, then for how many requests and other particulars. UsageError if it cannot be
 // read; the service itself judges ranges.
-Misbehaviour readMisbehaviour(const std::string& text);
+Fault readFault(const std::string& text);
 
 // How it is written, for the help.
-extern const char* const kMisbehaviourHelp;
+extern const char* const kFaultHelp;
 
 }  // namespace vexalive
 

@@ -8,15 +8,15 @@
 #include "service/LiveService.h"
 
 using namespace servicetesting;
+using vexalive::Fault;
 using vexalive::LiveServiceOptions;
-using vexalive::Misbehaviour;
 
 namespace {
 
 class OnRequest : public testing::Test {
 protected:
-    void ask(const json& misbehaviour) {
-        const auto result = mClient->Post("/misbehave", misbehaviour.dump(), "application/json");
+    void ask(const json& fault) {
+        const auto result = mClient->Post("/faults", fault.dump(), "application/json");
         ASSERT_TRUE(result);
         ASSERT_EQ(200, result->status) << result->body;
     }
@@ -39,12 +39,12 @@ protected:
     std::unique_ptr<httplib::Client> mClient = mService.client();
 };
 
-std::string answerOnPlainWire(const json& misbehaviour) {
+std::string answerOnPlainWire(const json& fault) {
     LiveServiceOptions options;
     options.tls = false;
     RunningService service(options);
     const auto client = service.client();
-    EXPECT_TRUE(client->Post("/misbehave", misbehaviour.dump(), "application/json"));
+    EXPECT_TRUE(client->Post("/faults", fault.dump(), "application/json"));
     RawConnection connection(service->port());
     connection.send(
         rawRequest("POST", std::string("/v3/liveinterface/add_relay_stream_url?") + kGoodQuery, addRelayBody().dump()));
@@ -126,7 +126,7 @@ TEST_F(OnRequest, ADelayComesBeforeTheTrueAnswer) {
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(150));
 }
 
-TEST_F(OnRequest, ADelayMayComeBeforeAnotherMisbehaviour) {
+TEST_F(OnRequest, ADelayMayComeBeforeAnotherFault) {
     ask({{"kind", "status"}, {"status", 502}, {"delay_ms", 150}});
     const auto before = std::chrono::steady_clock::now();
     const auto result = exchange();
@@ -156,11 +156,11 @@ TEST_F(OnRequest, ACutAndACloseEndTheExchangeAndTheServiceGoesOn) {
         EXPECT_FALSE(exchange()) << kind;
     }
     expectTruthAgain();
-    EXPECT_EQ("close", mService.state()["requests"][1]["misbehaviour"]);
+    EXPECT_EQ("close", mService.state()["requests"][1]["fault"]);
     EXPECT_EQ(0, mService.state()["requests"][1]["http_status"]);
 }
 
-TEST_F(OnRequest, MisbehavioursComeInOrderEachForItsRequests) {
+TEST_F(OnRequest, FaultsApplyInOrderEachForItsRequests) {
     ask({{"kind", "status"}, {"status", 500}, {"times", 2}});
     ask({{"kind", "status"}, {"status", 502}, {"interface", "remove_relay_stream_url"}});
     ask({{"kind", "status"}, {"status", 503}, {"interface", "add_relay_stream_url"}, {"times", 0}});
@@ -173,14 +173,14 @@ TEST_F(OnRequest, MisbehavioursComeInOrderEachForItsRequests) {
         ASSERT_TRUE(result);
         EXPECT_EQ(status, result->status);
     }
-    const json waiting = json::parse(mService->misbehavioursJson())["waiting"];
+    const json waiting = json::parse(mService->faultsJson())["waiting"];
     ASSERT_EQ(1u, waiting.size());
     EXPECT_EQ(503, waiting[0]["status"]);
 }
 
 TEST_F(OnRequest, WhatWaitsIsShownAndCleared) {
     ask({{"kind", "huge"}, {"size", 100}, {"times", 7}, {"delay_ms", 5}, {"interface", "set_live_mix_transcoding"}});
-    const auto shown = mClient->Get("/misbehave");
+    const auto shown = mClient->Get("/faults");
     ASSERT_TRUE(shown);
     EXPECT_EQ((json{{"waiting",
                      {{{"kind", "huge"},
@@ -190,30 +190,30 @@ TEST_F(OnRequest, WhatWaitsIsShownAndCleared) {
                        {"size", 100}}}}}),
               json::parse(shown->body));
 
-    const auto cleared = mClient->Delete("/misbehave");
+    const auto cleared = mClient->Delete("/faults");
     ASSERT_TRUE(cleared);
     EXPECT_EQ(200, cleared->status);
-    EXPECT_EQ("{\"waiting\":[]}", json::parse(mService->misbehavioursJson()).dump());
+    EXPECT_EQ("{\"waiting\":[]}", json::parse(mService->faultsJson()).dump());
 }
 
 TEST_F(OnRequest, AnInProcessCallDoesTheSame) {
-    Misbehaviour misbehaviour;
-    misbehaviour.kind = Misbehaviour::Kind::kStatus;
-    misbehaviour.status = 429;
-    EXPECT_EQ("", mService->misbehave(misbehaviour));
+    Fault fault;
+    fault.kind = Fault::Kind::kStatus;
+    fault.status = 429;
+    EXPECT_EQ("", mService->inject(fault));
     const auto result = exchange();
     ASSERT_TRUE(result);
     EXPECT_EQ(429, result->status);
 
-    misbehaviour.status = 99;
-    EXPECT_EQ("status: found 99, must be an integer from 200 to 599", mService->misbehave(misbehaviour));
-    misbehaviour.kind = Misbehaviour::Kind::kClose;  // which has no use for the status
-    EXPECT_EQ("", mService->misbehave(misbehaviour));
-    mService->clearMisbehaviours();
+    fault.status = 99;
+    EXPECT_EQ("status: found 99, must be an integer from 200 to 599", mService->inject(fault));
+    fault.kind = Fault::Kind::kClose;  // which has no use for the status
+    EXPECT_EQ("", mService->inject(fault));
+    mService->clearFaults();
     expectTruthAgain();
 }
 
-TEST_F(OnRequest, ABadMisbehaviourIs400AndSaysWhy) {
+TEST_F(OnRequest, ABadFaultIs400AndSaysWhy) {
     const struct {
         std::string body;
         const char* says;
@@ -241,20 +241,20 @@ TEST_F(OnRequest, ABadMisbehaviourIs400AndSaysWhy) {
         {R"({"kind":"empty","mood":"bad"})", "mood: found a field that is not known here"},
     };
     for (const auto& row : rows) {
-        const auto result = mClient->Post("/misbehave", row.body, "application/json");
+        const auto result = mClient->Post("/faults", row.body, "application/json");
         ASSERT_TRUE(result);
         EXPECT_EQ(400, result->status) << row.body;
         const std::string message = json::parse(result->body)["message"];
         EXPECT_EQ(0u, message.find(row.says)) << message;
     }
-    EXPECT_EQ("{\"waiting\":[]}", json::parse(mService->misbehavioursJson()).dump());
+    EXPECT_EQ("{\"waiting\":[]}", json::parse(mService->faultsJson()).dump());
 }
 
 TEST_F(OnRequest, TheQueueIsBounded) {
-    Misbehaviour misbehaviour;
-    misbehaviour.kind = Misbehaviour::Kind::kEmpty;
+    Fault fault;
+    fault.kind = Fault::Kind::kEmpty;
     for (int number = 0; number < 1000; ++number) {
-        ASSERT_EQ("", mService->misbehave(misbehaviour));
+        ASSERT_EQ("", mService->inject(fault));
     }
-    EXPECT_EQ("1000 misbehaviours are waiting, the most that is held", mService->misbehave(misbehaviour));
+    EXPECT_EQ("1000 faults are waiting, the most that is held", mService->inject(fault));
 }
