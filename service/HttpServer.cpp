@@ -24,8 +24,8 @@ namespace vexalive {
 
 namespace {
 
-constexpr std::chrono::seconds kIdleTime(60);  // longer than the pauses between a client's attempts
-constexpr std::chrono::milliseconds kBreath(100);
+constexpr std::chrono::seconds kIdleTimeout(60);  // longer than the pauses between a client's attempts
+constexpr std::chrono::milliseconds kPollInterval(100);
 constexpr int kBacklog = 1024;
 constexpr const char* kJson = "application/json";
 
@@ -88,7 +88,7 @@ public:
         : mOwner(owner), mWire(wire), mIsFromLoopback(isFromLoopback) {
         svr_sock_ = wire.socket();  // without a socket httplib takes itself for stopped, and cuts streamed answers
         set_payload_max_length(kMaxBodyBytes);
-        set_keep_alive_timeout(kIdleTime.count());
+        set_keep_alive_timeout(kIdleTimeout.count());
         set_keep_alive_max_count(kMaxRequests);
         set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
             return admit(request, response) ? HandlerResponse::Unhandled : HandlerResponse::Handled;
@@ -106,10 +106,10 @@ public:
     }
 
     void run() {
-        if (!mWire.shakeHands()) {
+        if (!mWire.handshake()) {
             return;
         }
-        for (size_t left = kMaxRequests; left > 0 && !mIsOver && mWire.awaitRequest(kIdleTime); --left) {
+        for (size_t left = kMaxRequests; left > 0 && !mIsOver && mWire.awaitRequest(kIdleTimeout); --left) {
             bool isClosed = false;
             mIsAnswered = false;
             const bool isServed = process_request(mWire, left == 1, isClosed, nullptr);
@@ -175,15 +175,15 @@ private:
         received.fetchSite = request.get_header_value("Sec-Fetch-Site");
         received.body = request.body;
         received.isFromLoopback = mIsFromLoopback;
-        const auto made = std::make_shared<HttpAnswer>(mOwner.mHandler(received));
+        const auto made = std::make_shared<HttpResponse>(mOwner.mHandler(received));
         mIsAnswered = true;
         response.status = made->status;
         for (const auto& [name, value] : made->headers) {
             response.set_header(name, value);
         }
-        if (made->ending == HttpAnswer::Ending::kNone) {
+        if (made->delivery == HttpResponse::Delivery::kClose) {
             mWire.drop();
-        } else if (made->ending == HttpAnswer::Ending::kCut) {
+        } else if (made->delivery == HttpResponse::Delivery::kCut) {
             response.set_content_provider(made->body.size(), made->contentType,
                                           [this, made](size_t, size_t length, httplib::DataSink& sink) {
                                               sink.write(made->body.data(), length / 2);
@@ -203,7 +203,7 @@ private:
     }
 
     // What a padded answer holds from `offset` on: the rest of one of its three parts, or some of the padding.
-    static std::string pieceOf(const HttpAnswer& answer, size_t offset) {
+    static std::string pieceOf(const HttpResponse& answer, size_t offset) {
         constexpr size_t kPaddingPiece = size_t{64} << 10;
         const size_t bodyEnd = answer.body.size();
         const size_t paddingEnd = bodyEnd + answer.padding;
@@ -347,13 +347,13 @@ void HttpServer::acceptAll() {
         const int socket =
             ::accept4(mListener, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (socket >= 0) {
-            welcome(socket, isLoopback(address));
+            accept(socket, isLoopback(address));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             // Nothing but an ending connection helps, and that may be another program's.
-            const auto breath = std::chrono::steady_clock::now() + kBreath;
+            const auto retryTime = std::chrono::steady_clock::now() + kPollInterval;
             KstMutexLock lock(mMutex);
             if (!mIsStopping) {
-                mChanged.waitUntil(mMutex, breath);
+                mChanged.waitUntil(mMutex, retryTime);
             }
         }
     }
@@ -384,7 +384,7 @@ bool HttpServer::awaitRoom() {
     return !mIsStopping;
 }
 
-void HttpServer::welcome(int socket, bool isOnLoopback) {
+void HttpServer::accept(int socket, bool isOnLoopback) {
     const int yes = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     KstMutexLock lock(mMutex);

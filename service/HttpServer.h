@@ -35,11 +35,11 @@ struct HttpRequest {
     bool isFromLoopback = false;
 };
 
-struct HttpAnswer {
-    enum class Ending {
-        kWhole,
-        kCut,   // half of the announced body is sent, then the connection ends
-        kNone,  // nothing is sent, the connection ends
+struct HttpResponse {
+    enum class Delivery {
+        kComplete,
+        kCut,    // half of the announced body is sent, then the connection is closed
+        kClose,  // nothing is sent, the connection is closed
     };
     int status = 200;
     std::string contentType = "application/json";
@@ -47,7 +47,7 @@ struct HttpAnswer {
     std::string body;
     size_t padding = 0;  // so many "x" follow the body, then the tail
     std::string tail;
-    Ending ending = Ending::kWhole;
+    Delivery delivery = Delivery::kComplete;
 };
 
 class HttpServer {
@@ -60,8 +60,8 @@ public:
         uint16_t port = 0;
         std::string pem;  // certificate and private key; empty: plain HTTP, refused but on loopback
     };
-    using Routes = std::map<std::string, std::vector<std::string>>;         // path to methods
-    using Handler = std::function<HttpAnswer(const HttpRequest& request)>;  // on many threads at a time
+    using Routes = std::map<std::string, std::vector<std::string>>;           // path to methods
+    using Handler = std::function<HttpResponse(const HttpRequest& request)>;  // on many threads at a time
 
     // Requests that match no route, or that cannot be read, are answered without the handler: 400, 404, 405, 413, 414,
     // 415, with a JSON object with a "message".
@@ -89,7 +89,7 @@ private:
     bool openSocket(const Options& options, std::string& error);
     void acceptAll();
     bool awaitRoom();
-    void welcome(int socket, bool isOnLoopback);
+    void accept(int socket, bool isOnLoopback);
     void serve(Peer& peer);
 
     const Routes mRoutes;

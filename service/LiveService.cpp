@@ -61,28 +61,28 @@ std::string asText(const ordered_json& value) {
 }
 
 // A message of the service's own; those of the three interfaces carry a code, too.
-HttpAnswer plainAnswer(int status, const std::string& message) {
-    HttpAnswer answer;
-    answer.status = status;
-    answer.body = asJson({{"message", message}});
-    return answer;
+HttpResponse messageResponse(int status, const std::string& message) {
+    HttpResponse response;
+    response.status = status;
+    response.body = asJson({{"message", message}});
+    return response;
 }
 
-HttpAnswer okAnswer(const std::string& body) {
-    HttpAnswer answer;
-    answer.body = body;
-    return answer;
+HttpResponse okResponse(const std::string& body) {
+    HttpResponse response;
+    response.body = body;
+    return response;
 }
 
-HttpAnswer answerPage(const std::string& path) {
+HttpResponse pageResponse(const std::string& path) {
     const std::optional<ConsoleFile> file = consoleFile(path);
     if (!file) {
-        return plainAnswer(404, "there is nothing at this path");
+        return messageResponse(404, "there is nothing at this path");
     }
-    HttpAnswer answer = okAnswer(std::string(file->content));
-    answer.contentType = file->contentType;
-    answer.headers["Content-Security-Policy"] = "default-src 'self'; frame-ancestors 'none'";
-    return answer;
+    HttpResponse response = okResponse(std::string(file->content));
+    response.contentType = file->contentType;
+    response.headers["Content-Security-Policy"] = "default-src 'self'; frame-ancestors 'none'";
+    return response;
 }
 
 std::string codeBody(int code, const std::string& message) {
@@ -93,53 +93,54 @@ bool isRedirect(int status) {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
 
-HttpAnswer faultAnswer(const Fault& fault) {
-    HttpAnswer answer;
+HttpResponse faultResponse(const Fault& fault) {
+    HttpResponse response;
     switch (fault.kind) {
         case Fault::Kind::kDelay:
         case Fault::Kind::kEmpty:
             break;
         case Fault::Kind::kStatus:
-            answer.status = fault.status;
+            response.status = fault.status;
             if (isRedirect(fault.status)) {
-                answer.headers["Location"] = "/redirected";
+                response.headers["Location"] = "/redirected";
             }
             break;
         case Fault::Kind::kCut:
-            answer.body = codeBody(0, "half of this is never sent");
-            answer.ending = HttpAnswer::Ending::kCut;
+            response.body = codeBody(0, "half of this is never sent");
+            response.delivery = HttpResponse::Delivery::kCut;
             break;
         case Fault::Kind::kGarbage:
-            answer.body = std::string("<html>\xff\xfe{\"code\":\0 0", 19);
+            response.body = std::string("<html>\xff\xfe{\"code\":\0 0", 19);
             break;
         case Fault::Kind::kHuge:
-            answer.body = "{\"code\":0,\"message\":\"";
-            answer.tail = "\"}";
-            answer.padding = fault.size - answer.body.size() - answer.tail.size();
+            response.body = "{\"code\":0,\"message\":\"";
+            response.tail = "\"}";
+            response.padding = fault.size - response.body.size() - response.tail.size();
             break;
         case Fault::Kind::kServerCode:
-            answer.body = fault.errorCodeKeys ? asJson({{"ErrorCode", fault.code}, {"ErrorInfo", fault.message}})
-                                              : codeBody(fault.code, fault.message);
+            response.body = fault.errorCodeKeys ? asJson({{"ErrorCode", fault.code}, {"ErrorInfo", fault.message}})
+                                                : codeBody(fault.code, fault.message);
             break;
         case Fault::Kind::kClose:
-            answer.ending = HttpAnswer::Ending::kNone;
+            response.delivery = HttpResponse::Delivery::kClose;
             break;
     }
-    return answer;
+    return response;
 }
 
-// Whether a browser can only have come here by the address that a person gave it: a web site elsewhere can have its own
-// name lead here, unless TLS finds out, have a browser send something on, or show what it gets from here as its own.
-bool isOfOwnPage(const HttpRequest& request, bool isTls) {
+// Guards a local path against web sites. The Host check guards against DNS rebinding: over plain HTTP, a web site can
+// make its own name resolve to loopback; over TLS, that name is not in the certificate. The Origin check guards against
+// cross-site requests, the Sec-Fetch-Site check against pages of other sites that embed what this service shows.
+bool isTrustedOrigin(const HttpRequest& request, bool isTls) {
     const size_t mark = request.host.find_last_of("]:");
     const bool hasPort = mark != std::string::npos && request.host[mark] == ':';
     const std::string host = hasPort ? request.host.substr(0, mark) : request.host;
-    const bool isHere = host == "localhost" || host == "127.0.0.1" || host == "[::1]";
-    const bool isOwn = request.origin.empty() || request.origin == "http://" + request.host ||
-                       request.origin == "https://" + request.host;
+    const bool isLoopbackName = host == "localhost" || host == "127.0.0.1" || host == "[::1]";
+    const bool isSameOrigin = request.origin.empty() || request.origin == "http://" + request.host ||
+                              request.origin == "https://" + request.host;
     const bool isEmbeddable = request.path == kState || request.path == kSnapshot;
     const bool isEmbedded = request.fetchSite == "cross-site" || request.fetchSite == "same-site";
-    return isOwn && (isHere || isTls) && !(isEmbeddable && isEmbedded);
+    return isSameOrigin && (isLoopbackName || isTls) && !(isEmbeddable && isEmbedded);
 }
 
 LiveServiceOptions completed(LiveServiceOptions options) {
@@ -165,8 +166,8 @@ LiveServiceOptions completed(LiveServiceOptions options) {
 struct LiveService::Impl {
     explicit Impl(LiveServiceOptions given)
         : options(completed(std::move(given))),
-          console(localRoutes(), [this](const HttpRequest& request) { return answerLocal(request, false); }),
-          server(routes(), [this](const HttpRequest& request) { return answer(request); }) {
+          console(localRoutes(), [this](const HttpRequest& request) { return handleLocal(request, false); }),
+          server(routes(), [this](const HttpRequest& request) { return handle(request); }) {
         if (options.media) {
             media.emplace(options);
         }
@@ -177,12 +178,12 @@ struct LiveService::Impl {
     bool startBehind();
     void stop();
     ordered_json stateFields() const;
-    HttpAnswer answer(const HttpRequest& request);
-    HttpAnswer answerLocal(const HttpRequest& request, bool isTls);
-    HttpAnswer answerSnapshot(const HttpRequest& request);
-    HttpAnswer answerFaults(const HttpRequest& request);
-    HttpAnswer answerInterface(const std::string& interfaceName, const HttpRequest& request);
-    HttpAnswer answerTruly(const HttpRequest& request, LiveServiceEvent& event);
+    HttpResponse handle(const HttpRequest& request);
+    HttpResponse handleLocal(const HttpRequest& request, bool isTls);
+    HttpResponse handleSnapshot(const HttpRequest& request);
+    HttpResponse handleFaults(const HttpRequest& request);
+    HttpResponse handleInterface(const std::string& interfaceName, const HttpRequest& request);
+    HttpResponse process(const HttpRequest& request, LiveServiceEvent& event);
     std::variant<std::string, Refusal> apply(const AcceptedRequest& request);
 
     const LiveServiceOptions options;
@@ -256,79 +257,81 @@ ordered_json LiveService::Impl::stateFields() const {
     return fields;
 }
 
-HttpAnswer LiveService::Impl::answer(const HttpRequest& request) {
+HttpResponse LiveService::Impl::handle(const HttpRequest& request) {
     if (request.path.rfind(kFolder, 0) == 0) {
-        return answerInterface(request.path.substr(std::string(kFolder).size()), request);
+        return handleInterface(request.path.substr(std::string(kFolder).size()), request);
     }
-    return answerLocal(request, options.tls);
+    return handleLocal(request, options.tls);
 }
 
-HttpAnswer LiveService::Impl::answerLocal(const HttpRequest& request, bool isTls) {
+HttpResponse LiveService::Impl::handleLocal(const HttpRequest& request, bool isTls) {
     if (!request.isFromLoopback) {
-        return plainAnswer(403, "this path is for clients on the service's own machine");
+        return messageResponse(403, "this path is for clients on the service's own machine");
     }
-    if (!isOfOwnPage(request, isTls)) {
-        return plainAnswer(403, "this path is not for pages of other web sites; its host is localhost or 127.0.0.1");
+    if (!isTrustedOrigin(request, isTls)) {
+        return messageResponse(403,
+                               "this path is not for pages of other web sites; its host is localhost or 127.0.0.1");
     }
     if (request.path == kState) {
-        return okAnswer(asText(stateFields()));
+        return okResponse(asText(stateFields()));
     }
     if (request.path == kMetrics) {
-        HttpAnswer answer = okAnswer(metricsOf(stateFields()));
-        answer.contentType = kMetricsType;
-        return answer;
+        HttpResponse response = okResponse(metricsOf(stateFields()));
+        response.contentType = kMetricsType;
+        return response;
     }
     if (request.path == kSnapshot) {
-        return answerSnapshot(request);
+        return handleSnapshot(request);
     }
     if (request.path == kFaultsPath) {
-        return answerFaults(request);
+        return handleFaults(request);
     }
     if (request.path == kPublish) {
         const bool isAdmitted = media && media->admit(request.body);
-        return isAdmitted ? plainAnswer(200, "ok") : plainAnswer(403, "this may not be published");
+        return isAdmitted ? messageResponse(200, "ok") : messageResponse(403, "this may not be published");
     }
-    return answerPage(request.path);
+    return pageResponse(request.path);
 }
 
-HttpAnswer LiveService::Impl::answerSnapshot(const HttpRequest& request) {
+HttpResponse LiveService::Impl::handleSnapshot(const HttpRequest& request) {
     const std::string key = "mix=";
     const bool isAsked = request.query.compare(0, key.size(), key) == 0;
     const std::string picture = media && isAsked ? media->picture(request.query.substr(key.size())) : "";
-    HttpAnswer answer = plainAnswer(404, "there is no picture: ?mix= takes the output stream id of a mix that runs");
+    HttpResponse response =
+        messageResponse(404, "there is no picture: ?mix= takes the output stream id of a mix that runs");
     if (!picture.empty()) {
-        answer = okAnswer(picture);
-        answer.contentType = "image/jpeg";
+        response = okResponse(picture);
+        response.contentType = "image/jpeg";
     }
-    answer.headers["Cache-Control"] = "no-store";
-    return answer;
+    response.headers["Cache-Control"] = "no-store";
+    return response;
 }
 
-HttpAnswer LiveService::Impl::answerFaults(const HttpRequest& request) {
+HttpResponse LiveService::Impl::handleFaults(const HttpRequest& request) {
     if (request.method == "GET") {
-        return okAnswer(faults.toJson());
+        return okResponse(faults.toJson());
     }
     if (request.method == "DELETE") {
         faults.clear();
-        return plainAnswer(200, "ok");
+        return messageResponse(200, "ok");
     }
     const std::string refused = faults.addJson(request.body);
-    return refused.empty() ? plainAnswer(200, "ok") : plainAnswer(400, refused);
+    return refused.empty() ? messageResponse(200, "ok") : messageResponse(400, refused);
 }
 
-HttpAnswer LiveService::Impl::answerInterface(const std::string& interfaceName, const HttpRequest& request) {
+HttpResponse LiveService::Impl::handleInterface(const std::string& interfaceName, const HttpRequest& request) {
     LiveServiceEvent event;
     event.interfaceName = interfaceName;
     const std::optional<Fault> fault = faults.take(interfaceName);
-    HttpAnswer answer;
+    HttpResponse response;
     if (fault && !server.pause(std::chrono::milliseconds(fault->delayMs))) {
-        answer.ending = HttpAnswer::Ending::kNone;
+        response.delivery = HttpResponse::Delivery::kClose;
     } else if (fault && fault->kind != Fault::Kind::kDelay) {
-        answer = faultAnswer(*fault);
+        response = faultResponse(*fault);
     } else {
-        answer = answerTruly(request, event);
+        response = process(request, event);
     }
-    event.httpStatus = answer.ending == HttpAnswer::Ending::kNone ? 0 : answer.status;
+    event.httpStatus = response.delivery == HttpResponse::Delivery::kClose ? 0 : response.status;
     if (fault) {
         event.fault = nameOf(fault->kind);
         if (fault->kind == Fault::Kind::kServerCode) {
@@ -336,20 +339,20 @@ HttpAnswer LiveService::Impl::answerInterface(const std::string& interfaceName, 
             event.message = fault->message;
         }
     }
-    state.remember({interfaceName, maskQuery(request.query), request.body, event.httpStatus, answer.body, event.field,
+    state.remember({interfaceName, maskQuery(request.query), request.body, event.httpStatus, response.body, event.field,
                     event.fault});
     if (options.observer) {
         options.observer(event);
     }
-    return answer;
+    return response;
 }
 
-HttpAnswer LiveService::Impl::answerTruly(const HttpRequest& request, LiveServiceEvent& event) {
+HttpResponse LiveService::Impl::process(const HttpRequest& request, LiveServiceEvent& event) {
     const auto refuseWith = [&event](const Refusal& refusal) {
         event.code = refusal.code;
         event.field = refusal.field;
         event.message = refusal.message;
-        return okAnswer(codeBody(refusal.code, refusal.message));
+        return okResponse(codeBody(refusal.code, refusal.message));
     };
     const auto checked = checkRequest(event.interfaceName, request.query, request.body, options.pushDomainSuffix);
     if (const Refusal* refusal = std::get_if<Refusal>(&checked)) {
@@ -364,7 +367,7 @@ HttpAnswer LiveService::Impl::answerTruly(const HttpRequest& request, LiveServic
     event.message = "ok";
     event.appId = accepted.appId;
     event.streamId = accepted.streamId;
-    return okAnswer(codeBody(0, event.message));
+    return okResponse(codeBody(0, event.message));
 }
 
 std::variant<std::string, Refusal> LiveService::Impl::apply(const AcceptedRequest& request) {

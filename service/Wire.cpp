@@ -14,10 +14,10 @@ namespace {
 constexpr size_t kInBytes = size_t{16} << 10;
 constexpr size_t kOutBytes = size_t{64} << 10;
 constexpr size_t kMaxRequestBytes = (size_t{2} << 20) + kInBytes;  // head, body and what chunks add
-constexpr std::chrono::seconds kHandshakeTime(10);
-constexpr std::chrono::seconds kRequestTime(30);
-constexpr std::chrono::seconds kWriteTime(10);  // without any progress
-constexpr std::chrono::seconds kFarewellTime(1);
+constexpr std::chrono::seconds kHandshakeTimeout(10);
+constexpr std::chrono::seconds kRequestTimeout(30);
+constexpr std::chrono::seconds kWriteTimeout(10);  // without any progress
+constexpr std::chrono::seconds kDrainTimeout(1);
 
 }  // namespace
 
@@ -69,8 +69,8 @@ ssize_t Wire::transfer(Operation operation, int events, Clock::time_point deadli
     return 0;
 }
 
-bool Wire::shakeHands() {
-    return !mTls || transfer([this] { return SSL_accept(mTls.get()); }, 0, Clock::now() + kHandshakeTime) > 0;
+bool Wire::handshake() {
+    return !mTls || transfer([this] { return SSL_accept(mTls.get()); }, 0, Clock::now() + kHandshakeTimeout) > 0;
 }
 
 bool Wire::fill(Clock::time_point deadline) {
@@ -86,12 +86,12 @@ bool Wire::fill(Clock::time_point deadline) {
     return count > 0;
 }
 
-bool Wire::awaitRequest(std::chrono::milliseconds patience) {
-    if (mInStart == mIn.size() && !(flush() && fill(Clock::now() + patience))) {
+bool Wire::awaitRequest(std::chrono::milliseconds timeout) {
+    if (mInStart == mIn.size() && !(flush() && fill(Clock::now() + timeout))) {
         return false;
     }
     mBytesLeft = kMaxRequestBytes;
-    mDeadline = Clock::now() + kRequestTime;
+    mDeadline = Clock::now() + kRequestTimeout;
     return true;
 }
 
@@ -126,7 +126,7 @@ bool Wire::flush() {
                 return mTls ? SSL_write(mTls.get(), data, static_cast<int>(size))
                             : ::send(mSocket, data, size, MSG_NOSIGNAL);
             },
-            POLLOUT, Clock::now() + kWriteTime);
+            POLLOUT, Clock::now() + kWriteTimeout);
         if (count <= 0) {
             mIsBroken = true;
             break;
@@ -154,7 +154,7 @@ void Wire::finish() {
         ERR_clear_error();
     }
     ::shutdown(mSocket, SHUT_WR);
-    const Clock::time_point deadline = Clock::now() + kFarewellTime;
+    const Clock::time_point deadline = Clock::now() + kDrainTimeout;
     char waste[kInBytes];
     ssize_t count = 1;
     while (count != 0 && await(POLLIN, deadline)) {

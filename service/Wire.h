@@ -20,11 +20,11 @@ public:
     // `socket`, not blocking, stays the caller's, who closes it after the Wire is gone. `tls` may be null.
     Wire(int socket, SSL_CTX* tls);
 
-    bool shakeHands();  // true at once without TLS
+    bool handshake();  // true at once without TLS
 
     // Waits for the next request; false if none came in time or the peer has gone. Each request is bounded in time and
     // bytes from here on.
-    bool awaitRequest(std::chrono::milliseconds patience);
+    bool awaitRequest(std::chrono::milliseconds timeout);
     bool isExhausted() const { return mBytesLeft == 0; }
 
     // What was written is kept until this, until a read has to wait, or until there is much of it.
