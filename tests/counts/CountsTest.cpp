@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "../tool/ChildProcess.h"
 #include "service/LiveService.h"
+#include "support/ChildProcess.h"
 
 namespace {
 

@@ -18,12 +18,12 @@
 #include <utility>
 #include <vector>
 
-#include "Room.h"
 #include "base/Md5.h"
 #include "base/RetrySchedule.h"
 #include "base/ServiceAddress.h"
 #include "platform/Platform.h"
 #include "service/LiveService.h"
+#include "support/RoomMember.h"
 
 namespace {
 

@@ -22,10 +22,10 @@
 #include <thread>
 #include <vector>
 
-#include "ScriptedServer.h"
 #include "base/CVexaHttpSendRecv.h"
 #include "base/Json.h"
 #include "platform/Platform.h"
+#include "support/ScriptedServer.h"
 
 namespace {
 

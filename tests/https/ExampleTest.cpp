@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "../tool/ChildProcess.h"
 #include "base/Md5.h"
 #include "service/LiveService.h"
+#include "support/ChildProcess.h"
 
 namespace {
 

@@ -18,9 +18,9 @@
 #include <thread>
 #include <vector>
 
-#include "Room.h"
 #include "base/CVexaHttpSendRecv.h"
 #include "platform/Platform.h"
+#include "support/RoomMember.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <string>
 #include <thread>
 
-#include "ScriptedServer.h"
+#include "support/ScriptedServer.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "FaultMatrixStage.h"
-#include "Room.h"
+#include "support/RoomMember.h"
 
 struct Kind {
     const char* name;

@@ -7,7 +7,7 @@
 #include <functional>
 #include <string>
 
-#include "ScriptedServer.h"
+#include "support/ScriptedServer.h"
 
 namespace http2 {
 

@@ -16,9 +16,9 @@
 #include <functional>
 #include <thread>
 
-#include "Room.h"
-#include "TestCertificates.h"
 #include "base/CVexaHttpSendRecv.h"
+#include "support/RoomMember.h"
+#include "support/TestCertificates.h"
 
 namespace {
 

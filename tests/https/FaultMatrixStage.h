@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "Room.h"
-#include "ScriptedServer.h"
 #include "platform/Platform.h"
+#include "support/RoomMember.h"
+#include "support/ScriptedServer.h"
 
 class Stage {
 public:

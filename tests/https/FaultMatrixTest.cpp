@@ -15,12 +15,12 @@
 
 #include "FaultMatrix.h"
 #include "FaultMatrixCells.h"
-#include "TestCertificates.h"
 #include "base/Json.h"
 #include "base/KstMessageLoop.h"
 #include "base/Version.h"
 #include "platform/OpenSsl.h"
 #include "platform/Platform.h"
+#include "support/TestCertificates.h"
 
 namespace {
 

@@ -20,11 +20,11 @@
 #include <thread>
 #include <vector>
 
-#include "Room.h"
-#include "TestCertificates.h"
 #include "base/ServiceAddress.h"
 #include "platform/Platform.h"
 #include "service/LiveService.h"
+#include "support/RoomMember.h"
+#include "support/TestCertificates.h"
 
 namespace {
 

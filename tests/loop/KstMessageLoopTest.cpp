@@ -15,10 +15,10 @@
 #include <thread>
 #include <vector>
 
-#include "Journal.h"
 #include "LoopDriver.h"
 #include "WatchedLoop.h"
 #include "base/KstMessageLoop.h"
+#include "support/Journal.h"
 
 namespace {
 

@@ -14,10 +14,10 @@
 #include <type_traits>
 #include <vector>
 
-#include "Journal.h"
 #include "LoopDriver.h"
 #include "WatchedLoop.h"
 #include "base/KstMessageLoop.h"
+#include "support/Journal.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <iterator>
 
 #include "MediaTesting.h"
-#include "tool/ChildProcess.h"
+#include "support/ChildProcess.h"
 
 namespace mediatesting {
 namespace {

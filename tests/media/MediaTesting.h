@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "ServiceTesting.h"
 #include "service/Origin.h"
+#include "support/ServiceTesting.h"
 
 namespace mediatesting {
 

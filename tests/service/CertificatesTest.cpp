@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "ServiceTesting.h"
 #include "service/Certificates.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using vexalive::Certificates;

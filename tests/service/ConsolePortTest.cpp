@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "ServiceTesting.h"
 #include "service/Console.h"
 #include "service/LiveService.h"
 #include "service/Metrics.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using vexalive::LiveServiceOptions;

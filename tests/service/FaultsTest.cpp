@@ -4,8 +4,8 @@
 
 #include <chrono>
 
-#include "ServiceTesting.h"
 #include "service/LiveService.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using vexalive::Fault;

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "ServiceTesting.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "ServiceTesting.h"
 #include "service/LiveService.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using vexalive::LiveService;

@@ -19,9 +19,9 @@
 #include <thread>
 #include <vector>
 
-#include "ServiceTesting.h"
 #include "service/LiveService.h"
 #include "service/Media.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using namespace std::chrono_literals;

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <string>
 
-#include "ServiceTesting.h"
 #include "service/Origin.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using vexalive::Origin;

@@ -6,8 +6,8 @@
 #include <limits>
 #include <optional>
 
-#include "ServiceTesting.h"
 #include "service/RequestCheck.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using vexalive::AcceptedRequest;

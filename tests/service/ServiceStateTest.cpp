@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "ServiceTesting.h"
 #include "service/ServiceState.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using vexalive::AcceptedRequest;

@@ -17,10 +17,10 @@
 #include <thread>
 #include <vector>
 
-#include "ServiceTesting.h"
 #include "service/Child.h"
 #include "service/LineReader.h"
 #include "service/Supervisor.h"
+#include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using namespace std::chrono_literals;

@@ -17,9 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "../https/Room.h"
 #include "StressService.h"
 #include "platform/Platform.h"
+#include "support/RoomMember.h"
 
 namespace {
 

@@ -17,12 +17,12 @@
 #include <thread>
 #include <vector>
 
-#include "../https/OwnService.h"
-#include "../https/Room.h"
 #include "StressService.h"
 #include "ThreadRefusal.h"
 #include "base/CVexaHttpSendRecv.h"
 #include "platform/Platform.h"
+#include "support/OwnService.h"
+#include "support/RoomMember.h"
 
 namespace {
 

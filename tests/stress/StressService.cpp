@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../https/OwnService.h"
 #include "base/KstMessageLoop.h"
+#include "support/OwnService.h"
 
 // A fiftieth, so that many retries pass in little time.
 std::chrono::milliseconds shortened(std::chrono::milliseconds pause) {

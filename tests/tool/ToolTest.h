@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "ChildProcess.h"
 #include "service/LiveService.h"
+#include "support/ChildProcess.h"
 
 inline constexpr const char* kAdd = "add_relay_stream_url";
 inline constexpr const char* kRemove = "remove_relay_stream_url";

@@ -13,8 +13,8 @@
 #include <thread>
 #include <utility>
 
-#include "Journal.h"
 #include "base/KstMessageLoop.h"
+#include "support/Journal.h"
 
 class LoopDriver {
 public:

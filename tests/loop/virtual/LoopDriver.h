@@ -5,9 +5,9 @@
 
 #include <chrono>
 
-#include "Journal.h"
 #include "VirtualTime.h"
 #include "base/KstMessageLoop.h"
+#include "support/Journal.h"
 
 class LoopDriver {
 public:

@@ -1,8 +1,8 @@
 // What the tests of the local service share: well-formed requests, a folder of their own, a running service, and two
 // clients, one that speaks HTTPS and one that sends whatever bytes it is given.
 
-#ifndef VEXALIVE_TESTS_SERVICE_SERVICE_TESTING_H
-#define VEXALIVE_TESTS_SERVICE_SERVICE_TESTING_H
+#ifndef VEXALIVE_TESTS_SUPPORT_SERVICE_TESTING_H
+#define VEXALIVE_TESTS_SUPPORT_SERVICE_TESTING_H
 
 #include <gtest/gtest.h>
 #include <httplib.h>

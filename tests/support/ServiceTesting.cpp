@@ -1,4 +1,4 @@
-#include "ServiceTesting.h"
+#include "support/ServiceTesting.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,7 +1,7 @@
 // Certificates for the tests' own servers: one authority, and what it (or nobody) has signed.
 
-#ifndef VEXALIVE_TESTS_HTTPS_TEST_CERTIFICATES_H
-#define VEXALIVE_TESTS_HTTPS_TEST_CERTIFICATES_H
+#ifndef VEXALIVE_TESTS_SUPPORT_TEST_CERTIFICATES_H
+#define VEXALIVE_TESTS_SUPPORT_TEST_CERTIFICATES_H
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>

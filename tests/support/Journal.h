@@ -1,7 +1,7 @@
 // What happened, in order. The loop's tests write into it from tasks and read it on the test's thread.
 
-#ifndef VEXALIVE_TESTS_LOOP_JOURNAL_H
-#define VEXALIVE_TESTS_LOOP_JOURNAL_H
+#ifndef VEXALIVE_TESTS_SUPPORT_JOURNAL_H
+#define VEXALIVE_TESTS_SUPPORT_JOURNAL_H
 
 #include <chrono>
 #include <condition_variable>

@@ -1,4 +1,4 @@
-#include "TestCertificates.h"
+#include "support/TestCertificates.h"
 
 #include <openssl/bio.h>
 #include <openssl/ec.h>

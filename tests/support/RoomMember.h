@@ -1,8 +1,8 @@
 // What the tests of the adapter over real HTTPS share: a member of a room with its adapter and listener, and waiting
 // without sleeping.
 
-#ifndef VEXALIVE_TESTS_HTTPS_ROOM_H
-#define VEXALIVE_TESTS_HTTPS_ROOM_H
+#ifndef VEXALIVE_TESTS_SUPPORT_ROOM_MEMBER_H
+#define VEXALIVE_TESTS_SUPPORT_ROOM_MEMBER_H
 
 #include <algorithm>
 #include <chrono>

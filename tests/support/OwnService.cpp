@@ -1,4 +1,4 @@
-#include "OwnService.h"
+#include "support/OwnService.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

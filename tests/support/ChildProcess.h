@@ -1,7 +1,7 @@
 // A program as a child process, driven through pipes or a pseudo-terminal.
 
-#ifndef VEXALIVE_TESTS_TOOL_CHILD_PROCESS_H
-#define VEXALIVE_TESTS_TOOL_CHILD_PROCESS_H
+#ifndef VEXALIVE_TESTS_SUPPORT_CHILD_PROCESS_H
+#define VEXALIVE_TESTS_SUPPORT_CHILD_PROCESS_H
 
 #include <sys/types.h>
 

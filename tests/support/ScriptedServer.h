@@ -1,8 +1,8 @@
 // A TLS server on loopback that does on each connection exactly what a test says, down to the bytes: for faults that a
 // proper server never shows.
 
-#ifndef VEXALIVE_TESTS_HTTPS_SCRIPTED_SERVER_H
-#define VEXALIVE_TESTS_HTTPS_SCRIPTED_SERVER_H
+#ifndef VEXALIVE_TESTS_SUPPORT_SCRIPTED_SERVER_H
+#define VEXALIVE_TESTS_SUPPORT_SCRIPTED_SERVER_H
 
 #include <openssl/ssl.h>
 
@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "TestCertificates.h"
+#include "support/TestCertificates.h"
 
 class ScriptedServer {
 public:
