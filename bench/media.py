@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Mixes three moving pictures of 640 x 360, each with a tone, into one of 1280 x 720 at 20 frames a second and 1.5 Mbit/s,
-and prints what that takes.
+"""Mixes three moving pictures of 640 x 360, each with a tone, into one of 1280 x 720 at 20 frames a second and
+1.5 Mbit/s, and prints what that takes.
 
     media.py vexalive|ffmpeg --vexalive PROGRAM
 
@@ -57,8 +57,8 @@ def member(url, number):
     return subprocess.Popen(
         ["ffmpeg", "-loglevel", "error", "-re", "-f", "lavfi", "-i", f"testsrc2=s=640x360:r={FRAME_RATE}",
          "-re", "-f", "lavfi", "-i", f"sine={220 * number}:sample_rate=48000", "-c:v", "libx264", "-preset", "veryfast",
-         "-tune", "zerolatency", "-pix_fmt", "yuv420p", "-g", str(FRAME_RATE), "-b:v", "600k", "-c:a", "aac", "-f", "flv",
-         url], stdin=subprocess.DEVNULL)
+         "-tune", "zerolatency", "-pix_fmt", "yuv420p", "-g", str(FRAME_RATE), "-b:v", "600k", "-c:a", "aac",
+         "-f", "flv", url], stdin=subprocess.DEVNULL)
 
 
 def filter_graph(sources, destination):
@@ -107,7 +107,8 @@ def main():
                  "async=false"], stdout=subprocess.PIPE)
             children.append(watcher)
             if arguments.contender == "vexalive":
-                service.expect_acceptance(address, ca_file, service.path_of("set_live_mix_transcoding"), json.dumps(mix_body()))
+                service.expect_acceptance(address, ca_file, service.path_of("set_live_mix_transcoding"),
+                                          json.dumps(mix_body()))
                 asked = time.monotonic()
                 pid = child_of(service_pid, "vexalive-media")
             else:

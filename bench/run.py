@@ -4,8 +4,8 @@
     run.py BUILD_FOLDER [--rows NAME,NAME] [--write]     measures; prints the table; with --write, into the documents
     run.py --compare RESULTS.json RESULTS.json …         how far the ratios of several runs lie apart
 
-The contenders of a row take turns, in another order each round, and so do the rows. A ratio is the median of the rounds'
-ratios, so that what slows the machine down for a while slows both.
+The contenders of a row take turns, in another order each round, and so do the rows. A ratio is the median of the
+rounds' ratios, so that what slows the machine down for a while slows both.
 """
 
 import argparse
@@ -105,8 +105,8 @@ class Stage:
 
 
 def measure(stage, rows):
-    """For each row, figure and contender the values of all rounds. The rounds of every row are spread over the whole run,
-    so that a machine which is slower for some minutes is so for all rows."""
+    """For each row, figure and contender the values of all rounds. The rounds of every row are spread over the whole
+    run, so that a machine which is slower for some minutes is so for all rows."""
     values = {
         row.name: {figure.key: {contender: [] for contender in figure.of or row.contenders} for figure in row.figures}
         for row in rows

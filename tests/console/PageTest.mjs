@@ -414,9 +414,9 @@ describe("the live picture", () => {
         service.pictureDelay = 50;
         await open(stateWith({ mixes: mixes() }));
         await page.locator(".mix canvas").first().waitFor();
-        const before = service.count("/snapshot");
+        const earlier = service.count("/snapshot");
         await pause(4000);
-        const asked = service.count("/snapshot") - before;
+        const asked = service.count("/snapshot") - earlier;
         assert.ok(asked >= 8 && asked <= 16, `${asked} in 4 s`);
         service.pictureDelay = 2500; // slower than any pace
         await pause(6000);
@@ -428,15 +428,15 @@ describe("the live picture", () => {
         await open(stateWith({ mixes: mixes() }));
         const isStill = async () => {
             await pause(700); // what is under way may end
-            const before = service.count("/snapshot");
+            const earlier = service.count("/snapshot");
             await pause(1500);
-            return service.count("/snapshot") === before;
+            return service.count("/snapshot") === earlier;
         };
         const runs = () =>
             eventually(async () => {
-                const before = service.count("/snapshot");
+                const earlier = service.count("/snapshot");
                 await pause(700);
-                return service.count("/snapshot") > before;
+                return service.count("/snapshot") > earlier;
             }, true);
         await runs();
         await page.evaluate(() => {

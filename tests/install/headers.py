@@ -58,7 +58,8 @@ def main(src, compiler):
         if not STANDARD.fullmatch(package):
             print(f"{unit.relative_to(src)} reads {header} ({package})")
             foreign += 1
-    print(f"{len(sum(units.values(), []))} files compiled, {len(outside)} headers outside the project, {foreign} foreign")
+    compiled = len(sum(units.values(), []))
+    print(f"{compiled} files compiled, {len(outside)} headers outside the project, {foreign} foreign")
     return 1 if foreign or not outside else 0
 
 

@@ -9,7 +9,6 @@ import sys
 import tempfile
 
 try:
-    import jsonschema
     from jsonschema import Draft202012Validator
 except ImportError as missing:
     print("skipped: the Python module jsonschema is not here (Debian: python3-jsonschema):", missing)
@@ -84,8 +83,8 @@ BAD = [
     with_user(name="a"),
 ]
 
-VALUES = 4 * [0, -1, 1, 2.0, 2147483647] + [2147483648, -2147483648, -2147483649, 1.5, 1e10, "", "1", None, True, False, [],
-          {}, [USER], USER, USER["rect"]]
+VALUES = 4 * [0, -1, 1, 2.0, 2147483647] + [2147483648, -2147483648, -2147483649, 1.5, 1e10, "", "1", None, True,
+                                            False, [], {}, [USER], USER, USER["rect"]]
 NAMES = ["userId", "rect", "pureAudio", "x", "w", "appId", "mixUsersArray", "zOrder", "other"]
 
 
