@@ -10,8 +10,8 @@
 #include <system_error>
 #include <vector>
 
+#include "tools/AdapterRunner.h"
 #include "tools/Command.h"
-#include "tools/RoomRun.h"
 #include "tools/mix/MixFile.h"
 #include "tools/mix/MixJudgement.h"
 
@@ -96,7 +96,7 @@ class MixRun {
 public:
     MixRun(const MixOptions& options, const RoomMember& member) : mOptions(options), mRun(options.room, member) {}
 
-    ExitStatus run(const RoomMember& member, const SavedMix& mix, FileWatch* watch) {
+    ExitStatus run(const RoomMember& member, const SavedMix& mix, FileWatcher* watch) {
         begin(member, mix);
         LiveTranscodingAdapter& adapter = mRun.adapter();
         TaskSession& session =
@@ -111,39 +111,39 @@ public:
                 .start([&adapter, &relay] { adapter.startPublishStreamUrl(relay); });
         }
         send(session, mix);
-        return mRun.await(watch, [this, &session] { takeChange(session); });
+        return mRun.await(watch, [this, &session] { pollChange(session); });
     }
 
 private:
     void begin(const RoomMember& member, const SavedMix& mix) {
-        Step step = RoomRun::beginning(member, "mix of " + inputsOf(mix) + " by " + member.user + " in room " +
-                                                   member.room + ", from " + mOptions.file);
-        step.fields["file"] = mOptions.file;
-        step.fields["appId"] = mix.reading.config.appId;
-        step.fields["bizId"] = mix.reading.config.bizId;
-        step.fields["inputs"] = mix.reading.config.mixUsersArray.size();
-        step.fields["warnings"] = mix.warnings;
-        step.details = mix.warnings;
-        mRun.show(std::move(step));
+        OutputEntry entry = AdapterRunner::beginning(member, "mix of " + inputsOf(mix) + " by " + member.user +
+                                                                 " in room " + member.room + ", from " + mOptions.file);
+        entry.fields["file"] = mOptions.file;
+        entry.fields["appId"] = mix.reading.config.appId;
+        entry.fields["bizId"] = mix.reading.config.bizId;
+        entry.fields["inputs"] = mix.reading.config.mixUsersArray.size();
+        entry.fields["warnings"] = mix.warnings;
+        entry.details = mix.warnings;
+        mRun.show(std::move(entry));
     }
 
-    void takeChange(TaskSession& session) {
+    void pollChange(TaskSession& session) {
         const SavedMix mix(mOptions.file);
-        Step step;
+        OutputEntry entry;
         if (mix.mistakes.empty()) {
-            step.fields = {{"event", "changed"},
-                           {"file", mOptions.file},
-                           {"inputs", mix.reading.config.mixUsersArray.size()},
-                           {"warnings", mix.warnings}};
-            step.text = mOptions.file + " is saved, with " + inputsOf(mix);
-            step.details = mix.warnings;
-            mRun.show(std::move(step));
+            entry.fields = {{"event", "changed"},
+                            {"file", mOptions.file},
+                            {"inputs", mix.reading.config.mixUsersArray.size()},
+                            {"warnings", mix.warnings}};
+            entry.text = mOptions.file + " is saved, with " + inputsOf(mix);
+            entry.details = mix.warnings;
+            mRun.show(std::move(entry));
             send(session, mix);
         } else {
-            step.fields = {{"event", "rejected"}, {"file", mOptions.file}, {"mistakes", mix.mistakes}};
-            step.text = mOptions.file + " is saved, but not sent; the mix is left as it is";
-            step.details = mix.mistakes;
-            mRun.show(std::move(step));
+            entry.fields = {{"event", "rejected"}, {"file", mOptions.file}, {"mistakes", mix.mistakes}};
+            entry.text = mOptions.file + " is saved, but not sent; the mix is left as it is";
+            entry.details = mix.mistakes;
+            mRun.show(std::move(entry));
         }
     }
 
@@ -153,7 +153,7 @@ private:
     }
 
     const MixOptions& mOptions;
-    RoomRun mRun;
+    AdapterRunner mRun;
 };
 
 int runMix(const MixOptions& options) {
@@ -167,7 +167,7 @@ int runMix(const MixOptions& options) {
         checkUrl("--relay", options.relayUrl);
     }
     const RoomMember member = check(options.room);
-    std::optional<FileWatch> watch;  // before the first look at the file, so that no change is missed
+    std::optional<FileWatcher> watch;  // before the first look at the file, so that no change is missed
     if (options.watch) {
         try {
             watch.emplace(options.file);

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "tools/AdapterRunner.h"
 #include "tools/Command.h"
-#include "tools/RoomRun.h"
 
 namespace vexalive {
 namespace {
@@ -62,12 +62,13 @@ int runRelay(const RelayOptions& options) {
     param.appId = static_cast<int32_t>(options.appId.integer(kLowest, kHighest));
     param.bizId = static_cast<int32_t>(options.bizId.integer(kLowest, kHighest));
 
-    RoomRun run(options.room, member);
-    Step step = RoomRun::beginning(member, "relay of " + member.user + " in room " + member.room + " to " + param.url);
-    step.fields["url"] = param.url;
-    step.fields["appId"] = param.appId;
-    step.fields["bizId"] = param.bizId;
-    run.show(std::move(step));
+    AdapterRunner run(options.room, member);
+    OutputEntry entry =
+        AdapterRunner::beginning(member, "relay of " + member.user + " in room " + member.room + " to " + param.url);
+    entry.fields["url"] = param.url;
+    entry.fields["appId"] = param.appId;
+    entry.fields["bizId"] = param.bizId;
+    run.show(std::move(entry));
 
     LiveTranscodingAdapter& adapter = run.adapter();
     run.addSession(kRelayFamily, lifetimeOf(options.room), [&adapter] { adapter.stopPublishStreamUrl(); })

@@ -11,12 +11,12 @@
 #include "base/Clock.h"
 #include "service/LiveService.h"
 #include "tools/Command.h"
+#include "tools/EventQueue.h"
 #include "tools/ExitStatus.h"
 #include "tools/FaultOption.h"
-#include "tools/Mailbox.h"
 #include "tools/Options.h"
+#include "tools/OutputWriter.h"
 #include "tools/Signals.h"
-#include "tools/StepView.h"
 
 namespace vexalive {
 namespace {
@@ -38,7 +38,7 @@ constexpr const char* kServeFooter =
     "\n"
     "Exit status: 0 stopped by Ctrl-C or SIGTERM; 1 could not start; 2 wrong usage.";
 
-constexpr size_t kMaxSteps = 1000;  // that wait for an output that is stuck
+constexpr size_t kMaxEntries = 1000;  // that wait for an output that is stuck
 
 struct ServeOptions {
     LiveServiceOptions service;
@@ -61,43 +61,43 @@ std::string shellWord(const std::string& text) {
     return quoted + "'";
 }
 
-Step listening(const LiveService& service) {
-    Step step;
-    step.fields = {{"event", "listening"}, {"service", service.address()}, {"caFile", service.caFile()}};
-    step.text = "live-interface service on https://" + service.address() + ", its certificate authority in " +
-                service.caFile() + "; Ctrl-C stops it. Paste into another terminal:";
-    return step;
+OutputEntry listening(const LiveService& service) {
+    OutputEntry entry;
+    entry.fields = {{"event", "listening"}, {"service", service.address()}, {"caFile", service.caFile()}};
+    entry.text = "live-interface service on https://" + service.address() + ", its certificate authority in " +
+                 service.caFile() + "; Ctrl-C stops it. Paste into another terminal:";
+    return entry;
 }
 
-Step consoleLine(const LiveService& service) {
+OutputEntry consoleLine(const LiveService& service) {
     const std::string url = "http://" + service.consoleAddress() + "/";
-    Step step;
-    step.fields = {{"event", "console"}, {"url", url}};
-    step.text = "console on " + url;
-    return step;
+    OutputEntry entry;
+    entry.fields = {{"event", "console"}, {"url", url}};
+    entry.text = "console on " + url;
+    return entry;
 }
 
-Step originLine(const LiveService& service) {
-    Step step;
-    step.fields = {{"event", "origin"}, {"url", service.originAddress()}};
-    step.text = "members publish to " + service.originAddress() + "/live/ID; vexalive stream-id prints the ID";
-    return step;
+OutputEntry originLine(const LiveService& service) {
+    OutputEntry entry;
+    entry.fields = {{"event", "origin"}, {"url", service.originAddress()}};
+    entry.text = "members publish to " + service.originAddress() + "/live/ID; vexalive stream-id prints the ID";
+    return entry;
 }
 
-Step exportLine(const std::string& line) {
-    Step step;
-    step.fields = {{"event", "environment"}, {"line", line}};
-    step.text = line;
-    return step;
+OutputEntry exportLine(const std::string& line) {
+    OutputEntry entry;
+    entry.fields = {{"event", "environment"}, {"line", line}};
+    entry.text = line;
+    return entry;
 }
 
-Step answered(const LiveServiceEvent& event) {
-    Step step;
-    step.fields = {{"event", "request"},           {"interface", event.interfaceName},
-                   {"operation", event.operation}, {"httpStatus", event.httpStatus},
-                   {"code", event.code},           {"message", event.message},
-                   {"field", event.field},         {"appId", event.appId},
-                   {"streamId", event.streamId},   {"fault", event.fault}};
+OutputEntry answered(const LiveServiceEvent& event) {
+    OutputEntry entry;
+    entry.fields = {{"event", "request"},           {"interface", event.interfaceName},
+                    {"operation", event.operation}, {"httpStatus", event.httpStatus},
+                    {"code", event.code},           {"message", event.message},
+                    {"field", event.field},         {"appId", event.appId},
+                    {"streamId", event.streamId},   {"fault", event.fault}};
     std::string answer;
     if (!event.operation.empty()) {
         answer = event.operation + " accepted, stream " + event.streamId + " of app " + std::to_string(event.appId);
@@ -112,39 +112,39 @@ Step answered(const LiveServiceEvent& event) {
         answer += event.code == 0 ? "" : ", code " + std::to_string(event.code) + ": " + event.message;
     }
     answer += event.fault.empty() ? "" : " (fault: " + event.fault + ")";
-    step.text = timeOfDay(kstf_getutctick()) + "  " + event.interfaceName + "  " + answer;
-    return step;
+    entry.text = timeOfDay(kstf_getutctick()) + "  " + event.interfaceName + "  " + answer;
+    return entry;
 }
 
-Step happened(const LiveMediaEvent& event) {
+OutputEntry happened(const LiveMediaEvent& event) {
     const std::string who = event.subject + (event.streamId.empty() ? "" : " " + event.streamId);
     const std::string restarts = event.restarts == 0 ? "" : " (restarts: " + std::to_string(event.restarts) + ")";
-    Step step;
-    step.text = timeOfDay(kstf_getutctick()) + "  ";
+    OutputEntry entry;
+    entry.text = timeOfDay(kstf_getutctick()) + "  ";
     switch (event.kind) {
         case LiveMediaEvent::Kind::kState:
-            step.fields = {{"event", "media"},     {"subject", event.subject}, {"streamId", event.streamId},
-                           {"state", event.state}, {"error", event.text},      {"restarts", event.restarts}};
-            step.text += who + "  " + event.state + restarts + (event.text.empty() ? "" : ": " + event.text);
+            entry.fields = {{"event", "media"},     {"subject", event.subject}, {"streamId", event.streamId},
+                            {"state", event.state}, {"error", event.text},      {"restarts", event.restarts}};
+            entry.text += who + "  " + event.state + restarts + (event.text.empty() ? "" : ": " + event.text);
             break;
         case LiveMediaEvent::Kind::kLine:
-            step.fields = {
+            entry.fields = {
                 {"event", "line"}, {"subject", event.subject}, {"streamId", event.streamId}, {"text", event.text}};
-            step.text += who + "  says: " + event.text;
+            entry.text += who + "  says: " + event.text;
             break;
         case LiveMediaEvent::Kind::kRefusedPublish:
-            step.fields = {{"event", "publish"}, {"streamId", event.streamId}, {"refused", event.text}};
-            step.text += "origin  publish refused: " + event.text;
+            entry.fields = {{"event", "publish"}, {"streamId", event.streamId}, {"refused", event.text}};
+            entry.text += "origin  publish refused: " + event.text;
             break;
     }
-    return step;
+    return entry;
 }
 
-Step omission(uint64_t count) {
-    Step step;
-    step.fields = {{"event", "omitted"}, {"lines", count}};
-    step.text = "lines left out here, which came faster than this output took them: " + std::to_string(count);
-    return step;
+OutputEntry omission(uint64_t count) {
+    OutputEntry entry;
+    entry.fields = {{"event", "omitted"}, {"lines", count}};
+    entry.text = "lines left out here, which came faster than this output took them: " + std::to_string(count);
+    return entry;
 }
 
 uint16_t readPort(const char* option, const std::string& text) {
@@ -166,18 +166,18 @@ int runServe(ServeOptions options) {
     for (const std::string& text : options.faults) {
         faults.push_back(readFault(text));
     }
-    const auto view = makeStepView(chooseForm(options.json, stdout), Secrets(), stdout, stderr);
+    const auto writer = makeOutputWriter(chooseFormat(options.json, stdout), Secrets(), stdout, stderr);
 
-    Mailbox<Step> steps(kMaxSteps);  // outlives the service, whose threads fill it
-    options.service.observer = [&steps](const LiveServiceEvent& event) { steps.put(answered(event)); };
-    options.service.mediaObserver = [&steps](const LiveMediaEvent& event) { steps.put(happened(event)); };
-    const auto showAll = [&steps, &view] {
-        const uint64_t omitted = steps.takeOmitted();
-        for (Step& step : steps.takeAll()) {
-            view->show(std::move(step));
+    EventQueue<OutputEntry> entries(kMaxEntries);  // outlives the service, whose threads fill it
+    options.service.observer = [&entries](const LiveServiceEvent& event) { entries.push(answered(event)); };
+    options.service.mediaObserver = [&entries](const LiveMediaEvent& event) { entries.push(happened(event)); };
+    const auto showAll = [&entries, &writer] {
+        const uint64_t omitted = entries.drainDropped();
+        for (OutputEntry& entry : entries.drain()) {
+            writer->write(std::move(entry));
         }
         if (omitted > 0) {
-            view->show(omission(omitted));
+            writer->write(omission(omitted));
         }
     };
     StopSignals signals;
@@ -192,26 +192,26 @@ int runServe(ServeOptions options) {
         std::fprintf(stderr, "vexalive serve: %s\n", printable(service.error()).c_str());
         return kRefused;
     }
-    view->show(listening(service));
-    view->show(exportLine("export VEXALIVE_SERVICE_HOST=" + shellWord(service.address())));
-    view->show(exportLine("export VEXALIVE_CA_FILE=" + shellWord(service.caFile())));
-    view->show(consoleLine(service));
+    writer->write(listening(service));
+    writer->write(exportLine("export VEXALIVE_SERVICE_HOST=" + shellWord(service.address())));
+    writer->write(exportLine("export VEXALIVE_CA_FILE=" + shellWord(service.caFile())));
+    writer->write(consoleLine(service));
     if (options.service.media) {
-        view->show(originLine(service));
+        writer->write(originLine(service));
     }
 
     std::optional<std::string> signal;
     while (!signal) {
-        steps.wait({signals.fd()});
+        entries.wait({signals.fd()});
         showAll();
-        signal = signals.take();
+        signal = signals.next();
     }
     service.stop();
     showAll();
-    Step step;
-    step.fields = {{"event", "stopped"}, {"why", *signal}};
-    step.text = "stopped on " + *signal;
-    view->show(std::move(step));
+    OutputEntry entry;
+    entry.fields = {{"event", "stopped"}, {"why", *signal}};
+    entry.text = "stopped on " + *signal;
+    writer->write(std::move(entry));
     return kSucceeded;
 }
 

@@ -39,7 +39,7 @@ StopSignals::~StopSignals() {
     close(mFd);
 }
 
-std::optional<std::string> StopSignals::take() {
+std::optional<std::string> StopSignals::next() {
     signalfd_siginfo signal;
     if (read(mFd, &signal, sizeof signal) != sizeof signal) {
         return std::nullopt;

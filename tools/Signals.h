@@ -1,4 +1,4 @@
-// SIGINT (Ctrl-C) and SIGTERM as something to wait for, with no work in signal handlers. Linux's signalfd.
+// SIGINT (Ctrl-C) and SIGTERM as events for poll(), without signal handlers. Uses signalfd.
 
 #ifndef VEXALIVE_TOOLS_SIGNALS_H
 #define VEXALIVE_TOOLS_SIGNALS_H
@@ -8,11 +8,11 @@
 
 namespace vexalive {
 
-// Keeps both signals from ending the process, in this thread and in those it starts: for main's first line. Also lets a
-// write to a closed pipe fail instead of ending the process.
+// Blocks both signals in this thread and in those that it starts later; call it first in main(). Also ignores SIGPIPE,
+// so that a write to a closed pipe fails instead of ending the process.
 void blockStopSignals();
 
-// Takes the signals that blockStopSignals() keeps back. For one thread.
+// Receives the signals that blockStopSignals() blocks. For one thread.
 class StopSignals {
 public:
     StopSignals();
@@ -20,11 +20,11 @@ public:
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
 
-    // Readable for poll() while a signal waits.
+    // For poll(): readable while a signal is pending.
     int fd() const { return mFd; }
 
-    // The name of a signal that came since the last call, if any; does not wait.
-    std::optional<std::string> take();
+    // The name of the next pending signal, "SIGINT" or "SIGTERM"; does not block.
+    std::optional<std::string> next();
 
 private:
     int mFd;

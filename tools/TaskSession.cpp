@@ -37,8 +37,8 @@ std::vector<std::string> splitTrace(const std::string& trace) {
 }  // namespace
 
 TaskSession::TaskSession(const TaskFamily& family, Lifetime lifetime, std::function<void()> stop,
-                         std::function<void(Step)> show)
-    : mFamily(family), mLifetime(lifetime), mCallStop(std::move(stop)), mShow(std::move(show)), mStop{family.stop} {}
+                         std::function<void(OutputEntry)> show)
+    : mFamily(family), mLifetime(lifetime), mCallStop(std::move(stop)), mEmit(std::move(show)), mStop{family.stop} {}
 
 void TaskSession::start(std::function<void()> call) {
     if (!mStopWanted) {
@@ -98,24 +98,25 @@ void TaskSession::onStarted(Task& task, const ExchangeEvent& event) {
     mInFlight[event.id] = &task;
     ++task.attempts;
     task.isRetryPlanned = false;
-    Step step = aboutAttempt(task, "attempt", "waiting for the answer");
-    step.fields["interface"] = event.interfaceName;
-    step.fields["bytes"] = event.bytesSent;
-    step.passing = true;
-    mShow(std::move(step));
+    OutputEntry entry = aboutAttempt(task, "attempt", "waiting for the answer");
+    entry.fields["interface"] = event.interfaceName;
+    entry.fields["bytes"] = event.bytesSent;
+    entry.transient = true;
+    mEmit(std::move(entry));
 }
 
 void TaskSession::onAnswered(Task& task, const ExchangeEvent& event) {
     task.answer = readAnswer(event.retCode, event.answer, event.httpStatus);
     const ServiceAnswer& answer = task.answer;
-    Step step = aboutAttempt(task, "answer", describe(answer) + "; " + std::to_string(event.elapsed.count()) + " ms");
-    step.fields["returnCode"] = answer.retCode;
-    step.fields["meaning"] = describe(answer);
-    step.fields["httpStatus"] = orNull(answer.httpStatus);
-    step.fields["code"] = orNull(answer.code);
-    step.fields["message"] = answer.message;
-    step.fields["milliseconds"] = event.elapsed.count();
-    mShow(std::move(step));
+    OutputEntry entry =
+        aboutAttempt(task, "answer", describe(answer) + "; " + std::to_string(event.elapsed.count()) + " ms");
+    entry.fields["returnCode"] = answer.retCode;
+    entry.fields["meaning"] = describe(answer);
+    entry.fields["httpStatus"] = orNull(answer.httpStatus);
+    entry.fields["code"] = orNull(answer.code);
+    entry.fields["message"] = answer.message;
+    entry.fields["milliseconds"] = event.elapsed.count();
+    mEmit(std::move(entry));
 }
 
 // The adapter has judged the answer: if the listener heard nothing of it, it plans another try.
@@ -123,22 +124,22 @@ void TaskSession::onDelivered(Task& task) {
     const bool isSuperseded = &task == &mStart && mStage == Stage::kStopping && task.told.empty();
     if (isSuperseded) {
         mStartWentAstray = mStartWentAstray && !task.answer.isRefusal();
-        mShow(aboutAttempt(task, "ignored", std::string("no longer counts, since ") + mFamily.stopping + " has begun"));
+        mEmit(aboutAttempt(task, "ignored", std::string("no longer counts, since ") + mFamily.stopping + " has begun"));
     } else if (isInFlight(task)) {
         // The newer attempt decides.
     } else if (task.isJudged() || task.attempts >= kAttempts) {
         finish(task);
     } else {
         task.isRetryPlanned = true;
-        Step step =
+        OutputEntry entry =
             about(task, "retry",
                   "next try, attempt " + std::to_string(task.attempts + 1) + " of " + std::to_string(kAttempts) + ",");
-        step.wait = std::chrono::milliseconds(retryDelay(task.attempts));
-        step.fields["attempt"] = task.attempts + 1;
-        step.fields["of"] = kAttempts;
-        step.fields["waitMilliseconds"] = step.wait->count();
-        step.passing = true;
-        mShow(std::move(step));
+        entry.countdown = std::chrono::milliseconds(retryDelay(task.attempts));
+        entry.fields["attempt"] = task.attempts + 1;
+        entry.fields["of"] = kAttempts;
+        entry.fields["waitMilliseconds"] = entry.countdown->count();
+        entry.transient = true;
+        mEmit(std::move(entry));
     }
 }
 
@@ -172,18 +173,18 @@ void TaskSession::finish(Task& task) {
         default:
             outcome = task.told.empty() ? "failed, the answer tells no outcome" : "failed, no usable answer came";
     }
-    Step step = about(task, "outcome", outcome);
-    step.fields["success"] = *task.outcome == kSucceeded;
-    step.fields["attempts"] = task.attempts;
-    step.fields["outcome"] = outcome;
-    step.fields["listener"] = nlohmann::ordered_json::array();
+    OutputEntry entry = about(task, "outcome", outcome);
+    entry.fields["success"] = *task.outcome == kSucceeded;
+    entry.fields["attempts"] = task.attempts;
+    entry.fields["outcome"] = outcome;
+    entry.fields["listener"] = nlohmann::ordered_json::array();
     for (const ListenerTold& told : task.told) {
-        step.details.push_back(describe(mFamily.codes, told));
-        step.fields["listener"].push_back({{"code", told.code},
-                                           {"message", told.message},
-                                           {"serviceCode", orNull(serviceCode(mFamily.codes, told.code))}});
+        entry.details.push_back(describe(mFamily.codes, told));
+        entry.fields["listener"].push_back({{"code", told.code},
+                                            {"message", told.message},
+                                            {"serviceCode", orNull(serviceCode(mFamily.codes, told.code))}});
     }
-    mShow(std::move(step));
+    mEmit(std::move(entry));
 }
 
 void TaskSession::onReport(const EventReport& report) {
@@ -198,22 +199,22 @@ void TaskSession::onReport(const EventReport& report) {
         task->isReported = true;
     }
 
-    Step step =
+    OutputEntry entry =
         about(task ? *task : mStart, "report",
               "reported as event " + std::to_string(report.event) + " of type " + std::to_string(report.eventType) +
                   " for app " + std::to_string(report.sdkAppId) + ", room and user " + report.roomUser);
-    step.fields["sdkAppId"] = report.sdkAppId;
-    step.fields["roomUser"] = report.roomUser;
-    step.fields["reportType"] = report.eventType;
-    step.fields["reportEvent"] = report.event;
-    step.fields["information"] = report.information;
-    step.fields["detail"] = report.detail;
-    step.details.push_back("information  " + report.information);
+    entry.fields["sdkAppId"] = report.sdkAppId;
+    entry.fields["roomUser"] = report.roomUser;
+    entry.fields["reportType"] = report.eventType;
+    entry.fields["reportEvent"] = report.event;
+    entry.fields["information"] = report.information;
+    entry.fields["detail"] = report.detail;
+    entry.details.push_back("information  " + report.information);
     for (const std::string& part : splitTrace(report.detail)) {
-        step.details.push_back((step.details.size() == 1 ? "detail       " : "             ") +
-                               part.substr(part.front() == ' ' ? 1 : 0));
+        entry.details.push_back((entry.details.size() == 1 ? "detail       " : "             ") +
+                                part.substr(part.front() == ' ' ? 1 : 0));
     }
-    mShow(std::move(step));
+    mEmit(std::move(entry));
 }
 
 // ---- The course -----------------------------------------------------------------------------------------------------
@@ -223,22 +224,22 @@ void TaskSession::onStopAsked(const std::string& why) {
         return;
     }
     if (mStopWanted) {
-        Step step =
+        OutputEntry entry =
             about("interrupted", "ended at once on " + why + "; whether the " + mFamily.name + " runs is not known");
-        step.fields["why"] = why;
-        mShow(std::move(step));
+        entry.fields["why"] = why;
+        mEmit(std::move(entry));
         end(kInterrupted);
         return;
     }
     mStopWanted = true;
     mNextStart = nullptr;
-    Step step = about(
+    OutputEntry entry = about(
         "stopping",
         std::string(mFamily.stopping) + " the " + mFamily.name + " on " + why +
             (mStage == Stage::kStarting && !isBetweenAttempts() ? ", once the attempt under way is answered" : "") +
             "; another Ctrl-C ends at once");
-    step.fields["why"] = why;
-    mShow(std::move(step));
+    entry.fields["why"] = why;
+    mEmit(std::move(entry));
     advance();
 }
 
@@ -273,14 +274,14 @@ void TaskSession::settleStart() {
         return;
     }
     if (mStartWentAstray && !mNextStart) {
-        mShow(about("again", "sending it again, since a late attempt of the one before may have come after it"));
+        mEmit(about("again", "sending it again, since a late attempt of the one before may have come after it"));
         mNextStart = mCallStart;
     }
     if (mNextStart) {
         return;
     }
     if (mLifetime == Lifetime::kDetached && mRuns) {
-        mShow(about("detached", std::string("the ") + mFamily.name + " is left running"));
+        mEmit(about("detached", std::string("the ") + mFamily.name + " is left running"));
         end(outcome);
     } else if (mLifetime != Lifetime::kWatched && !mRuns) {
         end(outcome);
@@ -293,18 +294,18 @@ void TaskSession::settleStop() {
     if (*mStop.outcome == kNoAnswer || !mStartWentAstray) {
         end(*mStop.outcome);
     } else if (!isInFlight(mStart)) {
-        Step step =
+        OutputEntry entry =
             about("stopping", std::string(mFamily.stopping) + " the " + mFamily.name +
                                   " again, since a late attempt of the start may have come after the " + mFamily.stop);
-        step.fields["why"] = "a late attempt of the start";
-        mShow(std::move(step));
+        entry.fields["why"] = "a late attempt of the start";
+        mEmit(std::move(entry));
         beginStop();
     }
 }
 
 void TaskSession::beginStart() {
     if (mStage == Stage::kStarting) {
-        mShow(about(mStart, "superseded", "not tried again, since a newer change is to be sent"));
+        mEmit(about(mStart, "superseded", "not tried again, since a newer change is to be sent"));
     }
     mStage = Stage::kStarting;
     mStartWentAstray = false;
@@ -323,36 +324,36 @@ void TaskSession::beginStop() {
 void TaskSession::showIdle() {
     const std::string name = std::string("the ") + mFamily.name;
     const char* watch = mLifetime == Lifetime::kWatched ? " a saved change is sent," : "";
-    Step step = mRuns ? about("holding", name + " is running;" + watch + " Ctrl-C " + mFamily.stops + " it")
-                      : about("waiting", name + " does not run;" + watch + " Ctrl-C ends");
-    step.passing = true;
-    mShow(std::move(step));
+    OutputEntry entry = mRuns ? about("holding", name + " is running;" + watch + " Ctrl-C " + mFamily.stops + " it")
+                              : about("waiting", name + " does not run;" + watch + " Ctrl-C ends");
+    entry.transient = true;
+    mEmit(std::move(entry));
 }
 
 void TaskSession::end(ExitStatus status) {
     mExitStatus = status;
 }
 
-Step TaskSession::about(const char* event, const std::string& text) const {
-    Step step;
-    step.fields = {{"event", event}, {"task", mFamily.name}};
-    step.text = text;
-    return step;
+OutputEntry TaskSession::about(const char* event, const std::string& text) const {
+    OutputEntry entry;
+    entry.fields = {{"event", event}, {"task", mFamily.name}};
+    entry.text = text;
+    return entry;
 }
 
-Step TaskSession::about(const Task& task, const char* event, const std::string& text) const {
-    Step step;
-    step.fields = {{"event", event}, {"task", mFamily.name}, {"request", task.name}};
-    step.text = std::string(mFamily.name) + " " + task.name + ": " + text;
-    return step;
+OutputEntry TaskSession::about(const Task& task, const char* event, const std::string& text) const {
+    OutputEntry entry;
+    entry.fields = {{"event", event}, {"task", mFamily.name}, {"request", task.name}};
+    entry.text = std::string(mFamily.name) + " " + task.name + ": " + text;
+    return entry;
 }
 
-Step TaskSession::aboutAttempt(const Task& task, const char* event, const std::string& text) const {
-    Step step = about(task, event,
-                      "attempt " + std::to_string(task.attempts) + " of " + std::to_string(kAttempts) + ": " + text);
-    step.fields["attempt"] = task.attempts;
-    step.fields["of"] = kAttempts;
-    return step;
+OutputEntry TaskSession::aboutAttempt(const Task& task, const char* event, const std::string& text) const {
+    OutputEntry entry = about(
+        task, event, "attempt " + std::to_string(task.attempts) + " of " + std::to_string(kAttempts) + ": " + text);
+    entry.fields["attempt"] = task.attempts;
+    entry.fields["of"] = kAttempts;
+    return entry;
 }
 
 }  // namespace vexalive

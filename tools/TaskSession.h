@@ -1,4 +1,4 @@
-// A relay or a mix from its start to its end, as a command sees it: hears what the SDK tells, shows each step, and
+// A relay or a mix from its start to its end, as a command sees it: hears what the SDK tells, shows each entry, and
 // decides when to send an update, when to stop and when to leave, and how.
 //
 // Knows no thread, socket, signal or clock, so a test can tell it any story.
@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/SdkEvents.h"
-#include "tools/StepView.h"
+#include "tools/OutputWriter.h"
+#include "tools/SdkEventCollector.h"
 
 namespace vexalive {
 
@@ -44,7 +44,7 @@ public:
 
     // `stop` asks the adapter to stop; `show` takes what is to be shown.
     TaskSession(const TaskFamily& family, Lifetime lifetime, std::function<void()> stop,
-                std::function<void(Step)> show);
+                std::function<void(OutputEntry)> show);
 
     // `call` asks the adapter to start or, if it runs, to change; it is called as soon as no attempt is under way, and
     // instead of one that still waits to be called or to be tried again. It may be called more than once.
@@ -99,14 +99,14 @@ private:
     bool isInFlight(const Task& task) const;
     bool isBetweenAttempts() const { return mStage == Stage::kStarting && mStart.isRetryPlanned; }
     bool hasEnded(const Task& task) const { return task.outcome && task.isReported && !isInFlight(task); }
-    Step about(const char* event, const std::string& text) const;
-    Step about(const Task& task, const char* event, const std::string& text) const;
-    Step aboutAttempt(const Task& task, const char* event, const std::string& text) const;
+    OutputEntry about(const char* event, const std::string& text) const;
+    OutputEntry about(const Task& task, const char* event, const std::string& text) const;
+    OutputEntry aboutAttempt(const Task& task, const char* event, const std::string& text) const;
 
     const TaskFamily& mFamily;
     const Lifetime mLifetime;
     const std::function<void()> mCallStop;
-    const std::function<void(Step)> mShow;
+    const std::function<void(OutputEntry)> mEmit;
 
     Stage mStage = Stage::kIdle;
     bool mRuns = false;  // a start succeeded

@@ -262,15 +262,16 @@ TEST_F(RelayTool, TellsProgramsTheFiguresOfARefusal) {
     ChildProcess tool(arguments({"--json"}), environment());
     EXPECT_EQ(tool.awaitExit(), 1);
 
-    const std::vector<nlohmann::json> steps = objects(tool.output());
-    ASSERT_EQ(steps.size(), 6u);
-    EXPECT_EQ(steps[2].at("returnCode"), 0);
-    EXPECT_EQ(steps[2].at("code"), 42);
-    EXPECT_EQ(steps[2].at("message"), "no");
-    EXPECT_EQ(steps[3].at("success"), false);
-    EXPECT_EQ(steps[3].at("listener"), nlohmann::json::parse(R"([{"code":-200042,"message":"no","serviceCode":42}])"));
-    EXPECT_EQ(steps[4].at("reportEvent"), 30);
-    EXPECT_EQ(steps[5].at("exitStatus"), 1);
+    const std::vector<nlohmann::json> entries = objects(tool.output());
+    ASSERT_EQ(entries.size(), 6u);
+    EXPECT_EQ(entries[2].at("returnCode"), 0);
+    EXPECT_EQ(entries[2].at("code"), 42);
+    EXPECT_EQ(entries[2].at("message"), "no");
+    EXPECT_EQ(entries[3].at("success"), false);
+    EXPECT_EQ(entries[3].at("listener"),
+              nlohmann::json::parse(R"([{"code":-200042,"message":"no","serviceCode":42}])"));
+    EXPECT_EQ(entries[4].at("reportEvent"), 30);
+    EXPECT_EQ(entries[5].at("exitStatus"), 1);
 }
 
 TEST_F(RelayTool, WritesTheSdksLogToStandardErrorOnRequestWithoutSecrets) {

@@ -28,7 +28,8 @@ public:
     explicit Story(Lifetime lifetime = Lifetime::kHeld, const TaskFamily& family = kRelayFamily)
         : mReportEvent(family.reportEvent),
           mSession(
-              family, lifetime, [this] { ++mStops; }, [this](Step step) { mSteps.push_back(std::move(step)); }) {
+              family, lifetime, [this] { ++mStops; },
+              [this](OutputEntry entry) { mEntries.push_back(std::move(entry)); }) {
         asked("first");
     }
 
@@ -94,18 +95,18 @@ public:
 
     std::vector<std::string> events() const {
         std::vector<std::string> names;
-        for (const Step& step : mSteps) {
-            names.push_back(step.fields.at("event"));
+        for (const OutputEntry& entry : mEntries) {
+            names.push_back(entry.fields.at("event"));
         }
         return names;
     }
-    const Step& last(const std::string& event) const {
-        for (size_t i = mSteps.size(); i > 0; --i) {
-            if (mSteps[i - 1].fields.at("event") == event) {
-                return mSteps[i - 1];
+    const OutputEntry& last(const std::string& event) const {
+        for (size_t i = mEntries.size(); i > 0; --i) {
+            if (mEntries[i - 1].fields.at("event") == event) {
+                return mEntries[i - 1];
             }
         }
-        throw std::runtime_error("no step " + event);
+        throw std::runtime_error("no entry " + event);
     }
     std::optional<ExitStatus> exitStatus() const { return mSession.exitStatus(); }
     int stops() const { return mStops; }
@@ -116,7 +117,7 @@ private:
     const int mReportEvent;
     int mStops = 0;
     std::vector<std::string> mStarts;
-    std::vector<Step> mSteps;
+    std::vector<OutputEntry> mEntries;
     uint64_t mLastId = 0;
     std::map<Operation, uint64_t> mOpen;  // the last exchange of each
     TaskSession mSession;
@@ -231,18 +232,19 @@ TEST(TaskSession, AStartRefusedBeforeItIsSentIsAnOutcomeToo) {
 }
 
 TEST(TaskSession, SplitsTheReportsTraceIntoALineForEachAnswer) {
-    std::vector<Step> steps;
+    std::vector<OutputEntry> entries;
     TaskSession session(
-        kRelayFamily, Lifetime::kDetached, [] {}, [&steps](Step step) { steps.push_back(std::move(step)); });
+        kRelayFamily, Lifetime::kDetached, [] {},
+        [&entries](OutputEntry entry) { entries.push_back(std::move(entry)); });
     session.start([] {});
     session.on(ListenerEvent{kAdd, {0, "sucess"}});
     session.on(EventReport{1, "r_u", 10004, 30, "info",
                            "{body} [tryHttp:cnt-10]retCode:1, respData: [tryHttp:cnt-9]retCode:0, respData:{}"});
 
-    ASSERT_EQ(steps.size(), 3u);  // outcome, report, detached
-    EXPECT_THAT(steps[1].details, ElementsAre("information  info", "detail       {body}",
-                                              "             [tryHttp:cnt-10]retCode:1, respData:",
-                                              "             [tryHttp:cnt-9]retCode:0, respData:{}"));
+    ASSERT_EQ(entries.size(), 3u);  // outcome, report, detached
+    EXPECT_THAT(entries[1].details, ElementsAre("information  info", "detail       {body}",
+                                                "             [tryHttp:cnt-10]retCode:1, respData:",
+                                                "             [tryHttp:cnt-9]retCode:0, respData:{}"));
 }
 
 // ---- Stopping -------------------------------------------------------------------------------------------------------

@@ -1,7 +1,7 @@
 // Codes into words: what came back of an exchange, and what the listener was told.
 
-#ifndef VEXALIVE_TOOLS_OUTCOME_H
-#define VEXALIVE_TOOLS_OUTCOME_H
+#ifndef VEXALIVE_TOOLS_SERVICE_RESPONSE_H
+#define VEXALIVE_TOOLS_SERVICE_RESPONSE_H
 
 #include <optional>
 #include <string>

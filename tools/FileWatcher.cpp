@@ -1,4 +1,4 @@
-#include "tools/FileWatch.h"
+#include "tools/FileWatcher.h"
 
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 
 namespace vexalive {
 
-FileWatch::FileWatch(const std::string& path) : mFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+FileWatcher::FileWatcher(const std::string& path) : mFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     const std::filesystem::path file = std::filesystem::weakly_canonical(path);
     mName = file.filename();
     if (mFd < 0 || inotify_add_watch(mFd, file.parent_path().c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
@@ -22,18 +22,18 @@ FileWatch::FileWatch(const std::string& path) : mFd(inotify_init1(IN_NONBLOCK | 
     }
 }
 
-FileWatch::~FileWatch() {
+FileWatcher::~FileWatcher() {
     close(mFd);
 }
 
-bool FileWatch::takeChange() {
+bool FileWatcher::pollChange() {
     bool isChanged = false;
     alignas(inotify_event) char buffer[16 * (sizeof(inotify_event) + NAME_MAX + 1)];
     for (ssize_t length = 0; (length = read(mFd, buffer, sizeof buffer)) > 0;) {
         for (const char* next = buffer; next < buffer + length;) {
             const auto* event = reinterpret_cast<const inotify_event*>(next);
-            const bool hasLostSome = (event->mask & IN_Q_OVERFLOW) != 0;
-            isChanged = isChanged || hasLostSome || (event->len > 0 && mName == event->name);
+            const bool isOverflow = (event->mask & IN_Q_OVERFLOW) != 0;
+            isChanged = isChanged || isOverflow || (event->len > 0 && mName == event->name);
             next += sizeof(inotify_event) + event->len;
         }
     }

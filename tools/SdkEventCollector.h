@@ -3,8 +3,8 @@
 // The listener, the observer of exchanges, the report sink and the log sink are called on threads of the SDK's; here
 // they only put down what they heard. Used by the commands that drive an adapter.
 
-#ifndef VEXALIVE_TOOLS_SDK_EVENTS_H
-#define VEXALIVE_TOOLS_SDK_EVENTS_H
+#ifndef VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
+#define VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
 
 #include <chrono>
 #include <cstddef>
@@ -16,8 +16,8 @@
 
 #include "Com/ILiveTrancodingDelegate.h"
 #include "platform/Platform.h"
-#include "tools/Mailbox.h"
-#include "tools/Outcome.h"
+#include "tools/EventQueue.h"
+#include "tools/ServiceResponse.h"
 
 namespace vexalive {
 
@@ -51,21 +51,21 @@ struct LogEvent {
 using SdkEvent = std::variant<ExchangeEvent, ListenerEvent, EventReport, LogEvent>;
 
 // Sets the platform's hooks for its lifetime, of which there is one at a time.
-class SdkEvents {
+class SdkEventCollector {
 public:
     // Log lines below `lowestLogLevel` (base/Log.h) are dropped.
-    explicit SdkEvents(int lowestLogLevel);
-    ~SdkEvents();
-    SdkEvents(const SdkEvents&) = delete;
-    SdkEvents& operator=(const SdkEvents&) = delete;
+    explicit SdkEventCollector(int lowestLogLevel);
+    ~SdkEventCollector();
+    SdkEventCollector(const SdkEventCollector&) = delete;
+    SdkEventCollector& operator=(const SdkEventCollector&) = delete;
 
     // To be given to the adapter, which keeps it weakly.
     const std::shared_ptr<ILiveTrancodingDelegate>& listener() const { return mListener; }
 
-    Mailbox<SdkEvent>& mailbox() { return *mMailbox; }
+    EventQueue<SdkEvent>& queue() { return *mQueue; }
 
 private:
-    std::shared_ptr<Mailbox<SdkEvent>> mMailbox;  // shared with the hooks, of which a call may outlive this
+    std::shared_ptr<EventQueue<SdkEvent>> mQueue;  // shared with the hooks, of which a call may outlive this
     std::shared_ptr<ILiveTrancodingDelegate> mListener;
 };
 

@@ -1,4 +1,4 @@
-#include "tools/Outcome.h"
+#include "tools/ServiceResponse.h"
 
 #include "base/CVexaHttpSendRecv.h"
 #include "base/Json.h"

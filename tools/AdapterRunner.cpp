@@ -1,4 +1,4 @@
-#include "tools/RoomRun.h"
+#include "tools/AdapterRunner.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -91,8 +91,8 @@ std::string checkUrl(const char* option, const std::string& url) {
     return url;
 }
 
-RoomRun::RoomRun(const RoomOptions& options, const RoomMember& member)
-    : mView(makeStepView(chooseForm(options.json, stdout), secretsOf(member), stdout, stderr)),
+AdapterRunner::AdapterRunner(const RoomOptions& options, const RoomMember& member)
+    : mWriter(makeOutputWriter(chooseFormat(options.json, stdout), secretsOf(member), stdout, stderr)),
       mEvents(options.verbose ? kEveryLogLevel : kWarningLogLevel),
       mAdapter(std::make_shared<LiveTranscodingAdapter>()) {
     warnOfDefaultService(options.command);
@@ -108,56 +108,57 @@ RoomRun::RoomRun(const RoomOptions& options, const RoomMember& member)
     mAdapter->updateEnterRoomInfo(member.room, member.mapKey);
 }
 
-Step RoomRun::beginning(const RoomMember& member, const std::string& text) {
-    Step step;
-    step.fields = {{"event", "begin"},
-                   {"service", kstf_get_live_service_host()},
-                   {"sdkAppId", member.sdkAppId},
-                   {"user", member.user},
-                   {"room", member.room},
-                   {"attempts", kRetryBudget + 1}};
-    step.text = text + ", asked of https://" + kstf_get_live_service_host();
-    return step;
+OutputEntry AdapterRunner::beginning(const RoomMember& member, const std::string& text) {
+    OutputEntry entry;
+    entry.fields = {{"event", "begin"},
+                    {"service", kstf_get_live_service_host()},
+                    {"sdkAppId", member.sdkAppId},
+                    {"user", member.user},
+                    {"room", member.room},
+                    {"attempts", kRetryBudget + 1}};
+    entry.text = text + ", asked of https://" + kstf_get_live_service_host();
+    return entry;
 }
 
-TaskSession& RoomRun::addSession(const TaskFamily& family, TaskSession::Lifetime lifetime, std::function<void()> stop) {
+TaskSession& AdapterRunner::addSession(const TaskFamily& family, TaskSession::Lifetime lifetime,
+                                       std::function<void()> stop) {
     return mSessions.emplace_back(family, lifetime, std::move(stop),
-                                  [this](Step step) { mView->show(std::move(step)); });
+                                  [this](OutputEntry entry) { mWriter->write(std::move(entry)); });
 }
 
-ExitStatus RoomRun::await(FileWatch* watch, const std::function<void()>& onChange) {
+ExitStatus AdapterRunner::await(FileWatcher* watch, const std::function<void()>& onChange) {
     bool readerIsGone = false;
     while (!hasEnded()) {
-        mEvents.mailbox().wait({mSignals.fd(), watch ? watch->fd() : -1}, mView->redrawInterval());
-        for (const SdkEvent& event : mEvents.mailbox().takeAll()) {
+        mEvents.queue().wait({mSignals.fd(), watch ? watch->fd() : -1}, mWriter->redrawInterval());
+        for (const SdkEvent& event : mEvents.queue().drain()) {
             handOut(event);
         }
-        if (watch && watch->takeChange()) {
+        if (watch && watch->pollChange()) {
             onChange();
         }
-        if (const auto signal = mSignals.take()) {
+        if (const auto signal = mSignals.next()) {
             askToStop(*signal);
         }
-        if (mView->isBroken() && !readerIsGone) {
+        if (mWriter->isBroken() && !readerIsGone) {
             readerIsGone = true;
             askToStop("closed output");
         }
         stopAfterFailure();
-        mView->redraw();
+        mWriter->redraw();
     }
     const auto failed = std::find_if(mSessions.begin(), mSessions.end(),
                                      [](const TaskSession& each) { return *each.exitStatus() != kSucceeded; });
     const ExitStatus status = failed == mSessions.end() ? kSucceeded : *failed->exitStatus();
-    Step step;
-    step.fields = {{"event", "end"}, {"exitStatus", status}};
-    mView->show(std::move(step));
+    OutputEntry entry;
+    entry.fields = {{"event", "end"}, {"exitStatus", status}};
+    mWriter->write(std::move(entry));
     return status;
 }
 
-void RoomRun::handOut(const SdkEvent& event) {
+void AdapterRunner::handOut(const SdkEvent& event) {
     if (const auto* line = std::get_if<LogEvent>(&event)) {
-        mView->log("[" + std::to_string(line->level) + "] " + line->file + ":" + std::to_string(line->line) + " " +
-                   line->function + ": " + line->message);
+        mWriter->writeLog("[" + std::to_string(line->level) + "] " + line->file + ":" + std::to_string(line->line) +
+                          " " + line->function + ": " + line->message);
         return;
     }
     for (TaskSession& session : mSessions) {
@@ -165,13 +166,13 @@ void RoomRun::handOut(const SdkEvent& event) {
     }
 }
 
-void RoomRun::askToStop(const std::string& why) {
+void AdapterRunner::askToStop(const std::string& why) {
     for (TaskSession& session : mSessions) {
         session.onStopAsked(why);
     }
 }
 
-void RoomRun::stopAfterFailure() {
+void AdapterRunner::stopAfterFailure() {
     for (const TaskSession& failed : mSessions) {
         if (failed.exitStatus().value_or(kSucceeded) == kSucceeded) {
             continue;
@@ -184,7 +185,7 @@ void RoomRun::stopAfterFailure() {
     }
 }
 
-bool RoomRun::hasEnded() const {
+bool AdapterRunner::hasEnded() const {
     return std::all_of(mSessions.begin(), mSessions.end(),
                        [](const TaskSession& each) { return each.exitStatus().has_value(); });
 }

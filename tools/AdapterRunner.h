@@ -1,8 +1,8 @@
 // What the commands that drive an adapter share: the options that name the user, the room and the output; an adapter
 // that has entered the room; and the loop that lets its sessions hear what happens.
 
-#ifndef VEXALIVE_TOOLS_ROOM_RUN_H
-#define VEXALIVE_TOOLS_ROOM_RUN_H
+#ifndef VEXALIVE_TOOLS_ADAPTER_RUNNER_H
+#define VEXALIVE_TOOLS_ADAPTER_RUNNER_H
 
 #include <CLI/App.hpp>
 #include <cstdint>
@@ -12,11 +12,11 @@
 #include <string>
 
 #include "Com/LiveTranscodingAdapter.h"
-#include "tools/FileWatch.h"
+#include "tools/FileWatcher.h"
 #include "tools/Options.h"
-#include "tools/SdkEvents.h"
+#include "tools/OutputWriter.h"
+#include "tools/SdkEventCollector.h"
 #include "tools/Signals.h"
-#include "tools/StepView.h"
 #include "tools/TaskSession.h"
 
 namespace vexalive {
@@ -53,22 +53,22 @@ TaskSession::Lifetime lifetimeOf(const RoomOptions& options);
 std::string checkUrl(const char* option, const std::string& url);
 
 // For one thread; one at a time.
-class RoomRun {
+class AdapterRunner {
 public:
     // The adapter enters the room.
-    RoomRun(const RoomOptions& options, const RoomMember& member);
+    AdapterRunner(const RoomOptions& options, const RoomMember& member);
 
     // `begin` and what belongs to every run; the first thing to show.
-    static Step beginning(const RoomMember& member, const std::string& text);
+    static OutputEntry beginning(const RoomMember& member, const std::string& text);
 
     LiveTranscodingAdapter& adapter() { return *mAdapter; }
-    void show(Step step) { mView->show(std::move(step)); }
+    void show(OutputEntry entry) { mWriter->write(std::move(entry)); }
 
     TaskSession& addSession(const TaskFamily& family, TaskSession::Lifetime lifetime, std::function<void()> stop);
 
     // Until all sessions have ended: the status of the first that failed. One that fails asks the others to stop.
     // `watch` may be null; `onChange` is called when its file has changed.
-    ExitStatus await(FileWatch* watch = nullptr, const std::function<void()>& onChange = nullptr);
+    ExitStatus await(FileWatcher* watch = nullptr, const std::function<void()>& onChange = nullptr);
 
 private:
     void handOut(const SdkEvent& event);
@@ -76,8 +76,8 @@ private:
     void stopAfterFailure();
     bool hasEnded() const;
 
-    std::unique_ptr<StepView> mView;
-    SdkEvents mEvents;
+    std::unique_ptr<OutputWriter> mWriter;
+    SdkEventCollector mEvents;
     StopSignals mSignals;
     std::shared_ptr<LiveTranscodingAdapter> mAdapter;
     std::list<TaskSession> mSessions;

@@ -3,7 +3,7 @@
 
 #include <limits>
 
-#include "tools/Outcome.h"
+#include "tools/ServiceResponse.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/SdkEvents.h"
+#include "tools/SdkEventCollector.h"
 
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -29,7 +29,7 @@ std::optional<Operation> operationOf(std::string_view interfaceName, std::string
 
 class Listener : public ILiveTrancodingDelegate {
 public:
-    explicit Listener(std::shared_ptr<Mailbox<SdkEvent>> mailbox) : mMailbox(std::move(mailbox)) {}
+    explicit Listener(std::shared_ptr<EventQueue<SdkEvent>> queue) : mQueue(std::move(queue)) {}
 
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override {
         put(Operation::kStartRelay, errCode, std::move(errMsg));
@@ -46,33 +46,33 @@ public:
 
 private:
     void put(Operation operation, int errCode, std::string errMsg) {
-        mMailbox->put(ListenerEvent{operation, {errCode, std::move(errMsg)}});
+        mQueue->push(ListenerEvent{operation, {errCode, std::move(errMsg)}});
     }
 
-    std::shared_ptr<Mailbox<SdkEvent>> mMailbox;
+    std::shared_ptr<EventQueue<SdkEvent>> mQueue;
 };
 
 }  // namespace
 
-SdkEvents::SdkEvents(int lowestLogLevel)
-    : mMailbox(std::make_shared<Mailbox<SdkEvent>>()), mListener(std::make_shared<Listener>(mMailbox)) {
-    setHttpObserver([mailbox = mMailbox](const HttpExchange& exchange) {
+SdkEventCollector::SdkEventCollector(int lowestLogLevel)
+    : mQueue(std::make_shared<EventQueue<SdkEvent>>()), mListener(std::make_shared<Listener>(mQueue)) {
+    setHttpObserver([queue = mQueue](const HttpExchange& exchange) {
         const bool isStarted = exchange.phase == HttpExchange::kStarted;
-        mailbox->put(ExchangeEvent{exchange.phase, exchange.id,
-                                   isStarted ? operationOf(exchange.interfaceName, exchange.body) : std::nullopt,
-                                   std::string(exchange.interfaceName), exchange.bytesSent, exchange.httpStatus,
-                                   exchange.retCode, std::string(exchange.answer), exchange.elapsed});
+        queue->push(ExchangeEvent{exchange.phase, exchange.id,
+                                  isStarted ? operationOf(exchange.interfaceName, exchange.body) : std::nullopt,
+                                  std::string(exchange.interfaceName), exchange.bytesSent, exchange.httpStatus,
+                                  exchange.retCode, std::string(exchange.answer), exchange.elapsed});
     });
-    setEventSink([mailbox = mMailbox](const EventReport& report) { mailbox->put(report); });
-    setLogSink([mailbox = mMailbox, lowestLogLevel](int level, const char* file, int line, const char* function,
-                                                    const std::string& message) {
+    setEventSink([queue = mQueue](const EventReport& report) { queue->push(report); });
+    setLogSink([queue = mQueue, lowestLogLevel](int level, const char* file, int line, const char* function,
+                                                const std::string& message) {
         if (level >= lowestLogLevel) {
-            mailbox->put(LogEvent{level, file, line, function, message});
+            queue->push(LogEvent{level, file, line, function, message});
         }
     });
 }
 
-SdkEvents::~SdkEvents() {
+SdkEventCollector::~SdkEventCollector() {
     setHttpObserver(nullptr);
     setEventSink(nullptr);
     setLogSink(nullptr);

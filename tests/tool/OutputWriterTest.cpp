@@ -1,0 +1,166 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "tools/OutputWriter.h"
+
+namespace {
+
+using namespace vexalive;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+// What was written to a file that stays in memory.
+class MemoryFile {
+public:
+    MemoryFile() : mFile(open_memstream(&mText, &mSize)) {}
+    ~MemoryFile() {
+        std::fclose(mFile);
+        std::free(mText);
+    }
+    FILE* file() { return mFile; }
+    std::string text() {
+        std::fflush(mFile);
+        return std::string(mText, mSize);
+    }
+
+private:
+    char* mText = nullptr;
+    size_t mSize = 0;
+    FILE* mFile;
+};
+
+class OutputWriterTest : public ::testing::Test {
+protected:
+    std::unique_ptr<OutputWriter> writer(OutputFormat form) {
+        Secrets secrets;
+        secrets.add("hush-hush");
+        return makeOutputWriter(form, secrets, mOut.file(), mErr.file());
+    }
+
+    static OutputEntry entry(const std::string& text) {
+        OutputEntry entry;
+        entry.fields = {{"event", "test"}, {"value", text}};
+        entry.text = text;
+        return entry;
+    }
+    static OutputEntry transient(const std::string& text,
+                                 std::optional<std::chrono::milliseconds> countdown = std::nullopt) {
+        OutputEntry result = entry(text);
+        result.transient = true;
+        result.countdown = countdown;
+        return result;
+    }
+
+    MemoryFile mOut;
+    MemoryFile mErr;
+};
+
+TEST_F(OutputWriterTest, PlainWritesALineForEachStepWithItsDetails) {
+    OutputEntry withDetails = entry("one");
+    withDetails.details = {"more", "and more"};
+    const auto plain = writer(OutputFormat::kPlain);
+
+    plain->write(withDetails);
+    plain->write(transient("two", std::chrono::milliseconds(1500)));
+    plain->write(entry(""));
+
+    EXPECT_EQ(mOut.text(), "one\n  more\n  and more\ntwo in 2 s\n");
+    EXPECT_EQ(plain->redrawInterval(), std::nullopt);
+}
+
+TEST_F(OutputWriterTest, JsonWritesTheFieldsAndTheTimeWhateverTheTextHolds) {
+    const auto json = writer(OutputFormat::kJson);
+
+    json->write(entry("line\nbreak \xff"));
+    json->write(entry(""));
+
+    const std::string text = mOut.text();
+    const auto first = nlohmann::json::parse(text.substr(0, text.find('\n')));
+    EXPECT_EQ(first.at("value"), "line\nbreak \uFFFD");
+    EXPECT_THAT(first.at("time").get<std::string>(), ::testing::MatchesRegex("....-..-..T..:..:..[.]...Z"));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+}
+
+TEST_F(OutputWriterTest, LiveKeepsAPassingStepInOneLineAndErasesItInTheEnd) {
+    auto live = writer(OutputFormat::kTerminal);
+    live->write(transient("waiting"));
+    EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K");
+    EXPECT_NE(live->redrawInterval(), std::nullopt);
+
+    live->write(entry("done"));
+    EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K\r\x1b[Kdone\n");
+    EXPECT_EQ(live->redrawInterval(), std::nullopt);
+
+    live->write(transient("idle"));
+    live.reset();
+    EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K\r\x1b[Kdone\n\ridle\x1b[K\r\x1b[K");
+}
+
+TEST_F(OutputWriterTest, LiveWritesNothingWhereNothingChanged) {
+    const auto live = writer(OutputFormat::kTerminal);
+    live->write(transient("next", std::chrono::milliseconds(100000)));
+    const std::string before = mOut.text();
+
+    live->redraw();
+
+    EXPECT_EQ(mOut.text(), before);
+}
+
+TEST_F(OutputWriterTest, LiveCutsThePassingLineToTheWidthOfTheTerminal) {
+    const auto live = writer(OutputFormat::kTerminal);  // of unknown width
+    live->write(transient(std::string(200, 'x')));
+
+    EXPECT_EQ(mOut.text(), "\r" + std::string(76, 'x') + "...\x1b[K");
+}
+
+TEST_F(OutputWriterTest, LivePutsLogLinesAboveThePassingLine) {
+    const auto live = writer(OutputFormat::kTerminal);
+    live->write(transient("waiting"));
+    live->writeLog("a log line");
+
+    EXPECT_EQ(mErr.text(), "a log line\n");
+    EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K\r\x1b[K\rwaiting\x1b[K");
+}
+
+TEST_F(OutputWriterTest, NoFormShowsASecret) {
+    for (const OutputFormat form : {OutputFormat::kPlain, OutputFormat::kTerminal, OutputFormat::kJson}) {
+        const auto shown = writer(form);
+        OutputEntry secret = entry("text hush-hush");
+        secret.details = {std::string(995, ' ') + "hush-hush"};  // cutting must not save it from being found
+        secret.fields["nested"] = {{"list", {"hush-hush"}}};
+        shown->write(secret);
+        secret.transient = true;
+        shown->write(secret);
+        shown->writeLog("log hush-hush");
+    }
+    EXPECT_THAT(mOut.text() + mErr.text(), Not(HasSubstr("hush")));
+    EXPECT_THAT(mOut.text(), HasSubstr("text [hidden]"));
+    EXPECT_THAT(mErr.text(), HasSubstr("log [hidden]"));
+}
+
+TEST_F(OutputWriterTest, LinesForPeopleHoldNoControlCharacters) {
+    const auto plain = writer(OutputFormat::kPlain);
+    plain->write(
+        entry("a\x1b]0;title\x07"
+              "b\nc"));
+
+    EXPECT_EQ(mOut.text(),
+              "a\\x1b]0;title\\x07"
+              "b\\x0ac\n");
+}
+
+TEST_F(OutputWriterTest, KnowsWhenItsReaderIsGone) {
+    FILE* full = std::fopen("/dev/full", "w");
+    ASSERT_NE(full, nullptr);
+    {
+        const auto plain = makeOutputWriter(OutputFormat::kPlain, Secrets(), full, mErr.file());
+        EXPECT_FALSE(plain->isBroken());
+        plain->write(entry("text"));
+        EXPECT_TRUE(plain->isBroken());
+    }
+    std::fclose(full);
+}
+
+}  // namespace

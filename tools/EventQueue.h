@@ -1,0 +1,91 @@
+// A queue from any thread to the main thread, with a file descriptor, so that one poll() waits for queued events,
+// signals and file changes together.
+
+#ifndef VEXALIVE_TOOLS_EVENT_QUEUE_H
+#define VEXALIVE_TOOLS_EVENT_QUEUE_H
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <initializer_list>
+#include <limits>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "base/Mutex.h"
+
+namespace vexalive {
+
+template <class T>
+class EventQueue {
+public:
+    // While `capacity` items are queued, push() drops its item. Throws std::system_error if no descriptor is free.
+    explicit EventQueue(size_t capacity = std::numeric_limits<size_t>::max())
+        : mFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), mCapacity(capacity) {
+        if (mFd < 0) {
+            throw std::system_error(errno, std::generic_category(), "eventfd");
+        }
+    }
+    ~EventQueue() { close(mFd); }
+    EventQueue(const EventQueue&) = delete;
+    EventQueue& operator=(const EventQueue&) = delete;
+
+    // Any thread; does not block.
+    void push(T item) KST_EXCLUDES(mMutex) {
+        {
+            KstMutexLock lock(mMutex);
+            if (mItems.size() < mCapacity) {
+                mItems.push_back(std::move(item));
+            } else {
+                ++mDropped;
+            }
+        }
+        const uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(mFd, &one, sizeof one);  // fails only if already readable
+    }
+
+    // Removes and returns all items, oldest first; does not block.
+    std::deque<T> drain() KST_EXCLUDES(mMutex) {
+        uint64_t count = 0;
+        [[maybe_unused]] const auto length = ::read(mFd, &count, sizeof count);
+        std::deque<T> items;
+        KstMutexLock lock(mMutex);
+        items.swap(mItems);
+        return items;
+    }
+
+    // The number of items dropped since the last call. They are newer than all items that drain() returns next.
+    uint64_t drainDropped() KST_EXCLUDES(mMutex) {
+        KstMutexLock lock(mMutex);
+        return std::exchange(mDropped, 0);
+    }
+
+    // Blocks until an item is queued, one of `fds` is readable (-1 is ignored), or `timeout` expires. Without a timeout
+    // it blocks indefinitely.
+    void wait(std::initializer_list<int> fds, std::optional<std::chrono::milliseconds> timeout = std::nullopt) const {
+        std::vector<pollfd> sources = {{mFd, POLLIN, 0}};
+        for (const int fd : fds) {
+            sources.push_back({fd, POLLIN, 0});
+        }
+        poll(sources.data(), sources.size(), timeout ? static_cast<int>(timeout->count()) : -1);
+    }
+
+private:
+    const int mFd;
+    const size_t mCapacity;
+    KstMutex mMutex;
+    std::deque<T> mItems KST_GUARDED_BY(mMutex);
+    uint64_t mDropped KST_GUARDED_BY(mMutex) = 0;
+};
+
+}  // namespace vexalive
+
+#endif
