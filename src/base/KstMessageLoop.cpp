@@ -115,9 +115,12 @@ void KstMessageLoop::stop() {
     }
 }
 
+// Deadlines that the clock cannot represent become its first or last one.
 std::chrono::steady_clock::time_point KstMessageLoop::deadlineAfter(std::chrono::milliseconds delay) {
+    using std::chrono::milliseconds;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point now = Clock::now();
-    const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
-    return now + std::clamp(delay, std::chrono::milliseconds::zero(), room);
+    const auto shortest = std::chrono::duration_cast<milliseconds>(Clock::time_point::min().time_since_epoch());
+    const auto longest = std::chrono::duration_cast<milliseconds>(Clock::time_point::max() - now);
+    return now + std::clamp(delay, shortest, longest);
 }

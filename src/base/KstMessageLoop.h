@@ -62,7 +62,7 @@ public:
     template <class F>
     std::future<void> PostTask(F&& task);
 
-    // The same once `delay` has passed on the steady clock; a delay below zero counts as none.
+    // The same once `delay` has passed on the steady clock; a delay below zero is a deadline in the past.
     template <class F>
     std::future<void> DelayPostTask(std::chrono::milliseconds delay, F&& task);
 
@@ -107,7 +107,8 @@ std::future<void> KstMessageLoop::DelayPostTask(std::chrono::milliseconds delay,
     if (mStopped) {
         return {};
     }
-    DelayTask entry{deadlineAfter(delay), std::forward<F>(task)};
+    KstTask packaged(std::forward<F>(task));
+    DelayTask entry{deadlineAfter(delay), std::move(packaged)};
     std::future<void> done = entry.task.future();
     return enqueue(entry) ? std::move(done) : std::future<void>();
 }

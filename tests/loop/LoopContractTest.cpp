@@ -204,6 +204,41 @@ TEST_F(LoopContractTest, ADelayOfZeroOrLessIsDueAtOnce) {
     EXPECT_THAT(journal.entries(), UnorderedElementsAre("zero", "negative", "lowest", "an hour, if it wraps"));
 }
 
+TEST_F(LoopContractTest, ANegativeDelayIsADeadlineInThePast) {
+    {
+        const Hold hold(*loop);
+        for (const int delay : {0, -1000, -2000}) {
+            loop->DelayPostTask(milliseconds(delay), [this, delay] { journal.add(std::to_string(delay)); });
+        }
+    }
+    ASSERT_TRUE(LoopDriver::run(journal, 3));
+    EXPECT_THAT(journal.entries(), ElementsAre("-2000", "-1000", "0"));
+}
+
+// Takes time to package: its move constructor lasts 30 ms on the loop's clock.
+struct SlowToPackage {
+    explicit SlowToPackage(Journal& target) : journal(&target) {}
+    SlowToPackage(SlowToPackage&& other) noexcept : journal(other.journal), packaged(other.packaged) {
+        LoopDriver::pass(milliseconds(30));
+        *packaged = LoopDriver::now();
+    }
+    SlowToPackage& operator=(SlowToPackage&&) = delete;
+    void operator()() {
+        const bool isEarly = LoopDriver::now() - *packaged < milliseconds(20);
+        journal->add(isEarly ? "too early" : "in time");
+    }
+
+    Journal* journal;
+    std::shared_ptr<steady_clock::time_point> packaged = std::make_shared<steady_clock::time_point>();
+};
+
+// The subject is the timer, so this measures time.
+TEST_F(LoopContractTest, ADelayIsMeasuredFromTheMomentAtWhichTheTaskIsPackaged) {
+    loop->DelayPostTask(milliseconds(20), SlowToPackage(journal));
+    ASSERT_TRUE(LoopDriver::run(journal, 1, milliseconds(20)));
+    EXPECT_THAT(journal.entries(), ElementsAre("in time"));
+}
+
 TEST_F(LoopContractTest, ADelayIsMeasuredFromTheMomentOfPosting) {
     // given a delayed task whose deadline passes while the worker is busy
     steady_clock::time_point posted;

@@ -48,7 +48,7 @@ public:
         return enqueue(std::nullopt, std::forward<F>(task));
     }
 
-    // The same once `delay` of virtual time has passed; a delay below zero counts as none.
+    // The same once `delay` of virtual time has passed; a delay below zero is a deadline in the past.
     template <class F>
     std::future<void> DelayPostTask(std::chrono::milliseconds delay, F&& task) {
         return enqueue(delay, std::forward<F>(task));
@@ -115,8 +115,10 @@ private:
 
     static std::chrono::steady_clock::time_point deadlineAfter(std::chrono::milliseconds delay) {
         using Clock = std::chrono::steady_clock;
-        const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - world().now);
-        return world().now + std::clamp(delay, std::chrono::milliseconds::zero(), room);
+        using std::chrono::milliseconds;
+        const auto shortest = std::chrono::duration_cast<milliseconds>(Clock::time_point::min().time_since_epoch());
+        const auto longest = std::chrono::duration_cast<milliseconds>(Clock::time_point::max() - world().now);
+        return world().now + std::clamp(delay, shortest, longest);
     }
 
     std::optional<std::chrono::steady_clock::time_point> nextDeadline() const {

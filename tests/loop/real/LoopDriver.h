@@ -19,6 +19,7 @@
 class LoopDriver {
 public:
     static std::chrono::steady_clock::time_point now() { return std::chrono::steady_clock::now(); }
+    static void pass(std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }
 
     // While it lives, the loop begins no task: the worker is busy with one that waits.
     class Hold {

@@ -12,6 +12,7 @@
 class LoopDriver {
 public:
     static std::chrono::steady_clock::time_point now() { return VirtualTime::now(); }
+    static void pass(std::chrono::milliseconds time) { VirtualTime::advance(time); }
 
     // While it lives, the loop begins no task: none begins unless it is told to.
     class Hold {
