@@ -49,7 +49,7 @@ BareEasy::BareEasy() : mHandle(curl_easy_init()) {
     curl_easy_setopt(mHandle, CURLOPT_POSTFIELDS, kBody);
     curl_easy_setopt(mHandle, CURLOPT_HTTPHEADER, mHeaders);
     curl_easy_setopt(mHandle, CURLOPT_WRITEFUNCTION, &receive);
-    curl_easy_setopt(mHandle, CURLOPT_WRITEDATA, &mAnswer);
+    curl_easy_setopt(mHandle, CURLOPT_WRITEDATA, &mResponse);
 }
 
 BareEasy::~BareEasy() {
@@ -58,15 +58,15 @@ BareEasy::~BareEasy() {
 }
 
 void BareEasy::perform() {
-    expectAnswer(curl_easy_perform(mHandle));
+    expectSuccess(curl_easy_perform(mHandle));
 }
 
-void BareEasy::expectAnswer(CURLcode result) {
-    if (result != CURLE_OK || mAnswer.find("\"code\":0") == std::string::npos) {
+void BareEasy::expectSuccess(CURLcode result) {
+    if (result != CURLE_OK || mResponse.find("\"code\":0") == std::string::npos) {
         std::fprintf(stderr, "a request failed: %s\n", curl_easy_strerror(result));
         std::_Exit(1);
     }
-    mAnswer.clear();
+    mResponse.clear();
 }
 
 struct BareMulti::Request {
@@ -82,7 +82,7 @@ BareMulti::BareMulti() : mMulti(curl_multi_init()) {
 BareMulti::~BareMulti() {
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mLeaving = true;
+        mIsStopping = true;
     }
     curl_multi_wakeup(mMulti);
     mThread.join();
@@ -94,22 +94,22 @@ void BareMulti::send(std::function<void()> done) {
     bool wake = false;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        wake = mInbox.empty();
-        mInbox.push_back(std::move(done));
+        wake = mQueue.empty();
+        mQueue.push_back(std::move(done));
     }
     if (wake) {
         curl_multi_wakeup(mMulti);
     }
 }
 
-bool BareMulti::takeRequests() {
+bool BareMulti::startQueued() {
     std::vector<std::function<void()>> inbox;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        if (mLeaving) {
+        if (mIsStopping) {
             return false;
         }
-        inbox.swap(mInbox);
+        inbox.swap(mQueue);
     }
     for (auto& done : inbox) {
         std::unique_ptr<Request> request;
@@ -128,7 +128,7 @@ bool BareMulti::takeRequests() {
 }
 
 void BareMulti::run() {
-    while (takeRequests()) {
+    while (startQueued()) {
         int running = 0;
         curl_multi_perform(mMulti, &running);
         int left = 0;
@@ -139,7 +139,7 @@ void BareMulti::run() {
             curl_easy_getinfo(handle, CURLINFO_PRIVATE, &finished);
             std::unique_ptr<Request> request(finished);
             curl_multi_remove_handle(mMulti, handle);
-            request->easy.expectAnswer(result);
+            request->easy.expectSuccess(result);
             request->done();
             mUnused.push_back(std::move(request));
         }

@@ -1,4 +1,4 @@
-// The adapter's request by libcurl alone, with as much checked: the floor under what the adapter costs.
+// The request of the adapter made by libcurl alone, with the same checks: the lower bound of its cost.
 
 #ifndef VEXALIVE_BENCH_BARE_CURL_H
 #define VEXALIVE_BENCH_BARE_CURL_H
@@ -17,7 +17,7 @@ namespace bench {
 // The port of the service that the environment variable VEXALIVE_SERVICE_HOST names.
 int servicePort();
 
-// One request at a time on one handle; the caller waits.
+// One request at a time on one easy handle; blocks the caller.
 class BareEasy {
 public:
     BareEasy();
@@ -28,16 +28,16 @@ public:
     CURL* handle() const { return mHandle; }
     void perform();
 
-    // Ends the program if the answer is not the one that a service gives.
-    void expectAnswer(CURLcode result);
+    // Exits the program if the response is not the expected one.
+    void expectSuccess(CURLcode result);
 
 private:
-    std::string mAnswer;
+    std::string mResponse;
     curl_slist* mHeaders = nullptr;
     CURL* mHandle;
 };
 
-// Many requests at a time on a thread of their own; no caller waits. Handles are used again.
+// Concurrent requests on one multi handle with its own thread; does not block the caller. Reuses handles.
 class BareMulti {
 public:
     BareMulti();
@@ -52,12 +52,12 @@ private:
     struct Request;
 
     void run();
-    bool takeRequests();
+    bool startQueued();
 
     CURLM* mMulti;
     std::mutex mMutex;
-    std::vector<std::function<void()>> mInbox;  // guarded by the mutex
-    bool mLeaving = false;                      // guarded by the mutex
+    std::vector<std::function<void()>> mQueue;  // guarded by the mutex
+    bool mIsStopping = false;                   // guarded by the mutex
     std::vector<std::unique_ptr<Request>> mUnused;
     std::thread mThread;
 };

@@ -13,34 +13,35 @@ namespace {
 
 class Listener : public ILiveTrancodingDelegate {
 public:
-    explicit Listener(Signal& told) : mTold(told) {}
+    explicit Listener(Signal& done) : mDone(done) {}
 
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override {
         if (errCode != 0) {
             std::fprintf(stderr, "a start failed: %d %s\n", errCode, errMsg.c_str());
             std::_Exit(1);
         }
-        mTold.give();
+        mDone.notify();
     }
     void onStopPublishStreamUrl(int, std::string) override {}
     void onSetLiveMixTranscoding(int, std::string) override {}
     void onStopLiveMixTranscoding(int, std::string) override {}
 
 private:
-    Signal& mTold;
+    Signal& mDone;
 };
 
 }  // namespace
 
-void quiet() {
+void silenceLogsAndReports() {
     const auto logger = std::make_shared<spdlog::logger>("vexalive", std::make_shared<spdlog::sinks::null_sink_mt>());
     logger->set_level(spdlog::level::warn);
     spdlog::register_logger(logger);
     vexalive::setEventSink([](const vexalive::EventReport&) {});
 }
 
-Member::Member(const std::string& userId, Signal* told)
-    : mListener(std::make_shared<Listener>(told ? *told : mOwn)), mAdapter(std::make_shared<LiveTranscodingAdapter>()) {
+Member::Member(const std::string& userId, Signal* done)
+    : mListener(std::make_shared<Listener>(done ? *done : mOwnSignal)),
+      mAdapter(std::make_shared<LiveTranscodingAdapter>()) {
     mParam.appId = 1250000000;
     mParam.bizId = 8888;
     mParam.url = "rtmp://cdn.example/live/stream";

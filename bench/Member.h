@@ -1,4 +1,4 @@
-// A member of a room with the adapter under test, and a listener that counts what it is told.
+// A room member that uses the adapter under test, with a listener that signals each successful start.
 
 #ifndef VEXALIVE_BENCH_MEMBER_H
 #define VEXALIVE_BENCH_MEMBER_H
@@ -11,19 +11,19 @@
 
 namespace bench {
 
-// Log lines and reports go nowhere, as in a host that logs warnings only and keeps its reports elsewhere.
-void quiet();
+// Drops log lines below warnings and all event reports.
+void silenceLogsAndReports();
 
 class Member {
 public:
-    // `told` is given for each outcome; by default the member's own.
-    explicit Member(const std::string& userId, Signal* told = nullptr);
+    // Each successful start notifies `done`, or a signal of the member itself if `done` is null.
+    explicit Member(const std::string& userId, Signal* done = nullptr);
 
     void start();
-    void waitUntilTold() { mOwn.take(); }
+    void waitForOutcome() { mOwnSignal.wait(); }
 
 private:
-    Signal mOwn;
+    Signal mOwnSignal;
     std::shared_ptr<ILiveTrancodingDelegate> mListener;
     std::shared_ptr<LiveTranscodingAdapter> mAdapter;
     kstmedia::VexaPublishCDNParamInternal mParam;

@@ -1,4 +1,4 @@
-// One thread tells another that something has happened.
+// A counting signal between two threads.
 
 #ifndef VEXALIVE_BENCH_SIGNAL_H
 #define VEXALIVE_BENCH_SIGNAL_H
@@ -10,21 +10,21 @@ namespace bench {
 
 class Signal {
 public:
-    void give() {
+    void notify() {
         const std::lock_guard<std::mutex> lock(mMutex);
-        ++mGiven;
-        mChanged.notify_one();  // under the lock: the signal may go as soon as it is taken
+        ++mCount;
+        mChanged.notify_one();  // under the lock: the waiting thread may destroy the signal
     }
-    void take(int times = 1) {
+    void wait(int times = 1) {
         std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait(lock, [this, times] { return mGiven >= times; });
-        mGiven -= times;
+        mChanged.wait(lock, [this, times] { return mCount >= times; });
+        mCount -= times;
     }
 
 private:
     std::mutex mMutex;
     std::condition_variable mChanged;
-    int mGiven = 0;
+    int mCount = 0;
 };
 
 }  // namespace bench

@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "../tests/counts/AdapterInside.h"
-#include "Contest.h"
+#include "Benchmark.h"
 #include "base/ServiceAddress.h"
 
 namespace {
@@ -249,5 +249,5 @@ void run() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::contest(argc, argv, {{"vexalive", run<ByAdapter>}, {"by_hand", run<ByHand>}});
+    return bench::runContender(argc, argv, {{"vexalive", run<ByAdapter>}, {"by_hand", run<ByHand>}});
 }

@@ -1,20 +1,20 @@
-// From the start of the process to the first answer: one relay start, and an end without further ado. bench/run.py
-// takes the time from outside, beside `curl` with the same request.
+// A process that makes one relay start and exits after its response. bench/run.py measures the process from outside and
+// compares it with `curl` and the same request.
 
-#include "Contest.h"
+#include "Benchmark.h"
 #include "Member.h"
 
 namespace {
 
 void vexalive() {
-    bench::quiet();
+    bench::silenceLogsAndReports();
     bench::Member member("u-cold");
     member.start();
-    member.waitUntilTold();
+    member.waitForOutcome();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::contest(argc, argv, {{"vexalive", vexalive}});
+    return bench::runContender(argc, argv, {{"vexalive", vexalive}});
 }

@@ -1,5 +1,4 @@
-// Adapters on which nothing was ever called: what one costs in memory and time, and that it costs no thread and no
-// descriptor.
+// The memory and the time that an unused adapter costs, and the number of its threads and descriptors.
 
 #include <malloc.h>
 
@@ -7,12 +6,12 @@
 #include <iterator>
 #include <memory>
 
+#include "Benchmark.h"
 #include "Com/LiveTranscodingAdapter.h"
-#include "Contest.h"
 
 namespace {
 
-using Crowd = std::vector<std::shared_ptr<LiveTranscodingAdapter>>;
+using Adapters = std::vector<std::shared_ptr<LiveTranscodingAdapter>>;
 
 constexpr size_t kAdapters = 10000;
 constexpr int kRounds = 30;
@@ -24,13 +23,13 @@ class Listener : public ILiveTrancodingDelegate {
     void onStopLiveMixTranscoding(int, std::string) override {}
 };
 
-void construct(Crowd& crowd) {
+void construct(Adapters& adapters) {
     for (size_t i = 0; i < kAdapters; ++i) {
-        crowd.push_back(std::make_shared<LiveTranscodingAdapter>());
+        adapters.push_back(std::make_shared<LiveTranscodingAdapter>());
     }
 }
 
-// What the program holds of the allocator: every block with its head and what rounding adds.
+// Bytes in allocated blocks, with headers and padding.
 double allocatedBytes() {
     return static_cast<double>(mallinfo2().uordblks);
 }
@@ -39,19 +38,19 @@ int openDescriptors() {
     return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
-void measureWhatTheyHold(Crowd& crowd) {
+void measureResources(Adapters& adapters) {
     const auto listener = std::make_shared<Listener>();
     const int threads = bench::threads();
     const int descriptors = openDescriptors();
-    Crowd first;  // what they find in the allocator's caches counts as held before
+    Adapters first;  // fills the caches of the allocator before the measurement
     for (int i = 0; i < 100; ++i) {
         first.push_back(std::make_shared<LiveTranscodingAdapter>());
     }
 
     const double before = allocatedBytes();
-    construct(crowd);
+    construct(adapters);
     const double constructed = allocatedBytes();
-    for (const auto& adapter : crowd) {
+    for (const auto& adapter : adapters) {
         adapter->setLiveTranscodingDelegate(listener);
     }
     const double listening = allocatedBytes();
@@ -60,17 +59,17 @@ void measureWhatTheyHold(Crowd& crowd) {
     bench::print("bytes_per_adapter_with_listener", (listening - before) / kAdapters);
     bench::print("threads_added", bench::threads() - threads);
     bench::print("descriptors_added", openDescriptors() - descriptors);
-    crowd.clear();
+    adapters.clear();
 }
 
-void measureTheirTime(Crowd& crowd) {
+void measureTime(Adapters& adapters) {
     std::vector<double> constructing;
     std::vector<double> destroying;
     for (int round = 0; round < kRounds; ++round) {
         const double begun = bench::seconds();
-        construct(crowd);
+        construct(adapters);
         const double constructed = bench::seconds();
-        crowd.clear();
+        adapters.clear();
         constructing.push_back((constructed - begun) * 1e6 / kAdapters);
         destroying.push_back((bench::seconds() - constructed) * 1e6 / kAdapters);
     }
@@ -79,14 +78,14 @@ void measureTheirTime(Crowd& crowd) {
 }
 
 void vexalive() {
-    Crowd crowd;
-    crowd.reserve(kAdapters);
-    measureWhatTheyHold(crowd);
-    measureTheirTime(crowd);
+    Adapters adapters;
+    adapters.reserve(kAdapters);
+    measureResources(adapters);
+    measureTime(adapters);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::contest(argc, argv, {{"vexalive", vexalive}});
+    return bench::runContender(argc, argv, {{"vexalive", vexalive}});
 }

@@ -1,6 +1,6 @@
-// Posting: how fast tasks pass from other threads through a loop to its worker, how soon a task runs on a loop that
-// sleeps, and how often a post allocates. All contenders run one packaged task a post on one thread and hand out its
-// future, which the poster drops at once, as the adapter does.
+// Posting of tasks: throughput from other threads to the worker, latency on an idle loop, and allocations per post. All
+// contenders run one packaged task per post on one thread and return its future, which the poster drops at once, as the
+// adapter does.
 
 #include <uv.h>
 
@@ -22,10 +22,10 @@
 #include <utility>
 #include <vector>
 
-#include "Contest.h"
+#include "Benchmark.h"
 #include "base/KstMessageLoop.h"
 
-// ---- What is counted as an allocation: operator new, and the C function that asio calls instead ---------------------
+// ---- Counted allocations: operator new, and the C function that asio calls instead ----------------------------------
 
 namespace {
 
@@ -40,7 +40,7 @@ void noteAllocation() {
 
 }  // namespace
 
-// Not inlined, as the library's own are not; where only one of a pair is, gcc takes them for mismatched.
+// noinline: if gcc inlines only one of a new/delete pair, it warns about a mismatch.
 [[gnu::noinline]] void* operator new(size_t size) {
     noteAllocation();
     void* memory = std::malloc(size);
@@ -143,11 +143,11 @@ private:
     uv_async_t mAsync{};
     std::mutex mMutex;
     std::vector<PackagedTask> mPosted;
-    std::vector<PackagedTask> mRunning;  // the loop's thread alone; two vectors take turns and keep their room
+    std::vector<PackagedTask> mRunning;  // loop thread only; swapped with mPosted, both keep their capacity
     std::thread mThread;
 };
 
-// The least that does it.
+// The minimal implementation.
 class Floor {
 public:
     ~Floor() {
@@ -206,13 +206,13 @@ private:
 
 // ---- The measurements -----------------------------------------------------------------------------------------------
 
-constexpr int kTasks = 60'000;  // a batch
+constexpr int kTasks = 60'000;  // per batch
 constexpr int kBatches = 3;
 constexpr int kLatencySamples = 600;
 constexpr int kLatencyWarmUp = 100;
-constexpr std::chrono::microseconds kPause{200};  // long enough for the worker to fall asleep
+constexpr std::chrono::microseconds kPause{200};  // the worker becomes idle
 
-// Stands for the adapter: its tasks hold it weakly and change what belongs to the worker.
+// Like the adapter: its tasks hold it weakly and change state of the worker thread.
 struct Owner : std::enable_shared_from_this<Owner> {
     long count = 0;
 
@@ -225,7 +225,7 @@ struct Owner : std::enable_shared_from_this<Owner> {
     }
 };
 
-// All that was posted before has run.
+// Waits until all posted tasks have run.
 template <class Loop>
 void drain(Loop& loop, const Owner& owner, long expected) {
     loop.post([] {}).wait();
@@ -235,17 +235,16 @@ void drain(Loop& loop, const Owner& owner, long expected) {
     }
 }
 
-// With a worker that stays on the processor where it was started: moved about by the scheduler, it is now faster, now
-// slower.
+// The worker stays on the processor where it was started; migration by the scheduler makes the results vary.
 template <class Loop>
 std::unique_ptr<Loop> startedLoop() {
-    const bench::OneProcessor here;
+    const bench::PinnedToOneProcessor here;
     auto loop = std::make_unique<Loop>();
     loop->post([] {}).wait();
     return loop;
 }
 
-// The worker is held until a whole batch waits, so that the queue has seen its longest.
+// Blocks the worker until a whole batch is queued, so that the queue reaches its maximum length.
 template <class Loop>
 void warmUp(Loop& loop) {
     const auto owner = std::make_shared<Owner>();
@@ -292,10 +291,10 @@ double allocationsPerPost(Loop& loop) {
     return static_cast<double>(allocations) / (kTasks + 1);
 }
 
-// Microseconds from before the post until the task runs, on a loop that sleeps.
+// Microseconds from the post to the start of the task, on an idle loop.
 template <class Loop>
 std::vector<double> latencies() {
-    const bench::AwakeProcessor together;
+    const bench::BusyProcessor together;
     Loop loop;
     std::vector<double> samples;
     samples.reserve(kLatencySamples);
@@ -328,9 +327,9 @@ void measure() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::contest(argc, argv,
-                          {{"vexalive", measure<VexaliveLoop>},
-                           {"asio", measure<AsioLoop>},
-                           {"libuv", measure<UvLoop>},
-                           {"floor", measure<Floor>}});
+    return bench::runContender(argc, argv,
+                               {{"vexalive", measure<VexaliveLoop>},
+                                {"asio", measure<AsioLoop>},
+                                {"libuv", measure<UvLoop>},
+                                {"floor", measure<Floor>}});
 }

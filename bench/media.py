@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Mixes three moving pictures of 640 x 360, each with a tone, into one of 1280 x 720 at 20 frames a second and
-1.5 Mbit/s, and prints what that takes.
+"""Mixes three videos of 640 x 360, each with a tone, into one of 1280 x 720 at 20 fps and 1.5 Mbit/s, and prints the
+resources used.
 
     media.py vexalive|ffmpeg --vexalive PROGRAM
 
-Both take the members' streams from the same origin and publish the mix there, encoded by the same library in the same
-way: the local service's worker, and FFmpeg's filter graph, whose layout is fixed.
+Both contenders, the worker of the local service and an FFmpeg filter graph with a fixed layout, read the streams of
+the members from the same origin and publish the mix there. Both use the same encoder with the same settings.
 """
 
 import argparse
@@ -20,7 +20,7 @@ import service
 
 SECONDS = 9
 BIZ_ID, ROOM = 8888, "4711"
-PLACES = ((0, 0), (640, 0), (320, 360))
+POSITIONS = ((0, 0), (640, 0), (320, 360))
 WIDTH, HEIGHT, FRAME_RATE, BITRATE, SECONDS_OF_GOP = 1280, 720, 20, 1500, 2
 
 
@@ -32,7 +32,7 @@ def mix_body():
     inputs = [{"input_stream_id": "canvas1",
                "layout_params": {"image_layer": 1, "input_type": 3, "image_width": WIDTH, "image_height": HEIGHT,
                                  "location_x": 0, "location_y": 0, "color": "0x000000"}}]
-    for number, (x, y) in enumerate(PLACES, 1):
+    for number, (x, y) in enumerate(POSITIONS, 1):
         inputs.append({"input_stream_id": stream_id(number),
                        "layout_params": {"input_type": 0, "image_layer": number + 1, "image_width": 640,
                                          "image_height": 360, "location_x": x, "location_y": y}})
@@ -66,10 +66,10 @@ def filter_graph(sources, destination):
     for source in sources:
         command += ["-i", source]
     graph = f"color=black:s={WIDTH}x{HEIGHT}:r={FRAME_RATE}[under0];"
-    for i, (x, y) in enumerate(PLACES):
+    for i, (x, y) in enumerate(POSITIONS):
         graph += f"[under{i}][{i}:v]overlay={x}:{y}[under{i + 1}];"
-    graph += "".join(f"[{i}:a]" for i in range(len(PLACES))) + f"amix=inputs={len(PLACES)}[sound]"
-    command += ["-filter_complex", graph, "-map", f"[under{len(PLACES)}]", "-map", "[sound]", "-c:v", "libx264",
+    graph += "".join(f"[{i}:a]" for i in range(len(POSITIONS))) + f"amix=inputs={len(POSITIONS)}[audio]"
+    command += ["-filter_complex", graph, "-map", f"[under{len(POSITIONS)}]", "-map", "[audio]", "-c:v", "libx264",
                 "-preset", "veryfast", "-tune", "zerolatency", "-b:v", f"{BITRATE}k", "-g",
                 str(FRAME_RATE * SECONDS_OF_GOP), "-r", str(FRAME_RATE), "-c:a", "aac", "-b:a", "64k", "-f", "flv",
                 destination]
@@ -77,9 +77,9 @@ def filter_graph(sources, destination):
 
 
 def child_of(pid, name):
-    """The process of that name among the children of another."""
-    patience = time.monotonic() + service.PATIENCE_SECONDS
-    while time.monotonic() < patience:
+    """Returns the id of the child process with that name."""
+    deadline = time.monotonic() + service.TIMEOUT_SECONDS
+    while time.monotonic() < deadline:
         for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
             for child in (task / "children").read_text().split():
                 if name in pathlib.Path(f"/proc/{child}/comm").read_text():
@@ -96,32 +96,32 @@ def main():
     children = []
     with service.serving(arguments.vexalive, "--media") as (address, ca_file, service_pid):
         try:
-            origin = service.ask(address, ca_file, "GET", "/state")["service"]["origin"]["address"]
-            sources = [f"{origin}/live/{stream_id(number)}" for number in range(1, len(PLACES) + 1)]
+            origin = service.request(address, ca_file, "GET", "/state")["service"]["origin"]["address"]
+            sources = [f"{origin}/live/{stream_id(number)}" for number in range(1, len(POSITIONS) + 1)]
             destination = f"{origin}/mix/{stream_id(1)}"
             children += [member(source, number) for number, source in enumerate(sources, 1)]
-            time.sleep(2)  # until all publish
-            watcher = subprocess.Popen(  # writes the video as it comes; waits until someone publishes
+            time.sleep(2)  # until all members publish
+            watcher = subprocess.Popen(  # waits for a publisher, then writes the video as it arrives
                 ["gst-launch-1.0", "-q", "rtmp2src", f"location={destination}", "!", "flvdemux", "name=streams",
                  "streams.video", "!", "fdsink", "async=false", "streams.audio", "!", "fakesink",
                  "async=false"], stdout=subprocess.PIPE)
             children.append(watcher)
             if arguments.contender == "vexalive":
-                service.expect_acceptance(address, ca_file, service.path_of("set_live_mix_transcoding"),
-                                          json.dumps(mix_body()))
-                asked = time.monotonic()
+                path = service.path_of("set_live_mix_transcoding")
+                service.expect_acceptance(address, ca_file, path, json.dumps(mix_body()))
+                requested = time.monotonic()
                 pid = child_of(service_pid, "vexalive-media")
             else:
-                asked = time.monotonic()
+                requested = time.monotonic()
                 children.append(filter_graph(sources, destination))
                 pid = children[-1].pid
             watcher.stdout.read(1)
-            print(f"first_picture_ms\t{(time.monotonic() - asked) * 1e3}", flush=True)
-            threading.Thread(target=watcher.stdout.read, daemon=True).start()  # as a player would, all of it
+            print(f"first_frame_ms\t{(time.monotonic() - requested) * 1e3}", flush=True)
+            threading.Thread(target=watcher.stdout.read, daemon=True).start()  # reads everything, like a player
             time.sleep(2)
-            begun, used = time.monotonic(), service.cpu_seconds(pid)
+            started, used = time.monotonic(), service.cpu_seconds(pid)
             time.sleep(SECONDS)
-            print(f"cpu_percent\t{(service.cpu_seconds(pid) - used) / (time.monotonic() - begun) * 100}")
+            print(f"cpu_percent\t{(service.cpu_seconds(pid) - used) / (time.monotonic() - started) * 100}")
             print(f"peak_resident_bytes\t{service.peak_resident_bytes(pid)}")
         finally:
             for child in children:

@@ -1,4 +1,4 @@
-"""The table and the picture of docs/performance.md."""
+"""Writes the table and the chart of docs/performance.md."""
 
 import html
 import math
@@ -8,19 +8,19 @@ from rows import MORE, PENDING, ROWS, USERS
 
 US = "vexalive"
 DOCUMENT = "docs/performance.md"
-PICTURE = "docs/pictures/performance.svg"
+CHART = "docs/pictures/performance.svg"
 BEGIN, END = "<!-- table: written by scripts/bench -->\n", "<!-- end of the table -->\n"
 
 
 def shown(value):
-    """Three digits that count."""
+    """Formats with three significant digits."""
     if value == 0:
         return "0"
     digits = max(0, 2 - math.floor(math.log10(abs(value))))
     return f"{value:,.{digits}f}"
 
 
-def aims(figure):
+def targets(figure):
     texts = [f"{ratio:g} × {contender}" for contender, ratio in figure.ratios.items()]
     texts += [f"{contender} + {shown(value)} {figure.unit}" if value else contender
               for contender, value in figure.beyond.items()]
@@ -32,14 +32,14 @@ def aims(figure):
 
 
 def verdict(figure, result):
-    if not aims(figure):
+    if not targets(figure):
         return ""
     missed = [each if each != US else "" for each in result["missed"]]
     return "met" if not missed else f"**missed** {', '.join(missed)}".strip()
 
 
 def cell(figure, result, contender):
-    """The other's median, and how ours compares."""
+    """The median of a reference, and its comparison with vexalive."""
     if contender in figure.constants:
         compared = f"{result['differences'][contender] * figure.scale:+.1f} {figure.unit}"
     else:
@@ -48,26 +48,26 @@ def cell(figure, result, contender):
 
 
 def table(results):
-    """One table a row, in Markdown."""
+    """One Markdown table per row."""
     by_key = {(each["row"], each["figure"]): each for each in results}
     lines = []
     for row in ROWS:
         if not any(each["row"] == row.name for each in results):
             continue
         others = [each for each in row.contenders if each != US]
-        lines += [f"### {row.title}", "", f"| | {US} | " + "".join(f"{each} | " for each in others) + "aimed at | |",
+        lines += [f"### {row.title}", "", f"| | {US} | " + "".join(f"{each} | " for each in others) + "target | |",
                   "|---|" + "---:|" * (1 + len(others)) + "---|---|"]
         for figure in row.figures:
             result = by_key[row.name, figure.key]
             cells = [f"{figure.label}, {figure.unit}" if figure.unit else figure.label,
                      shown(result["medians"][US] * figure.scale)]
             cells += [cell(figure, result, each) if each in result["ratios"] else "" for each in others]
-            lines.append("| " + " | ".join([*cells, aims(figure), verdict(figure, result)]) + " |")
+            lines.append("| " + " | ".join([*cells, targets(figure), verdict(figure, result)]) + " |")
         lines.append("")
     return "\n".join(lines)
 
 
-# ---- The picture ----------------------------------------------------------------------------------------------------
+# ---- The chart ------------------------------------------------------------------------------------------------------
 
 WIDTH, LEFT, RIGHT, LINE = 860, 330, 30, 19
 COLOURS = ["#1f5fa8", "#c2571a", "#2e7d4f", "#7b4fa3"]
@@ -87,7 +87,7 @@ def line(x1, y1, x2, y2, kind="grid"):
 
 
 def advantages(results, top):
-    """For each figure that has an aim: how many times better vexalive is than each of the others, on a log scale."""
+    """For each figure with a target: how many times better vexalive is than each reference, on a log scale."""
     by_key = {(each["row"], each["figure"]): each for each in results}
     low, high = 0.25, 128
 
@@ -122,7 +122,7 @@ def advantages(results, top):
             body.append(text(LEFT + legend + 9, y, other, "scale"))
             legend += 24 + 7 * len(other)
         y += 6
-    head = [text(20, top, f"How many times better {US} is than each of the others", "head")]
+    head = [text(20, top, f"How many times better {US} is than each reference", "head")]
     for times in (0.5, 1, 2, 4, 8, 16, 32, 64):
         head.append(text(x(times), top + 20, f"{times:g} ×", "scale", "middle"))
         head.append(line(x(times), top + 26, x(times), y, "even" if times == 1 else "grid"))
@@ -130,7 +130,7 @@ def advantages(results, top):
 
 
 def growth(results, row_name, title, unit, points, logarithmic, left, width, top, height=170):
-    """One line a contender over `points`, which are (where, figure, label)."""
+    """One line per contender over `points`, which are (where, figure, label)."""
     row = next(each for each in ROWS if each.name == row_name)
     by_key = {each["figure"]: each for each in results if each["row"] == row_name}
     if not by_key:
@@ -162,12 +162,12 @@ def growth(results, row_name, title, unit, points, logarithmic, left, width, top
     return parts
 
 
-def picture(results):
+def chart(results):
     parts, bottom = advantages(results, 30)
     top, half = bottom + 60, WIDTH / 2
-    parts += growth(results, "timers", "Insert beside so many that wait", "ns",
+    parts += growth(results, "timers", "Insert, by number of pending tasks", "ns",
                     [(pending, f"insert_ns_{pending}_pending") for pending in PENDING], True, 60, half - 110, top)
-    parts += growth(results, "bodies", "Body of a mix of so many", "µs",
+    parts += growth(results, "bodies", "Body of a mix, by number of users", "µs",
                     [(users, f"mix_us_{users}_user{'s' if users > 1 else ''}") for users in USERS], False, half + 40,
                     half - 90, top)
     height = top + 210
@@ -181,8 +181,8 @@ def write(results):
         document = file.read()
     between = re.compile(re.escape(BEGIN) + ".*?" + re.escape(END), re.DOTALL)
     if not between.search(document):
-        raise SystemExit(f"{DOCUMENT} has no place for the table")
+        raise SystemExit(f"{DOCUMENT} has no markers for the table")
     with open(DOCUMENT, "w", encoding="utf-8") as file:
         file.write(between.sub(lambda _: BEGIN + "\n" + table(results) + "\n" + END, document))
-    with open(PICTURE, "w", encoding="utf-8") as file:
-        file.write(picture(results))
+    with open(CHART, "w", encoding="utf-8") as file:
+        file.write(chart(results))

@@ -1,9 +1,9 @@
-// One finished relay start after another over a warm connection, from the public call to the listener; beside the same
-// request by libcurl alone: one handle that blocks its caller, and the least that does not, a multi handle on a thread
-// of its own.
+// Sequential relay starts over a warm connection, from the public call to the listener call. The references make the
+// same request with libcurl alone: one easy handle that blocks the caller, and a multi handle with its own thread,
+// which is the simplest design that does not block the caller.
 
 #include "BareCurl.h"
-#include "Contest.h"
+#include "Benchmark.h"
 #include "Member.h"
 
 namespace {
@@ -11,7 +11,7 @@ namespace {
 constexpr int kWarmUp = 100;
 constexpr int kRequests = 3000;
 
-// `request` returns when its answer has come.
+// `request` returns after its response.
 template <class F>
 void measure(F request) {
     for (int i = 0; i < kWarmUp; ++i) {
@@ -33,11 +33,11 @@ void measure(F request) {
 }
 
 void vexalive() {
-    bench::quiet();
+    bench::silenceLogsAndReports();
     bench::Member member("u-request");
     measure([&member] {
         member.start();
-        member.waitUntilTold();
+        member.waitForOutcome();
     });
 }
 
@@ -50,13 +50,13 @@ void multi() {
     bench::BareMulti curl;
     measure([&curl] {
         bench::Signal done;
-        curl.send([&done] { done.give(); });
-        done.take();
+        curl.send([&done] { done.notify(); });
+        done.wait();
     });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::contest(argc, argv, {{"vexalive", vexalive}, {"easy", easy}, {"multi", multi}});
+    return bench::runContender(argc, argv, {{"vexalive", vexalive}, {"easy", easy}, {"multi", multi}});
 }

@@ -1,8 +1,8 @@
 """What is measured: the rows of the table in docs/performance.md, as data.
 
-A row has contenders, each a command that prints `figure<TAB>value` lines. `vexalive` is the first of them; the others
-are what it is compared with. A figure says how it is shown, whether less or more of it is better, and what is aimed at:
-a ratio of vexalive to another contender, or a value of its own.
+A row has contenders: commands that print lines of the form `figure<TAB>value`. The first contender is `vexalive`; the
+others are its references. A figure has a label and a unit, says whether a lower or a higher value is better, and may
+have a target: a ratio of vexalive to another contender, or an absolute value.
 """
 
 import dataclasses
@@ -15,14 +15,14 @@ class Figure:
     key: str
     label: str
     unit: str = ""
-    scale: float = 1.0  # shown is the value times this
+    scale: float = 1.0  # the printed value is the measured value times this factor
     better: str = LESS
-    ratios: dict = dataclasses.field(default_factory=dict)  # contender -> the ratio aimed at
-    ceiling: float = None  # the value aimed at, before scaling
-    beyond: dict = dataclasses.field(default_factory=dict)  # contender -> how far above it the value may lie
-    constants: tuple = ()  # contenders from which it differs by a time and not by a factor: this is shown, and agrees
-    of: tuple = None  # the contenders it is a figure of, if not of all
-    noisy: bool = False  # shown, but not expected to agree from run to run
+    ratios: dict = dataclasses.field(default_factory=dict)  # contender -> target ratio
+    ceiling: float = None  # target value, before scaling
+    beyond: dict = dataclasses.field(default_factory=dict)  # contender -> allowed excess over its value
+    constants: tuple = ()  # contenders compared by difference, not by ratio
+    of: tuple = None  # the contenders that have this figure; None: all
+    noisy: bool = False  # printed, but not compared between runs
 
     def meets_ratio(self, contender, ratio):
         return ratio <= self.ratios[contender] if self.better == LESS else ratio >= self.ratios[contender]
@@ -32,12 +32,12 @@ class Figure:
 class Row:
     name: str
     title: str
-    contenders: dict  # name -> command; see run.py for what {…} stands for
+    contenders: dict  # name -> command; run.py defines the placeholders {…}
     figures: list
     rounds: int = 7
-    apart: bool = False  # the client on the first processor, the far side on the second
-    awake: bool = False  # the processors never sleep: the price of waking one is the host's, and varies
-    timed: bool = False  # the command prints nothing: its own time, CPU and memory are the figures
+    separate_processors: bool = False  # client on the first processor, server on the second
+    keep_awake: bool = False  # no processor sleeps: the cost of a wake-up depends on the host
+    timed: bool = False  # the figures are the time, CPU and memory of the command itself
 
 
 def program(name, *contenders, part=None):
@@ -63,27 +63,27 @@ ROWS = [
                    {"asio": 1.2, "libuv": 1.0, "floor": 1.0}),
             Figure("latency_us_p50", "post to run, idle, p50", ratios={"asio": 1.0, "libuv": 1.0}, **MICROSECONDS),
             Figure("latency_us_p99", "post to run, idle, p99", noisy=True, **MICROSECONDS),
-            Figure("allocations_per_post", "allocations a post", ceiling=2.0),
+            Figure("allocations_per_post", "allocations per post", ceiling=2.0),
         ],
         rounds=51,
     ),
     Row(
         "timer",
-        "Post a task for later, where one waits",
+        "Post a delayed task, one pending",
         program("timers", "vexalive", "asio", "libuv", part="one"),
         [
             Figure("insert_ns_1_pending", "insert", "ns", ratios={"asio": 1.0, "libuv": 1.0}),
-            Figure("insert_ns_earliest", "insert, now the earliest: a thread is woken", "ns",
+            Figure("insert_ns_earliest", "insert that becomes the earliest and wakes the worker", "ns",
                    ratios={"asio": 1.0, "libuv": 1.0}),
         ],
         rounds=81,
     ),
     Row(
         "timers",
-        "Post a task for later, where many wait",
+        "Post a delayed task, many pending",
         program("timers", "vexalive", "asio", "libuv", part="many"),
         [
-            Figure(f"insert_ns_{pending}_pending", f"insert beside {pending:,}", "ns",
+            Figure(f"insert_ns_{pending}_pending", f"insert, {pending:,} pending", "ns",
                    ratios={"asio": 1.0, "libuv": 1.0})
             for pending in PENDING
         ],
@@ -91,21 +91,21 @@ ROWS = [
     ),
     Row(
         "late",
-        "How long after its time a task runs",
+        "Lateness of a delayed task",
         program("timers", "vexalive", "asio", "libuv", part="late"),
         [
             Figure("lateness_us_p50", "p50", ratios={"libuv": 1.0}, beyond={"asio": 0}, constants=("asio",),
                    **MICROSECONDS),
             Figure("lateness_us_p99", "p99", noisy=True, **MICROSECONDS),
-            # libuv's milliseconds hide the slack.
-            Figure("lateness_without_slack_us_p50", "p50, without the kernel's slack", ratios={"asio": 1.0},
+            # libuv rounds to milliseconds, which hides the slack.
+            Figure("lateness_without_slack_us_p50", "p50, timer slack off", ratios={"asio": 1.0},
                    of=("vexalive", "asio"), **MICROSECONDS),
         ],
         rounds=35,
     ),
     Row(
         "request",
-        "One finished relay start, connection warm",
+        "One relay start on a warm connection",
         program("request", "vexalive", "easy", "multi"),
         [
             Figure("cpu_us_per_request", "CPU, user and system", ratios={"multi": 1.3, "easy": 1.7}, **MICROSECONDS),
@@ -113,18 +113,18 @@ ROWS = [
             Figure("wall_us_p99", "call to listener, p99", noisy=True, **MICROSECONDS),
         ],
         rounds=31,
-        apart=True,
+        separate_processors=True,
     ),
     Row(
-        "crowd",
-        "1,000 adapters start at once, no connection yet",
-        program("crowd", "vexalive", "multi"),
+        "concurrent_start",
+        "1,000 adapters start at the same time, no connection yet",
+        program("concurrent_start", "vexalive", "multi"),
         [
             Figure("wall_ms", "until the last listener call", "ms", ratios={"multi": 1.3}),
             Figure("cpu_ms", "CPU, user and system", "ms"),
-            Figure("connections", "connections, each with a handshake", ceiling=1),
+            Figure("connections", "connections", ceiling=1),
             Figure("threads", "threads"),
-            Figure("resident_bytes_each", "memory each, with its thread", ratios={"multi": 1.3}, **BYTES_IN_KIB),
+            Figure("resident_bytes_each", "memory per adapter, with its thread", ratios={"multi": 1.3}, **BYTES_IN_KIB),
         ],
         rounds=41,
     ),
@@ -143,16 +143,16 @@ ROWS = [
     ),
     Row(
         "bodies",
-        "Texts",
-        program("bodies", "vexalive", "by_hand"),
+        "Request bodies and ids",
+        program("bodies", "vexalive", "handwritten"),
         [
             *(
-                Figure(f"mix_us_{users}_user{'s' if users > 1 else ''}", f"body of a mix of {users}",
-                       ratios={"by_hand": 1.0}, **MICROSECONDS)
+                Figure(f"mix_us_{users}_user{'s' if users > 1 else ''}", f"body, mix of {users}",
+                       ratios={"handwritten": 1.0}, **MICROSECONDS)
                 for users in USERS
             ),
-            Figure("report_us_16_users", "report of a mix of 16", ratios={"by_hand": 1.0}, **MICROSECONDS),
-            Figure("stream_id_us", "stream id", ratios={"by_hand": 1.0}, **MICROSECONDS),
+            Figure("report_us_16_users", "description, mix of 16", ratios={"handwritten": 1.0}, **MICROSECONDS),
+            Figure("stream_id_us", "stream id", ratios={"handwritten": 1.0}, **MICROSECONDS),
         ],
         rounds=15,
     ),
@@ -161,14 +161,14 @@ ROWS = [
         "Size",
         {"vexalive": ["{python}", "bench/size.py", "{build}"]},
         [
-            Figure("adapter_text_bytes", "text of vexalive::adapter", ceiling=160 * 1024, **BYTES_IN_KIB),
-            Figure("program_bytes", "examples/relay.cpp with everything, stripped", ceiling=1 << 20, **BYTES_IN_KIB),
+            Figure("adapter_text_bytes", "code of vexalive::adapter", ceiling=160 * 1024, **BYTES_IN_KIB),
+            Figure("program_bytes", "examples/relay.cpp, linked and stripped", ceiling=1 << 20, **BYTES_IN_KIB),
         ],
         rounds=1,
     ),
     Row(
         "cold",
-        "A process from its start to its end, with one relay start",
+        "A whole process with one relay start",
         {
             "vexalive": ["{build}/bench/bench_cold", "vexalive"],
             "curl": ["curl", "-sS", "--http2", "--cacert", "{ca}", "-H", "Content-Type: application/json", "-o",
@@ -180,7 +180,7 @@ ROWS = [
             Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
         ],
         rounds=101,
-        apart=True,
+        separate_processors=True,
         timed=True,
     ),
     Row(
@@ -189,18 +189,18 @@ ROWS = [
         {
             "vexalive": ["{python}", "bench/service.py", "vexalive", "--vexalive", "{build}/tools/vexalive"],
             "nginx": ["{python}", "bench/service.py", "nginx", "--address", "{address}", "--ca-file", "{ca}", "--pid",
-                      "{far_side_pid}"],
+                      "{server_pid}"],
         },
         [
             Figure("requests_per_second", "requests", "thousand/s", 1e-3, MORE),
             Figure("latency_us_p99", "p99", "ms", 1e-3, noisy=True),
-            Figure("server_cpu_us_per_request", "CPU of the server a request", **MICROSECONDS),
+            Figure("server_cpu_us_per_request", "server CPU per request", **MICROSECONDS),
         ],
         rounds=25,
     ),
     Row(
         "others",
-        "One call, beside clients for Node.js",
+        "One call, compared with clients for Node.js",
         {
             "vexalive": ["{build}/bench/bench_request", "vexalive"],
             "livekit-server-sdk": ["node", "{build}/npm/livekit.mjs", "https://{address}", "1000"],
@@ -210,18 +210,18 @@ ROWS = [
             Figure("cpu_us_per_request", "CPU, user and system", "µs",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}),
             Figure("wall_us_p50", "wall, p50", "µs"),
-            Figure("peak_resident_bytes", "memory, peak, with the libraries' pages",
+            Figure("peak_resident_bytes", "memory, peak, with shared libraries",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
-            Figure("anonymous_bytes", "memory of its own",
+            Figure("anonymous_bytes", "memory, private",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
         ],
         rounds=19,
-        apart=True,
-        awake=True,
+        separate_processors=True,
+        keep_awake=True,
     ),
     Row(
         "media",
-        "A mix of three moving pictures, beside FFmpeg's filter graph",
+        "A mix of three videos, compared with an FFmpeg filter graph",
         {
             each: ["{python}", "bench/media.py", each, "--vexalive", "{build}/tools/vexalive"]
             for each in ("vexalive", "ffmpeg")
@@ -229,9 +229,9 @@ ROWS = [
         [
             Figure("cpu_percent", "CPU, of one processor", "%", ratios={"ffmpeg": 1.5}),
             Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
-            Figure("first_picture_ms", "answer to first picture", "ms", ceiling=2000, noisy=True),
+            Figure("first_frame_ms", "response to first frame", "ms", ceiling=2000, noisy=True),
         ],
         rounds=5,
-        awake=True,
+        keep_awake=True,
     ),
 ]

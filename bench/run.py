@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Runs the rows of rows.py and writes docs/performance.md's table and picture.
+"""Runs the rows of rows.py and writes the table and the chart of docs/performance.md.
 
-    run.py BUILD_FOLDER [--rows NAME,NAME] [--write]     measures; prints the table; with --write, into the documents
-    run.py --compare RESULTS.json RESULTS.json …         how far the ratios of several runs lie apart
+    run.py BUILD_FOLDER [--rows NAME,NAME] [--write]     measures and prints the table; --write updates the docs
+    run.py --compare RESULTS.json RESULTS.json …         compares the ratios of several runs
 
-The contenders of a row take turns, in another order each round, and so do the rows. A ratio is the median of the
-rounds' ratios, so that what slows the machine down for a while slows both.
+The contenders of a row run alternately, in a different order each round. The rounds of all rows are interleaved. A
+ratio is the median of the ratios of the rounds, so a temporary slowdown of the machine affects both sides.
 """
 
 import argparse
@@ -20,14 +20,14 @@ import tempfile
 import time
 
 import report
-from far_side import FarSide
+from reference_server import ReferenceServer
 from report import US
 from rows import ROWS
 from service import BODY, PATH
 
 
-# Ends when the process that started it is gone.
-FILLER = """
+# Exits when its parent has exited.
+IDLE_TASK = """
 import os, sys
 os.sched_setaffinity(0, {int(sys.argv[1])})
 os.sched_setscheduler(0, os.SCHED_IDLE, os.sched_param(0))
@@ -38,61 +38,61 @@ while os.getppid() == parent:
 
 
 @contextlib.contextmanager
-def kept_awake(processors):
-    """Each of them runs something of the lowest priority when it has nothing else to do."""
-    fillers = []
+def keep_awake(processors):
+    """Runs a task of the lowest priority on each processor, so that no processor goes to sleep."""
+    idle_tasks = []
     try:
         for processor in processors:
-            fillers.append(subprocess.Popen([sys.executable, "-c", FILLER, str(processor)]))
+            idle_tasks.append(subprocess.Popen([sys.executable, "-c", IDLE_TASK, str(processor)]))
         yield
     finally:
-        for filler in fillers:
-            filler.kill()
-            filler.wait()
+        for idle_task in idle_tasks:
+            idle_task.kill()
+            idle_task.wait()
 
 
-class Stage:
-    """Where the contenders play: the far side, and what the commands of rows.py leave open."""
+class Environment:
+    """The server, and the values of the placeholders in the commands of rows.py."""
 
-    def __init__(self, build, far_side):
-        self.far_side = far_side
-        self.places = {
+    def __init__(self, build, server):
+        self.server = server
+        self.values = {
             "build": build,
             "python": sys.executable,
-            "address": far_side.address,
-            "ca": far_side.ca_file,
-            "far_side_pid": str(far_side.process.pid),
-            "url": f"https://{far_side.address}{PATH}",
+            "address": server.address,
+            "ca": server.ca_file,
+            "server_pid": str(server.process.pid),
+            "url": f"https://{server.address}{PATH}",
             "body": BODY,
         }
         self.environment = dict(
             os.environ,
-            VEXALIVE_SERVICE_HOST=far_side.address,
-            VEXALIVE_CA_FILE=far_side.ca_file,
-            NODE_EXTRA_CA_CERTS=far_side.ca_file,
+            VEXALIVE_SERVICE_HOST=server.address,
+            VEXALIVE_CA_FILE=server.ca_file,
+            NODE_EXTRA_CA_CERTS=server.ca_file,
         )
 
     def command(self, words):
-        # What stands for the whole word may have braces of its own.
-        return [self.places[word[1:-1]] if word[1:-1] in self.places else word.format(**self.places) for word in words]
+        # The value of a placeholder that is a whole word may contain braces.
+        return [self.values[word[1:-1]] if word[1:-1] in self.values else word.format(**self.values) for word in words]
 
-    def play(self, row, contender):
+    def run(self, row, contender):
         """The figures of one contender in one round."""
-        everywhere = os.sched_getaffinity(0)
-        if row.apart:
-            self.far_side.move_to({max(everywhere)})
-            os.sched_setaffinity(0, {min(everywhere)})  # inherited by the contender
+        all_processors = os.sched_getaffinity(0)
+        if row.separate_processors:
+            self.server.move_to({max(all_processors)})
+            os.sched_setaffinity(0, {min(all_processors)})  # inherited by the contender
         try:
-            begun = time.monotonic()
+            started = time.monotonic()
             process = subprocess.Popen(self.command(row.contenders[contender]), env=self.environment,
                                        stdout=subprocess.PIPE, text=True)
             output = process.stdout.read()
             _, status, used = os.wait4(process.pid, 0)
-            wall = time.monotonic() - begun
+            wall = time.monotonic() - started
             process.returncode = os.waitstatus_to_exitcode(status)
         finally:
-            os.sched_setaffinity(0, everywhere)
-            self.far_side.move_to(everywhere)
+            os.sched_setaffinity(0, all_processors)
+            self.server.move_to(all_processors)
         if process.returncode != 0:
             sys.exit(f"{row.name}: {contender} ended with {process.returncode}")
         if row.timed:
@@ -104,9 +104,9 @@ class Stage:
         return {name: float(value) for name, value in (line.split("\t") for line in output.splitlines())}
 
 
-def measure(stage, rows):
-    """For each row, figure and contender the values of all rounds. The rounds of every row are spread over the whole
-    run, so that a machine which is slower for some minutes is so for all rows."""
+def measure(environment, rows):
+    """Returns the values of all rounds for each row, figure and contender. The rounds of all rows are interleaved, so
+    that a slowdown of the machine for some minutes affects all rows."""
     values = {
         row.name: {figure.key: {contender: [] for contender in figure.of or row.contenders} for figure in row.figures}
         for row in rows
@@ -115,38 +115,38 @@ def measure(stage, rows):
     seconds = dict.fromkeys(values, 0.0)
     rounds = [((i + 0.5) / row.rounds, number, row) for number, row in enumerate(rows) for i in range(row.rounds)]
     for _, _, row in sorted(rounds, key=lambda each: each[:2]):
-        begun = time.monotonic()
+        started = time.monotonic()
         order = orders[row.name]
-        with kept_awake(os.sched_getaffinity(0) if row.awake else ()):
+        with keep_awake(os.sched_getaffinity(0) if row.keep_awake else ()):
             for contender in order:
-                figures = stage.play(row, contender)
+                figures = environment.run(row, contender)
                 for key, of_contender in values[row.name].items():
                     if contender in of_contender:
                         of_contender[contender].append(figures[key])
         order.append(order.pop(0))
-        seconds[row.name] += time.monotonic() - begun
+        seconds[row.name] += time.monotonic() - started
     for row in rows:
         print(f"   {row.name}: {row.rounds} rounds in {seconds[row.name]:.0f} s", flush=True)
     return values
 
 
-def judge(row, values):
-    """For each figure: the contenders' medians, the medians of the rounds' ratios and differences, what is missed."""
+def evaluate(row, values):
+    """For each figure: the medians of the contenders, the medians of the ratios and differences, the missed targets."""
     results = []
     for figure in row.figures:
         of_contender = values[figure.key]
-        ours = of_contender[US]
+        own = of_contender[US]
         ratios, differences, missed = {}, {}, []
-        for contender, theirs in of_contender.items():
+        for contender, other in of_contender.items():
             if contender == US:
                 continue
-            ratios[contender] = statistics.median(a / b for a, b in zip(ours, theirs))
-            differences[contender] = statistics.median(a - b for a, b in zip(ours, theirs))
+            ratios[contender] = statistics.median(a / b for a, b in zip(own, other))
+            differences[contender] = statistics.median(a - b for a, b in zip(own, other))
             if contender in figure.ratios and not figure.meets_ratio(contender, ratios[contender]):
                 missed.append(contender)
             if contender in figure.beyond and differences[contender] > figure.beyond[contender]:
                 missed.append(contender)
-        if figure.ceiling is not None and statistics.median(ours) > figure.ceiling:
+        if figure.ceiling is not None and statistics.median(own) > figure.ceiling:
             missed.append(US)
         results.append({
             "row": row.name,
@@ -161,13 +161,13 @@ def judge(row, values):
 
 
 def compare(files):
-    """Prints each ratio (or constant difference) of each run, and by how much the highest exceeds the lowest."""
+    """Prints each ratio (or constant difference) of each run, and the excess of the highest over the lowest."""
     runs = []
     for name in files:
         with open(name, encoding="utf-8") as file:
             runs.append(json.load(file))
     figures = {(row.name, figure.key): figure for row in ROWS for figure in row.figures}
-    apart = 0
+    differing = 0
     for results in zip(*runs):
         key = (results[0]["row"], results[0]["figure"])
         if any((each["row"], each["figure"]) != key for each in results):
@@ -177,12 +177,12 @@ def compare(files):
             compared = [each[kind][contender] for each in results]
             spread = max(compared) / min(compared) - 1 if min(compared) > 0 else math.inf
             noisy = figures[key].noisy
-            remark = " (not counted)" if noisy else " APART" if spread > 0.15 else ""
-            apart += spread > 0.15 and not noisy
+            remark = " (not counted)" if noisy else " DIFFERS" if spread > 0.15 else ""
+            differing += spread > 0.15 and not noisy
             print(f"{key[0]:9}{key[1]:30}{contender:22}{'  '.join(f'{each:7.3f}' for each in compared)}"
                   f"{spread:8.1%}{remark}")
-    print(f"{apart} of them lie more than 15 % apart")
-    return 1 if apart else 0
+    print(f"{differing} of them differ by more than 15 %")
+    return 1 if differing else 0
 
 
 def main():
@@ -199,10 +199,10 @@ def main():
     rows = [row for row in ROWS if row.name in wanted]
     if len(rows) != len(wanted) or not arguments.build:
         parser.error(f"the rows are {', '.join(row.name for row in ROWS)}")
-    with tempfile.TemporaryDirectory() as folder, FarSide(folder) as far_side:
-        stage = Stage(os.path.abspath(arguments.build), far_side)
-        values = measure(stage, rows)
-    results = [result for row in rows for result in judge(row, values[row.name])]
+    with tempfile.TemporaryDirectory() as folder, ReferenceServer(folder) as server:
+        environment = Environment(os.path.abspath(arguments.build), server)
+        values = measure(environment, rows)
+    results = [result for row in rows for result in evaluate(row, values[row.name])]
     with open(os.path.join(arguments.build, "results.json"), "w", encoding="utf-8") as file:
         json.dump(results, file, indent=1)
     print(report.table(results))

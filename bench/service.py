@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Puts the local service, or nginx with a fixed answer, under the load of wrk, and prints what it bore.
+"""Loads the local service, or nginx with a fixed response, with wrk and prints the throughput.
 
     service.py vexalive --vexalive PROGRAM
     service.py nginx --address HOST:PORT --ca-file FILE [--pid MASTER]
 
-Every connection starts one relay again and again. The service checks each request, keeps it in its state and writes a
-line about it; nginx does not look at it.
+Each connection starts the same relay repeatedly. The service validates each request, stores it in its state and logs
+it; nginx ignores the content.
 """
 
 import argparse
@@ -48,12 +48,12 @@ BODY = json.dumps(
 )
 THREADS, CONNECTIONS = 2, 16
 SECONDS = 1
-PATIENCE_SECONDS = 20
+TIMEOUT_SECONDS = 20
 
 
 @contextlib.contextmanager
 def serving(program, *options):
-    """Runs the local service on a free port: its address, its authority's certificate and its process id."""
+    """Runs the local service on a free port; yields its address, its CA file and its process id."""
     with tempfile.TemporaryDirectory(prefix="vexalive-bench-") as name:
         folder = pathlib.Path(name)
         with open(folder / "lines", "wb") as lines:
@@ -68,38 +68,38 @@ def serving(program, *options):
 
 
 def first_line(path, process):
-    patience = time.monotonic() + PATIENCE_SECONDS
+    deadline = time.monotonic() + TIMEOUT_SECONDS
     while True:
         with open(path, encoding="utf-8") as file:
             line = file.readline()
         if line.endswith("\n"):
             return line
-        if process.poll() is not None or time.monotonic() > patience:
+        if process.poll() is not None or time.monotonic() > deadline:
             sys.exit("the service does not start")
         time.sleep(0.01)
 
 
-def ask(address, ca_file, method, path, body=None):
+def request(address, ca_file, method, path, body=None):
     context = ssl.create_default_context(cafile=ca_file)
-    connection = http.client.HTTPSConnection(address, context=context, timeout=PATIENCE_SECONDS)
+    connection = http.client.HTTPSConnection(address, context=context, timeout=TIMEOUT_SECONDS)
     connection.request(method, path, body, {"Content-Type": "application/json"} if body else {})
     response = connection.getresponse()
-    answer = response.read().decode()
+    text = response.read().decode()
     connection.close()
     if response.status != 200:
-        sys.exit(f"{address}{path}: status {response.status}, {answer}")
-    return json.loads(answer)
+        sys.exit(f"{address}{path}: status {response.status}, {text}")
+    return json.loads(text)
 
 
 def expect_acceptance(address, ca_file, path=PATH, body=BODY):
-    """wrk does not look at answers, so this does, once before the load and once after it."""
-    answer = ask(address, ca_file, "POST", path, body)
-    if answer["code"] != 0:
-        sys.exit(f"{address} does not accept the request: {answer}")
+    """Checks one response; wrk checks none. Called before and after the load."""
+    response = request(address, ca_file, "POST", path, body)
+    if response["code"] != 0:
+        sys.exit(f"{address} does not accept the request: {response}")
 
 
 def run_wrk(address, seconds):
-    """Requests answered, seconds, 99th percentile of the latency in microseconds, errors."""
+    """Returns requests, seconds, 99th percentile of the latency in microseconds, errors."""
     script = pathlib.Path(__file__).with_name("service.lua")
     command = ["wrk", f"-t{THREADS}", f"-c{CONNECTIONS}", f"-d{seconds}s", "-s", script, f"https://{address}{PATH}"]
     output = subprocess.run([*command, "--", BODY], check=True, stdout=subprocess.PIPE, text=True).stdout
@@ -108,10 +108,10 @@ def run_wrk(address, seconds):
     return requests, microseconds / 1e6, latency, errors
 
 
-def family(pid):
-    """A process and all below it."""
+def process_tree(pid):
+    """A process and its descendants."""
     children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text(encoding="utf-8").split()
-    return [pid, *(each for child in children for each in family(child))]
+    return [pid, *(each for child in children for each in process_tree(child))]
 
 
 def cpu_seconds(pid):
@@ -119,7 +119,7 @@ def cpu_seconds(pid):
         fields = pathlib.Path(f"/proc/{process}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
-    return sum(map(own, family(pid)))
+    return sum(map(own, process_tree(pid)))
 
 
 def peak_resident_bytes(pid):
@@ -127,18 +127,18 @@ def peak_resident_bytes(pid):
         status = pathlib.Path(f"/proc/{process}/status").read_text(encoding="utf-8")
         return int(status.partition("VmHWM:")[2].split()[0]) * 1024
 
-    return sum(map(own, family(pid)))
+    return sum(map(own, process_tree(pid)))
 
 
 def measure(address, ca_file, pid):
     expect_acceptance(address, ca_file)
-    begun = cpu_seconds(pid) if pid else 0
+    started = cpu_seconds(pid) if pid else 0
     requests, seconds, latency, errors = run_wrk(address, SECONDS)
     print(f"requests_per_second\t{requests / seconds:.9g}")
     print(f"latency_us_p99\t{latency:.9g}")
     print(f"errors\t{errors:.9g}")
     if pid:
-        print(f"server_cpu_us_per_request\t{(cpu_seconds(pid) - begun) * 1e6 / requests:.9g}")
+        print(f"server_cpu_us_per_request\t{(cpu_seconds(pid) - started) * 1e6 / requests:.9g}")
         print(f"server_peak_resident_bytes\t{peak_resident_bytes(pid)}")
     expect_acceptance(address, ca_file)
 
@@ -154,7 +154,7 @@ def main():
     nginx.add_argument("--pid", type=int, help="its master process; with it, CPU time and memory are printed, too")
     options = parser.parse_args()
 
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the service is ended on the way out
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the exit ends the service
     if options.contender == "nginx":
         measure(options.address, options.ca_file, options.pid)
         return

@@ -1,10 +1,10 @@
-// Delayed tasks: what one more costs when few or many already wait, and how late they run. All contenders run a
-// packaged task on one thread, not before its deadline, and hand out its future, which the caller drops at once, as the
-// adapter does.
+// Delayed tasks: the cost of an insert with one or many pending tasks, and the lateness of the tasks. All contenders
+// run a packaged task on one thread, not before its deadline, and return its future, which the caller drops at once, as
+// the adapter does.
 //
-//     bench_timers CONTENDER one       inserts beside one that waits
-//     bench_timers CONTENDER many      inserts beside many that wait
-//     bench_timers CONTENDER late      how late they run
+//     bench_timers CONTENDER one       inserts with one pending task
+//     bench_timers CONTENDER many      inserts with many pending tasks
+//     bench_timers CONTENDER late      lateness
 
 #include <malloc.h>
 #include <sys/prctl.h>
@@ -28,7 +28,7 @@
 #include <utility>
 #include <vector>
 
-#include "Contest.h"
+#include "Benchmark.h"
 #include "base/KstMessageLoop.h"
 
 namespace {
@@ -74,15 +74,15 @@ public:
     void waitUntilArmed() {}  // armed when post() returns
 
 private:
-    // With the executor's own type: less to store and to call than any_io_executor.
+    // The concrete executor type is cheaper than any_io_executor.
     using Timer = asio::steady_timer::rebind_executor<asio::io_context::executor_type>::other;
 
-    asio::io_context mContext{1};  // one thread runs it; any thread may arm a timer of its own
+    asio::io_context mContext{1};  // one thread runs it; any thread may arm its own timer
     asio::executor_work_guard<asio::io_context::executor_type> mWork{mContext.get_executor()};
     std::thread mThread{[this] { mContext.run(); }};
 };
 
-// Only the loop's own thread may start a timer of libuv: a post hands it over.
+// libuv timers may be started on the loop thread only, so a post queues the timer.
 class UvLoop {
 public:
     UvLoop() {
@@ -148,7 +148,7 @@ private:
         }
     }
 
-    // libuv counts whole milliseconds of the same clock: the first of them that is not before the deadline.
+    // libuv uses whole milliseconds of the same clock; rounds the deadline up.
     void arm(Timer* timer) {
         const auto due = std::chrono::ceil<milliseconds>(timer->deadline.time_since_epoch()).count();
         const auto now = static_cast<long>(uv_now(&mLoop));
@@ -181,7 +181,7 @@ private:
     std::mutex mMutex;
     std::condition_variable mAllArmed;
     std::vector<std::unique_ptr<Timer>> mPosted;
-    std::vector<std::unique_ptr<Timer>> mTimers;  // the loop's thread alone; two vectors take turns and keep their room
+    std::vector<std::unique_ptr<Timer>> mTimers;  // loop thread only; swapped with mPosted, both keep their capacity
     bool mArming = false;
     bool mStopped = false;
     std::thread mThread;
@@ -190,29 +190,29 @@ private:
 // ---- The measurements -----------------------------------------------------------------------------------------------
 
 constexpr size_t kLateBatches = 8;
-constexpr size_t kLateTasks = 50;  // a batch
-constexpr milliseconds kLateWithin{24};
-constexpr std::chrono::microseconds kPause{200};  // long enough for the worker to fall asleep
+constexpr size_t kLateTasks = 50;  // per batch
+constexpr milliseconds kLateSpan{24};
+constexpr std::chrono::microseconds kPause{200};  // the worker becomes idle
 constexpr size_t kMemory = size_t{480} << 20;     // more than any contender needs
 
-// How many already wait, how many more are inserted, and into how many fresh loops.
-struct Crowd {
+// Pending tasks before the measurement, measured inserts, and fresh loops to repeat it on.
+struct Load {
     size_t pending;
     size_t inserts;
     size_t loops;
 };
 
-constexpr Crowd kOne = {1, 8, 150};
+constexpr Load kOne = {1, 8, 150};
 constexpr size_t kEarliestInserts = 100;
 
-// At 1,000 and at 1,000,000 the inserts pass a power of two, where vexalive and asio move their heap into a vector of
-// twice the size: that counts in full.
-constexpr Crowd kMany[] = {{1'000, 500, 40}, {10'000, 1'000, 30}, {100'000, 10'000, 3}, {1'000'000, 100'000, 1}};
+// At 1,000 and at 1,000,000 the inserts cross a power of two, where vexalive and asio reallocate their heap. The
+// reallocation is part of the measurement.
+constexpr Load kMany[] = {{1'000, 500, 40}, {10'000, 1'000, 30}, {100'000, 10'000, 3}, {1'000'000, 100'000, 1}};
 
 constexpr unsigned long kNoSlack = 1;  // nanosecond
 constexpr unsigned long kUsualSlack = 0;
 
-// Stands for the adapter: its tasks hold it weakly and change what belongs to the worker.
+// Like the adapter: its tasks hold it weakly and change state of the worker thread.
 struct Owner : std::enable_shared_from_this<Owner> {
     long count = 0;
 
@@ -249,7 +249,7 @@ void insert(Loop& loop, Owner& owner, const std::vector<milliseconds>& delays) {
     loop.waitUntilArmed();
 }
 
-// Starts the worker, and gives the queues the room that a loop in use has.
+// Starts the worker and grows the queues to their usual capacity.
 template <class Loop>
 void warmUp(Loop& loop) {
     std::vector<std::future<void>> done(16);
@@ -261,27 +261,27 @@ void warmUp(Loop& loop) {
     }
 }
 
-// Nanoseconds for each of the inserts, from the first until all are armed.
+// Nanoseconds per insert, from the first insert until all timers are armed.
 template <class Loop>
-double nanosecondsOfInsert(const Crowd& crowd) {
+double nanosecondsOfInsert(const Load& load) {
     double seconds = 0;
-    for (size_t i = 0; i < crowd.loops; ++i) {
+    for (size_t i = 0; i < load.loops; ++i) {
         const auto owner = std::make_shared<Owner>();
         Loop loop;
         warmUp(loop);
-        std::vector<milliseconds> pending = distantDelays(crowd.pending);
-        pending.front() = kEarliest;  // what the worker waits for, whatever is inserted
+        std::vector<milliseconds> pending = distantDelays(load.pending);
+        pending.front() = kEarliest;  // stays the earliest deadline
         insert(loop, *owner, pending);
-        const std::vector<milliseconds> delays = distantDelays(crowd.inserts);
+        const std::vector<milliseconds> delays = distantDelays(load.inserts);
         std::this_thread::sleep_for(kPause);
         const double start = bench::seconds();
         insert(loop, *owner, delays);
         seconds += bench::seconds() - start;
     }
-    return seconds * 1e9 / static_cast<double>(crowd.loops * crowd.inserts);
+    return seconds * 1e9 / static_cast<double>(load.loops * load.inserts);
 }
 
-// Nanoseconds for an insert that becomes the earliest, so that the worker has to be woken to wait for less.
+// Nanoseconds per insert that becomes the earliest deadline, so that the worker must be woken.
 template <class Loop>
 double nanosecondsOfEarliest() {
     double seconds = 0;
@@ -298,9 +298,9 @@ double nanosecondsOfEarliest() {
     return seconds * 1e9 / static_cast<double>(kEarliestInserts);
 }
 
-// What is freed stays with the process, which has touched as much of it as any crowd needs: no insert waits for a page
-// of the kernel's, whose price on a virtual machine is the host's.
-void takeMemory() {
+// Touches all memory that a run needs and keeps freed memory in the process. Otherwise inserts include page faults,
+// whose cost on a virtual machine depends on the host.
+void prefaultMemory() {
     mallopt(M_MMAP_MAX, 0);
     mallopt(M_TRIM_THRESHOLD, -1);
     void* memory = std::malloc(kMemory);
@@ -308,18 +308,19 @@ void takeMemory() {
     std::free(memory);
 }
 
-// Microseconds after its deadline at which each task runs. Each batch begins at another part of a millisecond: a clock
-// of whole milliseconds makes all tasks of a batch late by the same part. The slack is by how much Linux lets a timed
-// wait of this thread, and of those that it starts, end too late; asio's timer descriptor knows none.
+// Lateness of each task in microseconds. Each batch starts at a different fraction of a millisecond, because a clock of
+// whole milliseconds delays all tasks of a batch by the same fraction. `slack` is the timer slack of this thread and of
+// those that it starts: the time by which Linux may delay the end of a timed wait. It does not affect the timer
+// descriptor of asio.
 template <class Loop>
 std::vector<double> latenesses(unsigned long slack) {
-    const bench::AwakeProcessor together;
+    const bench::BusyProcessor together;
     prctl(PR_SET_TIMERSLACK, slack);
     Loop loop;
     warmUp(loop);
     std::vector<double> late(kLateBatches * kLateTasks);
     for (size_t batch = 0; batch < kLateBatches; ++batch) {
-        const std::vector<milliseconds> delays = randomDelays(kLateTasks, milliseconds(1), kLateWithin);
+        const std::vector<milliseconds> delays = randomDelays(kLateTasks, milliseconds(1), kLateSpan);
         std::vector<std::future<void>> done(kLateTasks);
         std::this_thread::sleep_for(std::chrono::microseconds(1'000 * batch / kLateBatches));
         for (size_t i = 0; i < kLateTasks; ++i) {
@@ -329,7 +330,7 @@ std::vector<double> latenesses(unsigned long slack) {
             };
             done[i] = loop.post(delays[i], task);
         }
-        std::this_thread::sleep_for(kLateWithin);  // nobody waits for a future yet, so that none has to be woken
+        std::this_thread::sleep_for(kLateSpan);  // no thread waits for a future yet, so no task pays for a wake-up
         for (const std::future<void>& each : done) {
             each.wait();
         }
@@ -346,13 +347,13 @@ void measureBesideOne() {
 
 template <class Loop>
 void measureBesideMany() {
-    takeMemory();
-    for (const Crowd& crowd : kMany) {
-        const std::string figure = "insert_ns_" + std::to_string(crowd.pending) + "_pending";
-        bench::print(figure.c_str(), nanosecondsOfInsert<Loop>(crowd));
+    prefaultMemory();
+    for (const Load& load : kMany) {
+        const std::string figure = "insert_ns_" + std::to_string(load.pending) + "_pending";
+        bench::print(figure.c_str(), nanosecondsOfInsert<Loop>(load));
     }
     if (bench::peakResidentBytes() > 1.1 * kMemory) {
-        std::fprintf(stderr, "inserts have taken memory beyond what was touched before\n");
+        std::fprintf(stderr, "the inserts used memory that was not touched before\n");
         std::exit(1);
     }
 }
@@ -364,7 +365,7 @@ void measureLateness() {
     bench::print("lateness_us_p99", bench::percentile(late, 0.99));
 }
 
-// Not for libuv, whose whole milliseconds hide the slack.
+// Not for libuv: its whole milliseconds hide the slack.
 template <class Loop>
 void measureLatenessAndSlack() {
     measureLateness<Loop>();
@@ -377,22 +378,22 @@ void measureLatenessAndSlack() {
 int main(int argc, char** argv) {
     const std::string_view part = argc == 3 ? argv[2] : "";
     if (part == "one") {
-        return bench::contest(argc, argv,
-                              {{"vexalive", measureBesideOne<VexaliveLoop>},
-                               {"asio", measureBesideOne<AsioLoop>},
-                               {"libuv", measureBesideOne<UvLoop>}});
+        return bench::runContender(argc, argv,
+                                   {{"vexalive", measureBesideOne<VexaliveLoop>},
+                                    {"asio", measureBesideOne<AsioLoop>},
+                                    {"libuv", measureBesideOne<UvLoop>}});
     }
     if (part == "many") {
-        return bench::contest(argc, argv,
-                              {{"vexalive", measureBesideMany<VexaliveLoop>},
-                               {"asio", measureBesideMany<AsioLoop>},
-                               {"libuv", measureBesideMany<UvLoop>}});
+        return bench::runContender(argc, argv,
+                                   {{"vexalive", measureBesideMany<VexaliveLoop>},
+                                    {"asio", measureBesideMany<AsioLoop>},
+                                    {"libuv", measureBesideMany<UvLoop>}});
     }
     if (part == "late") {
-        return bench::contest(argc, argv,
-                              {{"vexalive", measureLatenessAndSlack<VexaliveLoop>},
-                               {"asio", measureLatenessAndSlack<AsioLoop>},
-                               {"libuv", measureLateness<UvLoop>}});
+        return bench::runContender(argc, argv,
+                                   {{"vexalive", measureLatenessAndSlack<VexaliveLoop>},
+                                    {"asio", measureLatenessAndSlack<AsioLoop>},
+                                    {"libuv", measureLateness<UvLoop>}});
     }
     std::fprintf(stderr, "%s takes a contender, and one of: one many late\n", argv[0]);
     return 2;

@@ -1,6 +1,6 @@
-"""The far side of the benchmarks: nginx, which answers each request with a fixed text over TLS and HTTP/2.
+"""The server of the benchmarks: nginx, with a fixed response to each request, over TLS and HTTP/2.
 
-    with FarSide(folder) as far_side: far_side.address, far_side.ca_file
+    with ReferenceServer(folder) as server: server.address, server.ca_file
 """
 
 import json
@@ -32,8 +32,8 @@ http {{
 }}
 """
 
-# What the adapter, and each of the clients beside it, takes for success.
-ANSWERS = {
+# Responses that the adapter and the other clients treat as success.
+RESPONSES = {
     "/v3/liveinterface/": {"code": 0, "message": "ok"},
     "/twirp/livekit.Egress/StartRoomCompositeEgress": {
         "egress_id": "EG_k3pq8WzXo2Tb",
@@ -66,7 +66,7 @@ ANSWERS = {
     "/StartComposition": {
         "composition": {
             "arn": "arn:aws:ivs:eu-central-1:123456789012:composition/mXk4Qp7RtZ2a",
-            "stageArn": "arn:aws:ivs:eu-central-1:123456789012:stage/w8Ns3LdVb6Yc",
+            "stageArn": "arn:aws:ivs:eu-central-1:123456789012:environment/w8Ns3LdVb6Yc",
             "state": "STARTING",
             "layout": {
                 "grid": {
@@ -105,7 +105,7 @@ def free_port():
 
 
 def make_certificates(folder):
-    """An authority and a server's certificate for 127.0.0.1 and localhost."""
+    """Makes a certificate authority and a server certificate for 127.0.0.1 and localhost."""
 
     def openssl(*arguments):
         subprocess.run(["openssl", *arguments], cwd=folder, check=True, capture_output=True)
@@ -118,7 +118,7 @@ def make_certificates(folder):
             "-CA", "ca.pem", "-CAkey", "ca.key")
 
 
-class FarSide:
+class ReferenceServer:
     def __init__(self, folder):
         self.folder = folder
         self.port = free_port()
@@ -128,25 +128,25 @@ class FarSide:
 
     def __enter__(self):
         make_certificates(self.folder)
-        texts = {path: json.dumps(answer, separators=(",", ":")) for path, answer in ANSWERS.items()}
-        locations = "\n".join(f"    location {path} {{ return 200 '{text}'; }}" for path, text in texts.items())
+        bodies = {path: json.dumps(response, separators=(",", ":")) for path, response in RESPONSES.items()}
+        locations = "\n".join(f"    location {path} {{ return 200 '{body}'; }}" for path, body in bodies.items())
         with open(os.path.join(self.folder, "nginx.conf"), "w", encoding="utf-8") as file:
             user = "user root;" if os.getuid() == 0 else ""
             file.write(CONFIGURATION.format(user=user, port=self.port, locations=locations))
         log = os.path.join(self.folder, "error.log")
         self.process = subprocess.Popen(["/usr/sbin/nginx", "-p", self.folder + "/", "-c", "nginx.conf", "-e", log])
-        patience = time.monotonic() + 20
+        deadline = time.monotonic() + 20
         while True:
             try:
                 socket.create_connection(("127.0.0.1", self.port), 1).close()
                 return self
             except OSError:
-                if self.process.poll() is not None or time.monotonic() > patience:
+                if self.process.poll() is not None or time.monotonic() > deadline:
                     raise RuntimeError(f"nginx does not serve: see {self.folder}/error.log") from None
                 time.sleep(0.02)
 
     def move_to(self, processors):
-        """Lets all of its processes run on these processors only."""
+        """Restricts all processes of the server to these processors."""
         with open(f"/proc/{self.process.pid}/task/{self.process.pid}/children", encoding="ascii") as file:
             for pid in [self.process.pid, *map(int, file.read().split())]:
                 os.sched_setaffinity(pid, processors)

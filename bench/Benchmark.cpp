@@ -1,4 +1,4 @@
-#include "Contest.h"
+#include "Benchmark.h"
 
 #include <sys/resource.h>
 
@@ -25,7 +25,7 @@ rusage usage() {
     return used;
 }
 
-// Of /proc/self/status, which counts in KiB.
+// /proc/self/status reports KiB.
 double statusBytes(const std::string& name) {
     std::ifstream status("/proc/self/status");
     for (std::string word; status >> word;) {
@@ -40,7 +40,7 @@ double statusBytes(const std::string& name) {
 
 }  // namespace
 
-int contest(int argc, char** argv, std::initializer_list<Contender> contenders) {
+int runContender(int argc, char** argv, std::initializer_list<Contender> contenders) {
     for (const Contender& contender : contenders) {
         if (argc >= 2 && std::strcmp(argv[1], contender.name) == 0) {
             contender.run();
@@ -90,18 +90,18 @@ int threads() {
     return static_cast<int>(std::distance(begin(tasks), end(tasks)));
 }
 
-OneProcessor::OneProcessor() {
+PinnedToOneProcessor::PinnedToOneProcessor() {
     sched_getaffinity(0, sizeof mBefore, &mBefore);
     cpu_set_t here{};
     CPU_SET(sched_getcpu(), &here);
     sched_setaffinity(0, sizeof here, &here);
 }
 
-OneProcessor::~OneProcessor() {
+PinnedToOneProcessor::~PinnedToOneProcessor() {
     sched_setaffinity(0, sizeof mBefore, &mBefore);
 }
 
-AwakeProcessor::AwakeProcessor() {
+BusyProcessor::BusyProcessor() {
     mFiller = std::thread([this] {
         const sched_param none{};
         if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) {
@@ -113,7 +113,7 @@ AwakeProcessor::AwakeProcessor() {
     });
 }
 
-AwakeProcessor::~AwakeProcessor() {
+BusyProcessor::~BusyProcessor() {
     mEnded = true;
     mFiller.join();
 }
@@ -125,7 +125,7 @@ int connectionsTo(int port) {
     int open = 0;
     std::ifstream table("/proc/self/net/tcp");
     std::string line;
-    std::getline(table, line);  // the names of the columns
+    std::getline(table, line);  // header line
     while (std::getline(table, line)) {
         std::string number;
         std::string from;

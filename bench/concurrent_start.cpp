@@ -1,5 +1,5 @@
-// A thousand adapters, each in its room, start at once, until the last answer has been told; beside a thousand prepared
-// handles in one bare multi handle on one thread. Neither has a connection yet.
+// Starts a relay on 1,000 adapters at the same time and waits for the last listener call. The reference is 1,000
+// prepared easy handles in one libcurl multi handle on one thread. Neither has a connection at the start.
 
 #include <chrono>
 #include <memory>
@@ -8,15 +8,15 @@
 #include <vector>
 
 #include "BareCurl.h"
-#include "Contest.h"
+#include "Benchmark.h"
 #include "Member.h"
 
 namespace {
 
-constexpr int kCrowd = 1000;
-constexpr std::chrono::milliseconds kSettling(300);  // until the workers sleep
+constexpr int kAdapters = 1000;
+constexpr std::chrono::milliseconds kSettling(300);  // the workers become idle
 
-// `prepare` and then, timed, `start`, which returns when the last answer has been told.
+// Runs `prepare`, then measures `start`, which returns after the last response.
 template <class Prepare, class Start>
 void measure(Prepare prepare, Start start) {
     const double resident = bench::residentBytes();
@@ -27,26 +27,26 @@ void measure(Prepare prepare, Start start) {
     start();
     bench::print("wall_ms", (bench::seconds() - begun) * 1e3);
     bench::print("cpu_ms", (bench::cpuSeconds() - cpu) * 1e3);
-    bench::print("resident_bytes_each", (bench::peakResidentBytes() - resident) / kCrowd);
+    bench::print("resident_bytes_each", (bench::peakResidentBytes() - resident) / kAdapters);
     bench::print("threads", bench::threads());
     bench::print("connections", bench::connectionsTo(bench::servicePort()));
 }
 
 void vexalive() {
-    bench::quiet();
-    bench::Signal told;
+    bench::silenceLogsAndReports();
+    bench::Signal done;
     std::vector<std::unique_ptr<bench::Member>> members;
     measure(
         [&] {
-            for (int i = 0; i < kCrowd; ++i) {
-                members.push_back(std::make_unique<bench::Member>("u-" + std::to_string(i), &told));
+            for (int i = 0; i < kAdapters; ++i) {
+                members.push_back(std::make_unique<bench::Member>("u-" + std::to_string(i), &done));
             }
         },
         [&] {
             for (const auto& member : members) {
                 member->start();
             }
-            told.take(kCrowd);
+            done.wait(kAdapters);
         });
 }
 
@@ -56,7 +56,7 @@ void multi() {
     std::vector<std::unique_ptr<bench::BareEasy>> handles;
     measure(
         [&] {
-            for (int i = 0; i < kCrowd; ++i) {
+            for (int i = 0; i < kAdapters; ++i) {
                 handles.push_back(std::make_unique<bench::BareEasy>());
                 curl_easy_setopt(handles.back()->handle(), CURLOPT_PRIVATE, handles.back().get());
             }
@@ -65,17 +65,17 @@ void multi() {
             for (const auto& each : handles) {
                 curl_multi_add_handle(multi, each->handle());
             }
-            for (int answered = 0; answered < kCrowd;) {
+            for (int completed = 0; completed < kAdapters;) {
                 int running = 0;
                 curl_multi_perform(multi, &running);
                 int left = 0;
                 while (const CURLMsg* message = curl_multi_info_read(multi, &left)) {
                     bench::BareEasy* easy = nullptr;
                     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &easy);
-                    easy->expectAnswer(message->data.result);
-                    ++answered;
+                    easy->expectSuccess(message->data.result);
+                    ++completed;
                 }
-                if (answered < kCrowd) {
+                if (completed < kAdapters) {
                     curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
                 }
             }
@@ -89,5 +89,5 @@ void multi() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::contest(argc, argv, {{"vexalive", vexalive}, {"multi", multi}});
+    return bench::runContender(argc, argv, {{"vexalive", vexalive}, {"multi", multi}});
 }
