@@ -79,25 +79,6 @@ std::string inWords(int status) {
 
 }  // namespace
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        reset();
-        mFd = other.release();
-    }
-    return *this;
-}
-
-void Descriptor::reset() {
-    if (mFd >= 0) {
-        ::close(mFd);
-    }
-    mFd = -1;
-}
-
-int Descriptor::release() {
-    return std::exchange(mFd, -1);
-}
-
 std::string findProgram(const std::string& name, const std::string& folders) {
     const char* const path = std::getenv("PATH");
     std::istringstream each(folders + ":" + (path ? path : ""));

@@ -13,25 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "common/Descriptor.h"
+
 namespace vexalive {
-
-// A file descriptor that is closed at its end.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : mFd(fd) {}
-    Descriptor(Descriptor&& other) noexcept : mFd(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept;
-    ~Descriptor() { reset(); }
-
-    int get() const { return mFd; }
-    bool isOpen() const { return mFd >= 0; }
-    void reset();
-
-private:
-    int release();
-
-    int mFd;
-};
 
 // An executable file of that name in one of `folders`, which have a colon between them, or in one of PATH's; empty if
 // there is none.

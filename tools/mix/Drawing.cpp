@@ -10,6 +10,8 @@
 #include <sstream>
 #include <utility>
 
+#include "common/Text.h"
+
 namespace vexalive {
 namespace {
 
@@ -29,14 +31,6 @@ struct GObjectUnref {
 template <class T>
 using GObjectPtr = std::unique_ptr<T, GObjectUnref<T>>;
 
-// Controls, noncharacters, and what turns the direction of the text around it.
-bool isUnfit(gunichar character) {
-    const GUnicodeType type = g_unichar_type(character);
-    return type == G_UNICODE_CONTROL || type == G_UNICODE_LINE_SEPARATOR || type == G_UNICODE_PARAGRAPH_SEPARATOR ||
-           (character >= 0x202a && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069) ||
-           (character & 0xfffe) == 0xfffe;
-}
-
 // The beginning of the text as characters that can be drawn, and that XML can hold.
 std::string drawable(const std::string& text) {
     const std::unique_ptr<gchar, decltype(&g_free)> valid(
@@ -47,8 +41,9 @@ std::string drawable(const std::string& text) {
         if (++length > kMaxText) {
             return result + kEllipsis;
         }
-        result.append(isUnfit(g_utf8_get_char(at)) ? kReplacement
-                                                   : std::string(at, static_cast<size_t>(g_utf8_next_char(at) - at)));
+        result.append(isUnprintable(g_utf8_get_char(at))
+                          ? kReplacement
+                          : std::string(at, static_cast<size_t>(g_utf8_next_char(at) - at)));
     }
     return result;
 }

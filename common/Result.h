@@ -1,0 +1,27 @@
+#ifndef VEXALIVE_COMMON_RESULT_H
+#define VEXALIVE_COMMON_RESULT_H
+
+#include <string>
+#include <tl/expected.hpp>
+#include <utility>
+
+namespace vexalive {
+
+/// Why an operation failed, for people: what is wrong, where, what is allowed, and what to do about it.
+struct Error {
+    std::string message;
+};
+
+/// The value of an operation, or the reason why there is none. `E` is a struct of its own where callers need more than
+/// a message.
+template <class T, class E = Error>
+using Result = tl::expected<T, E>;
+
+/// For `return failure("...")` in a function that returns a Result.
+inline tl::unexpected<Error> failure(std::string message) {
+    return tl::unexpected<Error>(Error{std::move(message)});
+}
+
+}  // namespace vexalive
+
+#endif
