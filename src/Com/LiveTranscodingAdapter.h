@@ -29,9 +29,11 @@ class CVexaHttpSendRecv;
 class KstCopyOnWriteBuffer;
 class KstMessageLoop;
 
-namespace json {
-class Object;
-}
+namespace vexalive::requests {
+struct Envelope;
+struct Refusal;
+struct Sender;
+}  // namespace vexalive::requests
 
 // The order of mix inputs: lower layers first.
 bool LiveTranscodingAdapterSortFun(const kstmedia::VexaMixUserInternal& a, const kstmedia::VexaMixUserInternal& b);
@@ -87,9 +89,10 @@ public:
     void stopLiveMixTranscoding();
 
 private:
-    struct Family;       // what relay work, or mix work, has in common
-    struct RequestKind;  // what tells one kind of request from the others
-    struct Attempt;      // what tells its first send from its retries
+    struct Family;       // relay work, or mix work
+    struct RequestKind;  // one of the four kinds of request
+    struct Attempt;      // the first send of a kind, or its retries
+    struct MixSnapshot;  // what the body of a mix is made of
 
     // Posting and notifying.
     template <class F>
@@ -97,8 +100,9 @@ private:
     template <class F>
     void post(F task);
     void notify(void (ILiveTrancodingDelegate::*call)(int, std::string), int errCode, std::string errMsg);
+    void notify(const vexalive::requests::Refusal& refusal);
 
-    // The way to every guarded member that a table names, and a look at one.
+    // Access by member pointer, as the tables name members: guarded() requires the lock, read() takes it.
     template <class T>
     T& guarded(T LiveTranscodingAdapter::*member) KST_REQUIRES(mMutex) {
         return this->*member;
@@ -116,12 +120,14 @@ private:
 
     // The engine: one request of any kind, from the first send to the report.
     void sendFirst(const RequestKind& kind, int32_t index);
+    void storeInformation(const RequestKind& kind, std::string body);
+    void logSend(const RequestKind& kind, const Attempt& attempt, int32_t index, const std::string& body);
     void send(const RequestKind& kind, const Attempt& attempt, int32_t index, const std::string& url,
               const std::string& body, std::string trace);
     void receive(const RequestKind& kind, const Attempt& attempt, int32_t index, std::string trace, int retCode,
                  const KstCopyOnWriteBuffer& response);
     void retry(const RequestKind& kind, int32_t index, std::string trace);
-    bool takeRetry(const RequestKind& kind);
+    bool useRetry(const RequestKind& kind);
     int getDelayTime(int n);
 
     // The four kinds of request.
@@ -139,7 +145,7 @@ private:
     void retryCancelMixStream(int index, std::string trace);
     std::string getCancelMixPostData();
 
-    // Judging answers.
+    // Evaluation of responses.
     bool isRetryRequest(int retCode, std::string respData, int kind);
     int responeRequest(int retCode, std::string respData, int kind);
 
@@ -150,14 +156,13 @@ private:
 
     // What every request shares.
     std::string getServerUrl(std::string interfaceName);
-    json::Object commonFields(const char* interfaceName);
+    vexalive::requests::Envelope nextEnvelope();
+    vexalive::requests::Sender sender() KST_EXCLUDES(mMutex);
+    MixSnapshot mixSnapshot() KST_EXCLUDES(mMutex);
     uint32_t getCurrentSec();
     int32_t getEventIdSeq();
     std::string getStreamId(std::string roomId, std::string userId, bool isMain);
     std::string getMD5(std::string text, bool flag);
-    std::string getLocalStreamId();
-    std::string getInputStreamId(const kstmedia::VexaMixUserInternal& user);
-    kstmedia::VexaTranscodingConfigInternal storedConfig();
 
     void report(const RequestKind& kind, std::string detail);
     void reportTaskInfo(int event, std::string information, std::string detail);

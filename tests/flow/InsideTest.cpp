@@ -28,8 +28,13 @@ using kstmedia::VexaTranscodingConfigInternal;
 
 class InsideTest : public FlowTest {
 protected:
+    VexaTranscodingConfigInternal storedConfig() {
+        KstMutexLock lock(mAdapter->mMutex);
+        return mAdapter->mTranscodingConfig;
+    }
+
     void expectConfiguration(int mode, int ids, int media) {
-        const VexaTranscodingConfigInternal config = mAdapter->storedConfig();
+        const VexaTranscodingConfigInternal config = storedConfig();
         EXPECT_EQ(config.mode, mode);
         EXPECT_EQ(config.appId, ids);
         EXPECT_EQ(config.bizId, ids);
@@ -208,7 +213,7 @@ TEST_F(InsideTest, AcceptedMixIsStoredWholeAndSorted) {
     givenInRoom();
     startMix(mix({user("bob", 3), user("carol", 1), user("alice", 2)}));
 
-    const VexaTranscodingConfigInternal stored = mAdapter->storedConfig();
+    const VexaTranscodingConfigInternal stored = storedConfig();
     EXPECT_EQ(stored.to_string(), mix({user("carol", 1), user("alice", 2), user("bob", 3)}).to_string());
 }
 
@@ -243,7 +248,7 @@ TEST_F(InsideTest, CancelThatIsRefusedOrSupersededClearsNothing) {
     mAdapter->stopLiveMixTranscoding();
     run();
     startMix();
-    EXPECT_EQ(mAdapter->storedConfig().mixUsersArray.size(), 1u);
+    EXPECT_EQ(storedConfig().mixUsersArray.size(), 1u);
 }
 
 TEST_F(InsideTest, StopKeepsTheStoredRelayParameter) {
