@@ -61,7 +61,7 @@ SdkEventCollector::SdkEventCollector(int lowestLogLevel)
         queue->push(ExchangeEvent{exchange.phase, exchange.id,
                                   isStarted ? operationOf(exchange.interfaceName, exchange.body) : std::nullopt,
                                   std::string(exchange.interfaceName), exchange.bytesSent, exchange.httpStatus,
-                                  exchange.retCode, std::string(exchange.answer), exchange.elapsed});
+                                  exchange.retCode, std::string(exchange.response), exchange.elapsed});
     });
     setEventSink([queue = mQueue](const EventReport& report) { queue->push(report); });
     setLogSink([queue = mQueue, lowestLogLevel](int level, const char* file, int line, const char* function,

@@ -8,10 +8,10 @@ namespace {
 
 constexpr int kLowestStatus = 100;
 
-// Results of libcurl that a user can do something about; base/CVexaHttpSendRecv.h has them from kLibraryBase on.
-constexpr int kMalformedAddress = CVexaHttpSendRecv::kLibraryBase + 3;
-constexpr int kCertificateRefused = CVexaHttpSendRecv::kLibraryBase + 60;
-constexpr int kBadCaFile = CVexaHttpSendRecv::kLibraryBase + 77;
+// Results of libcurl that a user can do something about; base/CVexaHttpSendRecv.h has them from kTransportErrorBase on.
+constexpr int kMalformedAddress = CVexaHttpSendRecv::kTransportErrorBase + 3;
+constexpr int kCertificateRefused = CVexaHttpSendRecv::kTransportErrorBase + 60;
+constexpr int kBadCaFile = CVexaHttpSendRecv::kTransportErrorBase + 77;
 
 struct Meaning {
     int retCode;
@@ -19,8 +19,8 @@ struct Meaning {
 };
 
 constexpr Meaning kMeanings[] = {
-    {CVexaHttpSendRecv::kAnswered, "answered"},
-    {CVexaHttpSendRecv::kTryAgain,
+    {CVexaHttpSendRecv::kSuccess, "answered"},
+    {CVexaHttpSendRecv::kRetryable,
      "no answer: the service was not reached, took too long, or the connection broke off"},
     {301, "HTTP status 301: moved elsewhere, which is not followed"},
     {302, "HTTP status 302: redirected, which is not followed"},
@@ -59,9 +59,9 @@ std::string describeBody(const ServiceAnswer& answer) {
 ServiceAnswer readAnswer(int retCode, const std::string& body, int httpStatus) {
     ServiceAnswer answer;
     answer.retCode = retCode;
-    if (retCode >= kLowestStatus && retCode < CVexaHttpSendRecv::kLibraryBase) {
+    if (retCode >= kLowestStatus && retCode < CVexaHttpSendRecv::kTransportErrorBase) {
         answer.httpStatus = retCode;
-    } else if (retCode == CVexaHttpSendRecv::kTryAgain && httpStatus != 0) {
+    } else if (retCode == CVexaHttpSendRecv::kRetryable && httpStatus != 0) {
         answer.httpStatus = httpStatus;
     }
     answer.isEmpty = body.empty();
@@ -74,7 +74,7 @@ ServiceAnswer readAnswer(int retCode, const std::string& body, int httpStatus) {
         answer.code = value["ErrorCode"].ToInt();
         answer.message = value["ErrorInfo"].ToString();
     }
-    if (retCode >= CVexaHttpSendRecv::kLibraryBase) {
+    if (retCode >= CVexaHttpSendRecv::kTransportErrorBase) {
         answer.transportError = value["transportError"].ToString();
     }
     return answer;
@@ -86,17 +86,17 @@ std::string describeReturnCode(int retCode) {
             return meaning.text;
         }
     }
-    if (retCode >= CVexaHttpSendRecv::kLibraryBase) {
+    if (retCode >= CVexaHttpSendRecv::kTransportErrorBase) {
         return "no answer, and another try would not help";
     }
     return retCode >= kLowestStatus ? "HTTP status " + std::to_string(retCode) : "unknown";
 }
 
 std::string describe(const ServiceAnswer& answer) {
-    if (answer.retCode == CVexaHttpSendRecv::kAnswered) {
+    if (answer.retCode == CVexaHttpSendRecv::kSuccess) {
         return describeBody(answer);
     }
-    const bool isBusy = answer.retCode == CVexaHttpSendRecv::kTryAgain && answer.httpStatus;
+    const bool isBusy = answer.retCode == CVexaHttpSendRecv::kRetryable && answer.httpStatus;
     std::string text = isBusy ? "HTTP status " + std::to_string(*answer.httpStatus) + ": not now, try again"
                               : describeReturnCode(answer.retCode);
     text += " (return code " + std::to_string(answer.retCode);

@@ -81,7 +81,7 @@ void TaskSession::onExchange(const ExchangeEvent& event) {
         return;
     }
     Task& task = *exchange->second;
-    if (event.phase == HttpExchange::kAnswered) {
+    if (event.phase == HttpExchange::kCompleted) {
         onAnswered(task, event);
     } else {
         mInFlight.erase(exchange);

@@ -279,7 +279,7 @@ std::optional<ServiceResult> readServiceResult(const json::Value& response) {
 }
 
 bool isRetried(int retCode, const std::string& response, int kind) {
-    if (retCode == CVexaHttpSendRecv::kTryAgain || response.empty()) {
+    if (retCode == CVexaHttpSendRecv::kRetryable || response.empty()) {
         return true;
     }
     const json::Value value = json::Deserialize(response);
@@ -292,7 +292,7 @@ bool isRetried(int retCode, const std::string& response, int kind) {
 
 Evaluation evaluate(int retCode, const std::string& response, int kind) {
     const ListenerCodes& codes = rulesOf(kind).family.codes;
-    if (retCode != CVexaHttpSendRecv::kAnswered) {
+    if (retCode != CVexaHttpSendRecv::kSuccess) {
         // The full-width comma is part of the interface.
         return {-1, {{codes.transportError, VexaFormatString("http post return error， retcode:%d", retCode)}}};
     }

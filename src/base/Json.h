@@ -1,7 +1,7 @@
-// JSON values, as far as the adapter needs them.
-//
-// Values are immutable and share what they hold, so copying one is cheap and threads may read one together. The values
-// stand here whole; turning them into text and back is left to a library: the default is platform/Json.cpp.
+/// @file
+/// JSON values, as far as the adapter needs them.
+///
+/// This header implements the values. A library serializes and parses them; the default is platform/Json.cpp.
 
 #ifndef VEXALIVE_BASE_JSON_H
 #define VEXALIVE_BASE_JSON_H
@@ -22,16 +22,16 @@ class Value;
 class Object;
 class Array;
 
-// Any thread may call the two below, several at once.
-
-// The text of `value`: no white space, object keys in ascending byte order, UTF-8 as it stands. Bytes that are not
-// UTF-8 come out as U+FFFD.
+/// Serializes `value` without white space: object keys in ascending byte order, UTF-8 unescaped. Bytes that are not
+/// UTF-8 become U+FFFD. Any thread may call.
 std::string Serialize(const Value& value);
 
-// The value of `text`, or null if it cannot be read: not JSON, not UTF-8, or nested more than 512 deep. Never throws
-// and never overflows the stack, whatever the bytes.
+/// Parses `text`. Returns null if it is not JSON, not UTF-8, or nested more than 512 levels deep. Never throws and
+/// never overflows the stack, for any bytes. Any thread may call.
 Value Deserialize(const std::string& text);
 
+/// An immutable JSON value. Copies share their contents, so copying is cheap and threads may read a value at the same
+/// time.
 class Value {
 public:
     enum Type { kNull = 0, kBool, kInteger, kReal, kString, kArray, kObject };
@@ -49,28 +49,34 @@ public:
     Type type() const { return static_cast<Type>(mData.index()); }
     bool isNull() const { return type() == kNull; }
 
-    // Whether this is an object that has the key, or all of the keys.
+    /// True if this is an object that has the key.
     bool HasKey(const std::string& key) const;
+
+    /// True if this is an object that has all of the keys.
     bool HasKeys(const std::vector<std::string>& keys) const;
 
-    // The member of that name; null if there is none or this is no object. Valid as long as a copy of this value lives.
+    /// The member of that name; null if it is missing or this is not an object. Valid as long as a copy of this value
+    /// lives.
     const Value& operator[](const char* key) const;
 
-    // An integer as it stands, clamped to 32 bits; a fraction cut towards zero, clamped; a text that is wholly a
-    // decimal integer as that integer, clamped; true 1, false 0. Anything else is -1, so that an unreadable code never
-    // counts as success.
+    /// Converts to a 32-bit integer: an integer is clamped; a fraction is truncated towards zero and clamped; a string
+    /// that is a decimal integer becomes that integer, clamped; true is 1 and false 0. Anything else is -1, so that an
+    /// unreadable code never counts as success.
     int ToInt() const;
 
-    // A text as it stands; null as the empty text; anything else as its JSON.
+    /// A string unchanged; null as the empty string; anything else serialized.
     std::string ToString() const;
 
-    // The contents, for a serializer: null where the value is of another type.
+    /// @name Contents, for a serializer
+    /// Null if the value has another type. Valid as long as a copy of this value lives.
+    /// @{
     const bool* asBool() const { return std::get_if<bool>(&mData); }
     const int64_t* asInteger() const { return std::get_if<int64_t>(&mData); }
     const double* asReal() const { return std::get_if<double>(&mData); }
     const std::string* asString() const { return pointee<std::string>(); }
     const Array* asArray() const { return pointee<Array>(); }
     const Object* asObject() const { return pointee<Object>(); }
+    /// @}
 
 private:
     template <class T>
@@ -79,12 +85,13 @@ private:
         return held ? held->get() : nullptr;
     }
 
-    // The alternatives stand in the order of Type.
+    // The alternatives are in the order of Type.
     std::variant<std::monostate, bool, int64_t, double, std::shared_ptr<const std::string>,
                  std::shared_ptr<const Array>, std::shared_ptr<const Object>>
         mData;
 };
 
+/// Builds an array. Not for several threads at once.
 class Array {
 public:
     void push_back(Value value) { mItems.push_back(std::move(value)); }
@@ -94,9 +101,10 @@ private:
     std::vector<Value> mItems;
 };
 
+/// Builds an object. Not for several threads at once.
 class Object {
 public:
-    // The member of that name, made null if there is none yet.
+    /// The member of that name; inserts null if it is missing.
     Value& operator[](const char* key) { return mMembers[key]; }
     Value& operator[](const std::string& key) { return mMembers[key]; }
 

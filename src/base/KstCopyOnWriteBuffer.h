@@ -1,6 +1,5 @@
-// A byte buffer that is cheap to hand from thread to thread: it carries request and answer bodies.
-//
-// The bytes are copied once, when the buffer is made, and never change afterwards; copies of the buffer share them.
+/// @file
+/// An immutable byte buffer for request and response bodies that is cheap to pass between threads.
 
 #ifndef VEXALIVE_BASE_KST_COPY_ON_WRITE_BUFFER_H
 #define VEXALIVE_BASE_KST_COPY_ON_WRITE_BUFFER_H
@@ -10,17 +9,20 @@
 #include <memory>
 #include <vector>
 
+/// Copies the bytes once, at construction; copies of the buffer share them. Threads may use copies at the same time.
 class KstCopyOnWriteBuffer {
 public:
-    // An empty buffer.
+    /// An empty buffer.
     KstCopyOnWriteBuffer() = default;
 
-    // Copies `size` bytes from `data`, which may be null only if `size` is 0.
+    /// Copies `size` bytes from `data`, which may be null only if `size` is 0.
     KstCopyOnWriteBuffer(const uint8_t* data, size_t size)
         : mBytes(size == 0 ? nullptr : std::make_shared<const std::vector<uint8_t>>(data, data + size)) {}
 
-    // The bytes, valid as long as a copy of this buffer lives; null if there are none. No zero byte ends them.
+    /// The bytes, valid as long as a copy of this buffer lives; null if size() is 0. Not terminated by a zero byte.
     const uint8_t* cdata() const { return mBytes ? mBytes->data() : nullptr; }
+
+    /// The number of bytes.
     size_t size() const { return mBytes ? mBytes->size() : 0; }
 
 private:

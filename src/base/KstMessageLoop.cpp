@@ -31,7 +31,7 @@ bool KstMessageLoop::enqueue(DelayTask& task) {
     const bool earliest = mDelayed.empty() || DelayTaskCmp()(mDelayed.front(), task);
     mDelayed.push_back(std::move(task));
     std::push_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
-    const bool wake = earliest && std::exchange(mIdle, false);  // a later deadline leaves the worker's wait as it is
+    const bool wake = earliest && std::exchange(mIdle, false);  // a later deadline does not shorten the worker's wait
     lock.unlock();
     if (wake) {
         mWakeUp.notifyOne();
@@ -45,7 +45,7 @@ void KstMessageLoop::startWorker() {
     }
     const std::weak_ptr<KstMessageLoop> weak = weak_from_this();
     if (weak.expired()) {
-        std::abort();  // owned by no shared pointer
+        std::abort();  // not owned by a shared pointer
     }
     mWorker = std::make_shared<std::thread>([weak] {
         if (const auto self = weak.lock()) {
@@ -59,7 +59,7 @@ void KstMessageLoop::Loop() {
     while (!mStopped) {
         collectDueTasks();
         if (!mTasks.empty()) {
-            mBatch.swap(mTasks);  // each keeps its room
+            mBatch.swap(mTasks);  // both vectors keep their capacity
             lock.unlock();
             for (mNext = 0; mNext < mBatch.size() && !mStopped;) {
                 KstTask task = std::move(mBatch[mNext++]);
@@ -79,7 +79,7 @@ void KstMessageLoop::Loop() {
     }
 }
 
-// Due tasks join the back of the queue, earliest first, so neither kind starves the other.
+// Appends the due tasks to the queue, earliest deadline first. So neither kind of task starves the other.
 void KstMessageLoop::collectDueTasks() {
     if (mDelayed.empty()) {
         return;
@@ -94,7 +94,7 @@ void KstMessageLoop::collectDueTasks() {
 
 void KstMessageLoop::stop() {
     std::shared_ptr<std::thread> worker;
-    std::vector<KstTask> tasks;  // destroyed unrun at the end, without the lock: they may post or stop
+    std::vector<KstTask> tasks;  // destroyed at the end without the lock: their destructors may post or stop
     std::vector<DelayTask> delayed;
     {
         KstMutexLock lock(mMutex);
@@ -108,7 +108,7 @@ void KstMessageLoop::stop() {
         return;
     }
     if (worker->get_id() == std::this_thread::get_id()) {
-        mBatch.resize(mNext);  // the rest is destroyed unrun, too
+        mBatch.resize(mNext);  // destroys the rest, too, without running it
         worker->detach();
     } else {
         worker->join();

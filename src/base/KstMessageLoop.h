@@ -1,7 +1,7 @@
-// The worker loop: one thread that runs posted tasks one at a time, at once or after a delay.
-//
-// The adapter turns each of its operations and retries into a task here. The thread starts with the first post and ends
-// with stop(). Always owned by a shared pointer; posting on a loop that is not aborts the process.
+/// @file
+/// The worker loop: one thread that runs posted tasks one at a time, immediately or after a delay.
+///
+/// The adapter posts each of its operations and retries here.
 
 #ifndef VEXALIVE_BASE_KST_MESSAGE_LOOP_H
 #define VEXALIVE_BASE_KST_MESSAGE_LOOP_H
@@ -18,60 +18,67 @@
 
 #include "base/Mutex.h"
 
-// What a queue holds: one reference to a packaged task, shared with the future alone, and run by calling it. Runs at
-// most once; can be moved, not copied.
+/// A packaged task, whose state only its future shares. Call it at most once. Movable, not copyable.
 class KstTask {
 public:
     KstTask() = default;
     template <class F, class = std::enable_if_t<!std::is_same<std::decay_t<F>, KstTask>::value>>
     KstTask(F&& task) : mTask(std::forward<F>(task)) {}
 
-    // To be asked for once, before the task can run.
+    /// The task's future. Call once, before the task can run.
     std::future<void> future() { return mTask.get_future(); }
+
+    /// Runs the task on the calling thread.
     void operator()() { mTask(); }
 
 private:
     std::packaged_task<void()> mTask;
 };
 
-// A task that must not run before its deadline.
+/// A task that must not run before its deadline.
 struct DelayTask {
     std::chrono::steady_clock::time_point deadline;
     KstTask task;
 };
 
-// The heap's order: the earliest deadline comes to the front. Equal deadlines have no order.
+/// Orders the heap so that the earliest deadline is at the front. Equal deadlines have no order.
 struct DelayTaskCmp {
     bool operator()(const DelayTask& a, const DelayTask& b) const { return a.deadline > b.deadline; }
 };
 
+/// Must be owned by a shared pointer: posting otherwise aborts the process. The first post starts the thread; stop()
+/// ends it. Any thread may call any member function except Loop().
 class KstMessageLoop : public std::enable_shared_from_this<KstMessageLoop> {
 public:
-    // Starts no thread.
+    /// Starts no thread.
     KstMessageLoop() = default;
+
+    /// Calls stop(). May run on the worker thread.
     ~KstMessageLoop();
+
     KstMessageLoop(const KstMessageLoop&) = delete;
     KstMessageLoop& operator=(const KstMessageLoop&) = delete;
 
-    // Queues `task`, a callable without arguments, behind all tasks posted before; it runs on the worker thread and
-    // must not throw. Any thread may post; posting never waits for the worker. The future becomes ready when the task
-    // has run, and may be dropped at once. After stop() the task is destroyed unrun and the future is empty (not
-    // valid()). The future of a task that stop() destroys says nothing: it may look ready. If the worker thread cannot
-    // be started, the standard library's system error leaves the call with the lock held, and nothing here handles it:
-    // it is meant to end the process.
+    /// Queues `task` behind all tasks posted before; the worker thread runs it. Never waits for the worker.
+    ///
+    /// If the worker thread cannot be started, the call throws std::system_error while it holds the lock. The loop is
+    /// unusable afterwards: let the exception end the process.
+    /// @param task  a callable without arguments that must not throw. Moved or copied into the queue.
+    /// @return a future that becomes ready when the task has run; dropping it does not wait. After stop() it is not
+    /// valid(), and the task is destroyed without running. The future of a task that stop() destroys may become ready.
     template <class F>
     std::future<void> PostTask(F&& task);
 
-    // The same once `delay` has passed on the steady clock; a delay below zero is a deadline in the past.
+    /// As PostTask(), once `delay` has passed on the steady clock since the task was packaged. A negative delay is a
+    /// deadline in the past: due tasks run in the order of their deadlines.
     template <class F>
     std::future<void> DelayPostTask(std::chrono::milliseconds delay, F&& task);
 
-    // The worker thread's body: returns after stop().
+    /// The body of the worker thread: returns after stop().
     void Loop();
 
-    // Refuses further posts, destroys the tasks that have not begun, waits for the one that runs and ends the worker
-    // thread; called on the worker itself, it does not wait. Any thread may call it, more than once; of several calls
-    // only the first waits.
+    /// Ends the worker thread: refuses further posts, destroys the tasks that have not begun and waits for the one that
+    /// runs. Does not wait if called on the worker thread. May be called several times; only the first call waits.
     void stop();
 
 private:
@@ -86,10 +93,10 @@ private:
     std::shared_ptr<std::thread> mWorker KST_GUARDED_BY(mMutex);
     std::vector<KstTask> mTasks KST_GUARDED_BY(mMutex);
     std::vector<DelayTask> mDelayed KST_GUARDED_BY(mMutex);
-    bool mIdle KST_GUARDED_BY(mMutex) = false;  // the worker waits, and no wake-up is under way
+    bool mIdle KST_GUARDED_BY(mMutex) = false;  // the worker waits, and no notification is pending
     std::atomic<bool> mStopped{false};
-    std::vector<KstTask> mBatch;  // the worker's alone: the tasks that it has taken, and
-    size_t mNext = 0;             // which of them comes next
+    std::vector<KstTask> mBatch;  // worker thread only: the tasks that it has dequeued
+    size_t mNext = 0;             // worker thread only: the next task in mBatch
 };
 
 template <class F>

@@ -1,4 +1,5 @@
-// MD5 digests, from which stream ids are made. The default implementation stands in platform/Md5.cpp on OpenSSL.
+/// @file
+/// MD5 digests, from which stream ids are built. The default implementation is platform/Md5.cpp on OpenSSL.
 
 #ifndef VEXALIVE_BASE_MD5_H
 #define VEXALIVE_BASE_MD5_H
@@ -7,7 +8,8 @@
 
 namespace kstmedia {
 
-// The digest of the text's bytes as 32 lower-case hexadecimal digits. Any thread may call.
+/// The digest of the bytes of `text` as 32 lower-case hexadecimal digits; empty if no digest can be computed. Any
+/// thread may call.
 std::string getMD5(const std::string& text);
 
 }  // namespace kstmedia

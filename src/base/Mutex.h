@@ -1,8 +1,9 @@
-// A mutex whose discipline the compiler checks.
-//
-// Used by the adapter and the task loop: members say which mutex guards them (KST_GUARDED_BY) and functions say which
-// they need held (KST_REQUIRES); clang's -Wthread-safety then refuses an access without the lock. With any other
-// compiler the annotations vanish and KstMutex is a std::mutex.
+/// @file
+/// A mutex with annotations for clang's thread-safety analysis.
+///
+/// KST_GUARDED_BY names the mutex that guards a member; KST_REQUIRES names the mutex that a function's caller holds,
+/// and KST_EXCLUDES the one that it must not hold. clang's -Wthread-safety rejects code that violates them. Other
+/// compilers ignore the annotations.
 
 #ifndef VEXALIVE_BASE_MUTEX_H
 #define VEXALIVE_BASE_MUTEX_H
@@ -21,6 +22,7 @@
 #define KST_REQUIRES(...) KST_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define KST_EXCLUDES(...) KST_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 
+/// A std::mutex with annotations. Not recursive.
 class KST_THREAD_ATTRIBUTE(capability("mutex")) KstMutex {
 public:
     KstMutex() = default;
@@ -35,7 +37,7 @@ private:
     std::mutex mMutex;
 };
 
-// Holds a KstMutex from construction to the end of the scope; may be released and taken again in between.
+/// Locks a KstMutex for a scope. May be unlocked and locked again in between; the destructor unlocks if it is locked.
 class KST_THREAD_ATTRIBUTE(scoped_lockable) KstMutexLock {
 public:
     explicit KstMutexLock(KstMutex& mutex) KST_THREAD_ATTRIBUTE(acquire_capability(mutex)) : mMutex(mutex) {
@@ -63,22 +65,27 @@ private:
     bool mHeld = true;
 };
 
-// A condition variable for code that holds a KstMutex. Waits may end spuriously: wait in a loop.
+/// A condition variable for a KstMutex. Waits may end spuriously: wait in a loop.
 class KstCondition {
 public:
+    /// Releases `mutex` while it waits; holds it again on return.
     void wait(KstMutex& mutex) KST_REQUIRES(mutex) {
         std::unique_lock<std::mutex> lock(mutex.mMutex, std::adopt_lock);
         mCondition.wait(lock);
         lock.release();
     }
-    // False once the deadline has passed.
+
+    /// As wait(), until `deadline` at the latest; false once that has passed.
     bool waitUntil(KstMutex& mutex, std::chrono::steady_clock::time_point deadline) KST_REQUIRES(mutex) {
         std::unique_lock<std::mutex> lock(mutex.mMutex, std::adopt_lock);
         const std::cv_status status = mCondition.wait_until(lock, deadline);
         lock.release();
         return status == std::cv_status::no_timeout;
     }
+
+    /// Wakes one waiting thread, if any. The caller need not hold the mutex.
     void notifyOne() { mCondition.notify_one(); }
+    /// Wakes all waiting threads. The caller need not hold the mutex.
     void notifyAll() { mCondition.notify_all(); }
 
 private:

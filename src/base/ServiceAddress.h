@@ -1,15 +1,17 @@
-// Where the live-interface service is. Default: platform/ServiceAddress.cpp, which reads the environment once.
+/// @file
+/// The address of the live-interface service. The default implementation is platform/ServiceAddress.cpp, which reads
+/// the environment once.
+///
+/// Both functions return a string that is never null and constant for the life of the process. Any thread may call
+/// them, also during static initialisation.
 
 #ifndef VEXALIVE_BASE_SERVICE_ADDRESS_H
 #define VEXALIVE_BASE_SERVICE_ADDRESS_H
 
-// Both are constant for the life of the process, never null, and may be called on any thread and during static
-// initialisation.
-
-// The service as "host" or "host:port".
+/// The service as "host" or "host:port".
 const char* kstf_get_live_service_host();
 
-// What follows the biz id and a dot in a push domain.
+/// The part of a push domain that follows the biz id and a dot.
 const char* kstf_get_push_domain_suffix();
 
 #endif

@@ -5,11 +5,11 @@
 
 #include "platform/HttpEngine.h"
 
-struct CVexaHttpSendRecv::Impl : vexalive::AnswerQueue {};
+struct CVexaHttpSendRecv::Impl : vexalive::ResponseQueue {};
 
 namespace {
 
-// The last part of the path: "add_relay_stream_url" of "https://host/v3/liveinterface/add_relay_stream_url?…".
+// The last segment of the path: "add_relay_stream_url" of "https://host/v3/liveinterface/add_relay_stream_url?…".
 std::string interfaceNameOf(const std::string& url) {
     const std::string path = url.substr(0, url.find('?'));
     return path.substr(path.rfind('/') + 1);
@@ -29,14 +29,14 @@ void CVexaHttpSendRecv::sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::
     auto request = std::make_unique<vexalive::OutgoingRequest>();
     request->url = url;
     request->body = body;
-    request->answers = mImpl;
+    request->responses = mImpl;
     request->started = std::chrono::steady_clock::now();
-    request->answer.callback = std::move(callback);
-    request->answer.interfaceName = interfaceNameOf(url);
+    request->completion.callback = std::move(callback);
+    request->completion.interfaceName = interfaceNameOf(url);
 
-    vexalive::HttpExchange& exchange = request->answer.exchange;
+    vexalive::HttpExchange& exchange = request->completion.exchange;
     exchange.id = ++lastId;
-    exchange.interfaceName = request->answer.interfaceName;
+    exchange.interfaceName = request->completion.interfaceName;
     exchange.bytesSent = body.size();
     exchange.body = std::string_view(reinterpret_cast<const char*>(body.cdata()), body.size());
     vexalive::observe(exchange);

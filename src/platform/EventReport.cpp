@@ -6,7 +6,7 @@
 
 namespace {
 
-// Never destroyed, since a worker may still report while the process exits.
+// Never destroyed: a worker may still report while the process exits.
 vexalive::Hook<vexalive::EventSink>& eventSink() {
     static auto& sink = *new vexalive::Hook<vexalive::EventSink>();
     return sink;

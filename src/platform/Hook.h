@@ -1,4 +1,4 @@
-// A function that a host may set at any time while other threads call it.
+// A function that a host may replace at any time, while other threads call it.
 
 #ifndef VEXALIVE_PLATFORM_HOOK_H
 #define VEXALIVE_PLATFORM_HOOK_H
@@ -16,10 +16,10 @@ public:
     void set(F hook) {
         std::shared_ptr<const F> next = hook ? std::make_shared<const F>(std::move(hook)) : nullptr;
         KstMutexLock lock(mMutex);
-        mHook.swap(next);  // the old one goes after the lock
+        mHook.swap(next);  // the old one is destroyed after the lock is released
     }
 
-    // The function to call, kept alive meanwhile; null if none is set.
+    // The function to call; the pointer keeps it alive. Null if none is set.
     std::shared_ptr<const F> get() const {
         KstMutexLock lock(mMutex);
         return mHook;

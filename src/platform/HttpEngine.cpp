@@ -20,18 +20,18 @@ namespace vexalive {
 namespace {
 
 constexpr int kWakePollMilliseconds = 60000;
-constexpr int kBlindPollMilliseconds = 20;  // where no wake-up is to be had
+constexpr int kFallbackPollMilliseconds = 20;  // if curl_multi_wakeup is not available
 constexpr long kConcurrentStreams = 1000;
-constexpr size_t kFirstStreams = 100;  // at most, on an HTTP/2 connection whose server has not told its settings yet
-constexpr int kHeldBackPollMilliseconds = 50;  // while some wait for the first answer, which may not come
-constexpr size_t kSpareExchanges = 8;          // kept for requests to come
+constexpr size_t kInitialStreams = 100;       // of an HTTP/2 connection before the server's SETTINGS
+constexpr int kPendingPollMilliseconds = 50;  // while requests are pending
+constexpr size_t kMaxPooledExchanges = 8;     // handles for reuse
 
-// ---- Options: free until the engine takes them ----------------------------------------------------------------------
+// ---- Options: writable until the engine starts ----------------------------------------------------------------------
 
 struct SharedOptions {
     KstMutex mutex;
     HttpOptions options KST_GUARDED_BY(mutex);
-    bool taken KST_GUARDED_BY(mutex) = false;
+    bool frozen KST_GUARDED_BY(mutex) = false;
 };
 
 SharedOptions& sharedOptions() {
@@ -39,10 +39,10 @@ SharedOptions& sharedOptions() {
     return options;
 }
 
-HttpOptions takeOptions() {
+HttpOptions freezeOptions() {
     SharedOptions& shared = sharedOptions();
     KstMutexLock lock(shared.mutex);
-    shared.taken = true;
+    shared.frozen = true;
     HttpOptions options = shared.options;
     if (options.caFile.empty()) {
         const char* file = std::getenv("VEXALIVE_CA_FILE");
@@ -55,23 +55,23 @@ bool isTimeout(std::chrono::milliseconds time) {
     return time >= std::chrono::milliseconds(1) && time <= std::chrono::hours(1);
 }
 
-// ---- What came back, as the contract's return code ------------------------------------------------------------------
+// ---- Return codes ---------------------------------------------------------------------------------------------------
 
 int returnCodeOfStatus(long status) {
     if (status >= 200 && status <= 299) {
-        return CVexaHttpSendRecv::kAnswered;
+        return CVexaHttpSendRecv::kSuccess;
     }
-    for (const long passing : {408, 425, 429, 500, 502, 503, 504}) {
-        if (status == passing) {
-            return CVexaHttpSendRecv::kTryAgain;
+    for (const long temporary : {408, 425, 429, 500, 502, 503, 504}) {
+        if (status == temporary) {
+            return CVexaHttpSendRecv::kRetryable;
         }
     }
     return status >= 100 && status <= 999 ? static_cast<int>(status)
-                                          : CVexaHttpSendRecv::kLibraryBase + CURLE_WEIRD_SERVER_REPLY;
+                                          : CVexaHttpSendRecv::kTransportErrorBase + CURLE_WEIRD_SERVER_REPLY;
 }
 
-// `detail` is the library's own text, the one place that tells a handshake cut off from one refused: a refusal names
-// OpenSSL's reason.
+// `detail` is libcurl's error text. Only it distinguishes a handshake that was cut off, which is worth another attempt,
+// from one that OpenSSL refused: a refusal names OpenSSL's reason.
 int returnCodeOfFailure(CURLcode result, const char* detail) {
     switch (result) {
         case CURLE_COULDNT_RESOLVE_PROXY:
@@ -84,19 +84,20 @@ int returnCodeOfFailure(CURLcode result, const char* detail) {
         case CURLE_RECV_ERROR:
         case CURLE_HTTP2:
         case CURLE_HTTP2_STREAM:
-            return CVexaHttpSendRecv::kTryAgain;
+            return CVexaHttpSendRecv::kRetryable;
         case CURLE_SSL_CONNECT_ERROR:
             if (!std::strstr(detail, "SSL routines") || std::strstr(detail, "unexpected eof")) {
-                return CVexaHttpSendRecv::kTryAgain;
+                return CVexaHttpSendRecv::kRetryable;
             }
             [[fallthrough]];
         default:
-            return CVexaHttpSendRecv::kLibraryBase + result;
+            return CVexaHttpSendRecv::kTransportErrorBase + result;
     }
 }
 
-// Whether authorities that could not be read a moment ago can be read now, or lack nothing but a descriptor.
-bool lackedDescriptor(const std::string& caFile) {
+// True if the CA file could not be read because the process had no free descriptor: it can be read now, or fails only
+// for that reason.
+bool isDescriptorShortage(const std::string& caFile) {
     const char* file = caFile.empty() ? curl_version_info(CURLVERSION_NOW)->cainfo : caFile.c_str();
     const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), &X509_STORE_free);
     errno = 0;
@@ -106,15 +107,15 @@ bool lackedDescriptor(const std::string& caFile) {
     return isRead || lacksDescriptor;
 }
 
-// A readable answer in place of the one that never came: the adapter retries what it cannot read. Shows no address.
+// A JSON response for an exchange that has none, since the adapter retries an unreadable one. Contains no address.
 std::string describe(CURLcode result) {
-    json::Object answer;
-    answer["transportError"] = curl_easy_strerror(result);
-    return json::Serialize(std::move(answer));
+    json::Object response;
+    response["transportError"] = curl_easy_strerror(result);
+    return json::Serialize(std::move(response));
 }
 
-// During the I/O: signals of the host are handled by its own threads; a write to a connection that is gone raises
-// SIGPIPE here.
+// Blocks signals on the I/O thread: the host's threads handle the host's signals, and a write to a closed connection
+// raises SIGPIPE here.
 class BlockedSignals {
 public:
     BlockedSignals() {
@@ -126,11 +127,11 @@ public:
         pthread_sigmask(SIG_SETMASK, &signals, &mBefore);
     }
     ~BlockedSignals() {
-        sigset_t raisedHere;
-        sigemptyset(&raisedHere);
-        sigaddset(&raisedHere, SIGPIPE);
-        const timespec atOnce{};
-        sigtimedwait(&raisedHere, nullptr, &atOnce);  // or it would end the host when it is let in again
+        sigset_t pending;
+        sigemptyset(&pending);
+        sigaddset(&pending, SIGPIPE);
+        const timespec noWait{};
+        sigtimedwait(&pending, nullptr, &noWait);  // discards SIGPIPE before the mask is restored
         pthread_sigmask(SIG_SETMASK, &mBefore, nullptr);
     }
     BlockedSignals(const BlockedSignals&) = delete;
@@ -143,29 +144,29 @@ private:
 }  // namespace
 
 bool setHttpOptions(const HttpOptions& options) {
-    if (!isTimeout(options.connectTimeout) || !isTimeout(options.totalTimeout) || options.maxAnswerBytes < 1 ||
-        options.maxAnswerBytes > size_t{1} << 30) {
+    if (!isTimeout(options.connectTimeout) || !isTimeout(options.totalTimeout) || options.maxResponseBytes < 1 ||
+        options.maxResponseBytes > size_t{1} << 30) {
         return false;
     }
     SharedOptions& shared = sharedOptions();
     KstMutexLock lock(shared.mutex);
-    if (shared.taken) {
+    if (shared.frozen) {
         return false;
     }
     shared.options = options;
     return true;
 }
 
-// ---- One request ----------------------------------------------------------------------------------------------------
+// ---- One exchange ---------------------------------------------------------------------------------------------------
 
-// One at a time, with the library's handle for it.
+// A libcurl handle and the request that it carries. Reused for one request after another.
 struct HttpEngine::Exchange {
     CURL* handle = nullptr;
     size_t limit = 0;
     std::unique_ptr<OutgoingRequest> request;
     std::vector<uint8_t> received;
-    bool overLimit = false;
-    bool headEnded = false;
+    bool isOverLimit = false;
+    bool isHeadComplete = false;
     char detail[CURL_ERROR_SIZE] = {};
 
     Exchange() = default;
@@ -176,22 +177,22 @@ struct HttpEngine::Exchange {
     void clear() {
         request.reset();
         received = {};
-        overLimit = headEnded = false;
+        isOverLimit = isHeadComplete = false;
         detail[0] = '\0';
     }
 
-    // Looks for the empty line: the library takes a head cut off for a whole one.
-    static size_t receiveHead(char* data, size_t, size_t size, void* exchange) {
+    // Detects the empty line that ends the head: libcurl accepts a truncated head.
+    static size_t onHeader(char* data, size_t, size_t size, void* exchange) {
         const std::string_view line(data, size);
         auto& self = *static_cast<Exchange*>(exchange);
-        self.headEnded = line == "\r\n" || line == "\n" || (self.headEnded && line.substr(0, 5) != "HTTP/");
+        self.isHeadComplete = line == "\r\n" || line == "\n" || (self.isHeadComplete && line.substr(0, 5) != "HTTP/");
         return size;
     }
 
-    static size_t receive(char* data, size_t, size_t size, void* exchange) {
+    static size_t onBody(char* data, size_t, size_t size, void* exchange) {
         auto& self = *static_cast<Exchange*>(exchange);
         if (size > self.limit - self.received.size()) {
-            self.overLimit = true;
+            self.isOverLimit = true;
             return 0;
         }
         self.received.insert(self.received.end(), data, data + size);
@@ -199,53 +200,53 @@ struct HttpEngine::Exchange {
     }
 };
 
-// ---- Starting, sending, leaving -------------------------------------------------------------------------------------
+// ---- Start, send, shut down -----------------------------------------------------------------------------------------
 
-// A request may be the first while another thread already ends the process: whoever comes first, the engine's start or
-// the process's end, has the other wait.
+// The first request and the exit of the process may race; `startMutex` orders them.
 namespace {
 
 KstMutex startMutex;
-std::atomic<HttpEngine*> startedEngine{nullptr};
-bool processLeaves KST_GUARDED_BY(startMutex) = false;
+std::atomic<HttpEngine*> engineInstance{nullptr};
+bool processExiting KST_GUARDED_BY(startMutex) = false;
 
-// Runs at exit even if no request was ever sent, and so late that nothing is started after it.
-[[maybe_unused]] const int registered = std::atexit(&HttpEngine::leave);
+// Registered before main, so it runs last: no request can start the engine after it.
+[[maybe_unused]] const int registered = std::atexit(&HttpEngine::shutDown);
 
 }  // namespace
 
 HttpEngine* HttpEngine::instance() {
-    HttpEngine* engine = startedEngine;
+    HttpEngine* engine = engineInstance;
     if (engine) {
         return engine;
     }
     KstMutexLock lock(startMutex);
-    if (!startedEngine && !processLeaves) {
-        startedEngine = new HttpEngine();
-        std::atexit(&leave);  // once more, to run before what was there earlier is destroyed
+    if (!engineInstance && !processExiting) {
+        engineInstance = new HttpEngine();
+        std::atexit(&shutDown);  // again, to run before the destruction of what existed earlier
     }
-    return startedEngine;
+    return engineInstance;
 }
 
-void HttpEngine::leave() {
+void HttpEngine::shutDown() {
     KstMutexLock lock(startMutex);
-    processLeaves = true;
-    if (startedEngine) {
-        startedEngine.load()->stop();
+    processExiting = true;
+    if (engineInstance) {
+        engineInstance.load()->stop();
     }
 }
 
-HttpEngine::HttpEngine() noexcept : mOptions(takeOptions()), mThreads([this] { doIo(); }) {
+HttpEngine::HttpEngine() noexcept : mOptions(freezeOptions()), mThreads([this] { runIo(); }) {
     initialiseOpenSsl();
     curl_global_init(CURL_GLOBAL_ALL);
-    leaveOpenSsl();
+    releaseOpenSslThread();
     mMulti = curl_multi_init();
     curl_multi_setopt(mMulti, CURLMOPT_MAX_CONCURRENT_STREAMS, kConcurrentStreams);
     mShare = curl_share_init();
-    curl_share_setopt(mShare, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);  // used by one thread: needs no locks
+    curl_share_setopt(mShare, CURLSHOPT_SHARE,
+                      CURL_LOCK_DATA_SSL_SESSION);  // used by the I/O thread only: needs no locks
     mHeaders = curl_slist_append(mHeaders, "Content-Type: application/json");
-    mHeaders = curl_slist_append(mHeaders, "Expect:");  // never waits for a 100
-    mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kBlindPollMilliseconds;
+    mHeaders = curl_slist_append(mHeaders, "Expect:");  // do not wait for 100 Continue
+    mPollMilliseconds = curl_multi_wakeup(mMulti) == CURLM_OK ? kWakePollMilliseconds : kFallbackPollMilliseconds;
     mThreads.start();
     mThreads.start();
 }
@@ -257,122 +258,121 @@ void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
         isFirst = mInbox.empty();
         mInbox.push_back(std::move(request));
     }
-    if (isFirst && !mThreads.wantIo()) {
+    if (isFirst && !mThreads.requestIo()) {
         curl_multi_wakeup(mMulti);
     }
 }
 
 // Requests in flight are dropped.
 void HttpEngine::stop() {
-    mThreads.leave();
+    mThreads.shutDown();
     {
         KstMutexLock lock(mMutex);
-        mLeaving = true;
+        mShuttingDown = true;
     }
     curl_multi_wakeup(mMulti);
     mThreads.waitForIo();
-    // What is under way is dropped unheard; a thread of the library's that asked a name server for it is let go.
-    for (Exchange* exchange : mUnderWay) {
+    // No callback reports the dropped exchanges. Cleaning up here detaches libcurl's resolver threads.
+    for (Exchange* exchange : mActive) {
         curl_multi_remove_handle(mMulti, exchange->handle);
         curl_easy_cleanup(std::exchange(exchange->handle, nullptr));
     }
-    mSpare.clear();
+    mPool.clear();
 }
 
 // ---- The I/O --------------------------------------------------------------------------------------------------------
 
-// Until nothing is under way.
-void HttpEngine::doIo() {
+// Returns when no exchange is active or pending.
+void HttpEngine::runIo() {
     const BlockedSignals blocked;
-    mIsServerKnown = false;
-    mIoBegan = std::chrono::steady_clock::now();
-    while (takeRequests()) {
+    mHasResponse = false;
+    mIoStarted = std::chrono::steady_clock::now();
+    while (startRequests()) {
         int running = 0;
         curl_multi_perform(mMulti, &running);
         collectFinished();
-        if (mUnderWay.empty() && mHeldBack.empty()) {
+        if (mActive.empty() && mPending.empty()) {
             return;
         }
-        mThreads.tell();
-        if (!mHeldBack.empty() && mayBegin()) {
+        mThreads.startDelivery();
+        if (!mPending.empty() && canStart()) {
             continue;
         }
-        const int pollMilliseconds = mHeldBack.empty() ? mPollMilliseconds : kHeldBackPollMilliseconds;
+        const int pollMilliseconds = mPending.empty() ? mPollMilliseconds : kPendingPollMilliseconds;
         if (curl_multi_poll(mMulti, nullptr, 0, pollMilliseconds, nullptr) != CURLM_OK) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(kBlindPollMilliseconds));
+            std::this_thread::sleep_for(std::chrono::milliseconds(kFallbackPollMilliseconds));
         }
     }
 }
 
-// False if the process leaves.
-bool HttpEngine::takeRequests() {
+// False if the process exits.
+bool HttpEngine::startRequests() {
     std::vector<std::unique_ptr<OutgoingRequest>> requests;
     {
         KstMutexLock lock(mMutex);
-        if (mLeaving) {
+        if (mShuttingDown) {
             return false;
         }
         requests.swap(mInbox);
     }
-    while (!mHeldBack.empty() && mayBegin()) {
-        begin(std::move(mHeldBack.front()));
-        mHeldBack.pop_front();
+    while (!mPending.empty() && canStart()) {
+        startExchange(std::move(mPending.front()));
+        mPending.pop_front();
     }
     for (auto& request : requests) {
-        if (mHeldBack.empty() && mayBegin()) {
-            begin(std::move(request));
+        if (mPending.empty() && canStart()) {
+            startExchange(std::move(request));
         } else {
-            mHeldBack.push_back(std::move(request));
+            mPending.push_back(std::move(request));
         }
     }
     return true;
 }
 
-// Where many requests come before there is a connection, the library opens one more for each that the first does not
-// take. So they wait for the first answer, which tells how many it takes; but no longer than for the connection.
-bool HttpEngine::mayBegin() const {
-    return mUnderWay.size() < kFirstStreams || mIsServerKnown ||
-           std::chrono::steady_clock::now() - mIoBegan > mOptions.connectTimeout;
+// libcurl opens another connection for each request that exceeds the stream limit of the first. So the requests beyond
+// the initial limit wait until the first response makes the server's limit known, but at most for connectTimeout.
+bool HttpEngine::canStart() const {
+    return mActive.size() < kInitialStreams || mHasResponse ||
+           std::chrono::steady_clock::now() - mIoStarted > mOptions.connectTimeout;
 }
 
-void HttpEngine::begin(std::unique_ptr<OutgoingRequest> request) {
-    std::unique_ptr<Exchange> exchange = takeExchange();
+void HttpEngine::startExchange(std::unique_ptr<OutgoingRequest> request) {
+    std::unique_ptr<Exchange> exchange = acquireExchange();
     exchange->request = std::move(request);
     CURL* handle = exchange->handle;
     if (!handle) {
-        end(std::move(exchange), CURLE_FAILED_INIT);
+        finish(std::move(exchange), CURLE_FAILED_INIT);
         return;
     }
     if (exchange->request->url.find('\0') != std::string::npos) {
-        end(std::move(exchange), CURLE_URL_MALFORMAT);
+        finish(std::move(exchange), CURLE_URL_MALFORMAT);
         return;
     }
     const KstCopyOnWriteBuffer& body = exchange->request->body;
     curl_easy_setopt(handle, CURLOPT_URL, exchange->request->url.c_str());
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.size() == 0 ? "" : reinterpret_cast<const char*>(body.cdata()));
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    distrustOldConnections(handle);
+    avoidStaleConnections(handle);
     if (curl_multi_add_handle(mMulti, handle) != CURLM_OK) {
-        end(std::move(exchange), CURLE_FAILED_INIT);
+        finish(std::move(exchange), CURLE_FAILED_INIT);
         return;
     }
-    mUnderWay.insert(exchange.release());  // comes back in collectFinished
+    mActive.insert(exchange.release());  // collectFinished takes it back
 }
 
-// One whose last request was answered, or a new one. After a failure none is used again: its handle would carry over
-// what the library remembers of it.
-std::unique_ptr<HttpEngine::Exchange> HttpEngine::takeExchange() {
-    if (mSpare.empty()) {
-        return makeExchange();
+// A pooled exchange, or a new one. A failed exchange is not pooled, since its handle keeps state of the failure.
+std::unique_ptr<HttpEngine::Exchange> HttpEngine::acquireExchange() {
+    if (mPool.empty()) {
+        return createExchange();
     }
-    std::unique_ptr<Exchange> exchange = std::move(mSpare.back());
-    mSpare.pop_back();
+    std::unique_ptr<Exchange> exchange = std::move(mPool.back());
+    mPool.pop_back();
     return exchange;
 }
 
-std::unique_ptr<HttpEngine::Exchange> HttpEngine::makeExchange() {
+std::unique_ptr<HttpEngine::Exchange> HttpEngine::createExchange() {
     auto exchange = std::make_unique<Exchange>();
-    exchange->limit = mOptions.maxAnswerBytes;
+    exchange->limit = mOptions.maxResponseBytes;
     CURL* handle = exchange->handle = curl_easy_init();
     if (!handle) {
         return exchange;
@@ -389,16 +389,16 @@ std::unique_ptr<HttpEngine::Exchange> HttpEngine::makeExchange() {
     }
     curl_easy_setopt(handle, CURLOPT_SHARE, mShare);
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);    // rather share a connection than open another
-    curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // a name server that is silent holds up nobody else
+    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);    // prefer sharing a connection to opening one
+    curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // do not wait for the resolver on clean-up
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(mOptions.connectTimeout.count()));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(mOptions.totalTimeout.count()));
-    curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mOptions.maxAnswerBytes));
+    curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mOptions.maxResponseBytes));
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "vexalive/" VEXALIVE_VERSION);
     curl_easy_setopt(handle, CURLOPT_POST, 1L);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, mHeaders);
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Exchange::receiveHead);
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Exchange::receive);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Exchange::onHeader);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Exchange::onBody);
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, exchange.get());
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, exchange.get());
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, exchange->detail);
@@ -406,9 +406,9 @@ std::unique_ptr<HttpEngine::Exchange> HttpEngine::makeExchange() {
     return exchange;
 }
 
-// A time-out ends a request, but not the connection that it shared, which may be dead: over HTTP/2 every other try
-// would go down the same one. So nothing older than the last time-out is used again, and for a while nothing is shared.
-void HttpEngine::distrustOldConnections(CURL* handle) const {
+// A timeout ends a request but not its HTTP/2 connection, which may be dead; retries would use it again. So connections
+// older than the last timeout are not reused, and for totalTimeout no connection is shared.
+void HttpEngine::avoidStaleConnections(CURL* handle) const {
     if (mLastTimeout == std::chrono::steady_clock::time_point()) {
         return;
     }
@@ -424,53 +424,54 @@ void HttpEngine::collectFinished() {
         if (message->msg != CURLMSG_DONE) {
             continue;
         }
-        const CURLcode result = message->data.result;  // the message goes with the handle
+        const CURLcode result = message->data.result;  // removing the handle invalidates `message`
         CURL* handle = message->easy_handle;
         Exchange* exchange = nullptr;
         curl_easy_getinfo(handle, CURLINFO_PRIVATE, &exchange);
         curl_multi_remove_handle(mMulti, handle);
-        mUnderWay.erase(exchange);
-        end(std::unique_ptr<Exchange>(exchange), result);
+        mActive.erase(exchange);
+        finish(std::unique_ptr<Exchange>(exchange), result);
     }
 }
 
-void HttpEngine::end(std::unique_ptr<Exchange> exchange, CURLcode result) {
-    if (exchange->overLimit) {
+void HttpEngine::finish(std::unique_ptr<Exchange> exchange, CURLcode result) {
+    if (exchange->isOverLimit) {
         result = CURLE_FILESIZE_EXCEEDED;
-    } else if (result == CURLE_OK && !exchange->headEnded) {
+    } else if (result == CURLE_OK && !exchange->isHeadComplete) {
         result = CURLE_GOT_NOTHING;
-    } else if (result == CURLE_SSL_CACERT_BADFILE && lackedDescriptor(mOptions.caFile)) {
+    } else if (result == CURLE_SSL_CACERT_BADFILE && isDescriptorShortage(mOptions.caFile)) {
         result = CURLE_COULDNT_CONNECT;
     }
-    Answer answer = std::move(exchange->request->answer);
+    Completion completion = std::move(exchange->request->completion);
     if (result == CURLE_OK) {
         long status = 0;
         curl_easy_getinfo(exchange->handle, CURLINFO_RESPONSE_CODE, &status);
-        answer.exchange.httpStatus = static_cast<int>(status);
-        answer.retCode = returnCodeOfStatus(status);
-        mIsServerKnown = true;
+        completion.exchange.httpStatus = static_cast<int>(status);
+        completion.retCode = returnCodeOfStatus(status);
+        mHasResponse = true;
     } else {
-        answer.retCode = returnCodeOfFailure(result, exchange->detail);
+        completion.retCode = returnCodeOfFailure(result, exchange->detail);
     }
-    if (answer.retCode >= CVexaHttpSendRecv::kLibraryBase) {
-        const std::string text = describe(result == CURLE_OK ? CURLE_WEIRD_SERVER_REPLY : result);
-        answer.response = KstCopyOnWriteBuffer(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    if (completion.retCode >= CVexaHttpSendRecv::kTransportErrorBase) {
+        const std::string description = describe(result == CURLE_OK ? CURLE_WEIRD_SERVER_REPLY : result);
+        completion.response =
+            KstCopyOnWriteBuffer(reinterpret_cast<const uint8_t*>(description.data()), description.size());
     } else {
-        answer.response = KstCopyOnWriteBuffer(exchange->received.data(), exchange->received.size());
+        completion.response = KstCopyOnWriteBuffer(exchange->received.data(), exchange->received.size());
     }
-    answer.exchange.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                                    exchange->request->started);
+    completion.exchange.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - exchange->request->started);
     if (result == CURLE_OPERATION_TIMEDOUT) {
         mLastTimeout = std::chrono::steady_clock::now();
     }
-    const std::shared_ptr<AnswerQueue> answers = std::move(exchange->request->answers);
-    if (answer.retCode == CVexaHttpSendRecv::kAnswered && mSpare.size() < kSpareExchanges) {
+    const std::shared_ptr<ResponseQueue> responses = std::move(exchange->request->responses);
+    if (completion.retCode == CVexaHttpSendRecv::kSuccess && mPool.size() < kMaxPooledExchanges) {
         exchange->clear();
-        mSpare.push_back(std::move(exchange));
+        mPool.push_back(std::move(exchange));
     } else {
         exchange.reset();
     }
-    answers->push(std::move(answer), mThreads);
+    responses->push(std::move(completion), mThreads);
 }
 
 }  // namespace vexalive

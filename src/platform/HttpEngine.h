@@ -1,7 +1,7 @@
 // The one HTTPS engine of the process: libcurl's multi interface, shared by all clients.
 //
-// The first request starts it. Connections, TLS sessions and DNS answers are shared; over HTTP/2 requests share a
-// connection. One thread at a time does the I/O, and nothing of a host's runs meanwhile on it (HttpThreads.h).
+// The first request starts it. All clients share connections, TLS sessions and DNS results; over HTTP/2 requests share
+// a connection. One thread at a time does the I/O, and no host code runs on it meanwhile (HttpThreads.h).
 
 #ifndef VEXALIVE_PLATFORM_HTTP_ENGINE_H
 #define VEXALIVE_PLATFORM_HTTP_ENGINE_H
@@ -26,19 +26,19 @@ namespace vexalive {
 struct OutgoingRequest {
     std::string url;
     KstCopyOnWriteBuffer body;
-    std::shared_ptr<AnswerQueue> answers;  // who hears of the end
-    Answer answer;                         // what is known of it already: the callback and the observer's part
+    std::shared_ptr<ResponseQueue> responses;  // where the completion goes
+    Completion completion;                     // filled in so far: the callback and the observer's part
     std::chrono::steady_clock::time_point started;
 };
 
 class HttpEngine {
 public:
-    // Started at the first call; never destroyed. Null if the process leaves before there was one. If a thread cannot
-    // be started, the standard library's system error ends the process.
+    // The first call starts the engine, which is never destroyed. Null if the process exits before the first call. If a
+    // thread cannot be started, the standard library's system error ends the process.
     static HttpEngine* instance();
 
-    // Stops the engine for good, or keeps it from being started: before the libraries under it end.
-    static void leave();
+    // Stops the engine permanently, or prevents its start. Runs at exit, before the libraries below are destroyed.
+    static void shutDown();
 
     void send(std::unique_ptr<OutgoingRequest> request) KST_EXCLUDES(mMutex);
 
@@ -48,33 +48,33 @@ private:
     HttpEngine() noexcept;
     void stop() KST_EXCLUDES(mMutex);
 
-    // Below: the thread that does the I/O only.
-    void doIo();
-    bool takeRequests() KST_EXCLUDES(mMutex);
-    bool mayBegin() const;
-    void begin(std::unique_ptr<OutgoingRequest> request);
+    // The functions below run on the I/O thread only.
+    void runIo();
+    bool startRequests() KST_EXCLUDES(mMutex);
+    bool canStart() const;
+    void startExchange(std::unique_ptr<OutgoingRequest> request);
     void collectFinished();
-    void end(std::unique_ptr<Exchange> exchange, CURLcode result);
-    std::unique_ptr<Exchange> takeExchange();
-    std::unique_ptr<Exchange> makeExchange();
-    void distrustOldConnections(CURL* handle) const;
+    void finish(std::unique_ptr<Exchange> exchange, CURLcode result);
+    std::unique_ptr<Exchange> acquireExchange();
+    std::unique_ptr<Exchange> createExchange();
+    void avoidStaleConnections(CURL* handle) const;
 
     const HttpOptions mOptions;
     CURLM* mMulti = nullptr;
     CURLSH* mShare = nullptr;
     curl_slist* mHeaders = nullptr;
-    std::set<Exchange*> mUnderWay;  // for the thread that does the I/O, as are those that follow
-    std::vector<std::unique_ptr<Exchange>> mSpare;
-    std::deque<std::unique_ptr<OutgoingRequest>> mHeldBack;  // until the first connection is known
-    bool mIsServerKnown = false;                             // it has answered since the I/O began
-    std::chrono::steady_clock::time_point mIoBegan;
+    std::set<Exchange*> mActive;  // this and the next five: I/O thread only
+    std::vector<std::unique_ptr<Exchange>> mPool;
+    std::deque<std::unique_ptr<OutgoingRequest>> mPending;  // waiting for the first response
+    bool mHasResponse = false;                              // since the I/O started
+    std::chrono::steady_clock::time_point mIoStarted;
     int mPollMilliseconds = 0;
-    std::chrono::steady_clock::time_point mLastTimeout;  // of any exchange; the epoch if there was none
+    std::chrono::steady_clock::time_point mLastTimeout;  // of any exchange; the epoch if none
 
     KstMutex mMutex;
     std::vector<std::unique_ptr<OutgoingRequest>> mInbox KST_GUARDED_BY(mMutex);
-    bool mLeaving KST_GUARDED_BY(mMutex) = false;
-    HttpThreads mThreads;  // last: they run on all of the above
+    bool mShuttingDown KST_GUARDED_BY(mMutex) = false;
+    HttpThreads mThreads;  // last: the threads use all members above
 };
 
 }  // namespace vexalive

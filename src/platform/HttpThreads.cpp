@@ -12,11 +12,11 @@
 namespace vexalive {
 namespace {
 
-constexpr size_t kKept = 2;                        // threads that stand by for ever
-constexpr std::chrono::seconds kIdleLife(1);       // of one more
-constexpr std::chrono::milliseconds kPatience(1);  // with a thread that has just taken an answer
+constexpr size_t kMinIdleThreads = 2;                  // that never end
+constexpr std::chrono::seconds kIdleTimeout(1);        // of a further thread
+constexpr std::chrono::milliseconds kWatchTimeout(1);  // for a delivering thread to return for the next
 
-std::atomic<bool> processLeaves{false};
+std::atomic<bool> processExiting{false};
 
 Hook<HttpObserver>& observerHook() {
     static auto& hook = *new Hook<HttpObserver>();  // never destroyed: threads outlive main
@@ -35,59 +35,60 @@ void observe(const HttpExchange& exchange) {
     }
 }
 
-// ---- One client's answers -------------------------------------------------------------------------------------------
+// ---- The responses of one client ------------------------------------------------------------------------------------
 
-void AnswerQueue::push(Answer answer, HttpThreads& threads) {
+void ResponseQueue::push(Completion completion, HttpThreads& threads) {
     KstMutexLock lock(mMutex);
-    mAnswers.push_back(std::move(answer));
-    const bool first = !std::exchange(mInLine, true);
+    mResponses.push_back(std::move(completion));
+    const bool first = !std::exchange(mIsQueued, true);
     lock.unlock();
     if (first) {
         threads.post(shared_from_this());
     }
 }
 
-void AnswerQueue::deliver() {
+void ResponseQueue::deliver() {
     KstMutexLock lock(mMutex);
-    while (!mAnswers.empty()) {
-        std::list<Answer> taken;
-        taken.splice(taken.begin(), mAnswers, mAnswers.begin());
+    while (!mResponses.empty()) {
+        std::list<Completion> current;
+        current.splice(current.begin(), mResponses, mResponses.begin());
         lock.unlock();
 
-        Answer& answer = taken.front();
-        HttpExchange exchange = answer.exchange;
-        exchange.phase = HttpExchange::kAnswered;
-        exchange.interfaceName = answer.interfaceName;
-        exchange.retCode = answer.retCode;
-        exchange.answer = {reinterpret_cast<const char*>(answer.response.cdata()), answer.response.size()};
-        const KstCopyOnWriteBuffer kept = answer.response;  // the observer sees it after the callback, too
+        Completion& completion = current.front();
+        HttpExchange exchange = completion.exchange;
+        exchange.phase = HttpExchange::kCompleted;
+        exchange.interfaceName = completion.interfaceName;
+        exchange.retCode = completion.retCode;
+        exchange.response = {reinterpret_cast<const char*>(completion.response.cdata()), completion.response.size()};
+        const KstCopyOnWriteBuffer keepAlive = completion.response;  // for the observer's call after the callback
         observe(exchange);
 
         lock.lock();
-        if (!mClosed && !processLeaves && answer.callback) {
-            mDeliverer = std::this_thread::get_id();
+        if (!mClosed && !processExiting && completion.callback) {
+            mDeliveringThread = std::this_thread::get_id();
             lock.unlock();
-            answer.callback(answer.retCode, answer.response);
-            answer.callback = nullptr;  // what it holds goes before the client may
+            completion.callback(completion.retCode, completion.response);
+            completion.callback = nullptr;  // destroys its captures while the client still exists
             lock.lock();
-            mDeliverer = std::thread::id();
-            mReturned.notifyAll();
+            mDeliveringThread = std::thread::id();
+            mCallbackReturned.notifyAll();
         }
         lock.unlock();
 
         exchange.phase = HttpExchange::kDelivered;
         observe(exchange);
-        taken.clear();
+        current.clear();
         lock.lock();
     }
-    mInLine = false;
+    mIsQueued = false;
 }
 
-void AnswerQueue::close() {
+void ResponseQueue::close() {
     KstMutexLock lock(mMutex);
     mClosed = true;
-    while (mDeliverer != std::thread::id() && mDeliverer != std::this_thread::get_id() && !processLeaves) {
-        mReturned.wait(mMutex);
+    while (mDeliveringThread != std::thread::id() && mDeliveringThread != std::this_thread::get_id() &&
+           !processExiting) {
+        mCallbackReturned.wait(mMutex);
     }
 }
 
@@ -97,124 +98,124 @@ void HttpThreads::start() {
     std::thread([this] { run(); }).detach();
 }
 
-bool HttpThreads::wantIo() {
+bool HttpThreads::requestIo() {
     KstMutexLock lock(mMutex);
-    mIoWanted = true;
-    if (!mInIo) {
+    mIsIoRequested = true;
+    if (!mIsIoRunning) {
         wakeOne();
     }
-    return !mInIo;
+    return !mIsIoRunning;
 }
 
-void HttpThreads::post(std::shared_ptr<AnswerQueue> queue) {
+void HttpThreads::post(std::shared_ptr<ResponseQueue> queue) {
     KstMutexLock lock(mMutex);
     mReady.push_back(std::move(queue));
 }
 
-void HttpThreads::tell() {
+void HttpThreads::startDelivery() {
     KstMutexLock lock(mMutex);
-    if (isLeftAlone()) {
+    if (needsWatcher()) {
         wakeOne();
     }
 }
 
-void HttpThreads::leave() {
+void HttpThreads::shutDown() {
     KstMutexLock lock(mMutex);
-    processLeaves = true;
-    mLeaving = true;
+    processExiting = true;
+    mShuttingDown = true;
 }
 
 void HttpThreads::waitForIo() {
     KstMutexLock lock(mMutex);
-    while (mInIo) {
+    while (mIsIoRunning) {
         mIoEnded.wait(mMutex);
     }
 }
 
 void HttpThreads::run() {
     KstMutexLock lock(mMutex);
-    for (bool isFresh = true;;) {
-        // One that has just taken an answer will soon be back for the next; only a thread that comes from there takes
-        // it at once.
-        const bool isAnotherAtIt = isFresh && mTelling > 0 && Clock::now() < mLastTaken + kPatience;
-        if (mIoWanted && !mInIo && !mLeaving) {
-            mIoWanted = false;
-            mInIo = true;
-            keepOneStandingBy();
+    for (bool wasIdle = true;;) {
+        // A thread that delivers a response usually returns for the next one soon. So a thread that was idle leaves the
+        // next response to it for kWatchTimeout; a thread that comes from work delivers it at once.
+        const bool isBeingDrained = wasIdle && mDelivering > 0 && Clock::now() < mLastDequeued + kWatchTimeout;
+        if (mIsIoRequested && !mIsIoRunning && !mShuttingDown) {
+            mIsIoRequested = false;
+            mIsIoRunning = true;
+            ensureIdleThread();
             lock.unlock();
             mIo();
             lock.lock();
-            mInIo = false;
+            mIsIoRunning = false;
             mIoEnded.notifyAll();
-            isFresh = false;
-        } else if (!mReady.empty() && !mLeaving && !isAnotherAtIt) {
-            std::shared_ptr<AnswerQueue> queue = std::move(mReady.front());
+            wasIdle = false;
+        } else if (!mReady.empty() && !mShuttingDown && !isBeingDrained) {
+            std::shared_ptr<ResponseQueue> queue = std::move(mReady.front());
             mReady.pop_front();
-            mLastTaken = Clock::now();
-            ++mTelling;
-            keepOneStandingBy();
+            mLastDequeued = Clock::now();
+            ++mDelivering;
+            ensureIdleThread();
             lock.unlock();
             queue->deliver();
             queue.reset();
             lock.lock();
-            --mTelling;
-            isFresh = false;
-        } else if (standBy()) {
-            isFresh = true;
+            --mDelivering;
+            wasIdle = false;
+        } else if (waitForWork()) {
+            wasIdle = true;
         } else {
-            leaveOpenSsl();
+            releaseOpenSslThread();
             return;
         }
     }
 }
 
-struct HttpThreads::StandBy {
+struct HttpThreads::IdleThread {
     KstCondition condition;
     bool isWoken = false;
 };
 
-// Until there may be something to do. False if enough others stand by, and have for a while; but while the process
-// exits no thread ends, since the libraries that a thread has to leave may be gone by then.
-bool HttpThreads::standBy() {
-    const bool isWatching = isLeftAlone() && !mLeaving;  // whether the thread that is at it comes back
-    const bool isKept = mStandingBy.size() < kKept;
-    const Clock::time_point end = isWatching ? mLastTaken + kPatience : Clock::now() + kIdleLife;
-    StandBy self;
-    mIsWatched = mIsWatched || isWatching;
-    mStandingBy.push_back(&self);
+// Waits until there may be work. False if the thread is superfluous: enough others have been idle for kIdleTimeout.
+// While the process exits no thread ends, since its clean-up would use libraries that may be destroyed by then.
+bool HttpThreads::waitForWork() {
+    const bool isWatcher = needsWatcher() && !mShuttingDown;  // times the delivering thread
+    const bool isPermanent = mIdleThreads.size() < kMinIdleThreads;
+    const Clock::time_point end = isWatcher ? mLastDequeued + kWatchTimeout : Clock::now() + kIdleTimeout;
+    IdleThread self;
+    mHasWatcher = mHasWatcher || isWatcher;
+    mIdleThreads.push_back(&self);
     bool isOver = false;
     while (!self.isWoken && !isOver) {
-        if (isWatching || !isKept) {
+        if (isWatcher || !isPermanent) {
             isOver = !self.condition.waitUntil(mMutex, end);
         } else {
             self.condition.wait(mMutex);
         }
     }
-    mIsWatched = mIsWatched && !isWatching;
+    mHasWatcher = mHasWatcher && !isWatcher;
     if (!self.isWoken) {
-        mStandingBy.erase(std::find(mStandingBy.begin(), mStandingBy.end(), &self));
+        mIdleThreads.erase(std::find(mIdleThreads.begin(), mIdleThreads.end(), &self));
     }
-    return self.isWoken || isWatching || mLeaving || mStandingBy.size() < kKept;
+    return self.isWoken || isWatcher || mShuttingDown || mIdleThreads.size() < kMinIdleThreads;
 }
 
-// For a thread that goes to work: what else there is, another does, or watches whether this one comes back for it.
-void HttpThreads::keepOneStandingBy() {
-    if (mStandingBy.empty()) {
+// For a thread that starts to work: another thread does the remaining work, or times this thread's return.
+void HttpThreads::ensureIdleThread() {
+    if (mIdleThreads.empty()) {
         try {
             start();
         } catch (const std::system_error&) {
-            // Without another thread what comes next waits for this one; the next time tries again.
+            // Further work waits for this thread. The next call tries again.
         }
-    } else if (isLeftAlone() || (mIoWanted && !mInIo)) {
+    } else if (needsWatcher() || (mIsIoRequested && !mIsIoRunning)) {
         wakeOne();
     }
 }
 
 void HttpThreads::wakeOne() {
-    if (!mStandingBy.empty()) {
-        mStandingBy.back()->isWoken = true;
-        mStandingBy.back()->condition.notifyOne();
-        mStandingBy.pop_back();
+    if (!mIdleThreads.empty()) {
+        mIdleThreads.back()->isWoken = true;
+        mIdleThreads.back()->condition.notifyOne();
+        mIdleThreads.pop_back();
     }
 }
 

@@ -1,9 +1,10 @@
-// The threads of the HTTPS engine, and the queue that keeps one client's answers in order.
+// The threads of the HTTPS engine, and the queue that keeps the responses of one client in order.
 //
-// Any of the threads does what is next: the I/O, if it is wanted and nobody does it; else it tells an answer; else it
-// stands by. So a lone answer is told by the thread that has read it, without a hand-over. A callback may block for as
-// long as it likes: a thread that goes to work makes sure that another stands by, and no callback runs on a thread that
-// does the I/O. There are as many threads as callbacks that block at the same time, and two or three more.
+// The threads are equal. A free thread does the I/O if that is requested and no thread does it; otherwise it delivers a
+// response; otherwise it is idle. So the thread that has read a single response also delivers it, without a switch of
+// threads. A callback may block for any time: a thread that starts to work ensures that another is idle, and no
+// callback runs on a thread that does the I/O. There are as many threads as callbacks that block at the same time, plus
+// two or three.
 
 #ifndef VEXALIVE_PLATFORM_HTTP_THREADS_H
 #define VEXALIVE_PLATFORM_HTTP_THREADS_H
@@ -23,85 +24,85 @@
 
 namespace vexalive {
 
-// What came back of one exchange, and whom to tell.
-struct Answer {
+// The result of one exchange, and its callback.
+struct Completion {
     CVexaHttpSendRecv::Callback callback;
     int retCode = 0;
     KstCopyOnWriteBuffer response;
     std::string interfaceName;
-    HttpExchange exchange{};  // for the observer, but for what the fields above say
+    HttpExchange exchange{};  // for the observer, except for what the fields above hold
 };
 
 class HttpThreads;
 
-// One client's answers. Shared by the client and its requests in flight, which it may outlive.
-class AnswerQueue : public std::enable_shared_from_this<AnswerQueue> {
+// The responses of one client. Owned by the client and by its requests in flight.
+class ResponseQueue : public std::enable_shared_from_this<ResponseQueue> {
 public:
-    // Queues an answer and, if none waits or is being told, puts the queue in line with `threads`.
-    void push(Answer answer, HttpThreads& threads) KST_EXCLUDES(mMutex);
+    // Appends a completion. If the queue was empty and no thread delivers it, hands the queue to `threads`.
+    void push(Completion completion, HttpThreads& threads) KST_EXCLUDES(mMutex);
 
-    // Tells all answers that wait, one by one. Called by one thread at a time.
+    // Calls the callbacks of all completions in the queue. Called by one thread at a time.
     void deliver() KST_EXCLUDES(mMutex);
 
-    // From here on no callback begins. Waits for one that runs on another thread.
+    // No callback begins after this has returned. Waits for a callback that runs on another thread.
     void close() KST_EXCLUDES(mMutex);
 
 private:
     KstMutex mMutex;
-    KstCondition mReturned;
-    std::list<Answer> mAnswers KST_GUARDED_BY(mMutex);  // costs nothing while empty
-    bool mInLine KST_GUARDED_BY(mMutex) = false;
+    KstCondition mCallbackReturned;
+    std::list<Completion> mResponses KST_GUARDED_BY(mMutex);  // allocates nothing while empty
+    bool mIsQueued KST_GUARDED_BY(mMutex) = false;
     bool mClosed KST_GUARDED_BY(mMutex) = false;
-    std::thread::id mDeliverer KST_GUARDED_BY(mMutex);  // of the callback that runs, if any
+    std::thread::id mDeliveringThread KST_GUARDED_BY(mMutex);  // of the running callback, if any
 };
 
-// Lives as long as the process.
+// Never destroyed.
 class HttpThreads {
 public:
-    // `io` does the I/O until there is none left to do; never called by two threads at a time.
+    // `io` does the I/O until none is left; called by one thread at a time.
     explicit HttpThreads(std::function<void()> io) : mIo(std::move(io)) {}
 
-    // Starts a thread: two before the first request, then as needed. The standard library's system error if it cannot.
+    // Starts a thread. The engine calls it twice before the first request. Throws std::system_error on failure.
     void start();
 
-    // There is I/O to do. False if a thread is at it already, which is to be woken if it waits.
-    bool wantIo() KST_EXCLUDES(mMutex);
+    // Requests a run of `io`. False if it runs already; the caller then wakes it.
+    bool requestIo() KST_EXCLUDES(mMutex);
 
-    // For the thread that does the I/O: answers to tell, once it has ended its I/O or calls tell().
-    void post(std::shared_ptr<AnswerQueue> queue) KST_EXCLUDES(mMutex);
-    void tell() KST_EXCLUDES(mMutex);
+    // On the I/O thread: adds a queue to deliver. Delivery starts when `io` returns or at startDelivery().
+    void post(std::shared_ptr<ResponseQueue> queue) KST_EXCLUDES(mMutex);
+    void startDelivery() KST_EXCLUDES(mMutex);
 
-    // The process exits: no further callback begins, and no further I/O.
-    void leave() KST_EXCLUDES(mMutex);
+    // For the exit of the process: no further callback begins, and no further I/O.
+    void shutDown() KST_EXCLUDES(mMutex);
 
-    // To be called after leave(), when the I/O has been told to end.
+    // Call after shutDown(), once `io` has been asked to return.
     void waitForIo() KST_EXCLUDES(mMutex);
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    struct StandBy;
+    struct IdleThread;
 
     void run() KST_EXCLUDES(mMutex);
-    bool standBy() KST_REQUIRES(mMutex);
-    void keepOneStandingBy() KST_REQUIRES(mMutex);
+    bool waitForWork() KST_REQUIRES(mMutex);
+    void ensureIdleThread() KST_REQUIRES(mMutex);
     void wakeOne() KST_REQUIRES(mMutex);
-    bool isLeftAlone() KST_REQUIRES(mMutex) { return !mReady.empty() && !mIsWatched; }
+    bool needsWatcher() KST_REQUIRES(mMutex) { return !mReady.empty() && !mHasWatcher; }
 
     const std::function<void()> mIo;
     KstMutex mMutex;
     KstCondition mIoEnded;
-    std::deque<std::shared_ptr<AnswerQueue>> mReady KST_GUARDED_BY(mMutex);
-    Clock::time_point mLastTaken KST_GUARDED_BY(mMutex);       // of mReady
-    int mTelling KST_GUARDED_BY(mMutex) = 0;                   // threads
-    std::vector<StandBy*> mStandingBy KST_GUARDED_BY(mMutex);  // the last to come is the first to go
-    bool mIsWatched KST_GUARDED_BY(mMutex) = false;  // that what is in mReady gets told, by one that stands by
-    bool mIoWanted KST_GUARDED_BY(mMutex) = false;
-    bool mInIo KST_GUARDED_BY(mMutex) = false;  // a thread is
-    bool mLeaving KST_GUARDED_BY(mMutex) = false;
+    std::deque<std::shared_ptr<ResponseQueue>> mReady KST_GUARDED_BY(mMutex);
+    Clock::time_point mLastDequeued KST_GUARDED_BY(mMutex);        // from mReady
+    int mDelivering KST_GUARDED_BY(mMutex) = 0;                    // number of threads
+    std::vector<IdleThread*> mIdleThreads KST_GUARDED_BY(mMutex);  // used as a stack
+    bool mHasWatcher KST_GUARDED_BY(mMutex) = false;               // an idle thread times the delivery of mReady
+    bool mIsIoRequested KST_GUARDED_BY(mMutex) = false;
+    bool mIsIoRunning KST_GUARDED_BY(mMutex) = false;
+    bool mShuttingDown KST_GUARDED_BY(mMutex) = false;
 };
 
-// Tells the host's observer, if there is one.
+// Calls the host's observer, if one is set.
 void observe(const HttpExchange& exchange);
 
 }  // namespace vexalive

@@ -1,5 +1,5 @@
-// JSON text on nlohmann-json, without a second tree: its reader calls JsonReader for each token, so that the depth is
-// bounded on the way; its writer is asked for single texts and numbers.
+// Parses with nlohmann-json's SAX interface, without a second tree: JsonReader receives each token and bounds the
+// depth. The library also serializes the strings that need escaping, and the floating-point numbers.
 
 #include "base/Json.h"
 
@@ -13,13 +13,13 @@ namespace {
 using Library = nlohmann::json;
 
 constexpr size_t kMaxDepth = 512;
-constexpr size_t kUsualText = 512;
+constexpr size_t kTypicalSize = 512;
 
-std::string textByLibrary(const Library& scalar) {
+std::string serializeScalar(const Library& scalar) {
     return scalar.dump(-1, ' ', false, Library::error_handler_t::replace);
 }
 
-// Most texts need neither an escape nor the library's look at their UTF-8.
+// Plain ASCII, the usual case, needs neither escapes nor a check of its UTF-8.
 void append(std::string& json, const std::string& text) {
     const bool isPlain =
         std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; });
@@ -28,7 +28,7 @@ void append(std::string& json, const std::string& text) {
         json += text;
         json += '"';
     } else {
-        json += textByLibrary(text);
+        json += serializeScalar(text);
     }
 }
 
@@ -45,7 +45,7 @@ void append(std::string& json, const Value& value) {
             json += std::to_string(*value.asInteger());
             break;
         case Value::kReal:
-            json += textByLibrary(*value.asReal());
+            json += serializeScalar(*value.asReal());
             break;
         case Value::kString:
             append(json, *value.asString());
@@ -71,10 +71,10 @@ void append(std::string& json, const Value& value) {
     }
 }
 
-// The names of the operations are the library's.
+// The interface is the library's: the names of the operations are fixed.
 class JsonReader {
 public:
-    Value take() { return std::move(mRoot); }
+    Value takeRoot() { return std::move(mRoot); }
 
     bool null() { return add(Value()); }
     bool boolean(bool value) { return add(value); }
@@ -103,7 +103,7 @@ private:
         bool isObject;
         Object object;
         Array array;
-        std::string key;  // of the member to come
+        std::string key;  // of the next member
     };
 
     bool open(bool isObject) {
@@ -139,17 +139,17 @@ private:
 
 std::string Serialize(const Value& value) {
     std::string json;
-    json.reserve(kUsualText);
+    json.reserve(kTypicalSize);
     append(json, value);
     return json;
 }
 
 Value Deserialize(const std::string& text) {
     if (text.find('\0') != std::string::npos) {
-        return {};  // no JSON holds one, but the library would end there
+        return {};  // the library would stop at it and accept what stands before
     }
     JsonReader reader;
-    return Library::sax_parse(text, &reader) ? reader.take() : Value();
+    return Library::sax_parse(text, &reader) ? reader.takeRoot() : Value();
 }
 
 }  // namespace json

@@ -11,7 +11,7 @@
 
 namespace {
 
-// What is below is never destroyed, since a worker may still log while the process exits.
+// Sink and logger are never destroyed: a worker may still log while the process exits.
 
 vexalive::Hook<vexalive::LogSink>& logSink() {
     static auto& sink = *new vexalive::Hook<vexalive::LogSink>();
@@ -52,9 +52,9 @@ std::string print(const char* format, va_list arguments) {
     if (length < 0) {
         return format;
     }
-    std::string text(static_cast<size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
+    std::string message(static_cast<size_t>(length), '\0');
+    std::vsnprintf(message.data(), message.size() + 1, format, arguments);
+    return message;
 }
 
 }  // namespace

@@ -11,14 +11,14 @@
 
 namespace {
 
-// A host that initialised OpenSSL itself has it clean up at exit, while workers still make bodies: by then no digest is
-// being made, and none begins.
-std::atomic<int> underWay{0};
-std::atomic<bool> processLeaves{false};
+// If the host initialised OpenSSL, OpenSSL cleans up at exit, while workers may still build bodies. The exit handler
+// waits for the active digests and prevents further ones.
+std::atomic<int> activeDigests{0};
+std::atomic<bool> processExiting{false};
 
-void leave() {
-    processLeaves = true;
-    while (underWay > 0) {
+void stopDigests() {
+    processExiting = true;
+    while (activeDigests > 0) {
         std::this_thread::yield();
     }
 }
@@ -26,17 +26,17 @@ void leave() {
 const EVP_MD* fetchMd5() {
     vexalive::initialiseOpenSsl();
     const EVP_MD* md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
-    vexalive::leaveOpenSsl();
-    std::atexit(&leave);  // after OpenSSL has registered its own clean-up, and so before it
+    vexalive::releaseOpenSslThread();
+    std::atexit(&stopDigests);  // registered after OpenSSL's clean-up, so it runs before
     return md5;
 }
 
 std::string digestOf(const std::string& text) {
-    static const EVP_MD* const md5 = fetchMd5();  // looked up once; never freed
+    static const EVP_MD* const md5 = fetchMd5();  // fetched once; never freed
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
     if (EVP_Digest(text.data(), text.size(), digest, &size, md5, nullptr) != 1) {
-        kstf_log(4, "Md5.cpp", __LINE__, "getMD5", "OpenSSL refuses MD5: stream ids cannot be made");
+        kstf_log(4, "Md5.cpp", __LINE__, "getMD5", "OpenSSL does not provide MD5: stream ids cannot be made");
         return {};
     }
     constexpr char kDigits[] = "0123456789abcdef";
@@ -52,8 +52,8 @@ std::string digestOf(const std::string& text) {
 }  // namespace
 
 std::string kstmedia::getMD5(const std::string& text) {
-    ++underWay;
-    std::string hex = processLeaves ? std::string() : digestOf(text);
-    --underWay;
+    ++activeDigests;
+    std::string hex = processExiting ? std::string() : digestOf(text);
+    --activeDigests;
     return hex;
 }

@@ -1,5 +1,4 @@
-// OpenSSL as this platform uses it: without its clean-up at exit, which would pull the library's tables from under
-// threads that still work while the process exits.
+// OpenSSL without its clean-up at exit: threads may still use the library's tables while the process exits.
 
 #ifndef VEXALIVE_PLATFORM_OPEN_SSL_H
 #define VEXALIVE_PLATFORM_OPEN_SSL_H
@@ -8,15 +7,15 @@
 
 namespace vexalive {
 
-// To be called before each first use of the library; a host that initialised OpenSSL before keeps its own way.
+// Call before the first use of the library. Has no effect if the host has initialised OpenSSL before.
 inline void initialiseOpenSsl() {
     static const int initialised = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     static_cast<void>(initialised);
 }
 
-// To be called after the library's use on a thread that may end while the process exits: nothing of the library's is
-// left to be done when it ends.
-inline void leaveOpenSsl() {
+// Call on a thread that has used the library and may end while the process exits. Frees the library's data of the
+// thread, so that nothing runs when the thread ends.
+inline void releaseOpenSslThread() {
     OPENSSL_thread_stop();
 }
 

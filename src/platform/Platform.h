@@ -1,9 +1,9 @@
-// What a host may set about the default platform: all of its hooks stand here.
-//
-// The platform works without any of them. Sinks and the observer may be set at any time and from any thread, and are
-// called from whatever thread logs, reports or exchanges; they must not throw, and one that blocks delays that thread.
-// Setting an empty function goes back to the default. A call of the old function that is under way may still end after
-// the new one is set.
+/// @file
+/// The options and hooks of the default platform. All are optional.
+///
+/// Any thread may set a hook at any time. A hook is called on the thread that logs, reports or delivers, on several
+/// threads at once; it must not throw, and it delays its thread while it blocks. Setting an empty function restores the
+/// default. A call of the previous function may still be running when a setter returns.
 
 #ifndef VEXALIVE_PLATFORM_PLATFORM_H
 #define VEXALIVE_PLATFORM_PLATFORM_H
@@ -17,29 +17,36 @@
 
 namespace vexalive {
 
+/// Options of all HTTPS clients of the process.
 struct HttpOptions {
-    std::chrono::milliseconds connectTimeout{5000};  // name, TCP and TLS together; 1 ms to 1 hour
-    std::chrono::milliseconds totalTimeout{10000};   // the whole exchange, but for waiting on a connection that another
-                                                     // request is opening (connectTimeout more at most; twice that if
-                                                     // over a hundred requests wait for it); 1 ms to 1 hour
-    size_t maxAnswerBytes = size_t{1} << 20;         // a longer answer is cut off and fails; 1 byte to 1 GiB
-    std::string caFile;  // certificate authorities (PEM) trusted in place of the system's; empty: the file that the
-                         // environment variable VEXALIVE_CA_FILE names, else the system's
+    /// For name resolution, TCP and TLS together: 1 ms to 1 hour.
+    std::chrono::milliseconds connectTimeout{5000};
+
+    /// For the whole exchange: 1 ms to 1 hour. The time in which a request waits for a connection that another request
+    /// opens is not included: at most connectTimeout, or twice that if more than a hundred requests wait.
+    std::chrono::milliseconds totalTimeout{10000};
+
+    /// The longest response body that is accepted: 1 byte to 1 GiB. A longer one fails.
+    size_t maxResponseBytes = size_t{1} << 20;
+
+    /// A PEM file with the certificate authorities to trust. Empty: the file that the environment variable
+    /// VEXALIVE_CA_FILE names, or the system's authorities.
+    std::string caFile;
 };
 
-// Sets the options of all HTTPS clients of the process. False, with no effect, after the first request or if a value is
-// out of its range.
+/// Sets the options. Call before the first request, on any thread.
+/// @return false, with no effect, after the first request or if a value is out of its range.
 bool setHttpOptions(const HttpOptions& options);
 
-// One log line, ready formatted. Level, file, line and function as in base/Log.h.
+/// Receives a formatted log line. The other parameters are as in base/Log.h; the strings are valid during the call.
 using LogSink =
     std::function<void(int level, const char* file, int line, const char* function, const std::string& message)>;
 
-// Where log lines go; by default to the spdlog logger named "vexalive": the one that the host registered before the
-// first line, else one that writes to standard error.
+/// Sets the destination of log lines. By default they go to the spdlog logger named "vexalive": the one that the host
+/// registered before the first line, or one that writes to standard error.
 void setLogSink(LogSink sink);
 
-// A room event report, fields as in base/EventReport.h.
+/// A room event report; fields as in base/EventReport.h.
 struct EventReport {
     int sdkAppId;
     std::string roomUser;
@@ -48,30 +55,35 @@ struct EventReport {
     std::string information;
     std::string detail;
 };
+
+/// Receives a room event report; `report` is valid during the call.
 using EventSink = std::function<void(const EventReport& report)>;
 
-// Where reports go; by default each becomes one log line.
+/// Sets the destination of reports. By default each becomes one log line.
 void setEventSink(EventSink sink);
 
-// One HTTPS exchange as seen from outside, for a progress display or metrics. Never shows the address, which carries
-// secrets.
+/// One phase of an HTTPS exchange, for a progress display or metrics. Never contains the URL, which carries secrets.
 struct HttpExchange {
     enum Phase {
-        kStarted,    // handed to the client; on the sending thread
-        kAnswered,   // about to be told to the callback; on the delivery thread
-        kDelivered,  // the callback has returned (or the client was gone); on the delivery thread
+        kStarted,    ///< The client has the request; on the sending thread.
+        kCompleted,  ///< The result is known, the callback has not begun; on the delivery thread.
+        kDelivered,  ///< The callback has returned, or the client no longer exists; on the delivery thread.
     };
     Phase phase;
-    uint64_t id;                        // of the exchange, counted from 1
-    std::string_view interfaceName;     // the last part of the address's path; valid during the call
-    size_t bytesSent;                   // of the body
-    std::string_view body;              // what is sent; empty once kStarted is over; valid during the call
-    int httpStatus;                     // of the answer; 0 if none came, and while kStarted
-    int retCode;                        // as in base/CVexaHttpSendRecv.h; 0 while kStarted
-    std::string_view answer;            // what came back; empty while kStarted; valid during the call
-    std::chrono::milliseconds elapsed;  // from hand-over to answer; 0 while kStarted
+    uint64_t id;                        ///< Number of the exchange in the process, from 1.
+    std::string_view interfaceName;     ///< Last segment of the URL's path; valid during the call.
+    size_t bytesSent;                   ///< Length of the request body.
+    std::string_view body;              ///< Request body at kStarted, otherwise empty; valid during the call.
+    int httpStatus;                     ///< Status of the response; 0 at kStarted or without a response.
+    int retCode;                        ///< As in base/CVexaHttpSendRecv.h; 0 at kStarted.
+    std::string_view response;          ///< Response body; empty at kStarted; valid during the call.
+    std::chrono::milliseconds elapsed;  ///< From kStarted to the end of the exchange; 0 at kStarted.
 };
+
+/// Receives each phase of each exchange.
 using HttpObserver = std::function<void(const HttpExchange& exchange)>;
+
+/// Sets the observer of all exchanges of the process.
 void setHttpObserver(HttpObserver observer);
 
 }  // namespace vexalive

@@ -5,7 +5,7 @@
 
 namespace {
 
-// Never destroyed, since a worker may still ask while the process exits.
+// Never destroyed: a worker may still read it while the process exits.
 const std::string& readOnce(const char* variable, const char* fallback) {
     const char* value = std::getenv(variable);
     return *new std::string(value && *value ? value : fallback);

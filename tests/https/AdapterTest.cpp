@@ -141,7 +141,7 @@ public:
             mStreams[exchange.id] = body.at(body.contains("session_id") ? "session_id" : "stream_id");
         }
         mJournal.add({exchange.phase, mStreams[exchange.id],
-                      std::string(exchange.interfaceName) + std::string(exchange.body) + std::string(exchange.answer),
+                      std::string(exchange.interfaceName) + std::string(exchange.body) + std::string(exchange.response),
                       std::chrono::steady_clock::now()});
     }
 

@@ -73,7 +73,7 @@ Reply post(const std::string& url, const std::string& text = "{}") {
 
 // A text for people, in JSON without a code, so that the adapter neither retries it nor takes it for the service's.
 void expectExplained(const Reply& reply, int curlCode) {
-    EXPECT_EQ(CVexaHttpSendRecv::kLibraryBase + curlCode, reply.retCode);
+    EXPECT_EQ(CVexaHttpSendRecv::kTransportErrorBase + curlCode, reply.retCode);
     const json::Value answer = json::Deserialize(reply.body);
     EXPECT_TRUE(answer.HasKey("transportError")) << reply.body;
     EXPECT_FALSE(answer.HasKey("code") || answer.HasKey("ErrorCode")) << reply.body;
@@ -131,7 +131,7 @@ TEST(HttpsClientFirst, OptionsOutOfRangeAreRefusedAndAllAreAfterTheFirstRequest)
     options.totalTimeout = 2h;
     EXPECT_FALSE(vexalive::setHttpOptions(options));
     options = {};
-    options.maxAnswerBytes = 0;
+    options.maxResponseBytes = 0;
     EXPECT_FALSE(vexalive::setHttpOptions(options));
     post("https://127.0.0.1:1/");
     EXPECT_FALSE(vexalive::setHttpOptions({}));
@@ -243,9 +243,9 @@ TEST(HttpsClient, ARedirectIsToldAndNotFollowed) {
 
 TEST(HttpsClient, AStatusThatIsNoneIsNotTakenForSuccess) {
     ScriptedServer server(answering("HTTP/1.1 000 Zero\r\nContent-Length: 2\r\n\r\n{}"));
-    EXPECT_GE(post(server.url()).retCode, CVexaHttpSendRecv::kLibraryBase);
+    EXPECT_GE(post(server.url()).retCode, CVexaHttpSendRecv::kTransportErrorBase);
     ScriptedServer one(answering("HTTP/1.1 001 One\r\nContent-Length: 2\r\n\r\n{}"));
-    EXPECT_GE(post(one.url()).retCode, CVexaHttpSendRecv::kLibraryBase);
+    EXPECT_GE(post(one.url()).retCode, CVexaHttpSendRecv::kTransportErrorBase);
 }
 
 TEST(HttpsClient, ANameThatDoesNotResolveIsWorthAnotherTry) {
@@ -726,7 +726,7 @@ TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
         }
         std::lock_guard<std::mutex> lock(mutex);
         seen.push_back({exchange.phase, exchange.id, std::string(exchange.interfaceName), exchange.bytesSent,
-                        std::string(exchange.body), exchange.retCode, std::string(exchange.answer)});
+                        std::string(exchange.body), exchange.retCode, std::string(exchange.response)});
         if (exchange.phase == vexalive::HttpExchange::kDelivered) {
             delivered.open();
         }
@@ -746,7 +746,7 @@ TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
     }
     EXPECT_EQ(vexalive::HttpExchange::kStarted, seen[0].phase);
     EXPECT_EQ("{\"a\":1}", seen[0].body);
-    EXPECT_EQ(vexalive::HttpExchange::kAnswered, seen[1].phase);
+    EXPECT_EQ(vexalive::HttpExchange::kCompleted, seen[1].phase);
     EXPECT_EQ("", seen[1].body);
     EXPECT_EQ(404, seen[1].retCode);
     EXPECT_EQ("nothing here", seen[1].answer);
@@ -774,7 +774,7 @@ int main(int argc, char** argv) {
     vexalive::HttpOptions options;
     options.connectTimeout = 2000ms;
     options.totalTimeout = 4000ms;
-    options.maxAnswerBytes = kLimit;
+    options.maxResponseBytes = kLimit;
     options.caFile = caFile;
     const int result = vexalive::setHttpOptions(options) ? RUN_ALL_TESTS() : 1;
     std::remove(caFile.c_str());

@@ -45,7 +45,7 @@ std::vector<Answered> always(int retCode, const std::string& response) {
 }
 
 std::vector<Answered> refusedByLibrary(CURLcode reason) {
-    return once(CVexaHttpSendRecv::kLibraryBase + reason,
+    return once(CVexaHttpSendRecv::kTransportErrorBase + reason,
                 std::string(R"({"transportError":")") + curl_easy_strerror(reason) + "\"}");
 }
 

@@ -58,7 +58,7 @@ void Stage::Exchanges::observe(const vexalive::HttpExchange& exchange) {
     }
     if (exchange.phase == vexalive::HttpExchange::kStarted) {
         sends.add(std::string(exchange.body));
-    } else if (exchange.phase == vexalive::HttpExchange::kAnswered && toHold > 0) {
+    } else if (exchange.phase == vexalive::HttpExchange::kCompleted && toHold > 0) {
         --toHold;
         held.add(true);
         passed.waitFor(held.all().size());

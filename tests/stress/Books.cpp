@@ -580,7 +580,7 @@ void Books::observe(const HttpExchange& exchange) {
         mInFlight[exchange.id] = std::move(delivery);
         return;
     }
-    if (exchange.phase == HttpExchange::kAnswered) {
+    if (exchange.phase == HttpExchange::kCompleted) {
         const std::lock_guard<std::mutex> lock(mMutex);
         const auto found = mInFlight.find(exchange.id);
         if (found == mInFlight.end() || found->second.exchange->isAnswered) {
@@ -595,8 +595,8 @@ void Books::observe(const HttpExchange& exchange) {
             breach("doubled", "an exchange that was delivered twice, or never sent");
         }
     }
-    if (exchange.phase == HttpExchange::kAnswered) {
-        tDelivery.account->answered(*tDelivery.exchange, exchange.retCode, std::string(exchange.answer));
+    if (exchange.phase == HttpExchange::kCompleted) {
+        tDelivery.account->answered(*tDelivery.exchange, exchange.retCode, std::string(exchange.response));
     } else {
         ++delivered;
         const Delivery ended = std::exchange(tDelivery, {});

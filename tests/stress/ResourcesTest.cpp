@@ -76,7 +76,7 @@ TEST_P(Descriptors, AFirstRequestThatFindsTooFewIsTriedAgainAndWorkResumesWithTh
     trust(service);
     const auto retCodes = std::make_shared<Journal<int>>();
     vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
-        if (exchange.phase == vexalive::HttpExchange::kAnswered) {
+        if (exchange.phase == vexalive::HttpExchange::kCompleted) {
             retCodes->add(exchange.retCode);
         }
     });
@@ -87,9 +87,9 @@ TEST_P(Descriptors, AFirstRequestThatFindsTooFewIsTriedAgainAndWorkResumesWithTh
         const std::vector<int> seen = retCodes->waitFor(1);
         ASSERT_FALSE(seen.empty());
         std::printf("with %zu descriptors left: retCode %d\n", GetParam(), seen[0]);
-        EXPECT_TRUE(seen[0] == CVexaHttpSendRecv::kAnswered || seen[0] == CVexaHttpSendRecv::kTryAgain);
-        if (seen[0] == CVexaHttpSendRecv::kTryAgain) {
-            EXPECT_EQ(CVexaHttpSendRecv::kTryAgain, retCodes->waitFor(2).back());
+        EXPECT_TRUE(seen[0] == CVexaHttpSendRecv::kSuccess || seen[0] == CVexaHttpSendRecv::kRetryable);
+        if (seen[0] == CVexaHttpSendRecv::kRetryable) {
+            EXPECT_EQ(CVexaHttpSendRecv::kRetryable, retCodes->waitFor(2).back());
         }
     }
     EXPECT_EQ((std::vector<Call>{{"startRelay", 0, "sucess"}}), member.listener->calls.waitFor(1));
@@ -108,7 +108,7 @@ TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
 
     const auto retCodes = std::make_shared<Journal<int>>();
     vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
-        if (exchange.phase == vexalive::HttpExchange::kAnswered) {
+        if (exchange.phase == vexalive::HttpExchange::kCompleted) {
             retCodes->add(exchange.retCode);
         }
     });
@@ -126,8 +126,8 @@ TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
         EXPECT_EQ((std::vector<Call>{{"startRelay", 0, "sucess"}}), member->listener->calls.waitFor(1));
     }
     const std::vector<int> seen = retCodes->all();
-    const auto triedAgain = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kTryAgain));
-    const auto answered = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kAnswered));
+    const auto triedAgain = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kRetryable));
+    const auto answered = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kSuccess));
     std::printf("%zd answered, %zd tried again\n", answered, triedAgain);
     EXPECT_GT(triedAgain, 0);
     EXPECT_EQ(static_cast<std::ptrdiff_t>(seen.size()), answered + triedAgain);

@@ -54,7 +54,7 @@ public:
     void delivered(Operation operation) { deliveredTo(mOpen[operation]); }
     void answeredTo(uint64_t id, int retCode, const std::string& answer) {
         ExchangeEvent event{};
-        event.phase = HttpExchange::kAnswered;
+        event.phase = HttpExchange::kCompleted;
         event.id = id;
         event.retCode = retCode;
         event.answer = answer;

@@ -69,6 +69,6 @@ int main() {
     expect<std::string>("JSON", json::Serialize(json::Deserialize("{ \"b\": 1, \"a\": [] }")), "{\"a\":[],\"b\":1}");
     expect<std::string>("empty relay", outcomeOfAnEmptyRelay(),
                         "-3323 startPublishStreamUrl failure, param is invalid");
-    expect<int>("refused request", returnCodeOfARefusedRequest(), CVexaHttpSendRecv::kTryAgain);
+    expect<int>("refused request", returnCodeOfARefusedRequest(), CVexaHttpSendRecv::kRetryable);
     return failures;
 }

@@ -64,7 +64,7 @@ void CVexaHttpSendRecv::sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::
     deliveries.emplace_back([callback = std::move(callback)] {
         const std::string text = "{\"code\":0}";
         KstCopyOnWriteBuffer answer(reinterpret_cast<const uint8_t*>(text.data()), text.size());
-        callback(CVexaHttpSendRecv::kAnswered, answer);
+        callback(CVexaHttpSendRecv::kSuccess, answer);
     });
 }
 
