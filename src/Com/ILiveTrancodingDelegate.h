@@ -1,42 +1,49 @@
-// The listener: how the outcomes of relay and mix requests reach the application.
+/// @file
+/// The listener: how the outcomes of relay and mix requests reach the application.
 
 #ifndef VEXALIVE_COM_I_LIVE_TRANCODING_DELEGATE_H
 #define VEXALIVE_COM_I_LIVE_TRANCODING_DELEGATE_H
 
 #include <string>
 
-// Implemented by the application and handed to LiveTranscodingAdapter::setLiveTranscodingDelegate, which keeps a weak
-// reference. The spelling of the name is part of the interface.
-//
-// Every call takes a code and a message. Codes:
-//   0                       success; the message is "sucess", or empty if the service answered with "ErrorCode" 0
-//   -3321, -3322            transport error (relay, mix); the message shows the return code of CVexaHttpSendRecv
-//   -3323, -3324            empty or unreadable answer, or a refused call (relay, mix)
-//   -200000-c, -300000-c    the service answered with the error code c or -c (relay, mix), never below the lowest
-//                           32-bit integer; the message is the service's
-//
-// Finished requests are told on the HTTPS client's delivery threads, refused calls on the adapter's worker thread;
-// never inside the call that asked. Calls may come at the same time on several threads. A listener may block (it delays
-// only its own adapter), call the adapter, or drop it; it may be destroyed on the thread that calls it.
-//
-// Most requests are told once. Told twice: an empty answer ("recv message nil", then "recv message can't parse"). Told
-// never: a start that waits for room entry, a request that newer work has superseded, and a readable answer without a
-// code. Told although superseded: an answer to a retry of a relay stop, of a mix or of a mix cancel that was sent
-// before.
+/// Implemented by the application and passed to LiveTranscodingAdapter::setLiveTranscodingDelegate, which stores a weak
+/// reference. The spelling of the name is part of the interface.
+///
+/// Each call receives a code and a message:
+///
+/// | code | meaning |
+/// |---|---|
+/// | 0 | success; the message is "sucess", or empty if the service responded with "ErrorCode" 0 |
+/// | -3321, -3322 | transport error (relay, mix); the message shows the return code of CVexaHttpSendRecv |
+/// | -3323, -3324 | empty or unreadable response, or a refused operation (relay, mix) |
+/// | -200000-c, -300000-c | the service responded with error code c or -c (relay, mix); at least INT32_MIN |
+///
+/// The message of the last row is the service's.
+///
+/// Threads: the outcome of a request is delivered on a thread of the HTTPS client, a refusal on the adapter's worker
+/// thread, and never inside the call of the operation. Calls may run on several threads at once. A listener may block
+/// (this delays only its own adapter), call the adapter, or drop it. It may be destroyed on the thread that calls it.
+///
+/// Most requests make one call. Exceptions:
+/// - An empty response makes two: "recv message nil", then "recv message can't parse".
+/// - A start that waits for room entry and a readable response without a code make none.
+/// - A superseded operation makes none, with two exceptions. A start with an invalid parameter or configuration is
+///   refused even if it is superseded. If a retry of a relay stop, a mix or a mix cancel was already sent, its response
+///   is evaluated and may make a call.
 class ILiveTrancodingDelegate {
 public:
     virtual ~ILiveTrancodingDelegate() = default;
 
-    // A relay start has finished. Also: a relay start, a mix configuration or its list of users was refused.
+    /// A relay start has finished. Also: a relay start, a mix configuration or its list of users was refused.
     virtual void onStartPublishStreamUrl(int errCode, std::string errMsg) = 0;
 
-    // A relay stop has finished.
+    /// A relay stop has finished.
     virtual void onStopPublishStreamUrl(int errCode, std::string errMsg) = 0;
 
-    // A mix start or update has finished.
+    /// A mix start or update has finished.
     virtual void onSetLiveMixTranscoding(int errCode, std::string errMsg) = 0;
 
-    // A mix cancel has finished. Also: a relay stop or a mix cancel was refused, since nothing was ever started.
+    /// A mix cancel has finished. Also: a relay stop or a mix cancel was refused, since nothing was ever started.
     virtual void onStopLiveMixTranscoding(int errCode, std::string errMsg) = 0;
 };
 

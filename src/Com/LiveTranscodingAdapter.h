@@ -1,15 +1,14 @@
-// Start here. The one object of the library: asks the cloud's live-interface service to relay the local user's stream
-// to a CDN address, and to mix several members' streams into one.
-//
-//     auto adapter = std::make_shared<LiveTranscodingAdapter>();
-//     adapter->setLiveTranscodingDelegate(listener);
-//     adapter->updateUserInfo(sdkAppId, userSig, userId);
-//     adapter->updateEnterRoomInfo(roomId, privateMapKey);
-//     adapter->startPublishStreamUrl(param);           // listener->onStartPublishStreamUrl(0, "sucess")
-//
-// No operation waits: each posts a task to the adapter's own worker thread, and the outcome reaches the listener
-// (ILiveTrancodingDelegate.h). A request that fails is sent again on the schedule of base/RetrySchedule.h. Each
-// finished or refused task makes one room event report (base/EventReport.h).
+/// @file
+/// The main class of the library. It requests from the cloud's live-interface service to relay the local user's stream
+/// to a CDN address, and to mix several members' streams into one.
+///
+/// @code
+///     auto adapter = std::make_shared<LiveTranscodingAdapter>();
+///     adapter->setLiveTranscodingDelegate(listener);
+///     adapter->updateUserInfo(sdkAppId, userSig, userId);
+///     adapter->updateEnterRoomInfo(roomId, privateMapKey);
+///     adapter->startPublishStreamUrl(param);           // listener->onStartPublishStreamUrl(0, "sucess")
+/// @endcode
 
 #ifndef VEXALIVE_COM_LIVE_TRANSCODING_ADAPTER_H
 #define VEXALIVE_COM_LIVE_TRANSCODING_ADAPTER_H
@@ -35,57 +34,67 @@ struct Refusal;
 struct Sender;
 }  // namespace vexalive::requests
 
-// The order of mix inputs: lower layers first.
+/// The order of mix inputs: lower layers first. Any thread.
 bool LiveTranscodingAdapterSortFun(const kstmedia::VexaMixUserInternal& a, const kstmedia::VexaMixUserInternal& b);
 
-// Must be owned by a shared pointer: an operation called on an adapter that is not, or that is being destroyed, aborts
-// the process. The operations are meant to be called from one thread at a time; called from several, nothing is
-// undefined, but which call supersedes which is chance. They may be called from inside a listener call. An adapter may
-// be dropped anywhere, inside its listener's calls too. A task or an answer that is being handled at that moment keeps
-// it until it is done, and until then the listener may still be told; then it is destroyed on that thread, and nothing
-// follows. Code that derives from the class must be compiled without run-time type information, as the class is.
+/// Relays and mixes the streams of one room. No operation waits: each but clear() and setLiveTranscodingDelegate()
+/// posts a task to the adapter's own worker thread, and the first task starts this thread. The listener receives the
+/// outcome (ILiveTrancodingDelegate.h). A request that fails is sent again on the schedule of base/RetrySchedule.h.
+///
+/// Room event reports (base/EventReport.h): the final response to a request makes one. So do a start that is refused
+/// and a start before room entry; the latter makes another one when it ends. A refused stop or cancel makes none.
+///
+/// Ownership: the adapter must be owned by a shared pointer. An operation that posts aborts the process if the adapter
+/// is not, or if it is being destroyed. The last reference may be dropped anywhere, also inside a listener call. A task
+/// or a response that is being handled at that moment holds the adapter until it is done and may still call the
+/// listener; then the adapter is destroyed on that thread, and no further call follows.
+///
+/// Threads: call the operations from one thread at a time; listener calls may call them, too. Calls from several
+/// threads are safe, but it is then undetermined which of them supersedes the other.
+///
+/// Code that derives from the class must be compiled without run-time type information, as the class is.
 class LiveTranscodingAdapter : public std::enable_shared_from_this<LiveTranscodingAdapter> {
 public:
-    // Costs no thread and no socket; the first operation starts the worker.
+    /// Starts no thread and opens no socket.
     LiveTranscodingAdapter();
 
-    // Drops the work still to come and ends the worker.
+    /// Destroys the tasks that have not begun and ends the worker thread.
     virtual ~LiveTranscodingAdapter();
 
     LiveTranscodingAdapter(const LiveTranscodingAdapter&) = delete;
     LiveTranscodingAdapter& operator=(const LiveTranscodingAdapter&) = delete;
 
-    // Leaves the room: work under way becomes stale, pending starts and the stored parameters are forgotten. Identity,
-    // room and listener stay.
+    /// Leaves the room: supersedes all work, drops starts that wait for room entry and clears the stored parameter and
+    /// configuration. Identity, room id and listener remain.
     void resetInfo();
 
-    // Who the local user is. Any values are taken.
+    /// Sets the identity of the local user. All values are accepted, also 0 and empty strings.
     void updateUserInfo(int64_t sdkAppId, std::string userSig, std::string userId);
 
-    // Enters a room: starts asked for before are sent now, the relay first.
+    /// Enters a room and sends the starts that wait for it, the relay first. All values are accepted.
     void updateEnterRoomInfo(std::string roomId, std::string privateMapKey);
 
-    // Who is told; takes effect at once, but for a call that has begun. Kept weakly; one that is gone or empty is
-    // skipped.
+    /// Sets the listener at once; a call that has begun still reaches the previous one. The adapter holds a weak
+    /// reference. An expired or empty listener is skipped.
     void setLiveTranscodingDelegate(std::weak_ptr<ILiveTrancodingDelegate> delegate);
 
-    // Forgets the stored mix configuration at once; sends nothing.
+    /// Clears the stored mix configuration at once; sends nothing.
     void clear();
 
-    // Relays the local user's main stream to `param.url`; before room entry the start waits for it. Supersedes earlier
-    // relay work. Told through onStartPublishStreamUrl.
+    /// Relays the local user's main stream to `param.url`; before room entry the start waits. Supersedes earlier relay
+    /// work. Outcome and refusal: onStartPublishStreamUrl.
     void startPublishStreamUrl(const kstmedia::VexaPublishCDNParamInternal& param);
 
-    // Ends the relay. Supersedes earlier relay work and forgets a start that waits for room entry. Told through
-    // onStopPublishStreamUrl; refused, if nothing was ever started, through onStopLiveMixTranscoding.
+    /// Ends the relay. Supersedes earlier relay work and drops a start that waits for room entry. Outcome:
+    /// onStopPublishStreamUrl. Refused through onStopLiveMixTranscoding if nothing was ever started.
     void stopPublishStreamUrl();
 
-    // Starts a mix, or changes the running one; before room entry it waits. Supersedes earlier mix work. Told through
-    // onSetLiveMixTranscoding; a refused configuration through onStartPublishStreamUrl. Always returns 0.
+    /// Starts a mix or changes the running one; before room entry it waits. Supersedes earlier mix work. Outcome:
+    /// onSetLiveMixTranscoding; refusal: onStartPublishStreamUrl. Always returns 0.
     int32_t setLiveMixTranscoding(const kstmedia::VexaTranscodingConfigInternal& config);
 
-    // Ends the mix. Supersedes earlier mix work and forgets a configuration that waits for room entry. Told through
-    // onStopLiveMixTranscoding; refused if nothing was ever started.
+    /// Ends the mix. Supersedes earlier mix work and drops a configuration that waits for room entry. Outcome:
+    /// onStopLiveMixTranscoding, also if it is refused because nothing was ever started.
     void stopLiveMixTranscoding();
 
 private:

@@ -1,14 +1,15 @@
-// When a request that failed is sent again: the adapter follows this schedule, and a progress display can show it.
+/// @file
+/// When a request that failed is sent again. The adapter follows this schedule; a progress display can show it.
 
 #ifndef VEXALIVE_BASE_RETRY_SCHEDULE_H
 #define VEXALIVE_BASE_RETRY_SCHEDULE_H
 
 #include <cstdint>
 
-// Retries that follow a first send at most; a request is thus sent at most kRetryBudget + 1 times.
+/// The most retries that follow a first send. A request is thus sent at most kRetryBudget + 1 times.
 constexpr int32_t kRetryBudget = 10;
 
-// Milliseconds to wait before retry n. Retries are counted from 1, so the entry for 0 is never waited for.
+/// The delay before retry `n`, in milliseconds. The adapter counts retries from 1, so it never uses the entry for 0.
 constexpr int retryDelay(int n) {
     constexpr int kDelays[] = {1000, 1000, 1000, 2000, 2000, 2000};
     return n >= 0 && n <= 5 ? kDelays[n] : 5000;

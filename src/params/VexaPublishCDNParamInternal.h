@@ -1,4 +1,5 @@
-// Where to relay the local user's stream.
+/// @file
+/// Where to relay the local user's stream.
 
 #ifndef VEXALIVE_PARAMS_VEXA_PUBLISH_CDN_PARAM_INTERNAL_H
 #define VEXALIVE_PARAMS_VEXA_PUBLISH_CDN_PARAM_INTERNAL_H
@@ -8,13 +9,13 @@
 
 namespace kstmedia {
 
-// A relay starts only if no field is 0 or empty; the record itself checks nothing.
+/// The parameter of a relay. A relay starts only if no field is 0 or empty; the record itself checks nothing.
 struct VexaPublishCDNParamInternal {
-    int32_t appId = 0;  // CDN application id
-    int32_t bizId = 0;  // CDN biz id
-    std::string url;    // destination address of the relayed stream
+    int32_t appId = 0;  ///< CDN application id
+    int32_t bizId = 0;  ///< CDN biz id
+    std::string url;    ///< destination address of the relayed stream
 
-    // "appId:…, bizId:…, url:…", as task reports show it; the url whole and as it stands.
+    /// "appId:…, bizId:…, url:…", as room event reports show it. The url is complete and unchanged.
     std::string to_string() const;
 };
 

@@ -1,4 +1,5 @@
-// How to mix several members' streams into one output stream.
+/// @file
+/// How to mix several members' streams into one output stream.
 
 #ifndef VEXALIVE_PARAMS_VEXA_TRANSCODING_CONFIG_INTERNAL_H
 #define VEXALIVE_PARAMS_VEXA_TRANSCODING_CONFIG_INTERNAL_H
@@ -11,25 +12,26 @@
 
 namespace kstmedia {
 
-// The record itself checks nothing. For a mix with video no number but `mode` may be 0; for one of audio only, `appId`
-// and `bizId` may not. -1 in a bitrate, frame rate, GOP, sample rate or channel count leaves it to the
-// service; width and height are sent as they stand. Units are the service's: commonly pixels, kbit/s, seconds, Hz.
+/// The configuration of a mix. The record itself checks nothing. For a mix with video no number except `mode` may be 0;
+/// for a mix of audio only, `appId` and `bizId` may not. A bitrate, frame rate, GOP, sample rate or channel count of -1
+/// is left to the service; width and height are sent unchanged. The service defines the units: commonly pixels, kbit/s,
+/// seconds and Hz.
 struct VexaTranscodingConfigInternal {
-    int32_t mode = 0;          // the application's own; carried, never read
-    int32_t appId = 0;         // CDN application id
-    int32_t bizId = 0;         // CDN biz id
-    int32_t videoWidth = -1;   // canvas
-    int32_t videoHeight = -1;  // canvas
+    int32_t mode = 0;          ///< the application's own; carried, never read
+    int32_t appId = 0;         ///< CDN application id
+    int32_t bizId = 0;         ///< CDN biz id
+    int32_t videoWidth = -1;   ///< canvas
+    int32_t videoHeight = -1;  ///< canvas
     int32_t videoBitrate = -1;
     int32_t videoFramerate = -1;
-    int32_t videoGOP = -1;  // key-frame interval
+    int32_t videoGOP = -1;  ///< key-frame interval
     int32_t audioSampleRate = -1;
     int32_t audioBitrate = -1;
     int32_t audioChannels = -1;
-    std::vector<VexaMixUserInternal> mixUsersArray;  // the inputs, in the application's order
+    std::vector<VexaMixUserInternal> mixUsersArray;  ///< the inputs, in the application's order
 
-    // The numbers, then each user as " mixUser1:[…]", as task reports show it. Each user's entry is cut at 259
-    // characters.
+    /// The numbers, then each user as " mixUser1:[…]", as room event reports show it. Each user's entry is cut at 259
+    /// characters.
     std::string to_string() const;
 };
 
