@@ -8,6 +8,9 @@ set(standard_headers <algorithm> <chrono> <condition_variable> <cstdint> <cstdio
 
 # add_precompiled_headers(NAME HEADER…): compiles the headers once, with the options of the current folder.
 function(add_precompiled_headers name)
+  if(CMAKE_DISABLE_PRECOMPILE_HEADERS)
+    return()
+  endif()
   file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp CONTENT "")
   add_library(${name} OBJECT ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
   target_precompile_headers(${name} PRIVATE ${standard_headers} ${ARGN})

@@ -64,7 +64,7 @@ void expect(const char* what, const T& seen, const T& expected) {
 
 int main() {
     vexalive::setLogSink([](int, const char*, int, const char*, const std::string&) {});
-    expect<std::string>("version", kstf_get_sdk_version(), "1.0.0");
+    expect<std::string>("version", kstf_get_sdk_version(), "1.1.0");
     expect<std::string>("digest", kstmedia::getMD5("abc"), "900150983cd24fb0d6963f7d28e17f72");
     expect<std::string>("JSON", json::Serialize(json::Deserialize("{ \"b\": 1, \"a\": [] }")), "{\"a\":[],\"b\":1}");
     expect<std::string>("empty relay", outcomeOfAnEmptyRelay(),
