@@ -20,53 +20,26 @@
 #include "FakePlatform.h"
 #include "Fuzzing.h"
 #include "VirtualTime.h"
+#include "support/Oracle.h"
 
 namespace {
 
 using namespace fuzzing;
 using Json = nlohmann::json;
 using Milliseconds = std::chrono::milliseconds;
+using oracle::Family;
+using oracle::kAddRelay;
+using oracle::kCancelMix;
+using oracle::Kind;
+using oracle::kRemoveRelay;
+using oracle::kStartMix;
+using oracle::rulesOf;
+using Told = oracle::Notification;
 
 constexpr const char* kUserSig = "signature-of-alice";
 constexpr const char* kMapKey = "map-key-of-room7";
-constexpr int kMaxSends = 11;
 constexpr size_t kMaxSteps = 100;
 constexpr size_t kMaxRequests = 60;  // of a story; the last of them are left open
-constexpr int kDeepestRead = 512;
-constexpr const char* kNotInRoom = "not enterRoom status";
-
-struct Kind {
-    const char* operation;
-    size_t family;  // 0 relay, 1 mix
-    int transportCode;
-    int unreadableCode;
-    int64_t serverBase;
-    int event;
-    size_t tracedCounter;
-    bool dropsStaleRetryAnswer;
-    bool sendsStaleRetry;
-};
-
-constexpr size_t kAddRelay = 0;
-constexpr size_t kRemoveRelay = 1;
-constexpr size_t kStartMix = 2;
-constexpr size_t kCancelMix = 3;
-constexpr Kind kKinds[] = {
-    {"onStartPublishStreamUrl", 0, -3321, -3323, -200000, 30, kAddRelay, true, true},
-    {"onStopPublishStreamUrl", 0, -3321, -3323, -200000, 30, kAddRelay, false, false},
-    {"onSetLiveMixTranscoding", 1, -3322, -3324, -300000, 31, kStartMix, false, false},
-    {"onStopLiveMixTranscoding", 1, -3322, -3324, -300000, 31, kCancelMix, false, false},
-};
-
-bool isRetriedCode(size_t kind, int64_t c) {
-    return kind == kAddRelay ? c == 1 : kind == kStartMix && (c == 3 || c == 505 || c == 10017);
-}
-
-struct Told {
-    std::string operation;
-    int code;
-    std::optional<std::string> message;  // none: any
-};
 
 class Listener : public ILiveTrancodingDelegate {
 public:
@@ -82,118 +55,10 @@ public:
     std::vector<Told> told;
 
 private:
-    void keep(size_t kind, int code, std::string message) {
-        told.push_back({kKinds[kind].operation, code, std::move(message)});
+    void keep(Kind kind, int code, std::string message) {
+        told.push_back({rulesOf(kind).name, code, std::move(message)});
     }
 };
-
-// ---- How an answer is judged ----------------------------------------------------------------------------------------
-
-int depthOf(const std::string& text) {
-    int depth = 0;
-    int deepest = 0;
-    bool isInText = false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (isInText) {
-            i += c == '\\';
-            isInText = c != '"';
-        } else if (c == '"') {
-            isInText = true;
-        } else if (c == '{' || c == '[') {
-            deepest = std::max(deepest, ++depth);
-        } else if (c == '}' || c == ']') {
-            --depth;
-        }
-    }
-    return deepest;
-}
-
-// None if it cannot be read, or is "null".
-std::optional<Json> readAnswer(const std::string& body) {
-    const Json answer = Json::parse(body, nullptr, false);
-    if (answer.is_discarded() || answer.is_null() || body.find('\0') != std::string::npos ||
-        depthOf(body) > kDeepestRead) {
-        return std::nullopt;
-    }
-    return answer;
-}
-
-int64_t codeOf(const Json& value) {
-    constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
-    constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
-    if (value.is_boolean()) {
-        return value.get<bool>() ? 1 : 0;
-    }
-    if (value.is_number_unsigned()) {
-        return static_cast<int64_t>(std::min<uint64_t>(value.get<uint64_t>(), kHighest));
-    }
-    if (value.is_number_integer()) {
-        return std::clamp(value.get<int64_t>(), kLowest, kHighest);
-    }
-    if (value.is_number_float()) {
-        return static_cast<int64_t>(
-            std::clamp(value.get<double>(), static_cast<double>(kLowest), static_cast<double>(kHighest)));
-    }
-    if (!value.is_string()) {
-        return -1;
-    }
-    std::string digits = value.get<std::string>();
-    const bool isNegative = startsWith(digits, "-");
-    if (isNegative || startsWith(digits, "+")) {
-        digits.erase(0, 1);
-    }
-    if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos) {
-        return -1;
-    }
-    int64_t number = 0;
-    for (const char digit : digits) {
-        number = std::min(number * 10 + (digit - '0'), kHighest + 1);
-    }
-    return std::clamp(isNegative ? -number : number, kLowest, kHighest);
-}
-
-struct Verdict {
-    bool isWorthAnotherTry = false;
-    std::vector<Told> told;  // if there is no other try
-};
-
-Verdict judge(size_t number, int retCode, const std::string& body) {
-    const Kind& kind = kKinds[number];
-    const std::optional<Json> answer = readAnswer(body);
-    const bool hasCode = answer && answer->is_object() && answer->contains("code");
-    const bool hasErrorCode = answer && answer->is_object() && answer->contains("ErrorCode");
-    const char* const codeKey = hasCode ? "code" : "ErrorCode";
-    const int64_t code = hasCode || hasErrorCode ? codeOf((*answer)[codeKey]) : 0;
-    const int64_t size = code < 0 ? -code : code;
-
-    Verdict verdict;
-    verdict.isWorthAnotherTry = retCode == 1 || !answer || isRetriedCode(number, size);
-    const auto tell = [&](int64_t told, std::optional<std::string> message) {
-        verdict.told.push_back({kind.operation, static_cast<int>(told), std::move(message)});
-    };
-    if (retCode != 0) {
-        tell(kind.transportCode, "http post return error\uff0c retcode:" + std::to_string(retCode));
-        return verdict;
-    }
-    if (body.empty()) {
-        tell(kind.unreadableCode, "recv message nil");
-    }
-    if (!answer) {
-        tell(kind.unreadableCode, "recv message can't parse");
-    } else if ((hasCode || hasErrorCode) && code == 0) {
-        tell(0, hasCode ? "sucess" : "");
-    } else if (hasCode || hasErrorCode) {
-        const auto message = answer->find(hasCode ? "message" : "ErrorInfo");
-        const bool isMissing = message == answer->end() || message->is_null();
-        std::optional<std::string> text;
-        if (isMissing || message->is_string()) {
-            text = isMissing ? "" : message->get<std::string>();
-        }
-        tell(std::max<int64_t>(kind.serverBase - size, std::numeric_limits<int32_t>::min()), text);
-    }
-    return verdict;
-}
 
 // ---- The story ------------------------------------------------------------------------------------------------------
 
@@ -277,7 +142,7 @@ public:
         VirtualTime::runUntilQuiet();
         compare();
         for (const Retry& retry : mRetries) {
-            require(isStale(retry.kind, retry.index) && !kKinds[retry.kind].sendsStaleRetry, "each retry is sent");
+            require(isStale(retry.kind, retry.index) && !rulesOf(retry.kind).sendsStaleRetry, "each retry is sent");
         }
         mAdapter.reset();
         require(VirtualTime::queuedTasks() + VirtualTime::delayedTasks() == 0, "no task outlives the adapter");
@@ -285,12 +150,12 @@ public:
 
 private:
     struct Sent {
-        size_t kind;
+        Kind kind;
         int index;
         bool isRetry;
     };
     struct Retry {
-        size_t kind;
+        Kind kind;
         int index;
         VirtualTime::TimePoint due;
     };
@@ -307,9 +172,9 @@ private:
         std::string mixStartDescription;  // begins with
     };
 
-    Task& taskOf(size_t kind, int index) { return mTasks[{kKinds[kind].family, index}]; }
+    Task& taskOf(Kind kind, int index) { return mTasks[{rulesOf(kind).family, index}]; }
 
-    bool isStale(size_t kind, int index) const { return index != mGenerations[kKinds[kind].family]; }
+    bool isStale(Kind kind, int index) const { return index != mGenerations[rulesOf(kind).family]; }
 
     // ---- What is to come
 
@@ -318,33 +183,33 @@ private:
         mCounters[2 * family] = mCounters[2 * family + 1] = 0;
     }
 
-    void start(size_t kind) {
-        const size_t family = kKinds[kind].family;
+    void start(Kind kind) {
+        const Family family = rulesOf(kind).family;
         supersede(family);
         mIsAnythingStarted = true;
         mPending[family] = !mIsInRoom;
         if (mIsInRoom) {
             mFirstSends.push_back(kind);
         } else {
-            mReports.push_back({kKinds[kind].event, kNotInRoom, nullptr, ""});
+            mReports.push_back({rulesOf(kind).event, oracle::kNotInRoom, nullptr, ""});
         }
     }
 
-    void stop(size_t kind) {
-        const size_t family = kKinds[kind].family;
+    void stop(Kind kind) {
+        const Family family = rulesOf(kind).family;
         supersede(family);
         mPending[family] = false;
         if (mIsAnythingStarted) {
             mFirstSends.push_back(kind);
         } else {
-            expectTold({{kKinds[kCancelMix].operation, kKinds[kind].unreadableCode, std::nullopt}});
+            expectTold({{rulesOf(kCancelMix).name, rulesOf(kind).unreadableCode, std::nullopt}});
         }
     }
 
     void enterRoom() {
         mIsInRoom = true;
-        for (const size_t kind : {kAddRelay, kStartMix}) {
-            if (mPending[kKinds[kind].family]) {
+        for (const Kind kind : {kAddRelay, kStartMix}) {
+            if (mPending[rulesOf(kind).family]) {
                 start(kind);
             }
         }
@@ -388,27 +253,25 @@ private:
     }
 
     void expectAfterAnswer(const Sent& sent, int retCode, const std::string& body) {
-        const Kind& kind = kKinds[sent.kind];
-        if (isStale(sent.kind, sent.index) && (!sent.isRetry || kind.dropsStaleRetryAnswer)) {
+        const oracle::KindRules& rules = rulesOf(sent.kind);
+        if (isStale(sent.kind, sent.index) && (!sent.isRetry || rules.dropsStaleRetry)) {
             return;
         }
         Task& task = taskOf(sent.kind, sent.index);
-        task.answers += " [tryHttp:cnt-" + std::to_string(mCounters[kind.tracedCounter]) +
-                        "]retCode:" + std::to_string(retCode) + ", respData:" + body;
-        const Verdict verdict = judge(sent.kind, retCode, body);
-        if (verdict.isWorthAnotherTry && mCounters[sent.kind] > 0) {
-            constexpr int kPauses[] = {1000, 1000, 2000, 2000, 2000, 5000, 5000, 5000, 5000, 5000};
-            const auto tries = static_cast<size_t>(10 - mCounters[sent.kind]--);
-            mRetries.push_back({sent.kind, sent.index, VirtualTime::now() + Milliseconds(kPauses[tries])});
+        task.answers += oracle::traceSegment(mCounters[rules.tracedCounter], retCode, body);
+        const oracle::Evaluation evaluation = oracle::evaluate(sent.kind, retCode, body);
+        if (evaluation.isRetryable && mCounters[sent.kind] > 0) {
+            const int retry = oracle::kMaxRetries + 1 - mCounters[sent.kind]--;
+            mRetries.push_back({sent.kind, sent.index, VirtualTime::now() + Milliseconds(oracle::retryPause(retry))});
             return;
         }
-        expectTold(verdict.told);
+        expectTold(evaluation.notifications);
         require(++task.reports == 1, "a finished task is reported once");
         if (sent.kind == kStartMix) {
-            mReports.push_back({kind.event, "", &task, "task_id:" + std::to_string(sent.index) + ", "});
+            mReports.push_back({rules.event, "", &task, "task_id:" + std::to_string(sent.index) + ", "});
         } else {
             const std::string opener = sent.kind == kAddRelay ? task.firstBody : "";
-            mReports.push_back({kind.event, upToZero(opener + task.answers), nullptr, ""});
+            mReports.push_back({rules.event, upToZero(opener + task.answers), nullptr, ""});
         }
     }
 
@@ -449,11 +312,11 @@ private:
     }
 
     void compareRequest(const FakePlatform::Request& request) {
-        const size_t kind = request.client;
+        const Kind kind = static_cast<Kind>(request.client);
         const int index = indexOfNextSend();
         Task& task = taskOf(kind, index);
         const bool isRetry = task.sends > 0;
-        require(++task.sends <= kMaxSends, "a request is sent 11 times at most");
+        require(++task.sends <= oracle::kMaxRetries + 1, "a request is sent 11 times at most");
         if (isRetry) {
             const auto retry = std::find_if(mRetries.begin(), mRetries.end(), [&](const Retry& planned) {
                 return planned.kind == kind && planned.index == index;
@@ -465,7 +328,7 @@ private:
             require(!mFirstSends.empty() && mFirstSends.front() == kind && !isStale(kind, index),
                     "nothing is sent that was not begun");
             mFirstSends.erase(mFirstSends.begin());
-            mCounters[kind] = 10;
+            mCounters[kind] = oracle::kMaxRetries;
             task.firstBody = request.body;
         }
         require(Json::accept(request.body), "a body is JSON", request.body);
@@ -533,7 +396,7 @@ private:
     std::array<int, 4> mCounters{};
     std::map<std::pair<size_t, int>, Task> mTasks;
     std::vector<Retry> mRetries;
-    std::vector<size_t> mFirstSends;
+    std::vector<Kind> mFirstSends;
     std::vector<Told> mTold;
     std::vector<Report> mReports;
 

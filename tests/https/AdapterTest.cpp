@@ -350,7 +350,7 @@ protected:
             all += exchange.text + "\n";
         }
         for (const Call& call : listener.calls.all()) {
-            all += call.message + "\n";
+            all += call.message.value_or("") + "\n";
         }
         return all;
     }

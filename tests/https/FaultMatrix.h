@@ -1,7 +1,7 @@
-// The fault matrix: what becomes of each of the four kinds of request under each fault, on real sockets.
+// The fault matrix: each of the four kinds of request under each fault, on real sockets.
 //
-// Kinds and faults are data. A cell is one kind under one fault; its expectation follows from the fault's row and the
-// kind's family.
+// Kinds and faults are data. A cell is one kind under one fault; the oracle derives what it must lead to from the
+// responses in the fault's row.
 
 #ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_H
 #define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_H
@@ -12,49 +12,44 @@
 #include <vector>
 
 #include "FaultMatrixStage.h"
+#include "support/Oracle.h"
 #include "support/RoomMember.h"
 
 struct Kind {
     const char* name;
     const char* title;
-    const char* interfaceName;
-    bool isMix;
-    bool isStart;
-    const char* startCall;  // of the listener, for a start of the family
-    const char* call;       // of the listener
-    void (*start)(LiveTranscodingAdapter& adapter);
-    void (*act)(LiveTranscodingAdapter& adapter);
+    oracle::Kind request;
+    oracle::Kind start;  // of the same family
+    void (*callStart)(LiveTranscodingAdapter& adapter);
+    void (*call)(LiveTranscodingAdapter& adapter);
+
+    const oracle::KindRules& rules() const { return oracle::rulesOf(request); }
+    bool isMix() const { return rules().family == oracle::kMix; }
+    bool isStart() const { return request == start; }
 };
 
 const std::vector<Kind>& kinds();
 
-// What the listener is told in the end, and how often.
-enum class Told { kSuccess, kTransport, kEmpty, kUnreadable, kServerCode, kNothing };
-
-constexpr int kServerCode = -77;
-constexpr const char* kServerMessage = "no such app";
-
-// What the HTTPS client tells the adapter.
-struct Answered {
+// What the HTTPS client hands to the adapter.
+struct Response {
     int retCode;
-    std::string response;
+    std::string body;
 };
 
 struct Fault {
-    enum Where { kLoopback, kNoName, kNetworkOfItsOwn };
+    enum Where { kLoopback, kUnknownHost, kOwnNetwork };
 
     const char* name;
-    const char* words;
-    std::function<void(Stage& stage)> strike;
-    std::vector<Answered> answers;  // one for each send
-    Told told;
-    int requests;  // that reach a server whole; those of other clients are not counted
+    const char* description;
+    std::function<void(Stage& stage)> inject;
+    std::vector<Response> responses;  // one for each send
+    int requests;                     // that a server reads whole, of the client under test
     Where where = kLoopback;
     std::chrono::milliseconds connectTimeout = std::chrono::seconds(30);
     std::chrono::milliseconds totalTimeout = std::chrono::seconds(60);
 
     bool waits() const { return connectTimeout < std::chrono::seconds(30) || totalTimeout < std::chrono::seconds(60); }
-    bool isThereFromTheStart() const { return where == kNoName; }
+    bool isActiveFromTheStart() const { return where == kUnknownHost; }
 };
 
 // In the order of an exchange.
@@ -73,7 +68,7 @@ inline void PrintTo(const Cell& cell, std::ostream* out) {
 
 std::vector<Cell> cells();
 
-std::vector<Call> expectedCalls(const Cell& cell);
+std::vector<oracle::Notification> expectedCalls(const Cell& cell);
 
 // All cells as a table in Markdown.
 std::string faultTable();

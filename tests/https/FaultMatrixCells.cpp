@@ -44,7 +44,7 @@ private:
 };
 
 std::vector<std::string> environmentFor(const Cell& cell, int port) {
-    const std::string host = cell.fault->where == Fault::kNoName ? "no-such-host.invalid" : "127.0.0.1";
+    const std::string host = cell.fault->where == Fault::kUnknownHost ? "no-such-host.invalid" : "127.0.0.1";
     std::vector<std::string> environment = {"VEXALIVE_SERVICE_HOST=" + host + ":" + std::to_string(port),
                                             "OPENSSL_CONF=" OPENSSL_CONFIGURATION};
     for (char** each = environ; *each; ++each) {

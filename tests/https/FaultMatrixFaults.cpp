@@ -36,15 +36,15 @@ const std::string kGzipOfWell(
 
 // ---- What the adapter gets ------------------------------------------------------------------------------------------
 
-std::vector<Answered> once(int retCode, const std::string& response) {
+std::vector<Response> once(int retCode, const std::string& response) {
     return {{retCode, response}};
 }
 
-std::vector<Answered> always(int retCode, const std::string& response) {
-    return std::vector<Answered>(kTries, Answered{retCode, response});
+std::vector<Response> always(int retCode, const std::string& response) {
+    return std::vector<Response>(kTries, Response{retCode, response});
 }
 
-std::vector<Answered> refusedByLibrary(CURLcode reason) {
+std::vector<Response> refusedByLibrary(CURLcode reason) {
     return once(CVexaHttpSendRecv::kTransportErrorBase + reason,
                 std::string(R"({"transportError":")") + curl_easy_strerror(reason) + "\"}");
 }
@@ -324,147 +324,131 @@ Fault endingWithin(std::chrono::milliseconds time, Fault fault) {
 }
 
 std::vector<Fault> makeFaults() {
-    const std::vector<Answered> lost = always(1, "");
-    const std::vector<Answered> well = once(0, kWell);
-    const std::vector<Answered> untrusted = refusedByLibrary(CURLE_PEER_FAILED_VERIFICATION);
+    const std::vector<Response> lost = always(1, "");
+    const std::vector<Response> well = once(0, kWell);
+    const std::vector<Response> untrusted = refusedByLibrary(CURLE_PEER_FAILED_VERIFICATION);
     const std::string json404 = R"({"code":0,"message":"moved away"})";
     const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
 
     // name, words, what strikes, what the adapter gets, what the listener is told, requests that reach a server
     return {
         // The way there.
-        connectingWithin(
-            1s, in(Fault::kNoName, {"NameNotResolved", "the name is not resolved", refuse, lost, Told::kTransport, 0})),
-        {"Refused", "the connection is refused", refuse, lost, Told::kTransport, 0},
-        in(Fault::kNetworkOfItsOwn,
-           {"Unreachable", "the network knows no way to the address", loseTheAddress, lost, Told::kTransport, 0}),
-        connectingWithin(1s, in(Fault::kNetworkOfItsOwn, {"Blackholed", "what is sent to the address is lost: time-out",
-                                                          loseEverything, lost, Told::kTransport, 0})),
-        endingWithin(1s, in(Fault::kNetworkOfItsOwn,
-                            {"BlackholedWhileConnected", "the same on a connection that is open: time-out",
-                             [](Stage&) { takeLoopbackDown(); }, lost, Told::kTransport, 0})),
-        connectingWithin(1s, {"ConnectTimeout", "the server accepts no connection: time-out", letNobodyIn, lost,
-                              Told::kTransport, 0}),
+        connectingWithin(1s, in(Fault::kUnknownHost, {"NameNotResolved", "the name is not resolved", refuse, lost, 0})),
+        {"Refused", "the connection is refused", refuse, lost, 0},
+        in(Fault::kOwnNetwork, {"Unreachable", "the network knows no way to the address", loseTheAddress, lost, 0}),
+        connectingWithin(1s, in(Fault::kOwnNetwork, {"Blackholed", "what is sent to the address is lost: time-out",
+                                                     loseEverything, lost, 0})),
+        endingWithin(
+            1s, in(Fault::kOwnNetwork, {"BlackholedWhileConnected", "the same on a connection that is open: time-out",
+                                        [](Stage&) { takeLoopbackDown(); }, lost, 0})),
+        connectingWithin(1s, {"ConnectTimeout", "the server accepts no connection: time-out", letNobodyIn, lost, 0}),
 
         // TLS.
-        {"CertificateExpired", "the certificate is out of date", certificate(CertificateFault::kExpired), untrusted,
-         Told::kTransport, 0},
+        {"CertificateExpired", "the certificate is out of date", certificate(CertificateFault::kExpired), untrusted, 0},
         {"CertificateSelfSigned", "the certificate is signed by itself", certificate(CertificateFault::kSelfSigned),
-         untrusted, Told::kTransport, 0},
+         untrusted, 0},
         {"CertificateOfAnotherHost", "the certificate is another host's", certificate(CertificateFault::kOtherHost),
-         untrusted, Told::kTransport, 0},
+         untrusted, 0},
         {"CertificateOfUnknownAuthority", "the certificate's authority is unknown",
-         certificate(CertificateFault::kUnknownAuthority), untrusted, Told::kTransport, 0},
+         certificate(CertificateFault::kUnknownAuthority), untrusted, 0},
         {"ProtocolTooOld", "the server speaks nothing newer than TLS 1.1", speakAnOldProtocol,
-         refusedByLibrary(CURLE_SSL_CONNECT_ERROR), Told::kTransport, 0},
-        {"HandshakeCutOff", "closed inside the handshake", connect(cutTheHandshake), lost, Told::kTransport, 0},
-        {"HandshakeReset", "reset inside the handshake", connect(resetTheHandshake), lost, Told::kTransport, 0},
-        connectingWithin(
-            1s, {"HandshakeTimeout", "the server is silent inside the handshake: time-out",
-                 connect([](Connection& connection) { connection.waitForClient(); }), lost, Told::kTransport, 0}),
+         refusedByLibrary(CURLE_SSL_CONNECT_ERROR), 0},
+        {"HandshakeCutOff", "closed inside the handshake", connect(cutTheHandshake), lost, 0},
+        {"HandshakeReset", "reset inside the handshake", connect(resetTheHandshake), lost, 0},
+        connectingWithin(1s, {"HandshakeTimeout", "the server is silent inside the handshake: time-out",
+                              connect([](Connection& connection) { connection.waitForClient(); }), lost, 0}),
 
         // The connection.
-        {"ResetBeforeHeader", "reset before the header", resetAfter(""), lost, Told::kTransport, kTries},
-        {"ClosedBeforeHeader", "closed before the header", closeAfter(""), lost, Told::kTransport, kTries},
-        {"ResetInsideHeader", "reset inside the header", resetAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost,
-         Told::kTransport, kTries},
-        {"ClosedInsideHeader", "closed inside the header", closeAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost,
-         Told::kTransport, kTries},
-        {"ResetAfterHeader", "reset after the header", resetAfter(kHeadOfWell), lost, Told::kTransport, kTries},
-        {"ResetInsideBody", "reset inside the body", resetAfter(kHeadOfWell + kHalf), always(1, kHalf),
-         Told::kTransport, kTries},
+        {"ResetBeforeHeader", "reset before the header", resetAfter(""), lost, kTries},
+        {"ClosedBeforeHeader", "closed before the header", closeAfter(""), lost, kTries},
+        {"ResetInsideHeader", "reset inside the header", resetAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost, kTries},
+        {"ClosedInsideHeader", "closed inside the header", closeAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost, kTries},
+        {"ResetAfterHeader", "reset after the header", resetAfter(kHeadOfWell), lost, kTries},
+        {"ResetInsideBody", "reset inside the body", resetAfter(kHeadOfWell + kHalf), always(1, kHalf), kTries},
         {"LengthNotKept", "closed before the promised length", closeAfter(kHeadOfWell + kHalf), always(1, kHalf),
-         Told::kTransport, kTries},
+         kTries},
         {"ChunkingBroken", "a chunk that has no length", answer(chunked + "f\r\n" + kHalf + "\r\nno length\r\n"),
-         always(1, kHalf), Told::kTransport, kTries},
-        endingWithin(1s, {"TimeoutBeforeFirstByte", "no byte of an answer: time-out", silentAfter(""), lost,
-                          Told::kTransport, kTries}),
+         always(1, kHalf), kTries},
+        endingWithin(1s, {"TimeoutBeforeFirstByte", "no byte of an answer: time-out", silentAfter(""), lost, kTries}),
         endingWithin(2s, {"TimeoutInsideBody", "silence inside the body: time-out", silentAfter(kHeadOfWell + kHalf),
-                          always(1, kHalf), Told::kTransport, kTries}),
-        endingWithin(1s, {"ByteASecond", "a byte a second: time-out", byteBySecond(httpAnswer(200, kWell)), lost,
-                          Told::kTransport, kTries}),
-        {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, well,
-         Told::kSuccess, 1},
+                          always(1, kHalf), kTries}),
+        endingWithin(1s,
+                     {"ByteASecond", "a byte a second: time-out", byteBySecond(httpAnswer(200, kWell)), lost, kTries}),
+        {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, well, 1},
         {"RestartedWithARequestInHand",
          "the server dies with the request, is gone for one send, and is back",
          restartWithARequestInHand,
          {{1, ""}, {1, ""}, {0, kWell}},
-         Told::kSuccess,
          2},
 
         // The answer.
         {"Informational", "a 103 before the answer",
-         answer("HTTP/1.1 103 Early Hints\r\n\r\n" + httpAnswer(200, kWell)), well, Told::kSuccess, 1},
-        {"InformationalOnly", "a 103 and no answer", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost,
-         Told::kTransport, kTries},
-        {"Status204", "204", answer("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), Told::kEmpty, kTries},
+         answer("HTTP/1.1 103 Early Hints\r\n\r\n" + httpAnswer(200, kWell)), well, 1},
+        {"InformationalOnly", "a 103 and no answer", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost, kTries},
+        {"Status204", "204", answer("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), kTries},
         {"Status301", "301 to another host, with a page", status(301, "Location: https://elsewhere.invalid/\r\n"),
-         always(301, kPage), Told::kTransport, kTries},
-        {"Status401", "401 with a page", status(401), always(401, kPage), Told::kTransport, kTries},
-        {"Status404", "404 with a page", status(404), always(404, kPage), Told::kTransport, kTries},
-        {"Status404Json", "404 with JSON", answer(httpAnswer(404, json404)), once(404, json404), Told::kTransport, 1},
-        {"Status408", "408", status(408), always(1, kPage), Told::kTransport, kTries},
-        {"Status425", "425", status(425), always(1, kPage), Told::kTransport, kTries},
-        {"Status429", "429", status(429), always(1, kPage), Told::kTransport, kTries},
-        {"Status500", "500", status(500), always(1, kPage), Told::kTransport, kTries},
-        {"Status502", "502", status(502), always(1, kPage), Told::kTransport, kTries},
-        {"Status503", "503", status(503), always(1, kPage), Told::kTransport, kTries},
-        {"Status504", "504", status(504), always(1, kPage), Told::kTransport, kTries},
-        {"Empty", "an empty answer", answer(httpAnswer(200, "")), always(0, ""), Told::kEmpty, kTries},
-        {"NotJson", "an answer that is not JSON", status(200), always(0, kPage), Told::kUnreadable, kTries},
+         always(301, kPage), kTries},
+        {"Status401", "401 with a page", status(401), always(401, kPage), kTries},
+        {"Status404", "404 with a page", status(404), always(404, kPage), kTries},
+        {"Status404Json", "404 with JSON", answer(httpAnswer(404, json404)), once(404, json404), 1},
+        {"Status408", "408", status(408), always(1, kPage), kTries},
+        {"Status425", "425", status(425), always(1, kPage), kTries},
+        {"Status429", "429", status(429), always(1, kPage), kTries},
+        {"Status500", "500", status(500), always(1, kPage), kTries},
+        {"Status502", "502", status(502), always(1, kPage), kTries},
+        {"Status503", "503", status(503), always(1, kPage), kTries},
+        {"Status504", "504", status(504), always(1, kPage), kTries},
+        {"Empty", "an empty answer", answer(httpAnswer(200, "")), always(0, ""), kTries},
+        {"NotJson", "an answer that is not JSON", status(200), always(0, kPage), kTries},
         {"Gzip", "an answer packed with gzip", answer(httpAnswer(200, kGzipOfWell, "Content-Encoding: gzip\r\n")),
-         always(0, kGzipOfWell), Told::kUnreadable, kTries},
+         always(0, kGzipOfWell), kTries},
         {"OverTheLimit", "an answer announced longer than the limit",
-         answer(httpAnswer(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED),
-         Told::kTransport, 1},
+         answer(httpAnswer(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
         {"OverTheLimitInChunks", "an answer that grows beyond the limit",
          answer(chunked + "100001\r\n" + std::string(kLimit + 1, 'x') + "\r\n0\r\n\r\n"),
-         refusedByLibrary(CURLE_FILESIZE_EXCEEDED), Told::kTransport, 1},
+         refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
         {"ServerRefuses", "a code of the service", answer(httpAnswer(200, R"({"code":-77,"message":"no such app"})")),
-         once(0, R"({"code":-77,"message":"no such app"})"), Told::kServerCode, 1},
-        {"NoCode", "JSON without a code", answer(httpAnswer(200, "{}")), once(0, "{}"), Told::kNothing, 1},
+         once(0, R"({"code":-77,"message":"no such app"})"), 1},
+        {"NoCode", "JSON without a code", answer(httpAnswer(200, "{}")), once(0, "{}"), 1},
 
         // HTTP/2.
         {"Http2StreamReset", "HTTP/2: RST_STREAM before the header",
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
-         lost, Told::kTransport, kTries},
+         lost, kTries},
         {"Http2StreamRefused", "HTTP/2: RST_STREAM that refuses the request",
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::resetStream(stream, http2::kRefusedStream));
          }),
-         lost, Told::kTransport, kTries * kTriesOfLibrary},
+         lost, kTries * kTriesOfLibrary},
         {"Http2StreamResetInsideBody", "HTTP/2: RST_STREAM inside the body",
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::okHead(stream) + http2::body(stream, kHalf, false));
              connection.waitUntilRead();
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
-         always(1, kHalf), Told::kTransport, kTries},
+         always(1, kHalf), kTries},
         {"Http2GoAwayBeforeAnswer", "HTTP/2: GOAWAY that leaves the request out",
          http2Answer([](Connection& connection, uint32_t) { connection.write(http2::goAway(0, http2::kNoError)); },
                      true),
-         lost, Told::kTransport, kTries},
+         lost, kTries},
         {"Http2GoAwayAndAnswer", "HTTP/2: GOAWAY that lets the request be answered",
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::goAway(stream, http2::kNoError) + http2::okHead(stream) +
                               http2::body(stream, kWell, true));
          }),
-         well, Told::kSuccess, 1},
+         well, 1},
         endingWithin(3s, {"Http2ConnectionDead",
                           "HTTP/2: a connection that is dead and not closed: time-out",
                           fallSilentOnTheFirstConnection,
                           {{1, ""}, {0, kWell}},
-                          Told::kSuccess,
                           2}),
-        {"NginxReloaded", "HTTP/2: nginx reloads under load, with the request in hand", reloadNginx, well,
-         Told::kSuccess, 1},
+        {"NginxReloaded", "HTTP/2: nginx reloads under load, with the request in hand", reloadNginx, well, 1},
         {"NginxKilled",
          "HTTP/2: nginx is killed under load with the request in hand, and started again",
          killNginx,
          {{1, ""}, {0, kWell}},
-         Told::kSuccess,
          2},
     };
 }

@@ -41,12 +41,10 @@ const std::vector<Kind>& kinds() {
     static const auto updateMix = [](Adapter& adapter) { adapter.setLiveMixTranscoding(kMixThen()); };
     static const auto cancelMix = [](Adapter& adapter) { adapter.stopLiveMixTranscoding(); };
     static const std::vector<Kind> all = {
-        {"RelayStart", "relay start", "add_relay_stream_url", false, true, "startRelay", "startRelay", startRelay,
-         startRelay},
-        {"RelayStop", "relay stop", "remove_relay_stream_url", false, false, "startRelay", "stopRelay", startRelay,
-         stopRelay},
-        {"MixStart", "mix start", "set_live_mix_transcoding", true, true, "setMix", "setMix", startMix, updateMix},
-        {"MixCancel", "mix cancel", "set_live_mix_transcoding", true, false, "setMix", "stopMix", startMix, cancelMix},
+        {"RelayStart", "relay start", oracle::kAddRelay, oracle::kAddRelay, startRelay, startRelay},
+        {"RelayStop", "relay stop", oracle::kRemoveRelay, oracle::kAddRelay, startRelay, stopRelay},
+        {"MixStart", "mix start", oracle::kStartMix, oracle::kStartMix, startMix, updateMix},
+        {"MixCancel", "mix cancel", oracle::kCancelMix, oracle::kStartMix, startMix, cancelMix},
     };
     return all;
 }
@@ -61,27 +59,9 @@ std::vector<Cell> cells() {
     return all;
 }
 
-std::vector<Call> expectedCalls(const Cell& cell) {
-    const char* call = cell.kind->call;
-    const int transport = cell.kind->isMix ? -3322 : -3321;
-    const int unreadable = cell.kind->isMix ? -3324 : -3323;
-    const int server = cell.kind->isMix ? -300000 : -200000;
-    switch (cell.fault->told) {
-        case Told::kSuccess:
-            return {{call, 0, "sucess"}};
-        case Told::kTransport:
-            return {{call, transport,
-                     "http post return error， retcode:" + std::to_string(cell.fault->answers.back().retCode)}};
-        case Told::kEmpty:
-            return {{call, unreadable, "recv message nil"}, {call, unreadable, "recv message can't parse"}};
-        case Told::kUnreadable:
-            return {{call, unreadable, "recv message can't parse"}};
-        case Told::kServerCode:
-            return {{call, server + kServerCode, kServerMessage}};
-        case Told::kNothing:
-            break;
-    }
-    return {};
+std::vector<oracle::Notification> expectedCalls(const Cell& cell) {
+    const Response& last = cell.fault->responses.back();
+    return oracle::evaluate(cell.kind->request, last.retCode, last.body).notifications;
 }
 
 std::string faultTable() {
@@ -93,19 +73,19 @@ std::string faultTable() {
     }
     table += "\n" + line + "\n";
     for (const Fault& fault : faults()) {
-        table += std::string("| ") + fault.words + " | " + std::to_string(fault.requests) + " | ";
-        const Answered* last = nullptr;
-        for (const Answered& answered : fault.answers) {
-            if (!last || last->retCode != answered.retCode) {
-                table += (last ? ", " : "") + std::to_string(answered.retCode);
+        table += std::string("| ") + fault.description + " | " + std::to_string(fault.requests) + " | ";
+        const Response* last = nullptr;
+        for (const Response& response : fault.responses) {
+            if (!last || last->retCode != response.retCode) {
+                table += (last ? ", " : "") + std::to_string(response.retCode);
             }
-            last = &answered;
+            last = &response;
         }
         table += " |";
         for (const Kind& kind : kinds()) {
-            table += " " + std::to_string(fault.answers.size()) + " × →";
-            const std::vector<Call> calls = expectedCalls({&kind, &fault});
-            for (const Call& call : calls) {
+            table += " " + std::to_string(fault.responses.size()) + " × →";
+            const auto calls = expectedCalls({&kind, &fault});
+            for (const oracle::Notification& call : calls) {
                 table += " " + std::to_string(call.code);
             }
             table += calls.empty() ? " nothing |" : " |";
@@ -121,16 +101,16 @@ namespace {
 
 bool isAlone = false;  // this process plays one cell
 
-Journal<std::chrono::milliseconds>& pausesAskedFor() {
+Journal<std::chrono::milliseconds>& requestedPauses() {
     static auto& pauses = *new Journal<std::chrono::milliseconds>();
     return pauses;
 }
 
 // The two kinds of mix request share an interface; only a start has a canvas.
 bool isRequestOf(const Kind& kind, const std::string& request) {
-    const std::string path = std::string("POST /v3/liveinterface/") + kind.interfaceName + "?";
+    const std::string path = std::string("POST /v3/liveinterface/") + kind.rules().interfaceName + "?";
     const bool hasCanvas = request.find("canvas1") != std::string::npos;
-    return request.rfind(path, 0) == 0 && hasCanvas == (kind.isMix && kind.isStart);
+    return request.rfind(path, 0) == 0 && hasCanvas == (kind.request == oracle::kStartMix);
 }
 
 int ownPort() {
@@ -157,12 +137,12 @@ private:
         std::filesystem::temp_directory_path() / ("vexalive-fault-matrix-" + std::to_string(getpid()) + ".pem");
 };
 
-// What opens the trace of a kind; a mix start's is the mix in short.
+// The opening of a kind's trace; that of a mix start describes the mix.
 std::string openingOf(const Kind& kind, const std::string& firstBody, const std::string& trace) {
-    if (!kind.isStart) {
+    if (!kind.isStart()) {
         return {};
     }
-    if (!kind.isMix) {
+    if (!kind.isMix()) {
         return firstBody;
     }
     const std::string head = "task_id:2, pureAudioOutputStream:0, stream: ";
@@ -173,22 +153,23 @@ std::string openingOf(const Kind& kind, const std::string& firstBody, const std:
     return opening;
 }
 
-// A stop's segments print the counter of the start, which the stop has set to 0.
 std::string expectedTrace(const Cell& cell) {
     std::string trace;
-    int left = 10;
-    for (const Answered& answered : cell.fault->answers) {
-        const bool printsItsOwn = cell.kind->isMix || cell.kind->isStart;
-        trace += " [tryHttp:cnt-" + std::to_string(printsItsOwn ? left : 0) +
-                 "]retCode:" + std::to_string(answered.retCode) + ", respData:" + answered.response;
+    int left = oracle::kMaxRetries;
+    for (const Response& response : cell.fault->responses) {
+        // The stop of a relay prints the counter of its start, which it has set to 0.
+        const bool printsItsOwn = cell.kind->rules().tracedCounter == cell.kind->request;
+        trace += oracle::traceSegment(printsItsOwn ? left : 0, response.retCode, response.body);
         --left;
     }
     return trace.c_str();  // a report's text ends at a zero byte
 }
 
 std::vector<std::chrono::milliseconds> scheduleOf(size_t sends) {
-    std::vector<std::chrono::milliseconds> pauses = {1s, 1s, 2s, 2s, 2s, 5s, 5s, 5s, 5s, 5s};
-    pauses.resize(sends - 1);
+    std::vector<std::chrono::milliseconds> pauses;
+    for (int retry = 1; retry < static_cast<int>(sends); ++retry) {
+        pauses.emplace_back(oracle::retryPause(retry));
+    }
     return pauses;
 }
 
@@ -201,7 +182,7 @@ std::vector<T> from(size_t first, const std::vector<T>& all) {
 void play(const Cell& cell) {
     const Kind& kind = *cell.kind;
     const Fault& fault = *cell.fault;
-    if (fault.where == Fault::kNetworkOfItsOwn) {
+    if (fault.where == Fault::kOwnNetwork) {
         const std::string hindrance = enterNetworkOfItsOwn();
         if (!hindrance.empty()) {
             GTEST_SKIP() << hindrance;
@@ -210,42 +191,41 @@ void play(const Cell& cell) {
     const TrustInTestAuthority trust(fault);
     const auto reports = std::make_shared<Journal<vexalive::EventReport>>();
     vexalive::setEventSink([reports](const vexalive::EventReport& report) { reports->add(report); });
-    Stage stage(ownPort(), kind.interfaceName,
+    Stage stage(ownPort(), kind.rules().interfaceName,
                 [&kind](const std::string& request) { return isRequestOf(kind, request); });
     stage.serve(answering(httpAnswer(200, R"({"code":0})")));
     Member member(kind.name);
 
-    kind.start(*member.adapter);
-    const Call started{kind.startCall, 0, "sucess"};
-    const Call failed{kind.startCall, kind.isMix ? -3322 : -3321, "http post return error， retcode:1"};
-    ASSERT_THAT(member.listener->calls.waitFor(1),
-                testing::ElementsAre(fault.isThereFromTheStart() ? failed : started));
+    kind.callStart(*member.adapter);
+    const int startCode = fault.isActiveFromTheStart() ? 1 : 0;
+    ASSERT_EQ(oracle::evaluate(kind.start, startCode, R"({"code":0})").notifications,
+              member.listener->calls.waitFor(1));
     ASSERT_EQ(1u, reports->waitFor(1).size());
     const size_t earlierSends = stage.sends().size();
-    const size_t earlierPauses = pausesAskedFor().all().size();
+    const size_t earlierPauses = requestedPauses().all().size();
 
-    fault.strike(stage);
+    fault.inject(stage);
     if (!stage.reasonToSkip().empty()) {
         GTEST_SKIP() << stage.reasonToSkip();
     }
-    kind.act(*member.adapter);
+    kind.call(*member.adapter);
     stage.playMeanwhile();
     ASSERT_EQ(2u, reports->waitFor(2).size());
 
     const std::vector<std::string> sends = from(earlierSends, stage.sends());
-    ASSERT_EQ(fault.answers.size(), sends.size());
-    EXPECT_EQ(scheduleOf(sends.size()), from(earlierPauses, pausesAskedFor().all()));
+    ASSERT_EQ(fault.responses.size(), sends.size());
+    EXPECT_EQ(scheduleOf(sends.size()), from(earlierPauses, requestedPauses().all()));
     EXPECT_EQ(expectedCalls(cell), from(1, member.listener->calls.all()));
     EXPECT_EQ(fault.requests, stage.requests());
     EXPECT_EQ(0, stage.strangers());
 
     const vexalive::EventReport report = reports->all()[1];
-    const std::string startInformation = kind.isMix ? kMixThen().to_string() : relayParam().to_string();
+    const std::string startInformation = kind.isMix() ? kMixThen().to_string() : relayParam().to_string();
     EXPECT_EQ(1400, report.sdkAppId);
     EXPECT_EQ(std::string("r1_") + kind.name, report.roomUser);
     EXPECT_EQ(10004, report.eventType);
-    EXPECT_EQ(kind.isMix ? 31 : 30, report.event);
-    EXPECT_EQ(std::string("sdkver:") + kstf_get_sdk_version() + " " + (kind.isStart ? startInformation : sends[0]),
+    EXPECT_EQ(kind.rules().event, report.event);
+    EXPECT_EQ(std::string("sdkver:") + kstf_get_sdk_version() + " " + (kind.isStart() ? startInformation : sends[0]),
               report.information);
     EXPECT_EQ(openingOf(kind, sends[0], report.detail) + expectedTrace(cell), report.detail);
 
@@ -287,7 +267,7 @@ TEST(FaultTable, StandsInTheDocs) {
 }  // namespace
 
 std::chrono::milliseconds shortened(std::chrono::milliseconds pause) {
-    pausesAskedFor().add(pause);
+    requestedPauses().add(pause);
     return pause / 100;
 }
 

@@ -1,10 +1,10 @@
-// Many adapters in one process at work for minutes against a service with injected faults, with books kept outside of
+// Many adapters in one process at work for minutes against a service with injected faults, with ledger kept outside of
 // them.
 //
 //     soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]
 //
 // Ends with 0 if every promise was kept: no operation lost or doubled, none with another outcome than its rules give,
-// no request unanswered, and, in a run of five minutes or more, memory, threads and descriptors that do not grow. These
+// no request incomplete, and, in a run of five minutes or more, memory, threads and descriptors that do not grow. These
 // are looked at every half minute, when all work has come to its end and none begins.
 
 #include <malloc.h>
@@ -30,8 +30,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Books.h"
 #include "Com/LiveTranscodingAdapter.h"
+#include "Ledger.h"
 #include "StressService.h"
 
 namespace {
@@ -42,10 +42,10 @@ using std::chrono::milliseconds;
 constexpr double kOperationsInARound = 1.6;  // about
 constexpr int kRoundsBetweenJointOnes = 40;
 constexpr std::chrono::milliseconds kTimeout(20000);  // of a request: a busy machine is no fault of the service's
-constexpr std::chrono::seconds kBetweenRests(30);
-constexpr auto kPatience = std::chrono::seconds(300);  // with a round, before it counts as lost
-constexpr double kFlatPercent = 1.0;                   // of memory
-constexpr double kFlat = 10;                           // threads, or descriptors
+constexpr std::chrono::seconds kSampleInterval(30);
+constexpr auto kRoundTimeout = std::chrono::seconds(300);  // with a round, before it counts as lost
+constexpr double kFlatPercent = 1.0;                       // of memory
+constexpr double kFlat = 10;                               // threads, or descriptors
 
 struct Options {
     int seconds = 600;
@@ -97,7 +97,7 @@ double countEntries(const char* folder) {
     return static_cast<double>(std::distance(begin(entries), end(entries)));
 }
 
-Sample sampleNow(double second, const Books& books) {
+Sample sampleNow(double second, const Ledger& ledger) {
     malloc_trim(0);  // back to the system with what is only held ready
     long pages = 0;
     long resident = 0;
@@ -108,7 +108,7 @@ Sample sampleNow(double second, const Books& books) {
             static_cast<double>(resident * (sysconf(_SC_PAGESIZE) / 1024)),
             countEntries("/proc/self/task"),
             countEntries("/proc/self/fd"),
-            static_cast<double>(books.operations)};
+            static_cast<double>(ledger.operations)};
 }
 
 // How much a straight line through the samples from `first` on rises, in units and in percent of its mean.
@@ -158,7 +158,7 @@ struct Step {
 };
 
 // One adapter after another under the same name.
-struct Seat {
+struct Slot {
     struct Lane {
         bool isBusy = false;
         int epoch = 0;  // of its rounds: appointments made before are void
@@ -166,12 +166,12 @@ struct Seat {
     };
     std::string userId;
     std::shared_ptr<Account> account;
-    std::shared_ptr<BookedListener> listener;
+    std::shared_ptr<LedgerListener> listener;
     std::shared_ptr<LiveTranscodingAdapter> adapter;
     std::array<Lane, 2> lanes;
     std::array<std::vector<Step>, 2> scripts;  // what is left of them, the next step last; a joint one is the relay's
-    bool isJoint = false;
-    bool wantsJoint = false;
+    bool isJointRound = false;
+    bool needsJointRound = false;
     bool isInRoom = false;
     bool hasStarted = false;  // a relay or a mix, ever
     int lastNumber = 0;
@@ -179,21 +179,21 @@ struct Seat {
 
 class Driver {
 public:
-    Driver(Books& books, const Options& options)
-        : mBooks(books), mOptions(options), mRandom(options.seed), mSeats(static_cast<size_t>(options.adapters)) {
-        mBooks.onSettled = [this](Account& account, Family family) {
+    Driver(Ledger& ledger, const Options& options)
+        : mLedger(ledger), mOptions(options), mRandom(options.seed), mSlots(static_cast<size_t>(options.adapters)) {
+        mLedger.onRoundCompleted = [this](Account& account, Family family) {
             const std::lock_guard<std::mutex> lock(mMutex);
             mSettled.push_back({&account, family});
             mWork.notify_one();
         };
-        for (size_t i = 0; i < mSeats.size(); ++i) {
-            Seat& seat = mSeats[i];
-            seat.userId = "user" + std::to_string(i);
-            seat.account = mBooks.openAccount(seat.userId);
-            mSeatOf[seat.account.get()] = &seat;
-            seatAdapter(seat);
-            appoint(seat, kRelay);
-            appoint(seat, kMix);
+        for (size_t i = 0; i < mSlots.size(); ++i) {
+            Slot& slot = mSlots[i];
+            slot.userId = "user" + std::to_string(i);
+            slot.account = mLedger.openAccount(slot.userId);
+            mSlotOf[slot.account.get()] = &slot;
+            createAdapter(slot);
+            scheduleRound(slot, kRelay);
+            scheduleRound(slot, kMix);
         }
     }
 
@@ -202,20 +202,20 @@ public:
         const auto start = Clock::now();
         const auto end = start + std::chrono::seconds(mOptions.seconds);
         std::vector<Sample> samples;
-        samples.reserve(static_cast<size_t>(mOptions.seconds / kBetweenRests.count()) + 2);
-        auto nextRest = start;
+        samples.reserve(static_cast<size_t>(mOptions.seconds / kSampleInterval.count()) + 2);
+        auto nextSample = start;
         while (Clock::now() < end || anyBusy()) {
             mIsClosing = Clock::now() >= end;
-            mIsResting = Clock::now() >= nextRest;
-            if (mIsResting && !anyBusy() && mBooks.inFlight() == 0) {
-                samples.push_back(sampleNow(std::chrono::duration<double>(Clock::now() - start).count(), mBooks));
-                nextRest += kBetweenRests;
-                mIsResting = false;
+            mIsPausing = Clock::now() >= nextSample;
+            if (mIsPausing && !anyBusy() && mLedger.inFlight() == 0) {
+                samples.push_back(sampleNow(std::chrono::duration<double>(Clock::now() - start).count(), mLedger));
+                nextSample += kSampleInterval;
+                mIsPausing = false;
             }
             while (!mAppointments.empty() && mAppointments.top().when <= Clock::now()) {
                 const Appointment appointment = mAppointments.top();
                 mAppointments.pop();
-                keep(appointment);
+                carryOut(appointment);
             }
             auto wake = Clock::now() + milliseconds(100);
             if (!mAppointments.empty()) {
@@ -228,64 +228,64 @@ public:
                 settled.swap(mSettled);
             }
             for (const auto& [account, family] : settled) {
-                Seat& seat = *mSeatOf.at(account);
-                seat.lanes[family].isBusy = false;
-                appoint(seat, family);
+                Slot& slot = *mSlotOf.at(account);
+                slot.lanes[family].isBusy = false;
+                scheduleRound(slot, family);
             }
-            giveUpOldRounds();
+            abandonOldRounds();
         }
-        samples.push_back(sampleNow(std::chrono::duration<double>(Clock::now() - start).count(), mBooks));
+        samples.push_back(sampleNow(std::chrono::duration<double>(Clock::now() - start).count(), mLedger));
         return samples;
     }
 
     void dropAll() {
-        for (Seat& seat : mSeats) {
-            drop(seat);
+        for (Slot& slot : mSlots) {
+            drop(slot);
         }
     }
 
 private:
     struct Appointment {
         Clock::time_point when;
-        Seat* seat;
+        Slot* slot;
         Family family;
         int epoch;
         bool operator<(const Appointment& other) const { return when > other.when; }
     };
 
-    int below(int end) { return static_cast<int>(mRandom() % static_cast<unsigned>(end)); }
+    int randomBelow(int end) { return static_cast<int>(mRandom() % static_cast<unsigned>(end)); }
 
-    void seatAdapter(Seat& seat) {
-        seat.adapter = std::make_shared<LiveTranscodingAdapter>();
-        seat.listener = std::make_shared<BookedListener>(mBooks, seat.account);
-        seat.adapter->setLiveTranscodingDelegate(seat.listener);
-        seat.adapter->updateUserInfo(1400, "signature", seat.userId);
-        seat.isInRoom = seat.hasStarted = false;
+    void createAdapter(Slot& slot) {
+        slot.adapter = std::make_shared<LiveTranscodingAdapter>();
+        slot.listener = std::make_shared<LedgerListener>(mLedger, slot.account);
+        slot.adapter->setLiveTranscodingDelegate(slot.listener);
+        slot.adapter->updateUserInfo(1400, "signature", slot.userId);
+        slot.isInRoom = slot.hasStarted = false;
     }
 
     // Until no task and no callback of the adapter's keeps it any more.
-    void drop(Seat& seat) {
-        const std::weak_ptr<LiveTranscodingAdapter> adapter = seat.adapter;
-        seat.account->beginDrop();
-        seat.adapter.reset();
+    void drop(Slot& slot) {
+        const std::weak_ptr<LiveTranscodingAdapter> adapter = slot.adapter;
+        slot.account->beginDrop();
+        slot.adapter.reset();
         while (!adapter.expired()) {
             std::this_thread::sleep_for(milliseconds(1));
         }
-        seat.listener->close();
-        seat.account->endDrop();
+        slot.listener->close();
+        slot.account->endDrop();
     }
 
     bool anyBusy() const {
-        return std::any_of(mSeats.begin(), mSeats.end(),
-                           [](const Seat& seat) { return seat.lanes[kRelay].isBusy || seat.lanes[kMix].isBusy; });
+        return std::any_of(mSlots.begin(), mSlots.end(),
+                           [](const Slot& slot) { return slot.lanes[kRelay].isBusy || slot.lanes[kMix].isBusy; });
     }
 
-    void giveUpOldRounds() {
-        for (Seat& seat : mSeats) {
+    void abandonOldRounds() {
+        for (Slot& slot : mSlots) {
             for (const Family family : {kRelay, kMix}) {
-                Seat::Lane& lane = seat.lanes[family];
-                if (lane.isBusy && Clock::now() - lane.since > kPatience) {
-                    seat.account->giveUp(family);
+                Slot::Lane& lane = slot.lanes[family];
+                if (lane.isBusy && Clock::now() - lane.since > kRoundTimeout) {
+                    slot.account->abandonRound(family);
                     lane.isBusy = false;  // for good: there is no next appointment
                 }
             }
@@ -293,90 +293,90 @@ private:
     }
 
     // The next round of a lane, after a while that gives the rate that was asked for.
-    void appoint(Seat& seat, Family family) {
-        const double mean = 2 * static_cast<double>(mSeats.size()) * kOperationsInARound / mOptions.rate;
+    void scheduleRound(Slot& slot, Family family) {
+        const double mean = 2 * static_cast<double>(mSlots.size()) * kOperationsInARound / mOptions.rate;
         const std::chrono::duration<double> pause(std::uniform_real_distribution<>(0, 2 * mean)(mRandom));
         const auto when = Clock::now() + std::chrono::duration_cast<Clock::duration>(pause);
-        mAppointments.push({when, &seat, family, seat.lanes[family].epoch});
+        mAppointments.push({when, &slot, family, slot.lanes[family].epoch});
     }
 
-    void keep(const Appointment& appointment) {
-        Seat& seat = *appointment.seat;
+    void carryOut(const Appointment& appointment) {
+        Slot& slot = *appointment.slot;
         const Family family = appointment.family;
-        Seat::Lane& lane = seat.lanes[family];
+        Slot::Lane& lane = slot.lanes[family];
         if (appointment.epoch != lane.epoch) {
             return;
         }
         if (lane.isBusy) {
-            takeStep(seat, family);
-        } else if (mIsResting) {
-            appoint(seat, family);
+            performStep(slot, family);
+        } else if (mIsPausing) {
+            scheduleRound(slot, family);
         } else if (!mIsClosing) {
-            beginRound(seat, family);
+            beginRound(slot, family);
         }
     }
 
-    void beginRound(Seat& seat, Family family) {
-        seat.wantsJoint = seat.wantsJoint || !seat.isInRoom || below(kRoundsBetweenJointOnes) == 0;
-        if (!seat.wantsJoint) {
-            seat.scripts[family] = roundOf(family);
-            occupy(seat, family);
-            takeStep(seat, family);
-        } else if (!seat.lanes[kRelay].isBusy && !seat.lanes[kMix].isBusy) {
-            seat.isJoint = true;
-            seat.wantsJoint = false;
-            seat.scripts[kRelay] = jointRoundOf(seat);
-            occupy(seat, kRelay);
-            occupy(seat, kMix);
-            takeStep(seat, kRelay);
+    void beginRound(Slot& slot, Family family) {
+        slot.needsJointRound = slot.needsJointRound || !slot.isInRoom || randomBelow(kRoundsBetweenJointOnes) == 0;
+        if (!slot.needsJointRound) {
+            slot.scripts[family] = scriptOf(family);
+            markBusy(slot, family);
+            performStep(slot, family);
+        } else if (!slot.lanes[kRelay].isBusy && !slot.lanes[kMix].isBusy) {
+            slot.isJointRound = true;
+            slot.needsJointRound = false;
+            slot.scripts[kRelay] = jointRoundOf(slot);
+            markBusy(slot, kRelay);
+            markBusy(slot, kMix);
+            performStep(slot, kRelay);
         }  // else the other lane begins it at its next appointment
     }
 
-    void occupy(Seat& seat, Family family) {
-        Seat::Lane& lane = seat.lanes[family];
+    void markBusy(Slot& slot, Family family) {
+        Slot::Lane& lane = slot.lanes[family];
         lane.isBusy = true;
         ++lane.epoch;
         lane.since = Clock::now();
     }
 
-    void takeStep(Seat& seat, Family family) {
-        std::vector<Step>& script = seat.scripts[family];
+    void performStep(Slot& slot, Family family) {
+        std::vector<Step>& script = slot.scripts[family];
         const Call call = script.back().call;
         script.pop_back();
-        perform(seat, call);
+        perform(slot, call);
         if (!script.empty()) {
-            mAppointments.push({Clock::now() + script.back().pause, &seat, family, seat.lanes[family].epoch});
+            mAppointments.push({Clock::now() + script.back().pause, &slot, family, slot.lanes[family].epoch});
         } else if (call == Call::kDrop) {
-            seat.lanes[kRelay].isBusy = seat.lanes[kMix].isBusy = false;
-            seat.isJoint = false;
-            appoint(seat, kRelay);
-            appoint(seat, kMix);
-        } else if (seat.isJoint) {
-            seat.isJoint = false;
-            seat.account->closeScript(kRelay);
-            seat.account->closeScript(kMix);
+            slot.lanes[kRelay].isBusy = slot.lanes[kMix].isBusy = false;
+            slot.isJointRound = false;
+            scheduleRound(slot, kRelay);
+            scheduleRound(slot, kMix);
+        } else if (slot.isJointRound) {
+            slot.isJointRound = false;
+            slot.account->closeScript(kRelay);
+            slot.account->closeScript(kMix);
         } else {
-            seat.account->closeScript(family);
+            slot.account->closeScript(family);
         }
     }
 
-    milliseconds shortPause() { return milliseconds(below(3) == 0 ? 0 : below(80)); }
+    milliseconds shortPause() { return milliseconds(randomBelow(3) == 0 ? 0 : randomBelow(80)); }
 
     // One operation, or a few of which each makes the one before stale.
-    std::vector<Step> roundOf(Family family) {
+    std::vector<Step> scriptOf(Family family) {
         std::vector<Step> script;
         bool hasRefusedUsers = false;
-        for (int count = below(4) == 0 ? 2 + below(2) : 1; count > 0; --count) {
-            const int dice = below(20);
-            const Call relay = dice < 11 ? Call::kStartRelay : dice < 19 ? Call::kStopRelay : Call::kRefusedRelay;
-            // One refusal of users at most: of two in a row only the second must be told, and they look the same.
-            const Call mix = dice < 11                      ? Call::kSetMix
-                             : dice < 18                    ? Call::kCancelMix
-                             : dice < 19 || hasRefusedUsers ? Call::kRefusedMix
+        for (int count = randomBelow(4) == 0 ? 2 + randomBelow(2) : 1; count > 0; --count) {
+            const int roll = randomBelow(20);
+            const Call relay = roll < 11 ? Call::kStartRelay : roll < 19 ? Call::kStopRelay : Call::kRefusedRelay;
+            // One refusal of users at most: of two in a row only the second must be notified, and they look the same.
+            const Call mix = roll < 11                      ? Call::kSetMix
+                             : roll < 18                    ? Call::kCancelMix
+                             : roll < 19 || hasRefusedUsers ? Call::kRefusedMix
                                                             : Call::kRefusedUsers;
             hasRefusedUsers = hasRefusedUsers || mix == Call::kRefusedUsers;
             script.push_back({shortPause(), family == kRelay ? relay : mix});
-            if (below(10) == 0) {
+            if (randomBelow(10) == 0) {
                 script.push_back({shortPause(), Call::kEnterRoom});  // once more: nothing waits for it
             }
         }
@@ -384,17 +384,17 @@ private:
     }
 
     // What concerns relay and mix alike. Steps stand last to first.
-    std::vector<Step> jointRoundOf(const Seat& seat) {
+    std::vector<Step> jointRoundOf(const Slot& slot) {
         const milliseconds pause = shortPause();
-        if (!seat.hasStarted && below(2) == 0) {
+        if (!slot.hasStarted && randomBelow(2) == 0) {
             return {{pause, Call::kCancelMix}, {pause, Call::kStopRelay}};
         }
         std::vector<Step> script = {
             {pause, Call::kEnterRoom}, {milliseconds(0), Call::kSetMix}, {milliseconds(0), Call::kStartRelay}};
-        if (!seat.isInRoom) {
+        if (!slot.isInRoom) {
             return script;
         }
-        if (below(2) == 0) {
+        if (randomBelow(2) == 0) {
             return {{pause, Call::kDrop}, {milliseconds(0), Call::kSetMix}, {pause, Call::kStartRelay}};
         }
         script.push_back({pause, Call::kReset});
@@ -403,26 +403,26 @@ private:
         return script;
     }
 
-    void perform(Seat& seat, Call call) {
-        LiveTranscodingAdapter& adapter = *seat.adapter;
-        const int number = ++seat.lastNumber;
-        const auto outcome = seat.isInRoom ? Operation::kSends : Operation::kWaitsForRoom;
+    void perform(Slot& slot, Call call) {
+        LiveTranscodingAdapter& adapter = *slot.adapter;
+        const int number = ++slot.lastNumber;
+        const auto outcome = slot.isInRoom ? Operation::kSends : Operation::kWaitsForRoom;
         switch (call) {
             case Call::kStartRelay: {
                 kstmedia::VexaPublishCDNParamInternal param;
                 param.appId = 1234;
                 param.bizId = 8888;
-                param.url = "rtmp://cdn.example/" + seat.userId + "/" + std::to_string(number);
-                seat.account->beginOperation({kAddRelay, number, outcome, param.to_string()});
-                seat.hasStarted = true;
+                param.url = "rtmp://cdn.example/" + slot.userId + "/" + std::to_string(number);
+                slot.account->beginOperation({oracle::kAddRelay, number, outcome, param.to_string()});
+                slot.hasStarted = true;
                 adapter.startPublishStreamUrl(param);
                 break;
             }
             case Call::kRefusedRelay: {
                 kstmedia::VexaPublishCDNParamInternal param;
                 param.appId = number;
-                seat.account->beginOperation(
-                    {kAddRelay,
+                slot.account->beginOperation(
+                    {oracle::kAddRelay,
                      number,
                      Operation::kRefused,
                      param.to_string(),
@@ -431,10 +431,10 @@ private:
                 break;
             }
             case Call::kStopRelay:
-                seat.account->beginOperation(
-                    {kRemoveRelay,
+                slot.account->beginOperation(
+                    {oracle::kRemoveRelay,
                      number,
-                     seat.hasStarted ? Operation::kSends : Operation::kRefused,
+                     slot.hasStarted ? Operation::kSends : Operation::kRefused,
                      "",
                      {"stopMix", -3323,
                       "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"},
@@ -445,7 +445,7 @@ private:
             case Call::kRefusedMix:
             case Call::kRefusedUsers: {
                 kstmedia::VexaTranscodingConfigInternal config = mix(number);
-                Operation operation{kStartMix, number, outcome};
+                Operation operation{oracle::kStartMix, number, outcome};
                 if (call == Call::kRefusedMix) {
                     config.bizId = 0;
                     operation.outcome = Operation::kRefused;
@@ -456,18 +456,18 @@ private:
                     operation.refusal = {"startRelay", -3324, "mixUsersArray is invalid"};
                     operation.refusedEvenIfStale = false;
                 } else {
-                    seat.hasStarted = true;
+                    slot.hasStarted = true;
                 }
                 operation.information = config.to_string();
-                seat.account->beginOperation(operation);
+                slot.account->beginOperation(operation);
                 adapter.setLiveMixTranscoding(config);
                 break;
             }
             case Call::kCancelMix:
-                seat.account->beginOperation(
-                    {kCancelMix,
+                slot.account->beginOperation(
+                    {oracle::kCancelMix,
                      number,
-                     seat.hasStarted ? Operation::kSends : Operation::kRefused,
+                     slot.hasStarted ? Operation::kSends : Operation::kRefused,
                      "",
                      {"stopMix", -3324,
                       "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before"},
@@ -475,21 +475,21 @@ private:
                 adapter.stopLiveMixTranscoding();
                 break;
             case Call::kEnterRoom:
-                seat.account->beginRoomEntry();
-                seat.isInRoom = true;
+                slot.account->beginRoomEntry();
+                slot.isInRoom = true;
                 adapter.updateEnterRoomInfo("r1", "key");
                 break;
             case Call::kReset:
-                seat.account->beginReset();
-                seat.isInRoom = false;
+                slot.account->beginReset();
+                slot.isInRoom = false;
                 adapter.resetInfo();
                 break;
             case Call::kDrop:
-                drop(seat);
-                seatAdapter(seat);
+                drop(slot);
+                createAdapter(slot);
                 break;
         }
-        seat.account->endCall();
+        slot.account->endCall();
     }
 
     kstmedia::VexaTranscodingConfigInternal mix(int number) {
@@ -499,7 +499,7 @@ private:
         config.videoWidth = 720;
         config.videoHeight = 1280;
         config.videoBitrate = number;
-        const int users = 2 + below(4);
+        const int users = 2 + randomBelow(4);
         for (int i = 1; i <= users; ++i) {
             kstmedia::VexaMixUserInternal user;
             user.userId = "guest" + std::to_string(i);
@@ -510,14 +510,14 @@ private:
         return config;
     }
 
-    Books& mBooks;
+    Ledger& mLedger;
     const Options mOptions;
     std::mt19937 mRandom;
-    std::vector<Seat> mSeats;
-    std::unordered_map<Account*, Seat*> mSeatOf;
+    std::vector<Slot> mSlots;
+    std::unordered_map<Account*, Slot*> mSlotOf;
     std::priority_queue<Appointment> mAppointments;
     bool mIsClosing = false;
-    bool mIsResting = false;  // no round begins until all have ended
+    bool mIsPausing = false;  // no round begins until all have ended
 
     std::mutex mMutex;
     std::condition_variable mWork;
@@ -547,24 +547,24 @@ int main(int argc, char** argv) {
     vexalive::setHttpOptions(httpOptions);
 
     std::printf("%d adapters for %d s, seed %u\n", options.adapters, options.seconds, options.seed);
-    static Books& books = *new Books();  // the platform's threads may still tell it something at exit
-    books.installHooks();
-    Driver driver(books, options);
+    static Ledger& ledger = *new Ledger();  // the platform's threads may still tell it something at exit
+    ledger.installHooks();
+    Driver driver(ledger, options);
     const std::vector<Sample> samples = driver.run();
     driver.dropAll();
-    for (const auto patience = Clock::now() + kPatience; books.inFlight() > 0 && Clock::now() < patience;) {
+    for (const auto patience = Clock::now() + kRoundTimeout; ledger.inFlight() > 0 && Clock::now() < patience;) {
         std::this_thread::sleep_for(milliseconds(10));
     }
-    const auto unanswered = static_cast<long long>(books.inFlight());
+    const auto incomplete = static_cast<long long>(ledger.inFlight());
 
     std::printf("operations %lld: succeeded %lld, refused %lld, waited for the room %lld, superseded %lld\n",
-                count(books.operations), count(books.succeeded), count(books.refused), count(books.deferred),
-                count(books.superseded));
-    std::printf("of adapters dropped meanwhile %lld\n", count(books.abandoned));
-    std::printf("requests %lld, answered %lld, of which retried %lld; failed eleven times %lld\n", count(books.started),
-                count(books.delivered), count(books.retries), count(books.exhausted));
-    std::printf("lost %lld, doubled %lld, wrong %lld, unanswered %lld\n", count(books.lost), count(books.doubled),
-                count(books.wrong), unanswered);
+                count(ledger.operations), count(ledger.succeeded), count(ledger.refused), count(ledger.deferred),
+                count(ledger.superseded));
+    std::printf("of adapters dropped meanwhile %lld\n", count(ledger.abandoned));
+    std::printf("requests %lld, completed %lld, of which retried %lld; failed eleven times %lld\n",
+                count(ledger.started), count(ledger.delivered), count(ledger.retries), count(ledger.exhausted));
+    std::printf("lost %lld, doubled %lld, wrong %lld, incomplete %lld\n", count(ledger.lost), count(ledger.doubled),
+                count(ledger.wrong), incomplete);
 
     const double first = std::min(120.0, options.seconds / 5.0);
     const Rise memory = riseOf(&Sample::allocated, samples, first);
@@ -589,7 +589,7 @@ int main(int argc, char** argv) {
     if (grows) {
         std::printf("something grows\n");
     }
-    const bool isKept = books.breaches() == 0 && unanswered == 0 && !grows && books.operations > 0;
-    std::printf("%s\n", isKept ? "every promise was kept" : "A PROMISE WAS BROKEN");
-    return isKept ? 0 : 1;
+    const bool isClean = ledger.violations() == 0 && incomplete == 0 && !grows && ledger.operations > 0;
+    std::printf("%s\n", isClean ? "every promise was kept" : "A PROMISE WAS BROKEN");
+    return isClean ? 0 : 1;
 }

@@ -11,12 +11,12 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "Com/ILiveTrancodingDelegate.h"
 #include "Com/LiveTranscodingAdapter.h"
+#include "support/Oracle.h"
 
 constexpr auto kPatience = std::chrono::seconds(90);  // before a test gives up; no test waits this long
 
@@ -64,19 +64,8 @@ private:
     std::vector<T> mEntries;
 };
 
-struct Call {
-    std::string operation;
-    int code;
-    std::string message;
-
-    bool operator==(const Call& other) const {
-        return operation == other.operation && code == other.code && message == other.message;
-    }
-};
-
-inline void PrintTo(const Call& call, std::ostream* out) {
-    *out << call.operation << "(" << call.code << ", \"" << call.message << "\")";
-}
+// One call of the listener.
+using Call = oracle::Notification;
 
 class Listener : public ILiveTrancodingDelegate {
 public:
