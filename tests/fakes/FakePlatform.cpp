@@ -11,8 +11,8 @@
 #include "base/Version.h"
 
 FakePlatform& FakePlatform::instance() {
-    static FakePlatform& theOne = *new FakePlatform();
-    return theOne;
+    static FakePlatform& platform = *new FakePlatform();
+    return platform;
 }
 
 void FakePlatform::reset() {
@@ -21,8 +21,8 @@ void FakePlatform::reset() {
     requestsEver = everSent;
 }
 
-void FakePlatform::answer(size_t request, int retCode, const std::string& body) {
-    // Taken out first: the answer may send, which moves the list.
+void FakePlatform::respond(size_t request, int retCode, const std::string& body) {
+    // Taken out first: the response may send, which moves the list.
     const CVexaHttpSendRecv::Callback callback = std::exchange(requests.at(request).callback, nullptr);
     KstCopyOnWriteBuffer response(reinterpret_cast<const uint8_t*>(body.data()), body.size());
     callback(retCode, response);
@@ -63,7 +63,12 @@ void kstf_log(int level, const char* file, int line, const char* function, const
     std::vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
     va_end(arguments);
-    FakePlatform::instance().log.push_back({level, file, line, function, text});
+    FakePlatform& platform = FakePlatform::instance();
+    const FakePlatform::LogLine logged = {level, file, line, function, text};
+    platform.log.push_back(logged);
+    if (platform.onLog) {
+        platform.onLog(logged);
+    }
 }
 
 int kstReportAvRoomEvt(int sdkAppId, uint64_t reserved, const char* roomUser, int eventType, int event,

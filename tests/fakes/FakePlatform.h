@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,7 @@ public:
         std::string url;
         std::string body;
         VirtualTime::TimePoint sentAt;
-        CVexaHttpSendRecv::Callback callback;  // empty once answered
+        CVexaHttpSendRecv::Callback callback;  // empty once responded to
     };
 
     static constexpr const char* kHost = "live.test:8443";
@@ -52,8 +53,9 @@ public:
     // Forgets what was recorded and sets the clocks back to the values below.
     void reset();
 
-    // Answers a request as the client's delivery thread would. An answer may come when the client is gone already.
-    void answer(size_t request, int retCode, const std::string& body);
+    // Responds to a request as the client's delivery thread would. An response may come when the client is gone
+    // already.
+    void respond(size_t request, int retCode, const std::string& body);
 
     std::vector<LogLine> log;
     std::vector<Report> reports;
@@ -64,6 +66,9 @@ public:
     // Both clocks at the moment of the reset, in milliseconds; virtual time passes on top.
     uint64_t tickAtReset = 1'000'000;
     uint64_t utcAtReset = 1'700'000'000'000;
+
+    // Runs after each log line; may call the adapter.
+    std::function<void(const LogLine&)> onLog;
 
     // Of the whole process, whatever was reset since: one event id is used up by each.
     int requestsEver = 0;

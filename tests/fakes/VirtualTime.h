@@ -1,4 +1,5 @@
-// Says when tasks run and how time passes on the virtual-time loops (base/KstMessageLoop.h). For tests on one thread.
+// Controls when tasks run and how time passes on the virtual-time loops (base/KstMessageLoop.h). For tests on one
+// thread.
 
 #ifndef VEXALIVE_FAKES_VIRTUAL_TIME_H
 #define VEXALIVE_FAKES_VIRTUAL_TIME_H
@@ -13,6 +14,9 @@
 class VirtualTime {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
+
+    // Of all loops that exist.
+    static KstMessageLoop& newestLoop() { return *KstMessageLoop::world().loops.back(); }
 
     static TimePoint now() { return KstMessageLoop::world().now; }
 

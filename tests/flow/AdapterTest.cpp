@@ -23,15 +23,46 @@ protected:
 TEST_F(AdapterTest, ConstructionMakesFourClientsAndDoesNothingElse) {
     EXPECT_THAT(mPlatform.clients, ElementsAre("made 0", "made 1", "made 2", "made 3"));
     EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u);
-    expectNothingHappens();
+    expectNoEffects();
 }
 
-TEST_F(AdapterTest, ClientsGoInTheReverseOrder) {
-    mPlatform.clients.clear();
+TEST_F(AdapterTest, DestructorStopsTheLoopAndThenDestroysTheClientsInReverseOrder) {
+    const std::shared_ptr<KstMessageLoop> loop = VirtualTime::newestLoop().shared_from_this();
+    std::vector<std::string>& clients = mPlatform.clients;
+    clients.clear();
+    const auto onDestruction = [&clients](const int*) { clients.push_back("task gone"); };
+    loop->PostTask([held = std::shared_ptr<const int>(&kBizId, onDestruction)] { FAIL() << *held; });
 
     mAdapter.reset();
 
-    EXPECT_THAT(mPlatform.clients, ElementsAre("gone 3", "gone 2", "gone 1", "gone 0"));
+    EXPECT_THAT(clients, ElementsAre("task gone", "gone 3", "gone 2", "gone 1", "gone 0"));
+    EXPECT_FALSE(loop->PostTask([] {}).valid());
+}
+
+TEST_F(AdapterTest, OperationsOnAStoppedLoopAreLostSilently) {
+    givenSent(kAddRelay);
+    stopLoop();
+    clearRecords();
+
+    mAdapter->resetInfo();
+    mAdapter->updateUserInfo(1, "s", "u");
+    mAdapter->updateEnterRoomInfo("r", "k");
+    for (const Kind& kind : {kAddRelay, kRemoveRelay, kStartMix, kCancelMix}) {
+        call(kind);
+    }
+    run();
+
+    expectNoEffects();
+}
+
+TEST_F(AdapterTest, ResponseOnAStoppedLoopIsNotifiedAndItsReportIsLost) {
+    givenSent(kAddRelay);
+    stopLoop();
+
+    respondOk();
+
+    EXPECT_THAT(notified(), SizeIs(1));
+    EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_F(AdapterTest, EveryOperationPostsOneTaskWithoutDelayAndDoesNothingInTheCall) {
@@ -48,7 +79,7 @@ TEST_F(AdapterTest, EveryOperationPostsOneTaskWithoutDelayAndDoesNothingInTheCal
 
         EXPECT_EQ(VirtualTime::queuedTasks(), ++posted);
         EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-        expectNothingHappens();
+        expectNoEffects();
     }
 }
 
@@ -57,7 +88,7 @@ TEST_F(AdapterTest, ClearAndTheListenersOperationPostNothing) {
     mAdapter->setLiveTranscodingDelegate(mListener);
 
     EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u);
-    expectNothingHappens();
+    expectNoEffects();
 }
 
 TEST_F(AdapterTest, OperationsOnAnAdapterWithoutASharedOwnerAbort) {
@@ -68,7 +99,7 @@ TEST_F(AdapterTest, OperationsOnAnAdapterWithoutASharedOwnerAbort) {
 
 // ---- Identity -------------------------------------------------------------------------------------------------------
 
-TEST_F(AdapterTest, UserInfoIsStoredInItsTurnAndNothingElseHappens) {
+TEST_F(AdapterTest, UserInfoIsStoredAsATaskAndNothingElseHappens) {
     givenInRoom();
     mAdapter->startPublishStreamUrl(relay());
     mAdapter->updateUserInfo(99, "later", "bob");
@@ -88,11 +119,11 @@ TEST_F(AdapterTest, UserInfoAloneDoesNothingVisible) {
     mAdapter->updateUserInfo(kSdkAppId, kUserSig, "alice");
     run();
 
-    expectNothingHappens();
+    expectNoEffects();
     EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
 }
 
-TEST_F(AdapterTest, UserInfoTakesEmptyTextsAndZero) {
+TEST_F(AdapterTest, UserInfoAcceptsEmptyStringsAndZero) {
     givenInRoom();
     mAdapter->updateUserInfo(0, "", "");
 
@@ -109,13 +140,13 @@ TEST_F(AdapterTest, RoomEntryWithNothingWaitingOnlyStores) {
 
     enterRoom();
 
-    expectNothingHappens();
+    expectNoEffects();
     startRelay();
     EXPECT_THAT(request(0).url, HasSubstr(std::string("&parivMapKey=") + kMapKey));
     EXPECT_THAT(body(0), HasSubstr(kAliceMain));
 }
 
-TEST_F(AdapterTest, RoomEntryTakesEmptyTexts) {
+TEST_F(AdapterTest, RoomEntryAcceptsEmptyStrings) {
     givenUser();
     enterRoom("", "");
 
@@ -128,8 +159,8 @@ TEST_F(AdapterTest, EnteringAnotherRoomSendsNothingAnew) {
     givenInRoom();
     startRelay();
     startMix();
-    answerOk();
-    answerOk();
+    respondOk();
+    respondOk();
 
     enterRoom("room9", "another-key");
 
@@ -140,7 +171,7 @@ TEST_F(AdapterTest, RoomEntrySendsTheWaitingRelayBeforeTheWaitingMix) {
     givenUser();
     startMix();
     startRelay();
-    forgetTheStorySoFar();
+    clearRecords();
 
     enterRoom();
 
@@ -154,7 +185,7 @@ TEST_F(AdapterTest, RoomEntrySendsTheWaitingRelayBeforeTheWaitingMix) {
 TEST_F(AdapterTest, ReissuedStartIsPostedBehindWhatWaitsAlready) {
     givenUser();
     startRelay();
-    forgetTheStorySoFar();
+    clearRecords();
     mAdapter->updateEnterRoomInfo("room7", kMapKey);
     mAdapter->updateUserInfo(kSdkAppId, kUserSig, "bob");
 
@@ -167,7 +198,7 @@ TEST_F(AdapterTest, SecondRoomEntryBeforeTheReissuedStartsRanSupersedesThem) {
     givenUser();
     startRelay();
     startMix();
-    forgetTheStorySoFar();
+    clearRecords();
 
     mAdapter->updateEnterRoomInfo("room7", kMapKey);
     mAdapter->updateEnterRoomInfo("room7", kMapKey);
@@ -190,7 +221,7 @@ TEST_F(AdapterTest, ResetRightAfterAStartLeavesTheStartStale) {
 
     EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
     EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
@@ -204,15 +235,15 @@ TEST_F(AdapterTest, ResetRightAfterAMixLeavesTheMixStale) {
     EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "bPureAudio:0"},
                                    Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
     EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_F(AdapterTest, ResetRightAfterAStopOrCancelLeavesThemStale) {
     givenInRoom();
     startRelay();
-    answerOk();
-    forgetTheStorySoFar();
+    respondOk();
+    clearRecords();
 
     mAdapter->stopPublishStreamUrl();
     mAdapter->stopLiveMixTranscoding();
@@ -242,28 +273,28 @@ TEST_F(AdapterTest, ResetForgetsWhatWaitsForTheRoom) {
     startRelay();
     startMix();
     reset();
-    forgetTheStorySoFar();
+    clearRecords();
 
     enterRoom();
 
-    expectNothingHappens();
+    expectNoEffects();
 }
 
 TEST_F(AdapterTest, ResetKeepsIdentityRoomIdsAndListener) {
     givenInRoom();
     startRelay();
-    answerOk();
+    respondOk();
     reset();
-    forgetTheStorySoFar();
+    clearRecords();
 
     stopRelay();
-    answerOk();
+    respondOk();
 
     EXPECT_THAT(request(0).url, HasSubstr("sdkappid=1400123&"));
     EXPECT_THAT(request(0).url, HasSubstr("&usersig=signature-of-alice&parivMapKey=map-key-of-room7"));
     EXPECT_THAT(body(0), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
     EXPECT_THAT(body(0), HasSubstr(kAliceMain));
-    EXPECT_THAT(told(), ElementsAre(Told{"onStopPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStopPublishStreamUrl", 0, "sucess"}));
     EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room7_alice");
 }
 
@@ -271,7 +302,7 @@ TEST_F(AdapterTest, ResetKeepsTheInformationOfARetryUnderWay) {
     givenRetrySent(kStartMix);
 
     reset();
-    answerOk();
+    respondOk();
 
     EXPECT_EQ(reports().at(0).information, mixText());
 }
@@ -279,7 +310,7 @@ TEST_F(AdapterTest, ResetKeepsTheInformationOfARetryUnderWay) {
 TEST_F(AdapterTest, ResetClearsTheRelaysAddressAndCounter) {
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     reset();
 
     pass(Milliseconds(1000));  // the retry of a relay start is sent even when superseded
@@ -289,10 +320,10 @@ TEST_F(AdapterTest, ResetClearsTheRelaysAddressAndCounter) {
     EXPECT_THAT(log().back().text, HasSubstr("retryAddPublishUrlInner index: 1, retryStartCdnCnt:10, jsonStr: "));
 }
 
-TEST_F(AdapterTest, ResetForgetsTheMixInItsTurnSoThatARoomEntryCalledBeforeReissuesItWhole) {
+TEST_F(AdapterTest, ResetForgetsTheMixAsATaskSoThatARoomEntryCalledBeforeReissuesItWhole) {
     givenUser();
     startMix();
-    forgetTheStorySoFar();
+    clearRecords();
 
     mAdapter->updateEnterRoomInfo("room7", kMapKey);
     mAdapter->resetInfo();
@@ -300,11 +331,11 @@ TEST_F(AdapterTest, ResetForgetsTheMixInItsTurnSoThatARoomEntryCalledBeforeReiss
 
     // Entry, reset, and then the re-issued mix, outside the room again.
     EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), "not enterRoom status"}));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresInItsTurn) {
+TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresAsATask) {
     givenInRoom();
     mAdapter->resetInfo();
     mAdapter->startPublishStreamUrl(relay());
@@ -322,13 +353,13 @@ TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresInItsTurn) {
 TEST_F(AdapterTest, ClearEmptiesAWaitingConfigurationButItsMode) {
     givenUser();
     startMix();
-    forgetTheStorySoFar();
+    clearRecords();
 
     mAdapter->clear();
     enterRoom();
 
     // The empty list counts as pure audio; the ids are missing.
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, kMixInvalid}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, kMixInvalid}));
     EXPECT_THAT(reports(), ElementsAre(Reported{31, kClearedText, kMixInvalid}));
 }
 
@@ -337,13 +368,14 @@ TEST_F(AdapterTest, ClearKeepsRoomIdsGenerationsAndCounters) {
     mAdapter->clear();
 
     failAndWaitForRetry();
-    answerOk();
+    respondOk();
 
     ASSERT_THAT(requests(), SizeIs(3));
     EXPECT_THAT(body(2), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
     EXPECT_THAT(body(2), HasSubstr(kAliceMain));
-    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", 0, "sucess"}));
-    EXPECT_THAT(reports().at(0).detail, testing::EndsWith(tried(10, 1, "") + tried(9, 1, "") + tried(8, 0, kOk)));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
+    EXPECT_THAT(reports().at(0).detail,
+                testing::EndsWith(traceSegment(10, 1, "") + traceSegment(9, 1, "") + traceSegment(8, 0, kOk)));
     EXPECT_EQ(reports()[0].information, mixText());
 }
 
@@ -370,14 +402,15 @@ TEST_F(AdapterTest, RefusedCallsAreRoutedThisWay) {
     startMix(mix({}));
     cancelMix();
 
-    EXPECT_THAT(told(),
-                ElementsAre(Told{"onStartPublishStreamUrl", -3323, "startPublishStreamUrl failure, param is invalid"},
-                            Told{"onStopLiveMixTranscoding", -3323,
-                                 "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"},
-                            Told{"onStartPublishStreamUrl", -3324, "setLiveMixTranscoding failure, param is invalid"},
-                            Told{"onStartPublishStreamUrl", -3324, "mixUsersArray is invalid"},
-                            Told{"onStopLiveMixTranscoding", -3324,
-                                 "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before"}));
+    EXPECT_THAT(
+        notified(),
+        ElementsAre(Notified{"onStartPublishStreamUrl", -3323, "startPublishStreamUrl failure, param is invalid"},
+                    Notified{"onStopLiveMixTranscoding", -3323,
+                             "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"},
+                    Notified{"onStartPublishStreamUrl", -3324, "setLiveMixTranscoding failure, param is invalid"},
+                    Notified{"onStartPublishStreamUrl", -3324, "mixUsersArray is invalid"},
+                    Notified{"onStopLiveMixTranscoding", -3324,
+                             "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before"}));
 }
 
 TEST_F(AdapterTest, WithoutAListenerRefusalsAreReportedAllTheSame) {
@@ -391,62 +424,62 @@ TEST_F(AdapterTest, WithoutAListenerRefusalsAreReportedAllTheSame) {
     startMix(incomplete);
 
     EXPECT_THAT(reports(), SizeIs(3));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
 }
 
 TEST_F(AdapterTest, ListenerSetAtAnyTimeTakesEffectAtOnce) {
-    std::vector<Told> toldToOther;
-    const auto other = std::make_shared<RecordingListener>(toldToOther);
+    std::vector<Notified> notifiedOther;
+    const auto other = std::make_shared<RecordingListener>(notifiedOther);
     givenSent(kAddRelay);
 
     mAdapter->setLiveTranscodingDelegate(other);
-    answerOk();
+    respondOk();
 
-    EXPECT_THAT(told(), IsEmpty());
-    EXPECT_THAT(toldToOther, ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(notified(), IsEmpty());
+    EXPECT_THAT(notifiedOther, ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
 }
 
-TEST_F(AdapterTest, ListenerIsKeptWeakly) {
+TEST_F(AdapterTest, ListenerIsHeldWeakly) {
     EXPECT_EQ(mListener.use_count(), 1);
 }
 
-TEST_F(AdapterTest, EmptyListenerIsNotTold) {
+TEST_F(AdapterTest, EmptyListenerIsNotNotified) {
     givenSent(kAddRelay);
 
     mAdapter->setLiveTranscodingDelegate({});
-    answerOk();
+    respondOk();
 
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), SizeIs(1));
 }
 
-TEST_F(AdapterTest, SecondCallOfAnEmptyAnswerReachesTheListenerSetInTheFirst) {
-    std::vector<Told> toldToOther;
-    const auto other = std::make_shared<RecordingListener>(toldToOther);
+TEST_F(AdapterTest, SecondCallOfAnEmptyResponseReachesTheListenerSetInTheFirst) {
+    std::vector<Notified> notifiedOther;
+    const auto other = std::make_shared<RecordingListener>(notifiedOther);
     givenSent(kCancelMix);
-    mListener->whenTold = [&] { mAdapter->setLiveTranscodingDelegate(other); };
+    mListener->onCall = [&] { mAdapter->setLiveTranscodingDelegate(other); };
 
-    answerAll(0, "");
+    respondToAll(0, "");
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStopLiveMixTranscoding", -3324, "recv message nil"}));
-    EXPECT_THAT(toldToOther, ElementsAre(Told{"onStopLiveMixTranscoding", -3324, "recv message can't parse"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStopLiveMixTranscoding", -3324, "recv message nil"}));
+    EXPECT_THAT(notifiedOther, ElementsAre(Notified{"onStopLiveMixTranscoding", -3324, "recv message can't parse"}));
     EXPECT_THAT(reports(), SizeIs(1));
 }
 
-TEST_F(AdapterTest, SecondCallOfAnEmptyAnswerIsSkippedWhenTheListenerWentInTheFirst) {
+TEST_F(AdapterTest, SecondCallOfAnEmptyResponseIsSkippedWhenTheListenerWentInTheFirst) {
     givenSent(kRemoveRelay);
-    mListener->whenTold = [&] { mListener.reset(); };
+    mListener->onCall = [&] { mListener.reset(); };
 
-    answerAll(0, "");
+    respondToAll(0, "");
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStopPublishStreamUrl", -3323, "recv message nil"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStopPublishStreamUrl", -3323, "recv message nil"}));
     EXPECT_THAT(reports(), SizeIs(1));
 }
 
 TEST_F(AdapterTest, ListenerMayCallEveryOperation) {
     givenSent(kAddRelay);
-    mListener->whenTold = [this] {
-        mListener->whenTold = nullptr;
+    mListener->onCall = [this] {
+        mListener->onCall = nullptr;
         mAdapter->clear();
         mAdapter->setLiveTranscodingDelegate(mListener);
         mAdapter->resetInfo();
@@ -458,7 +491,7 @@ TEST_F(AdapterTest, ListenerMayCallEveryOperation) {
         mAdapter->setLiveMixTranscoding(mix());
     };
 
-    answerOk();
+    respondOk();
 
     ASSERT_THAT(requests(), SizeIs(3));
     EXPECT_EQ(request(1).client, kAddRelay.client);
@@ -475,28 +508,28 @@ TEST_P(NoListenerTest, EveryFlowRunsToItsEndAndReports) {
     givenSent(GetParam());
 
     failAndWaitForRetry();
-    answer(0, R"({"code":7})");
+    respond(0, R"({"code":7})");
 
     EXPECT_THAT(reports(), SizeIs(1));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
 }
 
 TEST_P(NoListenerTest, ListenerThatWentWhileTheRequestWasUnderWayIsSkipped) {
     givenSent(GetParam());
 
     givenNoListener();
-    answerAll(0, "");
+    respondToAll(0, "");
 
     EXPECT_THAT(requests(), SizeIs(11));
     EXPECT_THAT(reports(), SizeIs(1));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
 }
 
 // ---- Two adapters ---------------------------------------------------------------------------------------------------
 
 TEST_F(AdapterTest, AdaptersAreIndependentOfEachOther) {
-    std::vector<Told> toldToOther;
-    const auto otherListener = std::make_shared<RecordingListener>(toldToOther);
+    std::vector<Notified> notifiedOther;
+    const auto otherListener = std::make_shared<RecordingListener>(notifiedOther);
     const auto other = std::make_shared<LiveTranscodingAdapter>();
     other->setLiveTranscodingDelegate(otherListener);
     other->updateUserInfo(55, "signature-of-bob", "bob");
@@ -511,11 +544,11 @@ TEST_F(AdapterTest, AdaptersAreIndependentOfEachOther) {
     mAdapter->resetInfo();
     run();
     ASSERT_THAT(requests(), SizeIs(2));
-    answerTo(0, 0, kOk);
-    answerTo(1, 0, kOk);
+    respondTo(0, 0, kOk);
+    respondTo(1, 0, kOk);
 
-    EXPECT_THAT(told(), IsEmpty());
-    EXPECT_THAT(toldToOther, ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(notified(), IsEmpty());
+    EXPECT_THAT(notifiedOther, ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
     EXPECT_EQ(request(1).client, 4u + kAddRelay.client);
     EXPECT_THAT(body(1), HasSubstr(kBobMain));
     EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room7_bob");
@@ -529,7 +562,7 @@ protected:
         run();
         VirtualTime::runUntilQuiet();
         EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u);
-        expectNothingHappens();
+        expectNoEffects();
     }
 };
 
@@ -537,7 +570,7 @@ TEST_F(EndTest, TasksDoNotKeepTheAdapterAlive) {
     const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     startMix();
     mAdapter->resetInfo();
 
@@ -564,7 +597,7 @@ TEST_F(EndTest, NothingHappensOnceTheAdapterIsGoneWithTasksQueued) {
 TEST_F(EndTest, LoopIsStoppedSoThatNoTaskIsLeft) {
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     mAdapter->stopPublishStreamUrl();
 
     mAdapter.reset();
@@ -577,10 +610,10 @@ class EndOfEveryKindTest : public EndTest, public ::testing::WithParamInterface<
 INSTANTIATE_TEST_SUITE_P(Kinds, EndOfEveryKindTest, ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix),
                          nameOfKind);
 
-TEST_P(EndOfEveryKindTest, FirstAnswerAfterTheEndDoesNothing) {
+TEST_P(EndOfEveryKindTest, FirstResponseAfterTheEndDoesNothing) {
     givenSent(GetParam());
     const CVexaHttpSendRecv::Callback callback = request(0).callback;
-    forgetTheStorySoFar();
+    clearRecords();
     mAdapter.reset();
 
     KstCopyOnWriteBuffer response;
@@ -589,10 +622,10 @@ TEST_P(EndOfEveryKindTest, FirstAnswerAfterTheEndDoesNothing) {
     expectSilence();
 }
 
-TEST_P(EndOfEveryKindTest, RetrysAnswerAfterTheEndDoesNothing) {
+TEST_P(EndOfEveryKindTest, RetrysResponseAfterTheEndDoesNothing) {
     givenRetrySent(GetParam());
     const CVexaHttpSendRecv::Callback callback = request(1).callback;
-    forgetTheStorySoFar();
+    clearRecords();
     mAdapter.reset();
 
     KstCopyOnWriteBuffer response;
@@ -603,8 +636,8 @@ TEST_P(EndOfEveryKindTest, RetrysAnswerAfterTheEndDoesNothing) {
 
 TEST_P(EndOfEveryKindTest, WaitingRetryIsNotSentAfterTheEnd) {
     givenSent(GetParam());
-    answer(kTryAgain, "");
-    forgetTheStorySoFar();
+    respond(kTryAgain, "");
+    clearRecords();
 
     mAdapter.reset();
 
@@ -613,8 +646,8 @@ TEST_P(EndOfEveryKindTest, WaitingRetryIsNotSentAfterTheEnd) {
 
 TEST_P(EndOfEveryKindTest, ReportIsDroppedWhenTheAdapterGoesBeforeItIsMade) {
     givenSent(GetParam());
-    mPlatform.answer(0, 0, kOk);
-    forgetTheStorySoFar();
+    mPlatform.respond(0, 0, kOk);
+    clearRecords();
 
     mAdapter.reset();
 
@@ -624,36 +657,36 @@ TEST_P(EndOfEveryKindTest, ReportIsDroppedWhenTheAdapterGoesBeforeItIsMade) {
 TEST_P(EndOfEveryKindTest, AdapterMayBeDroppedInsideItsListenersCall) {
     givenSent(GetParam());
     const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
-    mListener->whenTold = [this] { mAdapter.reset(); };
+    mListener->onCall = [this] { mAdapter.reset(); };
 
-    answer(0, kOk);
+    respond(0, kOk);
 
     EXPECT_TRUE(adapter.expired());
-    EXPECT_THAT(told(), SizeIs(1));
-    forgetTheStorySoFar();
+    EXPECT_THAT(notified(), SizeIs(1));
+    clearRecords();
     expectSilence();
 }
 
-TEST_P(EndOfEveryKindTest, BothCallsOfAnEmptyAnswerComeThoughTheAdapterIsDroppedInTheFirst) {
+TEST_P(EndOfEveryKindTest, BothCallsOfAnEmptyResponseComeThoughTheAdapterIsDroppedInTheFirst) {
     givenSent(GetParam());
-    mListener->whenTold = [this] { mAdapter.reset(); };
+    mListener->onCall = [this] { mAdapter.reset(); };
 
-    answerAll(0, "");
+    respondToAll(0, "");
 
-    EXPECT_THAT(told(), SizeIs(2));
+    EXPECT_THAT(notified(), SizeIs(2));
     EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_F(EndTest, AdapterMayBeDroppedInsideATask) {
     const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
-    mListener->whenTold = [this] { mAdapter.reset(); };
+    mListener->onCall = [this] { mAdapter.reset(); };
     mAdapter->startPublishStreamUrl(relay(""));
     mAdapter->startPublishStreamUrl(relay(""));
 
     run();
 
     EXPECT_TRUE(adapter.expired());
-    EXPECT_THAT(told(), SizeIs(1));
+    EXPECT_THAT(notified(), SizeIs(1));
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_EQ(VirtualTime::queuedTasks(), 0u);
 }
@@ -662,11 +695,11 @@ TEST_F(EndTest, ListenerMayOwnTheAdapterAndGoWithIt) {
     // The listener's last owner is the call itself; the adapter's is the listener.
     givenSent(kAddRelay);
     const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
-    mListener->whenTold = [this, owned = mAdapter] { mListener.reset(); };
+    mListener->onCall = [this, owned = mAdapter] { mListener.reset(); };
     mAdapter.reset();
 
-    answer(0, kOk);
+    respond(0, kOk);
 
     EXPECT_TRUE(adapter.expired());
-    EXPECT_THAT(told(), SizeIs(1));
+    EXPECT_THAT(notified(), SizeIs(1));
 }

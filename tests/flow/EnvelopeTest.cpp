@@ -89,7 +89,7 @@ TEST_F(EnvelopeTest, EverySendDrawsOneRandomNumberRetriesIncluded) {
     std::srand(44);
     startRelay();
     failAndWaitForRetry();
-    answerOk();
+    respondOk();
     startMix();
 
     EXPECT_THAT(request(0).url, HasSubstr("&random=" + first + "&"));
@@ -152,7 +152,7 @@ TEST_F(EnvelopeTest, AddressOfExactly4094CharactersIsWhole) {
     EXPECT_EQ(request(0).url, head + sig + tail);
 }
 
-TEST_F(EnvelopeTest, ZeroByteEndsATextInTheAddress) {
+TEST_F(EnvelopeTest, ZeroByteEndsAStringInTheAddress) {
     givenInRoomAs(1400, std::string("ab\0cd", 5), "alice", "room7", "key");
 
     startRelay();
@@ -222,7 +222,7 @@ TEST_F(EnvelopeTest, DomainIsTheBizIdAndThePushDomain) {
     EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"-77_fcbd0847daa9c600a757e0d48049b252",)"));
 }
 
-TEST_F(EnvelopeTest, StreamIdIsMadeOfAnyText) {
+TEST_F(EnvelopeTest, StreamIdIsMadeOfAnyString) {
     givenInRoomAs(1400, kUserSig, "a \"quoted\" b\\ü 中", "room7", kMapKey);
 
     startRelay();
@@ -249,7 +249,7 @@ TEST_F(EnvelopeTest, NameBehindAStreamIdIsCutAt4094Characters) {
 TEST_F(EnvelopeTest, RoomAndUserAreThoseOfTheMomentOfSending) {
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     mAdapter->updateUserInfo(kSdkAppId, "another-signature", "bob");
     enterRoom("room7", "another-key");
 
@@ -299,24 +299,24 @@ TEST_P(EveryKindsEnvelopeTest, RetrysBodyHasANewEventIdAndTimestampAndIsTheSameE
     EXPECT_EQ(body(1), expected);
 }
 
-TEST_P(EveryKindsEnvelopeTest, SendsAndAnswersAreLoggedWithIndexTriesAndText) {
+TEST_P(EveryKindsEnvelopeTest, SendsAndResponsesAreLoggedWithIndexRetriesAndContent) {
     const Kind& kind = GetParam();
     const std::string index = kind.isStart ? "1" : "2";
     givenSent(kind);
 
-    answer(1, "try later");
+    respond(1, "try later");
     pass(Milliseconds(1000));
-    answer(-5, "");
+    respond(-5, "");
     pass(Milliseconds(1000));
-    answer(0, kOk);
+    respond(0, kOk);
 
     std::vector<Logged> expected = {
         {2, kind.sendFunction, filled(kind.sendLog, {index, "0", body(0)})},
-        {2, "operator()", filled(kind.answerLog, {index, "1", "try later"})},
+        {2, "operator()", filled(kind.responseLog, {index, "1", "try later"})},
         {2, "operator()", filled(kind.retrySendLog, {index, "1", body(1)})},
-        {2, "operator()", filled(kind.retryAnswerLog, {index, "4294967291", ""})},
+        {2, "operator()", filled(kind.retryResponseLog, {index, "4294967291", ""})},
         {2, "operator()", filled(kind.retrySendLog, {index, "2", body(2)})},
-        {2, "operator()", filled(kind.retryAnswerLog, {index, "0", kOk})},
+        {2, "operator()", filled(kind.retryResponseLog, {index, "0", kOk})},
     };
     if (kind.client == kStartMix.client) {
         expected.insert(expected.begin(), {2, "operator()", "bPureAudio:0"});

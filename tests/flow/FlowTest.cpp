@@ -2,6 +2,25 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
+
+#include "base/Md5.h"
+
+// The digests of the platform, whose definition is renamed for this suite; a test may act in between.
+struct DigestHook : FlowTest {
+    using FlowTest::onDigest;
+};
+
+namespace kstmedia {
+std::string platformMD5(const std::string& text);
+
+std::string getMD5(const std::string& text) {
+    if (const auto hook = std::exchange(DigestHook::onDigest, nullptr)) {
+        hook();
+    }
+    return platformMD5(text);
+}
+}  // namespace kstmedia
 
 using kstmedia::VexaMixUserInternal;
 using kstmedia::VexaPublishCDNParamInternal;
@@ -9,7 +28,7 @@ using kstmedia::VexaTranscodingConfigInternal;
 
 // ---- What is seen ---------------------------------------------------------------------------------------------------
 
-bool operator==(const Told& a, const Told& b) {
+bool operator==(const Notified& a, const Notified& b) {
     return std::tie(a.operation, a.code, a.message) == std::tie(b.operation, b.code, b.message);
 }
 
@@ -21,8 +40,8 @@ bool operator==(const Logged& a, const Logged& b) {
     return std::tie(a.level, a.function, a.text) == std::tie(b.level, b.function, b.text);
 }
 
-std::ostream& operator<<(std::ostream& out, const Told& told) {
-    return out << told.operation << '(' << told.code << ", \"" << told.message << "\")";
+std::ostream& operator<<(std::ostream& out, const Notified& call) {
+    return out << call.operation << '(' << call.code << ", \"" << call.message << "\")";
 }
 
 std::ostream& operator<<(std::ostream& out, const Reported& reported) {
@@ -71,77 +90,48 @@ void RecordingListener::onStopLiveMixTranscoding(int errCode, std::string errMsg
 
 void RecordingListener::keep(const char* operation, int errCode, std::string errMsg) {
     FakePlatform::instance().order.push_back(operation);
-    mTold.push_back({operation, errCode, std::move(errMsg)});
-    if (whenTold) {
-        whenTold();
+    mNotified.push_back({operation, errCode, std::move(errMsg)});
+    if (onCall) {
+        onCall();
     }
 }
 
 // ---- The four kinds -------------------------------------------------------------------------------------------------
 
-const Kind kAddRelay = {"AddRelay",
-                        true,
-                        true,
-                        0,
-                        "add_relay_stream_url",
-                        "onStartPublishStreamUrl",
-                        -3321,
-                        -3323,
-                        -200000,
-                        30,
-                        "addPublishUrlInner",
-                        "addPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                        "addPublishUrlInner index: %d, ret: %lu, respData: %s",
-                        "retryAddPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                        "retryAddPublishUrlInner index: %d, ret: %lu, respData: %s"};
+// clang-format off
+const Kind kAddRelay = {
+    "AddRelay", true, true, 0, "add_relay_stream_url", "onStartPublishStreamUrl",
+    -3321, -3323, -200000, 30, "addPublishUrlInner",
+    "addPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+    "addPublishUrlInner index: %d, ret: %lu, respData: %s",
+    "retryAddPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+    "retryAddPublishUrlInner index: %d, ret: %lu, respData: %s"};
 
-const Kind kRemoveRelay = {"RemoveRelay",
-                           true,
-                           false,
-                           1,
-                           "remove_relay_stream_url",
-                           "onStopPublishStreamUrl",
-                           -3321,
-                           -3323,
-                           -200000,
-                           30,
-                           "removePublishUrlInner",
-                           "removePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                           "removePublishUrlInner index: %d, ret: %lu, respData: %s",
-                           "retryRemovePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-                           "retryRemovePublishUrlInner index: %d, ret: %lu, respData: %s"};
+const Kind kRemoveRelay = {
+    "RemoveRelay", true, false, 1, "remove_relay_stream_url", "onStopPublishStreamUrl",
+    -3321, -3323, -200000, 30, "removePublishUrlInner",
+    "removePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+    "removePublishUrlInner index: %d, ret: %lu, respData: %s",
+    "retryRemovePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
+    "retryRemovePublishUrlInner index: %d, ret: %lu, respData: %s"};
 
-const Kind kStartMix = {"StartMix",
-                        false,
-                        true,
-                        2,
-                        "set_live_mix_transcoding",
-                        "onSetLiveMixTranscoding",
-                        -3322,
-                        -3324,
-                        -300000,
-                        31,
-                        "startMixStream",
-                        "startMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
-                        "startMixStream index: %d, ret: %lu, respData: %s",
-                        "retryStartMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
-                        "retryStartMixStream index: %d, ret: %lu, respData: %s"};
+const Kind kStartMix = {
+    "StartMix", false, true, 2, "set_live_mix_transcoding", "onSetLiveMixTranscoding",
+    -3322, -3324, -300000, 31, "startMixStream",
+    "startMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
+    "startMixStream index: %d, ret: %lu, respData: %s",
+    "retryStartMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
+    "retryStartMixStream index: %d, ret: %lu, respData: %s"};
 
-const Kind kCancelMix = {"CancelMix",
-                         false,
-                         false,
-                         3,
-                         "set_live_mix_transcoding",
-                         "onStopLiveMixTranscoding",
-                         -3322,
-                         -3324,
-                         -300000,
-                         31,
-                         "cancelMixStream",
-                         "index: %d, retryCancelMixCnt:%d, jsonStr: %s",
-                         "index: %d, ret: %lu, respData: %s",
-                         "index: %d, retryStartMixCnt:%d, jsonStr: %s",
-                         "index: %d, ret: %lu, respData: %s"};
+const Kind kCancelMix = {
+    "CancelMix", false, false, 3, "set_live_mix_transcoding", "onStopLiveMixTranscoding",
+    -3322, -3324, -300000, 31, "cancelMixStream",
+    "index: %d, retryCancelMixCnt:%d, jsonStr: %s",
+    "index: %d, ret: %lu, respData: %s",
+    "index: %d, retryStartMixCnt:%d, jsonStr: %s",
+    "index: %d, ret: %lu, respData: %s"};
+
+// clang-format on
 
 // ---- Given ----------------------------------------------------------------------------------------------------------
 
@@ -152,7 +142,8 @@ FlowTest::FlowTest() {
 }
 
 FlowTest::~FlowTest() {
-    checkWhatAlwaysHolds();
+    onDigest = nullptr;
+    checkInvariants();
     mAdapter.reset();
     EXPECT_EQ(VirtualTime::queuedTasks() + VirtualTime::delayedTasks(), 0u) << "tasks outlive the adapter";
 }
@@ -172,8 +163,8 @@ void FlowTest::givenSent(const Kind& kind) {
     givenInRoom();
     if (!kind.isStart) {
         begin(kind.isRelay ? kAddRelay : kStartMix);
-        answerOk();
-        forgetTheStorySoFar();
+        respondOk();
+        clearRecords();
     }
     begin(kind);
     ASSERT_EQ(requests().size(), 1u);
@@ -185,16 +176,20 @@ void FlowTest::givenRetrySent(const Kind& kind) {
     ASSERT_EQ(requests().size(), 2u);
 }
 
-void FlowTest::forgetTheStorySoFar() {
-    checkWhatAlwaysHolds();
-    mPlatform.log.clear();
-    mPlatform.reports.clear();
+void FlowTest::clearRecords() {
+    checkInvariants();
+    clearAllButRequests();
     mPlatform.requests.clear();
     mPlatform.order.clear();
-    mTold.clear();
 }
 
-void FlowTest::checkWhatAlwaysHolds() const {
+void FlowTest::clearAllButRequests() {
+    mPlatform.log.clear();
+    mPlatform.reports.clear();
+    mNotified.clear();
+}
+
+void FlowTest::checkInvariants() const {
     const auto expectNoSecretIn = [this](const std::string& text) {
         for (const std::string& secret : mSecrets) {
             EXPECT_EQ(text.find(secret), std::string::npos) << text;
@@ -211,7 +206,7 @@ void FlowTest::checkWhatAlwaysHolds() const {
         EXPECT_EQ(report.information.rfind("sdkver:9.8.7 ", 0), 0u) << report.information;
         expectNoSecretIn(report.roomUser + report.information + report.detail);
     }
-    for (const Told& call : mTold) {
+    for (const Notified& call : mNotified) {
         expectNoSecretIn(call.message);
     }
     for (const FakePlatform::Request& request : mPlatform.requests) {
@@ -293,12 +288,31 @@ void FlowTest::cancelMix() {
     run();
 }
 
-void FlowTest::begin(const Kind& kind) {
+void FlowTest::call(const Kind& kind) {
     if (kind.isRelay) {
-        kind.isStart ? startRelay() : stopRelay();
+        kind.isStart ? mAdapter->startPublishStreamUrl(relay()) : mAdapter->stopPublishStreamUrl();
     } else {
-        kind.isStart ? startMix() : cancelMix();
+        kind.isStart ? static_cast<void>(mAdapter->setLiveMixTranscoding(mix())) : mAdapter->stopLiveMixTranscoding();
     }
+}
+
+void FlowTest::callRefused(const Kind& start) {
+    if (start.isRelay) {
+        mAdapter->startPublishStreamUrl(relay(""));
+    } else {
+        VexaTranscodingConfigInternal incomplete = mix();
+        incomplete.videoWidth = 0;
+        mAdapter->setLiveMixTranscoding(incomplete);
+    }
+}
+
+void FlowTest::begin(const Kind& kind) {
+    call(kind);
+    run();
+}
+
+void FlowTest::stopLoop() {
+    VirtualTime::newestLoop().stop();
 }
 
 void FlowTest::enterRoom(const std::string& roomId, const std::string& mapKey) {
@@ -322,25 +336,25 @@ bool FlowTest::hasOpenRequest() const {
     return oldestOpenRequest() != requests().size();
 }
 
-void FlowTest::answer(int retCode, const std::string& body) {
-    ASSERT_TRUE(hasOpenRequest()) << "there is no request to answer";
-    answerTo(oldestOpenRequest(), retCode, body);
+void FlowTest::respond(int retCode, const std::string& body) {
+    ASSERT_TRUE(hasOpenRequest()) << "there is no open request";
+    respondTo(oldestOpenRequest(), retCode, body);
 }
 
-void FlowTest::answerTo(size_t request, int retCode, const std::string& body) {
+void FlowTest::respondTo(size_t request, int retCode, const std::string& body) {
     ASSERT_LT(request, requests().size());
-    mPlatform.answer(request, retCode, body);
+    mPlatform.respond(request, retCode, body);
     run();
 }
 
 void FlowTest::failAndWaitForRetry() {
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     VirtualTime::runUntilQuiet();
 }
 
-void FlowTest::answerAll(int retCode, const std::string& body) {
+void FlowTest::respondToAll(int retCode, const std::string& body) {
     while (hasOpenRequest()) {
-        answer(retCode, body);
+        respond(retCode, body);
         VirtualTime::runUntilQuiet();
         ASSERT_LT(requests().size(), 100u) << "the retries do not end";
     }
@@ -368,11 +382,12 @@ int FlowTest::eventId(size_t request) const {
     return kFirstEventId + mPlatform.requestsEver - static_cast<int>(requests().size() - request);
 }
 
-std::string FlowTest::tried(int counter, int retCode, const std::string& answer) {
-    return " [tryHttp:cnt-" + std::to_string(counter) + "]retCode:" + std::to_string(retCode) + ", respData:" + answer;
+std::string FlowTest::traceSegment(int counter, int retCode, const std::string& response) {
+    return " [tryHttp:cnt-" + std::to_string(counter) + "]retCode:" + std::to_string(retCode) +
+           ", respData:" + response;
 }
 
-std::vector<int64_t> FlowTest::pauses() const {
+std::vector<int64_t> FlowTest::delays() const {
     std::vector<int64_t> all;
     for (size_t i = 1; i < requests().size(); ++i) {
         const auto pause = request(i).sentAt - request(i - 1).sentAt;
@@ -381,8 +396,8 @@ std::vector<int64_t> FlowTest::pauses() const {
     return all;
 }
 
-void FlowTest::expectNothingHappens() const {
-    EXPECT_THAT(told(), ::testing::IsEmpty());
+void FlowTest::expectNoEffects() const {
+    EXPECT_THAT(notified(), ::testing::IsEmpty());
     EXPECT_THAT(reports(), ::testing::IsEmpty());
     EXPECT_THAT(log(), ::testing::IsEmpty());
     EXPECT_THAT(requests(), ::testing::SizeIs(0));

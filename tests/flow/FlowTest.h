@@ -1,5 +1,5 @@
-// What every story about the adapter starts from: an adapter on fakes, a listener that keeps what it is told, and words
-// for what is given, what happens and what is to be seen.
+// What every scenario about the adapter starts from: an adapter on fakes, a listener that keeps what it is notified,
+// and words for what is given, what happens and what is to be seen.
 
 #ifndef VEXALIVE_FLOW_FLOW_TEST_H
 #define VEXALIVE_FLOW_FLOW_TEST_H
@@ -18,9 +18,10 @@
 #include "Com/LiveTranscodingAdapter.h"
 #include "FakePlatform.h"
 #include "VirtualTime.h"
+#include "base/KstMessageLoop.h"
 
 // One call of the listener.
-struct Told {
+struct Notified {
     std::string operation;
     int code;
     std::string message;
@@ -40,10 +41,10 @@ struct Logged {
     std::string text;
 };
 
-bool operator==(const Told& a, const Told& b);
+bool operator==(const Notified& a, const Notified& b);
 bool operator==(const Reported& a, const Reported& b);
 bool operator==(const Logged& a, const Logged& b);
-std::ostream& operator<<(std::ostream& out, const Told& told);
+std::ostream& operator<<(std::ostream& out, const Notified& call);
 std::ostream& operator<<(std::ostream& out, const Reported& reported);
 std::ostream& operator<<(std::ostream& out, const Logged& logged);
 
@@ -52,22 +53,22 @@ std::string filled(std::string format, const std::vector<std::string>& texts);
 
 class RecordingListener : public ILiveTrancodingDelegate {
 public:
-    explicit RecordingListener(std::vector<Told>& told) : mTold(told) {}
+    explicit RecordingListener(std::vector<Notified>& notified) : mNotified(notified) {}
 
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override;
     void onStopPublishStreamUrl(int errCode, std::string errMsg) override;
     void onSetLiveMixTranscoding(int errCode, std::string errMsg) override;
     void onStopLiveMixTranscoding(int errCode, std::string errMsg) override;
 
-    std::function<void()> whenTold;  // what the application does inside the call
+    std::function<void()> onCall;  // what the application does inside the call
 
 private:
     void keep(const char* operation, int errCode, std::string errMsg);
 
-    std::vector<Told>& mTold;
+    std::vector<Notified>& mNotified;
 };
 
-// What tells one kind of request from the others, as the stories that hold for all four see it.
+// One kind of request, for the tests that hold for several.
 struct Kind {
     const char* name;
     bool isRelay;
@@ -81,9 +82,9 @@ struct Kind {
     int event;
     const char* sendFunction;
     const char* sendLog;  // the formats of the log lines
-    const char* answerLog;
+    const char* responseLog;
     const char* retrySendLog;
-    const char* retryAnswerLog;
+    const char* retryResponseLog;
 };
 extern const Kind kAddRelay;
 extern const Kind kRemoveRelay;
@@ -125,10 +126,11 @@ protected:
     void givenNoListener() { mListener.reset(); }
     // A request of this kind has been sent, with nothing recorded before it.
     void givenSent(const Kind& kind);
-    // The same, with its first answer retried and the first retry sent.
+    // The same, with its first response retried and the first retry sent.
     void givenRetrySent(const Kind& kind);
+    void clearAllButRequests();
     // Starts the record anew. What was recorded so far is checked for what never may be in it.
-    void forgetTheStorySoFar();
+    void clearRecords();
 
     // ---- records
     static kstmedia::VexaPublishCDNParamInternal relay(const std::string& url = kUrl);
@@ -150,19 +152,23 @@ protected:
     void begin(const Kind& kind);  // the kind's own operation
     void enterRoom(const std::string& roomId = "room7", const std::string& mapKey = kMapKey);
     void reset();
+    // The kind's own operation, and a start of the kind with a missing field; both without running the task.
+    void call(const Kind& kind);
+    void callRefused(const Kind& start);
+    static void stopLoop();  // of the newest adapter
     void run() { VirtualTime::runDue(); }
     void pass(Milliseconds time) { VirtualTime::advance(time); }
-    // Answers the oldest request without an answer, or one of the requests; and then runs all that is due.
-    void answer(int retCode, const std::string& body);
-    void answerOk() { answer(0, kOk); }
-    void answerTo(size_t request, int retCode, const std::string& body);
-    // Answers "try again" and lets the time pass until the retry has been sent.
+    // Responds to the oldest request without an response, or one of the requests; and then runs all that is due.
+    void respond(int retCode, const std::string& body);
+    void respondOk() { respond(0, kOk); }
+    void respondTo(size_t request, int retCode, const std::string& body);
+    // Responds to "try again" and lets the time pass until the retry has been sent.
     void failAndWaitForRetry();
-    // Answers every request with these until none comes any more.
-    void answerAll(int retCode, const std::string& body);
+    // Responds to every request with these until none comes any more.
+    void respondToAll(int retCode, const std::string& body);
 
     // ---- then
-    const std::vector<Told>& told() const { return mTold; }
+    const std::vector<Notified>& notified() const { return mNotified; }
     std::vector<Reported> reports() const;
     std::vector<Logged> log() const;
     const std::vector<FakePlatform::Request>& requests() const { return mPlatform.requests; }
@@ -171,20 +177,23 @@ protected:
     bool hasOpenRequest() const;
     // Of a request since the record began: each request of the process has one more than the one before.
     int eventId(size_t request) const;
-    // One answer in a trace.
-    static std::string tried(int counter, int retCode, const std::string& answer);
+    // One response in a trace.
+    static std::string traceSegment(int counter, int retCode, const std::string& response);
     // When each request was sent, in milliseconds from the one before.
-    std::vector<int64_t> pauses() const;
-    void expectNothingHappens() const;
+    std::vector<int64_t> delays() const;
+    void expectNoEffects() const;
+
+    // Runs once, inside the next digest of a stream id.
+    inline static std::function<void()> onDigest;
 
     FakePlatform& mPlatform = FakePlatform::instance();
     std::vector<std::string> mSecrets{kUserSig, kMapKey};  // what may be seen nowhere but in addresses
-    std::vector<Told> mTold;
-    std::shared_ptr<RecordingListener> mListener = std::make_shared<RecordingListener>(mTold);
+    std::vector<Notified> mNotified;
+    std::shared_ptr<RecordingListener> mListener = std::make_shared<RecordingListener>(mNotified);
     std::shared_ptr<LiveTranscodingAdapter> mAdapter;
 
 private:
-    void checkWhatAlwaysHolds() const;
+    void checkInvariants() const;
     size_t oldestOpenRequest() const;
 };
 

@@ -59,7 +59,7 @@ protected:
     void mixed(const VexaTranscodingConfigInternal& config) {
         startMix(config);
         ASSERT_THAT(requests(), SizeIs(1));
-        answerOk();
+        respondOk();
         ASSERT_THAT(reports(), SizeIs(1));
     }
     std::string reportedDescription() const {
@@ -170,7 +170,7 @@ TEST_F(MixBodyTest, EachOutputFieldIsLeftOutOnItsOwn) {
         {&VexaTranscodingConfigInternal::audioChannels, R"("output_audio_channels":2,)"},
     };
     for (const auto& [field, member] : fields) {
-        forgetTheStorySoFar();
+        clearRecords();
         VexaTranscodingConfigInternal config = mix();
         config.*field = -1;
         std::string settings = kAllSettings;
@@ -223,12 +223,12 @@ TEST_F(MixBodyTest, OnlyStreamTypeTwoIsTheAuxiliaryStream) {
     const std::pair<int, const char*> types[] = {{2, kBobAux},  {0, kBobMain},  {1, kBobMain},
                                                  {3, kBobMain}, {-2, kBobMain}, {7, kBobMain}};
     for (const auto& [type, bobsStream] : types) {
-        forgetTheStorySoFar();
+        clearRecords();
         VexaMixUserInternal bob = user("bob", 1);
         bob.streamType = type;
 
         startMix(mix({bob}));
-        answerOk();
+        respondOk();
 
         EXPECT_EQ(body(0), mixBody(std::string(kCanvas) + "," + fullInput(bobsStream, 2, 0))) << type;
         EXPECT_THAT(reports().at(0).detail, HasSubstr(reportedInput(bobsStream, 2, 0))) << type;
@@ -287,9 +287,9 @@ TEST_F(MixBodyTest, TwoMixesHaveConsecutiveEventIds) {
 
 TEST_F(MixBodyTest, RetryAfterClearSendsZeroesAndNoInputs) {
     startMix();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     mAdapter->clear();
-    forgetTheStorySoFar();
+    clearRecords();
 
     pass(Milliseconds(1000));
 
@@ -302,7 +302,7 @@ TEST_F(MixBodyTest, RetryAfterClearSendsZeroesAndNoInputs) {
 
 TEST_F(MixBodyTest, RetryHasTheIdsOfARelayStartedMeanwhile) {
     startMix(mix({user("bob", 1)}));
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     kstmedia::VexaPublishCDNParamInternal param = relay();
     param.appId = 77;
     param.bizId = 66;
@@ -315,36 +315,47 @@ TEST_F(MixBodyTest, RetryHasTheIdsOfARelayStartedMeanwhile) {
     EXPECT_THAT(body(2), HasSubstr(R"("input_stream_id":"66_b2d700c9449aa7a1002cd7ceaceabdca")"));
 }
 
-// ---- The description is made when the first answer comes ------------------------------------------------------------
+// ---- The description is made when the first response comes
+// ------------------------------------------------------------
 
 TEST_F(MixBodyTest, DescriptionAfterClearIsThatOfAnEmptyMix) {
     startMix();
 
     mAdapter->clear();
-    answerOk();
+    respondOk();
 
     EXPECT_EQ(reportedDescription(), description(1, ""));
 }
 
-TEST_F(MixBodyTest, DescriptionNamesTheUserAndRoomOfTheFirstAnswersTime) {
+TEST_F(MixBodyTest, DescriptionNamesTheUserAndRoomOfTheFirstResponsesTime) {
     startMix(mix({user("bob", 1)}));
     mAdapter->updateUserInfo(kSdkAppId, kUserSig, "carol");
     enterRoom("room9");
 
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     enterRoom("room10");
     pass(Milliseconds(1000));
-    answerOk();
+    respondOk();
 
     const char* const bobInRoom9 = "8888_a3fe5477ad348c0d01c9c65a61dc95be";
     EXPECT_EQ(reportedDescription(),
               description(0, std::string(kReportedCanvas) + "," + reportedInput(bobInRoom9, 2, 0), kCarolInRoom9));
 }
 
+TEST_F(MixBodyTest, DescriptionNamesOneRoomThoughTheWorkerEntersAnotherWhileItIsBuilt) {
+    startMix(mix({user("bob", 1)}));
+    onDigest = [this] { enterRoom("room9"); };
+
+    respondOk();
+
+    EXPECT_EQ(reportedDescription(),
+              description(0, std::string(kReportedCanvas) + "," + reportedInput(kBobMain, 2, 0)));
+}
+
 TEST_F(MixBodyTest, DescriptionShowsTheTasksIndex) {
     startMix();
     startMix();
-    answerTo(1, 0, kOk);
+    respondTo(1, 0, kOk);
 
     EXPECT_THAT(reports().at(0).detail, testing::StartsWith("task_id:2, pureAudioOutputStream:0, stream: {"));
 }

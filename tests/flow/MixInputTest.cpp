@@ -25,22 +25,22 @@ protected:
     }
 
     void expectRefused(const std::vector<VexaMixUserInternal>& users, const std::string& line) {
-        forgetTheStorySoFar();
+        clearRecords();
         startMix(mix(users));
         EXPECT_THAT(log(),
                     ElementsAre(Logged{2, "operator()", "bPureAudio:" + std::string(users.empty() ? "1" : "0")},
                                 Logged{4, "checkMixConfig", line},
                                 Logged{4, "operator()",
                                        "error: checkMixConfig ret invalid cnt:" + std::to_string(users.size())}));
-        EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, "mixUsersArray is invalid"}));
+        EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, "mixUsersArray is invalid"}));
         EXPECT_THAT(requests(), IsEmpty());
     }
 
     void expectAccepted(const std::vector<VexaMixUserInternal>& users) {
-        forgetTheStorySoFar();
+        clearRecords();
         startMix(mix(users));
         EXPECT_THAT(requests(), SizeIs(1));
-        EXPECT_THAT(told(), IsEmpty());
+        EXPECT_THAT(notified(), IsEmpty());
         EXPECT_THAT(log(), Not(Contains(testing::Field(&Logged::level, 4))));
     }
 

@@ -34,9 +34,9 @@ protected:
     static constexpr const char* kBadUsers = "mixUsersArray is invalid";
 
     void expectRefused(const VexaTranscodingConfigInternal& config, const std::string& logged) {
-        forgetTheStorySoFar();
+        clearRecords();
         startMix(config);
-        EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, kInvalid}));
+        EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, kInvalid}));
         EXPECT_THAT(reports(), ElementsAre(Reported{31, config.to_string(), kInvalid}));
         EXPECT_THAT(requests(), IsEmpty());
         ASSERT_THAT(log(), SizeIs(2));
@@ -98,7 +98,7 @@ TEST_F(MixStartTest, PureAudioMixNeedsOnlyTheIds) {
 
     startMix(config);
     EXPECT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
 
     for (const auto& [name, field] : kIds) {
         VexaTranscodingConfigInternal incomplete = config;
@@ -142,7 +142,7 @@ TEST_F(MixStartTest, CallAlwaysReturnsZeroAndDoesNothingItself) {
     EXPECT_EQ(mAdapter->setLiveMixTranscoding(mix({})), 0);
     EXPECT_EQ(mAdapter->setLiveMixTranscoding(incomplete), 0);
 
-    expectNothingHappens();
+    expectNoEffects();
 }
 
 TEST_F(MixStartTest, RefusedParametersAreStoredNowhere) {
@@ -154,7 +154,7 @@ TEST_F(MixStartTest, RefusedParametersAreStoredNowhere) {
     cancelMix();
 
     EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_EQ(told().back().operation, "onStopLiveMixTranscoding");
+    EXPECT_EQ(notified().back().operation, "onStopLiveMixTranscoding");
 }
 
 TEST_F(MixStartTest, RefusalsLeaveAWaitingConfigurationWaiting) {
@@ -169,11 +169,11 @@ TEST_F(MixStartTest, RefusalsLeaveAWaitingConfigurationWaiting) {
 
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_THAT(body(0), HasSubstr(kAliceMain));
-    answerOk();
+    respondOk();
     EXPECT_THAT(reports().back().information, mixText());
 }
 
-TEST_F(MixStartTest, SupersededMixWithMissingNumbersIsStillToldAndReportedWithTheNewestText) {
+TEST_F(MixStartTest, SupersededMixWithMissingNumbersIsStillNotifiedAndReportedWithTheNewestInformation) {
     givenInRoom();
     VexaTranscodingConfigInternal incomplete = mix();
     incomplete.videoWidth = 0;
@@ -182,19 +182,19 @@ TEST_F(MixStartTest, SupersededMixWithMissingNumbersIsStillToldAndReportedWithTh
     mAdapter->setLiveMixTranscoding(mix());
     run();
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, kInvalid}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, kInvalid}));
     EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), kInvalid}));
     EXPECT_THAT(requests(), SizeIs(1));
 }
 
 // ---- Users ----------------------------------------------------------------------------------------------------------
 
-TEST_F(MixStartTest, RefusedUsersAreToldAndThenReported) {
+TEST_F(MixStartTest, RefusedUsersAreNotifiedAndThenReported) {
     givenInRoom();
 
     startMix(mix({}));
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, kBadUsers}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, kBadUsers}));
     EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(""), kBadUsers}));
     EXPECT_THAT(mPlatform.order, ElementsAre("onStartPublishStreamUrl", "report 31"));
     EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "bPureAudio:1"},
@@ -202,9 +202,9 @@ TEST_F(MixStartTest, RefusedUsersAreToldAndThenReported) {
                                    Logged{4, "operator()", "error: checkMixConfig ret invalid cnt:0"}));
 }
 
-TEST_F(MixStartTest, ListenerThatTriesAgainFromARefusalIsSeenInItsReport) {
+TEST_F(MixStartTest, ListenerThatStartsAgainFromARefusalIsVisibleInItsReport) {
     givenInRoom();
-    mListener->whenTold = [this] { mAdapter->setLiveMixTranscoding(mix()); };
+    mListener->onCall = [this] { mAdapter->setLiveMixTranscoding(mix()); };
 
     startMix(mix({}));
 
@@ -223,7 +223,7 @@ TEST_F(MixStartTest, RefusedUsersAreStoredNowhere) {
 
 TEST_F(MixStartTest, RefusalsLeaveTheIdsOfTheRunningMix) {
     givenSent(kStartMix);
-    answerOk();
+    respondOk();
     VexaTranscodingConfigInternal refused = mix({});
     refused.appId = 77;
     refused.bizId = 66;
@@ -242,7 +242,7 @@ TEST_F(MixStartTest, SupersededMixWithBadUsersIsDroppedWithoutACheck) {
     mAdapter->setLiveMixTranscoding(mix());
     run();
 
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_THAT(
         log(),
@@ -268,9 +268,9 @@ TEST_F(MixStartTest, MixIsSentAfterARefusedOne) {
     startMix(mix({}));
 
     startMix();
-    answerOk();
+    respondOk();
 
-    EXPECT_EQ(told().back(), (Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+    EXPECT_EQ(notified().back(), (Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
 }
 
 TEST_F(MixStartTest, ClearBetweenTheCallAndItsTaskChangesNothing) {
@@ -285,7 +285,7 @@ TEST_F(MixStartTest, ClearBetweenTheCallAndItsTaskChangesNothing) {
     EXPECT_THAT(body(0), HasSubstr(R"("output_stream_bitrate":1500)"));
 }
 
-TEST_F(MixStartTest, ConfigurationIsTakenAtTheTimeOfTheCall) {
+TEST_F(MixStartTest, ConfigurationIsCopiedInTheCall) {
     givenInRoom();
     VexaTranscodingConfigInternal changing = mix();
 
@@ -300,7 +300,7 @@ TEST_F(MixStartTest, ConfigurationIsTakenAtTheTimeOfTheCall) {
 
 // ---- Before room entry ----------------------------------------------------------------------------------------------
 
-TEST_F(MixStartTest, MixOutsideTheRoomIsReportedAndNobodyIsTold) {
+TEST_F(MixStartTest, MixOutsideTheRoomIsReportedAndNotNotified) {
     givenUser();
 
     startMix();
@@ -308,22 +308,22 @@ TEST_F(MixStartTest, MixOutsideTheRoomIsReportedAndNobodyIsTold) {
     EXPECT_THAT(log(),
                 ElementsAre(Logged{2, "operator()", "bPureAudio:0"}, Logged{4, "operator()", "not enterRoom status"}));
     EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), "not enterRoom status"}));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(requests(), IsEmpty());
 }
 
 TEST_F(MixStartTest, RoomEntryStartsTheWaitingMixAsANewGeneration) {
     givenUser();
     startMix();
-    forgetTheStorySoFar();
+    clearRecords();
 
     enterRoom();
 
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_EQ(log().back(),
               (Logged{2, "startMixStream", "startMixStream index: 2, retryStartMixCnt:0, jsonStr: " + body(0)}));
-    answerOk();
-    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+    respondOk();
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
     EXPECT_THAT(reports().at(0).detail, testing::StartsWith("task_id:2, "));
 }
 
@@ -331,7 +331,7 @@ TEST_F(MixStartTest, WaitingConfigurationIsStoredUnsortedAndSentSorted) {
     givenUser();
     startMix(mix({user("bob", 3), user("alice", 1)}));
     enterRoom();
-    answerOk();
+    respondOk();
 
     EXPECT_LT(body(0).find(std::string("{\"input_stream_id\":\"") + kAliceMain),
               body(0).find(std::string("{\"input_stream_id\":\"") + kBobMain));
@@ -340,7 +340,7 @@ TEST_F(MixStartTest, WaitingConfigurationIsStoredUnsortedAndSentSorted) {
     EXPECT_NE(information.find("mixUser1:[userId:bob"), std::string::npos);
 }
 
-TEST_F(MixStartTest, WaitingConfigurationIsKeptWhole) {
+TEST_F(MixStartTest, WaitingConfigurationIsStoredWhole) {
     givenUser();
     VexaTranscodingConfigInternal config = mix();
     config.mode = 42;
@@ -355,7 +355,7 @@ TEST_F(MixStartTest, WaitingConfigurationIsKeptWhole) {
     startMix(config);
 
     enterRoom();
-    answerOk();
+    respondOk();
 
     EXPECT_EQ(reports().back().information, config.to_string());
 }
@@ -372,7 +372,7 @@ TEST_F(MixStartTest, NewerMixOutsideTheRoomReplacesTheWaitingOne) {
     EXPECT_THAT(body(0), testing::Not(HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain)));
 }
 
-TEST_F(MixStartTest, WaitingMixThatIsRefusedAtRoomEntryIsTriedAgainAtTheNext) {
+TEST_F(MixStartTest, WaitingMixThatIsRefusedAtRoomEntryIsSentAgainAtTheNext) {
     givenUser();
     startMix();
     mAdapter->clear();
@@ -380,14 +380,14 @@ TEST_F(MixStartTest, WaitingMixThatIsRefusedAtRoomEntryIsTriedAgainAtTheNext) {
     enterRoom();
     enterRoom("room8");
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3324, kInvalid},
-                                    Told{"onStartPublishStreamUrl", -3324, kInvalid}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, kInvalid},
+                                        Notified{"onStartPublishStreamUrl", -3324, kInvalid}));
 }
 
 TEST_F(MixStartTest, MixCalledBehindARoomEntryIsSupersededByTheReissuedOne) {
     givenUser();
     startMix();
-    forgetTheStorySoFar();
+    clearRecords();
 
     mAdapter->updateEnterRoomInfo("room7", kMapKey);
     mAdapter->setLiveMixTranscoding(mix({user("bob", 1)}));
@@ -418,20 +418,21 @@ TEST_F(MixStartTest, WaitingMixSetsTheIdsSoThatACancelIsSent) {
     EXPECT_EQ(request(0).client, kCancelMix.client);
 }
 
-// ---- Sent and answered ----------------------------------------------------------------------------------------------
+// ---- Sent and responded to
+// ----------------------------------------------------------------------------------------------
 
-TEST_F(MixStartTest, SuccessIsToldAndThenReportedWithTheDescription) {
+TEST_F(MixStartTest, SuccessIsNotifiedAndThenReportedWithTheDescription) {
     givenInRoom();
     startMix();
 
-    answerOk();
+    respondOk();
 
     EXPECT_THAT(
         log(),
         ElementsAre(Logged{2, "operator()", "bPureAudio:0"},
                     Logged{2, "startMixStream", "startMixStream index: 1, retryStartMixCnt:0, jsonStr: " + body(0)},
                     Logged{2, "operator()", std::string("startMixStream index: 1, ret: 0, respData: ") + kOk}));
-    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
     ASSERT_THAT(reports(), SizeIs(1));
     EXPECT_EQ(reports()[0].event, 31);
     EXPECT_EQ(reports()[0].information, mixText());
@@ -439,26 +440,26 @@ TEST_F(MixStartTest, SuccessIsToldAndThenReportedWithTheDescription) {
     EXPECT_THAT(mPlatform.order, ElementsAre("request 0", "onSetLiveMixTranscoding", "report 31"));
 }
 
-TEST_F(MixStartTest, ServiceThatIsBusyElevenTimesIsToldAtTheEleventhWithAllAnswersInTheTrace) {
+TEST_F(MixStartTest, ServiceThatIsBusyElevenTimesIsNotifiedAtTheEleventhWithAllResponsesInTheTrace) {
     givenSent(kStartMix);
     const std::string busy = R"({"code":-505,"message":"busy"})";
 
-    answerAll(0, busy);
+    respondToAll(0, busy);
 
     EXPECT_THAT(requests(), SizeIs(11));
-    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", -300505, "busy"}));
-    std::string answers;
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", -300505, "busy"}));
+    std::string segments;
     for (int counter = 10; counter >= 0; --counter) {
-        answers += tried(counter, 0, busy);
+        segments += traceSegment(counter, 0, busy);
     }
     ASSERT_THAT(reports(), SizeIs(1));
-    EXPECT_THAT(reports()[0].detail, EndsWith("\"}" + answers));
+    EXPECT_THAT(reports()[0].detail, EndsWith("\"}" + segments));
 }
 
 TEST_F(MixStartTest, UpdateIsTheSameRequestWithTheNewUsers) {
     givenInRoom();
     startMix();
-    answerOk();
+    respondOk();
 
     startMix(mix({user("alice", 1), user("bob", 2)}));
 
@@ -472,7 +473,7 @@ TEST_F(MixStartTest, InformationKeepsTheCallersOrder) {
     givenInRoom();
     startMix(mix({user("bob", 3), user("alice", 1)}));
 
-    answerOk();
+    respondOk();
 
     EXPECT_EQ(
         reports().at(0).information,
@@ -481,23 +482,23 @@ TEST_F(MixStartTest, InformationKeepsTheCallersOrder) {
                 "streamType:0]"));
 }
 
-TEST_F(MixStartTest, ListenerThatUpdatesFromItsCallIsSeenInTheReport) {
+TEST_F(MixStartTest, ListenerThatUpdatesFromItsCallIsVisibleInTheReport) {
     givenInRoom();
     startMix();
-    mListener->whenTold = [this] { mAdapter->setLiveMixTranscoding(mix({audioUser("bob")})); };
+    mListener->onCall = [this] { mAdapter->setLiveMixTranscoding(mix({audioUser("bob")})); };
 
-    answerOk();
+    respondOk();
 
     EXPECT_EQ(reports().at(0).information, mix({audioUser("bob")}).to_string());
 }
 
-TEST_F(MixStartTest, NewMixDoesNotKeepARetryUnderWayFromTellingTheListener) {
+TEST_F(MixStartTest, NewMixDoesNotKeepARetryUnderWayFromNotifyingTheListener) {
     givenRetrySent(kStartMix);
     startMix(mix({user("bob", 1)}));
 
-    answerTo(1, 0, kOk);
+    respondTo(1, 0, kOk);
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
     ASSERT_THAT(reports(), SizeIs(1));
     EXPECT_THAT(reports()[0].information, HasSubstr("userId:bob"));
     EXPECT_THAT(reports()[0].detail, testing::StartsWith("task_id:1, "));
@@ -506,7 +507,7 @@ TEST_F(MixStartTest, NewMixDoesNotKeepARetryUnderWayFromTellingTheListener) {
 TEST_F(MixStartTest, RetryHasTheUserAndRoomOfItsTime) {
     givenInRoom();
     startMix();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     mAdapter->updateUserInfo(kSdkAppId, kUserSig, "bob");
     run();
 
@@ -517,13 +518,13 @@ TEST_F(MixStartTest, RetryHasTheUserAndRoomOfItsTime) {
     EXPECT_THAT(body(1), HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain));
 }
 
-TEST_F(MixStartTest, RetrysTraceAddsOnlyAnswersToTheDescription) {
+TEST_F(MixStartTest, RetrysTraceAddsOnlyResponsesToTheDescription) {
     givenRetrySent(kStartMix);
 
-    answerOk();
+    respondOk();
 
     const std::string detail = reports().at(0).detail;
     EXPECT_EQ(detail.find("task_id:"), 0u);
     EXPECT_EQ(detail.find("task_id:", 1), std::string::npos);
-    EXPECT_THAT(detail, EndsWith("\"}" + tried(10, 1, "") + tried(9, 0, kOk)));
+    EXPECT_THAT(detail, EndsWith("\"}" + traceSegment(10, 1, "") + traceSegment(9, 0, kOk)));
 }

@@ -33,7 +33,7 @@ protected:
 
 // ---- Refused --------------------------------------------------------------------------------------------------------
 
-TEST_F(RelayStartTest, IncompleteParameterIsToldAndReportedAndNothingIsSent) {
+TEST_F(RelayStartTest, IncompleteParameterIsNotifiedAndReportedAndNothingIsSent) {
     const std::pair<VexaPublishCDNParamInternal, const char*> cases[] = {
         {param(12345, 8888, ""), "appId:12345, bizId:8888"},
         {param(0, 8888, "rtmp://a"), "appId:0, bizId:8888"},
@@ -42,19 +42,19 @@ TEST_F(RelayStartTest, IncompleteParameterIsToldAndReportedAndNothingIsSent) {
     };
     givenInRoom();
     for (const auto& [incomplete, ids] : cases) {
-        forgetTheStorySoFar();
+        clearRecords();
 
         startRelay(incomplete);
 
         EXPECT_THAT(log(),
                     ElementsAre(Logged{4, "operator()", "error: url invalid url = " + incomplete.url + ", " + ids}));
-        EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3323, kInvalid}));
+        EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3323, kInvalid}));
         EXPECT_THAT(reports(), ElementsAre(Reported{30, ids + (", url:" + incomplete.url), kInvalid}));
         EXPECT_THAT(requests(), IsEmpty());
     }
 }
 
-TEST_F(RelayStartTest, RefusalIsToldBeforeItIsReported) {
+TEST_F(RelayStartTest, RefusalIsNotifiedBeforeItIsReported) {
     givenInRoom();
 
     startRelay(relay(""));
@@ -67,7 +67,7 @@ TEST_F(RelayStartTest, RefusalComesOutsideTheRoomToo) {
 
     startRelay(relay(""));
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3323, kInvalid}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3323, kInvalid}));
     EXPECT_THAT(reports(), ElementsAre(Reported{30, "appId:12345, bizId:8888, url:", kInvalid}));
 }
 
@@ -76,7 +76,7 @@ TEST_F(RelayStartTest, NegativeIdsAreAccepted) {
 
     startRelay(param(-1, -2, "rtmp://a"));
 
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(body(0), HasSubstr(R"({"appid":-1,"dest_stream_url":"rtmp://a","domain":"-2.push.test",)"));
 }
 
@@ -88,13 +88,13 @@ TEST_F(RelayStartTest, RefusedParameterChangesNoStoredState) {
     // Nothing counts as started, so a stop is refused.
     stopRelay();
     EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_EQ(told().back().operation, "onStopLiveMixTranscoding");
+    EXPECT_EQ(notified().back().operation, "onStopLiveMixTranscoding");
 }
 
 TEST_F(RelayStartTest, RefusedParameterLeavesTheStoredOneInForce) {
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
 
     startRelay(relay(""));
     pass(Milliseconds(1000));
@@ -114,14 +114,14 @@ TEST_F(RelayStartTest, RefusedParameterLeavesAPendingStartPending) {
     EXPECT_THAT(body(0), HasSubstr(kUrl));
 }
 
-TEST_F(RelayStartTest, SupersededIncompleteStartIsStillToldAndReportedWithTheNewestText) {
+TEST_F(RelayStartTest, SupersededIncompleteStartIsStillNotifiedAndReportedWithTheNewestInformation) {
     givenInRoom();
 
     mAdapter->startPublishStreamUrl(relay(""));
     mAdapter->startPublishStreamUrl(relay());
     run();
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", -3323, kInvalid}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3323, kInvalid}));
     EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, kInvalid}));
     EXPECT_THAT(requests(), SizeIs(1));
     EXPECT_THAT(log(), ElementsAre(Logged{4, "operator()", "error: url invalid url = , appId:12345, bizId:8888"},
@@ -141,7 +141,7 @@ TEST_F(RelayStartTest, OfTwoStartsInQuickSuccessionOnlyTheSecondIsSent) {
     EXPECT_EQ(body(0), relayBody(0, kOtherUrl, 1000));
     EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
     EXPECT_THAT(log(), SizeIs(2));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
@@ -153,13 +153,14 @@ TEST_F(RelayStartTest, SupersededStartStoresNothing) {
     run();
     enterRoom();
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStopLiveMixTranscoding", -3323,
-                                         "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl "
-                                         "before"}));
+    EXPECT_THAT(notified(),
+                ElementsAre(Notified{"onStopLiveMixTranscoding", -3323,
+                                     "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl "
+                                     "before"}));
     EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(RelayStartTest, ParameterIsTakenAtTheTimeOfTheCall) {
+TEST_F(RelayStartTest, ParameterIsCopiedInTheCall) {
     givenInRoom();
     VexaPublishCDNParamInternal changing = relay();
 
@@ -172,21 +173,21 @@ TEST_F(RelayStartTest, ParameterIsTakenAtTheTimeOfTheCall) {
 
 // ---- Before room entry ----------------------------------------------------------------------------------------------
 
-TEST_F(RelayStartTest, StartOutsideTheRoomIsReportedAndNobodyIsTold) {
+TEST_F(RelayStartTest, StartOutsideTheRoomIsReportedAndNotNotified) {
     givenUser();
 
     startRelay();
 
     EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "not enterRoom status"}));
     EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, "not enterRoom status"}));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(requests(), IsEmpty());
 }
 
 TEST_F(RelayStartTest, RoomEntrySendsTheWaitingStartAsANewGeneration) {
     givenUser();
     startRelay();
-    forgetTheStorySoFar();
+    clearRecords();
 
     enterRoom();
 
@@ -194,16 +195,16 @@ TEST_F(RelayStartTest, RoomEntrySendsTheWaitingStartAsANewGeneration) {
     EXPECT_EQ(body(0), relayBody(0, kUrl, 1000));
     EXPECT_THAT(log(), ElementsAre(Logged{2, "addPublishUrlInner",
                                           "addPublishUrlInner index: 2, retryStartCdnCnt:0, jsonStr: " + body(0)}));
-    answerOk();
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, body(0) + tried(10, 0, kOk)}));
+    respondOk();
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, body(0) + traceSegment(10, 0, kOk)}));
 }
 
 TEST_F(RelayStartTest, WaitingStartIsSentOnlyOnce) {
     givenUser();
     startRelay();
     enterRoom();
-    answerOk();
+    respondOk();
 
     enterRoom("room8", "another-key");
 
@@ -221,7 +222,8 @@ TEST_F(RelayStartTest, NewestOfTheWaitingStartsIsSent) {
     EXPECT_THAT(body(0), HasSubstr(kOtherUrl));
 }
 
-// ---- Sent and answered ----------------------------------------------------------------------------------------------
+// ---- Sent and responded to
+// ----------------------------------------------------------------------------------------------
 
 TEST_F(RelayStartTest, StartInTheRoomSendsTheRelaysBody) {
     givenInRoom();
@@ -232,20 +234,20 @@ TEST_F(RelayStartTest, StartInTheRoomSendsTheRelaysBody) {
     EXPECT_EQ(body(0), relayBody(0, kUrl, 1000));
     EXPECT_THAT(log(), ElementsAre(Logged{2, "addPublishUrlInner",
                                           "addPublishUrlInner index: 1, retryStartCdnCnt:0, jsonStr: " + body(0)}));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
-TEST_F(RelayStartTest, SuccessIsToldAndThenReportedWithBodyAndAnswer) {
+TEST_F(RelayStartTest, SuccessIsNotifiedAndThenReportedWithBodyAndResponse) {
     givenInRoom();
     startRelay();
     const std::string sent = body(0);
 
-    answer(0, R"({"code":0,"message":"fine"})");
+    respond(0, R"({"code":0,"message":"fine"})");
 
     EXPECT_EQ(log().back(), (Logged{2, "operator()",
                                     R"(addPublishUrlInner index: 1, ret: 0, respData: {"code":0,"message":"fine"})"}));
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
     EXPECT_THAT(reports(),
                 ElementsAre(Reported{30, kRelayText,
                                      sent + R"( [tryHttp:cnt-10]retCode:0, respData:{"code":0,"message":"fine"})"}));
@@ -258,7 +260,7 @@ TEST_F(RelayStartTest, DestinationOfAnyTextIsSentAsJson) {
     startRelay(relay("rtmp://h/\"q\" \\b\t\n\x01 é中 %d"));
 
     EXPECT_THAT(body(0), HasSubstr(R"("dest_stream_url":"rtmp://h/\"q\" \\b\t\n\u0001 é中 %d",)"));
-    answerOk();
+    respondOk();
     EXPECT_EQ(reports().at(0).information, "appId:12345, bizId:8888, url:rtmp://h/\"q\" \\b\t\n\x01 é中 %d");
 }
 
@@ -267,11 +269,11 @@ TEST_F(RelayStartTest, DestinationOf5000CharactersIsSentAndReportedWhole) {
     givenInRoom();
 
     startRelay(relay(url));
-    answerOk();
+    respondOk();
 
     EXPECT_EQ(body(0), relayBody(0, url, 1000));
     EXPECT_THAT(reports(),
-                ElementsAre(Reported{30, "appId:12345, bizId:8888, url:" + url, body(0) + tried(10, 0, kOk)}));
+                ElementsAre(Reported{30, "appId:12345, bizId:8888, url:" + url, body(0) + traceSegment(10, 0, kOk)}));
 }
 
 TEST_F(RelayStartTest, DestinationThatIsNotUtf8IsSentWithReplacementCharacters) {
@@ -286,42 +288,42 @@ TEST_F(RelayStartTest, SecondStartAfterTheFirstEndedHasTheWholeRetryBudget) {
     givenInRoom();
     startRelay();
     failAndWaitForRetry();
-    answerOk();
-    forgetTheStorySoFar();
+    respondOk();
+    clearRecords();
 
     startRelay();
-    answerAll(kTryAgain, "");
+    respondToAll(kTryAgain, "");
 
     EXPECT_THAT(requests(), SizeIs(11));
 }
 
 // ---- Retried --------------------------------------------------------------------------------------------------------
 
-TEST_F(RelayStartTest, TraceHoldsTheFirstBodyAndOneSegmentForEachAnswer) {
+TEST_F(RelayStartTest, TraceHoldsTheFirstBodyAndOneSegmentForEachResponse) {
     givenInRoom();
     startRelay();
 
     failAndWaitForRetry();
-    answer(0, R"({"code":-1})");
+    respond(0, R"({"code":-1})");
     pass(Milliseconds(1000));
-    answerOk();
+    respondOk();
 
     EXPECT_THAT(reports(),
                 ElementsAre(Reported{30, kRelayText,
                                      body(0) + " [tryHttp:cnt-10]retCode:1, respData:" +
                                          R"( [tryHttp:cnt-9]retCode:0, respData:{"code":-1})" +
                                          R"( [tryHttp:cnt-8]retCode:0, respData:{"code":0,"message":"fine"})"}));
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
 }
 
 TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     startRelay(relay(kOtherUrl));
     pass(Milliseconds(500));
-    answerTo(1, kTryAgain, "");
-    forgetTheStorySoFar();
+    respondTo(1, kTryAgain, "");
+    clearRecords();
 
     pass(Milliseconds(1000));
 
@@ -336,30 +338,30 @@ TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
             Logged{2, "operator()", "retryAddPublishUrlInner index: 2, retryStartCdnCnt:1, jsonStr: " + body(1)}));
 }
 
-TEST_F(RelayStartTest, AnswerOfASupersededRetryIsDropped) {
+TEST_F(RelayStartTest, ResponseOfASupersededRetryIsDropped) {
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     startRelay(relay(kOtherUrl));
-    answerTo(1, 0, kOk);
+    respondTo(1, 0, kOk);
     pass(Milliseconds(1000));
     ASSERT_THAT(requests(), SizeIs(3));
-    mTold.clear();
+    mNotified.clear();
     mPlatform.log.clear();
     mPlatform.reports.clear();
 
-    answerTo(2, 0, kOk);
+    respondTo(2, 0, kOk);
 
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_THAT(log(), IsEmpty());
     EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
 }
 
-TEST_F(RelayStartTest, StopWhileARetryWaitsLetsItSendAndDropsItsAnswer) {
+TEST_F(RelayStartTest, StopWhileARetryWaitsLetsItSendAndDropsItsResponse) {
     givenInRoom();
     startRelay();
-    answer(kTryAgain, "");
+    respond(kTryAgain, "");
     stopRelay();
 
     pass(Milliseconds(1000));
@@ -368,16 +370,16 @@ TEST_F(RelayStartTest, StopWhileARetryWaitsLetsItSendAndDropsItsAnswer) {
     EXPECT_EQ(body(2), relayBody(2, kUrl, 1001));
     // The stop has zeroed the counter.
     EXPECT_EQ(log().back().text, "retryAddPublishUrlInner index: 1, retryStartCdnCnt:10, jsonStr: " + body(2));
-    answerTo(2, 0, kOk);
-    EXPECT_THAT(told(), IsEmpty());
-    answerTo(1, 0, kOk);
-    EXPECT_THAT(told(), ElementsAre(Told{"onStopPublishStreamUrl", 0, "sucess"}));
+    respondTo(2, 0, kOk);
+    EXPECT_THAT(notified(), IsEmpty());
+    respondTo(1, 0, kOk);
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStopPublishStreamUrl", 0, "sucess"}));
     EXPECT_THAT(reports(), SizeIs(1));
 }
 
 // ---- Generations ----------------------------------------------------------------------------------------------------
 
-TEST_F(RelayStartTest, FirstAnswerIsDroppedOnceAnotherRelayOperationWasCalled) {
+TEST_F(RelayStartTest, FirstResponseIsDroppedOnceAnotherRelayOperationWasCalled) {
     const std::function<void()> operations[] = {[this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); },
                                                 [this] { mAdapter->startPublishStreamUrl(relay("")); },
                                                 [this] { mAdapter->stopPublishStreamUrl(); },
@@ -388,12 +390,12 @@ TEST_F(RelayStartTest, FirstAnswerIsDroppedOnceAnotherRelayOperationWasCalled) {
         const size_t superseded = requests().size() - 1;
         mPlatform.log.clear();
         mPlatform.reports.clear();
-        mTold.clear();
+        mNotified.clear();
         operation();  // not run yet: the call alone supersedes
 
-        mPlatform.answer(superseded, kTryAgain, "");
+        mPlatform.respond(superseded, kTryAgain, "");
 
-        EXPECT_THAT(told(), IsEmpty());
+        EXPECT_THAT(notified(), IsEmpty());
         EXPECT_THAT(log(), IsEmpty());
         EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
         run();
@@ -407,27 +409,27 @@ TEST_F(RelayStartTest, MixWorkDoesNotSupersedeARelay) {
     startMix();
     cancelMix();
 
-    answerTo(0, 0, kOk);
+    respondTo(0, 0, kOk);
 
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
 }
 
 // ---- The report's text ----------------------------------------------------------------------------------------------
 
-TEST_F(RelayStartTest, ListenerThatStartsAgainFromItsCallIsSeenInTheReport) {
+TEST_F(RelayStartTest, ListenerThatStartsAgainFromItsCallIsVisibleInTheReport) {
     givenInRoom();
     startRelay();
-    mListener->whenTold = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
+    mListener->onCall = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
 
-    answerOk();
+    respondOk();
 
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, kOtherText, body(0) + tried(10, 0, kOk)}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{30, kOtherText, body(0) + traceSegment(10, 0, kOk)}));
     EXPECT_THAT(requests(), SizeIs(2));
 }
 
-TEST_F(RelayStartTest, ListenerThatStartsAgainFromARefusalIsSeenInTheReport) {
+TEST_F(RelayStartTest, ListenerThatStartsAgainFromARefusalIsVisibleInTheReport) {
     givenInRoom();
-    mListener->whenTold = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
+    mListener->onCall = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
 
     startRelay(relay(""));
 

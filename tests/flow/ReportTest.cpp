@@ -79,7 +79,7 @@ TEST_F(ReportTest, WithoutAnyIdentityItWarnsOnceAndReports) {
     EXPECT_EQ(mPlatform.reports.at(0).roomUser, "_");
 }
 
-TEST_F(ReportTest, EmptyRoomGivesATextThatStartsWithTheUnderscore) {
+TEST_F(ReportTest, EmptyRoomGivesARoomUserThatStartsWithTheUnderscore) {
     givenUser();
 
     startRelay();
@@ -92,7 +92,7 @@ TEST_F(ReportTest, AppIdIsReportedAsItsLow32BitsAndMissingOnlyIfAll64Are0) {
     const std::pair<int64_t, int> cases[] = {
         {int64_t{2147483648}, -2147483647 - 1}, {int64_t{4294967296}, 0}, {int64_t{4294967301}, 5}, {-1, -1}};
     for (const auto& [sdkAppId, reported] : cases) {
-        forgetTheStorySoFar();
+        clearRecords();
         mAdapter->updateUserInfo(sdkAppId, kUserSig, "alice");
 
         startRelay();
@@ -113,9 +113,9 @@ TEST_F(ReportTest, WarningPrintsTheAppIdsLow32Bits) {
 TEST_F(ReportTest, ReportIsATaskOfTheWorker) {
     givenSent(kAddRelay);
 
-    mPlatform.answer(0, 0, kOk);
+    mPlatform.respond(0, 0, kOk);
 
-    EXPECT_THAT(told(), SizeIs(1));
+    EXPECT_THAT(notified(), SizeIs(1));
     EXPECT_THAT(reports(), IsEmpty());
     EXPECT_EQ(VirtualTime::queuedTasks(), 1u);
     run();
@@ -127,7 +127,7 @@ TEST_F(ReportTest, IdentityIsThatOfTheTimeTheReportIsMade) {
     mAdapter->updateUserInfo(77, kUserSig, "bob");
     mAdapter->updateEnterRoomInfo("room9", kMapKey);
 
-    mPlatform.answer(0, 0, kOk);
+    mPlatform.respond(0, 0, kOk);
     mAdapter->updateUserInfo(88, kUserSig, "carol");  // behind the report
     run();
 
@@ -135,13 +135,13 @@ TEST_F(ReportTest, IdentityIsThatOfTheTimeTheReportIsMade) {
     EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room9_bob");
 }
 
-TEST_F(ReportTest, ZeroByteEndsATextOfTheReportAndOfTheLog) {
+TEST_F(ReportTest, ZeroByteEndsAStringOfTheReportAndOfTheLog) {
     mAdapter->updateUserInfo(kSdkAppId, kUserSig, std::string("ali\0ce", 6));
     enterRoom(std::string("ro\0om", 5));
     startRelay(relay(std::string("rtmp://a\0b", 10)));
     EXPECT_THAT(body(0), testing::HasSubstr(R"("dest_stream_url":"rtmp://a\u0000b")"));
 
-    answerAll(0, std::string("no\0json", 7));
+    respondToAll(0, std::string("no\0json", 7));
 
     EXPECT_EQ(mPlatform.reports.at(0).roomUser, "ro");
     EXPECT_EQ(reports()[0].information, "appId:12345, bizId:8888, url:rtmp://a");
@@ -152,13 +152,13 @@ TEST_F(ReportTest, ZeroByteEndsATextOfTheReportAndOfTheLog) {
 TEST_F(ReportTest, EveryKindReportsItsOwnEventAndInformation) {
     givenInRoom();
     startRelay();
-    answerOk();
+    respondOk();
     stopRelay();
-    answerOk();
+    respondOk();
     startMix();
-    answerOk();
+    respondOk();
     cancelMix();
-    answerOk();
+    respondOk();
 
     const std::vector<Reported> all = reports();
     ASSERT_THAT(all, SizeIs(4));
@@ -172,7 +172,7 @@ TEST_F(ReportTest, EveryKindReportsItsOwnEventAndInformation) {
     EXPECT_EQ(all[3].information, body(3));
 }
 
-TEST_F(ReportTest, LongTextsAreReportedWhole) {
+TEST_F(ReportTest, LongStringsAreReportedWhole) {
     givenInRoom();
     std::vector<kstmedia::VexaMixUserInternal> users;
     for (int i = 0; i <= 16; ++i) {
@@ -181,9 +181,9 @@ TEST_F(ReportTest, LongTextsAreReportedWhole) {
     startMix(mix(users));
     const std::string reply = R"({"code":0,"padding":")" + std::string(10000, 'p') + "\"}";
 
-    answer(0, reply);
+    respond(0, reply);
 
     EXPECT_EQ(reports().at(0).information, mix(users).to_string());
     EXPECT_GT(reports()[0].information.size(), 17u * 259);
-    EXPECT_THAT(reports()[0].detail, testing::EndsWith(tried(10, 0, reply)));
+    EXPECT_THAT(reports()[0].detail, testing::EndsWith(traceSegment(10, 0, reply)));
 }

@@ -9,7 +9,7 @@ using ::testing::SizeIs;
 
 class RetryTest : public FlowTest, public ::testing::WithParamInterface<Kind> {
 protected:
-    // What the trace opens with, before any answer.
+    // What the trace opens with, before any response.
     std::string opening() const {
         if (GetParam().client == kAddRelay.client) {
             return body(0);
@@ -25,7 +25,7 @@ protected:
         return "";
     }
 
-    // What the report says of the request's input.
+    // The report's information.
     std::string information() const {
         return !GetParam().isStart ? body(0) : GetParam().isRelay ? kRelayText : mixText();
     }
@@ -40,12 +40,6 @@ protected:
         const Kind& kind = GetParam();
         begin(kind.isRelay ? (kind.isStart ? kRemoveRelay : kAddRelay) : (kind.isStart ? kCancelMix : kStartMix));
     }
-
-    void forgetAllButRequests() {
-        mPlatform.log.clear();
-        mPlatform.reports.clear();
-        mTold.clear();
-    }
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, RetryTest, ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix),
@@ -53,31 +47,31 @@ INSTANTIATE_TEST_SUITE_P(Kinds, RetryTest, ::testing::Values(kAddRelay, kRemoveR
 
 // ---- The schedule ---------------------------------------------------------------------------------------------------
 
-TEST_P(RetryTest, RequestThatFailsElevenTimesEndsWithOneCallAndOneReportOfAllAnswers) {
+TEST_P(RetryTest, RequestThatFailsElevenTimesEndsWithOneCallAndOneReportOfAllResponses) {
     const Kind& kind = GetParam();
     givenSent(kind);
 
     std::string trace = opening();
     for (int counter = 10; counter >= 0; --counter) {
         const std::string reply = "down " + std::to_string(counter);
-        trace += tried(traced(counter), 1, reply);
-        EXPECT_THAT(told(), IsEmpty());
+        trace += traceSegment(traced(counter), 1, reply);
+        EXPECT_THAT(notified(), IsEmpty());
         EXPECT_THAT(reports(), IsEmpty());
-        answer(1, reply);
+        respond(1, reply);
         VirtualTime::runUntilQuiet();
     }
 
-    EXPECT_THAT(pauses(), ElementsAre(1000, 1000, 2000, 2000, 2000, 5000, 5000, 5000, 5000, 5000));
-    EXPECT_THAT(told(),
-                ElementsAre(Told{kind.operation, kind.transportCode, "http post return error\xef\xbc\x8c retcode:1"}));
+    EXPECT_THAT(delays(), ElementsAre(1000, 1000, 2000, 2000, 2000, 5000, 5000, 5000, 5000, 5000));
+    EXPECT_THAT(notified(), ElementsAre(Notified{kind.operation, kind.transportCode,
+                                                 "http post return error\xef\xbc\x8c retcode:1"}));
     EXPECT_THAT(reports(), ElementsAre(Reported{kind.event, information(), trace}));
 }
 
-TEST_P(RetryTest, EveryRetryIsLoggedWithTheTriesMade) {
+TEST_P(RetryTest, EveryRetryIsLoggedWithTheRetriesMade) {
     const Kind& kind = GetParam();
     givenSent(kind);
 
-    answerAll(1, "");
+    respondToAll(1, "");
 
     std::vector<std::string> sends;
     for (const Logged& line : log()) {
@@ -93,10 +87,10 @@ TEST_P(RetryTest, EveryRetryIsLoggedWithTheTriesMade) {
     }
 }
 
-TEST_P(RetryTest, RetryIsSentWhenItsPauseIsOverAndNotBefore) {
+TEST_P(RetryTest, RetryIsSentWhenItsDelayIsOverAndNotBefore) {
     givenSent(GetParam());
 
-    answer(1, "");
+    respond(1, "");
 
     pass(Milliseconds(999));
     EXPECT_THAT(requests(), SizeIs(1));
@@ -104,84 +98,84 @@ TEST_P(RetryTest, RetryIsSentWhenItsPauseIsOverAndNotBefore) {
     EXPECT_THAT(requests(), SizeIs(2));
 }
 
-TEST_P(RetryTest, AnswerThatIsRetriedPostsOneDelayedTaskAndNothingElse) {
+TEST_P(RetryTest, ResponseThatIsRetriedPostsOneDelayedTaskAndNothingElse) {
     givenSent(GetParam());
 
-    mPlatform.answer(0, 1, "");
+    mPlatform.respond(0, 1, "");
 
     EXPECT_EQ(VirtualTime::delayedTasks(), 1u);
     EXPECT_EQ(VirtualTime::queuedTasks(), 0u);
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
 }
 
-TEST_P(RetryTest, LastOfElevenAnswersMaySucceed) {
+TEST_P(RetryTest, LastOfElevenResponsesMaySucceed) {
     givenSent(GetParam());
     for (int i = 0; i < 10; ++i) {
         failAndWaitForRetry();
     }
 
-    answerOk();
+    respondOk();
 
     EXPECT_THAT(requests(), SizeIs(11));
-    EXPECT_THAT(told(), ElementsAre(Told{GetParam().operation, 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{GetParam().operation, 0, "sucess"}));
     ASSERT_THAT(reports(), SizeIs(1));
-    EXPECT_THAT(reports()[0].detail, HasSubstr(tried(traced(0), 0, kOk)));
+    EXPECT_THAT(reports()[0].detail, HasSubstr(traceSegment(traced(0), 0, kOk)));
 }
 
-TEST_P(RetryTest, SuccessAfterTwoRetriesReportsThreeAnswersOnce) {
+TEST_P(RetryTest, SuccessAfterTwoRetriesReportsThreeResponsesOnce) {
     givenSent(GetParam());
 
     failAndWaitForRetry();
     failAndWaitForRetry();
-    answerOk();
+    respondOk();
 
     EXPECT_THAT(reports(), ElementsAre(Reported{GetParam().event, information(),
-                                                opening() + tried(traced(10), 1, "") + tried(traced(9), 1, "") +
-                                                    tried(traced(8), 0, kOk)}));
+                                                opening() + traceSegment(traced(10), 1, "") +
+                                                    traceSegment(traced(9), 1, "") + traceSegment(traced(8), 0, kOk)}));
 }
 
 TEST_P(RetryTest, NextRequestOfTheKindHasTheWholeBudgetAgain) {
     givenSent(GetParam());
-    answerAll(1, "");
-    forgetTheStorySoFar();
+    respondToAll(1, "");
+    clearRecords();
 
     begin(GetParam());
-    answerAll(1, "");
+    respondToAll(1, "");
 
     EXPECT_THAT(requests(), SizeIs(11));
 }
 
 // ---- Superseded -----------------------------------------------------------------------------------------------------
 
-TEST_P(RetryTest, FirstAnswerOfSupersededWorkIsDroppedSilently) {
+TEST_P(RetryTest, FirstResponseOfSupersededWorkIsDroppedSilently) {
     givenSent(GetParam());
     supersedeByTheOther();
-    forgetAllButRequests();
+    clearAllButRequests();
 
-    answerTo(0, 1, "");
+    respondTo(0, 1, "");
     EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
     EXPECT_THAT(log(), IsEmpty());
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
-TEST_P(RetryTest, FirstAnswerIsDroppedWhenTheSameOperationWasCalledAgain) {
+TEST_P(RetryTest, FirstResponseIsDroppedWhenTheSameOperationWasCalledAgain) {
     givenSent(GetParam());
     supersedeByTheSame();
-    forgetAllButRequests();
+    clearAllButRequests();
 
-    answerTo(0, 0, kOk);
+    respondTo(0, 0, kOk);
 
     EXPECT_THAT(log(), IsEmpty());
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_P(RetryTest, WaitingRetryOfSupersededWorkIsSentForARelayStartAndDroppedSilentlyElse) {
     givenSent(GetParam());
-    answer(1, "");
+    respond(1, "");
     supersedeByTheOther();
-    forgetAllButRequests();
+    clearAllButRequests();
     const size_t before = requests().size();
 
     pass(Milliseconds(1000));
@@ -189,15 +183,15 @@ TEST_P(RetryTest, WaitingRetryOfSupersededWorkIsSentForARelayStartAndDroppedSile
     EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
     EXPECT_THAT(requests(), SizeIs(before + (isAddRelay() ? 1 : 0)));
     EXPECT_THAT(log(), SizeIs(isAddRelay() ? 1 : 0));
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_P(RetryTest, WaitingRetryIsTreatedTheSameWhenTheSameOperationWasCalledAgain) {
     givenSent(GetParam());
-    answer(1, "");
+    respond(1, "");
     supersedeByTheSame();
-    forgetAllButRequests();
+    clearAllButRequests();
     const size_t before = requests().size();
 
     pass(Milliseconds(1000));
@@ -205,74 +199,97 @@ TEST_P(RetryTest, WaitingRetryIsTreatedTheSameWhenTheSameOperationWasCalledAgain
     EXPECT_THAT(requests(), SizeIs(before + (isAddRelay() ? 1 : 0)));
 }
 
-TEST_P(RetryTest, RetrysAnswerOfSupersededWorkIsDroppedForARelayStartAndToldAndReportedElse) {
+TEST_P(RetryTest, RetrysResponseOfSupersededWorkIsDroppedForARelayStartAndNotifiedAndReportedElse) {
     const Kind& kind = GetParam();
     givenRetrySent(kind);
     supersedeByTheOther();
-    forgetAllButRequests();
+    clearAllButRequests();
 
-    answerTo(1, 0, kOk);
+    respondTo(1, 0, kOk);
 
     if (isAddRelay()) {
-        EXPECT_THAT(told(), IsEmpty());
+        EXPECT_THAT(notified(), IsEmpty());
         EXPECT_THAT(reports(), IsEmpty());
         EXPECT_THAT(log(), IsEmpty());
     } else {
-        EXPECT_THAT(told(), ElementsAre(Told{kind.operation, 0, "sucess"}));
+        EXPECT_THAT(notified(), ElementsAre(Notified{kind.operation, 0, "sucess"}));
         EXPECT_THAT(reports(), SizeIs(1));
         EXPECT_THAT(log(), SizeIs(1));
     }
 }
 
-TEST_P(RetryTest, OtherOperationOfTheFamilyLeavesASupersededRetryNoFurtherTry) {
+TEST_P(RetryTest, OtherOperationOfTheFamilyLeavesASupersededRetryNoFurtherRetry) {
     const Kind& kind = GetParam();
     givenRetrySent(kind);
     supersedeByTheOther();
-    forgetAllButRequests();
+    clearAllButRequests();
 
-    answerTo(1, 1, "");
+    respondTo(1, 1, "");
 
     EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
     if (!isAddRelay()) {
-        EXPECT_THAT(told(), ElementsAre(Told{kind.operation, kind.transportCode,
-                                             "http post return error\xef\xbc\x8c retcode:1"}));
+        EXPECT_THAT(notified(), ElementsAre(Notified{kind.operation, kind.transportCode,
+                                                     "http post return error\xef\xbc\x8c retcode:1"}));
         EXPECT_THAT(reports(), SizeIs(1));
     }
 }
 
-TEST_P(RetryTest, SupersededRetryMayTakeATryOfTheNewRequestAndItsTaskIsThenDropped) {
+TEST_P(RetryTest, SupersededRetryMayUseARetryOfTheNewRequestAndItsTaskIsThenDropped) {
     givenRetrySent(GetParam());
     supersedeByTheSame();  // sends, so the counter is 10 again
-    forgetAllButRequests();
+    clearAllButRequests();
     const size_t before = requests().size();
 
-    answerTo(1, 1, "");
+    respondTo(1, 1, "");
 
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_EQ(VirtualTime::delayedTasks(), isAddRelay() ? 0u : 1u);
     VirtualTime::runUntilQuiet();
     EXPECT_THAT(requests(), SizeIs(before));
     // One try fewer is left to the new request.
-    answerAll(1, "");
+    respondToAll(1, "");
     EXPECT_THAT(requests(), SizeIs(before + (isAddRelay() ? 10 : 9)));
 }
 
-TEST_P(RetryTest, ResetDropsTheFirstAnswer) {
+// The call itself zeroes both counters of the family, before its task runs.
+TEST_P(RetryTest, CallOfEitherOperationOrResetLeavesNoRetryToARetryUnderWay) {
+    const Kind& kind = GetParam();
+    const Kind& other = kind.isRelay   ? (kind.isStart ? kRemoveRelay : kAddRelay)
+                        : kind.isStart ? kCancelMix
+                                       : kStartMix;
+    const std::function<void()> operations[] = {[&] { call(kind); }, [&] { call(other); },
+                                                [this] { mAdapter->resetInfo(); }};
+    for (const auto& operation : operations) {
+        clearRecords();
+        reset();
+        clearRecords();
+        givenRetrySent(kind);
+        operation();
+
+        mPlatform.respond(1, 1, "");
+
+        EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+        EXPECT_THAT(notified(), SizeIs(isAddRelay() ? 0 : 1));
+        run();
+    }
+}
+
+TEST_P(RetryTest, ResetDropsTheFirstResponse) {
     givenSent(GetParam());
     reset();
-    forgetAllButRequests();
+    clearAllButRequests();
 
-    answerTo(0, 1, "");
+    respondTo(0, 1, "");
 
     EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
     EXPECT_THAT(log(), IsEmpty());
-    EXPECT_THAT(told(), IsEmpty());
+    EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_P(RetryTest, ResetStopsAWaitingRetryUnlessItIsARelayStarts) {
     givenSent(GetParam());
-    answer(1, "");
+    respond(1, "");
     reset();
 
     pass(Milliseconds(1000));
@@ -280,27 +297,10 @@ TEST_P(RetryTest, ResetStopsAWaitingRetryUnlessItIsARelayStarts) {
     EXPECT_THAT(requests(), SizeIs(isAddRelay() ? 2 : 1));
 }
 
-TEST_P(RetryTest, ResetLeavesNoTryToARetryUnderWay) {
-    const Kind& kind = GetParam();
-    givenRetrySent(kind);
-    reset();
-    forgetAllButRequests();
-
-    answerTo(1, 1, "");
-
-    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-    if (isAddRelay()) {
-        EXPECT_THAT(told(), IsEmpty());
-    } else {
-        EXPECT_THAT(told(), ElementsAre(Told{kind.operation, kind.transportCode,
-                                             "http post return error\xef\xbc\x8c retcode:1"}));
-    }
-}
-
 TEST_P(RetryTest, WorkOfTheOtherFamilyChangesNothing) {
     const Kind& kind = GetParam();
     givenSent(kind);
-    answer(1, "");
+    respond(1, "");
 
     begin(kind.isRelay ? kStartMix : kAddRelay);
     begin(kind.isRelay ? kCancelMix : kRemoveRelay);
@@ -308,8 +308,8 @@ TEST_P(RetryTest, WorkOfTheOtherFamilyChangesNothing) {
 
     ASSERT_THAT(requests(), SizeIs(4));
     EXPECT_EQ(request(3).client, kind.client);
-    answerTo(3, 0, kOk);
-    EXPECT_EQ(told().back(), (Told{kind.operation, 0, "sucess"}));
+    respondTo(3, 0, kOk);
+    EXPECT_EQ(notified().back(), (Notified{kind.operation, 0, "sucess"}));
 }
 
 // ---- Several at once ------------------------------------------------------------------------------------------------
@@ -321,19 +321,20 @@ TEST_F(TwoFamiliesTest, RelayAndMixAreRetriedEachOnItsOwnBudgetAndSchedule) {
     startRelay();
     startMix();
 
-    answerTo(0, 1, "");
+    respondTo(0, 1, "");
     pass(Milliseconds(1000));  // request 2: relay, second try
-    answerTo(2, 1, "");
+    respondTo(2, 1, "");
     pass(Milliseconds(1000));  // request 3: relay, third try
-    answerTo(1, 1, "");
+    respondTo(1, 1, "");
     pass(Milliseconds(1000));  // request 4: mix, second try
-    answerTo(3, 0, kOk);
-    answerTo(4, 0, kOk);
+    respondTo(3, 0, kOk);
+    respondTo(4, 0, kOk);
 
-    EXPECT_THAT(pauses(), ElementsAre(0, 1000, 1000, 1000));
-    EXPECT_THAT(told(), ElementsAre(Told{"onStartPublishStreamUrl", 0, "sucess"},
-                                    Told{"onSetLiveMixTranscoding", 0, "sucess"}));
+    EXPECT_THAT(delays(), ElementsAre(0, 1000, 1000, 1000));
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"},
+                                        Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
     ASSERT_THAT(reports(), SizeIs(2));
-    EXPECT_THAT(reports()[0].detail, testing::EndsWith(tried(10, 1, "") + tried(9, 1, "") + tried(8, 0, kOk)));
-    EXPECT_THAT(reports()[1].detail, testing::EndsWith(tried(10, 1, "") + tried(9, 0, kOk)));
+    EXPECT_THAT(reports()[0].detail,
+                testing::EndsWith(traceSegment(10, 1, "") + traceSegment(9, 1, "") + traceSegment(8, 0, kOk)));
+    EXPECT_THAT(reports()[1].detail, testing::EndsWith(traceSegment(10, 1, "") + traceSegment(9, 0, kOk)));
 }

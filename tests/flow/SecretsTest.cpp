@@ -7,35 +7,35 @@ using ::testing::HasSubstr;
 
 class SecretsTest : public FlowTest {};
 
-// What was logged, reported, told and sent as a body is checked for the secrets at the end of every test.
-TEST_F(SecretsTest, BusyStoryKeepsTheSecrets) {
+// What was logged, reported, notified and sent as a body is checked for the secrets at the end of every test.
+TEST_F(SecretsTest, SecretsAppearOnlyInAddresses) {
     mAdapter->updateUserInfo(0, kUserSig, "");
     startRelay();
     startMix();
     givenInRoom();
-    answerTo(0, 1, "");
-    answerTo(1, 0, "");
+    respondTo(0, 1, "");
+    respondTo(1, 0, "");
     VirtualTime::runUntilQuiet();
-    answerAll(0, "not json");
+    respondToAll(0, "not json");
     stopRelay();
-    answerAll(1, "");
+    respondToAll(1, "");
     cancelMix();
-    answerAll(404, R"({"transportError":"refused"})");
+    respondToAll(404, R"({"transportError":"refused"})");
     startRelay(relay(""));
     startMix(mix({}));
     startMix(mix({user("bob", 99)}));
     mAdapter->startPublishStreamUrl(relay());
     mAdapter->startPublishStreamUrl(relay("rtmp://cdn.test/\"other\""));
     run();
-    answerAll(0, R"({"code":505,"message":"busy"})");
+    respondToAll(0, R"({"code":505,"message":"busy"})");
     reset();
     startMix(mix({audioUser("bob")}));
     cancelMix();
-    answerAll(0, R"({"ErrorCode":-1,"ErrorInfo":"down"})");
+    respondToAll(0, R"({"ErrorCode":-1,"ErrorInfo":"down"})");
 
     EXPECT_GT(mPlatform.log.size(), 50u);
     EXPECT_GT(mPlatform.reports.size(), 8u);
-    EXPECT_GT(told().size(), 8u);
+    EXPECT_GT(notified().size(), 8u);
     EXPECT_THAT(requests(), Each(testing::Field(&FakePlatform::Request::url, HasSubstr(kUserSig))));
     EXPECT_THAT(requests(), Each(testing::Field(&FakePlatform::Request::url, HasSubstr(kMapKey))));
 }

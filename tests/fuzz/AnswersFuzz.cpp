@@ -246,7 +246,7 @@ private:
             return false;
         }
         expectAfterAnswer(mSent[*request], retCode, body);
-        mPlatform.answer(*request, retCode, body);
+        mPlatform.respond(*request, retCode, body);
         VirtualTime::runDue();
         compare();
         return true;

@@ -304,7 +304,7 @@ private:
     }
 
     void requireReport(const std::string& text) {
-        mPlatform.answer(0, 0, R"({"code":0})");
+        mPlatform.respond(0, 0, R"({"code":0})");
         requireRefusal(text);
         mPlatform.requests.clear();
     }

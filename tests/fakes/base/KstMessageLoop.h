@@ -1,7 +1,7 @@
 // The worker loop in virtual time: the same face as the real one, without a thread and without waiting.
 //
 // For tests only: a target that puts tests/fakes before src on its include path runs the adapter on this loop. Tasks
-// run when the test says so, through VirtualTime (VirtualTime.h), one at a time on the test's thread and never inside
+// run when the test runs them, through VirtualTime (VirtualTime.h), one at a time on the test's thread and never inside
 // the call that posts. There is one clock for all loops of the process. Not for several threads.
 
 #ifndef VEXALIVE_FAKES_BASE_KST_MESSAGE_LOOP_H
@@ -88,8 +88,8 @@ private:
 
     // Never destroyed, so that loops may outlive the statics of a test.
     static World& world() {
-        static World& theOne = *new World();
-        return theOne;
+        static World& instance = *new World();
+        return instance;
     }
 
     template <class F>

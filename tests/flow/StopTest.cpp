@@ -1,0 +1,316 @@
+// Stopping the relay and ending a mix.
+
+#include "FlowTest.h"
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class StopTest : public FlowTest, public ::testing::WithParamInterface<Kind> {
+protected:
+    const Kind& kind() const { return GetParam(); }
+    const Kind& start() const { return kind().isRelay ? kAddRelay : kStartMix; }
+    const Kind& startOfTheOtherFamily() const { return kind().isRelay ? kStartMix : kAddRelay; }
+
+    std::string refusal() const {
+        return kind().isRelay ? "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"
+                              : "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before";
+    }
+    Notified refused() const { return {"onStopLiveMixTranscoding", kind().unreadableCode, refusal()}; }
+    Notified succeeded() const { return {kind().operation, 0, "sucess"}; }
+
+    std::string stopBody(size_t number, int timestamp, const std::string& ownStream = kAliceMain) {
+        const std::string head =
+            R"({"appid":12345,"domain":"8888.push.test","event_id":)" + std::to_string(eventId(number));
+        const std::string tail = R"(","timestamp":)" + std::to_string(timestamp) + "}";
+        if (kind().isRelay) {
+            return head + R"(,"interface":"remove_relay_stream_url","path":"live","stream_id":")" + ownStream + tail;
+        }
+        return head + R"(,"input_stream_list":[{"input_stream_id":")" + ownStream +
+               R"(","layout_params":{"image_layer":1}}],"interface":"set_live_mix_transcoding",)"
+               R"("output_param":{"output_stream_id":")" +
+               ownStream + R"("},"path":"live","session_id":")" + ownStream + tail;
+    }
+
+    // The counter in a trace segment: a relay stop shows that of the start.
+    std::string segment(int ownCounter, int startCounter, int retCode, const std::string& response) const {
+        return traceSegment(kind().isRelay ? startCounter : ownCounter, retCode, response);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, StopTest, ::testing::Values(kRemoveRelay, kCancelMix), nameOfKind);
+
+// ---- Refused --------------------------------------------------------------------------------------------------------
+
+TEST_P(StopTest, StopBeforeAnyStartIsRefusedThroughTheMixCancelOperation) {
+    givenInRoom();
+
+    begin(kind());
+
+    EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", refusal()}));
+    EXPECT_THAT(notified(), ElementsAre(refused()));
+    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_P(StopTest, RefusalWithoutAListenerIsOnlyLogged) {
+    givenNoListener();
+
+    begin(kind());
+
+    EXPECT_THAT(log(), SizeIs(1));
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_P(StopTest, SupersededStopIsNotRefused) {
+    givenInRoom();
+
+    call(kind());
+    call(kind());
+    run();
+
+    EXPECT_THAT(log(),
+                ElementsAre(Logged{2, "operator()", "index:1, cdnTaskIndex:2"}, Logged{2, "operator()", refusal()}));
+    EXPECT_THAT(notified(), SizeIs(1));
+}
+
+TEST_P(StopTest, StopRightAfterAStartWhoseTaskHasNotRunIsRefused) {
+    givenUser();
+
+    call(start());
+    call(kind());
+    run();
+    enterRoom();
+
+    EXPECT_THAT(notified(), ElementsAre(refused()));
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+// ---- Sent -----------------------------------------------------------------------------------------------------------
+
+TEST_P(StopTest, StopAfterAStartSendsItsBody) {
+    givenSent(kind());
+
+    EXPECT_EQ(body(0), stopBody(0, 1000));
+    EXPECT_THAT(log(), ElementsAre(Logged{2, kind().sendFunction, filled(kind().sendLog, {"2", "0", body(0)})}));
+    EXPECT_THAT(notified(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_P(StopTest, SuccessIsNotifiedAndThenReportedWithTheBodyAsInformation) {
+    givenSent(kind());
+
+    respondOk();
+
+    EXPECT_THAT(notified(), ElementsAre(succeeded()));
+    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 0, kOk)}));
+    EXPECT_THAT(mPlatform.order, ElementsAre("request 0", kind().operation, "report " + std::to_string(kind().event)));
+}
+
+TEST_P(StopTest, StopNeedsNoRoom) {
+    givenSent(start());
+    respondOk();
+    reset();
+    clearRecords();
+
+    begin(kind());
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(body(0), stopBody(0, 1000));
+}
+
+TEST_P(StopTest, StopDropsAStartThatWaitsForTheRoomAndIsSentSinceTheIdsAreSet) {
+    givenUser();
+    begin(start());
+
+    begin(kind());
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(request(0).client, kind().client);
+    clearRecords();
+
+    enterRoom();
+    expectNoEffects();
+}
+
+TEST_P(StopTest, StartOfTheOtherFamilyKeepsWaitingForTheRoom) {
+    givenUser();
+    begin(startOfTheOtherFamily());
+
+    begin(kind());
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(2));
+    EXPECT_EQ(request(1).client, startOfTheOtherFamily().client);
+}
+
+TEST_P(StopTest, SupersededStopDoesNotDropAWaitingStart) {
+    givenUser();
+    begin(start());
+
+    call(kind());
+    callRefused(start());
+    run();
+    enterRoom();
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(request(0).client, start().client);
+}
+
+TEST_P(StopTest, StopAfterOnlyAStartOfTheOtherFamilyIsSentWithItsIds) {
+    givenInRoom();
+    kstmedia::VexaPublishCDNParamInternal param = relay();
+    kstmedia::VexaTranscodingConfigInternal config = mix();
+    param.appId = config.appId = 77;
+    param.bizId = config.bizId = 66;
+    kind().isRelay ? startMix(config) : startRelay(param);
+    clearRecords();
+
+    begin(kind());
+
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(request(0).client, kind().client);
+    EXPECT_THAT(body(0), HasSubstr(R"({"appid":77,"domain":"66.push.test",)"));
+}
+
+TEST_P(StopTest, IdsRemainSoThatTheNextStopsOfBothFamiliesAreSent) {
+    givenSent(kind());
+    respondOk();
+
+    begin(kRemoveRelay);
+    begin(kCancelMix);
+
+    ASSERT_THAT(requests(), SizeIs(3));
+    EXPECT_THAT(body(1), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
+    EXPECT_THAT(body(2), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
+}
+
+TEST_P(StopTest, OfTwoStopsInQuickSuccessionOneIsSent) {
+    givenInRoom();
+    begin(start());
+    clearRecords();
+
+    call(kind());
+    call(kind());
+    run();
+
+    EXPECT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+    EXPECT_THAT(log(), SizeIs(2));
+    EXPECT_THAT(notified(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_P(StopTest, StopSupersedesAStartUnderWay) {
+    givenInRoom();
+    begin(start());
+
+    begin(kind());
+    respondTo(0, 0, kOk);
+    respondTo(1, 0, kOk);
+
+    EXPECT_THAT(notified(), ElementsAre(succeeded()));
+}
+
+TEST_P(StopTest, StopCalledBehindARoomEntryIsSupersededByTheReissuedStart) {
+    givenUser();
+    begin(start());
+    clearRecords();
+
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    call(kind());
+    run();
+
+    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+    ASSERT_THAT(requests(), SizeIs(1));
+    EXPECT_EQ(request(0).client, start().client);
+}
+
+// ---- Trace and information ------------------------------------------------------------------------------------------
+
+TEST_P(StopTest, RetryNamesTheUserOfItsTimeWhileTheInformationIsTheFirstBody) {
+    givenSent(kind());
+    mAdapter->updateUserInfo(kSdkAppId, kUserSig, "bob");
+    run();
+
+    failAndWaitForRetry();
+    respondOk();
+
+    EXPECT_EQ(body(0), stopBody(0, 1000));
+    EXPECT_EQ(body(1), stopBody(1, 1001, kBobMain));
+    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 1, "") + segment(9, 0, 0, kOk)}));
+    EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room7_bob");
+}
+
+TEST_P(StopTest, TraceShowsTheCounterOfTheRelayStartOrOfTheCancelItself) {
+    givenRetrySent(kind());
+    begin(start());  // sets its own counter to 10 and zeroes that of the stop
+
+    respondTo(1, 0, kOk);
+
+    EXPECT_THAT(reports().at(0).detail, EndsWith(segment(10, 0, 1, "") + segment(0, 10, 0, kOk)));
+}
+
+TEST_P(StopTest, RetrysResponseAfterANewerStopIsReportedWithTheNewersBodyAndCounter) {
+    givenRetrySent(kind());
+    begin(kind());
+
+    respondTo(1, 0, kOk);
+
+    ASSERT_THAT(requests(), SizeIs(3));
+    EXPECT_THAT(notified(), ElementsAre(succeeded()));
+    EXPECT_THAT(reports(),
+                ElementsAre(Reported{kind().event, body(2), segment(10, 0, 1, "") + segment(10, 0, 0, kOk)}));
+}
+
+// The response to a retry of an older stop arrives while the send of the newer one is logged.
+TEST_P(StopTest, InformationIsStoredBeforeTheSendIsLoggedForARelayAndAfterItForAMix) {
+    givenRetrySent(kind());
+    const std::string older = body(0);
+    mPlatform.onLog = [this](const FakePlatform::LogLine& line) {
+        if (line.function == kind().sendFunction) {
+            mPlatform.respond(1, 0, kOk);
+        }
+    };
+
+    begin(kind());
+
+    ASSERT_THAT(requests(), SizeIs(3));
+    EXPECT_EQ(reports().at(0).information, kind().isRelay ? body(2) : older);
+}
+
+TEST_P(StopTest, StartIssuedWhileARetrysResponseIsHandledLeavesItNotifiedAndReported) {
+    givenRetrySent(kind());
+    mListener->onCall = [this] { call(start()); };
+
+    respondOk();
+
+    EXPECT_THAT(notified(), ElementsAre(succeeded()));
+    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 1, "") + segment(9, 0, 0, kOk)}));
+    EXPECT_EQ(request(2).client, start().client);
+}
+
+TEST_P(StopTest, ListenerThatStopsAgainChangesTheInformationOnlyOnceTheStopIsSent) {
+    givenSent(kind());
+    mListener->onCall = [this] { call(kind()); };
+
+    respondOk();
+
+    // The stop's task stores its body. It runs after the report's information was read.
+    EXPECT_EQ(reports().at(0).information, body(0));
+    EXPECT_THAT(requests(), SizeIs(2));
+}
+
+class MixCancelTest : public FlowTest {};
+
+TEST_F(MixCancelTest, CancelLeavesTheInformationOfAMixRetryUnderWay) {
+    givenRetrySent(kStartMix);
+
+    cancelMix();
+    respondTo(1, 0, kOk);
+
+    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
+    ASSERT_THAT(reports(), SizeIs(1));
+    EXPECT_EQ(reports()[0].information, mixText());
+}
