@@ -21,6 +21,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/Descriptor.h"
+
 namespace vexalive {
 
 namespace {
@@ -29,7 +31,7 @@ constexpr long kSecondsPerDay = 86'400;
 constexpr int kAuthorityDays = 3650;
 constexpr int kServerDays = 365;
 constexpr int kRenewalDays = 30;
-constexpr size_t kLargestFile = size_t{64} << 10;
+constexpr size_t kMaxFileBytes = size_t{64} << 10;
 
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
@@ -39,7 +41,7 @@ struct Pair {
     Key key{nullptr, &EVP_PKEY_free};
 };
 
-// Every failure in this file; its text goes to the user.
+// Carries the message for the user out of the functions of this file; prepareCertificates() returns it.
 class Failure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -48,38 +50,25 @@ class Failure : public std::runtime_error {
     throw Failure("cannot " + action + " " + path + ": " + std::generic_category().message(error));
 }
 
-// OpenSSL's functions fail only for want of memory or randomness here.
+// Checks the result of an OpenSSL function, which fails here only without memory or randomness.
 template <class T>
-T* made(T* object) {
+T* checked(T* object) {
     if (!object) {
         ERR_clear_error();
-        throw Failure("cannot make a certificate: the cryptographic library refused");
+        throw Failure("cannot make a certificate: the cryptographic library failed");
     }
     return object;
 }
 
-void done(int result) {
-    made(result == 1 ? &result : nullptr);
+void checkDone(int result) {
+    checked(result == 1 ? &result : nullptr);
 }
 
 // ---- Files ----------------------------------------------------------------------------------------------------------
 
-class File {
-public:
-    File(const std::string& path, int flags, mode_t mode)
-        : mDescriptor(::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode)) {}
-    ~File() {
-        if (mDescriptor >= 0) {
-            ::close(mDescriptor);
-        }
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    int descriptor() const { return mDescriptor; }
-
-private:
-    int mDescriptor;
-};
+Descriptor openFile(const std::string& path, int flags, mode_t mode) {
+    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode));
+}
 
 void makeFolder(const std::string& folder) {
     for (size_t end = folder.find('/', 1);; end = folder.find('/', end + 1)) {
@@ -108,19 +97,19 @@ bool exists(const std::string& path) {
 enum class Secrecy { kPublic, kSecret };
 
 std::string readFile(const std::string& path, Secrecy secrecy) {
-    const File file(path, O_RDONLY, 0);
+    const Descriptor file = openFile(path, O_RDONLY, 0);
     struct stat status {};
-    if (file.descriptor() < 0 || ::fstat(file.descriptor(), &status) != 0) {
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
         failOnFile("read", path, errno);
     }
     if (secrecy == Secrecy::kSecret && (status.st_mode & 077) != 0) {
         throw Failure(path + " can be read by others than its owner: make it private (chmod 600), or remove it and " +
                       "ca.pem to have a new authority made");
     }
-    std::string content(kLargestFile, '\0');
+    std::string content(kMaxFileBytes, '\0');
     size_t length = 0;
     while (length < content.size()) {
-        const ssize_t count = ::read(file.descriptor(), &content[length], content.size() - length);
+        const ssize_t count = ::read(file.get(), &content[length], content.size() - length);
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -136,23 +125,24 @@ std::string readFile(const std::string& path, Secrecy secrecy) {
     return content;
 }
 
-// Whoever reads the path finds the old content or the new, never a part, and at no time with wider permissions.
+// Atomic: a reader finds the old content or the new one, never a part, and never with wider permissions.
 void replaceFile(const std::string& path, const std::string& content, Secrecy secrecy) {
     const std::string temporary = path + ".new";
     ::unlink(temporary.c_str());
     {
-        const File file(temporary, O_WRONLY | O_CREAT | O_EXCL, secrecy == Secrecy::kSecret ? 0600 : 0644);
-        if (file.descriptor() < 0) {
+        const Descriptor file =
+            openFile(temporary, O_WRONLY | O_CREAT | O_EXCL, secrecy == Secrecy::kSecret ? 0600 : 0644);
+        if (!file.isOpen()) {
             failOnFile("write", temporary, errno);
         }
         for (size_t written = 0; written < content.size();) {
-            const ssize_t count = ::write(file.descriptor(), &content[written], content.size() - written);
+            const ssize_t count = ::write(file.get(), &content[written], content.size() - written);
             if (count < 0 && errno != EINTR) {
                 failOnFile("write", temporary, errno);
             }
             written += count > 0 ? static_cast<size_t>(count) : 0;
         }
-        if (::fsync(file.descriptor()) != 0) {
+        if (::fsync(file.get()) != 0) {
             failOnFile("write", temporary, errno);
         }
     }
@@ -166,10 +156,10 @@ void replaceFile(const std::string& path, const std::string& content, Secrecy se
 using Bio = std::unique_ptr<BIO, decltype(&BIO_free)>;
 
 Bio reader(const std::string& pem) {
-    return Bio(made(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))), &BIO_free);
+    return Bio(checked(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))), &BIO_free);
 }
 
-// Null if the text holds none. A key that needs a password counts as none: nobody could type it.
+// Null if the text holds none. A key with a password counts as none: there is no user to type it.
 Certificate readCertificate(const std::string& pem) {
     Certificate certificate(PEM_read_bio_X509(reader(pem).get(), nullptr, nullptr, nullptr), &X509_free);
     ERR_clear_error();
@@ -185,8 +175,8 @@ Key readKey(const std::string& pem) {
 
 template <class Write>
 std::string toPem(Write write) {
-    const Bio memory(made(BIO_new(BIO_s_mem())), &BIO_free);
-    done(write(memory.get()));
+    const Bio memory(checked(BIO_new(BIO_s_mem())), &BIO_free);
+    checkDone(write(memory.get()));
     char* data = nullptr;
     const long size = BIO_get_mem_data(memory.get(), &data);
     return std::string(data, static_cast<size_t>(size));
@@ -204,7 +194,7 @@ std::string toPem(EVP_PKEY* key) {
 // ---- Making ---------------------------------------------------------------------------------------------------------
 
 Key makeKey() {
-    return Key(made(EVP_EC_gen("P-256")), &EVP_PKEY_free);
+    return Key(checked(EVP_EC_gen("P-256")), &EVP_PKEY_free);
 }
 
 using Extensions = std::vector<std::pair<int, std::string>>;
@@ -213,33 +203,34 @@ using Extensions = std::vector<std::pair<int, std::string>>;
 Pair makePair(const std::string& name, int days, const Extensions& extensions, const Pair* issuer, std::time_t now) {
     Pair pair;
     pair.key = makeKey();
-    pair.certificate = Certificate(made(X509_new()), &X509_free);
+    pair.certificate = Certificate(checked(X509_new()), &X509_free);
     X509* certificate = pair.certificate.get();
-    done(X509_set_version(certificate, X509_VERSION_3));
+    checkDone(X509_set_version(certificate, X509_VERSION_3));
 
     unsigned char serial[16];
-    done(RAND_bytes(serial, sizeof serial));
-    const std::unique_ptr<BIGNUM, decltype(&BN_free)> number(made(BN_bin2bn(serial, sizeof serial, nullptr)), &BN_free);
-    made(BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)));
+    checkDone(RAND_bytes(serial, sizeof serial));
+    const std::unique_ptr<BIGNUM, decltype(&BN_free)> number(checked(BN_bin2bn(serial, sizeof serial, nullptr)),
+                                                             &BN_free);
+    checked(BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)));
 
-    made(X509_time_adj_ex(X509_getm_notBefore(certificate), 0, -3600, &now));
-    made(X509_time_adj_ex(X509_getm_notAfter(certificate), days, 0, &now));
-    done(X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8,
-                                    reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0));
+    checked(X509_time_adj_ex(X509_getm_notBefore(certificate), 0, -3600, &now));
+    checked(X509_time_adj_ex(X509_getm_notAfter(certificate), days, 0, &now));
+    checkDone(X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8,
+                                         reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0));
     X509* issuingCertificate = issuer ? issuer->certificate.get() : certificate;
-    done(X509_set_issuer_name(certificate, X509_get_subject_name(issuingCertificate)));
-    done(X509_set_pubkey(certificate, pair.key.get()));
+    checkDone(X509_set_issuer_name(certificate, X509_get_subject_name(issuingCertificate)));
+    checkDone(X509_set_pubkey(certificate, pair.key.get()));
 
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
     X509V3_set_ctx(&context, issuingCertificate, certificate, nullptr, nullptr, 0);
     for (const auto& [kind, value] : extensions) {
         const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
-            made(X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str())), &X509_EXTENSION_free);
-        done(X509_add_ext(certificate, extension.get(), -1));
+            checked(X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str())), &X509_EXTENSION_free);
+        checkDone(X509_add_ext(certificate, extension.get(), -1));
     }
     EVP_PKEY* signer = issuer ? issuer->key.get() : pair.key.get();
-    made(X509_sign(certificate, signer, EVP_sha256()) > 0 ? certificate : nullptr);
+    checked(X509_sign(certificate, signer, EVP_sha256()) > 0 ? certificate : nullptr);
     return pair;
 }
 
@@ -276,14 +267,14 @@ bool isFor(X509* certificate, const std::string& name) {
 // ---- The two certificates -------------------------------------------------------------------------------------------
 
 bool isTrusted(const Pair& server, const Pair& authority, std::time_t when) {
-    const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(made(X509_STORE_new()), &X509_STORE_free);
-    done(X509_STORE_add_cert(store.get(), authority.certificate.get()));
-    const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> context(made(X509_STORE_CTX_new()),
+    const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(checked(X509_STORE_new()), &X509_STORE_free);
+    checkDone(X509_STORE_add_cert(store.get(), authority.certificate.get()));
+    const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> context(checked(X509_STORE_CTX_new()),
                                                                                   &X509_STORE_CTX_free);
-    done(X509_STORE_CTX_init(context.get(), store.get(), server.certificate.get(), nullptr));
+    checkDone(X509_STORE_CTX_init(context.get(), store.get(), server.certificate.get(), nullptr));
     X509_VERIFY_PARAM* parameters = X509_STORE_CTX_get0_param(context.get());
     X509_VERIFY_PARAM_set_time(parameters, when);
-    done(X509_VERIFY_PARAM_set_purpose(parameters, X509_PURPOSE_SSL_SERVER));
+    checkDone(X509_VERIFY_PARAM_set_purpose(parameters, X509_PURPOSE_SSL_SERVER));
     const bool isGood = X509_verify_cert(context.get()) == 1;
     ERR_clear_error();
     return isGood;
@@ -311,7 +302,7 @@ Pair prepareAuthority(const std::string& folder, std::time_t now) {
                               {NID_key_usage, "critical,keyCertSign,cRLSign"},
                               {NID_subject_key_identifier, "hash"}},
                              nullptr, now);
-        // The key first: a certificate without its key could not be mended.
+        // The key first: the next start repairs a key without its certificate, but not a certificate without its key.
         replaceFile(keyFile, toPem(authority.key.get()), Secrecy::kSecret);
         replaceFile(certificateFile, toPem(authority.certificate.get()), Secrecy::kPublic);
         return authority;
@@ -381,28 +372,24 @@ std::string defaultStateFolder() {
     return home && *home ? std::string(home) + "/.local/state/vexalive" : "";
 }
 
-bool prepareCertificates(const std::string& folder, const std::string& address, std::time_t now,
-                         Certificates& certificates, std::string& error) {
+Result<Certificates> prepareCertificates(const std::string& folder, const std::string& address, std::time_t now) {
     try {
         makeFolder(folder);
         const std::string lockFile = folder + "/lock";
-        const File lock(lockFile, O_RDWR | O_CREAT, 0600);
-        if (lock.descriptor() < 0) {
+        const Descriptor lock = openFile(lockFile, O_RDWR | O_CREAT, 0600);
+        if (!lock.isOpen()) {
             failOnFile("write", lockFile, errno);
         }
-        while (::flock(lock.descriptor(), LOCK_EX) != 0) {
+        while (::flock(lock.get(), LOCK_EX) != 0) {
             if (errno != EINTR) {
                 failOnFile("lock", lockFile, errno);
             }
         }
         const Pair authority = prepareAuthority(folder, now);
         const Pair server = prepareServer(folder + "/server.pem", authority, address, now);
-        certificates.caFile = folder + "/ca.pem";
-        certificates.serverPem = toPem(server.certificate.get()) + toPem(server.key.get());
-        return true;
-    } catch (const Failure& failure) {
-        error = failure.what();
-        return false;
+        return Certificates{folder + "/ca.pem", toPem(server.certificate.get()) + toPem(server.key.get())};
+    } catch (const Failure& error) {
+        return failure(error.what());
     }
 }
 

@@ -1,9 +1,3 @@
-// An HTTP/1.1 server for a few known paths: it listens, keeps one thread for each connection, and hands each request to
-// one handler.
-//
-// Used by LiveService. cpp-httplib reads the requests and writes the answers; sockets and threads are kept here, so
-// that idle connections cost nothing, hundreds of them are served, and stop() ends them at once.
-
 #ifndef VEXALIVE_SERVICE_HTTP_SERVER_H
 #define VEXALIVE_SERVICE_HTTP_SERVER_H
 
@@ -19,6 +13,8 @@
 #include <vector>
 
 #include "base/Mutex.h"
+#include "common/Descriptor.h"
+#include "common/Result.h"
 
 struct ssl_ctx_st;
 
@@ -27,10 +23,10 @@ namespace vexalive {
 struct HttpRequest {
     std::string method;
     std::string path;
-    std::string query;      // as sent, without its "?"
-    std::string host;       // header
-    std::string origin;     // header; the web site that a browser asks for
-    std::string fetchSite;  // header Sec-Fetch-Site; where that is, as seen from here: "cross-site"
+    std::string query;      ///< as sent, without its "?"
+    std::string host;       ///< header Host
+    std::string origin;     ///< header Origin: the web site whose page sends the request
+    std::string fetchSite;  ///< header Sec-Fetch-Site: how that site relates to this one, "cross-site" for example
     std::string body;
     bool isFromLoopback = false;
 };
@@ -38,71 +34,75 @@ struct HttpRequest {
 struct HttpResponse {
     enum class Delivery {
         kComplete,
-        kCut,    // half of the announced body is sent, then the connection is closed
-        kClose,  // nothing is sent, the connection is closed
+        kCut,    ///< half of the announced body is sent, then the connection is closed
+        kClose,  ///< nothing is sent, the connection is closed
     };
     int status = 200;
     std::string contentType = "application/json";
-    std::map<std::string, std::string> headers;  // further ones
+    std::map<std::string, std::string> headers;  ///< further ones
     std::string body;
-    size_t padding = 0;  // so many "x" follow the body, then the tail
+    size_t padding = 0;  ///< so many "x" follow the body, then the tail
     std::string tail;
     Delivery delivery = Delivery::kComplete;
 };
 
+/// An HTTP/1.1 server for a few known paths. It has one thread for each connection and passes each request to one
+/// handler.
+///
+/// start() and stop() are for one thread at a time; any thread may call the other members.
 class HttpServer {
 public:
-    static constexpr size_t kMaxConnections = 1024;  // at a time; further ones wait to be accepted
+    static constexpr size_t kMaxConnections = 1024;  ///< at a time; further ones wait to be accepted
     static constexpr size_t kMaxBodyBytes = size_t{1} << 20;
 
     struct Options {
-        std::string address;
-        uint16_t port = 0;
-        std::string pem;  // certificate and private key; empty: plain HTTP, refused but on loopback
+        std::string address;  ///< numeric, or a name of this machine
+        uint16_t port = 0;    ///< 0: a free one
+        std::string pem;      ///< certificate and private key; empty: plain HTTP, on loopback only
     };
-    using Routes = std::map<std::string, std::vector<std::string>>;           // path to methods
-    using Handler = std::function<HttpResponse(const HttpRequest& request)>;  // on many threads at a time
+    using Routes = std::map<std::string, std::vector<std::string>>;           ///< path to methods
+    using Handler = std::function<HttpResponse(const HttpRequest& request)>;  ///< called on many threads at a time
 
-    // Requests that match no route, or that cannot be read, are answered without the handler: 400, 404, 405, 413, 414,
-    // 415, with a JSON object with a "message".
+    /// Requests that match no route, or that cannot be read, do not reach the handler. The response is 400, 404, 405,
+    /// 411, 413, 414 or 415 with a JSON object with a "message", and the connection is closed.
     HttpServer(Routes routes, Handler handler);
-    ~HttpServer();  // stops
+    ~HttpServer();  ///< stops
 
-    // False if it cannot listen; `error` tells why.
-    bool start(const Options& options, std::string& error);
+    /// Ignores SIGPIPE for the whole process.
+    Result<void> start(const Options& options);
+
+    /// Closes all connections at once and waits for the handlers that are running.
     void stop();
     bool isRunning() const { return mAcceptor.joinable(); }
     uint16_t port() const { return mPort; }
 
-    // For a handler that wants to wait; false if the server stops meanwhile.
+    /// For a handler that has to wait. False if the server is stopped meanwhile.
     bool pause(std::chrono::milliseconds time);
 
 private:
-    struct Peer {
-        int socket;
-        bool isOnLoopback;
-        bool hasEnded = false;
+    struct Connection {
+        Descriptor socket;  // closed when the thread is about to end
+        bool isFromLoopback = false;
         std::thread thread;
     };
-    class Connection;
 
-    bool openSocket(const Options& options, std::string& error);
+    Result<void> openListener(const Options& options);
     void acceptAll();
-    bool awaitRoom();
-    void accept(int socket, bool isOnLoopback);
-    void serve(Peer& peer);
+    bool awaitCapacity();
+    void accept(Descriptor socket, bool isFromLoopback);
+    void serve(Connection& connection);
 
     const Routes mRoutes;
     const Handler mHandler;
     std::shared_ptr<ssl_ctx_st> mTls;  // null: plain
-    int mListener = -1;
+    Descriptor mListener;
     uint16_t mPort = 0;
     std::thread mAcceptor;
 
     KstMutex mMutex;
-    KstCondition mChanged;  // a connection ended, or the server stops
+    KstCondition mChanged;  // a connection closed, or the server stops
     bool mIsStopping KST_GUARDED_BY(mMutex) = false;
-    std::list<Peer> mPeers KST_GUARDED_BY(mMutex);
+    std::list<Connection> mConnections KST_GUARDED_BY(mMutex);
 };
 
 }  // namespace vexalive

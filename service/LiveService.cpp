@@ -176,6 +176,7 @@ struct LiveService::Impl {
 
     bool start();
     bool startBehind();
+    bool startServer(HttpServer& each, const HttpServer::Options& listening);
     void stop();
     ordered_json stateFields() const;
     HttpResponse handle(const HttpRequest& request);
@@ -211,12 +212,15 @@ bool LiveService::Impl::start() {
             error = "no folder for the certificates: neither XDG_STATE_HOME nor HOME is set";
             return false;
         }
-        if (!prepareCertificates(options.stateFolder, options.address, std::time(nullptr), certificates, error)) {
+        const auto prepared = prepareCertificates(options.stateFolder, options.address, std::time(nullptr));
+        if (!prepared) {
+            error = prepared.error().message;
             return false;
         }
+        certificates = *prepared;
         listening.pem = certificates.serverPem;
     }
-    if (!startBehind() || !server.start(listening, error)) {
+    if (!startBehind() || !startServer(server, listening)) {
         stop();
         return false;
     }
@@ -228,8 +232,16 @@ bool LiveService::Impl::startBehind() {
     HttpServer::Options listening;
     listening.address = "127.0.0.1";
     listening.port = options.consolePort.value_or(0);
-    return (!media || media->prepare(error)) && (!options.consolePort || console.start(listening, error)) &&
+    return (!media || media->prepare(error)) && (!options.consolePort || startServer(console, listening)) &&
            (!media || media->start(console.port(), state.running(), error));
+}
+
+bool LiveService::Impl::startServer(HttpServer& each, const HttpServer::Options& listening) {
+    const Result<void> started = each.start(listening);
+    if (!started) {
+        error = started.error().message;
+    }
+    return started.has_value();
 }
 
 void LiveService::Impl::stop() {

@@ -27,8 +27,9 @@ constexpr std::time_t kDay = 86'400;
 // The error, empty if there was none.
 std::string prepare(const std::string& folder, Certificates& certificates, std::time_t now = std::time(nullptr),
                     const std::string& address = "127.0.0.1") {
-    std::string error;
-    return vexalive::prepareCertificates(folder, address, now, certificates, error) ? "" : error;
+    const auto prepared = vexalive::prepareCertificates(folder, address, now);
+    certificates = prepared.value_or(Certificates());
+    return prepared ? "" : prepared.error().message;
 }
 
 mode_t permissionsOf(const std::string& path) {

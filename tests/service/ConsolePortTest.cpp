@@ -118,14 +118,14 @@ TEST(ConsolePort, AnotherSitesPageShowsNothingOfIt) {
     }
 }
 
-TEST(ConsolePort, ATakenPortIsTold) {
+TEST(ConsolePort, AnOccupiedPortIsReported) {
     RunningService service(withConsole());
     LiveServiceOptions options = withConsole();
     const std::string address = service->consoleAddress();
     options.consolePort = static_cast<uint16_t>(std::stoi(address.substr(address.find(':') + 1)));
     vexalive::LiveService second(options);
     EXPECT_FALSE(second.start());
-    EXPECT_NE(std::string::npos, second.error().find("another program has taken it")) << second.error();
+    EXPECT_NE(std::string::npos, second.error().find("already in use")) << second.error();
 }
 
 // ---- Metrics --------------------------------------------------------------------------------------------------------

@@ -402,7 +402,7 @@ TEST(LiveService, StopMayComeTwiceAndStartAgainKeepsTheState) {
     EXPECT_NE(std::string::npos, service->error().find("already running"));
 }
 
-TEST(LiveService, ATakenPortIsTold) {
+TEST(LiveService, AnOccupiedPortIsReported) {
     RunningService service;
     LiveServiceOptions options;
     options.port = service->port();
@@ -410,7 +410,7 @@ TEST(LiveService, ATakenPortIsTold) {
     LiveService second(options);
     EXPECT_FALSE(second.start());
     EXPECT_NE(std::string::npos, second.error().find("port " + std::to_string(options.port))) << second.error();
-    EXPECT_NE(std::string::npos, second.error().find("taken")) << second.error();
+    EXPECT_NE(std::string::npos, second.error().find("already in use")) << second.error();
 }
 
 TEST(LiveService, AnAddressThatIsNotHereIsTold) {

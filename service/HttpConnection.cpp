@@ -1,0 +1,278 @@
+#include "service/HttpConnection.h"
+
+#include <algorithm>
+#include <boost/beast/core/buffers_range.hpp>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/serializer.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <chrono>
+#include <exception>
+#include <nlohmann/json.hpp>
+#include <string_view>
+#include <utility>
+
+#include "common/Result.h"
+
+namespace vexalive {
+
+namespace {
+
+namespace http = boost::beast::http;
+using boost::beast::error_code;
+using boost::beast::iequals;
+using Clock = SocketStream::Clock;
+using Parser = http::request_parser<http::string_body>;
+
+constexpr std::chrono::seconds kIdleTimeout(60);  // longer than the pauses between a client's attempts
+constexpr std::chrono::seconds kRequestTimeout(30);
+constexpr size_t kMaxRequests = 100'000;  // of one connection
+constexpr size_t kMaxRequestLineBytes = size_t{8} << 10;
+constexpr size_t kMaxHeadBytes = size_t{16} << 10;
+constexpr size_t kMaxRequestBytes = (size_t{2} << 20) + kMaxHeadBytes;  // head, body and what chunks add
+constexpr int kVersion = 11;                                            // HTTP/1.1
+constexpr boost::beast::string_view kMultipart = "multipart/";
+constexpr size_t kPaddingBytes = size_t{64} << 10;  // sent at a time
+
+// A second one of these could mean something else to a proxy, or to a check, than to the code behind it.
+constexpr const char* kSingleFields[] = {"Host",         "Origin",           "Sec-Fetch-Site",   "Content-Length",
+                                         "Content-Type", "Content-Encoding", "Transfer-Encoding"};
+
+HttpResponse refusal(int status, const std::string& message) {
+    HttpResponse response;
+    response.status = status;
+    response.body = nlohmann::json{{"message", message}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return response;
+}
+
+HttpResponse lostConnection() {
+    HttpResponse response;
+    response.delivery = HttpResponse::Delivery::kClose;
+    return response;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string result;
+    for (const std::string& word : words) {
+        result += (result.empty() ? "" : ", ") + word;
+    }
+    return result;
+}
+
+class Connection {
+public:
+    Connection(SocketStream& stream, const HttpServer::Routes& routes, const HttpServer::Handler& handler,
+               bool isFromLoopback)
+        : mStream(stream), mRoutes(routes), mHandler(handler), mIsFromLoopback(isFromLoopback) {}
+
+    void run() {
+        if (!mStream.handshake()) {
+            return;
+        }
+        bool isOpen = true;
+        for (size_t left = kMaxRequests; isOpen && left > 0 && awaitRequest(); --left) {
+            isOpen = serveRequest(left == 1);
+        }
+        mStream.finish();
+    }
+
+private:
+    using Refusal = HttpResponse;
+
+    bool awaitRequest() { return !mStream.received().empty() || mStream.receive(Clock::now() + kIdleTimeout); }
+
+    // False if the connection ends with this request.
+    bool serveRequest(bool isLast) {
+        Parser parser;
+        parser.header_limit(kMaxHeadBytes);
+        parser.body_limit(HttpServer::kMaxBodyBytes);
+        mDeadline = Clock::now() + kRequestTimeout;
+        mBytesLeft = kMaxRequestBytes;
+        mNeedsMore = false;
+        const Result<HttpRequest, Refusal> request = receiveRequest(parser);
+        // After a refusal it is not known where the next request begins.
+        const bool isKeptAlive = request && parser.keep_alive() && !isLast;
+        const bool isHead = parser.get().method() == http::verb::head;
+        return send(request ? handle(*request) : request.error(), isKeptAlive, !isHead) && isKeptAlive;
+    }
+
+    HttpResponse handle(const HttpRequest& request) const {
+        try {
+            return mHandler(request);
+        } catch (const std::exception&) {
+            return refusal(500, "internal error");
+        }
+    }
+
+    // ---- Receiving
+
+    Result<HttpRequest, Refusal> receiveRequest(Parser& parser) {
+        while (!parser.is_header_done()) {
+            if (const auto parsed = parseMore(parser); !parsed) {
+                return refuse(parsed.error());
+            }
+        }
+        // The fields are read here: what follows a chunked body could add others.
+        Result<HttpRequest, Refusal> request = checkHead(parser.get());
+        if (!request) {
+            return request;
+        }
+        if (iequals(parser.get()["Expect"], "100-continue") && !parser.is_done()) {
+            mStream.send("HTTP/1.1 100 Continue\r\n\r\n");
+        }
+        parser.eager(true);
+        while (!parser.is_done()) {
+            if (const auto parsed = parseMore(parser); !parsed) {
+                return refuse(parsed.error());
+            }
+        }
+        request->body = std::move(parser.get().body());
+        return request;
+    }
+
+    // Parses what has been received; receives more if that was not enough.
+    Result<void, Refusal> parseMore(Parser& parser) {
+        if ((mNeedsMore || mStream.received().empty()) && !mStream.receive(mDeadline)) {
+            return refuse(lostConnection());
+        }
+        const std::string_view received = mStream.received();
+        const bool isAtStart = mBytesLeft == kMaxRequestBytes;
+        if (isAtStart && received.substr(0, received.find("\r\n")).size() > kMaxRequestLineBytes) {
+            return refuse(414, "the request line is longer than " + std::to_string(kMaxRequestLineBytes) + " bytes");
+        }
+        error_code error;
+        const size_t count = parser.put(boost::asio::buffer(received.data(), received.size()), error);
+        mStream.consume(count);
+        mBytesLeft -= std::min(count, mBytesLeft);
+        mNeedsMore = error == http::error::need_more;
+        if (error == http::error::body_limit || mStream.received().size() > mBytesLeft) {
+            return refuse(413, "the body is longer than " + std::to_string(HttpServer::kMaxBodyBytes) + " bytes");
+        }
+        if (error && !mNeedsMore) {
+            return refuse(400, "malformed HTTP request: " + error.message());
+        }
+        return {};
+    }
+
+    // Checks all but the body, so that a refused body is neither read nor parsed.
+    Result<HttpRequest, Refusal> checkHead(const Parser::value_type& message) const {
+        for (const char* const field : kSingleFields) {
+            if (message.count(field) > 1) {
+                return refuse(400, "duplicate header field " + std::string(field));
+            }
+        }
+        const auto valueOf = [&message](const char* field) { return std::string(message[field]); };
+        const std::string target(message.target());
+        const size_t mark = std::min(target.find('?'), target.size());
+        HttpRequest request;
+        request.method = std::string(message.method_string());
+        request.path = target.substr(0, mark);
+        request.query = target.substr(std::min(mark + 1, target.size()));
+        request.host = valueOf("Host");
+        request.origin = valueOf("Origin");
+        request.fetchSite = valueOf("Sec-Fetch-Site");
+        request.isFromLoopback = mIsFromLoopback;
+
+        if (message.method() == http::verb::unknown) {
+            return refuse(400, "unknown HTTP method");
+        }
+        const auto route = mRoutes.find(request.path);
+        if (route == mRoutes.end()) {
+            return refuse(404, "there is nothing at this path");
+        }
+        const std::vector<std::string>& methods = route->second;
+        if (std::find(methods.begin(), methods.end(), request.method) == methods.end()) {
+            Refusal refused = refusal(405, "this path accepts " + joined(methods));
+            refused.headers["Allow"] = joined(methods);
+            return refuse(refused);
+        }
+        const bool hasTransferEncoding = message.count("Transfer-Encoding") > 0;
+        if (message.count("Content-Encoding") > 0 ||
+            (hasTransferEncoding && !iequals(message["Transfer-Encoding"], "chunked"))) {
+            return refuse(415, "encoded bodies are not supported");
+        }
+        if (iequals(message["Content-Type"].substr(0, kMultipart.size()), kMultipart)) {
+            return refuse(415, "multipart bodies are not supported");
+        }
+        if (message.method() == http::verb::post && !hasTransferEncoding && message.count("Content-Length") == 0) {
+            return refuse(411, "Content-Length is missing");
+        }
+        return request;
+    }
+
+    static tl::unexpected<Refusal> refuse(Refusal refused) { return tl::unexpected<Refusal>(std::move(refused)); }
+    static tl::unexpected<Refusal> refuse(int status, const std::string& message) {
+        return refuse(refusal(status, message));
+    }
+
+    // ---- Sending
+
+    // False if the connection ends with this response.
+    bool send(const HttpResponse& response, bool isKeptAlive, bool hasBody) {
+        if (response.delivery == HttpResponse::Delivery::kClose) {
+            mStream.abort();
+            return false;
+        }
+        const size_t size = response.body.size() + response.padding + response.tail.size();
+        sendHead(response, size, isKeptAlive);
+        if (response.delivery == HttpResponse::Delivery::kCut) {
+            mStream.send(response.body.substr(0, size / 2));
+            mStream.abort();
+            return false;
+        }
+        return !hasBody || sendBody(response);
+    }
+
+    void sendHead(const HttpResponse& response, size_t size, bool isKeptAlive) {
+        http::response<http::empty_body> message;
+        message.version(kVersion);
+        message.result(static_cast<unsigned>(response.status));
+        for (const auto& [name, value] : response.headers) {
+            message.set(name, value);
+        }
+        if (size > 0) {
+            message.set("Content-Type", response.contentType);
+        }
+        if (response.status != 204) {  // which must not have one
+            message.content_length(size);
+        }
+        message.keep_alive(isKeptAlive);
+        http::response_serializer<http::empty_body> serializer(message);
+        error_code error;
+        serializer.next(error, [this](error_code&, const auto& buffers) {
+            for (const auto buffer : boost::beast::buffers_range_ref(buffers)) {
+                mStream.send({static_cast<const char*>(buffer.data()), buffer.size()});
+            }
+        });
+    }
+
+    bool sendBody(const HttpResponse& response) {
+        bool isOpen = mStream.send(response.body);
+        const std::string piece(std::min(response.padding, kPaddingBytes), 'x');
+        for (size_t left = response.padding; isOpen && left > 0;) {
+            const size_t count = std::min(left, piece.size());
+            isOpen = mStream.send({piece.data(), count});
+            left -= count;
+        }
+        return isOpen && mStream.send(response.tail);
+    }
+
+    SocketStream& mStream;
+    const HttpServer::Routes& mRoutes;
+    const HttpServer::Handler& mHandler;
+    const bool mIsFromLoopback;
+
+    // Of the request that is being received.
+    Clock::time_point mDeadline;
+    size_t mBytesLeft = 0;
+    bool mNeedsMore = false;  // the parser cannot go on with what has been received
+};
+
+}  // namespace
+
+void serveConnection(SocketStream& stream, const HttpServer::Routes& routes, const HttpServer::Handler& handler,
+                     bool isFromLoopback) {
+    Connection(stream, routes, handler, isFromLoopback).run();
+}
+
+}  // namespace vexalive

@@ -1,0 +1,61 @@
+#ifndef VEXALIVE_SERVICE_SOCKET_STREAM_H
+#define VEXALIVE_SERVICE_SOCKET_STREAM_H
+
+#include <openssl/ssl.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace vexalive {
+
+/// The bytes of one accepted connection, with TLS or without, behind one buffer in each direction.
+///
+/// One thread uses a stream. Another thread may shut its socket down, which ends every wait at once.
+class SocketStream {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// `socket` is non-blocking. The caller owns it and closes it after the stream is destroyed. `tls` may be null: a
+    /// plain connection.
+    SocketStream(int socket, SSL_CTX* tls);
+
+    /// The server's side of the TLS handshake, at most 10 s. True at once without TLS.
+    bool handshake();
+
+    /// What has arrived and has not been consumed.
+    std::string_view received() const { return mReceived; }
+    void consume(size_t count) { mReceived.erase(0, count); }
+
+    /// Sends what is queued, then waits for more bytes and appends them to received(), at most 16 KiB. False if the
+    /// deadline has passed, the peer has closed its side, or the connection is broken.
+    bool receive(Clock::time_point deadline);
+
+    /// Queues bytes. They are sent by flush(), by receive(), and when there are 64 KiB of them. False if the connection
+    /// is broken, or if the peer has read nothing for 10 s.
+    bool send(std::string_view bytes);
+    bool flush();
+
+    /// Sends what is queued and breaks the connection: the peer sees no TLS shutdown.
+    void abort();
+
+    /// Sends what is queued, shuts down properly, and gives the peer 1 s to read it.
+    void finish();
+
+private:
+    bool await(int events, Clock::time_point deadline) const;
+    template <class Operation>
+    size_t transfer(Operation operation, int events, Clock::time_point deadline);
+
+    const int mSocket;
+    std::unique_ptr<SSL, decltype(&SSL_free)> mTls;
+    bool mIsBroken = false;
+    std::string mReceived;
+    std::string mQueued;  // to be sent
+};
+
+}  // namespace vexalive
+
+#endif
