@@ -1,63 +1,63 @@
 #include "media/FlvStream.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace vexalive {
 
 namespace {
 
-constexpr size_t kTagHeader = 11;      // kind, size (3), timestamp (3, and its highest byte), stream id (3)
-constexpr size_t kTagSize = 4;         // behind the tag
-constexpr int64_t kMaxBack = 1'000;    // milliseconds; what goes back further is another clock
-constexpr int64_t kMaxAhead = 10'000;  // the same, of what no pause explains
-constexpr size_t kSetupPacket = 0;     // of AVC and AAC: a decoder's configuration
+constexpr int64_t kMaxBack = 1'000;    // milliseconds; a timestamp that goes back further is of another clock
+constexpr int64_t kMaxAhead = 10'000;  // the same, ahead of the time that has passed
 
-unsigned byteAt(std::string_view bytes, size_t place) {
-    return place < bytes.size() ? static_cast<unsigned char>(bytes[place]) : 0;
+unsigned byteAt(std::string_view bytes, size_t position) {
+    return position < bytes.size() ? static_cast<unsigned char>(bytes[position]) : 0;
 }
 
-size_t number24(std::string_view bytes, size_t place) {
-    return byteAt(bytes, place) << 16 | byteAt(bytes, place + 1) << 8 | byteAt(bytes, place + 2);
+size_t number24(std::string_view bytes, size_t position) {
+    return byteAt(bytes, position) << 16 | byteAt(bytes, position + 1) << 8 | byteAt(bytes, position + 2);
 }
 
-bool readKind(unsigned byte, FlvTag::Kind& kind) {
-    switch (byte) {
-        case 8:
-            kind = FlvTag::Kind::kAudio;
-            return true;
-        case 9:
-            kind = FlvTag::Kind::kVideo;
-            return true;
-        case 18:
-            kind = FlvTag::Kind::kScript;
-            return true;
-        default:
-            return false;
+std::optional<FlvTag::Kind> kindOf(unsigned type) {
+    for (const FlvTag::Kind kind : {FlvTag::Kind::kAudio, FlvTag::Kind::kVideo, FlvTag::Kind::kScript}) {
+        if (type == static_cast<unsigned>(kind)) {
+            return kind;
+        }
     }
+    return std::nullopt;
 }
 
 }  // namespace
 
 const std::string_view kFlvHeader{"FLV\x01\x05\0\0\0\x09\0\0\0\0", 13};
 
-bool FlvTag::isSetup() const {
-    const unsigned format = byteAt(bytes, kTagHeader);
-    if (isMedia() && bytes.size() < kTagHeader + 2 + kTagSize) {
-        return false;
+unsigned FlvTag::codec() const {
+    const unsigned format = byteAt(bytes, kHeaderSize);
+    return kind == Kind::kVideo ? format & 0x0f : format >> 4;
+}
+
+bool FlvTag::isStreamHeader() const {
+    if (!isMedia()) {
+        return bytes.find("onMetaData") != std::string::npos;
     }
-    switch (kind) {
-        case Kind::kVideo:
-            return (format & 0x0f) == 7 && byteAt(bytes, kTagHeader + 1) == kSetupPacket;
-        case Kind::kAudio:
-            return format >> 4 == 10 && byteAt(bytes, kTagHeader + 1) == kSetupPacket;
-        case Kind::kScript:
-            break;
-    }
-    return bytes.find("onMetaData") != std::string::npos;
+    return bytes.size() >= kHeaderSize + 2 + kTrailerSize && codec() == (kind == Kind::kVideo ? kFlvAvc : kFlvAac) &&
+           byteAt(bytes, kHeaderSize + 1) == static_cast<unsigned>(Packet::kSequenceHeader);
 }
 
 bool FlvTag::isKeyFrame() const {
-    return kind == Kind::kVideo && byteAt(bytes, kTagHeader) >> 4 == 1;
+    return kind == Kind::kVideo && byteAt(bytes, kHeaderSize) >> 4 == static_cast<unsigned>(FrameType::kKey);
+}
+
+std::string_view FlvTag::payload() const {
+    const size_t begin = kHeaderSize + (kind == Kind::kVideo ? kVideoHeaderSize : kAudioHeaderSize);
+    return bytes.size() <= begin + kTrailerSize
+               ? std::string_view()
+               : std::string_view(bytes).substr(begin, bytes.size() - begin - kTrailerSize);
+}
+
+int64_t FlvTag::compositionTime() const {
+    const auto value = static_cast<int64_t>(number24(bytes, kHeaderSize + 2));
+    return value < 0x800000 ? value : value - 0x1000000;
 }
 
 std::string FlvTag::at(int64_t time) const {
@@ -70,7 +70,7 @@ std::string FlvTag::at(int64_t time) const {
     return result;
 }
 
-bool FlvReader::read(std::string_view piece, const std::function<void(const FlvTag& tag)>& take) {
+bool FlvReader::read(std::string_view piece, const std::function<void(const FlvTag& tag)>& onTag) {
     mRest += piece;
     if (!mHasHeader) {
         if (mRest.size() < kFlvHeader.size()) {
@@ -82,23 +82,25 @@ bool FlvReader::read(std::string_view piece, const std::function<void(const FlvT
         mRest.erase(0, kFlvHeader.size());
         mHasHeader = true;
     }
-    size_t place = 0;
-    while (mRest.size() >= place + kTagHeader) {
-        const std::string_view rest = std::string_view(mRest).substr(place);
-        const size_t size = kTagHeader + number24(rest, 1) + kTagSize;
-        FlvTag tag;
-        if (!readKind(byteAt(rest, 0), tag.kind)) {
+    size_t position = 0;
+    while (mRest.size() >= position + FlvTag::kHeaderSize) {
+        const std::string_view rest = std::string_view(mRest).substr(position);
+        const size_t size = FlvTag::kHeaderSize + number24(rest, 1) + FlvTag::kTrailerSize;
+        const std::optional<FlvTag::Kind> kind = kindOf(byteAt(rest, 0));
+        if (!kind) {
             return false;
         }
         if (rest.size() < size) {
             break;
         }
+        FlvTag tag;
+        tag.kind = *kind;
         tag.timestamp = static_cast<int64_t>(number24(rest, 4) | static_cast<size_t>(byteAt(rest, 7)) << 24);
         tag.bytes = rest.substr(0, size);
-        take(tag);
-        place += size;
+        onTag(tag);
+        position += size;
     }
-    mRest.erase(0, place);
+    mRest.erase(0, position);
     return true;
 }
 
@@ -116,32 +118,32 @@ int64_t SteadyTime::at(int64_t timestamp, int64_t now) {
     return mLast;
 }
 
-void FlvGate::see(const FlvTag& tag, int64_t now) {
-    mCame = now;
-    mVideoCame = tag.kind == FlvTag::Kind::kVideo ? now : mVideoCame;
-    if (!tag.isSetup()) {
+void FlvGate::observe(const FlvTag& tag, int64_t now) {
+    mLastTag = now;
+    mLastVideo = tag.kind == FlvTag::Kind::kVideo ? now : mLastVideo;
+    if (!tag.isStreamHeader()) {
         return;
     }
     const auto known =
-        std::find_if(mSetup.begin(), mSetup.end(), [&tag](const FlvTag& each) { return each.kind == tag.kind; });
-    if (known == mSetup.end()) {
-        mSetup.push_back(tag);
+        std::find_if(mHeaders.begin(), mHeaders.end(), [&tag](const FlvTag& each) { return each.kind == tag.kind; });
+    if (known == mHeaders.end()) {
+        mHeaders.push_back(tag);
     } else {
         *known = tag;
     }
 }
 
-bool FlvGate::pass(const FlvTag& tag, size_t waiting, const std::function<void(const FlvTag& tag)>& give) {
-    mIsOpen = mIsOpen && waiting <= kMaxWaiting;
-    const bool isBeginning = tag.isMedia() && !tag.isSetup() && (tag.isKeyFrame() || mCame - mVideoCame > kSilent);
-    if (!mIsOpen && isBeginning && waiting < kMaxWaiting / 4) {
+bool FlvGate::pass(const FlvTag& tag, size_t queued, const std::function<void(const FlvTag& tag)>& send) {
+    mIsOpen = mIsOpen && queued <= kMaxQueued;
+    const bool mayStart = tag.isFrame() && (tag.isKeyFrame() || mLastTag - mLastVideo > kVideoTimeout);
+    if (!mIsOpen && mayStart && queued < kMaxQueued / 4) {
         mIsOpen = true;
-        for (const FlvTag& setup : mSetup) {
-            give(setup);
+        for (const FlvTag& header : mHeaders) {
+            send(header);
         }
     }
     if (mIsOpen) {
-        give(tag);
+        send(tag);
     }
     return mIsOpen;
 }

@@ -1,4 +1,4 @@
-// A stream as RTMP carries it: a run of FLV tags, whatever the codecs in them.
+// A stream as RTMP carries it: a sequence of FLV tags, whatever the codecs in them.
 
 #ifndef VEXALIVE_MEDIA_FLV_STREAM_H
 #define VEXALIVE_MEDIA_FLV_STREAM_H
@@ -12,44 +12,61 @@
 
 namespace vexalive {
 
-// The first bytes of a FLV stream with audio and video, with the size of the tag before the first: 0.
+/// The first bytes of an FLV stream with audio and video, with the size of the tag before the first: 0.
 extern const std::string_view kFlvHeader;
 
+/// Codec ids, as they stand in a tag and in onMetaData.
+constexpr unsigned kFlvAvc = 7;
+constexpr unsigned kFlvAac = 10;
+
 struct FlvTag {
-    enum class Kind { kAudio, kVideo, kScript };
+    enum class Kind : uint8_t { kAudio = 8, kVideo = 9, kScript = 18 };  // the types on the wire
+    enum class Packet : uint8_t { kSequenceHeader = 0, kFrame = 1 };     // of AVC and AAC
+    enum class FrameType : uint8_t { kKey = 1, kInter = 2 };             // of video
+    static constexpr size_t kHeaderSize = 11;  // type, size (3), timestamp (3, then its highest byte), stream id (3)
+    static constexpr size_t kVideoHeaderSize = 5;  // frame type and codec, packet, composition time (3)
+    static constexpr size_t kAudioHeaderSize = 2;  // codec, packet
+    static constexpr size_t kTrailerSize = 4;      // the tag's size
 
     Kind kind = Kind::kScript;
-    int64_t timestamp = 0;  // milliseconds
-    std::string bytes;      // the whole tag, with its size behind it; its timestamp in there counts for nothing
+    int64_t timestamp = 0;  ///< milliseconds
+    std::string bytes;      ///< the whole tag with its trailer; the timestamp in there has no meaning
 
-    // Tells a decoder or a player what comes; needed at the start of each connection.
-    bool isSetup() const;
-    bool isMedia() const { return kind != Kind::kScript; }  // what a server sends by itself, it sends as scripts
+    bool isMedia() const { return kind != Kind::kScript; }  ///< what a server sends of its own are scripts
+    /// Tells a decoder or a player what follows: a sequence header or the metadata. Each connection starts with these.
+    bool isStreamHeader() const;
+    bool isFrame() const { return isMedia() && !isStreamHeader(); }
     bool isKeyFrame() const;
+    unsigned codec() const;  ///< of audio or video
 
-    // The tag on the wire at that time, in milliseconds.
+    /// What the decoder gets of AVC or AAC; empty if the tag has none.
+    std::string_view payload() const;
+    /// By how much an AVC frame is shown later than it is decoded, in milliseconds; may be negative.
+    int64_t compositionTime() const;
+
+    /// The tag on the wire with another timestamp, in milliseconds.
     std::string at(int64_t time) const;
 };
 
-// Cuts bytes, in pieces of any size, into tags.
+/// Splits bytes, in pieces of any size, into tags.
 class FlvReader {
 public:
-    // False if the bytes are no FLV; nothing more can be read then.
-    bool read(std::string_view piece, const std::function<void(const FlvTag& tag)>& take);
+    /// False if the bytes are no FLV; nothing more can be read then.
+    bool read(std::string_view piece, const std::function<void(const FlvTag& tag)>& onTag);
 
 private:
     bool mHasHeader = false;
     std::string mRest;
 };
 
-// Makes one run of time of the connections of a source that comes and goes, and of one whose clock jumps. Times never
-// go back, and a pause of the source stays as long as it was.
+/// Joins the timestamps of a source that reconnects, or whose clock jumps, into one sequence. Timestamps never go back,
+/// and a pause of the source keeps its length. Times are in milliseconds.
 class SteadyTime {
 public:
-    // Whatever comes next is from a new connection.
+    /// The next timestamp is from a new connection.
     void beginConnection() { mIsFirst = true; }
 
-    // `now` in milliseconds, of any clock that does not go back.
+    /// `now` by any clock that does not go back.
     int64_t at(int64_t timestamp, int64_t now);
 
     int64_t last() const { return mLast; }
@@ -62,29 +79,30 @@ private:
     int64_t mLastNow = 0;
 };
 
-// Lets a source's tags through to a destination, as long as that keeps up. One that does not, or has just been
-// connected, goes on at a key frame, or at a sound if no video comes, and is told the setup there. So it is bounded
-// what waits for it, whatever the tags are.
+/// Lets a source's tags through to a destination while that keeps up. A destination that is too slow, or has just been
+/// connected, gets nothing until the next key frame (or audio frame, if no video comes) and before that the stream
+/// headers. So the queue in front of it is bounded, whatever the tags are.
 class FlvGate {
 public:
-    static constexpr size_t kMaxWaiting = size_t{4} << 20;  // bytes; then it shuts
-    static constexpr int64_t kSilent = 3'000;               // milliseconds without video, and none is waited for
+    static constexpr size_t kMaxQueued = size_t{4} << 20;  ///< bytes; above, the gate closes
+    static constexpr int64_t kVideoTimeout = 3'000;        ///< milliseconds without video; then audio opens the gate
 
-    void forgetSetup() { mSetup.clear(); }  // the source is connected anew, and will tell its own
-    void shut() { mIsOpen = false; }        // the destination is
+    void forgetHeaders() { mHeaders.clear(); }  ///< the source is connected anew, and sends its own
+    void close() { mIsOpen = false; }           ///< the destination is connected anew
 
-    // Each tag of the source, whether there is a destination or not. `now` in milliseconds, of any clock.
-    void see(const FlvTag& tag, int64_t now);
+    /// To be called with each tag of the source, whether there is a destination or not. `now` in milliseconds, by any
+    /// clock.
+    void observe(const FlvTag& tag, int64_t now);
 
-    // Of the tag that was seen last, while so many bytes wait for the destination: calls `give` for what that is to get
-    // now. False if the tag is left out.
-    bool pass(const FlvTag& tag, size_t waiting, const std::function<void(const FlvTag& tag)>& give);
+    /// Calls `send` with what the destination gets because of `tag`, which was observed last; `queued` bytes wait for
+    /// the destination. False if the tag is dropped.
+    bool pass(const FlvTag& tag, size_t queued, const std::function<void(const FlvTag& tag)>& send);
 
 private:
     bool mIsOpen = false;
-    std::vector<FlvTag> mSetup;  // the latest of each kind, in the order in which the kinds came
-    int64_t mCame = 0;
-    int64_t mVideoCame = -kSilent - 1;
+    std::vector<FlvTag> mHeaders;  // the latest of each kind, in the order in which the kinds came
+    int64_t mLastTag = 0;
+    int64_t mLastVideo = -kVideoTimeout - 1;
 };
 
 }  // namespace vexalive

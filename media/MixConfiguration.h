@@ -1,4 +1,4 @@
-// What a mix shall be: read from the wish, with every number made usable.
+// The desired state of a mix, read from JSON, with every number brought into its range.
 
 #ifndef VEXALIVE_MEDIA_MIX_CONFIGURATION_H
 #define VEXALIVE_MEDIA_MIX_CONFIGURATION_H
@@ -11,62 +11,62 @@
 
 namespace vexalive {
 
-// In the canvas's pixels, or in a picture's. May reach beyond either.
-struct MixRectangle {
+/// In pixels of the canvas or of a frame. May reach beyond either.
+struct Rectangle {
     int64_t x = 0;
     int64_t y = 0;
     int64_t width = 0;
     int64_t height = 0;
 
     bool isEmpty() const { return width <= 0 || height <= 0; }
-    bool operator==(const MixRectangle& other) const {
+    bool operator==(const Rectangle& other) const {
         return x == other.x && y == other.y && width == other.width && height == other.height;
     }
 };
 
-// The output's picture. A change of anything in here takes another encoder.
-struct MixVideo {
-    int width = 0;  // even, as is the height
+/// The output's video. Any change takes another encoder.
+struct VideoFormat {
+    int width = 0;  ///< even, as is the height
     int height = 0;
-    int frameRate = 0;   // frames a second
-    int bitrate = 0;     // kbit/s
-    int keySeconds = 0;  // between key frames
+    int frameRate = 0;   ///< frames per second
+    int bitrate = 0;     ///< kbit/s
+    int keySeconds = 0;  ///< from one key frame to the next
 
-    bool operator==(const MixVideo& other) const {
+    bool operator==(const VideoFormat& other) const {
         return width == other.width && height == other.height && frameRate == other.frameRate &&
                bitrate == other.bitrate && keySeconds == other.keySeconds;
     }
 };
 
-// The output's sound. A change of anything in here takes another encoder.
-struct MixAudio {
+/// The output's audio. Any change takes another encoder.
+struct AudioFormat {
     int sampleRate = 0;
-    int bitrate = 0;  // kbit/s
+    int bitrate = 0;  ///< kbit/s
     int channels = 0;
 
-    bool operator==(const MixAudio& other) const {
+    bool operator==(const AudioFormat& other) const {
         return sampleRate == other.sampleRate && bitrate == other.bitrate && channels == other.channels;
     }
 };
 
-struct MixInputWish {
+struct InputConfiguration {
     std::string streamId;
-    std::string source;
+    std::string address;
     int64_t layer = 0;
-    MixRectangle rectangle;  // empty: heard only
+    Rectangle rectangle;  ///< empty: audio only
 };
 
 struct MixConfiguration {
     std::string destination;
-    std::optional<MixVideo> video;  // none: the output is sound alone
-    uint32_t colour = 0;            // of the canvas: 0xRRGGBB
+    std::optional<VideoFormat> video;  ///< none: the output has audio only
+    uint32_t colour = 0;               ///< of the canvas: 0xRRGGBB
     bool cropCenter = false;
-    MixAudio audio;
-    std::vector<MixInputWish> inputs;
+    AudioFormat audio;
+    std::vector<InputConfiguration> inputs;
 };
 
-// Throws what nlohmann-json throws if a field but those of the output is missing, or one has another type.
-MixConfiguration readMixConfiguration(const nlohmann::json& wish);
+/// Throws nlohmann::json::exception if a field has the wrong type or is missing; those of "output" have defaults.
+MixConfiguration readMixConfiguration(const nlohmann::json& configuration);
 
 }  // namespace vexalive
 

@@ -1,4 +1,4 @@
-// The encoders of a mix: each a pipeline of its own, so one can be put in the place of another between two frames.
+// The encoders of a mix. Each is a pipeline of its own, so it can be replaced between two frames.
 
 #ifndef VEXALIVE_MEDIA_MIX_ENCODER_H
 #define VEXALIVE_MEDIA_MIX_ENCODER_H
@@ -6,16 +6,16 @@
 #include <memory>
 
 #include "media/MixConfiguration.h"
-#include "media/MixOutput.h"
+#include "media/MixMuxer.h"
 #include "media/Pipeline.h"
 
 namespace vexalive {
 
-// Takes raw frames at its appsrc "in", stamped with running time, and hands out encoded ones on a streaming thread. It
-// ends when the appsrc is told so.
-std::unique_ptr<Pipeline> makeEncoder(const MixVideo& video, std::shared_ptr<MixOutput::Frames> frames,
+/// Encodes the raw frames that its appsrc "in" gets, with running time as timestamps, and puts them into `muxer` on a
+/// streaming thread. Ends after the end of stream at the appsrc.
+std::unique_ptr<Pipeline> makeEncoder(const VideoFormat& format, std::shared_ptr<MixMuxer> muxer,
                                       Pipeline::Ended ended);
-std::unique_ptr<Pipeline> makeEncoder(const MixAudio& audio, std::shared_ptr<MixOutput::Frames> frames,
+std::unique_ptr<Pipeline> makeEncoder(const AudioFormat& format, std::shared_ptr<MixMuxer> muxer,
                                       Pipeline::Ended ended);
 
 }  // namespace vexalive

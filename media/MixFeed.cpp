@@ -4,42 +4,42 @@
 
 namespace vexalive {
 
-void MixFeed::putPicture(MixPicture picture) {
-    const auto now = static_cast<int64_t>(Pipeline::runningTime());
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mCame = now;
-    while (!mPictures.empty() && mPictures.back().turn >= picture.turn) {
-        mPictures.pop_back();  // of a connection before, or of before a jump of the publisher's clock
+void MixFeed::putFrame(VideoFrame frame) {
+    const KstMutexLock lock(mMutex);
+    mLastPut = Pipeline::runningTime();
+    // Later ones are of an older connection, or from before a jump of the publisher's clock.
+    while (!mFrames.empty() && mFrames.back().presentationTime >= frame.presentationTime) {
+        mFrames.pop_back();
     }
-    if (mPictures.size() == kMaxPictures) {
-        mPictures.pop_front();
+    if (mFrames.size() == kMaxFrames) {
+        mFrames.pop_front();
     }
-    mPictures.push_back(std::move(picture));
+    mFrames.push_back(std::move(frame));
 }
 
-void MixFeed::putSound(int64_t turn, const float* samples, int64_t count) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mSound.put(MixSound::positionOf(turn), samples, count);
+void MixFeed::putAudio(int64_t presentationTime, const float* samples, int64_t count) {
+    const KstMutexLock lock(mMutex);
+    mAudio.put(AudioRing::positionOf(presentationTime), samples, count);
 }
 
-bool MixFeed::pictureAt(int64_t now, MixPicture& picture) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    if (now - mCame > kFrozen) {
-        mPictures.clear();
+bool MixFeed::frameAt(int64_t now, VideoFrame& frame) {
+    const KstMutexLock lock(mMutex);
+    if (now - mLastPut > kFreezeTimeout) {
+        mFrames.clear();
     }
-    while (mPictures.size() > 1 && mPictures[1].turn <= now) {
-        mPictures.pop_front();
+    while (mFrames.size() > 1 && mFrames[1].presentationTime <= now) {
+        mFrames.pop_front();
     }
-    if (mPictures.empty()) {
+    if (mFrames.empty()) {
         return false;
     }
-    picture = mPictures.front().share();
+    frame = mFrames.front().share();
     return true;
 }
 
-void MixFeed::addSound(float* sum, int64_t position, int64_t count) const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mSound.addTo(sum, position, count);
+void MixFeed::addAudio(float* sum, int64_t position, int64_t count) const {
+    const KstMutexLock lock(mMutex);
+    mAudio.addTo(sum, position, count);
 }
 
 }  // namespace vexalive

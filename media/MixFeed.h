@@ -1,5 +1,4 @@
-// What one input has brought and the mix has not used up: pictures and sound, each with the running time of its turn.
-// Any thread.
+// The media of one input that the mix has not used yet, with their presentation times: running time, in nanoseconds.
 
 #ifndef VEXALIVE_MEDIA_MIX_FEED_H
 #define VEXALIVE_MEDIA_MIX_FEED_H
@@ -8,39 +7,41 @@
 
 #include <cstddef>
 #include <deque>
-#include <mutex>
 
-#include "media/MixSound.h"
+#include "base/Mutex.h"
+#include "media/AudioRing.h"
 #include "media/Pipeline.h"
 
 namespace vexalive {
 
-struct MixPicture {
-    int64_t turn = 0;
+struct VideoFrame {
+    int64_t presentationTime = 0;
     GstVideoInfo info{};
     GstRef<GstBuffer> buffer;
 
-    MixPicture share() const { return {turn, info, GstRef<GstBuffer>(gst_buffer_ref(buffer.get()))}; }
+    VideoFrame share() const { return {presentationTime, info, GstRef<GstBuffer>(gst_buffer_ref(buffer.get()))}; }
 };
 
+/// Any thread.
 class MixFeed {
 public:
-    void putPicture(MixPicture picture);
-    void putSound(int64_t turn, const float* samples, int64_t count);
+    void putFrame(VideoFrame frame);
+    void putAudio(int64_t presentationTime, const float* samples, int64_t count);
 
-    // The picture whose turn it is at `now`, or the first if all are early. False if there is none, or the last came so
-    // long ago that the publisher must have stopped: a frozen picture passes for a live one.
-    bool pictureAt(int64_t now, MixPicture& picture);
-    void addSound(float* sum, int64_t position, int64_t count) const;
+    /// The frame to be shown at `now`, or the first if all are early. False if there is none, or if the last came so
+    /// long ago that the publisher must have stopped: a frozen picture would pass for a live one.
+    bool frameAt(int64_t now, VideoFrame& frame);
+    /// As AudioRing::addTo().
+    void addAudio(float* sum, int64_t position, int64_t count) const;
 
 private:
-    static constexpr int64_t kFrozen = 1'100'000'000;
-    static constexpr size_t kMaxPictures = 64;  // 60 a second, as early as MixTimeline lets them come
+    static constexpr int64_t kFreezeTimeout = 1'100'000'000;
+    static constexpr size_t kMaxFrames = 64;  // 60 a second, as early as MixTimeline lets them come
 
-    mutable std::mutex mMutex;
-    std::deque<MixPicture> mPictures;  // in the order of their turns
-    int64_t mCame = 0;                 // the last picture
-    MixSound mSound;
+    mutable KstMutex mMutex;
+    std::deque<VideoFrame> mFrames KST_GUARDED_BY(mMutex);  // by presentation time
+    int64_t mLastPut KST_GUARDED_BY(mMutex) = 0;            // running time of the last frame's arrival
+    AudioRing mAudio KST_GUARDED_BY(mMutex);
 };
 
 }  // namespace vexalive

@@ -7,47 +7,38 @@ namespace vexalive {
 
 namespace {
 
-constexpr char kAudioTag = 8;
-constexpr char kVideoTag = 9;
-constexpr char kScriptTag = 18;
-constexpr char kKeyAvc = 0x17;
-constexpr char kInterAvc = 0x27;
-constexpr char kAac = '\xaf';  // the rate and the channels in there are fixed for AAC; they stand in its setup
-constexpr char kSetup = 0;
-constexpr char kFrame = 1;
+// AMF types.
+constexpr char kAmfString = 2;
+constexpr char kAmfArray = 8;
+constexpr std::string_view kAmfObjectEnd{"\0\0\x09", 3};
 
 std::string number(uint64_t value, int bytes) {
-    std::string text;
+    std::string result;
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-        text += static_cast<char>(value >> shift & 0xff);
+        result += static_cast<char>(value >> shift & 0xff);
     }
-    return text;
+    return result;
 }
 
-char typeOf(FlvTag::Kind kind) {
-    switch (kind) {
-        case FlvTag::Kind::kAudio:
-            return kAudioTag;
-        case FlvTag::Kind::kVideo:
-            return kVideoTag;
-        case FlvTag::Kind::kScript:
-            break;
-    }
-    return kScriptTag;
-}
-
-FlvTag makeTag(FlvTag::Kind kind, std::string_view head, std::string_view body) {
+FlvTag makeTag(FlvTag::Kind kind, std::string_view header, std::string_view payload) {
     FlvTag tag;
     tag.kind = kind;
-    tag.bytes = typeOf(kind) + number(head.size() + body.size(), 3) + number(0, 4 + 3);
-    tag.bytes.append(head).append(body);
+    tag.bytes = static_cast<char>(kind) + number(header.size() + payload.size(), 3) + number(0, 4 + 3);
+    tag.bytes.append(header).append(payload);
     tag.bytes += number(tag.bytes.size(), 4);
     return tag;
 }
 
-FlvTag makeVideoTag(char frame, char packet, std::string_view body) {
-    // There are no frames between others, so each is shown when it is decoded: 0 apart.
-    return makeTag(FlvTag::Kind::kVideo, std::string{frame, packet, 0, 0, 0}, body);
+FlvTag makeVideoTag(FlvTag::FrameType frame, FlvTag::Packet packet, std::string_view payload) {
+    // The composition time is 0: the encoder makes no B-frames.
+    const auto format = static_cast<char>(static_cast<unsigned>(frame) << 4 | kFlvAvc);
+    return makeTag(FlvTag::Kind::kVideo, std::string{format, static_cast<char>(packet), 0, 0, 0}, payload);
+}
+
+FlvTag makeAudioTag(FlvTag::Packet packet, std::string_view payload) {
+    // 44 kHz, 16 bits, stereo: fixed for AAC, whose sequence header has the actual values.
+    const auto format = static_cast<char>(kFlvAac << 4 | 0x0f);
+    return makeTag(FlvTag::Kind::kAudio, std::string{format, static_cast<char>(packet)}, payload);
 }
 
 std::string amfName(std::string_view name) {
@@ -62,20 +53,21 @@ std::string amfField(std::string_view name, double value) {
 
 }  // namespace
 
-FlvTag setupTag(FlvTag::Kind kind, std::string_view codecData) {
-    return kind == FlvTag::Kind::kVideo ? makeVideoTag(kKeyAvc, kSetup, codecData)
-                                        : makeTag(kind, std::string{kAac, kSetup}, codecData);
+FlvTag sequenceHeaderTag(FlvTag::Kind kind, std::string_view codecData) {
+    return kind == FlvTag::Kind::kVideo
+               ? makeVideoTag(FlvTag::FrameType::kKey, FlvTag::Packet::kSequenceHeader, codecData)
+               : makeAudioTag(FlvTag::Packet::kSequenceHeader, codecData);
 }
 
 FlvTag videoTag(std::string_view frame, bool isKey) {
-    return makeVideoTag(isKey ? kKeyAvc : kInterAvc, kFrame, frame);
+    return makeVideoTag(isKey ? FlvTag::FrameType::kKey : FlvTag::FrameType::kInter, FlvTag::Packet::kFrame, frame);
 }
 
 FlvTag audioTag(std::string_view frame) {
-    return makeTag(FlvTag::Kind::kAudio, std::string{kAac, kFrame}, frame);
+    return makeAudioTag(FlvTag::Packet::kFrame, frame);
 }
 
-FlvTag metadataTag(const std::optional<MixVideo>& video, const std::optional<MixAudio>& audio) {
+FlvTag metadataTag(const std::optional<VideoFormat>& video, const std::optional<AudioFormat>& audio) {
     std::string fields;
     uint64_t count = 0;
     const auto add = [&](std::string_view name, double value) {
@@ -86,20 +78,18 @@ FlvTag metadataTag(const std::optional<MixVideo>& video, const std::optional<Mix
         add("width", video->width);
         add("height", video->height);
         add("framerate", video->frameRate);
-        add("videocodecid", 7);
+        add("videocodecid", kFlvAvc);
         add("videodatarate", video->bitrate);
     }
     if (audio) {
-        add("audiocodecid", 10);
+        add("audiocodecid", kFlvAac);
         add("audiodatarate", audio->bitrate);
         add("audiosamplerate", audio->sampleRate);
         add("audiosamplesize", 16);
         add("audiochannels", audio->channels);
     }
-    constexpr char kString = 2;
-    constexpr char kArray = 8;
-    const std::string head = kString + amfName("onMetaData") + kArray + number(count, 4);
-    return makeTag(FlvTag::Kind::kScript, head, fields + amfName("") + '\x09');
+    const std::string header = kAmfString + amfName("onMetaData") + kAmfArray + number(count, 4);
+    return makeTag(FlvTag::Kind::kScript, header, fields.append(kAmfObjectEnd));
 }
 
 }  // namespace vexalive

@@ -12,15 +12,15 @@
 
 namespace vexalive {
 
-// What a decoder needs before the first frame: the encoder's "codec data".
-FlvTag setupTag(FlvTag::Kind kind, std::string_view codecData);
+/// `codecData` is what the encoder's caps call codec_data.
+FlvTag sequenceHeaderTag(FlvTag::Kind kind, std::string_view codecData);
 
-// One frame: length-prefixed H.264 units, or raw AAC.
+/// One frame: length-prefixed H.264 units, or raw AAC.
 FlvTag videoTag(std::string_view frame, bool isKey);
 FlvTag audioTag(std::string_view frame);
 
-// What a player and the server show, and wait for: without it, some wait for a picture that does not come.
-FlvTag metadataTag(const std::optional<MixVideo>& video, const std::optional<MixAudio>& audio);
+/// onMetaData. Without it, some players wait for video that does not come.
+FlvTag metadataTag(const std::optional<VideoFormat>& video, const std::optional<AudioFormat>& audio);
 
 }  // namespace vexalive
 

@@ -10,9 +10,9 @@ namespace vexalive {
 
 namespace {
 
-constexpr uint32_t kAbsent = 0x2b2b2b;  // the colour in the place of a picture that is not there
+constexpr uint32_t kPlaceholder = 0x2b2b2b;  // the colour of an input without a frame
 
-// A pool starts with none and makes what is needed: as many as the encoder holds at a time.
+// The pool grows to as many buffers as the encoder holds at a time.
 GstRef<GstBufferPool> makePool(GstVideoInfo info) {
     const GstRef<GstCaps> caps(gst_video_info_to_caps(&info));
     GstRef<GstBufferPool> pool(gst_video_buffer_pool_new());
@@ -23,7 +23,7 @@ GstRef<GstBufferPool> makePool(GstVideoInfo info) {
     return pool;
 }
 
-// BT.601, of 16 to 235.
+// BT.601, limited range.
 std::array<int, 3> yuvOf(uint32_t colour) {
     const double red = (colour >> 16 & 0xff) / 255.0;
     const double green = (colour >> 8 & 0xff) / 255.0;
@@ -38,37 +38,37 @@ uint8_t* lineOf(GstVideoFrame& frame, int plane, int64_t x, int64_t y) {
            y * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane) + x;
 }
 
-void fill(GstVideoFrame& frame, const MixRectangle& area, uint32_t colour) {
+void fill(GstVideoFrame& frame, const Rectangle& area, uint32_t colour) {
     const std::array<int, 3> yuv = yuvOf(colour);
     for (int plane = 0; plane < 3; ++plane) {
-        const int part = plane == 0 ? 1 : 2;
-        for (int64_t y = area.y / part; y < (area.y + area.height) / part; ++y) {
-            std::memset(lineOf(frame, plane, area.x / part, y), yuv[static_cast<size_t>(plane)],
-                        static_cast<size_t>(area.width / part));
+        const int subsampling = plane == 0 ? 1 : 2;
+        for (int64_t y = area.y / subsampling; y < (area.y + area.height) / subsampling; ++y) {
+            std::memset(lineOf(frame, plane, area.x / subsampling, y), yuv[static_cast<size_t>(plane)],
+                        static_cast<size_t>(area.width / subsampling));
         }
     }
 }
 
-void copy(GstVideoFrame& picture, GstVideoFrame& canvas, const MixPlace& place) {
+void copy(GstVideoFrame& frame, GstVideoFrame& canvas, const Placement& placement) {
     for (int plane = 0; plane < 3; ++plane) {
-        const int part = plane == 0 ? 1 : 2;
-        for (int64_t y = 0; y < place.to.height / part; ++y) {
-            std::memcpy(lineOf(canvas, plane, place.to.x / part, place.to.y / part + y),
-                        lineOf(picture, plane, place.from.x / part, place.from.y / part + y),
-                        static_cast<size_t>(place.to.width / part));
+        const int subsampling = plane == 0 ? 1 : 2;
+        for (int64_t y = 0; y < placement.target.height / subsampling; ++y) {
+            std::memcpy(lineOf(canvas, plane, placement.target.x / subsampling, placement.target.y / subsampling + y),
+                        lineOf(frame, plane, placement.source.x / subsampling, placement.source.y / subsampling + y),
+                        static_cast<size_t>(placement.target.width / subsampling));
         }
     }
 }
 
-bool isHidden(const std::vector<MixRectangle>& places, size_t index) {
-    return places[index].isEmpty() ||
-           std::any_of(places.begin() + static_cast<ptrdiff_t>(index) + 1, places.end(),
-                       [&](const MixRectangle& upper) { return covers(upper, places[index]); });
+bool isHidden(const std::vector<Rectangle>& targets, size_t index) {
+    return targets[index].isEmpty() ||
+           std::any_of(targets.begin() + static_cast<ptrdiff_t>(index) + 1, targets.end(),
+                       [&](const Rectangle& upper) { return covers(upper, targets[index]); });
 }
 
 }  // namespace
 
-GstVideoInfo mixPictureInfo(int width, int height) {
+GstVideoInfo mixVideoInfo(int width, int height) {
     GstVideoInfo info;
     gst_video_info_set_format(&info, GST_VIDEO_FORMAT_I420, static_cast<guint>(width), static_cast<guint>(height));
     gst_video_colorimetry_from_string(&info.colorimetry, GST_VIDEO_COLORIMETRY_BT601);
@@ -76,33 +76,32 @@ GstVideoInfo mixPictureInfo(int width, int height) {
     return info;
 }
 
-// Paints the pictures of one input; made anew when their kind or their place changes.
+// Paints the frames of one input; made anew when their format or placement changes.
 class MixPainter::Scaler {
 public:
-    Scaler(const GstVideoInfo& picture, const GstVideoInfo& canvas, const MixPlace& place)
-        : mPicture(picture), mPlace(place) {
-        const GstVideoColorimetry& colours = picture.colorimetry;
-        if (place.from.width == place.to.width && place.from.height == place.to.height &&
+    Scaler(const GstVideoInfo& frame, const GstVideoInfo& canvas, const Placement& placement)
+        : mFrame(frame), mPlacement(placement) {
+        const GstVideoColorimetry& colours = frame.colorimetry;
+        if (placement.source.width == placement.target.width && placement.source.height == placement.target.height &&
             gst_video_colorimetry_is_equal(&colours, &canvas.colorimetry)) {
             return;
         }
         const auto number = [](int64_t value) { return static_cast<gint>(value); };
-        GstVideoInfo from = picture;
+        GstVideoInfo from = frame;
         if (colours.range != canvas.colorimetry.range && colours.matrix == canvas.colorimetry.matrix) {
-            from.colorimetry.matrix = GST_VIDEO_COLOR_MATRIX_FCC;  // nearly the same: for an equal one, the converter
-        }                                                          // would leave the range as it is
-        GstVideoInfo to = mixPictureInfo(number(place.to.width), number(place.to.height));
+            from.colorimetry.matrix = GST_VIDEO_COLOR_MATRIX_FCC;  // nearly the same: the converter only converts the
+        }                                                          // range if the matrix differs
+        GstVideoInfo to = mixVideoInfo(number(placement.target.width), number(placement.target.height));
         const GstRef<GstBuffer> buffer(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&to), nullptr));
-        gst_video_frame_map(&mScaled, &to, buffer.get(), GST_MAP_READWRITE);  // the frame keeps it
-        // Cubic for colour, too: the linear way, the usual one there, crashes where a picture is halved from an odd
-        // column on.
+        gst_video_frame_map(&mScaled, &to, buffer.get(), GST_MAP_READWRITE);  // the frame holds it
+        // Cubic for chroma, too: the default, linear, crashes if a frame is halved from an odd column on.
         mConverter = gst_video_converter_new(
             &from, &to,
-            gst_structure_new("scaler",                                                                   //
-                              GST_VIDEO_CONVERTER_OPT_SRC_X, G_TYPE_INT, number(place.from.x),            //
-                              GST_VIDEO_CONVERTER_OPT_SRC_Y, G_TYPE_INT, number(place.from.y),            //
-                              GST_VIDEO_CONVERTER_OPT_SRC_WIDTH, G_TYPE_INT, number(place.from.width),    //
-                              GST_VIDEO_CONVERTER_OPT_SRC_HEIGHT, G_TYPE_INT, number(place.from.height),  //
+            gst_structure_new("scaler",                                                                         //
+                              GST_VIDEO_CONVERTER_OPT_SRC_X, G_TYPE_INT, number(placement.source.x),            //
+                              GST_VIDEO_CONVERTER_OPT_SRC_Y, G_TYPE_INT, number(placement.source.y),            //
+                              GST_VIDEO_CONVERTER_OPT_SRC_WIDTH, G_TYPE_INT, number(placement.source.width),    //
+                              GST_VIDEO_CONVERTER_OPT_SRC_HEIGHT, G_TYPE_INT, number(placement.source.height),  //
                               GST_VIDEO_CONVERTER_OPT_CHROMA_RESAMPLER_METHOD, GST_TYPE_VIDEO_RESAMPLER_METHOD,
                               GST_VIDEO_RESAMPLER_METHOD_CUBIC, nullptr));
     }
@@ -115,29 +114,30 @@ public:
     Scaler(const Scaler&) = delete;
     Scaler& operator=(const Scaler&) = delete;
 
-    bool isFor(const GstVideoInfo& picture, const MixPlace& place) const {
-        return gst_video_info_is_equal(&mPicture, &picture) && mPlace.from == place.from && mPlace.to == place.to;
+    bool isFor(const GstVideoInfo& frame, const Placement& placement) const {
+        return gst_video_info_is_equal(&mFrame, &frame) && mPlacement.source == placement.source &&
+               mPlacement.target == placement.target;
     }
 
-    void paint(const MixPicture& picture, GstVideoFrame& canvas) {
+    void paint(const VideoFrame& source, GstVideoFrame& canvas) {
         GstVideoFrame frame;
-        GstVideoInfo info = picture.info;
-        if (!gst_video_frame_map(&frame, &info, picture.buffer.get(), GST_MAP_READ)) {
+        GstVideoInfo info = source.info;
+        if (!gst_video_frame_map(&frame, &info, source.buffer.get(), GST_MAP_READ)) {
             return;
         }
         if (mConverter) {
             gst_video_converter_frame(mConverter, &frame, &mScaled);
-            copy(mScaled, canvas, {{0, 0, mPlace.to.width, mPlace.to.height}, mPlace.to});
+            copy(mScaled, canvas, {{0, 0, mPlacement.target.width, mPlacement.target.height}, mPlacement.target});
         } else {
-            copy(frame, canvas, mPlace);
+            copy(frame, canvas, mPlacement);
         }
         gst_video_frame_unmap(&frame);
     }
 
 private:
-    const GstVideoInfo mPicture;
-    const MixPlace mPlace;
-    GstVideoConverter* mConverter = nullptr;  // null: the picture is copied as it stands
+    const GstVideoInfo mFrame;
+    const Placement mPlacement;
+    GstVideoConverter* mConverter = nullptr;  // null: frames are copied unchanged
     GstVideoFrame mScaled{};
 };
 
@@ -155,44 +155,44 @@ void MixPainter::setCanvas(int width, int height) {
     if (mPool) {
         gst_buffer_pool_set_active(mPool.get(), FALSE);
     }
-    mInfo = mixPictureInfo(width, height);
+    mInfo = mixVideoInfo(width, height);
     mPool = makePool(mInfo);
     mScalers.clear();
 }
 
-GstRef<GstBuffer> MixPainter::paint(uint32_t colour, const std::vector<Part>& parts, bool cropCenter, int64_t now) {
-    const MixRectangle whole{0, 0, GST_VIDEO_INFO_WIDTH(&mInfo), GST_VIDEO_INFO_HEIGHT(&mInfo)};
+GstRef<GstBuffer> MixPainter::paint(uint32_t colour, const std::vector<Layer>& layers, bool cropCenter, int64_t now) {
+    const Rectangle whole{0, 0, GST_VIDEO_INFO_WIDTH(&mInfo), GST_VIDEO_INFO_HEIGHT(&mInfo)};
     GstBuffer* buffer = nullptr;
     GstVideoFrame canvas;
     if (gst_buffer_pool_acquire_buffer(mPool.get(), &buffer, nullptr) != GST_FLOW_OK ||
         !gst_video_frame_map(&canvas, &mInfo, buffer, GST_MAP_WRITE)) {
         return GstRef<GstBuffer>(buffer);
     }
-    std::vector<MixRectangle> places;
-    places.reserve(parts.size());
-    for (const Part& part : parts) {
-        places.push_back(visiblePart(part.rectangle, static_cast<int>(whole.width), static_cast<int>(whole.height)));
+    std::vector<Rectangle> targets;
+    targets.reserve(layers.size());
+    for (const Layer& layer : layers) {
+        targets.push_back(visiblePart(layer.rectangle, static_cast<int>(whole.width), static_cast<int>(whole.height)));
     }
     std::map<const MixFeed*, std::unique_ptr<Scaler>> scalers;
     fill(canvas, whole, colour);
-    for (size_t i = 0; i < parts.size(); ++i) {
-        MixPicture picture;
-        const bool isThere = parts[i].feed->pictureAt(now, picture);
-        if (isHidden(places, i)) {
+    for (size_t i = 0; i < layers.size(); ++i) {
+        VideoFrame frame;
+        const bool hasFrame = layers[i].feed->frameAt(now, frame);
+        if (isHidden(targets, i)) {
             continue;
         }
-        if (!isThere) {
-            fill(canvas, places[i], kAbsent);
+        if (!hasFrame) {
+            fill(canvas, targets[i], kPlaceholder);
             continue;
         }
-        const MixPlace place = placePicture(parts[i].rectangle, places[i], GST_VIDEO_INFO_WIDTH(&picture.info),
-                                            GST_VIDEO_INFO_HEIGHT(&picture.info), cropCenter);
-        std::unique_ptr<Scaler>& scaler = scalers[parts[i].feed.get()];
-        scaler = std::move(mScalers[parts[i].feed.get()]);
-        if (!scaler || !scaler->isFor(picture.info, place)) {
-            scaler = std::make_unique<Scaler>(picture.info, mInfo, place);
+        const Placement placement = placeFrame(layers[i].rectangle, targets[i], GST_VIDEO_INFO_WIDTH(&frame.info),
+                                               GST_VIDEO_INFO_HEIGHT(&frame.info), cropCenter);
+        std::unique_ptr<Scaler>& scaler = scalers[layers[i].feed.get()];
+        scaler = std::move(mScalers[layers[i].feed.get()]);
+        if (!scaler || !scaler->isFor(frame.info, placement)) {
+            scaler = std::make_unique<Scaler>(frame.info, mInfo, placement);
         }
-        scaler->paint(picture, canvas);
+        scaler->paint(frame, canvas);
     }
     mScalers = std::move(scalers);
     gst_video_frame_unmap(&canvas);

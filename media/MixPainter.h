@@ -1,7 +1,7 @@
-// Paints the mix's picture: the canvas's colour, and on it the inputs' pictures, or a quiet grey where there is none.
+// Composes a frame of the mix: the canvas's colour, and on it the inputs' frames, or a dark grey where there is none.
 //
-// The pictures go from the decoders' memory straight to their place, scaled on the way if need be. All of a picture's
-// place is looked up for each frame, so a change lands whole in one.
+// Frames are copied from the decoders' memory straight to the canvas, and scaled on the way if need be. Nothing of the
+// layout is kept from one frame to the next, so a change is applied as a whole.
 
 #ifndef VEXALIVE_MEDIA_MIX_PAINTER_H
 #define VEXALIVE_MEDIA_MIX_PAINTER_H
@@ -14,27 +14,27 @@
 #include <vector>
 
 #include "media/MixFeed.h"
-#include "media/MixPlace.h"
+#include "media/MixLayout.h"
 #include "media/Pipeline.h"
 
 namespace vexalive {
 
-// For one thread.
+/// For one thread.
 class MixPainter {
 public:
-    struct Part {
+    struct Layer {
         std::shared_ptr<MixFeed> feed;
-        MixRectangle rectangle;
+        Rectangle rectangle;
     };
 
     MixPainter();
     ~MixPainter();
 
-    // What follows is painted on a canvas of this size; both even.
+    /// The size of the frames from now on; both even.
     void setCanvas(int width, int height);
 
-    // The picture at the running time `now`, without a timestamp. The last of `parts` is on top.
-    GstRef<GstBuffer> paint(uint32_t colour, const std::vector<Part>& parts, bool cropCenter, int64_t now);
+    /// The frame at running time `now`, without a timestamp; null if no buffer is to be had. The last layer is on top.
+    GstRef<GstBuffer> paint(uint32_t colour, const std::vector<Layer>& layers, bool cropCenter, int64_t now);
 
 private:
     class Scaler;
@@ -44,8 +44,8 @@ private:
     std::map<const MixFeed*, std::unique_ptr<Scaler>> mScalers;
 };
 
-// What every picture of the mix is: a decoder's, too, unless it says otherwise, and then it is painted as it stands.
-GstVideoInfo mixPictureInfo(int width, int height);
+/// The video format of the canvas, and of decoded frames unless their stream declares another colorimetry.
+GstVideoInfo mixVideoInfo(int width, int height);
 
 }  // namespace vexalive
 

@@ -1,4 +1,4 @@
-// Makes a JPEG of a picture of the mix when someone asks for one, on a thread of its own.
+// Encodes frames of the mix as JPEG, on a streaming thread.
 
 #ifndef VEXALIVE_MEDIA_MIX_SNAPSHOTS_H
 #define VEXALIVE_MEDIA_MIX_SNAPSHOTS_H
@@ -14,24 +14,24 @@
 
 namespace vexalive {
 
-// For the main loop's thread.
+/// Main loop only.
 class MixSnapshots {
 public:
     using Done = std::function<void(const std::string& jpeg)>;
 
     MixSnapshots();
 
-    // At most so wide. Calls `done` soon, on the main loop, with an empty text if it fails.
-    void make(GstSample* picture, int width, Done done);
+    /// The image has at most `width` columns. Calls `done` soon, on the main loop, with an empty string on failure.
+    void make(GstSample* frame, int width, Done done);
 
 private:
-    struct Waiting;
+    struct Requests;
 
     void makePipeline(int width, int height);
-    void giveUp();
+    void fail();
 
-    const std::shared_ptr<Waiting> mWaiting;  // shared with what comes back from the streaming thread
-    std::unique_ptr<Pipeline> mPipeline;      // stays as long as the size does
+    const std::shared_ptr<Requests> mRequests;  // shared with tasks from the streaming thread
+    std::unique_ptr<Pipeline> mPipeline;        // for images of this size
     int mWidth = 0;
     int mHeight = 0;
 };

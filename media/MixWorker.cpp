@@ -8,33 +8,37 @@
 #include <numeric>
 #include <utility>
 
+#include "media/Log.h"
 #include "media/MixEncoder.h"
 
 namespace vexalive {
 
 namespace {
 
-constexpr std::chrono::seconds kLook{1};
+constexpr std::chrono::seconds kCheckInterval{1};
+constexpr std::chrono::seconds kIdleTimeout{3};    // without progress, and the output is not running
+constexpr std::chrono::seconds kStallTimeout{10};  // without progress, and it reconnects
 
 }  // namespace
 
-MixWorker::MixWorker() : mOutput([this] { mConductor.requestKeyFrame(); }) {
-    // Threads come and go with the inputs, and the C library would give each a heap of its own: those of decoders'
-    // pictures add up.
+MixWorker::MixWorker()
+    : mSink({"output", kStallTimeout}),
+      mMuxer(std::make_shared<MixMuxer>(mSink.queue(), [this] { mRenderer.requestKeyFrame(); })) {
+    // Threads come and go with the inputs. With an arena for each of them, the memory of decoded frames would add up.
     mallopt(M_ARENA_MAX, 2);
 }
 
 MixWorker::~MixWorker() = default;
 
-void MixWorker::configure(const nlohmann::json& wish) {
-    MixConfiguration next = readMixConfiguration(wish);
-    std::vector<std::unique_ptr<MixInput>> inputs;
-    for (const MixInputWish& input : next.inputs) {
-        inputs.push_back(takeInput(input));
-        inputs.back()->wantPicture(next.video && !input.rectangle.isEmpty());
+void MixWorker::configure(const nlohmann::json& configuration) {
+    MixConfiguration next = readMixConfiguration(configuration);
+    std::vector<std::unique_ptr<MixInputStream>> inputs;
+    for (const InputConfiguration& input : next.inputs) {
+        inputs.push_back(findOrMakeInput(input));
+        inputs.back()->enableVideo(next.video && !input.rectangle.isEmpty());
     }
-    mInputs = std::move(inputs);  // those that are left over end
-    mOutput.frames()->expectVideo(next.video.has_value());
+    mInputs = std::move(inputs);
+    mMuxer->expectVideo(next.video.has_value());
     if (!next.video) {
         mVideoEncoder = Encoder();
     } else if (!(next.video == mConfiguration.video)) {
@@ -45,48 +49,48 @@ void MixWorker::configure(const nlohmann::json& wish) {
     }
     mConfiguration = std::move(next);
     showScene();
-    mOutput.setDestination(mConfiguration.destination);
-    if (mTimer == 0) {
+    mSink.setAddress(mConfiguration.destination);
+    if (!mTimer.isActive()) {
         check();
     }
 }
 
-// An input that stays keeps its connection; one that is named twice has two.
-std::unique_ptr<MixInput> MixWorker::takeInput(const MixInputWish& wish) {
-    for (std::unique_ptr<MixInput>& input : mInputs) {
-        if (input && input->streamId() == wish.streamId && input->source() == wish.source) {
+// An input that stays keeps its connection. An input that is listed twice has two.
+std::unique_ptr<MixInputStream> MixWorker::findOrMakeInput(const InputConfiguration& configuration) {
+    for (std::unique_ptr<MixInputStream>& input : mInputs) {
+        if (input && input->streamId() == configuration.streamId && input->address() == configuration.address) {
             return std::move(input);
         }
     }
-    return std::make_unique<MixInput>(wish.streamId, wish.source);
+    return std::make_unique<MixInputStream>(configuration.streamId, configuration.address);
 }
 
 template <class Format>
 void MixWorker::replaceEncoder(Encoder& encoder, const Format& format) {
     const unsigned number = ++mLastEncoder;
-    std::unique_ptr<Pipeline> pipeline = makeEncoder(
-        format, mOutput.frames(), [this, number](const std::string& error) { encoderEnded(number, error); });
+    std::unique_ptr<Pipeline> pipeline =
+        makeEncoder(format, mMuxer, [this, number](const std::string& error) { encoderEnded(number, error); });
     encoder.number = number;
     encoder.appsrc.reset(GST_ELEMENT(gst_object_ref(pipeline->find("in"))), GstUnref());
     mEncoders[number] = std::move(pipeline);
 }
 
-// One that is used no more ends by and by; one that is used should not, and is made anew with the next look.
+// A replaced encoder ends after its last frame. check() replaces a current one, which ends only by a failure.
 void MixWorker::encoderEnded(unsigned number, const std::string& error) {
     mEncoders.erase(number);
     if (number == mVideoEncoder.number || number == mAudioEncoder.number) {
         (number == mVideoEncoder.number ? mVideoEncoder : mAudioEncoder).number = 0;
         mEncoderError = "an encoder failed: " + error;
-        tell(mEncoderError);
+        logLine(mEncoderError);
     }
 }
 
 void MixWorker::check() {
-    mTimer = callAfter(kLook, [this] { check(); });
-    for (const std::unique_ptr<MixInput>& input : mInputs) {
+    mTimer.start(kCheckInterval, [this] { check(); });
+    for (const std::unique_ptr<MixInputStream>& input : mInputs) {
         input->check();
     }
-    mOutput.check();
+    mSink.check();
     const bool lacksVideo = mConfiguration.video && mVideoEncoder.number == 0;
     const bool lacksAudio = mAudioEncoder.number == 0;
     if (lacksVideo) {
@@ -117,41 +121,45 @@ void MixWorker::showScene() {
         return mConfiguration.inputs[a].layer < mConfiguration.inputs[b].layer;
     });
     for (const size_t index : byLayer) {
-        scene->pictures.push_back({mInputs[index]->feed(), mConfiguration.inputs[index].rectangle});
-        scene->sounds.push_back(mInputs[index]->feed());
+        scene->layers.push_back({mInputs[index]->feed(), mConfiguration.inputs[index].rectangle});
+        scene->audio.push_back(mInputs[index]->feed());
     }
-    mConductor.show(std::move(scene));
+    mRenderer.show(std::move(scene));
 }
 
 WorkerStatus MixWorker::status() const {
+    const MixMuxer::Counts counts = mMuxer->counts();
     WorkerStatus status;
-    status.numbers = mOutput.numbers();
-    status.numbers.dropped += mConductor.dropped();
-    if (status.numbers.state != MediaState::kRunning && status.numbers.error.empty()) {
-        status.numbers.error = mEncoderError;
+    MediaNumbers& numbers = status.numbers;
+    numbers.bytes = mSink.progress().bytes();
+    numbers.frames = counts.frames;
+    numbers.dropped = counts.dropped + mRenderer.dropped();
+    numbers.reconnects = mSink.reconnects();
+    if (mSink.isOpen() && mSink.hasFlowed() && mSink.progress().idleTime() < kIdleTimeout) {
+        numbers.state = MediaState::kRunning;
+    } else {
+        numbers.state = mSink.progress().hasEverFlowed() ? MediaState::kReconnecting : MediaState::kStarting;
+        numbers.error = mSink.error().empty() ? mEncoderError : mSink.error();
     }
-    for (const std::unique_ptr<MixInput>& input : mInputs) {
+    for (const std::unique_ptr<MixInputStream>& input : mInputs) {
         status.inputs.push_back(input->status());
     }
     return status;
 }
 
-void MixWorker::takePicture(int width, std::function<void(const std::string& jpeg)> done) {
-    const GstRef<GstSample> sample = mConductor.picture();
-    if (!sample) {
+void MixWorker::takeSnapshot(int width, std::function<void(const std::string& jpeg)> done) {
+    const GstRef<GstSample> frame = mRenderer.lastFrame();
+    if (!frame) {
         done("");
         return;
     }
-    mSnapshots.make(sample.get(), width, std::move(done));
+    mSnapshots.make(frame.get(), width, std::move(done));
 }
 
 void MixWorker::stop(std::function<void()> done) {
-    if (mTimer != 0) {
-        g_source_remove(mTimer);
-        mTimer = 0;
-    }
+    mTimer.cancel();
     mInputs.clear();
-    mOutput.stop(std::move(done));
+    mSink.stop(std::move(done));
 }
 
 }  // namespace vexalive

@@ -13,23 +13,24 @@ namespace vexalive {
 
 namespace {
 
-// rtmp2src leaks its socket when it is stopped within its handshake, which this is enough for.
-constexpr std::chrono::seconds kHandshake{3};
+// rtmp2src leaks its socket if it is stopped within its handshake.
+constexpr std::chrono::seconds kHandshakeTimeout{3};
+constexpr std::chrono::milliseconds kPollInterval{20};
 
 GstClock* systemClock() {
     static GstClock* const clock = gst_system_clock_obtain();
     return clock;
 }
 
-GstClockTime epoch() {
+GstClockTime baseTime() {
     static const GstClockTime moment = gst_clock_get_time(systemClock());
     return moment;
 }
 
-GstFlowReturn onSample(GstAppSink* sink, gpointer take) {
+GstFlowReturn pullSample(GstAppSink* sink, gpointer onSample) {
     const GstRef<GstSample> sample(gst_app_sink_pull_sample(sink));
     if (sample) {
-        (*static_cast<Pipeline::Take*>(take))(sample.get());
+        (*static_cast<Pipeline::OnSample*>(onSample))(sample.get());
     }
     return GST_FLOW_OK;
 }
@@ -44,12 +45,11 @@ std::string errorOf(GstMessage* message) {
 
 }  // namespace
 
-void readBytes(GstSample* sample, const std::function<void(std::string_view bytes)>& read) {
-    GstMapInfo map;
-    GstBuffer* const buffer = gst_sample_get_buffer(sample);
-    if (gst_buffer_map(buffer, &map, GST_MAP_READ)) {
-        read({reinterpret_cast<const char*>(map.data), map.size});
-        gst_buffer_unmap(buffer, &map);
+MappedBytes::MappedBytes(GstBuffer* buffer) : mBuffer(gst_buffer_map(buffer, &mMap, GST_MAP_READ) ? buffer : nullptr) {}
+
+MappedBytes::~MappedBytes() {
+    if (mBuffer) {
+        gst_buffer_unmap(mBuffer, &mMap);
     }
 }
 
@@ -59,19 +59,18 @@ struct Pipeline::Elements {
     std::atomic<bool> hasFlowed{false};
     std::atomic<bool> hasEnded{false};
 
-    // On a thread of its own.
     void bringDown() {
-        while (!hasFlowed && !hasEnded && std::chrono::steady_clock::now() < played + kHandshake) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        while (!hasFlowed && !hasEnded && std::chrono::steady_clock::now() < played + kHandshakeTimeout) {
+            std::this_thread::sleep_for(kPollInterval);
         }
         gst_element_set_state(pipeline.get(), GST_STATE_NULL);
         pipeline.reset();
     }
 };
 
-GstClockTime Pipeline::runningTime() {
-    const GstClockTime since = epoch();
-    return gst_clock_get_time(systemClock()) - since;
+int64_t Pipeline::runningTime() {
+    const GstClockTime base = baseTime();  // first: the first call defines it
+    return static_cast<int64_t>(gst_clock_get_time(systemClock()) - base);
 }
 
 Pipeline::Pipeline(const std::string& description, Ended ended)
@@ -80,44 +79,43 @@ Pipeline::Pipeline(const std::string& description, Ended ended)
     GstElement* const pipeline =
         gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
     if (!pipeline) {
-        std::fprintf(stderr, "a part of GStreamer is missing: %s\n", error->message);
+        std::fprintf(stderr, "GStreamer cannot build the pipeline: %s\n", error->message);
         std::_Exit(1);
     }
     mElements->pipeline.reset(GST_ELEMENT(gst_object_ref_sink(pipeline)));
     gst_pipeline_use_clock(GST_PIPELINE(pipeline), systemClock());
     gst_element_set_start_time(pipeline, GST_CLOCK_TIME_NONE);
-    gst_element_set_base_time(pipeline, epoch());
+    gst_element_set_base_time(pipeline, baseTime());
     GstBus* const bus = gst_element_get_bus(pipeline);
-    mWatch = gst_bus_add_watch(bus, onMessage, this);
+    mBusWatch = gst_bus_add_watch(bus, onMessage, this);
     gst_object_unref(bus);
 }
 
 Pipeline::~Pipeline() {
-    g_source_remove(mWatch);
+    g_source_remove(mBusWatch);
     std::thread([elements = mElements] { elements->bringDown(); }).detach();
 }
 
-void Pipeline::take(const char* appsink, Take take) {
+void Pipeline::onSample(const char* appsink, OnSample onSample) {
     GstAppSinkCallbacks callbacks{};
-    callbacks.new_sample = onSample;
-    auto each = [elements = mElements.get(), take = std::move(take)](GstSample* sample) {
+    callbacks.new_sample = pullSample;
+    auto each = [elements = mElements.get(), onSample = std::move(onSample)](GstSample* sample) {
         elements->hasFlowed = true;
-        take(sample);
+        onSample(sample);
     };
-    gst_app_sink_set_callbacks(GST_APP_SINK(find(appsink)), &callbacks, new Take(std::move(each)),
-                               [](gpointer held) { delete static_cast<Take*>(held); });
+    gst_app_sink_set_callbacks(GST_APP_SINK(find(appsink)), &callbacks, new OnSample(std::move(each)),
+                               [](gpointer held) { delete static_cast<OnSample*>(held); });
 }
 
-void Pipeline::watch(const char* element, const char* name, std::function<void(GstBuffer*)> seen) {
+void Pipeline::onBuffer(const char* element, const char* name, OnBuffer onBuffer) {
     const GstRef<GstPad> pad(gst_element_get_static_pad(find(element), name));
-    using Seen = std::function<void(GstBuffer*)>;
     gst_pad_add_probe(
         pad.get(), GST_PAD_PROBE_TYPE_BUFFER,
         [](GstPad*, GstPadProbeInfo* info, gpointer held) {
-            (*static_cast<Seen*>(held))(gst_pad_probe_info_get_buffer(info));
-            return GST_PAD_PROBE_OK;
+            const bool passes = (*static_cast<OnBuffer*>(held))(gst_pad_probe_info_get_buffer(info));
+            return passes ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
         },
-        new Seen(std::move(seen)), [](gpointer held) { delete static_cast<Seen*>(held); });
+        new OnBuffer(std::move(onBuffer)), [](gpointer held) { delete static_cast<OnBuffer*>(held); });
 }
 
 void Pipeline::play() {
@@ -125,13 +123,9 @@ void Pipeline::play() {
     gst_element_set_state(mElements->pipeline.get(), GST_STATE_PLAYING);
 }
 
-GstBin* Pipeline::bin() const {
-    return GST_BIN(mElements->pipeline.get());
-}
-
 GstElement* Pipeline::find(const char* name) const {
-    GstElement* const element = gst_bin_get_by_name(bin(), name);
-    gst_object_unref(element);  // the bin holds it
+    GstElement* const element = gst_bin_get_by_name(GST_BIN(mElements->pipeline.get()), name);
+    gst_object_unref(element);  // the pipeline holds it
     return element;
 }
 

@@ -1,6 +1,5 @@
-// A GStreamer pipeline, with what all pipelines of a worker share: the system clock, and the moment from which running
-// time counts. So a running time means the same in each of them, and media passes from one to the next by appsink and
-// appsrc as it stands.
+// A GStreamer pipeline on the system clock. All pipelines of a process share one base time, so a running time means the
+// same in each of them, and media pass from one to the next through appsink and appsrc with their timestamps.
 
 #ifndef VEXALIVE_MEDIA_PIPELINE_H
 #define VEXALIVE_MEDIA_PIPELINE_H
@@ -25,42 +24,54 @@ struct GstUnref {
 template <class T>
 using GstRef = std::unique_ptr<T, GstUnref>;
 
-// rtmp2sink leaves out the header, and holds the first tag until it is connected: then comes the third buffer.
-constexpr uint64_t kBuffersBeforeConnected = 2;
+/// Maps a buffer for reading.
+class MappedBytes {
+public:
+    explicit MappedBytes(GstBuffer* buffer);
+    ~MappedBytes();
+    MappedBytes(const MappedBytes&) = delete;
+    MappedBytes& operator=(const MappedBytes&) = delete;
 
-// Calls `read` with the bytes of a sample's buffer. Any thread.
-void readBytes(GstSample* sample, const std::function<void(std::string_view bytes)>& read);
+    std::string_view get() const { return {reinterpret_cast<const char*>(mMap.data), mMap.size}; }
 
-// For the main loop's thread, but for what is said otherwise.
+private:
+    GstBuffer* mBuffer;  // null: it could not be mapped, and there are no bytes
+    GstMapInfo mMap{};
+};
+
+/// Main loop only, except where a member says otherwise.
+///
+/// Callbacks on a streaming thread may still run for a while after the pipeline has been destroyed: capture shared
+/// ownership of what they use.
 class Pipeline {
 public:
-    // Called once, on the main loop: at the end of the stream with an empty text, or at the first error with what it
-    // was. The pipeline may be destroyed in there.
+    /// Called once, on the main loop: with an empty string at the end of the stream, or with the first error. The
+    /// pipeline may be destroyed in there.
     using Ended = std::function<void(const std::string& error)>;
-    // Called on a streaming thread, for each sample. Keep what it uses alive by capturing shared ownership: a call may
-    // be under way for a while after the pipeline has been destroyed.
-    using Take = std::function<void(GstSample* sample)>;
+    using OnSample = std::function<void(GstSample* sample)>;
+    using OnBuffer = std::function<bool(GstBuffer* buffer)>;
 
-    // `description` as gst-launch-1.0 takes it. A description that is wrong ends the process: it is a mistake of ours,
-    // or a plugin is missing, and the text on stderr says which.
+    /// `description` as gst-launch-1.0 takes it. If it is wrong or a plugin is missing, the process exits with status 1
+    /// and the reason on stderr.
     Pipeline(const std::string& description, Ended ended);
 
-    // Returns at once. The elements are brought down by a thread of their own, which may take seconds: a source is
-    // given the time to get through its handshake.
+    /// Returns at once. Another thread brings the elements down, which may take seconds: a source gets the time to
+    /// complete its handshake.
     ~Pipeline();
     Pipeline(const Pipeline&) = delete;
     Pipeline& operator=(const Pipeline&) = delete;
 
-    void take(const char* appsink, Take take);  // before play()
-    // Calls `seen` for each buffer that is about to pass the pad, on a streaming thread; the rules of Take hold.
-    void watch(const char* element, const char* pad, std::function<void(GstBuffer*)> seen);
+    /// Calls `onSample` for each sample of that appsink, on a streaming thread. Before play().
+    void onSample(const char* appsink, OnSample onSample);
+    /// Calls `onBuffer` for each buffer that is about to pass the pad, on a streaming thread. If it returns false, the
+    /// buffer is dropped.
+    void onBuffer(const char* element, const char* pad, OnBuffer onBuffer);
     void play();
 
-    GstBin* bin() const;                       // borrowed
-    GstElement* find(const char* name) const;  // borrowed; lives as long as the bin holds it
+    GstElement* find(const char* name) const;  ///< borrowed from the pipeline
 
-    // Nanoseconds since the moment that all pipelines share. Any thread.
-    static GstClockTime runningTime();
+    /// Nanoseconds since the base time of all pipelines. Any thread.
+    static int64_t runningTime();
 
 private:
     struct Elements;
@@ -69,7 +80,7 @@ private:
 
     std::shared_ptr<Elements> mElements;
     Ended mEnded;
-    unsigned mWatch = 0;
+    unsigned mBusWatch = 0;
 };
 
 }  // namespace vexalive

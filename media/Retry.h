@@ -1,4 +1,4 @@
-// How long to wait before a connection is tried again.
+// The pauses between attempts to connect.
 
 #ifndef VEXALIVE_MEDIA_RETRY_H
 #define VEXALIVE_MEDIA_RETRY_H
@@ -10,13 +10,15 @@ namespace vexalive {
 
 class Retry {
 public:
-    // 250 ms, and twice as long each time, up to 4 s.
+    /// 250 ms at first, then twice as long each time, up to 4 s.
     std::chrono::milliseconds next() {
         const std::chrono::milliseconds pause = mPause;
         mPause = std::min(2 * mPause, kMax);
         return pause;
     }
-    void succeeded() { mPause = kMin; }
+
+    /// The next pause is the shortest again.
+    void reset() { mPause = kMin; }
 
 private:
     static constexpr std::chrono::milliseconds kMin{250};

@@ -1,4 +1,4 @@
-// How a worker, or one of its inputs, is doing.
+// The status of a worker and of its inputs.
 
 #ifndef VEXALIVE_MEDIA_STATUS_H
 #define VEXALIVE_MEDIA_STATUS_H
@@ -18,10 +18,10 @@ enum class MediaState {
 
 struct MediaNumbers {
     MediaState state = MediaState::kStarting;
-    std::string error;  // the last, in plain words; none while it runs
+    std::string error;  // why it does not run; empty while it does
     uint64_t bytes = 0;
-    uint64_t frames = 0;      // of video; of audio if there is no video
-    uint64_t dropped = 0;     // frames thrown away
+    uint64_t frames = 0;  // of video; of audio if there is no video
+    uint64_t dropped = 0;
     uint64_t reconnects = 0;  // connections after the first
 };
 

@@ -10,9 +10,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <utility>
+
+#include "media/Log.h"
+#include "media/MainLoop.h"
 
 namespace vexalive {
 
@@ -21,11 +23,10 @@ using nlohmann::ordered_json;
 
 namespace {
 
-constexpr int kStatusMilliseconds = 500;
-constexpr int kLookMilliseconds = 50;  // how soon a change of a state is told
-constexpr int kStopMilliseconds = 2000;
+constexpr std::chrono::milliseconds kStatusInterval{500};
+constexpr std::chrono::milliseconds kPollInterval{50};  // between checks for a change of a state
+constexpr std::chrono::milliseconds kStopTimeout{2000};
 constexpr size_t kMaxLineBytes = size_t{1} << 20;
-constexpr int kMaxLinesASecond = 10;
 
 const char* nameOf(MediaState state) {
     switch (state) {
@@ -57,7 +58,7 @@ ordered_json show(const WorkerStatus& status) {
     return shown;
 }
 
-// What is worth a line at once, and not only with the next half second.
+// What is reported at once if it changes.
 std::string statesOf(const WorkerStatus& status) {
     std::string states = nameOf(status.numbers.state) + status.numbers.error;
     for (const InputStatus& input : status.inputs) {
@@ -66,7 +67,7 @@ std::string statesOf(const WorkerStatus& status) {
     return states;
 }
 
-// The service may have gone: then there is nobody to write to, and stdin ends, too.
+// Fails if the service has ended. Then stdin ends, too.
 void writeLine(const ordered_json& line) {
     const std::string text = line.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n";
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -74,9 +75,9 @@ void writeLine(const ordered_json& line) {
 }
 
 std::string base64(const std::string& bytes) {
-    gchar* const text = g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size());
-    std::string result = text;
-    g_free(text);
+    gchar* const encoded = g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size());
+    std::string result = encoded;
+    g_free(encoded);
     return result;
 }
 
@@ -86,20 +87,12 @@ public:
 
     void start() {
         g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), onInput, this);
-        g_timeout_add(kLookMilliseconds, onLook, this);
+        poll();
         g_main_loop_run(mLoop.get());
     }
 
 private:
     static gboolean onInput(gint, GIOCondition, gpointer self) { return static_cast<Run*>(self)->read(); }
-    static gboolean onLook(gpointer self) {
-        static_cast<Run*>(self)->look();
-        return G_SOURCE_CONTINUE;
-    }
-    static gboolean onPatienceEnded(gpointer self) {
-        g_main_loop_quit(static_cast<Run*>(self)->mLoop.get());
-        return G_SOURCE_REMOVE;
-    }
 
     gboolean read() {
         std::array<char, 65536> piece;
@@ -113,52 +106,59 @@ private:
         }
         mInput.append(piece.data(), static_cast<size_t>(count));
         for (size_t end = mInput.find('\n'); end != std::string::npos; end = mInput.find('\n')) {
-            obey(mInput.substr(0, end));
+            handle(mInput.substr(0, end));
             mInput.erase(0, end + 1);
         }
         if (mInput.size() > kMaxLineBytes) {
-            tell("a line of more than " + std::to_string(kMaxLineBytes) + " bytes on stdin: left out");
+            logLine("a line of more than " + std::to_string(kMaxLineBytes) + " bytes on stdin: left out");
             mInput.clear();
         }
         return G_SOURCE_CONTINUE;
     }
 
-    void obey(const std::string& line) {
+    void handle(const std::string& line) {
         try {
             const json message = json::parse(line);
             if (message.contains("snapshot")) {
-                mWorker.takePicture(message["snapshot"].at("width").get<int>(), [](const std::string& jpeg) {
+                mWorker.takeSnapshot(message["snapshot"].at("width").get<int>(), [](const std::string& jpeg) {
                     writeLine({{"snapshot", base64(jpeg)}});
                 });
                 return;
             }
             mWorker.configure(message.at(mName));
-            look();
-        } catch (const json::exception& wrong) {
-            tell(std::string("a line on stdin that is not understood: ") + wrong.what());
+            reportStatus();
+        } catch (const json::exception& error) {
+            logLine(std::string("a line on stdin that is not understood: ") + error.what());
         }
     }
 
-    void look() {
+    void poll() {
+        reportStatus();
+        mPollTimer.start(kPollInterval, [this] { poll(); });
+    }
+
+    // Writes nothing if no state has changed and the interval has not passed.
+    void reportStatus() {
         const auto now = std::chrono::steady_clock::now();
         WorkerStatus status = mWorker.status();
         if (mIsStopping) {
             status.numbers.state = MediaState::kStopping;
         }
         std::string states = statesOf(status);
-        if (states == mToldStates && now < mTold + std::chrono::milliseconds(kStatusMilliseconds)) {
+        if (states == mReportedStates && now < mReported + kStatusInterval) {
             return;
         }
-        mToldStates = std::move(states);
-        mTold = now;
+        mReportedStates = std::move(states);
+        mReported = now;
         writeLine({{"status", show(status)}});
     }
 
     void stop() {
         mIsStopping = true;
-        look();
-        g_timeout_add(kStopMilliseconds, onPatienceEnded, this);
-        mWorker.stop([this] { g_main_loop_quit(mLoop.get()); });
+        reportStatus();
+        const auto quit = [this] { g_main_loop_quit(mLoop.get()); };
+        mStopTimer.start(kStopTimeout, quit);
+        mWorker.stop(quit);
     }
 
     struct Unref {
@@ -167,52 +167,25 @@ private:
     const char* const mName;
     Worker& mWorker;
     const std::unique_ptr<GMainLoop, Unref> mLoop{g_main_loop_new(nullptr, FALSE)};
-    std::string mInput;
-    std::string mToldStates;
-    std::chrono::steady_clock::time_point mTold;
+    Timer mPollTimer;
+    Timer mStopTimer;
+    std::string mInput;  // up to the end of the next line
+    std::string mReportedStates;
+    std::chrono::steady_clock::time_point mReported;
     bool mIsStopping = false;
 };
 
 }  // namespace
 
-void Worker::takePicture(int, std::function<void(const std::string& jpeg)> done) {
+void Worker::takeSnapshot(int, std::function<void(const std::string& jpeg)> done) {
     done("");
 }
 
-// Nothing is torn down but the connections, which stop() has seen to: the system takes back the rest, and no thread of
-// a plugin's can keep the process.
+// Exits without destructors: the streams have ended, the system frees the rest, and a plugin's thread cannot hang the
+// process.
 void runWorker(const char* name, Worker& worker) {
     Run(name, worker).start();
     std::_Exit(0);
-}
-
-unsigned callAfter(std::chrono::milliseconds pause, std::function<void()> what) {
-    return g_timeout_add_full(
-        G_PRIORITY_DEFAULT, static_cast<guint>(pause.count()),
-        [](gpointer held) -> gboolean {
-            (*static_cast<std::function<void()>*>(held))();
-            return G_SOURCE_REMOVE;
-        },
-        new std::function<void()>(std::move(what)),
-        [](gpointer held) { delete static_cast<std::function<void()>*>(held); });
-}
-
-void tell(const std::string& line) {
-    static std::mutex mutex;
-    static std::chrono::steady_clock::time_point second;
-    static int lines = 0;
-    const auto now = std::chrono::steady_clock::now();
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (now >= second + std::chrono::seconds(1)) {
-        if (lines > kMaxLinesASecond) {
-            std::fprintf(stderr, "%d more lines were left out\n", lines - kMaxLinesASecond);
-        }
-        second = now;
-        lines = 0;
-    }
-    if (++lines <= kMaxLinesASecond) {
-        std::fprintf(stderr, "%s\n", line.c_str());
-    }
 }
 
 }  // namespace vexalive

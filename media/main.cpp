@@ -19,6 +19,7 @@ int main(int argc, char** argv) {
         vexalive::MixWorker worker;
         vexalive::runWorker("mix", worker);
     }
-    std::fprintf(stderr, "usage: vexalive-media relay | mix\nStarted by `vexalive serve --media`; not for hands.\n");
+    std::fprintf(stderr,
+                 "usage: vexalive-media relay | mix\nStarted by `vexalive serve --media`; not to be run manually.\n");
     return 2;
 }

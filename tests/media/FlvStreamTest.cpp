@@ -54,7 +54,7 @@ TEST(FlvStream, TellsSetupAndKeyFramesFromTheRest) {
     const bool setup[] = {true, true, true, false, false, false};
     const bool keyFrame[] = {false, true, false, true, false, false};
     for (size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(tags[i].isSetup(), setup[i]) << i;
+        EXPECT_EQ(tags[i].isStreamHeader(), setup[i]) << i;
         EXPECT_EQ(tags[i].isKeyFrame(), keyFrame[i]) << i;
     }
 }
@@ -62,7 +62,7 @@ TEST(FlvStream, TellsSetupAndKeyFramesFromTheRest) {
 TEST(FlvStream, AScriptOfTheServersOwnIsNoSetup) {
     const std::vector<FlvTag> tags = read(std::string(kFlvHeader) + tagOf(18, 0, "|RtmpSampleAccess"), 5);
     ASSERT_EQ(tags.size(), 1U);
-    EXPECT_FALSE(tags[0].isSetup());
+    EXPECT_FALSE(tags[0].isStreamHeader());
     EXPECT_FALSE(tags[0].isMedia());
 }
 
@@ -126,7 +126,7 @@ struct Gate : FlvGate {
     std::string take(const std::string& bytes, size_t waiting = 0, int64_t now = 0) {
         const FlvTag tag = read(std::string(kFlvHeader) + bytes, bytes.size())[0];
         std::string given;
-        see(tag, now);
+        observe(tag, now);
         const bool isPassed = pass(tag, waiting, [&](const FlvTag& each) { given += each.bytes; });
         EXPECT_EQ(isPassed, !given.empty());
         return given;
@@ -158,17 +158,17 @@ TEST(FlvGate, BeginsWithSoundWhereNoVideoComes) {
 
     Gate gate;
     gate.take(kInterFrame, 0, 1000);
-    EXPECT_EQ(gate.take(kSound, 0, 1000 + FlvGate::kSilent), "");
-    EXPECT_EQ(gate.take(kSound, 0, 1001 + FlvGate::kSilent), kSound);
+    EXPECT_EQ(gate.take(kSound, 0, 1000 + FlvGate::kVideoTimeout), "");
+    EXPECT_EQ(gate.take(kSound, 0, 1001 + FlvGate::kVideoTimeout), kSound);
 }
 
 TEST(FlvGate, KeepsWhatWaitsForASlowDestinationBoundedWhateverItIs) {
     for (const std::string& tag : {kMetadata, kVideoSetup, kAudioSetup, kKeyFrame, kInterFrame, kSound}) {
         Gate gate;
         gate.take(kKeyFrame);
-        EXPECT_EQ(gate.take(tag, FlvGate::kMaxWaiting), tag);
+        EXPECT_EQ(gate.take(tag, FlvGate::kMaxQueued), tag);
         for (int i = 0; i < 100; ++i) {
-            EXPECT_EQ(gate.take(tag, FlvGate::kMaxWaiting + 1), "");
+            EXPECT_EQ(gate.take(tag, FlvGate::kMaxQueued + 1), "");
         }
     }
 }
@@ -179,12 +179,12 @@ TEST(FlvGate, GoesOnAtAKeyFrameOnceThereIsRoomAndWithTheLatestSetup) {
     gate.take(kVideoSetup);
     gate.take(kKeyFrame);
     const std::string otherSetup = tagOf(9, 0, {0x17, 0, 7, 8});
-    EXPECT_EQ(gate.take(otherSetup, FlvGate::kMaxWaiting + 1), "");
-    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxWaiting / 4), "");
+    EXPECT_EQ(gate.take(otherSetup, FlvGate::kMaxQueued + 1), "");
+    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxQueued / 4), "");
     EXPECT_EQ(gate.take(kInterFrame), "");
     EXPECT_EQ(gate.take(kMetadata), "");
     EXPECT_EQ(gate.take(kSound), "");
-    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxWaiting / 4 - 1), kMetadata + otherSetup + kKeyFrame);
+    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxQueued / 4 - 1), kMetadata + otherSetup + kKeyFrame);
     EXPECT_EQ(gate.take(kInterFrame), kInterFrame);
 }
 
@@ -192,12 +192,12 @@ TEST(FlvGate, TellsANewDestinationTheSetupAndForgetsThatOfAnOldSource) {
     Gate gate;
     gate.take(kVideoSetup);
     gate.take(kKeyFrame);
-    gate.shut();
+    gate.close();
     EXPECT_EQ(gate.take(kInterFrame), "");
     EXPECT_EQ(gate.take(kKeyFrame), kVideoSetup + kKeyFrame);
-    gate.forgetSetup();
+    gate.forgetHeaders();
     EXPECT_EQ(gate.take(kKeyFrame), kKeyFrame);
-    gate.shut();
+    gate.close();
     EXPECT_EQ(gate.take(kKeyFrame), kKeyFrame);
 }
 

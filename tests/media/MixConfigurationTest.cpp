@@ -41,25 +41,25 @@ TEST(MixConfiguration, ReadsAWholeWish) {
     EXPECT_EQ(mix.destination, "rtmp://127.0.0.1:1935/mix/8888_a");
     EXPECT_TRUE(mix.cropCenter);
     EXPECT_EQ(mix.colour, 0x12abffU);
-    EXPECT_EQ(mix.video, (MixVideo{1280, 720, 25, 900, 3}));
-    EXPECT_EQ(mix.audio, (MixAudio{44100, 96, 1}));
+    EXPECT_EQ(mix.video, (VideoFormat{1280, 720, 25, 900, 3}));
+    EXPECT_EQ(mix.audio, (AudioFormat{44100, 96, 1}));
     ASSERT_EQ(mix.inputs.size(), 1U);
     EXPECT_EQ(mix.inputs[0].streamId, "8888_b");
-    EXPECT_EQ(mix.inputs[0].source, "rtmp://127.0.0.1:1935/live/8888_b");
+    EXPECT_EQ(mix.inputs[0].address, "rtmp://127.0.0.1:1935/live/8888_b");
     EXPECT_EQ(mix.inputs[0].layer, 3);
-    EXPECT_EQ(mix.inputs[0].rectangle, (MixRectangle{-40, 2147483647, 641, 360}));
+    EXPECT_EQ(mix.inputs[0].rectangle, (Rectangle{-40, 2147483647, 641, 360}));
 }
 
 TEST(MixConfiguration, HasDefaults) {
     const MixConfiguration mix = readMixConfiguration(wishWith(json::object()));
-    EXPECT_EQ(mix.video, (MixVideo{1280, 720, 20, 1500, 2}));
-    EXPECT_EQ(mix.audio, (MixAudio{48000, 64, 2}));
+    EXPECT_EQ(mix.video, (VideoFormat{1280, 720, 20, 1500, 2}));
+    EXPECT_EQ(mix.audio, (AudioFormat{48000, 64, 2}));
 }
 
 struct Case {
     int64_t wished;
-    MixVideo video;
-    MixAudio audio;
+    VideoFormat video;
+    AudioFormat audio;
 };
 
 class MixConfigurationNumbers : public testing::TestWithParam<Case> {};

@@ -19,38 +19,38 @@ std::vector<FlvTag> readBack(const std::string& tags) {
 
 TEST(MixFlv, MakesTagsThatAreReadBack) {
     const std::vector<FlvTag> tags = readBack(
-        metadataTag(MixVideo{1280, 720, 20, 1500, 2}, MixAudio{48000, 64, 2}).at(0) +
-        setupTag(FlvTag::Kind::kVideo, "avcc").at(0) + setupTag(FlvTag::Kind::kAudio, "asc").at(1) +
+        metadataTag(VideoFormat{1280, 720, 20, 1500, 2}, AudioFormat{48000, 64, 2}).at(0) +
+        sequenceHeaderTag(FlvTag::Kind::kVideo, "avcc").at(0) + sequenceHeaderTag(FlvTag::Kind::kAudio, "asc").at(1) +
         videoTag("key", true).at(16'777'217) + videoTag("inter", false).at(16'777'250) + audioTag("aac").at(3));
     ASSERT_EQ(tags.size(), 6U);
     EXPECT_EQ(tags[0].kind, FlvTag::Kind::kScript);
-    EXPECT_TRUE(tags[1].isSetup());
+    EXPECT_TRUE(tags[1].isStreamHeader());
     EXPECT_EQ(tags[1].kind, FlvTag::Kind::kVideo);
-    EXPECT_TRUE(tags[2].isSetup());
+    EXPECT_TRUE(tags[2].isStreamHeader());
     EXPECT_EQ(tags[2].kind, FlvTag::Kind::kAudio);
     EXPECT_TRUE(tags[3].isKeyFrame());
-    EXPECT_FALSE(tags[3].isSetup());
+    EXPECT_FALSE(tags[3].isStreamHeader());
     EXPECT_EQ(tags[3].timestamp, 16'777'217);
     EXPECT_FALSE(tags[4].isKeyFrame());
     EXPECT_EQ(tags[5].kind, FlvTag::Kind::kAudio);
-    EXPECT_FALSE(tags[5].isSetup());
+    EXPECT_FALSE(tags[5].isStreamHeader());
 }
 
 TEST(MixFlv, MakesTheBytesOfTheFormat) {
     EXPECT_EQ(videoTag("ab", true).at(0x01020304), "\x09\0\0\x07\x02\x03\x04\x01\0\0\0\x17\x01\0\0\0ab\0\0\0\x12"s);
     EXPECT_EQ(audioTag("ab").at(0), "\x08\0\0\x04\0\0\0\0\0\0\0\xaf\x01"s + "ab\0\0\0\x0f"s);
-    EXPECT_EQ(setupTag(FlvTag::Kind::kAudio, "c").at(0), "\x08\0\0\x03\0\0\0\0\0\0\0\xaf\0c\0\0\0\x0e"s);
+    EXPECT_EQ(sequenceHeaderTag(FlvTag::Kind::kAudio, "c").at(0), "\x08\0\0\x03\0\0\0\0\0\0\0\xaf\0c\0\0\0\x0e"s);
 }
 
 TEST(MixFlv, DescribesWhatThereIs) {
-    const std::string audio = metadataTag(std::nullopt, MixAudio{44100, 64, 1}).bytes;
+    const std::string audio = metadataTag(std::nullopt, AudioFormat{44100, 64, 1}).bytes;
     EXPECT_EQ(audio.find("width"), std::string::npos);
     EXPECT_EQ(audio.find("\x02\0\x0aonMetaData\x08\0\0\0\x05"s), 11U);
     // 44100 as a number of eight bytes
     EXPECT_NE(audio.find("\0\x0f"s + "audiosamplerate" + "\0\x40\xe5\x88\x80\0\0\0\0"s), std::string::npos);
     EXPECT_EQ(metadataTag(std::nullopt, std::nullopt).at(0),
               "\x12\0\0\x15\0\0\0\0\0\0\0\x02\0\x0aonMetaData\x08\0\0\0\0\0\0\x09\0\0\0\x20"s);
-    EXPECT_NE(metadataTag(MixVideo{1280, 720, 20, 1500, 2}, std::nullopt).bytes.find("\0\x05width\0\x40\x94"s),
+    EXPECT_NE(metadataTag(VideoFormat{1280, 720, 20, 1500, 2}, std::nullopt).bytes.find("\0\x05width\0\x40\x94"s),
               std::string::npos);
 }
 

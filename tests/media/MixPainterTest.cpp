@@ -26,10 +26,10 @@ uint8_t& sampleOf(GstVideoFrame& frame, int plane, int x, int y) {
 }
 
 // Of two colours, side by side.
-MixPicture makePicture(int width, int height, const Yuv& left, const Yuv& right) {
-    MixPicture picture;
-    picture.info = mixPictureInfo(width, height);
-    picture.turn = static_cast<int64_t>(Pipeline::runningTime());
+VideoFrame makePicture(int width, int height, const Yuv& left, const Yuv& right) {
+    VideoFrame picture;
+    picture.info = mixVideoInfo(width, height);
+    picture.presentationTime = static_cast<int64_t>(Pipeline::runningTime());
     picture.buffer.reset(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&picture.info), nullptr));
     GstVideoFrame frame;
     gst_video_frame_map(&frame, &picture.info, picture.buffer.get(), GST_MAP_WRITE);
@@ -44,9 +44,9 @@ MixPicture makePicture(int width, int height, const Yuv& left, const Yuv& right)
     return picture;
 }
 
-std::shared_ptr<MixFeed> feedWith(MixPicture picture) {
+std::shared_ptr<MixFeed> feedWith(VideoFrame picture) {
     auto feed = std::make_shared<MixFeed>();
-    feed->putPicture(std::move(picture));
+    feed->putFrame(std::move(picture));
     return feed;
 }
 
@@ -54,12 +54,12 @@ class MixPainterTest : public testing::Test {
 protected:
     void SetUp() override { mPainter.setCanvas(320, 180); }
 
-    GstRef<GstBuffer> paint(const std::vector<MixPainter::Part>& parts, bool cropCenter = true) {
+    GstRef<GstBuffer> paint(const std::vector<MixPainter::Layer>& parts, bool cropCenter = true) {
         return mPainter.paint(0, parts, cropCenter, static_cast<int64_t>(Pipeline::runningTime()));
     }
 
     static Yuv at(const GstRef<GstBuffer>& buffer, int x, int y) {
-        GstVideoInfo info = mixPictureInfo(320, 180);
+        GstVideoInfo info = mixVideoInfo(320, 180);
         GstVideoFrame frame;
         gst_video_frame_map(&frame, &info, buffer.get(), GST_MAP_READ);
         const Yuv found{sampleOf(frame, 0, x, y), sampleOf(frame, 1, x, y), sampleOf(frame, 2, x, y)};
@@ -103,8 +103,8 @@ TEST_F(MixPainterTest, ScalesAPictureToItsRectangle) {
 }
 
 TEST_F(MixPainterTest, PutsTheLastOnTop) {
-    const MixPainter::Part lower{feedWith(makePicture(64, 36, kLeft, kLeft)), {0, 0, 100, 100}};
-    const MixPainter::Part upper{feedWith(makePicture(64, 36, kOther, kOther)), {50, 50, 100, 100}};
+    const MixPainter::Layer lower{feedWith(makePicture(64, 36, kLeft, kLeft)), {0, 0, 100, 100}};
+    const MixPainter::Layer upper{feedWith(makePicture(64, 36, kOther, kOther)), {50, 50, 100, 100}};
     const auto canvas = paint({lower, upper});
     EXPECT_EQ(at(canvas, 40, 40), kLeft);
     EXPECT_EQ(at(canvas, 70, 70), kOther);
@@ -112,7 +112,7 @@ TEST_F(MixPainterTest, PutsTheLastOnTop) {
 }
 
 TEST_F(MixPainterTest, ConvertsOtherColours) {
-    MixPicture full = makePicture(64, 36, {0, 128, 128}, {255, 128, 128});
+    VideoFrame full = makePicture(64, 36, {0, 128, 128}, {255, 128, 128});
     full.info.colorimetry.range = GST_VIDEO_COLOR_RANGE_0_255;
     const auto canvas = paint({{feedWith(std::move(full)), {100, 60, 64, 36}}});
     EXPECT_NEAR(at(canvas, 110, 80)[0], 16, 1);
@@ -124,7 +124,7 @@ TEST_F(MixPainterTest, ConvertsOtherColours) {
 TEST_F(MixPainterTest, TakesAnotherSizeOfThePictureAndOfTheCanvas) {
     const auto feed = feedWith(makePicture(64, 36, kLeft, kLeft));
     paint({{feed, {0, 0, 100, 100}}});
-    feed->putPicture(makePicture(36, 64, kOther, kOther));
+    feed->putFrame(makePicture(36, 64, kOther, kOther));
     EXPECT_EQ(at(paint({{feed, {0, 0, 100, 100}}}), 50, 50), kOther);
     mPainter.setCanvas(640, 360);
     EXPECT_EQ(gst_buffer_get_size(paint({{feed, {0, 0, 100, 100}}}).get()), 640U * 360 * 3 / 2);
@@ -138,25 +138,25 @@ TEST(MixFeed, ShowsEachPictureInItsTurnHoweverEarlyTheyCome) {
     int64_t now = turn;
     for (int i = 0; i < 200; ++i, now += kFrame) {
         for (; turn <= now + kAhead; turn += kFrame) {
-            MixPicture picture;
-            picture.turn = turn;
+            VideoFrame picture;
+            picture.presentationTime = turn;
             picture.buffer.reset(gst_buffer_new());
-            feed.putPicture(std::move(picture));
+            feed.putFrame(std::move(picture));
         }
-        MixPicture shown;
-        ASSERT_TRUE(feed.pictureAt(now, shown)) << i;
-        ASSERT_EQ(shown.turn, now) << i;
+        VideoFrame shown;
+        ASSERT_TRUE(feed.frameAt(now, shown)) << i;
+        ASSERT_EQ(shown.presentationTime, now) << i;
     }
 }
 
 TEST(MixFeed, ShowsAPictureWhoseTurnIsFarOff) {
     MixFeed feed;
-    MixPicture picture = makePicture(64, 36, kLeft, kRight);
-    const int64_t now = picture.turn;
-    picture.turn += 3600'000'000'000;
-    feed.putPicture(std::move(picture));
-    MixPicture shown;
-    EXPECT_TRUE(feed.pictureAt(now, shown));
+    VideoFrame picture = makePicture(64, 36, kLeft, kRight);
+    const int64_t now = picture.presentationTime;
+    picture.presentationTime += 3600'000'000'000;
+    feed.putFrame(std::move(picture));
+    VideoFrame shown;
+    EXPECT_TRUE(feed.frameAt(now, shown));
 }
 
 // Whatever stands in a wish: no crash, and nothing painted beside the rectangle.
@@ -168,17 +168,17 @@ TEST_F(MixPainterTest, BearsEveryPlace) {
     for (int round = 0; round < 3000; ++round) {
         const auto feed = feedWith(makePicture(2 * any(1, 90), any(2, 130), kLeft, kRight));
         const bool isFar = any(0, 9) == 0;
-        MixRectangle rectangle{any(-400, 400), any(-400, 400), any(0, 500), any(0, 500)};
+        Rectangle rectangle{any(-400, 400), any(-400, 400), any(0, 500), any(0, 500)};
         if (isFar) {
             rectangle.width = INT32_MAX;
         }
         const bool cropsCenter = any(0, 1) == 0;
         if (any(0, 3) == 0) {  // exactly halved, from any column on
             rectangle.width = rectangle.height = 64;
-            feed->putPicture(makePicture(128 + 2 * any(0, 20), 128, kLeft, kRight));
+            feed->putFrame(makePicture(128 + 2 * any(0, 20), 128, kLeft, kRight));
         }
         const auto canvas = paint({{feed, rectangle}}, cropsCenter);
-        const MixRectangle to = visiblePart(rectangle, 320, 180);
+        const Rectangle to = visiblePart(rectangle, 320, 180);
         if (to.x > 0) {
             ASSERT_EQ(at(canvas, static_cast<int>(to.x) - 1, 90), kBlack) << round;
         }

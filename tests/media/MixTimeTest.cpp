@@ -5,14 +5,14 @@
 #include <deque>
 #include <vector>
 
-#include "media/MixSound.h"
+#include "media/AudioRing.h"
 #include "media/MixTimeline.h"
 
 namespace vexalive {
 namespace {
 
 constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kCushion = MixTimeline::kCushion;
+constexpr int64_t kCushion = MixTimeline::kTargetLead;
 
 TEST(MixTimeline, GivesAudioAndVideoOneOffset) {
     MixTimeline timeline;
@@ -67,17 +67,17 @@ TEST(MixTimeline, MovesAtOnceForAJumpOfThePublishersClock) {
 }
 
 std::vector<float> samples(int64_t count, float value) {
-    return std::vector<float>(static_cast<size_t>(count) * MixSound::kChannels, value);
+    return std::vector<float>(static_cast<size_t>(count) * AudioRing::kChannels, value);
 }
 
-std::vector<float> heard(const MixSound& sound, int64_t position, int64_t count) {
+std::vector<float> heard(const AudioRing& sound, int64_t position, int64_t count) {
     std::vector<float> sum = samples(count, 0);
     sound.addTo(sum.data(), position, count);
     return sum;
 }
 
-TEST(MixSound, AddsWhatThereIs) {
-    MixSound sound;
+TEST(AudioRing, AddsWhatThereIs) {
+    AudioRing sound;
     sound.put(10'000, samples(100, 0.25F).data(), 100);
     std::vector<float> sum = samples(4, 0.5F);
     sound.addTo(sum.data(), 9998, 4);
@@ -85,39 +85,39 @@ TEST(MixSound, AddsWhatThereIs) {
     EXPECT_EQ(heard(sound, 10'099, 2), (std::vector<float>{0.25F, 0.25F, 0, 0}));
 }
 
-TEST(MixSound, JoinsWhatNearlyFollows) {
-    MixSound sound;
+TEST(AudioRing, JoinsWhatNearlyFollows) {
+    AudioRing sound;
     sound.put(10'000, samples(1024, 1).data(), 1024);
     sound.put(11'060, samples(1024, 2).data(), 1024);
     EXPECT_EQ(heard(sound, 11'023, 2), (std::vector<float>{1, 1, 2, 2}));
 }
 
-TEST(MixSound, IsSilentInAGap) {
-    MixSound sound;
+TEST(AudioRing, IsSilentInAGap) {
+    AudioRing sound;
     sound.put(10'000, samples(1000, 1).data(), 1000);
     sound.put(20'000, samples(1000, 2).data(), 1000);
     EXPECT_EQ(heard(sound, 10'999, 2), (std::vector<float>{1, 1, 0, 0}));
     EXPECT_EQ(heard(sound, 19'999, 2), (std::vector<float>{0, 0, 2, 2}));
 }
 
-TEST(MixSound, ForgetsWhatIsOld) {
-    MixSound sound;
-    sound.put(0, samples(MixSound::kRate, 1).data(), MixSound::kRate);
+TEST(AudioRing, ForgetsWhatIsOld) {
+    AudioRing sound;
+    sound.put(0, samples(AudioRing::kRate, 1).data(), AudioRing::kRate);
     for (int64_t second = 1; second < 5; ++second) {
-        sound.put(second * MixSound::kRate, samples(MixSound::kRate, 2).data(), MixSound::kRate);
+        sound.put(second * AudioRing::kRate, samples(AudioRing::kRate, 2).data(), AudioRing::kRate);
     }
     EXPECT_EQ(heard(sound, 100, 1), (std::vector<float>{0, 0}));
-    EXPECT_EQ(heard(sound, 5 * MixSound::kRate - 1, 1), (std::vector<float>{2, 2}));
+    EXPECT_EQ(heard(sound, 5 * AudioRing::kRate - 1, 1), (std::vector<float>{2, 2}));
 }
 
 // It falls behind by 360 ms in two minutes, on an uneven road. The mix takes what there is every 20 ms.
-TEST(MixSound, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
+TEST(AudioRing, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
     struct Piece {
         int64_t decoded;
         int64_t turn;
     };
     MixTimeline timeline;
-    MixSound sound;
+    AudioRing sound;
     std::deque<Piece> decoding;
     int64_t pieces = 0;
     int64_t silent = 0;
@@ -128,12 +128,12 @@ TEST(MixSound, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
             decoding.push_back({now + 5, timeline.at(MixTimeline::kAudio, pieces * 20 * kMs, now * kMs)});
         }
         for (; !decoding.empty() && decoding.front().decoded <= now; decoding.pop_front()) {
-            sound.put(MixSound::positionOf(decoding.front().turn), samples(960, 1).data(), 960);
+            sound.put(AudioRing::positionOf(decoding.front().turn), samples(960, 1).data(), 960);
         }
         if (now % 20 != 7 || now < 1000) {
             continue;
         }
-        for (const float sample : heard(sound, MixSound::positionOf((now - 20) * kMs), 960)) {
+        for (const float sample : heard(sound, AudioRing::positionOf((now - 20) * kMs), 960)) {
             gaps += !isSilent && sample == 0 ? 1 : 0;
             silent += sample == 0 ? 1 : 0;
             isSilent = sample == 0;
@@ -141,13 +141,13 @@ TEST(MixSound, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
     }
     EXPECT_GE(gaps, 1);
     EXPECT_LE(gaps, 4);
-    EXPECT_LT(silent / static_cast<int64_t>(MixSound::kChannels), gaps * MixSound::kRate * 150 / 1000);
+    EXPECT_LT(silent / static_cast<int64_t>(AudioRing::kChannels), gaps * AudioRing::kRate * 150 / 1000);
 }
 
-TEST(MixSound, CountsForDays) {
+TEST(AudioRing, CountsForDays) {
     constexpr int64_t kMonth = int64_t{30} * 24 * 3600;
-    EXPECT_EQ(MixSound::positionOf(kMonth * 1'000'000'000), kMonth * MixSound::kRate);
-    EXPECT_EQ(MixSound::timeOf(kMonth * MixSound::kRate), kMonth * 1'000'000'000);
+    EXPECT_EQ(AudioRing::positionOf(kMonth * 1'000'000'000), kMonth * AudioRing::kRate);
+    EXPECT_EQ(AudioRing::timeOf(kMonth * AudioRing::kRate), kMonth * 1'000'000'000);
 }
 
 }  // namespace

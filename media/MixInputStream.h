@@ -1,0 +1,53 @@
+// One input of a mix: receives a stream from the origin, decodes it, and puts the media into its feed.
+//
+//     RtmpSource ── tags, given presentation times ──▶ appsrc ! h264parse ! avdec_h264 ! appsink ──▶ MixFeed
+//                                                      appsrc ! aacparse ! avdec_aac ! … ! appsink ──▶
+
+#ifndef VEXALIVE_MEDIA_MIX_INPUT_STREAM_H
+#define VEXALIVE_MEDIA_MIX_INPUT_STREAM_H
+
+#include <memory>
+#include <string>
+
+#include "media/MixFeed.h"
+#include "media/Pipeline.h"
+#include "media/RtmpSource.h"
+#include "media/Status.h"
+
+namespace vexalive {
+
+/// Main loop only.
+class MixInputStream {
+public:
+    MixInputStream(std::string streamId, std::string address);
+    ~MixInputStream();
+
+    const std::string& streamId() const { return mStreamId; }
+    const std::string& address() const { return mAddress; }
+    const std::shared_ptr<MixFeed>& feed() const { return mFeed; }
+
+    /// Whether video is decoded.
+    void enableVideo(bool isEnabled);
+
+    /// To be called once a second: gives up a connection on which nothing comes, or nothing that can be decoded.
+    void check();
+    InputStatus status() const;
+
+private:
+    class Demuxer;
+
+    void makeDecoders();
+    void decodingFailed(const std::string& error);
+
+    const std::string mStreamId;
+    const std::string mAddress;
+    const std::shared_ptr<MixFeed> mFeed;
+    const std::shared_ptr<Demuxer> mDemuxer;  // shared with the streaming threads
+    std::unique_ptr<Pipeline> mDecoders;      // made anew with each connection
+    RtmpSource mSource;
+    std::string mDecodingError;  // empty once all has gone well for a while
+};
+
+}  // namespace vexalive
+
+#endif

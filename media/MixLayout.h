@@ -1,0 +1,31 @@
+// Where an input's video appears on the canvas, and which part of it.
+
+#ifndef VEXALIVE_MEDIA_MIX_LAYOUT_H
+#define VEXALIVE_MEDIA_MIX_LAYOUT_H
+
+#include "media/MixConfiguration.h"
+
+namespace vexalive {
+
+struct Placement {
+    Rectangle source;  ///< in the frame
+    Rectangle target;  ///< on the canvas, and within it
+};
+
+/// The part of `rectangle` on a canvas of that size; may be empty. All edges are even, since four pixels share their
+/// colour: rectangles that touch still touch.
+Rectangle visiblePart(const Rectangle& rectangle, int canvasWidth, int canvasHeight);
+
+/// `target` is a visible part of `rectangle`, not empty. The frame is stretched to the rectangle; with `cropCenter` it
+/// keeps its aspect ratio, fills the rectangle, and is cropped evenly on both sides.
+Placement placeFrame(const Rectangle& rectangle, const Rectangle& target, int frameWidth, int frameHeight,
+                     bool cropCenter);
+
+inline bool covers(const Rectangle& upper, const Rectangle& lower) {
+    return upper.x <= lower.x && upper.y <= lower.y && upper.x + upper.width >= lower.x + lower.width &&
+           upper.y + upper.height >= lower.y + lower.height;
+}
+
+}  // namespace vexalive
+
+#endif

@@ -1,0 +1,74 @@
+// Sends FLV tags to an RTMP server.
+//
+//     RtmpQueue ──▶ appsrc ! rtmp2sink
+
+#ifndef VEXALIVE_MEDIA_RTMP_SINK_H
+#define VEXALIVE_MEDIA_RTMP_SINK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "media/RtmpClient.h"
+
+namespace vexalive {
+
+/// The tags that wait for the server. Any thread.
+class RtmpQueue {
+public:
+    explicit RtmpQueue(std::shared_ptr<RtmpProgress> progress) : mProgress(std::move(progress)) {}
+
+    /// The number of the current connection, 0 for none. Another number than before means a server that knows nothing
+    /// of the stream yet.
+    unsigned connection() const;
+
+    size_t bytes() const;   ///< that wait; 0 without a connection
+    size_t frames() const;  ///< the same, in tags
+
+    /// Adds a tag, unless that connection has ended.
+    void push(unsigned connection, const std::string& tag);
+
+    /// The FLV header is the first that the server gets.
+    void attach(unsigned connection, GstElement* appsrc);
+    void detach();
+
+private:
+    void pushBytes(std::string_view bytes) KST_REQUIRES(mMutex);
+
+    const std::shared_ptr<RtmpProgress> mProgress;
+
+    mutable KstMutex mMutex;
+    unsigned mConnection KST_GUARDED_BY(mMutex) = 0;
+    GstRef<GstElement> mAppsrc KST_GUARDED_BY(mMutex);
+};
+
+class RtmpSink final : public RtmpClient {
+public:
+    static constexpr const char* kStalledError = "it takes nothing any more";
+
+    explicit RtmpSink(Rules rules);
+
+    const std::shared_ptr<RtmpQueue>& queue() const { return mQueue; }
+
+    /// Tags wait, and the server has taken none for that long.
+    bool isStalled(std::chrono::milliseconds timeout) const override;
+
+    /// Ends the stream at the server, then calls `done`.
+    void stop(std::function<void()> done);
+
+private:
+    std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::Ended ended) override;
+    void close() override { mQueue->detach(); }
+    void ended(const std::string& error) override;
+    std::string endError() const override { return "it ended the stream"; }
+    std::string stallError() const override { return kStalledError; }
+
+    const std::shared_ptr<RtmpQueue> mQueue;  // shared with the streaming threads
+    std::function<void()> mOnStopped;         // null unless stopping
+};
+
+}  // namespace vexalive
+
+#endif
