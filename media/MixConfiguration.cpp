@@ -47,6 +47,7 @@ int readSide(const json& canvas, const char* key) {
     return static_cast<int>(side + side % 2);
 }
 
+// Throws json::exception, as readMix().
 InputConfiguration readInput(const json& fields) {
     InputConfiguration input;
     input.streamId = fields.at("stream_id").get<std::string>();
@@ -59,9 +60,7 @@ InputConfiguration readInput(const json& fields) {
     return input;
 }
 
-}  // namespace
-
-MixConfiguration readMixConfiguration(const json& configuration) {
+MixConfiguration readMix(const json& configuration) {
     const json& output = configuration.at("output");
     const json& canvas = configuration.at("canvas");
     MixConfiguration mix;
@@ -84,6 +83,16 @@ MixConfiguration readMixConfiguration(const json& configuration) {
         mix.inputs.push_back(readInput(input));
     }
     return mix;
+}
+
+}  // namespace
+
+Result<MixConfiguration> readMixConfiguration(const json& configuration) {
+    try {
+        return readMix(configuration);
+    } catch (const json::exception& error) {
+        return failure(error.what());
+    }
 }
 
 }  // namespace vexalive

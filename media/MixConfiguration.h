@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "common/Result.h"
+
 namespace vexalive {
 
 /// In pixels of the canvas or of a frame. May reach beyond either.
@@ -65,8 +67,8 @@ struct MixConfiguration {
     std::vector<InputConfiguration> inputs;
 };
 
-/// Throws nlohmann::json::exception if a field has the wrong type or is missing; those of "output" have defaults.
-MixConfiguration readMixConfiguration(const nlohmann::json& configuration);
+/// Fails if a field has the wrong type or is missing; those of "output" have defaults.
+Result<MixConfiguration> readMixConfiguration(const nlohmann::json& configuration);
 
 }  // namespace vexalive
 

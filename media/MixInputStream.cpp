@@ -241,7 +241,7 @@ void MixInputStream::makeDecoders() {
         " ! aacparse ! avdec_aac ! audioconvert ! audioresample"
         " ! audio/x-raw,format=F32LE,layout=interleaved,rate=48000,channels=2"
         " ! appsink name=samples sync=false async=false",
-        [this](const std::string& error) { decodingFailed(error); });
+        [this](const Result<void>& result) { decodingFailed(result ? "its stream ended" : result.error().message); });
     const GstRef<GstPad> frames(gst_element_get_static_pad(mDecoders->find("frames"), "sink"));
     gst_pad_add_probe(frames.get(), GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, allowPadding, nullptr, nullptr);
     mDecoders->onSample("frames", [feed = mFeed, demuxer = mDemuxer](GstSample* sample) {
@@ -276,27 +276,27 @@ void MixInputStream::check() {
 }
 
 InputStatus MixInputStream::status() const {
-    MediaNumbers numbers;
-    numbers.bytes = mSource.progress().bytes();
-    numbers.frames = mSource.frames();
-    numbers.dropped = mDemuxer->dropped();
-    numbers.reconnects = mSource.reconnects();
-    const bool hasRun = numbers.frames > 0;
+    StreamStatus stream;
+    stream.bytes = mSource.progress().bytes();
+    stream.frames = mSource.frames();
+    stream.dropped = mDemuxer->dropped();
+    stream.reconnects = mSource.reconnects();
+    const bool hasRun = stream.frames > 0;
     if (mSource.isFlowing(kIdleTimeout)) {
-        numbers.state = MediaState::kRunning;
-        numbers.error = mDecodingError.empty() ? mDemuxer->error() : mDecodingError;
-        return {mStreamId, numbers};
+        stream.state = WorkerState::kRunning;
+        stream.error = mDecodingError.empty() ? mDemuxer->error() : mDecodingError;
+        return {mStreamId, stream};
     }
-    numbers.state = hasRun ? MediaState::kReconnecting : MediaState::kStarting;
+    stream.state = hasRun ? WorkerState::kReconnecting : WorkerState::kStarting;
     const bool isNew = !mSource.isOpen() || mSource.progress().idleTime() < kIdleTimeout;
     if (isNew && !mSource.error().empty()) {
-        numbers.error = mSource.error();
+        stream.error = mSource.error();
     } else if (mSource.hasFlowed()) {
-        numbers.error = "nothing comes from " + mStreamId;
+        stream.error = "nothing comes from " + mStreamId;
     } else if (!isNew || mSource.progress().connections() > 1) {
-        numbers.error = absenceOf(mStreamId, hasRun);
+        stream.error = absenceOf(mStreamId, hasRun);
     }
-    return {mStreamId, numbers};
+    return {mStreamId, stream};
 }
 
 }  // namespace vexalive

@@ -9,10 +9,10 @@
 #include <memory>
 #include <string>
 
+#include "common/WorkerStatus.h"
 #include "media/MixFeed.h"
 #include "media/Pipeline.h"
 #include "media/RtmpSource.h"
-#include "media/Status.h"
 
 namespace vexalive {
 

@@ -60,8 +60,8 @@ void MixSnapshots::makePipeline(int width, int height) {
         ",width=" +
             std::to_string(width) + ",height=" + std::to_string(height) +
             " ! jpegenc ! appsink name=out sync=false async=false",
-        [this](const std::string& error) {
-            logLine("no snapshot: " + error);
+        [this](const Result<void>& result) {
+            logLine("no snapshot: " + (result ? "the pipeline ended" : result.error().message));
             fail();
         });
     mPipeline->onSample("out", [requests = mRequests, number = mRequests->pipeline](GstSample* sample) {

@@ -30,8 +30,12 @@ MixWorker::MixWorker()
 
 MixWorker::~MixWorker() = default;
 
-void MixWorker::configure(const nlohmann::json& configuration) {
-    MixConfiguration next = readMixConfiguration(configuration);
+Result<void> MixWorker::configure(const nlohmann::json& configuration) {
+    Result<MixConfiguration> read = readMixConfiguration(configuration);
+    if (!read) {
+        return tl::unexpected(read.error());
+    }
+    MixConfiguration& next = *read;
     std::vector<std::unique_ptr<MixInputStream>> inputs;
     for (const InputConfiguration& input : next.inputs) {
         inputs.push_back(findOrMakeInput(input));
@@ -53,6 +57,7 @@ void MixWorker::configure(const nlohmann::json& configuration) {
     if (!mTimer.isActive()) {
         check();
     }
+    return {};
 }
 
 // An input that stays keeps its connection. An input that is listed twice has two.
@@ -69,18 +74,18 @@ template <class Format>
 void MixWorker::replaceEncoder(Encoder& encoder, const Format& format) {
     const unsigned number = ++mLastEncoder;
     std::unique_ptr<Pipeline> pipeline =
-        makeEncoder(format, mMuxer, [this, number](const std::string& error) { encoderEnded(number, error); });
+        makeEncoder(format, mMuxer, [this, number](const Result<void>& result) { encoderEnded(number, result); });
     encoder.number = number;
     encoder.appsrc.reset(GST_ELEMENT(gst_object_ref(pipeline->find("in"))), GstUnref());
     mEncoders[number] = std::move(pipeline);
 }
 
 // A replaced encoder ends after its last frame. check() replaces a current one, which ends only by a failure.
-void MixWorker::encoderEnded(unsigned number, const std::string& error) {
+void MixWorker::encoderEnded(unsigned number, const Result<void>& result) {
     mEncoders.erase(number);
     if (number == mVideoEncoder.number || number == mAudioEncoder.number) {
         (number == mVideoEncoder.number ? mVideoEncoder : mAudioEncoder).number = 0;
-        mEncoderError = "an encoder failed: " + error;
+        mEncoderError = "an encoder failed: " + (result ? "its stream ended" : result.error().message);
         logLine(mEncoderError);
     }
 }
@@ -130,16 +135,16 @@ void MixWorker::showScene() {
 WorkerStatus MixWorker::status() const {
     const MixMuxer::Counts counts = mMuxer->counts();
     WorkerStatus status;
-    MediaNumbers& numbers = status.numbers;
-    numbers.bytes = mSink.progress().bytes();
-    numbers.frames = counts.frames;
-    numbers.dropped = counts.dropped + mRenderer.dropped();
-    numbers.reconnects = mSink.reconnects();
+    StreamStatus& output = status.output;
+    output.bytes = mSink.progress().bytes();
+    output.frames = counts.frames;
+    output.dropped = counts.dropped + mRenderer.dropped();
+    output.reconnects = mSink.reconnects();
     if (mSink.isOpen() && mSink.hasFlowed() && mSink.progress().idleTime() < kIdleTimeout) {
-        numbers.state = MediaState::kRunning;
+        output.state = WorkerState::kRunning;
     } else {
-        numbers.state = mSink.progress().hasEverFlowed() ? MediaState::kReconnecting : MediaState::kStarting;
-        numbers.error = mSink.error().empty() ? mEncoderError : mSink.error();
+        output.state = mSink.progress().hasEverFlowed() ? WorkerState::kReconnecting : WorkerState::kStarting;
+        output.error = mSink.error().empty() ? mEncoderError : mSink.error();
     }
     for (const std::unique_ptr<MixInputStream>& input : mInputs) {
         status.inputs.push_back(input->status());

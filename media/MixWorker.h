@@ -30,7 +30,7 @@ public:
     MixWorker();
     ~MixWorker() override;
 
-    void configure(const nlohmann::json& configuration) override;
+    Result<void> configure(const nlohmann::json& configuration) override;
     WorkerStatus status() const override;
     void takeSnapshot(int width, std::function<void(const std::string& jpeg)> done) override;
     void stop(std::function<void()> done) override;
@@ -45,7 +45,7 @@ private:
     std::unique_ptr<MixInputStream> findOrMakeInput(const InputConfiguration& configuration);
     template <class Format>
     void replaceEncoder(Encoder& encoder, const Format& format);
-    void encoderEnded(unsigned number, const std::string& error);
+    void encoderEnded(unsigned number, const Result<void>& result);
     void showScene();
     void check();
 

@@ -134,7 +134,7 @@ int Pipeline::onMessage(GstBus*, GstMessage* message, void* self) {
     const GstMessageType type = GST_MESSAGE_TYPE(message);
     if ((type == GST_MESSAGE_EOS || type == GST_MESSAGE_ERROR) && !pipeline.mElements->hasEnded.exchange(true)) {
         const Ended ended = pipeline.mEnded;  // a copy: the call may destroy the pipeline
-        ended(type == GST_MESSAGE_EOS ? std::string() : errorOf(message));
+        ended(type == GST_MESSAGE_EOS ? Result<void>() : failure(errorOf(message)));
     }
     return G_SOURCE_CONTINUE;
 }

@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "common/Result.h"
+
 namespace vexalive {
 
 struct GstUnref {
@@ -35,8 +37,8 @@ public:
     std::string_view get() const { return {reinterpret_cast<const char*>(mMap.data), mMap.size}; }
 
 private:
-    GstBuffer* mBuffer;  // null: it could not be mapped, and there are no bytes
     GstMapInfo mMap{};
+    GstBuffer* const mBuffer;  // null: it could not be mapped, and there are no bytes
 };
 
 /// Main loop only, except where a member says otherwise.
@@ -45,9 +47,9 @@ private:
 /// ownership of what they use.
 class Pipeline {
 public:
-    /// Called once, on the main loop: with an empty string at the end of the stream, or with the first error. The
-    /// pipeline may be destroyed in there.
-    using Ended = std::function<void(const std::string& error)>;
+    /// Called once, on the main loop, at the end of the stream or with the first error. The pipeline may be destroyed
+    /// in there.
+    using Ended = std::function<void(const Result<void>& result)>;
     using OnSample = std::function<void(GstSample* sample)>;
     using OnBuffer = std::function<bool(GstBuffer* buffer)>;
 

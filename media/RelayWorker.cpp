@@ -82,12 +82,19 @@ RelayWorker::RelayWorker()
 
 RelayWorker::~RelayWorker() = default;
 
-void RelayWorker::configure(const nlohmann::json& configuration) {
-    const std::string source = configuration.at("source").get<std::string>();
-    const std::string destination = configuration.at("destination").get<std::string>();
+Result<void> RelayWorker::configure(const nlohmann::json& configuration) {
+    std::string source;
+    std::string destination;
+    try {
+        source = configuration.at("source").get<std::string>();
+        destination = configuration.at("destination").get<std::string>();
+    } catch (const nlohmann::json::exception& error) {
+        return failure(error.what());
+    }
     mStreamId = source.substr(source.rfind('/') + 1);
     mSource.setAddress(source);
     mDestination.setAddress(destination);
+    return {};
 }
 
 void RelayWorker::check() {
@@ -96,48 +103,48 @@ void RelayWorker::check() {
     mTimer.start(kCheckInterval, [this] { check(); });
 }
 
-MediaNumbers RelayWorker::sourceNumbers() const {
-    MediaNumbers numbers;
-    numbers.bytes = mSource.progress().bytes();
-    numbers.frames = mSource.frames();
-    numbers.reconnects = mSource.reconnects();
+StreamStatus RelayWorker::sourceStatus() const {
+    StreamStatus status;
+    status.bytes = mSource.progress().bytes();
+    status.frames = mSource.frames();
+    status.reconnects = mSource.reconnects();
     if (mSource.isFlowing(kIdleTimeout)) {
-        numbers.state = MediaState::kRunning;
-        return numbers;
+        status.state = WorkerState::kRunning;
+        return status;
     }
-    numbers.state = numbers.reconnects > 0 || numbers.frames > 0 ? MediaState::kReconnecting : MediaState::kStarting;
+    status.state = status.reconnects > 0 || status.frames > 0 ? WorkerState::kReconnecting : WorkerState::kStarting;
     if (mSource.hasFlowed()) {
-        numbers.error = "nothing comes from " + mStreamId;
+        status.error = "nothing comes from " + mStreamId;
     } else {
-        numbers.error = mSource.error().empty() ? absenceOf(mStreamId, numbers.frames > 0) : mSource.error();
+        status.error = mSource.error().empty() ? absenceOf(mStreamId, status.frames > 0) : mSource.error();
     }
-    return numbers;
+    return status;
 }
 
-MediaNumbers RelayWorker::destinationNumbers(const MediaNumbers& source) const {
+StreamStatus RelayWorker::destinationStatus(const StreamStatus& source) const {
     const Forwarder::Counts counts = mForwarder->counts();
-    MediaNumbers numbers;
-    numbers.bytes = mDestination.progress().bytes();
-    numbers.frames = counts.frames;
-    numbers.dropped = counts.dropped;
-    numbers.reconnects = mDestination.reconnects();
+    StreamStatus status;
+    status.bytes = mDestination.progress().bytes();
+    status.frames = counts.frames;
+    status.dropped = counts.dropped;
+    status.reconnects = mDestination.reconnects();
     const bool isStalled = mDestination.isStalled(kIdleTimeout);
-    if (source.state == MediaState::kRunning && mDestination.hasFlowed() && !isStalled) {
-        numbers.state = MediaState::kRunning;
-        return numbers;
+    if (source.state == WorkerState::kRunning && mDestination.hasFlowed() && !isStalled) {
+        status.state = WorkerState::kRunning;
+        return status;
     }
-    numbers.state = numbers.reconnects > 0 || numbers.frames > 0 ? MediaState::kReconnecting : MediaState::kStarting;
+    status.state = status.reconnects > 0 || status.frames > 0 ? WorkerState::kReconnecting : WorkerState::kStarting;
     if (!mDestination.hasFlowed() && !mDestination.error().empty()) {
-        numbers.error = mDestination.error();
+        status.error = mDestination.error();
     } else {
-        numbers.error = isStalled ? RtmpSink::kStalledError : source.error;
+        status.error = isStalled ? RtmpSink::kStalledError : source.error;
     }
-    return numbers;
+    return status;
 }
 
 WorkerStatus RelayWorker::status() const {
-    const MediaNumbers source = sourceNumbers();
-    return {destinationNumbers(source), {{mStreamId, source}}};
+    const StreamStatus source = sourceStatus();
+    return {destinationStatus(source), {{mStreamId, source}}};
 }
 
 void RelayWorker::stop(std::function<void()> done) {

@@ -22,7 +22,7 @@ public:
     RelayWorker();
     ~RelayWorker() override;
 
-    void configure(const nlohmann::json& configuration) override;
+    Result<void> configure(const nlohmann::json& configuration) override;
     WorkerStatus status() const override;
     void stop(std::function<void()> done) override;
 
@@ -30,8 +30,8 @@ private:
     class Forwarder;
 
     void check();
-    MediaNumbers sourceNumbers() const;
-    MediaNumbers destinationNumbers(const MediaNumbers& source) const;
+    StreamStatus sourceStatus() const;
+    StreamStatus destinationStatus(const StreamStatus& source) const;
 
     std::string mStreamId;
     RtmpSink mDestination;

@@ -86,12 +86,12 @@ void RtmpClient::connect() {
     mReconnects += mCountsNext ? 1 : 0;
     mCountsNext = true;
     close();
-    mPipeline = open(mAddress, mProgress->begin(), [this](const std::string& error) { ended(error); });
+    mPipeline = open(mAddress, mProgress->begin(), [this](const Result<void>& result) { ended(result); });
     mPipeline->play();
 }
 
-void RtmpClient::ended(const std::string& error) {
-    lose(error.empty() ? endError() : error);
+void RtmpClient::ended(const Result<void>& result) {
+    lose(result ? endError() : result.error().message);
 }
 
 void RtmpClient::lose(const std::string& error) {

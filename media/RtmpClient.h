@@ -83,7 +83,7 @@ protected:
 
     virtual std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::Ended ended) = 0;
     virtual void close() {}  ///< the connection is about to end
-    virtual void ended(const std::string& error);
+    virtual void ended(const Result<void>& result);
     virtual bool isStalled(std::chrono::milliseconds timeout) const;
     /// Errors for a clean end and a stall. If empty, there is nothing to report: the client just connects again.
     virtual std::string endError() const = 0;

@@ -78,12 +78,12 @@ std::unique_ptr<Pipeline> RtmpSink::open(const std::string& address, unsigned co
     return pipeline;
 }
 
-void RtmpSink::ended(const std::string& error) {
+void RtmpSink::ended(const Result<void>& result) {
     if (mOnStopped) {
         mOnStopped();
         return;
     }
-    RtmpClient::ended(error);
+    RtmpClient::ended(result);
 }
 
 bool RtmpSink::isStalled(std::chrono::milliseconds timeout) const {

@@ -61,7 +61,7 @@ public:
 private:
     std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::Ended ended) override;
     void close() override { mQueue->detach(); }
-    void ended(const std::string& error) override;
+    void ended(const Result<void>& result) override;
     std::string endError() const override { return "it ended the stream"; }
     std::string stallError() const override { return kStalledError; }
 

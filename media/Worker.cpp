@@ -28,41 +28,11 @@ constexpr std::chrono::milliseconds kPollInterval{50};  // between checks for a 
 constexpr std::chrono::milliseconds kStopTimeout{2000};
 constexpr size_t kMaxLineBytes = size_t{1} << 20;
 
-const char* nameOf(MediaState state) {
-    switch (state) {
-        case MediaState::kStarting:
-            return "starting";
-        case MediaState::kRunning:
-            return "running";
-        case MediaState::kReconnecting:
-            return "reconnecting";
-        case MediaState::kStopping:
-            break;
-    }
-    return "stopping";
-}
-
-ordered_json show(const MediaNumbers& numbers) {
-    return {{"state", nameOf(numbers.state)}, {"error", numbers.error},     {"bytes", numbers.bytes},
-            {"frames", numbers.frames},       {"dropped", numbers.dropped}, {"reconnects", numbers.reconnects}};
-}
-
-ordered_json show(const WorkerStatus& status) {
-    ordered_json shown = show(status.numbers);
-    shown["inputs"] = ordered_json::array();
-    for (const InputStatus& input : status.inputs) {
-        ordered_json each = {{"stream_id", input.streamId}};
-        each.update(show(input.numbers));
-        shown["inputs"].push_back(std::move(each));
-    }
-    return shown;
-}
-
 // What is reported at once if it changes.
 std::string statesOf(const WorkerStatus& status) {
-    std::string states = nameOf(status.numbers.state) + status.numbers.error;
+    std::string states = nameOf(status.output.state) + status.output.error;
     for (const InputStatus& input : status.inputs) {
-        states += '\n' + input.streamId + nameOf(input.numbers.state) + input.numbers.error;
+        states += '\n' + input.streamId + nameOf(input.stream.state) + input.stream.error;
     }
     return states;
 }
@@ -117,18 +87,25 @@ private:
     }
 
     void handle(const std::string& line) {
+        const Result<void> result = execute(line);
+        if (!result) {
+            logLine("a line on stdin that is not understood: " + result.error().message);
+        }
+        reportStatus();
+    }
+
+    Result<void> execute(const std::string& line) {
         try {
             const json message = json::parse(line);
-            if (message.contains("snapshot")) {
-                mWorker.takeSnapshot(message["snapshot"].at("width").get<int>(), [](const std::string& jpeg) {
-                    writeLine({{"snapshot", base64(jpeg)}});
-                });
-                return;
+            if (!message.contains("snapshot")) {
+                return mWorker.configure(message.at(mName));
             }
-            mWorker.configure(message.at(mName));
-            reportStatus();
+            mWorker.takeSnapshot(message["snapshot"].at("width").get<int>(), [](const std::string& jpeg) {
+                writeLine({{"snapshot", base64(jpeg)}});
+            });
+            return {};
         } catch (const json::exception& error) {
-            logLine(std::string("a line on stdin that is not understood: ") + error.what());
+            return failure(error.what());
         }
     }
 
@@ -142,7 +119,7 @@ private:
         const auto now = std::chrono::steady_clock::now();
         WorkerStatus status = mWorker.status();
         if (mIsStopping) {
-            status.numbers.state = MediaState::kStopping;
+            status.output.state = WorkerState::kStopping;
         }
         std::string states = statesOf(status);
         if (states == mReportedStates && now < mReported + kStatusInterval) {
@@ -150,7 +127,7 @@ private:
         }
         mReportedStates = std::move(states);
         mReported = now;
-        writeLine({{"status", show(status)}});
+        writeLine({{"status", toJson(status)}});
     }
 
     void stop() {

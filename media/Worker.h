@@ -12,7 +12,8 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "media/Status.h"
+#include "common/Result.h"
+#include "common/WorkerStatus.h"
 
 namespace vexalive {
 
@@ -21,9 +22,9 @@ class Worker {
 public:
     virtual ~Worker() = default;
 
-    /// Applies a configuration, at first and at each change. If a field is missing or has another type, it throws
-    /// nlohmann::json::exception and changes nothing.
-    virtual void configure(const nlohmann::json& configuration) = 0;
+    /// Applies a configuration, at first and at each change. If a field is missing or has another type, it fails and
+    /// changes nothing.
+    virtual Result<void> configure(const nlohmann::json& configuration) = 0;
 
     virtual WorkerStatus status() const = 0;
 

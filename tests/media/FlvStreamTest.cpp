@@ -1,4 +1,4 @@
-// The run of tags that a relay passes on.
+// The sequence of tags that a relay passes on.
 
 #include <gtest/gtest.h>
 
@@ -19,57 +19,81 @@ std::string tagOf(char kind, unsigned timestamp, const std::string& data) {
     return bytes + std::string(3, '\0') + static_cast<char>(11 + data.size());
 }
 
-const std::string kStream = std::string(kFlvHeader) + tagOf(18, 0, "onMetaData") + tagOf(9, 0, {0x17, 0, 1, 2}) +
-                            tagOf(8, 0, {'\xaf', 0, 3}) + tagOf(9, 40, {0x17, 1, 4}) +
-                            tagOf(9, 0x1020304, {0x27, 1, 5}) + tagOf(8, 60, {'\xaf', 1, 6});
+const std::string kMetadata = tagOf(18, 0, "onMetaData");
+const std::string kVideoHeader = tagOf(9, 0, {0x17, 0, 1, 2});
+const std::string kAudioHeader = tagOf(8, 0, {'\xaf', 0, 3});
+const std::string kKeyFrame = tagOf(9, 0, {0x17, 1, 4});
+const std::string kInterFrame = tagOf(9, 0, {0x27, 1, 5});
+const std::string kAudioFrame = tagOf(8, 0, {'\xaf', 1, 6});
 
-std::vector<FlvTag> read(const std::string& stream, size_t pieceSize) {
-    FlvReader reader;
-    std::vector<FlvTag> tags;
-    for (size_t place = 0; place < stream.size(); place += pieceSize) {
-        EXPECT_TRUE(reader.read(stream.substr(place, pieceSize), [&](const FlvTag& tag) { tags.push_back(tag); }));
-    }
-    return tags;
+struct TagCase {
+    std::string bytes;
+    FlvTag::Kind kind;
+    int64_t timestamp;
+    bool isStreamHeader;
+    bool isKeyFrame;
+    bool isFrame;
+};
+const TagCase kTags[] = {
+    {kMetadata, FlvTag::Kind::kScript, 0, true, false, false},
+    {kVideoHeader, FlvTag::Kind::kVideo, 0, true, true, false},
+    {kAudioHeader, FlvTag::Kind::kAudio, 0, true, false, false},
+    {tagOf(9, 40, {0x17, 1, 4}), FlvTag::Kind::kVideo, 40, false, true, true},
+    {tagOf(9, 0x1020304, {0x27, 1, 5}), FlvTag::Kind::kVideo, 0x1020304, false, false, true},
+    {tagOf(8, 60, {'\xaf', 1, 6}), FlvTag::Kind::kAudio, 60, false, false, true},
+    {tagOf(18, 0, "|RtmpSampleAccess"), FlvTag::Kind::kScript, 0, false, false, false},  // a server's own
+};
+
+FlvTag tag(const std::string& bytes) {
+    FlvTag result;
+    EXPECT_TRUE(FlvReader().read(std::string(kFlvHeader) + bytes, [&](const FlvTag& each) { result = each; }));
+    return result;
 }
 
-TEST(FlvStream, IsCutIntoTagsWhateverTheSizeOfItsPieces) {
-    for (const size_t pieceSize : {size_t{1}, size_t{7}, kStream.size()}) {
-        const std::vector<FlvTag> tags = read(kStream, pieceSize);
-        ASSERT_EQ(tags.size(), 6U) << pieceSize;
-        EXPECT_EQ(tags[0].kind, FlvTag::Kind::kScript);
-        EXPECT_EQ(tags[2].kind, FlvTag::Kind::kAudio);
-        EXPECT_EQ(tags[3].timestamp, 40);
-        EXPECT_EQ(tags[4].timestamp, 0x1020304);
-        std::string all(kFlvHeader);
-        for (const FlvTag& tag : tags) {
-            all += tag.bytes;
+TEST(FlvStream, IsSplitIntoTagsWhateverTheSizeOfItsPieces) {
+    std::string stream(kFlvHeader);
+    for (const TagCase& each : kTags) {
+        stream += each.bytes;
+    }
+    for (const size_t pieceSize : {size_t{1}, size_t{7}, stream.size()}) {
+        FlvReader reader;
+        std::vector<FlvTag> tags;
+        for (size_t begin = 0; begin < stream.size(); begin += pieceSize) {
+            EXPECT_TRUE(
+                reader.read(stream.substr(begin, pieceSize), [&](const FlvTag& each) { tags.push_back(each); }));
         }
-        EXPECT_EQ(all, kStream);
+        ASSERT_EQ(tags.size(), std::size(kTags)) << pieceSize;
+        for (size_t i = 0; i < tags.size(); ++i) {
+            EXPECT_EQ(tags[i].bytes, kTags[i].bytes) << i;
+            EXPECT_EQ(tags[i].kind, kTags[i].kind) << i;
+            EXPECT_EQ(tags[i].timestamp, kTags[i].timestamp) << i;
+        }
     }
 }
 
-TEST(FlvStream, TellsSetupAndKeyFramesFromTheRest) {
-    const std::vector<FlvTag> tags = read(kStream, kStream.size());
-    ASSERT_EQ(tags.size(), 6U);
-    const bool setup[] = {true, true, true, false, false, false};
-    const bool keyFrame[] = {false, true, false, true, false, false};
-    for (size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(tags[i].isStreamHeader(), setup[i]) << i;
-        EXPECT_EQ(tags[i].isKeyFrame(), keyFrame[i]) << i;
+TEST(FlvStream, DistinguishesHeadersAndKeyFrames) {
+    for (const TagCase& each : kTags) {
+        const FlvTag found = tag(each.bytes);
+        EXPECT_EQ(found.isStreamHeader(), each.isStreamHeader) << each.bytes;
+        EXPECT_EQ(found.isKeyFrame(), each.isKeyFrame) << each.bytes;
+        EXPECT_EQ(found.isFrame(), each.isFrame) << each.bytes;
     }
 }
 
-TEST(FlvStream, AScriptOfTheServersOwnIsNoSetup) {
-    const std::vector<FlvTag> tags = read(std::string(kFlvHeader) + tagOf(18, 0, "|RtmpSampleAccess"), 5);
-    ASSERT_EQ(tags.size(), 1U);
-    EXPECT_FALSE(tags[0].isStreamHeader());
-    EXPECT_FALSE(tags[0].isMedia());
+TEST(FlvStream, ATagGetsAnotherTimestampAndIsOtherwiseUnchanged) {
+    EXPECT_EQ(tag(kKeyFrame).at(0), kKeyFrame);
+    EXPECT_EQ(tag(kKeyFrame).at(0x7f010203), tagOf(9, 0x7f010203, {0x17, 1, 4}));
 }
 
-TEST(FlvStream, ATagTakesAnotherTimeAndNothingElseOfItChanges) {
-    const FlvTag tag = read(kStream, kStream.size())[3];
-    EXPECT_EQ(tag.at(40), tag.bytes);
-    EXPECT_EQ(tag.at(0x7f010203), tagOf(9, 0x7f010203, {0x17, 1, 4}));
+TEST(FlvStream, ATagHasACodecAPayloadAndACompositionTime) {
+    const FlvTag video = tag(tagOf(9, 0, {0x27, 1, 0, 1, 2, 'a', 'b'}));
+    EXPECT_EQ(video.codec(), kFlvAvc);
+    EXPECT_EQ(video.payload(), "ab");
+    EXPECT_EQ(video.compositionTime(), 0x102);
+    EXPECT_EQ(tag(tagOf(9, 0, {0x27, 1, '\xff', '\xff', '\xfe'})).compositionTime(), -2);
+    EXPECT_EQ(tag(kAudioFrame).codec(), kFlvAac);
+    EXPECT_EQ(tag(kAudioFrame).payload(), "\x06");
+    EXPECT_EQ(tag(kKeyFrame).payload(), "");
 }
 
 TEST(FlvStream, BytesThatAreNoFlvAreRefused) {
@@ -78,127 +102,120 @@ TEST(FlvStream, BytesThatAreNoFlvAreRefused) {
     EXPECT_FALSE(FlvReader().read(std::string(kFlvHeader) + std::string(11, '\x07'), ignore));
 }
 
-TEST(SteadyTime, KeepsTheTimesOfOneConnectionFromZero) {
+// Timestamps of a source, when they arrive, and the steady timestamps they get.
+struct Arrival {
+    int64_t timestamp;
+    int64_t now;
+    int64_t steady;
+    bool beginsConnection = false;
+};
+struct SteadyTimeCase {
+    const char* name;
+    std::vector<Arrival> arrivals;
+};
+
+class SteadyTimeTest : public testing::TestWithParam<SteadyTimeCase> {};
+
+TEST_P(SteadyTimeTest, Holds) {
     SteadyTime time;
-    EXPECT_EQ(time.at(5000, 100), 0);
-    EXPECT_EQ(time.at(5020, 125), 20);
-    EXPECT_EQ(time.at(5040, 140), 40);
+    for (const Arrival& each : GetParam().arrivals) {
+        if (each.beginsConnection) {
+            time.beginConnection();
+        }
+        EXPECT_EQ(time.at(each.timestamp, each.now), each.steady) << each.timestamp << " at " << each.now;
+        EXPECT_EQ(time.last(), each.steady);
+    }
 }
 
-TEST(SteadyTime, GoesOnWhereANewConnectionComesAfterAsLongAPause) {
-    SteadyTime time;
-    time.at(5000, 100);
-    time.at(5040, 140);
-    time.beginConnection();
-    EXPECT_EQ(time.at(0, 1140), 1040);
-    EXPECT_EQ(time.at(20, 1160), 1060);
-}
+INSTANTIATE_TEST_SUITE_P(
+    SteadyTime, SteadyTimeTest,
+    testing::Values(
+        SteadyTimeCase{"KeepsTheIntervalsOfOneConnectionFromZero", {{5000, 100, 0}, {5020, 125, 20}, {5040, 140, 40}}},
+        SteadyTimeCase{"ContinuesAfterAPauseOfTheSameLength",
+                       {{5000, 100, 0}, {5040, 140, 40}, {0, 1140, 1040, true}, {20, 1160, 1060}}},
+        SteadyTimeCase{"ContinuesAtTheSamePaceWhereAClockJumps",
+                       {{500'000, 0, 0},
+                        {500'040, 40, 40},
+                        {0, 80, 80},  // back
+                        {40, 120, 120},
+                        {9'000'000, 160, 160},  // ahead
+                        {9'000'040, 200, 200}}},
+        SteadyTimeCase{"KeepsTheIntervalsOfABurst", {{0, 0, 0}, {40, 5'000, 40}, {4'960, 5'001, 4'960}}},
+        SteadyTimeCase{"NeverGoesBack",
+                       {{1000, 0, 0}, {1040, 40, 40}, {1020, 41, 40}, {1060, 60, 60}, {900, 60, 61, true}}}),
+    [](const auto& each) { return each.param.name; });
 
-TEST(SteadyTime, GoesOnAtTheSamePaceWhereAClockJumps) {
-    SteadyTime time;
-    time.at(500'000, 0);
-    EXPECT_EQ(time.at(500'040, 40), 40);
-    EXPECT_EQ(time.at(0, 80), 80);  // back
-    EXPECT_EQ(time.at(40, 120), 120);
-    EXPECT_EQ(time.at(9'000'000, 160), 160);  // ahead
-    EXPECT_EQ(time.at(9'000'040, 200), 200);
-}
-
-TEST(SteadyTime, ABurstAfterAPauseOfTheNetworkKeepsItsTimes) {
-    SteadyTime time;
-    time.at(0, 0);
-    EXPECT_EQ(time.at(40, 5'000), 40);
-    EXPECT_EQ(time.at(4'960, 5'001), 4'960);
-}
-
-TEST(SteadyTime, NeverGoesBack) {
-    SteadyTime time;
-    time.at(1000, 0);
-    EXPECT_EQ(time.at(1040, 40), 40);
-    EXPECT_EQ(time.at(1020, 41), 40);
-    EXPECT_EQ(time.at(1060, 60), 60);
-    time.beginConnection();
-    EXPECT_EQ(time.at(900, 60), 61);
-}
-
-// What a gate lets through of the tags that come one after the other, as text.
+// What a gate lets through because of one tag, as bytes.
 struct Gate : FlvGate {
-    std::string take(const std::string& bytes, size_t waiting = 0, int64_t now = 0) {
-        const FlvTag tag = read(std::string(kFlvHeader) + bytes, bytes.size())[0];
-        std::string given;
-        observe(tag, now);
-        const bool isPassed = pass(tag, waiting, [&](const FlvTag& each) { given += each.bytes; });
-        EXPECT_EQ(isPassed, !given.empty());
-        return given;
+    std::string operator()(const std::string& bytes, size_t queued = 0, int64_t now = 0) {
+        const FlvTag each = tag(bytes);
+        std::string sent;
+        observe(each, now);
+        const bool isPassed = pass(each, queued, [&](const FlvTag& next) { sent += next.bytes; });
+        EXPECT_EQ(isPassed, !sent.empty());
+        return sent;
     }
 };
 
-const std::string kMetadata = tagOf(18, 0, "onMetaData");
-const std::string kVideoSetup = tagOf(9, 0, {0x17, 0, 1, 2});
-const std::string kAudioSetup = tagOf(8, 0, {'\xaf', 0, 3});
-const std::string kKeyFrame = tagOf(9, 0, {0x17, 1, 4});
-const std::string kInterFrame = tagOf(9, 0, {0x27, 1, 5});
-const std::string kSound = tagOf(8, 0, {'\xaf', 1, 6});
-
-TEST(FlvGate, BeginsAtAKeyFrameWithTheSetup) {
+TEST(FlvGate, StartsAtAKeyFrameWithTheStreamHeaders) {
     Gate gate;
-    for (const std::string& early : {kMetadata, kVideoSetup, kAudioSetup, kInterFrame, kSound}) {
-        EXPECT_EQ(gate.take(early), "");
+    for (const std::string& early : {kMetadata, kVideoHeader, kAudioHeader, kInterFrame, kAudioFrame}) {
+        EXPECT_EQ(gate(early), "");
     }
-    EXPECT_EQ(gate.take(kKeyFrame), kMetadata + kVideoSetup + kAudioSetup + kKeyFrame);
-    for (const std::string& next : {kSound, kInterFrame, kVideoSetup, kMetadata, kKeyFrame}) {
-        EXPECT_EQ(gate.take(next), next);
+    EXPECT_EQ(gate(kKeyFrame), kMetadata + kVideoHeader + kAudioHeader + kKeyFrame);
+    for (const std::string& next : {kAudioFrame, kInterFrame, kVideoHeader, kMetadata, kKeyFrame}) {
+        EXPECT_EQ(gate(next), next);
     }
 }
 
-TEST(FlvGate, BeginsWithSoundWhereNoVideoComes) {
+TEST(FlvGate, StartsWithAudioIfNoVideoComes) {
     Gate alone;
-    EXPECT_EQ(alone.take(kAudioSetup), "");
-    EXPECT_EQ(alone.take(kSound), kAudioSetup + kSound);
+    EXPECT_EQ(alone(kAudioHeader), "");
+    EXPECT_EQ(alone(kAudioFrame), kAudioHeader + kAudioFrame);
 
     Gate gate;
-    gate.take(kInterFrame, 0, 1000);
-    EXPECT_EQ(gate.take(kSound, 0, 1000 + FlvGate::kVideoTimeout), "");
-    EXPECT_EQ(gate.take(kSound, 0, 1001 + FlvGate::kVideoTimeout), kSound);
+    gate(kInterFrame, 0, 1000);
+    EXPECT_EQ(gate(kAudioFrame, 0, 1000 + FlvGate::kVideoTimeout), "");
+    EXPECT_EQ(gate(kAudioFrame, 0, 1001 + FlvGate::kVideoTimeout), kAudioFrame);
 }
 
-TEST(FlvGate, KeepsWhatWaitsForASlowDestinationBoundedWhateverItIs) {
-    for (const std::string& tag : {kMetadata, kVideoSetup, kAudioSetup, kKeyFrame, kInterFrame, kSound}) {
+TEST(FlvGate, BoundsTheQueueOfASlowDestinationWhateverTheTags) {
+    for (const std::string& each : {kMetadata, kVideoHeader, kAudioHeader, kKeyFrame, kInterFrame, kAudioFrame}) {
         Gate gate;
-        gate.take(kKeyFrame);
-        EXPECT_EQ(gate.take(tag, FlvGate::kMaxQueued), tag);
+        gate(kKeyFrame);
+        EXPECT_EQ(gate(each, FlvGate::kMaxQueued), each);
         for (int i = 0; i < 100; ++i) {
-            EXPECT_EQ(gate.take(tag, FlvGate::kMaxQueued + 1), "");
+            EXPECT_EQ(gate(each, FlvGate::kMaxQueued + 1), "");
         }
     }
 }
 
-TEST(FlvGate, GoesOnAtAKeyFrameOnceThereIsRoomAndWithTheLatestSetup) {
+TEST(FlvGate, ResumesAtAKeyFrameOnceTheQueueHasDrainedAndWithTheLatestHeaders) {
     Gate gate;
-    gate.take(kMetadata);
-    gate.take(kVideoSetup);
-    gate.take(kKeyFrame);
-    const std::string otherSetup = tagOf(9, 0, {0x17, 0, 7, 8});
-    EXPECT_EQ(gate.take(otherSetup, FlvGate::kMaxQueued + 1), "");
-    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxQueued / 4), "");
-    EXPECT_EQ(gate.take(kInterFrame), "");
-    EXPECT_EQ(gate.take(kMetadata), "");
-    EXPECT_EQ(gate.take(kSound), "");
-    EXPECT_EQ(gate.take(kKeyFrame, FlvGate::kMaxQueued / 4 - 1), kMetadata + otherSetup + kKeyFrame);
-    EXPECT_EQ(gate.take(kInterFrame), kInterFrame);
+    gate(kMetadata);
+    gate(kVideoHeader);
+    gate(kKeyFrame);
+    const std::string otherHeader = tagOf(9, 0, {0x17, 0, 7, 8});
+    EXPECT_EQ(gate(otherHeader, FlvGate::kMaxQueued + 1), "");
+    EXPECT_EQ(gate(kKeyFrame, FlvGate::kMaxQueued / 4), "");
+    for (const std::string& each : {kInterFrame, kMetadata, kAudioFrame}) {
+        EXPECT_EQ(gate(each), "");
+    }
+    EXPECT_EQ(gate(kKeyFrame, FlvGate::kMaxQueued / 4 - 1), kMetadata + otherHeader + kKeyFrame);
+    EXPECT_EQ(gate(kInterFrame), kInterFrame);
 }
 
-TEST(FlvGate, TellsANewDestinationTheSetupAndForgetsThatOfAnOldSource) {
+TEST(FlvGate, SendsTheHeadersToANewDestinationAndForgetsThoseOfAnOldSource) {
     Gate gate;
-    gate.take(kVideoSetup);
-    gate.take(kKeyFrame);
+    gate(kVideoHeader);
+    gate(kKeyFrame);
     gate.close();
-    EXPECT_EQ(gate.take(kInterFrame), "");
-    EXPECT_EQ(gate.take(kKeyFrame), kVideoSetup + kKeyFrame);
+    EXPECT_EQ(gate(kInterFrame), "");
+    EXPECT_EQ(gate(kKeyFrame), kVideoHeader + kKeyFrame);
     gate.forgetHeaders();
-    EXPECT_EQ(gate.take(kKeyFrame), kKeyFrame);
+    EXPECT_EQ(gate(kKeyFrame), kKeyFrame);
     gate.close();
-    EXPECT_EQ(gate.take(kKeyFrame), kKeyFrame);
+    EXPECT_EQ(gate(kKeyFrame), kKeyFrame);
 }
 
 }  // namespace

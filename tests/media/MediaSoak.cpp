@@ -1,10 +1,10 @@
-// Minutes of random updates, losses of inputs and faults, on one mix and two relays: is anything left behind?
+// Minutes of random updates, losses of inputs and faults, on one mix and two relays, to find leaks.
 //
 //     media_soak SECONDS SAMPLES.csv
 //
 // Every ten seconds it notes the memory, descriptors and threads of the service, its workers and its origin. At the end
-// the middle of the last third of the samples is compared with that of the first third, once all has warmed up. The
-// exit status is 0 if nothing has grown, no worker was restarted, and the mix kept its connection.
+// the median of the last third of the samples is compared with that of the first third. The exit status is 0 if nothing
+// has grown, no worker was restarted, and the mix did not reconnect.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "MediaTesting.h"
 
@@ -28,58 +27,47 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kBetweenSamples{10};
 constexpr int kMembers = 4;
 constexpr const char* kColours[] = {"red", "lime", "blue", "yellow"};
-// What a sample may have grown by: the allocators of three workers come to rest slowly.
+// The most that memory may grow: the allocators of three workers settle slowly.
 constexpr double kMaxGrowth = 1.1;
 constexpr long kMaxMoreDescriptors = 4;
 constexpr long kMaxMoreThreads = 4;
 
 struct Sample {
     long seconds = 0;
-    long kibibytes = 0;  // resident, all processes of ours
+    long kibibytes = 0;  // resident, of all processes
     long descriptors = 0;
     long threads = 0;
     long processes = 0;
 };
 
-// 0 if the process has gone.
-long fieldOfStatus(pid_t pid, const std::string& name) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(file, line);) {
-        if (line.rfind(name + ":", 0) == 0) {
-            return std::atol(line.c_str() + name.size() + 1);
-        }
-    }
-    return 0;
-}
-
 long descriptorsOf(pid_t pid) {
-    std::error_code gone;
-    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd", gone);
-    return gone ? 0 : static_cast<long>(std::distance(begin(all), end(all)));
+    std::error_code error;
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd", error);
+    return error ? 0 : static_cast<long>(std::distance(begin(all), end(all)));
 }
 
-std::vector<pid_t> processesOfOurs() {
-    std::vector<pid_t> all = Desk::children("vexalive-media");
-    for (const pid_t origin : Desk::children("nginx")) {
+// The workers and the origin, without this process, which has FFmpeg's pipes and frames as well.
+std::vector<pid_t> measuredProcesses() {
+    std::vector<pid_t> all = LocalService::children("vexalive-media");
+    for (const pid_t origin : LocalService::children("nginx")) {
         all.push_back(origin);
     }
     return all;
 }
 
-// The workers and the origin; this process holds FFmpeg's pipes and pictures, too, and is left out.
-Sample take(Clock::time_point begun) {
+Sample measure(Clock::time_point start) {
     Sample sample;
-    sample.seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begun).count();
-    for (const pid_t pid : processesOfOurs()) {
+    sample.seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
+    for (const pid_t pid : measuredProcesses()) {
         ++sample.processes;
-        sample.kibibytes += fieldOfStatus(pid, "VmRSS");
-        sample.threads += fieldOfStatus(pid, "Threads");
+        sample.kibibytes += processField(pid, "VmRSS");
+        sample.threads += processField(pid, "Threads");
         sample.descriptors += descriptorsOf(pid);
     }
     return sample;
 }
 
-long middle(std::vector<Sample> samples, size_t from, size_t to, long Sample::*member) {
+long median(std::vector<Sample> samples, size_t from, size_t to, long Sample::*member) {
     const auto begin = samples.begin() + static_cast<std::ptrdiff_t>(from);
     const auto end = samples.begin() + static_cast<std::ptrdiff_t>(to);
     const auto half = begin + (end - begin) / 2;
@@ -87,22 +75,20 @@ long middle(std::vector<Sample> samples, size_t from, size_t to, long Sample::*m
     return *half.*member;
 }
 
-class Play {
+class Scenario {
 public:
-    Play() : mMembers(kMembers) {
+    Scenario() : mMembers(kMembers) {
         for (int number = 1; number <= kMembers; ++number) {
             join(number);
         }
     }
 
     bool begin() {
-        return mDesk.ask(mixBody({{1, 0, 0, 640, 360}})) == 0 &&
-               mDesk.ask(relayBody(1, mDesk.origin() + "/cdn/one")) == 0 &&
-               mDesk.ask(relayBody(2, "rtmp://127.0.0.1:9/cdn/nobody")) == 0 &&
-               eventually([this] { return mDesk.mix()["media"]["state"] == "running"; });
+        return mService.post(mixBody({{1, 0, 0, 640, 360}})) == 0 &&
+               mService.post(relayBody(1, mService.origin() + "/cdn/one")) == 0 &&
+               mService.post(relayBody(2, "rtmp://127.0.0.1:9/cdn/nobody")) == 0 && mService.mixReaches("running");
     }
 
-    // Something happens.
     void act() {
         const int number = from(1, kMembers);
         switch (from(0, 19)) {
@@ -115,89 +101,78 @@ public:
                 join(number);
                 break;
             case 3:
-                freeze(number, SIGSTOP);
+                signal(number, SIGSTOP);
                 ++losses;
                 break;
             case 4:
             case 5:
-                freeze(number, SIGCONT);
+                signal(number, SIGCONT);
                 break;
             case 6:
-                fault();
+                injectFault();
                 break;
             default:
                 update();
         }
     }
 
-    Desk& desk() { return mDesk; }
+    LocalService& service() { return mService; }
     int updates = 0;  // that were accepted
     int losses = 0;
     int faults = 0;
 
 private:
-    int from(int low, int high) { return std::uniform_int_distribution<int>(low, high)(mRandom); }
+    int from(int low, int high) { return mLayouts.between(low, high); }
 
     void join(int number) {
         auto& member = mMembers[static_cast<size_t>(number - 1)];
         member.reset();
         const int sizes[][2] = {{640, 360}, {320, 240}, {360, 640}};
         const auto& size = sizes[from(0, 2)];
-        member = publish(mDesk.memberUrl(number),
+        member = publish(mService.memberUrl(number),
                          {kColours[number - 1], 220 * (number + 1), size[0], size[1], from(0, 1) == 0 ? 15 : 20});
     }
 
-    void freeze(int number, int signal) {
+    void signal(int number, int signalNumber) {
         if (const auto& member = mMembers[static_cast<size_t>(number - 1)]) {
-            ::kill(member->pid(), signal);
+            member->signal(signalNumber);
         }
     }
 
-    // The service answers wrongly, or a relay goes where nobody is.
-    void fault() {
+    // The service responds with an error code, and a relay may get a destination that is absent.
+    void injectFault() {
         vexalive::Fault fault;
         fault.kind = vexalive::Fault::Kind::kServerCode;
-        mDesk.injectFault(fault);
-        mDesk.ask(mixBody({{1, 0, 0, 640, 360}}));
-        mDesk.ask(relayBody(2, from(0, 1) == 0 ? "rtmp://127.0.0.1:9/cdn/nobody" : mDesk.origin() + "/cdn/two"));
+        mService.injectFault(fault);
+        mService.post(mixBody({{1, 0, 0, 640, 360}}));
+        mService.post(relayBody(2, from(0, 1) == 0 ? "rtmp://127.0.0.1:9/cdn/nobody" : mService.origin() + "/cdn/two"));
         ++faults;
     }
 
-    void update() {
-        std::vector<Place> places;
-        for (int number = 1; number <= kMembers; ++number) {
-            if (from(0, 3) != 0) {
-                places.push_back(
-                    {number, from(-100, 500), from(-100, 300), from(1, 640), from(1, 360), from(0, 5) == 0});
-            }
-        }
-        places.push_back({5, 0, 0, 64, 36});  // of whom nothing ever comes
-        std::shuffle(places.begin(), places.end(), mRandom);
-        updates += mDesk.ask(mixBody(places)) == 0 ? 1 : 0;
-    }
+    void update() { updates += mService.post(mixBody(mLayouts.next(kMembers))) == 0 ? 1 : 0; }
 
-    Desk mDesk;
-    std::mt19937 mRandom{11};
+    LocalService mService;
+    RandomLayouts mLayouts{11};
     std::vector<std::unique_ptr<Program>> mMembers;
 };
 
 int soak(std::chrono::seconds time, const char* file) {
-    Play play;
-    if (!play.begin()) {
+    Scenario scenario;
+    if (!scenario.begin()) {
         std::fprintf(stderr, "the mix does not start\n");
         return 1;
     }
-    const std::vector<pid_t> processes = processesOfOurs();
+    const std::vector<pid_t> processes = measuredProcesses();
     std::ofstream table(file);
     table << "seconds,kibibytes,descriptors,threads,processes\n";
     std::vector<Sample> samples;
-    const auto begun = Clock::now();
-    for (auto next = begun + kBetweenSamples; Clock::now() < begun + time;) {
-        play.act();
+    const auto start = Clock::now();
+    for (auto next = start + kBetweenSamples; Clock::now() < start + time;) {
+        scenario.act();
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
         if (Clock::now() >= next) {
             next += kBetweenSamples;
-            samples.push_back(take(begun));
+            samples.push_back(measure(start));
             const Sample& now = samples.back();
             table << now.seconds << ',' << now.kibibytes << ',' << now.descriptors << ',' << now.threads << ','
                   << now.processes << std::endl;
@@ -208,28 +183,29 @@ int soak(std::chrono::seconds time, const char* file) {
         return 1;
     }
 
-    const json mix = play.desk().mix()["media"];
-    const bool isTheSame = processesOfOurs() == processes;
+    const json mix = scenario.service().mix();
+    const bool hasSameProcesses = measuredProcesses() == processes;
     const size_t third = samples.size() / 3;
-    const auto first = [&](long Sample::*member) { return middle(samples, 0, third, member); };
+    const auto first = [&](long Sample::*member) { return median(samples, 0, third, member); };
     const auto last = [&](long Sample::*member) {
-        return middle(samples, samples.size() - third, samples.size(), member);
+        return median(samples, samples.size() - third, samples.size(), member);
     };
-    std::printf("updates %d, losses of inputs %d, faults %d\n", play.updates, play.losses, play.faults);
+    std::printf("updates %d, losses of inputs %d, faults %d\n", scenario.updates, scenario.losses, scenario.faults);
     std::printf("memory    %ld -> %ld KiB\ndescriptors %ld -> %ld\nthreads   %ld -> %ld\n", first(&Sample::kibibytes),
                 last(&Sample::kibibytes), first(&Sample::descriptors), last(&Sample::descriptors),
                 first(&Sample::threads), last(&Sample::threads));
     std::printf("mix: %s\n", mix.dump().c_str());
-    const bool isKept =
-        play.updates > 0 && isTheSame && mix["restarts"] == 0 && mix["reconnects"] == 0 && mix["state"] == "running";
+    const bool isStable = scenario.updates > 0 && hasSameProcesses && mix["restarts"] == 0 && mix["reconnects"] == 0 &&
+                          mix["state"] == "running";
     const bool isFlat =
         last(&Sample::threads) <= first(&Sample::threads) + kMaxMoreThreads &&
         static_cast<double>(last(&Sample::kibibytes)) <= kMaxGrowth * static_cast<double>(first(&Sample::kibibytes)) &&
         last(&Sample::descriptors) <= first(&Sample::descriptors) + kMaxMoreDescriptors;
-    std::printf("%s\n%s\n",
-                isKept ? "every process and the mix's connection were kept" : "A PROCESS OR CONNECTION WAS LOST",
-                isFlat ? "nothing has grown" : "SOMETHING HAS GROWN");
-    return isKept && isFlat ? 0 : 1;
+    std::printf(
+        "%s\n%s\n",
+        isStable ? "no process was restarted, and the mix did not reconnect" : "A PROCESS OR CONNECTION WAS LOST",
+        isFlat ? "nothing has grown" : "SOMETHING HAS GROWN");
+    return isStable && isFlat ? 0 : 1;
 }
 
 }  // namespace

@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -23,7 +23,7 @@ constexpr int kSampleRate = 16000;
 constexpr size_t kPiece = kSampleRate / 10;
 constexpr int kTones[] = {440, 660, 880, 1320};
 
-// The share of a tone in the whole of a piece of sound: Goertzel's filter. 1 for a lone tone.
+// The share of a tone in the energy of a piece of audio, by Goertzel's filter: 1 if there is no other.
 double shareOf(int tone, const std::vector<int16_t>& piece) {
     const double w = 2 * M_PI * tone / kSampleRate;
     double before = 0;
@@ -39,7 +39,7 @@ double shareOf(int tone, const std::vector<int16_t>& piece) {
     return energy == 0 ? 0 : 2 * power / (energy * static_cast<double>(piece.size()));
 }
 
-// A tone counts if it has a tenth of the energy; three at once have a third each. Near silence holds none.
+// A tone counts if it has a tenth of the energy; three at once have a third each. Near silence has none.
 std::vector<int> tonesOf(const std::vector<int16_t>& piece) {
     std::vector<int> tones;
     const bool isLoud = std::any_of(piece.begin(), piece.end(), [](int16_t sample) { return std::abs(sample) > 300; });
@@ -51,22 +51,22 @@ std::vector<int> tonesOf(const std::vector<int16_t>& piece) {
     return tones;
 }
 
-json placeOf(const Place& place, int layer) {
-    return {{"input_stream_id", streamIdOf(place.member)},
+json inputOf(const Input& input, int layer) {
+    return {{"input_stream_id", streamIdOf(input.member)},
             {"layout_params",
-             {{"input_type", place.audioOnly ? 4 : 0},
+             {{"input_type", input.audioOnly ? 4 : 0},
               {"image_layer", layer},
-              {"image_width", place.width},
-              {"image_height", place.height},
-              {"location_x", place.x},
-              {"location_y", place.y}}}};
+              {"image_width", input.width},
+              {"image_height", input.height},
+              {"location_x", input.x},
+              {"location_y", input.y}}}};
 }
 
 }  // namespace
 
 // ---- Programs -------------------------------------------------------------------------------------------------------
 
-Program::Program(const std::vector<std::string>& arguments, Take take) {
+Program::Program(const std::vector<std::string>& arguments, OnOutput onOutput) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) {
         std::abort();
@@ -87,10 +87,12 @@ Program::Program(const std::vector<std::string>& arguments, Take take) {
     mPid = failure == 0 ? mPid : -1;
     ::posix_spawn_file_actions_destroy(&actions);
     ::close(ends[1]);
-    mReader = std::thread([this, take = std::move(take)] {
+    mReader = std::thread([this, onOutput = std::move(onOutput)] {
         std::vector<char> bytes(size_t{1} << 20);
+        std::string output;
         for (ssize_t count = 0; (count = ::read(mOutput, bytes.data(), bytes.size())) > 0;) {
-            take(bytes.data(), static_cast<size_t>(count));
+            output.append(bytes.data(), static_cast<size_t>(count));
+            output.erase(0, onOutput(output));
         }
         mHasEnded = true;
     });
@@ -105,9 +107,24 @@ Program::~Program() {
     ::close(mOutput);
 }
 
-// ---- The desk -------------------------------------------------------------------------------------------------------
+void Program::signal(int number) const {
+    ASSERT_GT(mPid, 0);
+    ::kill(mPid, number);
+}
 
-struct Desk::Log {
+long processField(pid_t pid, const std::string& name) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind(name + ":", 0) == 0) {
+            return std::atol(line.c_str() + name.size() + 1);
+        }
+    }
+    return 0;
+}
+
+// ---- Servers --------------------------------------------------------------------------------------------------------
+
+struct LocalService::Log {
     std::mutex mutex;
     std::vector<std::string> refusals;
 
@@ -125,42 +142,49 @@ struct Desk::Log {
     }
 };
 
-Desk::Desk() : mLog(std::make_shared<Log>()), mService(mLog->options()), mClient(mService.client()) {
+LocalService::LocalService() : mLog(std::make_shared<Log>()), mService(mLog->options()), mClient(mService.client()) {
     EXPECT_TRUE(eventually([this] { return state()["service"]["origin"]["state"] == "running"; })) << state();
 }
 
-std::vector<std::string> Desk::refusals() const {
+int LocalService::post(const json& body) {
+    return servicetesting::post(*mClient, body)["code"];
+}
+
+json LocalService::mediaOf(const char* list, size_t index) const {
+    const json all = state()[list];
+    return index < all.size() ? all[index]["media"] : json();
+}
+
+bool LocalService::mixReaches(const std::string& state) const {
+    return eventually([&] { return mix()["state"] == state; });
+}
+
+bool LocalService::inputReaches(size_t index, const std::string& state) const {
+    return eventually([&] { return mix()["inputs"][index]["state"] == state; });
+}
+
+bool LocalService::relayReaches(const std::string& state, size_t index) const {
+    return eventually([&] { return relay(index)["state"] == state; });
+}
+
+std::string LocalService::get(const std::string& path) const {
+    const auto response = mClient->Get(path);
+    return response ? response->body : "";
+}
+
+std::vector<std::string> LocalService::refusals() const {
     const std::lock_guard<std::mutex> lock(mLog->mutex);
     return mLog->refusals;
 }
 
-int Desk::ask(const json& body) {
-    return servicetesting::post(*mClient, body)["code"];
-}
-
-json Desk::mix() const {
-    const json mixes = state()["mixes"];
-    return mixes.empty() ? json() : mixes[0];
-}
-
-json Desk::relay(size_t place) const {
-    const json relays = state()["relays"];
-    return place < relays.size() ? relays[place] : json();
-}
-
-std::string Desk::get(const std::string& path) const {
-    const auto answer = mClient->Get(path);
-    return answer ? answer->body : "";
-}
-
-std::vector<pid_t> Desk::children(const std::string& text) {
+std::vector<pid_t> LocalService::children(const std::string& commandLine) {
     std::vector<pid_t> found;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream list(thread.path() / "children");
         for (pid_t pid = 0; list >> pid;) {
             std::ifstream file("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
             const std::string command{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-            if (command.find(text) != std::string::npos) {
+            if (command.find(commandLine) != std::string::npos) {
                 found.push_back(pid);
             }
         }
@@ -168,49 +192,47 @@ std::vector<pid_t> Desk::children(const std::string& text) {
     return found;
 }
 
-// ---- Another server -------------------------------------------------------------------------------------------------
-
-OtherServer::OtherServer() {
+ExternalServer::ExternalServer() {
     std::string error;
     EXPECT_TRUE(mServer.prepare(mFolder.path(), error) && mServer.configure(9, error)) << error;
     start();
 }
 
-void OtherServer::start() {
+void ExternalServer::start() {
     std::string error;
     mProcess.reset();
     mProcess = vexalive::Child::start(mServer.arguments(), error);
     ASSERT_TRUE(mProcess) << error;
 }
 
-// ---- Members and watchers -------------------------------------------------------------------------------------------
+// ---- Publishers and viewers -----------------------------------------------------------------------------------------
 
-std::unique_ptr<Program> publish(const std::string& url, const Look& look) {
+std::unique_ptr<Program> publish(const std::string& url, const TestStream& stream) {
     std::vector<std::string> command = {"ffmpeg", "-loglevel", "error", "-re"};
     const auto add = [&command](std::initializer_list<std::string> words) {
         command.insert(command.end(), words.begin(), words.end());
     };
-    const std::string rate = std::to_string(look.framesPerSecond);
-    if (!look.colour.empty()) {
+    const std::string rate = std::to_string(stream.frameRate);
+    if (!stream.colour.empty()) {
         add({"-f", "lavfi", "-i",
-             "color=" + look.colour + ":s=" + std::to_string(look.width) + "x" + std::to_string(look.height) +
-                 ":r=" + rate + (look.noise == 0 ? "" : ",noise=alls=100,noise=alls=30:allf=t")});
+             "color=" + stream.colour + ":s=" + std::to_string(stream.width) + "x" + std::to_string(stream.height) +
+                 ":r=" + rate + (stream.noise == 0 ? "" : ",noise=alls=100,noise=alls=30:allf=t")});
     }
-    if (look.tone != 0) {
-        add({"-re", "-f", "lavfi", "-i", "sine=" + std::to_string(look.tone) + ":sample_rate=48000"});
+    if (stream.tone != 0) {
+        add({"-re", "-f", "lavfi", "-i", "sine=" + std::to_string(stream.tone) + ":sample_rate=48000"});
     }
-    if (!look.colour.empty()) {
+    if (!stream.colour.empty()) {
         add({"-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-pix_fmt", "yuv420p", "-g", rate,
              "-threads", "1"});
     }
-    if (look.noise != 0) {
-        add({"-b:v", std::to_string(look.noise) + "k"});
+    if (stream.noise != 0) {
+        add({"-b:v", std::to_string(stream.noise) + "k"});
     }
-    if (look.tone != 0) {
+    if (stream.tone != 0) {
         add({"-c:a", "aac", "-b:a", "96k"});
     }
     add({"-f", "flv", url});
-    return std::make_unique<Program>(command, [](const char*, size_t) {});
+    return std::make_unique<Program>(command);
 }
 
 bool Rgb::isNear(const Rgb& other) const {
@@ -229,19 +251,26 @@ Viewer::Viewer(const std::string& url, int width, int height) : mWidth(width), m
     }
     command.insert(command.end(),
                    {"-i", url, "-an", "-fps_mode", "passthrough", "-f", "rawvideo", "-pix_fmt", "rgb24", "pipe:1"});
-    mProgram = std::make_unique<Program>(command, [this](const char* bytes, size_t count) { take(bytes, count); });
+    mProgram = std::make_unique<Program>(command, [this](std::string_view output) { return read(output); });
 }
 
-void Viewer::take(const char* bytes, size_t count) {
-    mRest.append(bytes, count);
+size_t Viewer::read(std::string_view output) {
     const size_t size = static_cast<size_t>(mWidth) * static_cast<size_t>(mHeight) * 3;
-    while (mRest.size() >= size) {
+    size_t consumed = 0;
+    for (; output.size() - consumed >= size; consumed += size) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mFrame = mRest.substr(0, size);
-        mRest.erase(0, size);
+        mFrame = output.substr(consumed, size);
         ++mFrames;
-        judge();
+        if (mAfter.empty()) {
+            continue;
+        }
+        if (matches(mAfter)) {
+            mFirstChanged = mFirstChanged == 0 ? mFrames : mFirstChanged;
+        } else if (mFirstChanged != 0 || !matches(mBefore)) {
+            ++mTorn;
+        }
     }
+    return consumed;
 }
 
 int Viewer::frames() const {
@@ -263,36 +292,29 @@ Rgb Viewer::pixel(int x, int y) const {
     return {bytes[0], bytes[1], bytes[2]};
 }
 
-bool Viewer::shows(const std::vector<Spot>& spots) const {
-    return std::all_of(spots.begin(), spots.end(),
-                       [this](const Spot& spot) { return pixel(spot.x, spot.y).isNear(spot.colour); });
+bool Viewer::matches(const std::vector<Pixel>& pixels) const {
+    return std::all_of(pixels.begin(), pixels.end(),
+                       [this](const Pixel& each) { return pixel(each.x, each.y).isNear(each.colour); });
 }
 
-bool Viewer::sees(const std::vector<Spot>& spots) const {
+bool Viewer::shows(const std::vector<Pixel>& pixels) const {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return shows(spots);
+    return matches(pixels);
 }
 
-void Viewer::expectChange(std::vector<Spot> before, std::vector<Spot> after) {
+bool Viewer::comesToShow(const std::vector<Pixel>& pixels) const {
+    return eventually([&] { return shows(pixels); });
+}
+
+void Viewer::expectChange(std::vector<Pixel> before, std::vector<Pixel> after) {
     const std::lock_guard<std::mutex> lock(mMutex);
     mBefore = std::move(before);
     mAfter = std::move(after);
 }
 
-void Viewer::judge() {
-    if (mAfter.empty()) {
-        return;
-    }
-    if (shows(mAfter)) {
-        mChangedAt = mChangedAt == 0 ? mFrames : mChangedAt;
-    } else if (mChangedAt != 0 || !shows(mBefore)) {
-        ++mTorn;
-    }
-}
-
-int Viewer::changedAt() const {
+int Viewer::firstChanged() const {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mChangedAt;
+    return mFirstChanged;
 }
 
 int Viewer::torn() const {
@@ -300,139 +322,109 @@ int Viewer::torn() const {
     return mTorn;
 }
 
-bool Viewer::comesToSee(const std::vector<Spot>& spots) const {
-    return eventually([&] { return sees(spots); });
-}
-
-Hearer::Hearer(const std::string& url) {
+Listener::Listener(const std::string& url) {
     mProgram = std::make_unique<Program>(
         std::vector<std::string>{"ffmpeg", "-loglevel", "error", "-fpsprobesize", "0", "-fflags", "nobuffer", "-i", url,
                                  "-vn", "-f", "s16le", "-ac", "1", "-ar", std::to_string(kSampleRate), "pipe:1"},
-        [this](const char* bytes, size_t count) { take(bytes, count); });
+        [this](std::string_view output) { return read(output); });
 }
 
-void Hearer::take(const char* bytes, size_t count) {
-    mRest.append(bytes, count);
+size_t Listener::read(std::string_view output) {
     std::vector<int16_t> piece(kPiece);
-    const size_t size = kPiece * sizeof(int16_t);
-    while (mRest.size() >= size) {
-        std::copy_n(mRest.data(), size, reinterpret_cast<char*>(piece.data()));
-        mRest.erase(0, size);
+    constexpr size_t kSize = kPiece * sizeof(int16_t);
+    size_t consumed = 0;
+    for (; output.size() - consumed >= kSize; consumed += kSize) {
+        std::memcpy(piece.data(), output.data() + consumed, kSize);
         std::vector<int> tones = tonesOf(piece);
         const std::lock_guard<std::mutex> lock(mMutex);
-        mPiecesTheSame = tones == mHeard ? mPiecesTheSame + 1 : 1;
-        mHeard = std::move(tones);
+        mEqualPieces = tones == mTones ? mEqualPieces + 1 : 1;
+        mTones = std::move(tones);
     }
+    return consumed;
 }
 
-std::vector<int> Hearer::heard() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mHeard;
-}
-
-bool Hearer::comesToHear(const std::vector<int>& tones) const {
+bool Listener::comesToHear(const std::vector<int>& tones) const {
     return eventually([&] {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mHeard == tones && mPiecesTheSame >= 5;
+        return mTones == tones && mEqualPieces >= 5;
     });
 }
 
-PacketWatch::PacketWatch(const std::string& url) {
-    mProgram = std::make_unique<Program>(
-        std::vector<std::string>{"ffprobe", "-loglevel", "error", "-fpsprobesize", "0", "-show_packets",
-                                 "-show_entries", "packet=codec_type,dts_time", "-of", "csv=p=0", url},
-        [this](const char* bytes, size_t count) { take(bytes, count); });
-}
-
-void PacketWatch::take(const char* bytes, size_t count) {
-    mRest.append(bytes, count);
-    const std::lock_guard<std::mutex> lock(mMutex);
-    for (size_t end = mRest.find('\n'); end != std::string::npos; end = mRest.find('\n')) {
-        const size_t comma = mRest.find(',');
-        if (comma < end) {
-            mTimes[mRest.substr(0, comma)].push_back(std::strtod(mRest.c_str() + comma + 1, nullptr));
-        }
-        mRest.erase(0, end + 1);
+Probe::Probe(const std::string& url, Unit unit) {
+    std::vector<std::string> command = {"ffprobe", "-loglevel", "error", "-fpsprobesize", "0", "-of", "compact=p=0"};
+    if (unit == kPackets) {
+        command.insert(command.end(), {"-show_packets", "-show_entries", "packet=codec_type,dts_time"});
+    } else {
+        command.insert(command.end(), {"-show_frames", "-show_entries",
+                                       "frame=media_type,key_frame,best_effort_timestamp_time,pkt_size,width,height,"
+                                       "nb_samples,channels"});
     }
+    command.push_back(url);
+    mProgram = std::make_unique<Program>(command, [this](std::string_view output) { return read(output); });
 }
 
-std::vector<double> PacketWatch::times(const std::string& kind) const {
+// Lines such as "media_type=video|key_frame=1|…".
+size_t Probe::read(std::string_view output) {
+    size_t consumed = 0;
+    for (size_t end = 0; (end = output.find('\n', consumed)) != std::string_view::npos; consumed = end + 1) {
+        const std::string line = "|" + std::string(output.substr(consumed, end - consumed)) + "|";
+        const auto field = [&line](const std::string& name) {
+            const size_t found = line.find("|" + name + "=");
+            const size_t begin = found == std::string::npos ? line.size() : found + name.size() + 2;
+            return line.substr(begin, line.find('|', begin) - begin);
+        };
+        const auto number = [&field](const std::string& name) { return std::atoi(field(name).c_str()); };
+        const std::string kind = field("codec_type") + field("media_type");
+        const std::string time = field("dts_time") + field("best_effort_timestamp_time");
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mRecords[kind].push_back({std::strtod(time.c_str(), nullptr), number("width"), number("height"),
+                                  number("pkt_size"), number("key_frame") == 1, number("nb_samples"),
+                                  number("channels")});
+    }
+    return consumed;
+}
+
+std::vector<Probe::Record> Probe::records(const std::string& kind) const {
     const std::lock_guard<std::mutex> lock(mMutex);
-    const auto found = mTimes.find(kind);
-    return found == mTimes.end() ? std::vector<double>() : found->second;
+    const auto found = mRecords.find(kind);
+    return found == mRecords.end() ? std::vector<Record>() : found->second;
 }
 
-double PacketWatch::longestGap(const std::string& kind) const {
-    const std::vector<double> all = times(kind);
+bool Probe::awaitVideo(size_t count) const {
+    return eventually([&] { return video().size() >= count; });
+}
+
+double Probe::longestGap(const std::vector<Record>& records) {
     double longest = 0;
-    for (size_t i = 1; i < all.size(); ++i) {
-        longest = std::max(longest, all[i] - all[i - 1]);
+    for (size_t i = 1; i < records.size(); ++i) {
+        longest = std::max(longest, records[i].time - records[i - 1].time);
     }
     return longest;
 }
 
-bool PacketWatch::goesBack(const std::string& kind) const {
-    const std::vector<double> all = times(kind);
-    return !std::is_sorted(all.begin(), all.end());
-}
-
-FrameWatch::FrameWatch(const std::string& url) {
-    mProgram = std::make_unique<Program>(
-        std::vector<std::string>{
-            "ffprobe", "-loglevel", "error", "-fpsprobesize", "0", "-show_frames", "-show_entries",
-            "frame=media_type,key_frame,best_effort_timestamp_time,pkt_size,width,height,nb_samples,channels", "-of",
-            "compact=p=0", url},
-        [this](const char* bytes, size_t count) { take(bytes, count); });
-}
-
-// Lines such as "media_type=video|key_frame=1|…".
-void FrameWatch::take(const char* bytes, size_t count) {
-    mRest.append(bytes, count);
-    const std::lock_guard<std::mutex> lock(mMutex);
-    for (size_t end = mRest.find('\n'); end != std::string::npos; end = mRest.find('\n')) {
-        const std::string line = "|" + mRest.substr(0, end);
-        const auto field = [&line](const std::string& name) {
-            const size_t found = line.find("|" + name + "=");
-            return found == std::string::npos ? 0 : std::strtod(line.c_str() + found + name.size() + 2, nullptr);
-        };
-        const auto number = [&field](const std::string& name) { return static_cast<int>(field(name)); };
-        const double time = field("best_effort_timestamp_time");
-        if (line.find("|media_type=video") != std::string::npos) {
-            mPictures.push_back(
-                {time, number("width"), number("height"), number("pkt_size"), number("key_frame") == 1});
-        } else if (line.find("|media_type=audio") != std::string::npos) {
-            mSounds.push_back({time, number("nb_samples"), number("channels")});
-        }
-        mRest.erase(0, end + 1);
-    }
-}
-
-std::vector<FrameWatch::Picture> FrameWatch::pictures() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mPictures;
-}
-
-std::vector<FrameWatch::Sound> FrameWatch::sounds() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mSounds;
+bool Probe::isMonotonic() const {
+    const auto isSorted = [](const std::vector<Record>& all) {
+        return std::is_sorted(all.begin(), all.end(), [](const Record& a, const Record& b) { return a.time < b.time; });
+    };
+    return isSorted(video()) && isSorted(audio());
 }
 
 // ---- Requests -------------------------------------------------------------------------------------------------------
 
-json mixBody(const std::vector<Place>& places, const std::string& colour) {
+json mixBody(const std::vector<Input>& inputs, const std::string& colour) {
     json body = servicetesting::videoMixBody();
     json canvas = body["input_stream_list"][0];
     canvas["layout_params"]["image_width"] = 640;
     canvas["layout_params"]["image_height"] = 360;
     canvas["layout_params"]["color"] = colour;
-    json inputs = json::array();
-    if (std::any_of(places.begin(), places.end(), [](const Place& place) { return !place.audioOnly; })) {
-        inputs.push_back(canvas);
+    json list = json::array();
+    if (std::any_of(inputs.begin(), inputs.end(), [](const Input& input) { return !input.audioOnly; })) {
+        list.push_back(canvas);
     }
-    for (const Place& place : places) {
-        inputs.push_back(placeOf(place, static_cast<int>(inputs.size()) + 1));
+    for (const Input& input : inputs) {
+        list.push_back(inputOf(input, static_cast<int>(list.size()) + 1));
     }
-    body["input_stream_list"] = inputs;
+    body["input_stream_list"] = list;
     return body;
 }
 
@@ -449,8 +441,17 @@ json removeBody(int member) {
     return body;
 }
 
-json cancelBody() {
-    return servicetesting::cancelMixBody();
+std::vector<Input> RandomLayouts::next(int members) {
+    std::vector<Input> inputs;
+    for (int number = 1; number <= members; ++number) {
+        if (between(0, 3) != 0) {
+            inputs.push_back(
+                {number, between(-100, 500), between(-100, 300), between(1, 640), between(1, 360), between(0, 4) == 0});
+        }
+    }
+    inputs.push_back({members + 1, 0, 0, 64, 36});
+    std::shuffle(inputs.begin(), inputs.end(), mRandom);
+    return inputs;
 }
 
 }  // namespace mediatesting

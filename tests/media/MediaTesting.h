@@ -1,6 +1,5 @@
-// What the tests on real media share: a desk with the local service and its origin, members who publish, and people who
-// watch, listen and look at the packets. Members and watchers are FFmpeg's programs: peers that share no code with what
-// they test.
+// What the tests on real media share: the local service with its origin, publishers, and viewers that check pixels,
+// tones and packets. Publishers and viewers are FFmpeg's programs, which share no code with the media workers.
 
 #ifndef VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
 #define VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
@@ -13,8 +12,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
+#include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -27,18 +27,19 @@ using servicetesting::eventually;
 using servicetesting::json;
 using servicetesting::streamIdOf;
 
-// A program whose output is read as it comes. It is killed when this ends.
+// A program whose output is read as it comes. The destructor kills it.
 class Program {
 public:
-    using Take = std::function<void(const char* bytes, size_t count)>;  // on a thread of its own
-    Program(const std::vector<std::string>& arguments, Take take);
+    // Called on a thread of its own with all output that has not been consumed yet; returns how many bytes it consumed.
+    using OnOutput = std::function<size_t(std::string_view output)>;
+    explicit Program(
+        const std::vector<std::string>& arguments, OnOutput onOutput = [](auto all) { return all.size(); });
     ~Program();
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    pid_t pid() const { return mPid; }
-    // All output has been read, and the program has closed it: it has ended.
-    bool hasEnded() const { return mHasEnded; }
+    void signal(int number) const;
+    bool hasEnded() const { return mHasEnded; }  // and all its output has been read
 
 private:
     pid_t mPid = -1;
@@ -48,41 +49,41 @@ private:
 };
 
 // The local service with media, in this process.
-class Desk {
+class LocalService {
 public:
-    Desk();
+    LocalService();
 
-    // The code of the answer.
-    int ask(const json& body);
+    int post(const json& body);  // returns the "code" of the response
     json state() const { return mService.state(); }
-    json mix() const;                    // the first one of the state
-    json relay(size_t place = 0) const;  // they stand there by their members
+    // The "media" of the first mix, or of a relay, which are listed by stream id.
+    json mix() const { return mediaOf("mixes", 0); }
+    json relay(size_t index = 0) const { return mediaOf("relays", index); }
+    bool mixReaches(const std::string& state) const;
+    bool inputReaches(size_t index, const std::string& state) const;  // of the mix
+    bool relayReaches(const std::string& state, size_t index = 0) const;
     std::string origin() const { return state()["service"]["origin"]["address"]; }
     std::string memberUrl(int number) const { return origin() + "/live/" + streamIdOf(number); }
     std::string mixUrl() const { return origin() + "/mix/" + streamIdOf(1); }
-
+    std::string get(const std::string& path) const;  // as a browser
     void injectFault(const vexalive::Fault& fault) { mService->inject(fault); }
+    std::vector<std::string> refusals() const;  // the log lines of refused publishers
 
-    // As a browser would.
-    std::string get(const std::string& path) const;
-
-    // The processes that the service has started, whose command line holds `text`.
-    static std::vector<pid_t> children(const std::string& text);
-
-    // The lines of the service's log that tell of a refused publish.
-    std::vector<std::string> refusals() const;
+    // The processes that the service has started, by a part of the command line.
+    static std::vector<pid_t> children(const std::string& commandLine);
 
 private:
     struct Log;
+    json mediaOf(const char* list, size_t index) const;
+
     std::shared_ptr<Log> mLog;
     servicetesting::RunningService mService;
     std::unique_ptr<httplib::Client> mClient;
 };
 
-// An RTMP server that knows nothing of the desk.
-class OtherServer {
+// An RTMP server that the local service does not manage.
+class ExternalServer {
 public:
-    OtherServer();
+    ExternalServer();
     std::string url(const std::string& name) const { return mServer.address().url + "/cdn/" + name; }
     void start();
     void signal(int number) { mProcess->signal(number); }
@@ -93,16 +94,18 @@ private:
     std::unique_ptr<vexalive::Child> mProcess;
 };
 
-// One colour and one tone, published.
-struct Look {
-    std::string colour;  // as FFmpeg names them; none: sound alone
-    int tone = 0;        // Hz; 0: a picture alone
+// The value of a field of /proc/PID/status; 0 if the process has ended.
+long processField(pid_t pid, const std::string& name);
+
+struct TestStream {
+    std::string colour;  // as FFmpeg names them; empty: audio only
+    int tone = 0;        // Hz; 0: video only
     int width = 640;
     int height = 360;
-    int framesPerSecond = 20;
-    int noise = 0;  // kbit/s; 0: nothing but the colour
+    int frameRate = 20;
+    int noise = 0;  // kbit/s of added noise
 };
-std::unique_ptr<Program> publish(const std::string& url, const Look& look);
+std::unique_ptr<Program> publish(const std::string& url, const TestStream& stream);
 
 struct Rgb {
     int r = 0;
@@ -115,117 +118,97 @@ constexpr Rgb kRed{254, 0, 0};
 constexpr Rgb kLime{0, 255, 0};
 constexpr Rgb kBlue{0, 0, 254};
 
-struct Spot {
+struct Pixel {
     int x;
     int y;
     Rgb colour;
 };
 
-// Someone who watches a stream, or looks at a picture in a file, of a known size.
+// Decodes the video of a stream, or an image file, of a known size.
 class Viewer {
 public:
-    Viewer(const std::string& url, int width, int height);
+    explicit Viewer(const std::string& url, int width = 640, int height = 360);
 
     int frames() const;
     bool hasEnded() const { return mProgram->hasEnded(); }
-    Rgb at(int x, int y) const;  // of the latest frame
-    // All spots look like that in the latest frame.
-    bool sees(const std::vector<Spot>& spots) const;
-    bool comesToSee(const std::vector<Spot>& spots) const;
+    Rgb at(int x, int y) const;                          // of the latest frame, as the next
+    bool shows(const std::vector<Pixel>& pixels) const;  // all of them
+    bool comesToShow(const std::vector<Pixel>& pixels) const;
 
-    // From now on, each frame is expected to show all of the one or all of the other.
-    void expectChange(std::vector<Spot> before, std::vector<Spot> after);
-    int changedAt() const;  // the first frame that showed the other; 0: none has
-    int torn() const;       // the frames that showed neither
+    // From now on, each frame has to show all of `before` or all of `after`.
+    void expectChange(std::vector<Pixel> before, std::vector<Pixel> after);
+    int firstChanged() const;  // the number of the first frame that showed `after`; 0: none
+    int torn() const;          // how many frames showed neither
 
 private:
-    void take(const char* bytes, size_t count);
-    Rgb pixel(int x, int y) const;  // under mMutex, as the next one
-    bool shows(const std::vector<Spot>& spots) const;
-    void judge();
+    size_t read(std::string_view output);
+    Rgb pixel(int x, int y) const;  // under mMutex, as the next
+    bool matches(const std::vector<Pixel>& pixels) const;
 
     const int mWidth;
     const int mHeight;
-    std::string mRest;
     mutable std::mutex mMutex;
     std::string mFrame;
     int mFrames = 0;
-    std::vector<Spot> mBefore;
-    std::vector<Spot> mAfter;  // empty: no change is expected
-    int mChangedAt = 0;
+    std::vector<Pixel> mBefore;
+    std::vector<Pixel> mAfter;  // empty: no change is expected
+    int mFirstChanged = 0;
     int mTorn = 0;
-    std::unique_ptr<Program> mProgram;  // the last: its thread uses all of the above
+    std::unique_ptr<Program> mProgram;  // last: its thread uses all of the above
 };
 
-// Someone who listens. Sound is judged in pieces of a tenth of a second.
-class Hearer {
+// Detects tones in the audio of a stream, in pieces of a tenth of a second.
+class Listener {
 public:
-    explicit Hearer(const std::string& url);
-    // Exactly these of the tones 440, 660, 880, 1320 Hz are heard in five pieces running.
+    explicit Listener(const std::string& url);
+    // Five pieces in a row have exactly these of the tones 440, 660, 880 and 1320 Hz.
     bool comesToHear(const std::vector<int>& tones) const;
-    std::vector<int> heard() const;  // in the latest piece
 
 private:
-    void take(const char* bytes, size_t count);
+    size_t read(std::string_view output);
 
-    std::string mRest;
     mutable std::mutex mMutex;
-    std::vector<int> mHeard;
-    int mPiecesTheSame = 0;
+    std::vector<int> mTones;
+    int mEqualPieces = 0;
     std::unique_ptr<Program> mProgram;
 };
 
-// Someone who notes each packet.
-class PacketWatch {
+// Records the packets of a stream, or its decoded frames.
+class Probe {
 public:
-    explicit PacketWatch(const std::string& url);
-    std::vector<double> times(
-        const std::string& kind) const;  // seconds, of "video" or "audio", in the order of arrival
+    enum Unit { kPackets, kFrames };
+    struct Record {
+        double time = 0;  // seconds: the decoding time of a packet, the presentation time of a frame
+        // Of frames only.
+        int width = 0;
+        int height = 0;
+        int bytes = 0;
+        bool isKey = false;
+        int samples = 0;
+        int channels = 0;
+    };
+    explicit Probe(const std::string& url, Unit unit = kPackets);
+
+    std::vector<Record> video() const { return records("video"); }
+    std::vector<Record> audio() const { return records("audio"); }
+    bool awaitVideo(size_t count) const;  // that many in all
     bool hasEnded() const { return mProgram->hasEnded(); }
-    double longestGap(const std::string& kind) const;
-    bool goesBack(const std::string& kind) const;
+    double longestVideoGap() const { return longestGap(video()); }
+    bool isMonotonic() const;
+
+    static double longestGap(const std::vector<Record>& records);
 
 private:
-    void take(const char* bytes, size_t count);
+    size_t read(std::string_view output);
+    std::vector<Record> records(const std::string& kind) const;
 
-    std::string mRest;
     mutable std::mutex mMutex;
-    std::map<std::string, std::vector<double>> mTimes;
+    std::map<std::string, std::vector<Record>> mRecords;
     std::unique_ptr<Program> mProgram;
 };
 
-// Someone who measures each frame.
-class FrameWatch {
-public:
-    struct Picture {
-        double time;  // seconds
-        int width;
-        int height;
-        int bytes;
-        bool isKey;
-    };
-    struct Sound {
-        double time;
-        int samples;
-        int channels;
-    };
-    explicit FrameWatch(const std::string& url);
-    std::vector<Picture> pictures() const;
-    std::vector<Sound> sounds() const;
-    bool hasEnded() const { return mProgram->hasEnded(); }
-
-private:
-    void take(const char* bytes, size_t count);
-
-    std::string mRest;
-    mutable std::mutex mMutex;
-    std::vector<Picture> mPictures;
-    std::vector<Sound> mSounds;
-    std::unique_ptr<Program> mProgram;
-};
-
-// A mix of member 1's, on a canvas of 640 x 360 at 20 frames a second.
-struct Place {
+// An input of member 1's mix, whose canvas has 640 x 360 pixels and 20 frames a second.
+struct Input {
     int member;
     int x;
     int y;
@@ -233,10 +216,21 @@ struct Place {
     int height;
     bool audioOnly = false;
 };
-json mixBody(const std::vector<Place>& places, const std::string& colour = "0x204060");
+json mixBody(const std::vector<Input>& inputs, const std::string& colour = "0x204060");
 json relayBody(int member, const std::string& destination);
-json cancelBody();
 json removeBody(int member);
+
+// Random layouts, the same in each run.
+class RandomLayouts {
+public:
+    explicit RandomLayouts(unsigned seed) : mRandom(seed) {}
+    int between(int low, int high) { return std::uniform_int_distribution<int>(low, high)(mRandom); }
+    // Most of the first `members`, anywhere, and one more who never publishes.
+    std::vector<Input> next(int members);
+
+private:
+    std::mt19937 mRandom;
+};
 
 }  // namespace mediatesting
 

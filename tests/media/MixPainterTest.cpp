@@ -20,19 +20,19 @@ const Yuv kRight{41, 240, 110};
 const Yuv kOther{145, 54, 34};
 
 uint8_t& sampleOf(GstVideoFrame& frame, int plane, int x, int y) {
-    const int part = plane == 0 ? 1 : 2;
+    const int subsampling = plane == 0 ? 1 : 2;
     auto* const data = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
-    return data[y / part * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane) + x / part];
+    return data[y / subsampling * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane) + x / subsampling];
 }
 
 // Of two colours, side by side.
-VideoFrame makePicture(int width, int height, const Yuv& left, const Yuv& right) {
-    VideoFrame picture;
-    picture.info = mixVideoInfo(width, height);
-    picture.presentationTime = static_cast<int64_t>(Pipeline::runningTime());
-    picture.buffer.reset(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&picture.info), nullptr));
+VideoFrame makeFrame(int width, int height, const Yuv& left, const Yuv& right) {
+    VideoFrame result;
+    result.info = mixVideoInfo(width, height);
+    result.presentationTime = Pipeline::runningTime();
+    result.buffer.reset(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&result.info), nullptr));
     GstVideoFrame frame;
-    gst_video_frame_map(&frame, &picture.info, picture.buffer.get(), GST_MAP_WRITE);
+    gst_video_frame_map(&frame, &result.info, result.buffer.get(), GST_MAP_WRITE);
     for (int plane = 0; plane < 3; ++plane) {
         for (int y = 0; y < height; ++y) {
             for (int x = 0; x < width; ++x) {
@@ -41,12 +41,12 @@ VideoFrame makePicture(int width, int height, const Yuv& left, const Yuv& right)
         }
     }
     gst_video_frame_unmap(&frame);
-    return picture;
+    return result;
 }
 
-std::shared_ptr<MixFeed> feedWith(VideoFrame picture) {
+std::shared_ptr<MixFeed> feedWith(VideoFrame frame) {
     auto feed = std::make_shared<MixFeed>();
-    feed->putFrame(std::move(picture));
+    feed->putFrame(std::move(frame));
     return feed;
 }
 
@@ -55,7 +55,7 @@ protected:
     void SetUp() override { mPainter.setCanvas(320, 180); }
 
     GstRef<GstBuffer> paint(const std::vector<MixPainter::Layer>& parts, bool cropCenter = true) {
-        return mPainter.paint(0, parts, cropCenter, static_cast<int64_t>(Pipeline::runningTime()));
+        return mPainter.paint(0, parts, cropCenter, Pipeline::runningTime());
     }
 
     static Yuv at(const GstRef<GstBuffer>& buffer, int x, int y) {
@@ -70,7 +70,7 @@ protected:
     MixPainter mPainter;
 };
 
-TEST_F(MixPainterTest, PaintsTheCanvasAndWhatIsAbsent) {
+TEST_F(MixPainterTest, PaintsTheCanvasAndPlaceholders) {
     const auto canvas = paint({{std::make_shared<MixFeed>(), {20, 20, 100, 50}}});
     EXPECT_EQ(at(canvas, 19, 20), kBlack);
     EXPECT_EQ(at(canvas, 20, 20), kGrey);
@@ -79,8 +79,8 @@ TEST_F(MixPainterTest, PaintsTheCanvasAndWhatIsAbsent) {
     EXPECT_EQ(at(canvas, 119, 70), kBlack);
 }
 
-TEST_F(MixPainterTest, PaintsAPictureAsItStands) {
-    const auto canvas = paint({{feedWith(makePicture(64, 36, kLeft, kRight)), {100, 60, 64, 36}}});
+TEST_F(MixPainterTest, CopiesAFrameOfTheRightSize) {
+    const auto canvas = paint({{feedWith(makeFrame(64, 36, kLeft, kRight)), {100, 60, 64, 36}}});
     EXPECT_EQ(at(canvas, 99, 60), kBlack);
     EXPECT_EQ(at(canvas, 100, 60), kLeft);
     EXPECT_EQ(at(canvas, 131, 95), kLeft);
@@ -89,9 +89,9 @@ TEST_F(MixPainterTest, PaintsAPictureAsItStands) {
     EXPECT_EQ(at(canvas, 164, 95), kBlack);
 }
 
-TEST_F(MixPainterTest, ScalesAPictureToItsRectangle) {
+TEST_F(MixPainterTest, ScalesAFrameToItsRectangle) {
     for (const bool cropCenter : {false, true}) {
-        const auto canvas = paint({{feedWith(makePicture(64, 36, kLeft, kRight)), {40, 40, 100, 100}}}, cropCenter);
+        const auto canvas = paint({{feedWith(makeFrame(64, 36, kLeft, kRight)), {40, 40, 100, 100}}}, cropCenter);
         EXPECT_EQ(at(canvas, 38, 90), kBlack);
         EXPECT_EQ(at(canvas, 40, 40), kLeft);
         EXPECT_EQ(at(canvas, 80, 139), kLeft);
@@ -103,16 +103,16 @@ TEST_F(MixPainterTest, ScalesAPictureToItsRectangle) {
 }
 
 TEST_F(MixPainterTest, PutsTheLastOnTop) {
-    const MixPainter::Layer lower{feedWith(makePicture(64, 36, kLeft, kLeft)), {0, 0, 100, 100}};
-    const MixPainter::Layer upper{feedWith(makePicture(64, 36, kOther, kOther)), {50, 50, 100, 100}};
+    const MixPainter::Layer lower{feedWith(makeFrame(64, 36, kLeft, kLeft)), {0, 0, 100, 100}};
+    const MixPainter::Layer upper{feedWith(makeFrame(64, 36, kOther, kOther)), {50, 50, 100, 100}};
     const auto canvas = paint({lower, upper});
     EXPECT_EQ(at(canvas, 40, 40), kLeft);
     EXPECT_EQ(at(canvas, 70, 70), kOther);
     EXPECT_EQ(at(paint({upper, lower}), 70, 70), kLeft);
 }
 
-TEST_F(MixPainterTest, ConvertsOtherColours) {
-    VideoFrame full = makePicture(64, 36, {0, 128, 128}, {255, 128, 128});
+TEST_F(MixPainterTest, ConvertsFullRangeColours) {
+    VideoFrame full = makeFrame(64, 36, {0, 128, 128}, {255, 128, 128});
     full.info.colorimetry.range = GST_VIDEO_COLOR_RANGE_0_255;
     const auto canvas = paint({{feedWith(std::move(full)), {100, 60, 64, 36}}});
     EXPECT_NEAR(at(canvas, 110, 80)[0], 16, 1);
@@ -121,27 +121,24 @@ TEST_F(MixPainterTest, ConvertsOtherColours) {
     EXPECT_EQ(at(canvas, 166, 80), kBlack);
 }
 
-TEST_F(MixPainterTest, TakesAnotherSizeOfThePictureAndOfTheCanvas) {
-    const auto feed = feedWith(makePicture(64, 36, kLeft, kLeft));
+TEST_F(MixPainterTest, FollowsTheSizeOfTheFrameAndOfTheCanvas) {
+    const auto feed = feedWith(makeFrame(64, 36, kLeft, kLeft));
     paint({{feed, {0, 0, 100, 100}}});
-    feed->putFrame(makePicture(36, 64, kOther, kOther));
+    feed->putFrame(makeFrame(36, 64, kOther, kOther));
     EXPECT_EQ(at(paint({{feed, {0, 0, 100, 100}}}), 50, 50), kOther);
     mPainter.setCanvas(640, 360);
     EXPECT_EQ(gst_buffer_get_size(paint({{feed, {0, 0, 100, 100}}}).get()), 640U * 360 * 3 / 2);
 }
 
-TEST(MixFeed, ShowsEachPictureInItsTurnHoweverEarlyTheyCome) {
-    constexpr int64_t kFrame = 16'666'667;
+TEST(MixFeed, ShowsEachFrameAtItsPresentationTimeHoweverEarlyTheyCome) {
+    constexpr int64_t kInterval = 16'666'667;
     constexpr int64_t kAhead = 1'000'000'000;
     MixFeed feed;
-    int64_t turn = static_cast<int64_t>(Pipeline::runningTime()) - 10'000'000'000;
-    int64_t now = turn;
-    for (int i = 0; i < 200; ++i, now += kFrame) {
-        for (; turn <= now + kAhead; turn += kFrame) {
-            VideoFrame picture;
-            picture.presentationTime = turn;
-            picture.buffer.reset(gst_buffer_new());
-            feed.putFrame(std::move(picture));
+    int64_t next = Pipeline::runningTime() - 10'000'000'000;
+    int64_t now = next;
+    for (int i = 0; i < 200; ++i, now += kInterval) {
+        for (; next <= now + kAhead; next += kInterval) {
+            feed.putFrame({next, {}, GstRef<GstBuffer>(gst_buffer_new())});
         }
         VideoFrame shown;
         ASSERT_TRUE(feed.frameAt(now, shown)) << i;
@@ -149,24 +146,22 @@ TEST(MixFeed, ShowsEachPictureInItsTurnHoweverEarlyTheyCome) {
     }
 }
 
-TEST(MixFeed, ShowsAPictureWhoseTurnIsFarOff) {
+TEST(MixFeed, ShowsAFrameThatIsFarTooEarly) {
     MixFeed feed;
-    VideoFrame picture = makePicture(64, 36, kLeft, kRight);
-    const int64_t now = picture.presentationTime;
-    picture.presentationTime += 3600'000'000'000;
-    feed.putFrame(std::move(picture));
+    const int64_t now = Pipeline::runningTime();
+    feed.putFrame({now + 3600'000'000'000, {}, GstRef<GstBuffer>(gst_buffer_new())});
     VideoFrame shown;
     EXPECT_TRUE(feed.frameAt(now, shown));
 }
 
-// Whatever stands in a wish: no crash, and nothing painted beside the rectangle.
-TEST_F(MixPainterTest, BearsEveryPlace) {
+// No crash, and nothing painted beside the rectangle.
+TEST_F(MixPainterTest, AcceptsAnyRectangle) {
     std::mt19937 random(1);
     const auto any = [&](int lowest, int highest) {
         return std::uniform_int_distribution<int>(lowest, highest)(random);
     };
     for (int round = 0; round < 3000; ++round) {
-        const auto feed = feedWith(makePicture(2 * any(1, 90), any(2, 130), kLeft, kRight));
+        const auto feed = feedWith(makeFrame(2 * any(1, 90), any(2, 130), kLeft, kRight));
         const bool isFar = any(0, 9) == 0;
         Rectangle rectangle{any(-400, 400), any(-400, 400), any(0, 500), any(0, 500)};
         if (isFar) {
@@ -175,7 +170,7 @@ TEST_F(MixPainterTest, BearsEveryPlace) {
         const bool cropsCenter = any(0, 1) == 0;
         if (any(0, 3) == 0) {  // exactly halved, from any column on
             rectangle.width = rectangle.height = 64;
-            feed->putFrame(makePicture(128 + 2 * any(0, 20), 128, kLeft, kRight));
+            feed->putFrame(makeFrame(128 + 2 * any(0, 20), 128, kLeft, kRight));
         }
         const auto canvas = paint({{feed, rectangle}}, cropsCenter);
         const Rectangle to = visiblePart(rectangle, 320, 180);
@@ -194,7 +189,7 @@ TEST_F(MixPainterTest, BearsEveryPlace) {
 }  // namespace
 }  // namespace vexalive
 
-// GLib keeps, unseen by a leak check, what it allocates as it is loaded. Only a whole stack tells that from a leak.
+// GLib never frees what it allocates while it is loaded. The suppression needs the whole stack.
 extern "C" const char* __asan_default_options() {
     return "fast_unwind_on_malloc=0";
 }

@@ -1,4 +1,4 @@
-// When an input's media have their turn, and its sound by the sample.
+// The presentation times of an input's media, and its audio by the sample.
 
 #include <gtest/gtest.h>
 
@@ -12,112 +12,113 @@ namespace vexalive {
 namespace {
 
 constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kCushion = MixTimeline::kTargetLead;
+
+// A timeline in milliseconds that began with a video frame of timestamp 0 at 0.
+struct Timeline : MixTimeline {
+    Timeline() { at(kVideo, 0, 0); }
+    int64_t operator()(int64_t timestamp, int64_t now, Kind kind = kVideo) {
+        return (at(kind, timestamp * kMs, now * kMs) - kTargetLead) / kMs;
+    }
+};
 
 TEST(MixTimeline, GivesAudioAndVideoOneOffset) {
-    MixTimeline timeline;
-    EXPECT_EQ(timeline.at(MixTimeline::kVideo, 7000 * kMs, 100 * kMs), 100 * kMs + kCushion);
-    EXPECT_EQ(timeline.at(MixTimeline::kAudio, 7010 * kMs, 150 * kMs), 110 * kMs + kCushion);
+    Timeline time;
+    EXPECT_EQ(time(20, 20), 20);
+    EXPECT_EQ(time(10, 50, MixTimeline::kAudio), 10);
 }
 
-TEST(MixTimeline, DoesNotMoveForAPauseAndABurst) {
-    MixTimeline timeline;
-    timeline.at(MixTimeline::kVideo, 0, 0);
-    for (int64_t time = 40; time <= 3000; time += 40) {
-        EXPECT_EQ(timeline.at(MixTimeline::kVideo, time * kMs, 3000 * kMs), time * kMs + kCushion);
+TEST(MixTimeline, DoesNotShiftForAPauseAndABurst) {
+    Timeline time;
+    for (int64_t timestamp = 40; timestamp <= 3000; timestamp += 40) {
+        EXPECT_EQ(time(timestamp, 3000), timestamp);
     }
 }
 
-TEST(MixTimeline, MovesForWhatIsLateForLong) {
-    MixTimeline timeline;
-    timeline.at(MixTimeline::kVideo, 0, 0);
+TEST(MixTimeline, ShiftsForMediaThatStayLate) {
+    Timeline time;
     constexpr int64_t kDelay = 400;
-    for (int64_t time = 0; time <= 1000; time += 40) {
-        EXPECT_EQ(timeline.at(MixTimeline::kVideo, time * kMs, (time + kDelay) * kMs), time * kMs + kCushion);
+    for (int64_t timestamp = 0; timestamp <= 1000; timestamp += 40) {
+        EXPECT_EQ(time(timestamp, timestamp + kDelay), timestamp);
     }
-    EXPECT_EQ(timeline.at(MixTimeline::kVideo, 1040 * kMs, (1040 + kDelay) * kMs), (1040 + kDelay) * kMs + kCushion);
-    EXPECT_EQ(timeline.at(MixTimeline::kAudio, 1040 * kMs, (1040 + kDelay) * kMs), (1040 + kDelay) * kMs + kCushion);
+    EXPECT_EQ(time(1040, 1040 + kDelay), 1040 + kDelay);
+    EXPECT_EQ(time(1040, 1040 + kDelay, MixTimeline::kAudio), 1040 + kDelay);
 }
 
-TEST(MixTimeline, MovesForWhatIsLateAgainAndAgain) {
-    MixTimeline timeline;
-    timeline.at(MixTimeline::kAudio, 0, 0);
-    constexpr int64_t kDelay = 120;  // of every other one
-    for (int64_t time = 0; time <= 1000; time += 40) {
-        EXPECT_EQ(timeline.at(MixTimeline::kAudio, time * kMs, (time + kDelay) * kMs), time * kMs + kCushion);
-        EXPECT_EQ(timeline.at(MixTimeline::kAudio, (time + 20) * kMs, (time + 20) * kMs), (time + 20) * kMs + kCushion);
+TEST(MixTimeline, ShiftsIfEveryOtherFrameIsLate) {
+    Timeline time;
+    constexpr int64_t kDelay = 120;
+    for (int64_t timestamp = 0; timestamp <= 1000; timestamp += 40) {
+        EXPECT_EQ(time(timestamp, timestamp + kDelay, MixTimeline::kAudio), timestamp);
+        EXPECT_EQ(time(timestamp + 20, timestamp + 20, MixTimeline::kAudio), timestamp + 20);
     }
-    EXPECT_EQ(timeline.at(MixTimeline::kAudio, 1040 * kMs, (1040 + kDelay) * kMs), (1040 + kDelay) * kMs + kCushion);
+    EXPECT_EQ(time(1040, 1040 + kDelay, MixTimeline::kAudio), 1040 + kDelay);
 }
 
-TEST(MixTimeline, BearsWhatIsLateNowAndThen) {
-    MixTimeline timeline;
-    timeline.at(MixTimeline::kAudio, 0, 0);
-    for (int64_t time = 20; time <= 60'000; time += 20) {
-        const int64_t delay = time % 1500 == 0 ? 400 : 0;
-        EXPECT_EQ(timeline.at(MixTimeline::kAudio, time * kMs, (time + delay) * kMs), time * kMs + kCushion);
+TEST(MixTimeline, DoesNotShiftForAFrameThatIsLateNowAndThen) {
+    Timeline time;
+    for (int64_t timestamp = 20; timestamp <= 60'000; timestamp += 20) {
+        EXPECT_EQ(time(timestamp, timestamp + (timestamp % 1500 == 0 ? 400 : 0), MixTimeline::kAudio), timestamp);
     }
 }
 
-TEST(MixTimeline, MovesAtOnceForAJumpOfThePublishersClock) {
-    MixTimeline timeline;
-    timeline.at(MixTimeline::kVideo, 10'000 * kMs, 0);
-    EXPECT_EQ(timeline.at(MixTimeline::kVideo, 90'000 * kMs, 40 * kMs), 40 * kMs + kCushion);
-    EXPECT_EQ(timeline.at(MixTimeline::kVideo, 0, 80 * kMs), 80 * kMs + kCushion);
+TEST(MixTimeline, ShiftsAtOnceForAJumpOfThePublishersClock) {
+    Timeline time;
+    EXPECT_EQ(time(80'000, 40), 40);
+    EXPECT_EQ(time(0, 80), 80);
 }
 
 std::vector<float> samples(int64_t count, float value) {
     return std::vector<float>(static_cast<size_t>(count) * AudioRing::kChannels, value);
 }
 
-std::vector<float> heard(const AudioRing& sound, int64_t position, int64_t count) {
+std::vector<float> read(const AudioRing& ring, int64_t position, int64_t count) {
     std::vector<float> sum = samples(count, 0);
-    sound.addTo(sum.data(), position, count);
+    ring.addTo(sum.data(), position, count);
     return sum;
 }
 
-TEST(AudioRing, AddsWhatThereIs) {
-    AudioRing sound;
-    sound.put(10'000, samples(100, 0.25F).data(), 100);
+TEST(AudioRing, AddsTheSamplesItHas) {
+    AudioRing ring;
+    ring.put(10'000, samples(100, 0.25F).data(), 100);
     std::vector<float> sum = samples(4, 0.5F);
-    sound.addTo(sum.data(), 9998, 4);
+    ring.addTo(sum.data(), 9998, 4);
     EXPECT_EQ(sum, (std::vector<float>{0.5F, 0.5F, 0.5F, 0.5F, 0.75F, 0.75F, 0.75F, 0.75F}));
-    EXPECT_EQ(heard(sound, 10'099, 2), (std::vector<float>{0.25F, 0.25F, 0, 0}));
+    EXPECT_EQ(read(ring, 10'099, 2), (std::vector<float>{0.25F, 0.25F, 0, 0}));
 }
 
-TEST(AudioRing, JoinsWhatNearlyFollows) {
-    AudioRing sound;
-    sound.put(10'000, samples(1024, 1).data(), 1024);
-    sound.put(11'060, samples(1024, 2).data(), 1024);
-    EXPECT_EQ(heard(sound, 11'023, 2), (std::vector<float>{1, 1, 2, 2}));
+TEST(AudioRing, JoinsSamplesThatNearlyFollow) {
+    AudioRing ring;
+    ring.put(10'000, samples(1024, 1).data(), 1024);
+    ring.put(11'060, samples(1024, 2).data(), 1024);
+    EXPECT_EQ(read(ring, 11'023, 2), (std::vector<float>{1, 1, 2, 2}));
 }
 
 TEST(AudioRing, IsSilentInAGap) {
-    AudioRing sound;
-    sound.put(10'000, samples(1000, 1).data(), 1000);
-    sound.put(20'000, samples(1000, 2).data(), 1000);
-    EXPECT_EQ(heard(sound, 10'999, 2), (std::vector<float>{1, 1, 0, 0}));
-    EXPECT_EQ(heard(sound, 19'999, 2), (std::vector<float>{0, 0, 2, 2}));
+    AudioRing ring;
+    ring.put(10'000, samples(1000, 1).data(), 1000);
+    ring.put(20'000, samples(1000, 2).data(), 1000);
+    EXPECT_EQ(read(ring, 10'999, 2), (std::vector<float>{1, 1, 0, 0}));
+    EXPECT_EQ(read(ring, 19'999, 2), (std::vector<float>{0, 0, 2, 2}));
 }
 
-TEST(AudioRing, ForgetsWhatIsOld) {
-    AudioRing sound;
-    sound.put(0, samples(AudioRing::kRate, 1).data(), AudioRing::kRate);
+TEST(AudioRing, DropsOldSamples) {
+    AudioRing ring;
+    ring.put(0, samples(AudioRing::kRate, 1).data(), AudioRing::kRate);
     for (int64_t second = 1; second < 5; ++second) {
-        sound.put(second * AudioRing::kRate, samples(AudioRing::kRate, 2).data(), AudioRing::kRate);
+        ring.put(second * AudioRing::kRate, samples(AudioRing::kRate, 2).data(), AudioRing::kRate);
     }
-    EXPECT_EQ(heard(sound, 100, 1), (std::vector<float>{0, 0}));
-    EXPECT_EQ(heard(sound, 5 * AudioRing::kRate - 1, 1), (std::vector<float>{2, 2}));
+    EXPECT_EQ(read(ring, 100, 1), (std::vector<float>{0, 0}));
+    EXPECT_EQ(read(ring, 5 * AudioRing::kRate - 1, 1), (std::vector<float>{2, 2}));
 }
 
-// It falls behind by 360 ms in two minutes, on an uneven road. The mix takes what there is every 20 ms.
-TEST(AudioRing, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
+// The publisher falls behind by 360 ms in two minutes, with jitter. The mix reads every 20 ms.
+TEST(AudioRing, HasFewShortGapsForASlowPublisher) {
     struct Piece {
         int64_t decoded;
-        int64_t turn;
+        int64_t presentationTime;
     };
     MixTimeline timeline;
-    AudioRing sound;
+    AudioRing ring;
     std::deque<Piece> decoding;
     int64_t pieces = 0;
     int64_t silent = 0;
@@ -128,12 +129,12 @@ TEST(AudioRing, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
             decoding.push_back({now + 5, timeline.at(MixTimeline::kAudio, pieces * 20 * kMs, now * kMs)});
         }
         for (; !decoding.empty() && decoding.front().decoded <= now; decoding.pop_front()) {
-            sound.put(AudioRing::positionOf(decoding.front().turn), samples(960, 1).data(), 960);
+            ring.put(AudioRing::positionOf(decoding.front().presentationTime), samples(960, 1).data(), 960);
         }
         if (now % 20 != 7 || now < 1000) {
             continue;
         }
-        for (const float sample : heard(sound, AudioRing::positionOf((now - 20) * kMs), 960)) {
+        for (const float sample : read(ring, AudioRing::positionOf((now - 20) * kMs), 960)) {
             gaps += !isSilent && sample == 0 ? 1 : 0;
             silent += sample == 0 ? 1 : 0;
             isSilent = sample == 0;
@@ -144,7 +145,7 @@ TEST(AudioRing, OfASlowPublisherHasAGapNowAndThenAndNoneBetween) {
     EXPECT_LT(silent / static_cast<int64_t>(AudioRing::kChannels), gaps * AudioRing::kRate * 150 / 1000);
 }
 
-TEST(AudioRing, CountsForDays) {
+TEST(AudioRing, PositionsDoNotOverflowInAMonth) {
     constexpr int64_t kMonth = int64_t{30} * 24 * 3600;
     EXPECT_EQ(AudioRing::positionOf(kMonth * 1'000'000'000), kMonth * AudioRing::kRate);
     EXPECT_EQ(AudioRing::timeOf(kMonth * AudioRing::kRate), kMonth * 1'000'000'000);

@@ -1,11 +1,9 @@
-// Where the relay of the local service carries a stream, and what it makes of faults on either side.
+// The relay of the local service: what it carries, and how it handles faults on either side.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <thread>
 
 #include "MediaTesting.h"
@@ -15,173 +13,160 @@ namespace {
 
 class Relay : public testing::Test {
 protected:
-    std::string cdn(const std::string& name) const { return desk.origin() + "/cdn/" + name; }
-    bool comesToBe(const std::string& state, size_t place = 0) {
-        return eventually([&] { return desk.relay(place)["media"]["state"] == state; });
+    std::string cdn(const std::string& name) const { return service.origin() + "/cdn/" + name; }
+    void add(int member, const std::string& destination) { ASSERT_EQ(service.post(relayBody(member, destination)), 0); }
+    // Publishes a member's stream and relays it until it runs.
+    void start(int member, const TestStream& stream, const std::string& destination) {
+        (member == 1 ? alice : bob) = publish(service.memberUrl(member), stream);
+        add(member, destination);
+        ASSERT_TRUE(service.relayReaches("running", static_cast<size_t>(member - 1))) << service.state();
     }
-    bool comesToRun(size_t place = 0) { return comesToBe("running", place); }
-    std::string error(size_t place = 0) const { return desk.relay(place)["media"]["error"]; }
+    std::string error(size_t index = 0) const { return service.relay(index)["error"]; }
 
-    Desk desk;
+    LocalService service;
+    std::unique_ptr<Program> alice;
+    std::unique_ptr<Program> bob;
 };
 
-// Of all workers.
 long residentKibibytes() {
     long sum = 0;
-    for (const pid_t pid : Desk::children("vexalive-media")) {
-        std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-        for (std::string line; std::getline(file, line);) {
-            sum += line.rfind("VmRSS:", 0) == 0 ? std::atol(line.c_str() + 6) : 0;
-        }
+    for (const pid_t pid : LocalService::children("vexalive-media")) {
+        sum += processField(pid, "VmRSS");
     }
     return sum;
 }
 
-TEST_F(Relay, AStreamIsCarriedToTheAddressAsItStands) {
-    const auto alice = publish(desk.memberUrl(1), {"red", 440});
-    ASSERT_EQ(desk.ask(relayBody(1, cdn("alice"))), 0);
-    ASSERT_TRUE(comesToRun()) << desk.relay();
-    const Viewer viewer(cdn("alice"), 640, 360);
-    const Hearer hearer(cdn("alice"));
-    EXPECT_TRUE(viewer.comesToSee({{320, 180, kRed}}));
-    EXPECT_TRUE(hearer.comesToHear({440}));
-    EXPECT_GT(desk.relay()["media"]["frames"], 0);
-    EXPECT_EQ(desk.relay()["media"]["dropped"], 0);
-
-    ASSERT_EQ(desk.ask(removeBody(1)), 0);
-    EXPECT_TRUE(eventually([&] { return viewer.hasEnded(); }));
-    EXPECT_TRUE(eventually([] { return Desk::children("vexalive-media").empty(); }));
+bool awaitBoth(const Probe& packets) {
+    return eventually([&] { return packets.video().size() > 20 && !packets.audio().empty(); });
 }
 
-// The pause is longer than servers keep a publisher that sends nothing. Another publisher freezes meanwhile.
-TEST_F(Relay, ARelayOutlivesAPauseOfItsSource) {
+TEST_F(Relay, CarriesTheStreamUnchanged) {
+    start(1, {"red", 440}, cdn("alice"));
+    const Viewer viewer(cdn("alice"));
+    EXPECT_TRUE(viewer.comesToShow({{320, 180, kRed}}));
+    EXPECT_TRUE(Listener(cdn("alice")).comesToHear({440}));
+    EXPECT_GT(service.relay()["frames"], 0);
+    EXPECT_EQ(service.relay()["dropped"], 0);
+
+    ASSERT_EQ(service.post(removeBody(1)), 0);
+    EXPECT_TRUE(eventually([&] { return viewer.hasEnded(); }));
+    EXPECT_TRUE(eventually([] { return LocalService::children("vexalive-media").empty(); }));
+}
+
+// The pause is longer than servers retain a publisher that sends nothing. Another publisher freezes meanwhile.
+TEST_F(Relay, OutlivesAPauseOfItsSource) {
     constexpr std::chrono::seconds kPause{11};
-    auto alice = publish(desk.memberUrl(1), {"red", 440});
-    const auto bob = publish(desk.memberUrl(2), {"blue", 660});
-    ASSERT_EQ(desk.ask(relayBody(1, cdn("alice"))), 0);
-    ASSERT_EQ(desk.ask(relayBody(2, cdn("bob"))), 0);
-    ASSERT_TRUE(comesToRun(0) && comesToRun(1)) << desk.state();
-    const Viewer viewer(cdn("alice"), 640, 360);
-    const PacketWatch packets(cdn("alice"));
-    const PacketWatch packetsOfBob(cdn("bob"));
-    ASSERT_TRUE(viewer.comesToSee({{320, 180, kRed}}));
-    ASSERT_TRUE(eventually([&] { return packets.times("video").size() > 20; }));
-    ASSERT_TRUE(eventually([&] { return packetsOfBob.times("video").size() > 20; }));
+    start(1, {"red", 440}, cdn("alice"));
+    start(2, {"blue", 660}, cdn("bob"));
+    const Viewer viewer(cdn("alice"));
+    const Probe packets(cdn("alice"));
+    const Probe packetsOfBob(cdn("bob"));
+    ASSERT_TRUE(viewer.comesToShow({{320, 180, kRed}}));
+    ASSERT_TRUE(packets.awaitVideo(21) && packetsOfBob.awaitVideo(21));
 
     alice.reset();
-    const auto left = std::chrono::steady_clock::now();
-    ASSERT_TRUE(eventually([this] { return desk.relay()["media"]["inputs"][0]["state"] == "reconnecting"; }));
-    ::kill(bob->pid(), SIGSTOP);
-    EXPECT_TRUE(comesToBe("reconnecting", 1)) << desk.relay(1);
+    const auto pauseBegan = std::chrono::steady_clock::now();
+    ASSERT_TRUE(eventually([this] { return service.relay()["inputs"][0]["state"] == "reconnecting"; }));
+    bob->signal(SIGSTOP);
+    EXPECT_TRUE(service.relayReaches("reconnecting", 1)) << service.relay(1);
     EXPECT_EQ(error(1), "nothing comes from " + streamIdOf(2));
-    const size_t seenOfBob = packetsOfBob.times("video").size();
-    ::kill(bob->pid(), SIGCONT);
-    EXPECT_TRUE(comesToRun(1)) << desk.relay(1);
-    EXPECT_TRUE(eventually([&] { return packetsOfBob.times("video").size() > seenOfBob + 20; }));
+    const size_t receivedOfBob = packetsOfBob.video().size();
+    bob->signal(SIGCONT);
+    EXPECT_TRUE(service.relayReaches("running", 1)) << service.relay(1);
+    EXPECT_TRUE(packetsOfBob.awaitVideo(receivedOfBob + 21));
 
-    std::this_thread::sleep_until(left + kPause);
-    const size_t seen = packets.times("video").size();
-    EXPECT_EQ(desk.relay()["media"]["state"], "reconnecting");
+    std::this_thread::sleep_until(pauseBegan + kPause);
+    const size_t received = packets.video().size();
+    EXPECT_EQ(service.relay()["state"], "reconnecting");
     EXPECT_EQ(error(), "its publisher has left");
-    alice = publish(desk.memberUrl(1), {"lime", 440});
-    EXPECT_TRUE(viewer.comesToSee({{320, 180, kLime}}));
-    EXPECT_TRUE(comesToRun());
-    EXPECT_TRUE(eventually([&] { return packets.times("video").size() > seen + 20; }));
-    EXPECT_GT(packets.longestGap("video"), 10);  // as long as it was
-    for (const PacketWatch* each : {&packets, &packetsOfBob}) {
+    alice = publish(service.memberUrl(1), {"lime", 440});
+    EXPECT_TRUE(viewer.comesToShow({{320, 180, kLime}}));
+    EXPECT_TRUE(service.relayReaches("running"));
+    EXPECT_TRUE(packets.awaitVideo(received + 21));
+    EXPECT_GT(packets.longestVideoGap(), 10);  // the pause keeps its length
+    for (const Probe* each : {&packets, &packetsOfBob}) {
         EXPECT_FALSE(each->hasEnded());
-        EXPECT_FALSE(each->goesBack("video"));
-        EXPECT_FALSE(each->goesBack("audio"));
+        EXPECT_TRUE(each->isMonotonic());
     }
-    for (const size_t place : {size_t{0}, size_t{1}}) {
-        EXPECT_EQ(desk.relay(place)["media"]["reconnects"], 0);  // of the destination
-        EXPECT_EQ(desk.relay(place)["media"]["restarts"], 0);
+    for (const size_t index : {size_t{0}, size_t{1}}) {
+        EXPECT_EQ(service.relay(index)["reconnects"], 0);  // of the destination
+        EXPECT_EQ(service.relay(index)["restarts"], 0);
     }
 }
 
-TEST_F(Relay, ADestinationThatIsKilledIsReachedAgainWhenItIsBack) {
-    OtherServer elsewhere;
-    const auto alice = publish(desk.memberUrl(1), {"red", 440});
-    ASSERT_EQ(desk.ask(relayBody(1, elsewhere.url("alice"))), 0);
-    ASSERT_TRUE(comesToRun()) << desk.relay();
-    const PacketWatch before(elsewhere.url("alice"));
-    ASSERT_TRUE(eventually([&] { return before.times("video").size() > 20 && !before.times("audio").empty(); }));
+TEST_F(Relay, ReconnectsToADestinationThatWasKilled) {
+    ExternalServer server;
+    start(1, {"red", 440}, server.url("alice"));
+    const Probe before(server.url("alice"));
+    ASSERT_TRUE(awaitBoth(before));
 
-    elsewhere.signal(SIGKILL);
-    EXPECT_TRUE(comesToBe("reconnecting")) << desk.relay();
+    server.signal(SIGKILL);
+    EXPECT_TRUE(service.relayReaches("reconnecting")) << service.relay();
     EXPECT_NE(error(), "");
     EXPECT_TRUE(eventually([&] { return before.hasEnded(); }));
-    elsewhere.start();
-    ASSERT_TRUE(comesToRun()) << desk.relay();
+    server.start();
+    ASSERT_TRUE(service.relayReaches("running")) << service.relay();
     EXPECT_EQ(error(), "");
-    const Viewer viewer(elsewhere.url("alice"), 640, 360);
-    const PacketWatch after(elsewhere.url("alice"));
-    EXPECT_TRUE(viewer.comesToSee({{320, 180, kRed}}));
-    ASSERT_TRUE(eventually([&] { return after.times("video").size() > 20 && !after.times("audio").empty(); }));
-    for (const char* kind : {"video", "audio"}) {
-        EXPECT_GT(after.times(kind).front(), before.times(kind).back()) << kind;
-        EXPECT_FALSE(after.goesBack(kind));
-    }
-    EXPECT_GT(desk.relay()["media"]["reconnects"], 0);
-    EXPECT_EQ(desk.relay()["media"]["restarts"], 0);
+    const Viewer viewer(server.url("alice"));
+    const Probe after(server.url("alice"));
+    EXPECT_TRUE(viewer.comesToShow({{320, 180, kRed}}));
+    ASSERT_TRUE(awaitBoth(after));
+    EXPECT_GT(after.video().front().time, before.video().back().time);
+    EXPECT_GT(after.audio().front().time, before.audio().back().time);
+    EXPECT_TRUE(after.isMonotonic());
+    EXPECT_GT(service.relay()["reconnects"], 0);
+    EXPECT_EQ(service.relay()["restarts"], 0);
 }
 
 TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
-    constexpr int kHeavy = 30'000;          // kbit/s; soon fills what may wait
+    constexpr int kHeavy = 30'000;          // kbit/s; soon fills the queue
     constexpr long kMaxGrowth = 10 * 1024;  // KiB
     constexpr int kDropped = 60;            // frames, of far more bytes than that
-    OtherServer slow;
-    const auto alice = publish(desk.memberUrl(1), {"red", 440, 640, 360, 20, kHeavy});
-    ASSERT_EQ(desk.ask(relayBody(1, slow.url("alice"))), 0);
-    const auto bob = publish(desk.memberUrl(2), {"lime", 660});
-    ASSERT_EQ(desk.ask(relayBody(2, cdn("bob"))), 0);
-    ASSERT_TRUE(comesToRun(0) && comesToRun(1)) << desk.state();
-    const PacketWatch packets(slow.url("alice"));
-    const PacketWatch packetsOfBob(cdn("bob"));
-    ASSERT_TRUE(eventually([&] { return packets.times("video").size() > 20; }));
+    ExternalServer slow;
+    start(1, {"red", 440, 640, 360, 20, kHeavy}, slow.url("alice"));
+    start(2, {"lime", 660}, cdn("bob"));
+    const Probe packets(slow.url("alice"));
+    const Probe packetsOfBob(cdn("bob"));
+    ASSERT_TRUE(packets.awaitVideo(21));
     const long memory = residentKibibytes();
 
     slow.signal(SIGSTOP);
-    EXPECT_TRUE(eventually([this] { return desk.relay()["media"]["dropped"] > kDropped; })) << desk.relay();
+    EXPECT_TRUE(eventually([this] { return service.relay()["dropped"] > kDropped; })) << service.relay();
     EXPECT_LT(residentKibibytes(), memory + kMaxGrowth);
-    EXPECT_TRUE(comesToBe("reconnecting")) << desk.relay();
+    EXPECT_TRUE(service.relayReaches("reconnecting")) << service.relay();
     EXPECT_EQ(error(), "it takes nothing any more");
     slow.signal(SIGCONT);
-    EXPECT_TRUE(comesToRun()) << desk.relay();
-    const size_t seen = packets.times("video").size();
-    EXPECT_TRUE(eventually([&] { return packets.times("video").size() > seen + 20; }));
-    EXPECT_FALSE(packets.goesBack("video"));
-    EXPECT_FALSE(packets.goesBack("audio"));
+    EXPECT_TRUE(service.relayReaches("running")) << service.relay();
+    EXPECT_TRUE(packets.awaitVideo(packets.video().size() + 21));
+    EXPECT_TRUE(packets.isMonotonic());
 
-    EXPECT_LE(packetsOfBob.longestGap("video"), 0.2);
-    EXPECT_EQ(desk.relay(1)["media"]["dropped"], 0);
-    EXPECT_EQ(desk.relay(1)["media"]["state"], "running");
+    EXPECT_LE(packetsOfBob.longestVideoGap(), 0.2);
+    EXPECT_EQ(service.relay(1)["dropped"], 0);
+    EXPECT_EQ(service.relay(1)["state"], "running");
 }
 
-TEST_F(Relay, ADestinationThatIsGoneDisturbsNoOther) {
-    const auto alice = publish(desk.memberUrl(1), {"red", 440});
-    const auto bob = publish(desk.memberUrl(2), {"lime", 660});
-    ASSERT_EQ(desk.ask(relayBody(1, "rtmp://127.0.0.1:9/cdn/nobody")), 0);
-    ASSERT_EQ(desk.ask(relayBody(2, cdn("bob"))), 0);
-    const Viewer viewer(cdn("bob"), 640, 360);
-    const PacketWatch packets(cdn("bob"));
-    EXPECT_TRUE(viewer.comesToSee({{320, 180, kLime}}));
-    ASSERT_TRUE(eventually([this] { return desk.relay()["media"]["reconnects"] > 1; })) << desk.relay();
-    EXPECT_EQ(desk.relay()["media"]["state"], "reconnecting");
-    EXPECT_FALSE(desk.relay()["media"]["error"].get<std::string>().empty());
-    EXPECT_TRUE(eventually([&] { return packets.times("video").size() > 40; }));
-    EXPECT_LE(packets.longestGap("video"), 0.2);
+TEST_F(Relay, ADestinationThatIsAbsentDisturbsNoOther) {
+    alice = publish(service.memberUrl(1), {"red", 440});
+    add(1, "rtmp://127.0.0.1:9/cdn/nobody");
+    bob = publish(service.memberUrl(2), {"lime", 660});
+    add(2, cdn("bob"));
+    const Probe packets(cdn("bob"));
+    EXPECT_TRUE(Viewer(cdn("bob")).comesToShow({{320, 180, kLime}}));
+    ASSERT_TRUE(eventually([this] { return service.relay()["reconnects"] > 1; })) << service.relay();
+    EXPECT_EQ(service.relay()["state"], "reconnecting");
+    EXPECT_NE(error(), "");
+    EXPECT_TRUE(packets.awaitVideo(41));
+    EXPECT_LE(packets.longestVideoGap(), 0.2);
 
-    ASSERT_EQ(desk.ask(relayBody(1, cdn("alice"))), 0);  // moved to where someone listens
-    EXPECT_TRUE(comesToRun()) << desk.relay();
-    const Viewer moved(cdn("alice"), 640, 360);
-    EXPECT_TRUE(moved.comesToSee({{320, 180, kRed}}));
+    add(1, cdn("alice"));  // another destination for the same relay
+    EXPECT_TRUE(service.relayReaches("running")) << service.relay();
+    EXPECT_TRUE(Viewer(cdn("alice")).comesToShow({{320, 180, kRed}}));
 }
 
-TEST_F(Relay, OnlyRtmpIsCarried) {
-    EXPECT_NE(desk.ask(relayBody(1, "srt://127.0.0.1:9000/alice")), 0);
-    EXPECT_TRUE(desk.relay().is_null());
-    EXPECT_EQ(desk.ask(relayBody(1, cdn("alice"))), 0);
+TEST_F(Relay, RefusesAnotherProtocolThanRtmp) {
+    EXPECT_NE(service.post(relayBody(1, "srt://127.0.0.1:9000/alice")), 0);
+    EXPECT_TRUE(service.relay().is_null());
+    add(1, cdn("alice"));
 }
 
 }  // namespace

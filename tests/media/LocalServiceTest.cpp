@@ -1,4 +1,4 @@
-// The desk as a whole: who may publish, what is left when the service is killed, and what its numbers say.
+// The local service as a whole: who may publish, which processes a killed service leaves, and the metrics.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,14 +13,14 @@
 namespace mediatesting {
 namespace {
 
-// The processes of this machine with that text in their command line or their environment.
-int processesWith(const std::string& text) {
+// How many processes of this machine have `mark` in their command line or environment.
+int processesWith(const std::string& mark) {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         for (const char* name : {"cmdline", "environ"}) {
             std::ifstream file(entry.path() / name, std::ios::binary);
             const std::string content{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-            if (content.find(text) != std::string::npos) {
+            if (content.find(mark) != std::string::npos) {
                 ++count;
                 break;
             }
@@ -29,18 +29,17 @@ int processesWith(const std::string& text) {
     return count;
 }
 
-TEST(Desk, APublishUnderAWrongIdIsRefusedWithAReason) {
-    const Desk desk;
-    const auto stranger = publish(desk.origin() + "/live/alice", {"red", 440});
+TEST(LocalService, RefusesAPublisherUnderAWrongIdWithAReason) {
+    const LocalService service;
+    const auto stranger = publish(service.origin() + "/live/alice", {"red", 440});
     EXPECT_TRUE(eventually([&] { return stranger->hasEnded(); }));
-    ASSERT_TRUE(eventually([&] { return !desk.refusals().empty(); }));
-    EXPECT_NE(desk.refusals()[0].find("alice"), std::string::npos) << desk.refusals()[0];
-    const auto alice = publish(desk.memberUrl(1), {"red", 440});
-    const Viewer viewer(desk.memberUrl(1), 640, 360);
-    EXPECT_TRUE(viewer.comesToSee({{320, 180, kRed}}));
+    ASSERT_TRUE(eventually([&] { return !service.refusals().empty(); }));
+    EXPECT_NE(service.refusals()[0].find("alice"), std::string::npos) << service.refusals()[0];
+    const auto alice = publish(service.memberUrl(1), {"red", 440});
+    EXPECT_TRUE(Viewer(service.memberUrl(1)).comesToShow({{320, 180, kRed}}));
 }
 
-TEST(Desk, AKilledServiceLeavesNoProcessBehind) {
+TEST(LocalService, LeavesNoProcessWhenItIsKilled) {
     const servicetesting::TemporaryFolder folder;
     const std::string mark = "VEXALIVE_TEST_MARK=" + folder.path();
     ChildProcess service({VEXALIVE_TOOL, "serve", "--media", "--json", "--state-dir", folder.path() + "/state",
@@ -60,12 +59,12 @@ TEST(Desk, AKilledServiceLeavesNoProcessBehind) {
     EXPECT_TRUE(eventually([&] { return processesWith(mark) == 0; })) << processesWith(mark);
 }
 
-TEST(Desk, ItsNumbersAreThereForAMonitor) {
-    Desk desk;
-    const auto alice = publish(desk.memberUrl(1), {"red", 440});
-    ASSERT_EQ(desk.ask(relayBody(1, desk.origin() + "/cdn/alice")), 0);
-    ASSERT_TRUE(eventually([&] { return desk.relay()["media"]["state"] == "running"; })) << desk.relay();
-    const std::string metrics = desk.get("/metrics");
+TEST(LocalService, ServesMetrics) {
+    LocalService service;
+    const auto alice = publish(service.memberUrl(1), {"red", 440});
+    ASSERT_EQ(service.post(relayBody(1, service.origin() + "/cdn/alice")), 0);
+    ASSERT_TRUE(service.relayReaches("running")) << service.relay();
+    const std::string metrics = service.get("/metrics");
     EXPECT_NE(metrics.find("# TYPE vexalive_"), std::string::npos) << metrics;
     EXPECT_NE(metrics.find(streamIdOf(1)), std::string::npos) << metrics;
 }
