@@ -8,29 +8,30 @@
 
 #include "base/RetrySchedule.h"
 #include "base/ServiceAddress.h"
+#include "common/Text.h"
+#include "common/Url.h"
 
 namespace vexalive {
 namespace {
 
-constexpr int kEveryLogLevel = 1;
-constexpr int kWarningLogLevel = 3;
+constexpr int kDebugLevel = 1;
+constexpr int kWarningLevel = 3;
 
-// The adapter puts both into the request's address as they stand, so what no address can hold fails there.
-void warnOfSecret(const CLI::App& command, const Setting& setting, const std::string& secret) {
-    const bool isSafe = std::all_of(secret.begin(), secret.end(), [](char c) { return c > ' ' && c < 0x7f; });
-    if (!isSafe || secret.find_first_of("&#%") != std::string::npos) {
+// The adapter does not URL-encode the secrets.
+void warnOfUnsafeSecret(const CLI::App& command, const RequiredOption& option, const std::string& secret) {
+    const bool isPrintableAscii = std::all_of(secret.begin(), secret.end(), [](char c) { return c > ' ' && c < 0x7f; });
+    if (!isPrintableAscii || secret.find_first_of("&#%") != std::string::npos) {
         std::fprintf(stderr,
-                     "vexalive %s: warning: %s holds a character that means something else, or nothing, in the "
-                     "address of a request (a blank, control character, &, #, %% or one that is not ASCII)\n",
-                     command.get_name().c_str(), setting.option());
+                     "vexalive %s: warning: %s contains a space, a control character, &, #, %% or a character that is "
+                     "not ASCII; the request's URL cannot carry it\n",
+                     command.get_name().c_str(), option.name());
     }
 }
 
 void warnOfDefaultService(const CLI::App& command) {
     const char* host = std::getenv("VEXALIVE_SERVICE_HOST");
     if (!host || !*host) {
-        std::fprintf(stderr,
-                     "vexalive %s: warning: VEXALIVE_SERVICE_HOST is not set, so the built-in default is asked: %s\n",
+        std::fprintf(stderr, "vexalive %s: warning: VEXALIVE_SERVICE_HOST is not set; using the built-in default %s\n",
                      command.get_name().c_str(), kstf_get_live_service_host());
     }
 }
@@ -47,57 +48,56 @@ Secrets secretsOf(const RoomMember& member) {
 RoomOptions::RoomOptions(CLI::App& app)
     : command(app),
       sdkAppId(app, "--sdk-app-id", "VEXALIVE_SDK_APP_ID", "the SDK application id, a positive integer"),
-      user(app, "--user", "VEXALIVE_USER", "the user who asks, a text"),
-      sig(app, "--sig", "VEXALIVE_SIG", "the user's signature, a secret text", Setting::kSecret),
-      room(app, "--room", "VEXALIVE_ROOM", "the room that the user is in, a text"),
-      mapKey(app, "--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret text", Setting::kSecret) {
-    app.add_flag("--detach", detach, "Exit once it runs, and leave it running");
-    app.add_flag("--json", json, "Write one JSON object a line (docs/vexalive-tool.md lists them)");
-    app.add_flag("--verbose", verbose, "Write the SDK's log lines to standard error");
-    app.add_option("--ca-file", caFile, "Certificate authorities (PEM) to trust; or VEXALIVE_CA_FILE")
+      user(app, "--user", "VEXALIVE_USER", "the id of the local user"),
+      sig(app, "--sig", "VEXALIVE_SIG", "the user's signature, a secret", RequiredOption::kSecret),
+      room(app, "--room", "VEXALIVE_ROOM", "the id of the room that the user has entered"),
+      mapKey(app, "--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret", RequiredOption::kSecret) {
+    app.add_flag("--detach", detach, "Exit when it is running, without stopping it");
+    app.add_flag("--json", json, "Write one JSON object a line (see docs/vexalive-tool.md)");
+    app.add_flag("--verbose", verbose, "Write the SDK's log to standard error");
+    app.add_option("--ca-file", caFile, "PEM file of certificate authorities to trust; or VEXALIVE_CA_FILE")
         ->type_name("FILE");
 }
 
-RoomMember check(const RoomOptions& options) {
-    RoomMember member;
-    member.sdkAppId = static_cast<int32_t>(options.sdkAppId.integer(1, std::numeric_limits<int32_t>::max()));
-    member.user = options.user.text();
-    member.sig = options.sig.text();
-    member.room = options.room.text();
-    member.mapKey = options.mapKey.text();
-    if (!options.caFile.empty() && !std::ifstream(options.caFile)) {
-        throw UsageError("--ca-file is \"" + printable(options.caFile) + "\": must be a file that can be read");
+Result<RoomMember> validate(const RoomOptions& options) {
+    const auto sdkAppId = options.sdkAppId.integer(1, std::numeric_limits<int32_t>::max());
+    const auto user = options.user.value();
+    const auto sig = options.sig.value();
+    const auto room = options.room.value();
+    const auto mapKey = options.mapKey.value();
+    if (!sdkAppId) {
+        return tl::make_unexpected(sdkAppId.error());
     }
-    return member;
+    for (const auto* value : {&user, &sig, &room, &mapKey}) {
+        if (!*value) {
+            return tl::make_unexpected(value->error());
+        }
+    }
+    if (!options.caFile.empty() && !std::ifstream(options.caFile)) {
+        return failure("--ca-file is \"" + printable(options.caFile) + "\": must be a readable file");
+    }
+    return RoomMember{static_cast<int32_t>(*sdkAppId), *user, *sig, *room, *mapKey};
 }
 
 TaskSession::Lifetime lifetimeOf(const RoomOptions& options) {
     return options.detach ? TaskSession::Lifetime::kDetached : TaskSession::Lifetime::kHeld;
 }
 
-std::string checkUrl(const char* option, const std::string& url) {
-    const size_t colon = url.find("://");
-    const auto isSchemeCharacter = [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '+' || c == '-' ||
-               c == '.';
-    };
-    const bool hasScheme =
-        colon != std::string::npos && colon > 0 && colon + 3 < url.size() &&
-        std::all_of(url.begin(), url.begin() + static_cast<std::ptrdiff_t>(colon), isSchemeCharacter);
-    if (!hasScheme) {
-        throw UsageError(std::string(option) + " is \"" + printable(url) +
-                         "\": must be an address with its scheme, for example rtmp://cdn.example/live/main");
+Result<std::string> validateUrl(const char* option, const std::string& url) {
+    if (!parseUrl(url)) {
+        return failure(std::string(option) + " is \"" + printable(url) +
+                       "\": must be a URL with a scheme, for example rtmp://cdn.example/live/main");
     }
     return url;
 }
 
 AdapterRunner::AdapterRunner(const RoomOptions& options, const RoomMember& member)
     : mWriter(makeOutputWriter(chooseFormat(options.json, stdout), secretsOf(member), stdout, stderr)),
-      mEvents(options.verbose ? kEveryLogLevel : kWarningLogLevel),
+      mEvents(options.verbose ? kDebugLevel : kWarningLevel),
       mAdapter(std::make_shared<LiveTranscodingAdapter>()) {
     warnOfDefaultService(options.command);
-    warnOfSecret(options.command, options.sig, member.sig);
-    warnOfSecret(options.command, options.mapKey, member.mapKey);
+    warnOfUnsafeSecret(options.command, options.sig, member.sig);
+    warnOfUnsafeSecret(options.command, options.mapKey, member.mapKey);
     if (!options.caFile.empty()) {
         HttpOptions http;
         http.caFile = options.caFile;
@@ -108,7 +108,7 @@ AdapterRunner::AdapterRunner(const RoomOptions& options, const RoomMember& membe
     mAdapter->updateEnterRoomInfo(member.room, member.mapKey);
 }
 
-OutputEntry AdapterRunner::beginning(const RoomMember& member, const std::string& text) {
+OutputEntry AdapterRunner::beginEntry(const RoomMember& member, const std::string& text) {
     OutputEntry entry;
     entry.fields = {{"event", "begin"},
                     {"service", kstf_get_live_service_host()},
@@ -116,38 +116,38 @@ OutputEntry AdapterRunner::beginning(const RoomMember& member, const std::string
                     {"user", member.user},
                     {"room", member.room},
                     {"attempts", kRetryBudget + 1}};
-    entry.text = text + ", asked of https://" + kstf_get_live_service_host();
+    entry.text = text + ", service https://" + kstf_get_live_service_host();
     return entry;
 }
 
-TaskSession& AdapterRunner::addSession(const TaskFamily& family, TaskSession::Lifetime lifetime,
+TaskSession& AdapterRunner::addSession(const TaskType& type, TaskSession::Lifetime lifetime,
                                        std::function<void()> stop) {
-    return mSessions.emplace_back(family, lifetime, std::move(stop),
+    return mSessions.emplace_back(type, lifetime, std::move(stop),
                                   [this](OutputEntry entry) { mWriter->write(std::move(entry)); });
 }
 
-ExitStatus AdapterRunner::await(FileWatcher* watch, const std::function<void()>& onChange) {
-    bool readerIsGone = false;
+ExitStatus AdapterRunner::run(FileWatcher* watcher, const std::function<void()>& onChange) {
+    bool isOutputClosed = false;
     while (!hasEnded()) {
-        mEvents.queue().wait({mSignals.fd(), watch ? watch->fd() : -1}, mWriter->redrawInterval());
+        mEvents.queue().wait({mSignals.fd(), watcher ? watcher->fd() : -1}, mWriter->redrawInterval());
         for (const SdkEvent& event : mEvents.queue().drain()) {
-            handOut(event);
+            dispatch(event);
         }
-        if (watch && watch->pollChange()) {
+        if (watcher && watcher->pollChange()) {
             onChange();
         }
         if (const auto signal = mSignals.next()) {
-            askToStop(*signal);
+            requestStop(*signal);
         }
-        if (mWriter->isBroken() && !readerIsGone) {
-            readerIsGone = true;
-            askToStop("closed output");
+        if (mWriter->isBroken() && !isOutputClosed) {
+            isOutputClosed = true;
+            requestStop("closed output");
         }
         stopAfterFailure();
         mWriter->redraw();
     }
     const auto failed = std::find_if(mSessions.begin(), mSessions.end(),
-                                     [](const TaskSession& each) { return *each.exitStatus() != kSucceeded; });
+                                     [](const TaskSession& session) { return *session.exitStatus() != kSucceeded; });
     const ExitStatus status = failed == mSessions.end() ? kSucceeded : *failed->exitStatus();
     OutputEntry entry;
     entry.fields = {{"event", "end"}, {"exitStatus", status}};
@@ -155,10 +155,10 @@ ExitStatus AdapterRunner::await(FileWatcher* watch, const std::function<void()>&
     return status;
 }
 
-void AdapterRunner::handOut(const SdkEvent& event) {
-    if (const auto* line = std::get_if<LogEvent>(&event)) {
-        mWriter->writeLog("[" + std::to_string(line->level) + "] " + line->file + ":" + std::to_string(line->line) +
-                          " " + line->function + ": " + line->message);
+void AdapterRunner::dispatch(const SdkEvent& event) {
+    if (const auto* log = std::get_if<LogEvent>(&event)) {
+        mWriter->writeLog("[" + std::to_string(log->level) + "] " + log->file + ":" + std::to_string(log->line) + " " +
+                          log->function + ": " + log->message);
         return;
     }
     for (TaskSession& session : mSessions) {
@@ -166,9 +166,9 @@ void AdapterRunner::handOut(const SdkEvent& event) {
     }
 }
 
-void AdapterRunner::askToStop(const std::string& why) {
+void AdapterRunner::requestStop(const std::string& why) {
     for (TaskSession& session : mSessions) {
-        session.onStopAsked(why);
+        session.requestStop(why);
     }
 }
 
@@ -178,8 +178,8 @@ void AdapterRunner::stopAfterFailure() {
             continue;
         }
         for (TaskSession& session : mSessions) {
-            if (!session.isStopAsked()) {
-                session.onStopAsked(std::string("the failure of the ") + failed.name());
+            if (!session.isStopRequested()) {
+                session.requestStop(std::string(failed.name()) + " failure");
             }
         }
     }
@@ -187,7 +187,7 @@ void AdapterRunner::stopAfterFailure() {
 
 bool AdapterRunner::hasEnded() const {
     return std::all_of(mSessions.begin(), mSessions.end(),
-                       [](const TaskSession& each) { return each.exitStatus().has_value(); });
+                       [](const TaskSession& session) { return session.exitStatus().has_value(); });
 }
 
 }  // namespace vexalive

@@ -1,5 +1,5 @@
-// What the commands that drive an adapter share: the options that name the user, the room and the output; an adapter
-// that has entered the room; and the loop that lets its sessions hear what happens.
+// What the commands that drive an adapter share: the options that name the service, the user and the room; an adapter
+// that has entered the room; and the event loop of its sessions.
 
 #ifndef VEXALIVE_TOOLS_ADAPTER_RUNNER_H
 #define VEXALIVE_TOOLS_ADAPTER_RUNNER_H
@@ -12,6 +12,7 @@
 #include <string>
 
 #include "Com/LiveTranscodingAdapter.h"
+#include "common/Result.h"
 #include "tools/FileWatcher.h"
 #include "tools/Options.h"
 #include "tools/OutputWriter.h"
@@ -25,18 +26,18 @@ struct RoomOptions {
     explicit RoomOptions(CLI::App& command);
 
     const CLI::App& command;
-    Setting sdkAppId;
-    Setting user;
-    Setting sig;
-    Setting room;
-    Setting mapKey;
+    RequiredOption sdkAppId;
+    RequiredOption user;
+    RequiredOption sig;
+    RequiredOption room;
+    RequiredOption mapKey;
     bool detach = false;
     bool json = false;
     bool verbose = false;
     std::string caFile;
 };
 
-// What the options come to, each checked.
+// The validated values of RoomOptions.
 struct RoomMember {
     int32_t sdkAppId;
     std::string user;
@@ -44,35 +45,35 @@ struct RoomMember {
     std::string room;
     std::string mapKey;
 };
-RoomMember check(const RoomOptions& options);
+Result<RoomMember> validate(const RoomOptions& options);
 
 // kHeld or kDetached.
 TaskSession::Lifetime lifetimeOf(const RoomOptions& options);
 
-// An address with a scheme. UsageError, which begins with `option`, if it is none.
-std::string checkUrl(const char* option, const std::string& url);
+// `url` must be an address with a scheme. The error message begins with `option`.
+Result<std::string> validateUrl(const char* option, const std::string& url);
 
-// For one thread; one at a time.
+// For one thread; at most one may exist at a time.
 class AdapterRunner {
 public:
     // The adapter enters the room.
     AdapterRunner(const RoomOptions& options, const RoomMember& member);
 
-    // `begin` and what belongs to every run; the first thing to show.
-    static OutputEntry beginning(const RoomMember& member, const std::string& text);
+    // The first entry to write: `begin` and the fields that every command has.
+    static OutputEntry beginEntry(const RoomMember& member, const std::string& text);
 
     LiveTranscodingAdapter& adapter() { return *mAdapter; }
-    void show(OutputEntry entry) { mWriter->write(std::move(entry)); }
+    void write(OutputEntry entry) { mWriter->write(std::move(entry)); }
 
-    TaskSession& addSession(const TaskFamily& family, TaskSession::Lifetime lifetime, std::function<void()> stop);
+    TaskSession& addSession(const TaskType& type, TaskSession::Lifetime lifetime, std::function<void()> stop);
 
-    // Until all sessions have ended: the status of the first that failed. One that fails asks the others to stop.
-    // `watch` may be null; `onChange` is called when its file has changed.
-    ExitStatus await(FileWatcher* watch = nullptr, const std::function<void()>& onChange = nullptr);
+    // Blocks until all sessions have ended. Returns the exit status of the first one that failed; a failure stops the
+    // others. If `watcher` is not null, `onChange` is called each time its file is saved.
+    ExitStatus run(FileWatcher* watcher = nullptr, const std::function<void()>& onChange = nullptr);
 
 private:
-    void handOut(const SdkEvent& event);
-    void askToStop(const std::string& why);
+    void dispatch(const SdkEvent& event);
+    void requestStop(const std::string& why);
     void stopAfterFailure();
     bool hasEnded() const;
 

@@ -1,7 +1,5 @@
-// A command of the `vexalive` tool: what CommandLine.cpp needs to know of it.
-//
-// Each command is one file with two functions: one declares its options on the command line and is named below, the
-// other runs. A further command is a further file and a row of the list in CommandLine.cpp.
+// The commands of the `vexalive` tool. Each is one source file with an add…Command() function, which is declared here
+// and listed in CommandLine.cpp.
 
 #ifndef VEXALIVE_TOOLS_COMMAND_H
 #define VEXALIVE_TOOLS_COMMAND_H
@@ -9,11 +7,14 @@
 #include <CLI/App.hpp>
 #include <functional>
 
+#include "common/Result.h"
+
 namespace vexalive {
 
 struct Command {
-    CLI::App* app;             // as it stands in the command line
-    std::function<int()> run;  // after parsing: the exit status; UsageError if an option is missing or wrong
+    CLI::App* app;
+    // Call after parsing. Returns the exit status (ExitStatus.h), or a usage error: an option is missing or wrong.
+    std::function<Result<int>()> run;
 };
 
 Command addPreviewCommand(CLI::App& tool);

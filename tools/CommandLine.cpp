@@ -22,7 +22,7 @@ constexpr Command (*kCommands[])(CLI::App& tool) = {addRelayCommand, addMixComma
 
 constexpr size_t kHelpColumns = 80;
 
-// `text` with line breaks in place of blanks where a line would be longer than `columns`.
+// Breaks `text` at spaces into lines of at most `columns`.
 std::string wrapped(const std::string& text, size_t columns) {
     std::string result;
     size_t length = 0;
@@ -36,7 +36,7 @@ std::string wrapped(const std::string& text, size_t columns) {
     return result;
 }
 
-// The library's layout, with lines that fit a terminal and one line a command.
+// CLI11's layout, wrapped at kHelpColumns, with one line for each command.
 class HelpFormatter : public CLI::Formatter {
 public:
     HelpFormatter() {
@@ -76,10 +76,12 @@ int runCommand(const Command& command) {
     const std::string name = "vexalive " + command.app->get_name();
     const std::vector<std::string> extras = command.app->remaining(true);
     if (!extras.empty()) {
-        return usageError(name, describeExtras(extras, longOptionNames(*command.app)));
+        const bool hasSecrets = command.app->get_option_no_throw("--sig") != nullptr;
+        return usageError(name, describeExtras(extras, longOptionNames(*command.app), hasSecrets));
     }
     try {
-        return command.run();
+        const Result<int> status = command.run();
+        return status ? *status : usageError(name, status.error().message);
     } catch (const UsageError& error) {
         return usageError(name, error.what());
     }
@@ -88,23 +90,23 @@ int runCommand(const Command& command) {
 }  // namespace
 
 int runCommandLine(int argc, const char* const* argv) {
-    CLI::App tool("Asks a cloud service to relay a room's stream to a CDN, and shows what happens.", "vexalive");
+    CLI::App tool("Relay and mix the live streams of a room through a live-interface service.", "vexalive");
     tool.set_version_flag("--version", std::string("vexalive ") + kstf_get_sdk_version(), "Show the version and exit");
     tool.set_help_flag("-h,--help", "Show this help and exit");
     tool.formatter(std::make_shared<HelpFormatter>());
     tool.allow_extras();
     tool.require_subcommand(0, 1);
     tool.footer(
-        "vexalive COMMAND --help tells of one command.\n"
+        "Run vexalive COMMAND --help for the options of a command.\n"
         "\n"
-        "Example: a service of your own in one terminal, a relay in another\n"
-        "  vexalive serve           # prints two lines to paste into the other terminal\n"
+        "Example: run a local service in one terminal and a relay in another\n"
+        "  vexalive serve           # prints two export lines; paste them into the other\n"
         "  export VEXALIVE_SIG=... VEXALIVE_MAP_KEY=...\n"
         "  vexalive relay rtmp://cdn.example/live/main --sdk-app-id 1400000001 \\\n"
         "      --user alice --room 4711 --app-id 1250000000 --biz-id 3891\n"
         "\n"
-        "Exit status: 0 success, 1 refused by the service, 2 wrong usage, 3 no answer,\n"
-        "130 ended by a second Ctrl-C.");
+        "Exit status: 0 success; 1 refused by the service; 2 usage error; 3 no usable\n"
+        "response; 130 aborted by a second Ctrl-C.");
 
     std::vector<Command> commands;
     for (const auto addCommand : kCommands) {
@@ -117,8 +119,9 @@ int runCommandLine(int argc, const char* const* argv) {
     } catch (const CLI::Success& helpOrVersion) {
         return tool.exit(helpOrVersion);
     } catch (const CLI::ParseError& error) {
-        const std::vector<CLI::App*> chosen = tool.get_subcommands();
-        return usageError(chosen.empty() ? "vexalive" : "vexalive " + chosen.front()->get_name(), error.what());
+        const std::vector<CLI::App*> commandsGiven = tool.get_subcommands();
+        return usageError(commandsGiven.empty() ? "vexalive" : "vexalive " + commandsGiven.front()->get_name(),
+                          error.what());
     }
 
     for (const Command& command : commands) {
@@ -132,8 +135,8 @@ int runCommandLine(int argc, const char* const* argv) {
         return kUsage;
     }
     const bool isOption = extras.front().front() == '-';
-    return usageError("vexalive", isOption ? describeExtras(extras, longOptionNames(tool))
-                                           : "there is no command \"" + extras.front() + "\"" +
+    return usageError("vexalive", isOption ? describeExtras(extras, longOptionNames(tool), true)
+                                           : "unknown command \"" + extras.front() + "\"" +
                                                  didYouMean(extras.front(), commandNames(commands)));
 }
 

@@ -1,16 +1,15 @@
-// How the `vexalive` tool ends, for scripts.
-
 #ifndef VEXALIVE_TOOLS_EXIT_STATUS_H
 #define VEXALIVE_TOOLS_EXIT_STATUS_H
 
 namespace vexalive {
 
+// The exit statuses of the `vexalive` tool. Scripts rely on them.
 enum ExitStatus {
     kSucceeded = 0,
-    kRefused = 1,        // by the service; of `serve`: it could not start
-    kUsage = 2,          // an option is missing or wrong; nothing was sent
-    kNoAnswer = 3,       // the service was not reached, or its answer could not be read
-    kInterrupted = 130,  // a second Ctrl-C: what was under way was given up
+    kRefused = 1,        // by the service or, of `preview`, by the adapter; of `serve`: it could not start
+    kUsage = 2,          // an option or a file is missing or wrong; nothing was sent
+    kNoResponse = 3,     // the service was not reached, or its response could not be read
+    kInterrupted = 130,  // aborted by a second Ctrl-C
 };
 
 }  // namespace vexalive

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tools/Options.h"
-#include "tools/Text.h"
+#include "common/Text.h"
 
 namespace vexalive {
 namespace {

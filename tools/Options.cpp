@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <numeric>
 
-#include "tools/Text.h"
+#include "common/Text.h"
 
 namespace vexalive {
 namespace {
@@ -28,54 +28,56 @@ size_t editDistance(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-Setting::Setting(CLI::App& command, const char* option, const char* variable, const char* meaning, Secrecy secrecy)
-    : mOption(option), mVariable(variable), mMeaning(meaning) {
+RequiredOption::RequiredOption(CLI::App& command, const char* name, const char* variable, const char* meaning,
+                               Secrecy secrecy)
+    : mName(name), mVariable(variable), mMeaning(meaning) {
     std::string help = meaning;
     help[0] = static_cast<char>(std::toupper(help[0]));
-    help += secrecy == kSecret ? "; better as " : "; or ";
-    mParsed = command.add_option(option, mValue, help + variable)->type_name("VALUE");
+    help += secrecy == kSecret ? "; better set as " : "; or ";
+    mOption = command.add_option(name, mValue, help + variable)->type_name("VALUE");
 }
 
-Setting::Found Setting::find() const {
-    if (mParsed->count() > 0) {
+Result<RequiredOption::Source> RequiredOption::find() const {
+    if (mOption->count() > 0) {
         if (mValue.empty()) {
-            throw UsageError(std::string(mOption) + " is empty: must be " + mMeaning + " (or " + mVariable + ")");
+            return failure(std::string(mName) + " is empty: must be " + mMeaning + " (or " + mVariable + ")");
         }
-        return {mValue, mOption};
+        return Source{mValue, mName};
     }
     const char* value = std::getenv(mVariable);
     if (!value || !*value) {
-        throw UsageError(std::string(mOption) + " is missing: " + mMeaning + " (or " + mVariable + ")");
+        return failure(std::string(mName) + " is missing: must be " + mMeaning + " (or " + mVariable + ")");
     }
-    return {value, mVariable};
+    return Source{value, mVariable};
 }
 
-std::string Setting::text() const {
-    return find().value;
+Result<std::string> RequiredOption::value() const {
+    return find().map([](const Source& source) { return source.value; });
 }
 
-int64_t Setting::integer(int64_t lowest, int64_t highest) const {
-    const Found found = find();
-    const std::optional<int64_t> number = readInteger(found.value, lowest, highest);
-    if (!number || *number == 0) {
-        throw UsageError((found.source == mOption ? mOption : mOption + (" (from " + found.source + ")")) + " is \"" +
-                         printable(found.value) + "\": must be " + mMeaning + ", from " + std::to_string(lowest) +
-                         " to " + std::to_string(highest));
-    }
-    return *number;
+Result<int64_t> RequiredOption::integer(int64_t min, int64_t max) const {
+    return find().and_then([&](const Source& source) -> Result<int64_t> {
+        const std::optional<int64_t> number = readInteger(source.value, min, max);
+        if (number && *number != 0) {
+            return *number;
+        }
+        return failure((source.name == mName ? source.name : mName + (" (from " + source.name + ")")) + " is \"" +
+                       printable(source.value) + "\": must be " + mMeaning + ", from " + std::to_string(min) + " to " +
+                       std::to_string(max));
+    });
 }
 
-std::optional<int64_t> readInteger(const std::string& text, int64_t lowest, int64_t highest) {
+std::optional<int64_t> readInteger(const std::string& text, int64_t min, int64_t max) {
     int64_t number = 0;
     const char* end = text.data() + text.size();
-    const auto [stop, failure] = std::from_chars(text.data(), end, number);
-    const bool isRead = failure == std::errc() && stop == end && number >= lowest && number <= highest;
-    return isRead ? std::optional(number) : std::nullopt;
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    const bool isValid = error == std::errc() && stop == end && number >= min && number <= max;
+    return isValid ? std::optional(number) : std::nullopt;
 }
 
 std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates) {
     std::string nearest;
-    size_t distance = std::max<size_t>(2, word.size() / 3) + 1;  // further off is no suggestion
+    size_t distance = std::max<size_t>(2, word.size() / 3) + 1;  // the distance of the first name that is not suggested
     for (const std::string& candidate : candidates) {
         const size_t next = editDistance(word, candidate);
         if (next < distance) {
@@ -96,20 +98,26 @@ std::vector<std::string> longOptionNames(const CLI::App& app) {
     return names;
 }
 
-std::string describeExtras(const std::vector<std::string>& extras, const std::vector<std::string>& known) {
-    const auto option = std::find_if(extras.begin(), extras.end(),
-                                     [](const std::string& text) { return text.size() > 1 && text.front() == '-'; });
+std::string describeExtras(const std::vector<std::string>& extras, const std::vector<std::string>& optionNames,
+                           bool isSecret) {
+    const auto option = std::find_if(extras.begin(), extras.end(), [](const std::string& argument) {
+        return argument.size() > 1 && argument.front() == '-';
+    });
     if (option == extras.end()) {
-        return "too many arguments, by " + std::to_string(extras.size()) + "; does a text with blanks lack its quotes?";
+        std::string error = std::to_string(extras.size()) + " unexpected argument" + (extras.size() == 1 ? "" : "s");
+        for (size_t i = 0; i < extras.size() && !isSecret; ++i) {
+            error += (i == 0 ? ": " : ", ") + printable(extras[i]);
+        }
+        return error + ". Quote values that contain spaces.";
     }
     const std::string name = option->substr(0, option->find('='));
-    const auto glued = std::find_if(known.begin(), known.end(), [&name](const std::string& candidate) {
+    const auto prefix = std::find_if(optionNames.begin(), optionNames.end(), [&name](const std::string& candidate) {
         return name.size() > candidate.size() && name.compare(0, candidate.size(), candidate) == 0;
     });
-    if (glued != known.end()) {
-        return "there is no option " + *glued + "...; did you mean " + *glued + " and a value after a blank?";
+    if (prefix != optionNames.end()) {
+        return "unknown option " + *prefix + "...; put a space between " + *prefix + " and its value";
     }
-    return "there is no option " + name + didYouMean(name, known);
+    return "unknown option " + name + didYouMean(name, optionNames);
 }
 
 }  // namespace vexalive

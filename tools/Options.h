@@ -1,5 +1,5 @@
-// What the commands share in reading their options: errors that name the option, say what it should be and where it can
-// come from, and never show a secret.
+// Command-line options: required values, integers, suggestions for misspelt names. The error messages name the option,
+// its allowed values and its environment variable, and never show a secret.
 
 #ifndef VEXALIVE_TOOLS_OPTIONS_H
 #define VEXALIVE_TOOLS_OPTIONS_H
@@ -11,57 +11,61 @@
 #include <string>
 #include <vector>
 
+#include "common/Result.h"
+
 namespace vexalive {
 
-// An option is missing or wrong; the text is for the user and begins with the option's name.
+// An option is missing or wrong. The message begins with the option's name.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A required option that may come from an environment variable instead; the option wins.
-class Setting {
+// A required option; if it is not given, an environment variable supplies the value. The errors begin with its name.
+class RequiredOption {
 public:
-    enum Secrecy { kOpen, kSecret };
+    enum Secrecy { kPublic, kSecret };
 
-    // Declares the option. `meaning` says what the value should be: "the CDN biz id, an integer that is not 0". The
-    // texts are literals. For a secret, the help advises the variable.
-    Setting(CLI::App& command, const char* option, const char* variable, const char* meaning, Secrecy secrecy = kOpen);
-    Setting(const Setting&) = delete;
-    Setting& operator=(const Setting&) = delete;
+    // Declares the option. `meaning` says what the value must be: "the CDN biz id, an integer other than 0". The
+    // strings are literals. The help of a secret recommends the variable.
+    RequiredOption(CLI::App& command, const char* name, const char* variable, const char* meaning,
+                   Secrecy secrecy = kPublic);
+    RequiredOption(const RequiredOption&) = delete;
+    RequiredOption& operator=(const RequiredOption&) = delete;
 
-    // The value, after parsing. UsageError if there is none or it is empty.
-    std::string text() const;
+    // Call after parsing. An error if there is no value or it is empty.
+    Result<std::string> value() const;
 
-    // The same as a decimal integer from `lowest` to `highest`, but never 0. Not for secrets: a wrong value is shown.
-    int64_t integer(int64_t lowest, int64_t highest) const;
+    // The value as a decimal integer from `min` to `max`, but not 0. Not for secrets: an error shows the value.
+    Result<int64_t> integer(int64_t min, int64_t max) const;
 
-    const char* option() const { return mOption; }
+    const char* name() const { return mName; }
 
 private:
-    struct Found {
+    struct Source {
         std::string value;
-        std::string source;  // the option's or the variable's name
+        std::string name;  // the option's or the variable's
     };
-    Found find() const;
+    Result<Source> find() const;
 
-    const char* mOption;
+    const char* mName;
     const char* mVariable;
     const char* mMeaning;
     std::string mValue;
-    CLI::Option* mParsed;
+    CLI::Option* mOption;
 };
 
-// A decimal integer in the range, or nothing.
-std::optional<int64_t> readInteger(const std::string& text, int64_t lowest, int64_t highest);
+// A decimal integer from `min` to `max`, or nothing.
+std::optional<int64_t> readInteger(const std::string& text, int64_t min, int64_t max);
 
-// "; did you mean --biz-id?", or nothing if no candidate is near.
+// "; did you mean --biz-id?", or nothing if no candidate is similar.
 std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates);
 
 // "--app-id" and the like.
 std::vector<std::string> longOptionNames(const CLI::App& app);
 
-// Tells of arguments that belong to no option. Shows no values: they may be a secret whose option was misspelt.
-std::string describeExtras(const std::vector<std::string>& extras, const std::vector<std::string>& known);
+// The error for arguments that no option accepts. Set `isSecret` if they may be secrets: it then shows no values.
+std::string describeExtras(const std::vector<std::string>& extras, const std::vector<std::string>& optionNames,
+                           bool isSecret);
 
 }  // namespace vexalive
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/Clock.h"
+#include "common/Text.h"
 
 namespace vexalive {
 namespace {

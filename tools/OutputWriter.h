@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/Text.h"
+#include "tools/Secrets.h"
 
 namespace vexalive {
 

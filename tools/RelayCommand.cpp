@@ -1,4 +1,4 @@
-// `vexalive relay`: relays the local user's stream to an address until it is told to stop.
+// `vexalive relay`: relays the local user's stream to a CDN address until it is stopped.
 
 #include <cstdint>
 #include <limits>
@@ -14,66 +14,77 @@ namespace {
 constexpr const char* kRelayDescription =
     "Relay a user's stream to a CDN address, until Ctrl-C\n"
     "\n"
-    "Asks the live-interface service to relay the stream of a user who is in a room\n"
-    "to a CDN address, shows each attempt (at most 11, at growing distances), and\n"
-    "holds until Ctrl-C or SIGTERM, which stops the relay. A second one ends at once.";
+    "Asks the live-interface service to relay the stream of a user in a room to a CDN\n"
+    "address. Shows each attempt (at most 11, with growing pauses), then waits until\n"
+    "Ctrl-C or SIGTERM stops the relay. A second Ctrl-C aborts.";
 
 constexpr const char* kRelayFooter =
-    "The user signature and the map key are secrets. A command line can be read by\n"
-    "every user of this machine, so set VEXALIVE_SIG and VEXALIVE_MAP_KEY instead of\n"
-    "giving --sig and --map-key. They are never shown.\n"
+    "The user signature and the map key are secrets. Every user of this machine can\n"
+    "read command lines: set VEXALIVE_SIG and VEXALIVE_MAP_KEY instead of --sig and\n"
+    "--map-key. The output never shows the secrets.\n"
     "\n"
-    "The service is the one that VEXALIVE_SERVICE_HOST names, as host or host:port.\n"
-    "If this machine does not trust its certificate, name the authority to trust.\n"
+    "VEXALIVE_SERVICE_HOST names the service, as host or host:port. If this machine\n"
+    "does not trust the service's certificate, name its authority with --ca-file.\n"
     "\n"
-    "Example: after pasting the two lines that `vexalive serve` prints\n"
+    "Example: first paste the two export lines that `vexalive serve` prints\n"
     "  export VEXALIVE_SIG=... VEXALIVE_MAP_KEY=...\n"
     "  vexalive relay rtmp://cdn.example/live/main --sdk-app-id 1400000001 \\\n"
     "      --user alice --room 4711 --app-id 1250000000 --biz-id 3891\n"
     "\n"
-    "Exit status: 0 the relay ran and is stopped, or runs detached; 1 refused by the\n"
-    "service; 2 wrong usage; 3 no usable answer; 130 ended by a second Ctrl-C. It is\n"
-    "that of a start that failed, which needs no stop, else that of the stop.";
+    "Exit status: 0 the relay ran and was stopped, or runs detached; 1 refused by the\n"
+    "service; 2 usage error; 3 no usable response; 130 aborted by a second Ctrl-C. If\n"
+    "the start failed, it determines the status; otherwise the stop does.";
 
 struct RelayOptions {
     explicit RelayOptions(CLI::App& command)
         : room(command),
-          appId(command, "--app-id", "VEXALIVE_APP_ID", "the CDN app id, an integer that is not 0"),
-          bizId(command, "--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer that is not 0") {
-        command.add_option("URL", url, "Where the stream is relayed to, for example rtmp://cdn.example/live/main")
+          appId(command, "--app-id", "VEXALIVE_APP_ID", "the CDN app id, an integer other than 0"),
+          bizId(command, "--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer other than 0") {
+        command.add_option("URL", url, "The address to relay to, for example rtmp://cdn.example/live/main")
             ->type_name("");
     }
 
     std::string url;
     RoomOptions room;
-    Setting appId;
-    Setting bizId;
+    RequiredOption appId;
+    RequiredOption bizId;
 };
 
-int runRelay(const RelayOptions& options) {
-    constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
-    constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
+Result<int> runRelay(const RelayOptions& options) {
+    using Limits = std::numeric_limits<int32_t>;
     if (options.url.empty()) {
-        throw UsageError("URL is missing: where the stream is relayed to, for example rtmp://cdn.example/live/main");
+        return failure("URL is missing: the address to relay to, for example rtmp://cdn.example/live/main");
+    }
+    const auto url = validateUrl("URL", options.url);
+    if (!url) {
+        return tl::make_unexpected(url.error());
+    }
+    const auto member = validate(options.room);
+    if (!member) {
+        return tl::make_unexpected(member.error());
+    }
+    const auto appId = options.appId.integer(Limits::min(), Limits::max());
+    const auto bizId = options.bizId.integer(Limits::min(), Limits::max());
+    if (!appId || !bizId) {
+        return tl::make_unexpected(!appId ? appId.error() : bizId.error());
     }
     kstmedia::VexaPublishCDNParamInternal param;
-    param.url = checkUrl("URL", options.url);
-    const RoomMember member = check(options.room);
-    param.appId = static_cast<int32_t>(options.appId.integer(kLowest, kHighest));
-    param.bizId = static_cast<int32_t>(options.bizId.integer(kLowest, kHighest));
+    param.url = *url;
+    param.appId = static_cast<int32_t>(*appId);
+    param.bizId = static_cast<int32_t>(*bizId);
 
-    AdapterRunner run(options.room, member);
+    AdapterRunner runner(options.room, *member);
     OutputEntry entry =
-        AdapterRunner::beginning(member, "relay of " + member.user + " in room " + member.room + " to " + param.url);
+        AdapterRunner::beginEntry(*member, "relay of " + member->user + " in room " + member->room + " to " + *url);
     entry.fields["url"] = param.url;
     entry.fields["appId"] = param.appId;
     entry.fields["bizId"] = param.bizId;
-    run.show(std::move(entry));
+    runner.write(std::move(entry));
 
-    LiveTranscodingAdapter& adapter = run.adapter();
-    run.addSession(kRelayFamily, lifetimeOf(options.room), [&adapter] { adapter.stopPublishStreamUrl(); })
+    LiveTranscodingAdapter& adapter = runner.adapter();
+    runner.addSession(kRelayTask, lifetimeOf(options.room), [&adapter] { adapter.stopPublishStreamUrl(); })
         .start([&adapter, &param] { adapter.startPublishStreamUrl(param); });
-    return run.await();
+    return runner.run();
 }
 
 }  // namespace

@@ -4,27 +4,26 @@
 #include <string_view>
 #include <utility>
 
-#include "service/RequestCheck.h"
+#include "Com/LiveRequests.h"
 
 namespace vexalive {
 namespace {
 
-// What a request asks for. Starting and cancelling a mix share an interface; a cancel's output has nothing but its
-// name.
-std::optional<Operation> operationOf(std::string_view interfaceName, std::string_view body) {
-    if (interfaceName == kAddRelayInterface) {
-        return Operation::kStartRelay;
+// Starting and cancelling a mix share an interface. The output of a cancel has no type.
+std::optional<requests::Kind> kindOf(std::string_view interfaceName, std::string_view body) {
+    if (interfaceName == requests::rulesOf(requests::kAddRelay).interfaceName) {
+        return requests::kAddRelay;
     }
-    if (interfaceName == kRemoveRelayInterface) {
-        return Operation::kStopRelay;
+    if (interfaceName == requests::rulesOf(requests::kRemoveRelay).interfaceName) {
+        return requests::kRemoveRelay;
     }
-    if (interfaceName != kSetMixInterface) {
+    if (interfaceName != requests::rulesOf(requests::kStartMix).interfaceName) {
         return std::nullopt;
     }
     const auto request = nlohmann::json::parse(body, nullptr, false);
     const bool isCancel = request.is_object() && request.contains("output_param") &&
                           !request["output_param"].contains("output_stream_type");
-    return isCancel ? Operation::kStopMix : Operation::kStartMix;
+    return isCancel ? requests::kCancelMix : requests::kStartMix;
 }
 
 class Listener : public ILiveTrancodingDelegate {
@@ -32,21 +31,21 @@ public:
     explicit Listener(std::shared_ptr<EventQueue<SdkEvent>> queue) : mQueue(std::move(queue)) {}
 
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override {
-        put(Operation::kStartRelay, errCode, std::move(errMsg));
+        put(requests::kAddRelay, errCode, std::move(errMsg));
     }
     void onStopPublishStreamUrl(int errCode, std::string errMsg) override {
-        put(Operation::kStopRelay, errCode, std::move(errMsg));
+        put(requests::kRemoveRelay, errCode, std::move(errMsg));
     }
     void onSetLiveMixTranscoding(int errCode, std::string errMsg) override {
-        put(Operation::kStartMix, errCode, std::move(errMsg));
+        put(requests::kStartMix, errCode, std::move(errMsg));
     }
     void onStopLiveMixTranscoding(int errCode, std::string errMsg) override {
-        put(Operation::kStopMix, errCode, std::move(errMsg));
+        put(requests::kCancelMix, errCode, std::move(errMsg));
     }
 
 private:
-    void put(Operation operation, int errCode, std::string errMsg) {
-        mQueue->push(ListenerEvent{operation, {errCode, std::move(errMsg)}});
+    void put(requests::Kind kind, int errCode, std::string errMsg) {
+        mQueue->push(ListenerEvent{kind, {errCode, std::move(errMsg)}});
     }
 
     std::shared_ptr<EventQueue<SdkEvent>> mQueue;
@@ -59,7 +58,7 @@ SdkEventCollector::SdkEventCollector(int lowestLogLevel)
     setHttpObserver([queue = mQueue](const HttpExchange& exchange) {
         const bool isStarted = exchange.phase == HttpExchange::kStarted;
         queue->push(ExchangeEvent{exchange.phase, exchange.id,
-                                  isStarted ? operationOf(exchange.interfaceName, exchange.body) : std::nullopt,
+                                  isStarted ? kindOf(exchange.interfaceName, exchange.body) : std::nullopt,
                                   std::string(exchange.interfaceName), exchange.bytesSent, exchange.httpStatus,
                                   exchange.retCode, std::string(exchange.response), exchange.elapsed});
     });

@@ -1,7 +1,7 @@
-// All that an adapter and the platform tell while they work, in one queue for the main thread.
+// Collects the events of an adapter and of the platform in one queue for the main thread.
 //
-// The listener, the observer of exchanges, the report sink and the log sink are called on threads of the SDK's; here
-// they only put down what they heard. Used by the commands that drive an adapter.
+// The SDK calls its listener, the exchange observer, the report sink and the log sink on threads of its own. These only
+// push an event.
 
 #ifndef VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
 #define VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
@@ -21,23 +21,21 @@
 
 namespace vexalive {
 
-enum class Operation { kStartRelay, kStopRelay, kStartMix, kStopMix };  // kStartMix: an update, too
-
-struct ExchangeEvent {  // as HttpExchange, but owning its texts
+struct ExchangeEvent {  // an HttpExchange that owns its strings
     HttpExchange::Phase phase;
     uint64_t id;
-    std::optional<Operation> operation;  // known while kStarted
+    std::optional<requests::Kind> kind;  // set if `phase` is kStarted
     std::string interfaceName;
     size_t bytesSent;
     int httpStatus;
     int retCode;
-    std::string answer;
+    std::string response;
     std::chrono::milliseconds elapsed;
 };
 
 struct ListenerEvent {
-    Operation operation;
-    ListenerTold told;
+    requests::Kind kind;
+    requests::Notification notification;
 };
 
 struct LogEvent {
@@ -50,7 +48,7 @@ struct LogEvent {
 
 using SdkEvent = std::variant<ExchangeEvent, ListenerEvent, EventReport, LogEvent>;
 
-// Sets the platform's hooks for its lifetime, of which there is one at a time.
+// Installs the platform's hooks while it exists. At most one may exist at a time.
 class SdkEventCollector {
 public:
     // Log lines below `lowestLogLevel` (base/Log.h) are dropped.
@@ -59,13 +57,13 @@ public:
     SdkEventCollector(const SdkEventCollector&) = delete;
     SdkEventCollector& operator=(const SdkEventCollector&) = delete;
 
-    // To be given to the adapter, which keeps it weakly.
+    // For the adapter, which holds it weakly.
     const std::shared_ptr<ILiveTrancodingDelegate>& listener() const { return mListener; }
 
     EventQueue<SdkEvent>& queue() { return *mQueue; }
 
 private:
-    std::shared_ptr<EventQueue<SdkEvent>> mQueue;  // shared with the hooks, of which a call may outlive this
+    std::shared_ptr<EventQueue<SdkEvent>> mQueue;  // shared with the hooks: one that is running may outlive this object
     std::shared_ptr<ILiveTrancodingDelegate> mListener;
 };
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/Clock.h"
+#include "common/Text.h"
 #include "service/LiveService.h"
 #include "tools/Command.h"
 #include "tools/EventQueue.h"

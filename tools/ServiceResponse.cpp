@@ -6,136 +6,132 @@
 namespace vexalive {
 namespace {
 
-constexpr int kLowestStatus = 100;
+constexpr int kMinHttpStatus = 100;
 
-// Results of libcurl that a user can do something about; base/CVexaHttpSendRecv.h has them from kTransportErrorBase on.
+// libcurl's results that a user can fix; base/CVexaHttpSendRecv.h adds them to kLibraryBase.
 constexpr int kMalformedAddress = CVexaHttpSendRecv::kTransportErrorBase + 3;
-constexpr int kCertificateRefused = CVexaHttpSendRecv::kTransportErrorBase + 60;
-constexpr int kBadCaFile = CVexaHttpSendRecv::kTransportErrorBase + 77;
+constexpr int kUntrustedCertificate = CVexaHttpSendRecv::kTransportErrorBase + 60;
+constexpr int kUnusableCaFile = CVexaHttpSendRecv::kTransportErrorBase + 77;
 
-struct Meaning {
+struct ReturnCode {
     int retCode;
-    const char* text;
+    const char* meaning;
 };
 
-constexpr Meaning kMeanings[] = {
-    {CVexaHttpSendRecv::kSuccess, "answered"},
+constexpr ReturnCode kReturnCodes[] = {
     {CVexaHttpSendRecv::kRetryable,
-     "no answer: the service was not reached, took too long, or the connection broke off"},
-    {301, "HTTP status 301: moved elsewhere, which is not followed"},
-    {302, "HTTP status 302: redirected, which is not followed"},
-    {307, "HTTP status 307: redirected, which is not followed"},
-    {308, "HTTP status 308: moved elsewhere, which is not followed"},
+     "no response: the service was not reached, timed out, or closed the connection too early"},
+    {301, "HTTP status 301: moved; redirects are not followed"},
+    {302, "HTTP status 302: moved; redirects are not followed"},
+    {307, "HTTP status 307: moved; redirects are not followed"},
+    {308, "HTTP status 308: moved; redirects are not followed"},
     {400, "HTTP status 400: bad request"},
     {401, "HTTP status 401: not authorised"},
     {403, "HTTP status 403: forbidden"},
-    {404, "HTTP status 404: not found; is VEXALIVE_SERVICE_HOST a live-interface service?"},
+    {404, "HTTP status 404: not found; check that VEXALIVE_SERVICE_HOST names a live-interface service"},
     {kMalformedAddress,
-     "no request was made, since its address is malformed: does the signature or the map key hold a blank, or "
-     "VEXALIVE_SERVICE_HOST more than host:port?"},
-    {kCertificateRefused,
-     "the service's certificate is not trusted: does VEXALIVE_CA_FILE (or --ca-file) name its authority?"},
-    {kBadCaFile, "the file of certificate authorities could not be used: see VEXALIVE_CA_FILE (or --ca-file)"},
+     "the address is malformed, so nothing was sent; check the signature and the map key for spaces, and that "
+     "VEXALIVE_SERVICE_HOST is host or host:port"},
+    {kUntrustedCertificate,
+     "the service's certificate is not trusted; name its certificate authority with VEXALIVE_CA_FILE or --ca-file"},
+    {kUnusableCaFile, "the file of certificate authorities cannot be used; check VEXALIVE_CA_FILE or --ca-file"},
 };
+
+std::string describeReturnCode(int retCode) {
+    for (const ReturnCode& known : kReturnCodes) {
+        if (known.retCode == retCode) {
+            return known.meaning;
+        }
+    }
+    return retCode >= CVexaHttpSendRecv::kTransportErrorBase ? "no response, and a retry would not help"
+                                                      : "HTTP status " + std::to_string(retCode);
+}
 
 std::string quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 
-std::string describeBody(const ServiceAnswer& answer) {
-    if (answer.code) {
-        const std::string code = "code " + std::to_string(*answer.code);
-        const std::string text = answer.message.empty() ? code : code + ": " + quoted(answer.message);
-        return *answer.code == 0 ? "accepted (" + text + ")" : "refused (" + text + ")";
+std::string describeBody(const ServiceResponse& response) {
+    if (response.code) {
+        const std::string code = "code " + std::to_string(*response.code) +
+                                 (response.message.empty() ? "" : ": " + quoted(response.message));
+        return (*response.code == 0 ? "accepted (" : "refused (") + code + ")";
     }
-    if (answer.isReadable) {
-        return "the answer holds no code";
+    if (response.isReadable) {
+        return "the response has no code";
     }
-    return answer.isEmpty ? "the answer is empty" : "the answer cannot be read: it is not JSON";
+    return response.isEmpty ? "the response is empty" : "the response is not JSON";
 }
 
 }  // namespace
 
-ServiceAnswer readAnswer(int retCode, const std::string& body, int httpStatus) {
-    ServiceAnswer answer;
-    answer.retCode = retCode;
-    if (retCode >= kLowestStatus && retCode < CVexaHttpSendRecv::kTransportErrorBase) {
-        answer.httpStatus = retCode;
+ServiceResponse parseResponse(int retCode, const std::string& body, int httpStatus) {
+    ServiceResponse response;
+    response.retCode = retCode;
+    if (retCode >= kMinHttpStatus && retCode < CVexaHttpSendRecv::kTransportErrorBase) {
+        response.httpStatus = retCode;
     } else if (retCode == CVexaHttpSendRecv::kRetryable && httpStatus != 0) {
-        answer.httpStatus = httpStatus;
+        response.httpStatus = httpStatus;
     }
-    answer.isEmpty = body.empty();
-    const json::Value value = answer.isEmpty ? json::Value() : json::Deserialize(body);
-    answer.isReadable = !value.isNull();
-    if (value.HasKey("code")) {
-        answer.code = value["code"].ToInt();
-        answer.message = value["message"].ToString();
-    } else if (value.HasKey("ErrorCode")) {
-        answer.code = value["ErrorCode"].ToInt();
-        answer.message = value["ErrorInfo"].ToString();
+    response.isEmpty = body.empty();
+    const json::Value value = response.isEmpty ? json::Value() : json::Deserialize(body);
+    response.isReadable = !value.isNull();
+    if (const auto result = requests::readServiceResult(value)) {
+        response.code = result->code;
+        response.message = result->message;
     }
     if (retCode >= CVexaHttpSendRecv::kTransportErrorBase) {
-        answer.transportError = value["transportError"].ToString();
+        response.transportError = value["transportError"].ToString();
     }
-    return answer;
+    return response;
 }
 
-std::string describeReturnCode(int retCode) {
-    for (const Meaning& meaning : kMeanings) {
-        if (meaning.retCode == retCode) {
-            return meaning.text;
-        }
+std::string describe(const ServiceResponse& response) {
+    if (response.retCode == CVexaHttpSendRecv::kSuccess) {
+        return describeBody(response);
     }
-    if (retCode >= CVexaHttpSendRecv::kTransportErrorBase) {
-        return "no answer, and another try would not help";
-    }
-    return retCode >= kLowestStatus ? "HTTP status " + std::to_string(retCode) : "unknown";
-}
-
-std::string describe(const ServiceAnswer& answer) {
-    if (answer.retCode == CVexaHttpSendRecv::kSuccess) {
-        return describeBody(answer);
-    }
-    const bool isBusy = answer.retCode == CVexaHttpSendRecv::kRetryable && answer.httpStatus;
-    std::string text = isBusy ? "HTTP status " + std::to_string(*answer.httpStatus) + ": not now, try again"
-                              : describeReturnCode(answer.retCode);
-    text += " (return code " + std::to_string(answer.retCode);
-    if (!answer.transportError.empty()) {
-        text += ": " + answer.transportError;
+    const bool isTemporary = response.retCode == CVexaHttpSendRecv::kRetryable && response.httpStatus;
+    std::string text = isTemporary ? "HTTP status " + std::to_string(*response.httpStatus) + ": temporary failure"
+                                   : describeReturnCode(response.retCode);
+    text += " (return code " + std::to_string(response.retCode);
+    if (!response.transportError.empty()) {
+        text += ": " + response.transportError;
     }
     text += ")";
-    return answer.code ? text + "; " + describeBody(answer) : text;
+    return response.code ? text + "; " + describeBody(response) : text;
 }
 
-std::optional<int> serviceCode(const ListenerCodes& codes, int listenerCode) {
+std::optional<int> serviceCode(const requests::ListenerCodes& codes, int listenerCode) {
     return listenerCode < codes.serverErrorBase ? std::optional(codes.serverErrorBase - listenerCode) : std::nullopt;
 }
 
-std::string describe(const ListenerCodes& codes, const ListenerTold& told) {
+std::string describe(const requests::ListenerCodes& codes, const requests::Notification& notification) {
     std::string meaning;
-    if (told.code == 0) {
+    if (notification.code == 0) {
         meaning = "success";
-    } else if (told.code == codes.transportError) {
-        meaning = "transport error, no usable answer came";
-    } else if (told.code == codes.unreadableError) {
-        meaning = "the answer was empty or unreadable, or the call was refused";
-    } else if (const std::optional<int> code = serviceCode(codes, told.code)) {
-        meaning = "the service refused with its code " + std::to_string(*code);
+    } else if (notification.code == codes.transportError) {
+        meaning = "transport error: no usable response";
+    } else if (notification.code == codes.unreadableError) {
+        meaning = "the response was empty or unreadable, or the adapter refused the call";
+    } else if (const std::optional<int> code = serviceCode(codes, notification.code)) {
+        meaning = "the service refused with code " + std::to_string(*code);
     } else {
         meaning = "unknown";
     }
-    return "listener code " + std::to_string(told.code) + " (" + meaning + "), message " + quoted(told.message);
+    return "listener code " + std::to_string(notification.code) + " (" + meaning + "), message " +
+           quoted(notification.message);
 }
 
-ExitStatus conclude(const ListenerCodes& codes, const std::vector<ListenerTold>& told) {
-    if (told.empty()) {
-        return kNoAnswer;
+ExitStatus exitStatusOf(const requests::ListenerCodes& codes,
+                        const std::vector<requests::Notification>& notifications) {
+    if (notifications.empty()) {
+        return kNoResponse;
     }
-    const int last = told.back().code;
+    const int last = notifications.back().code;
     if (last == 0) {
         return kSucceeded;
     }
-    return serviceCode(codes, last) ? kRefused : kNoAnswer;
+    return serviceCode(codes, last) ? kRefused : kNoResponse;
 }
 
 }  // namespace vexalive

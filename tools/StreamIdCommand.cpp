@@ -1,4 +1,4 @@
-// `vexalive stream-id`: prints the id under which a member's stream is known, relayed and mixed.
+// `vexalive stream-id`: prints the stream id of a room member.
 
 #include <cstdint>
 #include <cstdio>
@@ -6,43 +6,48 @@
 #include <memory>
 #include <string>
 
+#include "Com/LiveRequests.h"
 #include "tools/Command.h"
 #include "tools/ExitStatus.h"
 #include "tools/Options.h"
-#include "tools/mix/SentMix.h"
 
 namespace vexalive {
 namespace {
 
 constexpr const char* kStreamIdDescription =
-    "Print the stream id of a member of a room\n"
+    "Print the stream id of a room member\n"
     "\n"
-    "The id under which a member's stream is published, relayed and mixed. It follows\n"
-    "from the biz id, the room and the user; nothing is sent.";
+    "Prints the id under which a room member's stream is published, relayed and\n"
+    "mixed. The biz id, the room and the user determine it; nothing is sent.";
 
 constexpr const char* kStreamIdFooter =
     "Example: publish as alice to a service that runs with --media\n"
-    "  ffmpeg -re -i film.mp4 -c copy -f flv \\\n"
-    "      rtmp://127.0.0.1:40311/live/$(vexalive stream-id --biz-id 3891 --room 4711 --user alice)\n"
+    "  id=$(vexalive stream-id --biz-id 3891 --room 4711 --user alice)\n"
+    "  ffmpeg -re -i film.mp4 -c copy -f flv rtmp://127.0.0.1:40311/live/$id\n"
     "\n"
-    "Exit status: 0; 2 wrong usage.";
+    "Exit status: 0 success; 2 usage error.";
 
 struct StreamIdOptions {
     explicit StreamIdOptions(CLI::App& command)
-        : bizId(command, "--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer that is not 0"),
+        : bizId(command, "--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer other than 0"),
           room(command, "--room", "VEXALIVE_ROOM", "the room id"),
           user(command, "--user", "VEXALIVE_USER", "the user id") {}
 
-    Setting bizId;
-    Setting room;
-    Setting user;
+    RequiredOption bizId;
+    RequiredOption room;
+    RequiredOption user;
     bool isAuxiliary = false;
 };
 
-int runStreamId(const StreamIdOptions& options) {
+Result<int> runStreamId(const StreamIdOptions& options) {
     using Limits = std::numeric_limits<int32_t>;
-    const auto bizId = static_cast<int32_t>(options.bizId.integer(Limits::min(), Limits::max()));
-    std::printf("%s\n", streamId(bizId, options.room.text(), options.user.text(), options.isAuxiliary).c_str());
+    const auto bizId = options.bizId.integer(Limits::min(), Limits::max());
+    const auto room = options.room.value();
+    const auto user = options.user.value();
+    if (!bizId || !room || !user) {
+        return tl::make_unexpected(!bizId ? bizId.error() : !room ? room.error() : user.error());
+    }
+    std::puts(requests::streamId(static_cast<int32_t>(*bizId), *room, *user, !options.isAuxiliary).c_str());
     return kSucceeded;
 }
 
@@ -53,7 +58,7 @@ Command addStreamIdCommand(CLI::App& tool) {
     command->footer(kStreamIdFooter);
     const auto options = std::make_shared<StreamIdOptions>(*command);
     command->add_flag("--aux", options->isAuxiliary,
-                      "Of the auxiliary stream, as of a shared screen; else of the main one");
+                      "The id of the auxiliary stream (a shared screen) instead of the main stream");
     return {command, [options] { return runStreamId(*options); }};
 }
 

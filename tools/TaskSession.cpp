@@ -7,23 +7,21 @@
 
 namespace vexalive {
 
-const TaskFamily kRelayFamily = {
-    "relay", "stop", "stops", "stopping", "stopped", Operation::kStartRelay, Operation::kStopRelay, kRelayListenerCodes,
-    30};
-const TaskFamily kMixFamily = {
-    "mix", "cancel", "cancels", "cancelling", "cancelled", Operation::kStartMix, Operation::kStopMix, kMixListenerCodes,
-    31};
+const TaskType kRelayTask = {
+    "relay", "stop", "stops", "stopping", "stopped", requests::kAddRelay, requests::kRemoveRelay, requests::kRelay};
+const TaskType kMixTask = {
+    "mix", "cancel", "cancels", "cancelling", "cancelled", requests::kStartMix, requests::kCancelMix, requests::kMix};
 
 namespace {
 
-constexpr int kAttempts = kRetryBudget + 1;
+constexpr int kMaxAttempts = kRetryBudget + 1;
 
 template <class T>
 nlohmann::ordered_json orNull(const std::optional<T>& value) {
     return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
 }
 
-// A report's trace: what was asked, if it opens with that, then a line for each answer.
+// Splits a report's trace into the request, if the trace begins with one, and one part for each response.
 std::vector<std::string> splitTrace(const std::string& trace) {
     std::vector<std::string> parts;
     for (size_t begin = 0; begin < trace.size();) {
@@ -36,13 +34,13 @@ std::vector<std::string> splitTrace(const std::string& trace) {
 
 }  // namespace
 
-TaskSession::TaskSession(const TaskFamily& family, Lifetime lifetime, std::function<void()> stop,
+TaskSession::TaskSession(const TaskType& type, Lifetime lifetime, std::function<void()> stop,
                          std::function<void(OutputEntry)> show)
-    : mFamily(family), mLifetime(lifetime), mCallStop(std::move(stop)), mEmit(std::move(show)), mStop{family.stop} {}
+    : mType(type), mLifetime(lifetime), mCallStop(std::move(stop)), mEmit(std::move(show)), mStop{type.stop} {}
 
 void TaskSession::start(std::function<void()> call) {
-    if (!mStopWanted) {
-        mNextStart = std::move(call);
+    if (!mIsStopRequested) {
+        mPendingStart = std::move(call);
         advance();
     }
 }
@@ -69,9 +67,9 @@ bool TaskSession::isInFlight(const Task& task) const {
 
 void TaskSession::onExchange(const ExchangeEvent& event) {
     if (event.phase == HttpExchange::kStarted) {
-        if (event.operation == mFamily.startOperation) {
+        if (event.kind == mType.startKind) {
             onStarted(mStart, event);
-        } else if (event.operation == mFamily.stopOperation) {
+        } else if (event.kind == mType.stopKind) {
             onStarted(mStop, event);
         }
         return;
@@ -82,7 +80,7 @@ void TaskSession::onExchange(const ExchangeEvent& event) {
     }
     Task& task = *exchange->second;
     if (event.phase == HttpExchange::kCompleted) {
-        onAnswered(task, event);
+        onResponse(task, event);
     } else {
         mInFlight.erase(exchange);
         onDelivered(task);
@@ -91,52 +89,52 @@ void TaskSession::onExchange(const ExchangeEvent& event) {
 
 void TaskSession::onStarted(Task& task, const ExchangeEvent& event) {
     if (&task == &mStop) {
-        mStartWentAstray = mStartWentAstray && isInFlight(mStart);
+        mHasLateStart = mHasLateStart && isInFlight(mStart);
     } else {
-        mStartWentAstray = mStartWentAstray || mStage == Stage::kStopping || isInFlight(mStart);
+        mHasLateStart = mHasLateStart || mStage == Stage::kStopping || isInFlight(mStart);
     }
     mInFlight[event.id] = &task;
     ++task.attempts;
-    task.isRetryPlanned = false;
-    OutputEntry entry = aboutAttempt(task, "attempt", "waiting for the answer");
+    task.isRetryScheduled = false;
+    OutputEntry entry = attemptEntry(task, "attempt", "waiting for the response");
     entry.fields["interface"] = event.interfaceName;
     entry.fields["bytes"] = event.bytesSent;
     entry.transient = true;
     mEmit(std::move(entry));
 }
 
-void TaskSession::onAnswered(Task& task, const ExchangeEvent& event) {
-    task.answer = readAnswer(event.retCode, event.answer, event.httpStatus);
-    const ServiceAnswer& answer = task.answer;
+void TaskSession::onResponse(Task& task, const ExchangeEvent& event) {
+    task.response = parseResponse(event.retCode, event.response, event.httpStatus);
+    const ServiceResponse& response = task.response;
     OutputEntry entry =
-        aboutAttempt(task, "answer", describe(answer) + "; " + std::to_string(event.elapsed.count()) + " ms");
-    entry.fields["returnCode"] = answer.retCode;
-    entry.fields["meaning"] = describe(answer);
-    entry.fields["httpStatus"] = orNull(answer.httpStatus);
-    entry.fields["code"] = orNull(answer.code);
-    entry.fields["message"] = answer.message;
+        attemptEntry(task, "response", describe(response) + "; " + std::to_string(event.elapsed.count()) + " ms");
+    entry.fields["returnCode"] = response.retCode;
+    entry.fields["meaning"] = describe(response);
+    entry.fields["httpStatus"] = orNull(response.httpStatus);
+    entry.fields["code"] = orNull(response.code);
+    entry.fields["message"] = response.message;
     entry.fields["milliseconds"] = event.elapsed.count();
     mEmit(std::move(entry));
 }
 
-// The adapter has judged the answer: if the listener heard nothing of it, it plans another try.
+// The adapter has evaluated the response. If it has not notified the listener, it has scheduled a retry.
 void TaskSession::onDelivered(Task& task) {
-    const bool isSuperseded = &task == &mStart && mStage == Stage::kStopping && task.told.empty();
+    const bool isSuperseded = &task == &mStart && mStage == Stage::kStopping && task.notifications.empty();
     if (isSuperseded) {
-        mStartWentAstray = mStartWentAstray && !task.answer.isRefusal();
-        mEmit(aboutAttempt(task, "ignored", std::string("no longer counts, since ") + mFamily.stopping + " has begun"));
+        mHasLateStart = mHasLateStart && !task.response.isRefusal();
+        mEmit(attemptEntry(task, "ignored", std::string("response ignored, because the ") + mType.stop + " has begun"));
     } else if (isInFlight(task)) {
-        // The newer attempt decides.
-    } else if (task.isJudged() || task.attempts >= kAttempts) {
+        // The outcome is that of the newer attempt.
+    } else if (task.isDecided() || task.attempts >= kMaxAttempts) {
         finish(task);
     } else {
-        task.isRetryPlanned = true;
+        task.isRetryScheduled = true;
         OutputEntry entry =
-            about(task, "retry",
-                  "next try, attempt " + std::to_string(task.attempts + 1) + " of " + std::to_string(kAttempts) + ",");
+            makeEntry(task, "retry",
+                      "retrying, attempt " + std::to_string(task.attempts + 1) + " of " + std::to_string(kMaxAttempts));
         entry.countdown = std::chrono::milliseconds(retryDelay(task.attempts));
         entry.fields["attempt"] = task.attempts + 1;
-        entry.fields["of"] = kAttempts;
+        entry.fields["of"] = kMaxAttempts;
         entry.fields["waitMilliseconds"] = entry.countdown->count();
         entry.transient = true;
         mEmit(std::move(entry));
@@ -144,14 +142,12 @@ void TaskSession::onDelivered(Task& task) {
 }
 
 void TaskSession::onListener(const ListenerEvent& event) {
-    Task* task = event.operation == mFamily.startOperation  ? &mStart
-                 : event.operation == mFamily.stopOperation ? &mStop
-                                                            : nullptr;
+    Task* task = event.kind == mType.startKind ? &mStart : event.kind == mType.stopKind ? &mStop : nullptr;
     if (!task) {
         return;
     }
-    task->told.push_back(event.told);
-    if (!isInFlight(*task)) {  // refused before anything was sent
+    task->notifications.push_back(event.notification);
+    if (!isInFlight(*task)) {  // the adapter refused the call
         finish(*task);
     }
 }
@@ -160,49 +156,49 @@ void TaskSession::finish(Task& task) {
     if (task.outcome) {
         return;
     }
-    task.outcome = conclude(mFamily.codes, task.told);
+    task.outcome = exitStatusOf(mType.family.codes, task.notifications);
     std::string outcome;
     switch (*task.outcome) {
         case kSucceeded:
-            outcome =
-                std::string("done, the ") + mFamily.name + " is " + (&task == &mStop ? mFamily.stopped : "running");
+            outcome = std::string("done, the ") + mType.name + " is " + (&task == &mStop ? mType.stopped : "running");
             break;
         case kRefused:
             outcome = "failed, refused by the service";
             break;
         default:
-            outcome = task.told.empty() ? "failed, the answer tells no outcome" : "failed, no usable answer came";
+            outcome = task.notifications.empty() ? "failed, the response has no code" : "failed, no usable response";
     }
-    OutputEntry entry = about(task, "outcome", outcome);
+    OutputEntry entry = makeEntry(task, "outcome", outcome);
     entry.fields["success"] = *task.outcome == kSucceeded;
     entry.fields["attempts"] = task.attempts;
     entry.fields["outcome"] = outcome;
     entry.fields["listener"] = nlohmann::ordered_json::array();
-    for (const ListenerTold& told : task.told) {
-        entry.details.push_back(describe(mFamily.codes, told));
-        entry.fields["listener"].push_back({{"code", told.code},
-                                            {"message", told.message},
-                                            {"serviceCode", orNull(serviceCode(mFamily.codes, told.code))}});
+    for (const requests::Notification& notification : task.notifications) {
+        entry.details.push_back(describe(mType.family.codes, notification));
+        entry.fields["listener"].push_back(
+            {{"code", notification.code},
+             {"message", notification.message},
+             {"serviceCode", orNull(serviceCode(mType.family.codes, notification.code))}});
     }
     mEmit(std::move(entry));
 }
 
 void TaskSession::onReport(const EventReport& report) {
-    if (report.event != mFamily.reportEvent) {
+    if (report.event != mType.family.reportEvent) {
         return;
     }
-    Task* task = !mStart.isReported && mStart.isJudged() ? &mStart
-                 : !mStop.isReported && mStop.isJudged() ? &mStop
-                                                         : nullptr;  // of a task that was superseded
+    Task* task = !mStart.isReported && mStart.isDecided() ? &mStart
+                 : !mStop.isReported && mStop.isDecided() ? &mStop
+                                                          : nullptr;  // a superseded task
     if (task) {
-        finish(*task);  // what is reported is over, though the client may not have said so yet
+        finish(*task);  // the report may precede the client's kDelivered
         task->isReported = true;
     }
 
     OutputEntry entry =
-        about(task ? *task : mStart, "report",
-              "reported as event " + std::to_string(report.event) + " of type " + std::to_string(report.eventType) +
-                  " for app " + std::to_string(report.sdkAppId) + ", room and user " + report.roomUser);
+        makeEntry(task ? *task : mStart, "report",
+                  "reported as event " + std::to_string(report.event) + " of type " + std::to_string(report.eventType) +
+                      " for app " + std::to_string(report.sdkAppId) + ", room and user " + report.roomUser);
     entry.fields["sdkAppId"] = report.sdkAppId;
     entry.fields["roomUser"] = report.roomUser;
     entry.fields["reportType"] = report.eventType;
@@ -217,27 +213,28 @@ void TaskSession::onReport(const EventReport& report) {
     mEmit(std::move(entry));
 }
 
-// ---- The course -----------------------------------------------------------------------------------------------------
+// ---- Start and stop
+// -----------------------------------------------------------------------------------------------------
 
-void TaskSession::onStopAsked(const std::string& why) {
+void TaskSession::requestStop(const std::string& why) {
     if (mExitStatus) {
         return;
     }
-    if (mStopWanted) {
+    if (mIsStopRequested) {
         OutputEntry entry =
-            about("interrupted", "ended at once on " + why + "; whether the " + mFamily.name + " runs is not known");
+            makeEntry("interrupted", "aborted on " + why + "; the " + mType.name + " may still be running");
         entry.fields["why"] = why;
         mEmit(std::move(entry));
         end(kInterrupted);
         return;
     }
-    mStopWanted = true;
-    mNextStart = nullptr;
-    OutputEntry entry = about(
+    mIsStopRequested = true;
+    mPendingStart = nullptr;
+    OutputEntry entry = makeEntry(
         "stopping",
-        std::string(mFamily.stopping) + " the " + mFamily.name + " on " + why +
-            (mStage == Stage::kStarting && !isBetweenAttempts() ? ", once the attempt under way is answered" : "") +
-            "; another Ctrl-C ends at once");
+        std::string(mType.stopping) + " the " + mType.name + " on " + why +
+            (mStage == Stage::kStarting && !isBetweenAttempts() ? ", after the response to the current attempt" : "") +
+            "; press Ctrl-C again to abort");
     entry.fields["why"] = why;
     mEmit(std::move(entry));
     advance();
@@ -248,56 +245,58 @@ void TaskSession::advance() {
         return;
     }
     if (mStage == Stage::kStarting && hasEnded(mStart)) {
-        settleStart();
+        onStartEnded();
     } else if (mStage == Stage::kStopping && hasEnded(mStop)) {
-        settleStop();
+        onStopEnded();
     }
     if (mExitStatus) {
         return;
     }
     const bool isIdle = mStage == Stage::kIdle;
-    if (mStopWanted && isIdle && !mRuns) {
+    if (mIsStopRequested && isIdle && !mIsRunning) {
         end(mStart.outcome.value_or(kSucceeded));
-    } else if (mStopWanted && (isIdle || isBetweenAttempts())) {
+    } else if (mIsStopRequested && (isIdle || isBetweenAttempts())) {
         beginStop();
-    } else if (mNextStart && (isIdle || isBetweenAttempts())) {
+    } else if (mPendingStart && (isIdle || isBetweenAttempts())) {
         beginStart();
     }
 }
 
-// A start or an update has come to its end.
-void TaskSession::settleStart() {
+// Called when a start or an update has ended.
+void TaskSession::onStartEnded() {
     const ExitStatus outcome = *mStart.outcome;
     mStage = Stage::kIdle;
-    mRuns = mRuns || outcome == kSucceeded;
-    if (mStopWanted) {
+    mIsRunning = mIsRunning || outcome == kSucceeded;
+    if (mIsStopRequested) {
         return;
     }
-    if (mStartWentAstray && !mNextStart) {
-        mEmit(about("again", "sending it again, since a late attempt of the one before may have come after it"));
-        mNextStart = mCallStart;
+    if (mHasLateStart && !mPendingStart) {
+        mEmit(makeEntry(
+            "again",
+            "sending the last change again, because a late attempt of the previous one may have arrived after it"));
+        mPendingStart = mLastStart;
     }
-    if (mNextStart) {
+    if (mPendingStart) {
         return;
     }
-    if (mLifetime == Lifetime::kDetached && mRuns) {
-        mEmit(about("detached", std::string("the ") + mFamily.name + " is left running"));
+    if (mLifetime == Lifetime::kDetached && mIsRunning) {
+        mEmit(makeEntry("detached", std::string("the ") + mType.name + " keeps running"));
         end(outcome);
-    } else if (mLifetime != Lifetime::kWatched && !mRuns) {
+    } else if (mLifetime != Lifetime::kWatched && !mIsRunning) {
         end(outcome);
     } else {
-        showIdle();
+        emitIdle();
     }
 }
 
-void TaskSession::settleStop() {
-    if (*mStop.outcome == kNoAnswer || !mStartWentAstray) {
+void TaskSession::onStopEnded() {
+    if (*mStop.outcome == kNoResponse || !mHasLateStart) {
         end(*mStop.outcome);
     } else if (!isInFlight(mStart)) {
-        OutputEntry entry =
-            about("stopping", std::string(mFamily.stopping) + " the " + mFamily.name +
-                                  " again, since a late attempt of the start may have come after the " + mFamily.stop);
-        entry.fields["why"] = "a late attempt of the start";
+        OutputEntry entry = makeEntry(
+            "stopping", std::string(mType.stopping) + " the " + mType.name +
+                            " again, because a late attempt of the start may have arrived after the " + mType.stop);
+        entry.fields["why"] = "late start attempt";
         mEmit(std::move(entry));
         beginStop();
     }
@@ -305,27 +304,28 @@ void TaskSession::settleStop() {
 
 void TaskSession::beginStart() {
     if (mStage == Stage::kStarting) {
-        mEmit(about(mStart, "superseded", "not tried again, since a newer change is to be sent"));
+        mEmit(makeEntry(mStart, "superseded", "not retried, because a newer change is sent"));
     }
     mStage = Stage::kStarting;
-    mStartWentAstray = false;
-    mStart = Task{mRuns ? "update" : "start"};
-    mCallStart = std::exchange(mNextStart, nullptr);
-    mCallStart();
+    mHasLateStart = false;
+    mStart = Task{mIsRunning ? "update" : "start"};
+    mLastStart = std::exchange(mPendingStart, nullptr);
+    mLastStart();
 }
 
 void TaskSession::beginStop() {
     mStage = Stage::kStopping;
-    mStartWentAstray = false;
-    mStop = Task{mFamily.stop};
+    mHasLateStart = false;
+    mStop = Task{mType.stop};
     mCallStop();
 }
 
-void TaskSession::showIdle() {
-    const std::string name = std::string("the ") + mFamily.name;
-    const char* watch = mLifetime == Lifetime::kWatched ? " a saved change is sent," : "";
-    OutputEntry entry = mRuns ? about("holding", name + " is running;" + watch + " Ctrl-C " + mFamily.stops + " it")
-                              : about("waiting", name + " does not run;" + watch + " Ctrl-C ends");
+void TaskSession::emitIdle() {
+    const std::string name = std::string("the ") + mType.name;
+    const char* watch = mLifetime == Lifetime::kWatched ? " saved changes are sent;" : "";
+    OutputEntry entry = mIsRunning
+                            ? makeEntry("holding", name + " is running;" + watch + " Ctrl-C " + mType.stops + " it")
+                            : makeEntry("waiting", name + " is not running;" + watch + " Ctrl-C exits");
     entry.transient = true;
     mEmit(std::move(entry));
 }
@@ -334,25 +334,25 @@ void TaskSession::end(ExitStatus status) {
     mExitStatus = status;
 }
 
-OutputEntry TaskSession::about(const char* event, const std::string& text) const {
+OutputEntry TaskSession::makeEntry(const char* event, const std::string& text) const {
     OutputEntry entry;
-    entry.fields = {{"event", event}, {"task", mFamily.name}};
+    entry.fields = {{"event", event}, {"task", mType.name}};
     entry.text = text;
     return entry;
 }
 
-OutputEntry TaskSession::about(const Task& task, const char* event, const std::string& text) const {
+OutputEntry TaskSession::makeEntry(const Task& task, const char* event, const std::string& text) const {
     OutputEntry entry;
-    entry.fields = {{"event", event}, {"task", mFamily.name}, {"request", task.name}};
-    entry.text = std::string(mFamily.name) + " " + task.name + ": " + text;
+    entry.fields = {{"event", event}, {"task", mType.name}, {"request", task.name}};
+    entry.text = std::string(mType.name) + " " + task.name + ": " + text;
     return entry;
 }
 
-OutputEntry TaskSession::aboutAttempt(const Task& task, const char* event, const std::string& text) const {
-    OutputEntry entry = about(
-        task, event, "attempt " + std::to_string(task.attempts) + " of " + std::to_string(kAttempts) + ": " + text);
+OutputEntry TaskSession::attemptEntry(const Task& task, const char* event, const std::string& text) const {
+    OutputEntry entry = makeEntry(
+        task, event, "attempt " + std::to_string(task.attempts) + " of " + std::to_string(kMaxAttempts) + ": " + text);
     entry.fields["attempt"] = task.attempts;
-    entry.fields["of"] = kAttempts;
+    entry.fields["of"] = kMaxAttempts;
     return entry;
 }
 

@@ -1,7 +1,7 @@
-// A relay or a mix from its start to its end, as a command sees it: hears what the SDK tells, shows each entry, and
-// decides when to send an update, when to stop and when to leave, and how.
+// The life of a relay or a mix within one command: follows the adapter's events, reports progress, and decides when to
+// send an update, when to stop and when the command ends.
 //
-// Knows no thread, socket, signal or clock, so a test can tell it any story.
+// Uses no thread, socket, signal or clock, so tests can feed it any sequence of events.
 
 #ifndef VEXALIVE_TOOLS_TASK_SESSION_H
 #define VEXALIVE_TOOLS_TASK_SESSION_H
@@ -13,113 +13,115 @@
 #include <string>
 #include <vector>
 
+#include "Com/LiveRequests.h"
 #include "tools/OutputWriter.h"
 #include "tools/SdkEventCollector.h"
 
 namespace vexalive {
 
-// Relay work or mix work: its words and codes.
-struct TaskFamily {
+// The words, request kinds and codes of relays, or of mixes.
+struct TaskType {
     const char* name;  // "relay"
-    const char* stop;  // "stop", "cancel", and their forms
+    const char* stop;  // "stop" or "cancel", and its forms
     const char* stops;
     const char* stopping;
     const char* stopped;
-    Operation startOperation;
-    Operation stopOperation;
-    ListenerCodes codes;
-    int reportEvent;
+    requests::Kind startKind;
+    requests::Kind stopKind;
+    const requests::Family& family;
 };
-extern const TaskFamily kRelayFamily;
-extern const TaskFamily kMixFamily;
+extern const TaskType kRelayTask;
+extern const TaskType kMixTask;
 
 // For one thread.
 class TaskSession {
 public:
     enum class Lifetime {
-        kHeld,      // until a stop is asked for
-        kDetached,  // until it runs
-        kWatched,   // as kHeld, but a start that fails does not end it: a better one may follow
+        kHeld,      // ends when it is stopped, or when the start fails
+        kDetached,  // ends when the task is running, or when the start fails
+        kWatched,   // as kHeld, but a failed start does not end it: another one may follow
     };
 
-    // `stop` asks the adapter to stop; `show` takes what is to be shown.
-    TaskSession(const TaskFamily& family, Lifetime lifetime, std::function<void()> stop,
-                std::function<void(OutputEntry)> show);
+    // `stop` calls the adapter's stop operation; `emit` receives the progress.
+    TaskSession(const TaskType& type, Lifetime lifetime, std::function<void()> stop,
+                std::function<void(OutputEntry)> emit);
 
-    // `call` asks the adapter to start or, if it runs, to change; it is called as soon as no attempt is under way, and
-    // instead of one that still waits to be called or to be tried again. It may be called more than once.
+    // Runs `call`, which starts or updates the task at the adapter, as soon as no attempt is in flight. It replaces an
+    // earlier call that is still pending or between two attempts. `call` may run more than once.
     void start(std::function<void()> call);
 
     void on(const SdkEvent& event);
 
-    // The user wants it to end; `why` names how that was told ("SIGINT"). An attempt to start that is under way gets
-    // its answer first: a stop sent beside it could overtake it, and leave the relay running. The second time ends the
+    // Ends the session; `why` is the reason for the output ("SIGINT"). An attempt to start that is in flight is
+    // completed first: a stop sent in parallel could arrive first and leave the task running. The second call ends the
     // session at once.
-    void onStopAsked(const std::string& why);
+    void requestStop(const std::string& why);
 
-    bool isStopAsked() const { return mStopWanted; }
+    bool isStopRequested() const { return mIsStopRequested; }
 
-    const char* name() const { return mFamily.name; }
+    const char* name() const { return mType.name; }
 
-    // Once the session has ended.
+    // Set when the session has ended.
     std::optional<ExitStatus> exitStatus() const { return mExitStatus; }
 
 private:
     enum class Stage { kIdle, kStarting, kStopping };
 
-    // What there is to know about a start, an update or a stop.
+    // A start, an update or a stop.
     struct Task {
         const char* name;
         int attempts = 0;
-        bool isRetryPlanned = false;
-        ServiceAnswer answer{};  // the last one
-        std::vector<ListenerTold> told{};
+        bool isRetryScheduled = false;
+        ServiceResponse response{};  // the last one
+        std::vector<requests::Notification> notifications{};
         std::optional<ExitStatus> outcome{};
         bool isReported = false;
 
-        bool isJudged() const { return outcome || !told.empty() || (attempts > 0 && answer.isVerdictMissing()); }
+        bool isDecided() const {
+            return outcome || !notifications.empty() || (attempts > 0 && response.isCodeMissing());
+        }
     };
 
     void onExchange(const ExchangeEvent& event);
     void onStarted(Task& task, const ExchangeEvent& event);
-    void onAnswered(Task& task, const ExchangeEvent& event);
+    void onResponse(Task& task, const ExchangeEvent& event);
     void onDelivered(Task& task);
     void onListener(const ListenerEvent& event);
     void onReport(const EventReport& report);
     void finish(Task& task);
 
     void advance();
-    void settleStart();
-    void settleStop();
+    void onStartEnded();
+    void onStopEnded();
     void beginStart();
     void beginStop();
-    void showIdle();
+    void emitIdle();
     void end(ExitStatus status);
 
     bool isInFlight(const Task& task) const;
-    bool isBetweenAttempts() const { return mStage == Stage::kStarting && mStart.isRetryPlanned; }
+    bool isBetweenAttempts() const { return mStage == Stage::kStarting && mStart.isRetryScheduled; }
     bool hasEnded(const Task& task) const { return task.outcome && task.isReported && !isInFlight(task); }
-    OutputEntry about(const char* event, const std::string& text) const;
-    OutputEntry about(const Task& task, const char* event, const std::string& text) const;
-    OutputEntry aboutAttempt(const Task& task, const char* event, const std::string& text) const;
+    OutputEntry makeEntry(const char* event, const std::string& text) const;
+    OutputEntry makeEntry(const Task& task, const char* event, const std::string& text) const;
+    OutputEntry attemptEntry(const Task& task, const char* event, const std::string& text) const;
 
-    const TaskFamily& mFamily;
+    const TaskType& mType;
     const Lifetime mLifetime;
     const std::function<void()> mCallStop;
     const std::function<void(OutputEntry)> mEmit;
 
     Stage mStage = Stage::kIdle;
-    bool mRuns = false;  // a start succeeded
-    bool mStopWanted = false;
-    std::function<void()> mNextStart;  // waits to be called; may be empty
-    std::function<void()> mCallStart;  // the last that was called
-    Task mStart{"start"};              // or the last update
+    bool mIsRunning = false;  // a start succeeded
+    bool mIsStopRequested = false;
+    std::function<void()> mPendingStart;  // may be empty
+    std::function<void()> mLastStart;     // the last one that was called
+    Task mStart{"start"};                 // or the last update
     Task mStop;
     std::map<uint64_t, Task*> mInFlight;  // exchanges, by id
 
-    // An attempt of a start that was superseded was still sent, and may have reached the service after what superseded
-    // it. That has to be sent again.
-    bool mStartWentAstray = false;
+    // An attempt of a superseded start was still sent and may have reached the service after its successor, which must
+    // therefore be sent again.
+    bool mHasLateStart = false;
 
     std::optional<ExitStatus> mExitStatus;
 };

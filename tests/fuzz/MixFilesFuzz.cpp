@@ -1,4 +1,4 @@
-// Any mix file: its reading, the judgement against the adapter on fakes, and, of some inputs, the preview.
+// Any mix file: the reader, the validation against the adapter on fakes and, for some inputs, the preview.
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -11,9 +11,9 @@
 #include "Fuzzing.h"
 #include "VirtualTime.h"
 #include "tools/mix/MixFile.h"
-#include "tools/mix/MixJudgement.h"
+#include "tools/mix/MixLayers.h"
+#include "tools/mix/MixValidation.h"
 #include "tools/mix/Preview.h"
-#include "tools/mix/SentMix.h"
 
 namespace {
 
@@ -23,10 +23,10 @@ using Json = nlohmann::json;
 using Config = kstmedia::VexaTranscodingConfigInternal;
 using User = kstmedia::VexaMixUserInternal;
 
-// A picture takes a hundred times as long as all the rest, so only texts of such a size are drawn: a multiple of this.
+// Drawing takes a hundred times as long as all else, so only texts whose size is a multiple of this are drawn.
 constexpr size_t kPreviewedSize = 64;
 
-// ---- Mistakes -------------------------------------------------------------------------------------------------------
+// ---- Errors ---------------------------------------------------------------------------------------------------------
 
 std::vector<std::string_view> textLinesOf(std::string_view text) {
     std::vector<std::string_view> lines;
@@ -45,23 +45,22 @@ size_t charactersIn(std::string_view line) {
         line.begin(), line.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) != 0x80; }));
 }
 
-void requireMistakes(const std::vector<MixMistake>& mistakes, std::string_view text) {
+void requireErrors(const std::vector<MixFileError>& errors, std::string_view text) {
     const std::vector<std::string_view> lines = textLinesOf(text);
     std::pair<size_t, size_t> last = {1, 1};
-    for (size_t i = 0; i < mistakes.size(); ++i) {
-        const MixMistake& mistake = mistakes[i];
-        require(!mistake.text.empty(), "a mistake is told");
-        require(endsWith(describe("mix.json", mistake), mistake.text), "a mistake is described", mistake.text);
-        if (i == kMaxMixMistakes) {
-            require(mistake.line == 0 && i + 1 == mistakes.size(), "the rest is told once", mistake.text);
+    for (size_t i = 0; i < errors.size(); ++i) {
+        const MixFileError& error = errors[i];
+        require(!error.message.empty(), "an error has a message");
+        require(endsWith(describe("mix.json", error), error.message), "an error is described", error.message);
+        if (i == kMaxMixFileErrors) {
+            require(error.line == 0 && i + 1 == errors.size(), "the omitted errors are counted once", error.message);
             continue;
         }
-        require(mistake.line >= 1 && mistake.line <= lines.size(), "a mistake's line is in the text", mistake.text);
-        require(mistake.column >= 1 && mistake.column <= charactersIn(lines[mistake.line - 1]) + 1,
-                "a mistake's column is in its line", mistake.text);
-        require(last <= std::pair(mistake.line, mistake.column), "mistakes come in the order of the file",
-                mistake.text);
-        last = {mistake.line, mistake.column};
+        require(error.line >= 1 && error.line <= lines.size(), "an error's line is in the text", error.message);
+        require(error.column >= 1 && error.column <= charactersIn(lines[error.line - 1]) + 1,
+                "an error's column is in its line", error.message);
+        require(last <= std::pair(error.line, error.column), "errors are in the order of the file", error.message);
+        last = {error.line, error.column};
     }
 }
 
@@ -107,11 +106,11 @@ void requireRead(const Config& config, std::string_view text) {
             require(read["mixUsersArray"][i][key] == value, "a user's field is read as it stands", key);
         }
     }
-    const MixReading again = readMix(read.dump());
-    require(again.mistakes.empty() && jsonOf(again.config) == read, "what is written again is read again", read.dump());
+    const MixFileResult again = readMix(read.dump());
+    require(again && jsonOf(*again) == read, "what is written again is read again", read.dump());
 }
 
-// ---- Judgement ------------------------------------------------------------------------------------------------------
+// ---- Validation -----------------------------------------------------------------------------------------------------
 
 class Listener : public ILiveTrancodingDelegate {
 public:
@@ -147,38 +146,42 @@ std::optional<std::vector<std::string>> sentByAdapter(const Config& config) {
     return ids;
 }
 
-bool isSame(const MixRemark& a, const MixRemark& b) {
-    return std::tie(a.kind, a.field, a.text, a.user) == std::tie(b.kind, b.field, b.text, b.user);
+bool isSame(const MixDiagnostic& a, const MixDiagnostic& b) {
+    return std::tie(a.severity, a.field, a.message, a.user) == std::tie(b.severity, b.field, b.message, b.user);
 }
 
-void requireJudgement(const Config& config, const std::vector<MixRemark>& remarks) {
+void requireValidation(const Config& config, const std::vector<MixDiagnostic>& diagnostics) {
     bool hasWarning = false;
-    for (const MixRemark& remark : remarks) {
-        const std::string text = describe(remark);
-        require(isPlainAscii(text), "a remark holds nothing of the configuration", text);
-        require(!remark.field.empty() && !remark.text.empty(), "a remark names a field and says why", text);
-        require(remark.kind == MixRemark::kWarning || !hasWarning, "refusals come first", text);
-        hasWarning = remark.kind == MixRemark::kWarning;
-        require(!remark.user || *remark.user < config.mixUsersArray.size(), "a remark is about a user there is", text);
-        require(!remark.user || startsWith(remark.field, "mixUsersArray[" + std::to_string(*remark.user) + "]"),
-                "a remark's field is its user's", text);
+    for (const MixDiagnostic& diagnostic : diagnostics) {
+        const std::string text = describe(diagnostic);
+        require(isPlainAscii(text), "a diagnostic holds nothing of the configuration", text);
+        require(!diagnostic.field.empty() && !diagnostic.message.empty(), "a diagnostic names a field and says why",
+                text);
+        require(diagnostic.severity == MixDiagnostic::kWarning || !hasWarning, "errors come first", text);
+        hasWarning = diagnostic.severity == MixDiagnostic::kWarning;
+        require(!diagnostic.user || *diagnostic.user < config.mixUsersArray.size(),
+                "a diagnostic is about a user there is", text);
+        require(
+            !diagnostic.user || startsWith(diagnostic.field, "mixUsersArray[" + std::to_string(*diagnostic.user) + "]"),
+            "a diagnostic's field is its user's", text);
     }
-    const std::vector<MixRemark> again = judgeMix(config);
-    require(std::equal(again.begin(), again.end(), remarks.begin(), remarks.end(), isSame), "a judgement stays");
+    const std::vector<MixDiagnostic> again = validateMix(config);
+    require(std::equal(again.begin(), again.end(), diagnostics.begin(), diagnostics.end(), isSame),
+            "the validation is deterministic");
 
     const auto sent = sentByAdapter(config);
-    require(isRefused(remarks) == !sent, "the judgement is the adapter's", config.to_string());
+    require(isRefused(diagnostics) == !sent, "the validation refuses what the adapter refuses", config.to_string());
     if (sent) {
-        const std::vector<SentInput> inputs = sentInputs(config, "4711");
-        require(std::equal(inputs.begin(), inputs.end(), sent->begin(), sent->end(),
-                           [](const SentInput& input, const std::string& id) { return input.streamId == id; }),
+        const std::vector<MixLayer> layers = mixLayers(config, "4711");
+        require(std::equal(layers.begin(), layers.end(), sent->begin(), sent->end(),
+                           [](const MixLayer& layer, const std::string& id) { return layer.streamId == id; }),
                 "the order and the ids are the adapter's", config.to_string());
     }
 }
 
-void requirePreview(const Config& config, const std::vector<MixRemark>& remarks) {
-    const auto drawing = drawPreview(config, remarks, {"mix.json", "4711", "alice"});
-    require(drawing->width() == kPreviewWidth && drawing->height() > 0 && drawing->height() <= kPreviewTallest,
+void requirePreview(const Config& config, const std::vector<MixDiagnostic>& diagnostics) {
+    const auto drawing = drawPreview(config, diagnostics, {"mix.json", "4711", "alice"});
+    require(drawing->width() == kPreviewWidth && drawing->height() > 0 && drawing->height() <= kPreviewMaxHeight,
             "a picture's size is bounded");
     const std::string svg = drawing->svg();
     const std::string_view controls("\0\1\2\3\4\5\6\7\b\v\f\x1b", 12);
@@ -196,16 +199,16 @@ extern "C" const char* __lsan_default_suppressions() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    const MixReading reading = readMix(text);
-    if (!reading.mistakes.empty()) {
-        requireMistakes(reading.mistakes, text);
+    const MixFileResult config = readMix(text);
+    if (!config) {
+        requireErrors(config.error(), text);
         return 0;
     }
-    requireRead(reading.config, text);
-    const std::vector<MixRemark> remarks = judgeMix(reading.config);
-    requireJudgement(reading.config, remarks);
+    requireRead(*config, text);
+    const std::vector<MixDiagnostic> diagnostics = validateMix(*config);
+    requireValidation(*config, diagnostics);
     if (text.size() % kPreviewedSize == 0) {
-        requirePreview(reading.config, remarks);
+        requirePreview(*config, diagnostics);
     }
     return 0;
 }

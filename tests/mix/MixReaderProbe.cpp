@@ -1,4 +1,4 @@
-// Says of each file that is named whether the reader takes it: a line "good" or "bad", in the same order.
+// Prints, for each file named on the command line, "good" if the reader accepts it and "bad" if not.
 
 #include <cstdio>
 
@@ -6,6 +6,6 @@
 
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
-        std::puts(vexalive::readMixFile(argv[i]).mistakes.empty() ? "good" : "bad");
+        std::puts(vexalive::readMixFile(argv[i]) ? "good" : "bad");
     }
 }

@@ -47,10 +47,10 @@ inline Config mix(std::vector<User> users) {
     return config;
 }
 
-// Any configuration, sound ones as often as broken ones.
-inline Config randomMix(std::mt19937& chance) {
-    const auto pick = [&chance](int lowest, int highest) {
-        return std::uniform_int_distribution<int>(lowest, highest)(chance);
+// Any configuration; about half are valid.
+inline Config randomMix(std::mt19937& random) {
+    const auto pick = [&random](int lowest, int highest) {
+        return std::uniform_int_distribution<int>(lowest, highest)(random);
     };
     const auto oneIn = [&pick](int many) { return pick(1, many) == 1; };
     constexpr int32_t kLowest = -2147483647 - 1;

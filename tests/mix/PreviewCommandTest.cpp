@@ -10,11 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "Com/LiveRequests.h"
 #include "tests/mix/SvgDocument.h"
 #include "tools/Command.h"
 #include "tools/ExitStatus.h"
-#include "tools/Options.h"
-#include "tools/mix/SentMix.h"
 
 namespace vexalive {
 
@@ -42,16 +41,11 @@ protected:
         tool.parse(static_cast<int>(argv.size()), argv.data());
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        mUsage.clear();
-        int status = kUsage;
-        try {
-            status = command.run();
-        } catch (const UsageError& error) {
-            mUsage = error.what();
-        }
+        const Result<int> status = command.run();
+        mUsage = status ? "" : status.error().message;
         mOut = testing::internal::GetCapturedStdout();
         mErr = testing::internal::GetCapturedStderr();
-        return status;
+        return status.value_or(kUsage);
     }
 
     static std::string example(const char* name) { return std::string(EXAMPLES "/") + name + ".json"; }
@@ -69,7 +63,7 @@ protected:
 
 TEST_F(PreviewCommandTest, AMixThatWouldBeSentIsDrawnAsSvg) {
     EXPECT_EQ(run({example("two-side-by-side"), "-o", in("a.svg")}), kSucceeded);
-    EXPECT_EQ(mOut, in("a.svg") + ": drawn; the adapter would send it\n");
+    EXPECT_EQ(mOut, in("a.svg") + ": drawn; the adapter would send the mix\n");
     EXPECT_EQ(mErr, "");
     const SvgDocument document(read(in("a.svg")));
     EXPECT_EQ(document.error(), "");
@@ -84,28 +78,28 @@ TEST_F(PreviewCommandTest, OrAsPng) {
 
 TEST_F(PreviewCommandTest, RoomAndUserStandInTheStreamIds) {
     run({example("two-side-by-side"), "-o", in("a.svg")});
-    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + streamId(3891, "room", "alice", false)));
+    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + requests::streamId(3891, "room", "alice", true)));
 
     run({example("two-side-by-side"), "-o", in("a.svg"), "--room", "4711", "--user", "zoe"});
-    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + streamId(3891, "4711", "zoe", false)));
-    EXPECT_THAT(read(in("a.svg")), HasSubstr(streamId(3891, "4711", "bob", false)));
+    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + requests::streamId(3891, "4711", "zoe", true)));
+    EXPECT_THAT(read(in("a.svg")), HasSubstr(requests::streamId(3891, "4711", "bob", true)));
 
     setenv("VEXALIVE_ROOM", "r", 1);
     setenv("VEXALIVE_USER", "u", 1);
     run({example("two-side-by-side"), "-o", in("a.svg")});
-    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + streamId(3891, "r", "u", false)));
+    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + requests::streamId(3891, "r", "u", true)));
 }
 
-TEST_F(PreviewCommandTest, ARefusedMixIsDrawnAllTheSame) {
+TEST_F(PreviewCommandTest, ARefusedMixIsDrawn) {
     EXPECT_EQ(run({example("refused"), "-o", in("a.svg")}), kRefused);
-    EXPECT_EQ(mOut, in("a.svg") + ": drawn, but the adapter would refuse it\n");
+    EXPECT_EQ(mOut, in("a.svg") + ": drawn, but the adapter would refuse the mix\n");
     EXPECT_EQ(mErr, example("refused") +
-                        ": refused: field mixUsersArray[1].zOrder is 1, which mixUsersArray[0] has already\n" +
-                        example("refused") + ": warning: field mixUsersArray[2].rect lies partly off the canvas\n");
+                        ": refused: field mixUsersArray[1].zOrder is 1, the same as that of mixUsersArray[0]\n" +
+                        example("refused") + ": warning: field mixUsersArray[2].rect lies partly outside the canvas\n");
     EXPECT_EQ(SvgDocument(read(in("a.svg"))).ofKind("refusal").size(), 1U);
 }
 
-TEST_F(PreviewCommandTest, MistakesAreToldAndNothingIsDrawn) {
+TEST_F(PreviewCommandTest, AnInvalidFileIsReportedAndNotDrawn) {
     std::ofstream(in("m.json")) << "{\"appId\": 1, \"bizId\": \"\\u009b\xc2\x9b\", \"mixUsersArray\": []}";
     EXPECT_EQ(run({in("m.json"), "-o", in("a.svg")}), kUsage);
     EXPECT_EQ(mErr, in("m.json") +
@@ -128,7 +122,7 @@ TEST_F(PreviewCommandTest, OtherKindsOfPicturesAreWrongUsage) {
     EXPECT_THAT(mUsage, StartsWith("FILE is missing"));
 }
 
-TEST_F(PreviewCommandTest, APictureThatCannotBeWrittenIsTold) {
+TEST_F(PreviewCommandTest, AFileThatCannotBeWrittenIsAnError) {
     EXPECT_EQ(run({example("refused"), "-o", in("no/such/folder.svg")}), kUsage);
     EXPECT_EQ(mUsage, "-o is \"" + in("no/such/folder.svg") + "\": cannot be written: No such file or directory");
 

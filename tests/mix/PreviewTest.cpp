@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
+#include "Com/LiveRequests.h"
 #include "tests/mix/MixTesting.h"
 #include "tests/mix/SvgDocument.h"
 #include "tools/mix/Preview.h"
-#include "tools/mix/SentMix.h"
 
 namespace vexalive {
 
@@ -26,7 +26,7 @@ std::unique_ptr<Drawing> drawn(const Config& config) {
     options.title = "layout.json";
     options.room = "4711";
     options.user = "alice";
-    return drawPreview(config, judgeMix(config), options);
+    return drawPreview(config, validateMix(config), options);
 }
 
 SvgDocument preview(const Config& config) {
@@ -83,8 +83,8 @@ TEST(PreviewTest, ARectangleSaysWhoAndHowItIsSent) {
     EXPECT_THAT(document.texts("entry-stream"), ElementsAre("zOrder 1 \u00b7 main stream of room 4711",
                                                             "zOrder 3 \u00b7 auxiliary stream of room 4712"));
     EXPECT_THAT(document.texts("entry-place"), ElementsAre("640 \u00d7 720 at 0, 0", "640 \u00d7 720 at 640, 0"));
-    EXPECT_THAT(document.texts("entry-stream-id"),
-                ElementsAre(streamId(3891, "4711", "alice", false), streamId(3891, "4712", "bob", true)));
+    EXPECT_THAT(document.texts("entry-stream-id"), ElementsAre(requests::streamId(3891, "4711", "alice", true),
+                                                               requests::streamId(3891, "4712", "bob", false)));
 }
 
 TEST(PreviewTest, TheHeadTellsTheOutput) {
@@ -99,8 +99,8 @@ TEST(PreviewTest, TheHeadTellsTheOutput) {
         document.texts("output"),
         ElementsAre("Canvas 1280 \u00d7 720 \u00b7 20 fps \u00b7 1500 kbit/s \u00b7 audio 48000 Hz \u00b7 1 audio "
                     "channel \u00b7 left to the service: key frames, audio bitrate"));
-    EXPECT_THAT(document.texts("identity"), ElementsAre(HasSubstr(streamId(3891, "4711", "alice", false))));
-    EXPECT_THAT(document.texts("verdict-text"), ElementsAre("\u2713 accepted by the adapter"));
+    EXPECT_THAT(document.texts("identity"), ElementsAre(HasSubstr(requests::streamId(3891, "4711", "alice", true))));
+    EXPECT_THAT(document.texts("status-text"), ElementsAre("\u2713 accepted by the adapter"));
     EXPECT_THAT(document.texts("refusal"), IsEmpty());
 }
 
@@ -110,7 +110,7 @@ TEST(PreviewTest, WhatLiesOffTheCanvasIsHatched) {
     EXPECT_THAT(parts(document, "on-canvas"), ElementsAre(Part{1180.0 / 1280, 100.0 / 720, 100.0 / 1280, 100.0 / 720}));
     EXPECT_THAT(parts(document, "off-canvas"),
                 ElementsAre(Part{1180.0 / 1280, 100.0 / 720, 200.0 / 1280, 100.0 / 720}));
-    EXPECT_THAT(document.texts("warning"), ElementsAre("mixUsersArray[0].rect lies partly off the canvas"));
+    EXPECT_THAT(document.texts("warning"), ElementsAre("mixUsersArray[0].rect lies partly outside the canvas"));
     const auto hatches = document.ofKind("hatch");
     ASSERT_THAT(hatches, SizeIs(2)) << "the part and the legend";
     EXPECT_EQ(hatches[0].attribute("fill"), "url(#hatch)");
@@ -121,10 +121,10 @@ TEST(PreviewTest, WhatTheAdapterRefusesIsRed) {
     config.videoBitrate = 0;
     const SvgDocument document = preview(config);
 
-    EXPECT_THAT(document.texts("verdict-text"), ElementsAre("\u2717 refused by the adapter"));
+    EXPECT_THAT(document.texts("status-text"), ElementsAre("\u2717 refused by the adapter"));
     EXPECT_THAT(document.texts("refusal"),
-                ElementsAre("videoBitrate is 0, which a mix with video cannot have; -1 leaves it to the service",
-                            "mixUsersArray[1].zOrder is 1, which mixUsersArray[0] has already"));
+                ElementsAre("videoBitrate is 0: must not be 0 in a mix with video; -1 leaves it to the service",
+                            "mixUsersArray[1].zOrder is 1, the same as that of mixUsersArray[0]"));
     for (const SvgElement& refusal : document.ofKind("refusal")) {
         EXPECT_EQ(refusal.attribute("fill"), "#b3001b");
     }
@@ -197,9 +197,9 @@ TEST(PreviewTest, ACanvasWithoutASizeIsToldAndTheInputsAreDrawn) {
 }
 
 TEST(PreviewTest, TheSameMixGivesTheSameBytes) {
-    std::mt19937 chance(3);
+    std::mt19937 random(3);
     for (int round = 0; round < 20; ++round) {
-        const Config config = randomMix(chance);
+        const Config config = randomMix(random);
         const auto first = drawn(config);
         const auto second = drawn(config);
         EXPECT_EQ(first->svg(), second->svg());
@@ -217,7 +217,7 @@ struct Extent {
 void expectSound(const SvgDocument& document) {
     const SvgElement& page = document.elements().at(0);
     ASSERT_LE(page.number("width"), kPreviewWidth);
-    ASSERT_LE(page.number("height"), kPreviewTallest);
+    ASSERT_LE(page.number("height"), kPreviewMaxHeight);
     std::map<std::string, Extent> inputs;
     double list = kPreviewWidth;  // where it begins
     for (const SvgElement& entry : document.ofKind("entry-badge")) {
@@ -256,9 +256,9 @@ void expectSound(const SvgDocument& document) {
 }
 
 TEST(PreviewTest, AnyMixGivesABoundedPictureWithEachTextInItsPlace) {
-    std::mt19937 chance(5);
+    std::mt19937 random(5);
     for (int round = 0; round < 150; ++round) {
-        const Config config = randomMix(chance);
+        const Config config = randomMix(random);
         SCOPED_TRACE(config.to_string());
         ASSERT_NO_FATAL_FAILURE(expectSound(preview(config)));
     }

@@ -19,19 +19,12 @@ constexpr const char* kSet = "set_live_mix_transcoding";
 
 class MixTool : public ToolTest {
 protected:
-    void SetUp() override {
-        ToolTest::SetUp();
-        mFile = mFolder + "/layout.json";
+    MixTool() : ToolTest({"mix"}), mFile(mFolder + "/layout.json") {
+        mArguments.push_back(mFile);
         save(layout(1280));
     }
 
-    std::vector<std::string> arguments(const std::vector<std::string>& more = {}) const {
-        std::vector<std::string> all = {VEXALIVE_TOOL, "mix", mFile};
-        all.insert(all.end(), more.begin(), more.end());
-        return all;
-    }
-
-    // Two inputs on a canvas so wide.
+    // Two inputs.
     static std::string layout(int width, int secondLayer = 2) {
         return R"({"appId": 1250, "bizId": 3891, "videoWidth": )" + std::to_string(width) + R"(, "videoHeight": 720,
             "mixUsersArray": [
@@ -40,10 +33,10 @@ protected:
                std::to_string(secondLayer) + "}]}";
     }
 
-    // As an editor that writes into the file.
+    // Writes to the file.
     void save(const std::string& text) const { std::ofstream(mFile) << text; }
 
-    // As an editor that puts a new file in its place.
+    // Replaces the file by a rename.
     void replace(const std::string& text) const {
         std::ofstream(mFile + ".new") << text;
         ASSERT_EQ(std::rename((mFile + ".new").c_str(), mFile.c_str()), 0);
@@ -51,13 +44,13 @@ protected:
 
     nlohmann::json mix() const { return state().at("mixes").at(0); }
 
-    std::string mFile;
+    const std::string mFile;
 };
 
 // ---- Running and cancelling -----------------------------------------------------------------------------------------
 
 TEST_F(MixTool, HoldsTheMixUntilCtrlCAndCancelsIt) {
-    ChildProcess tool(arguments(), environment());
+    ChildProcess& tool = start();
     ASSERT_TRUE(tool.awaitOutput("the mix is running; Ctrl-C cancels it\n"));
     EXPECT_EQ(mix().at("running"), true);
     EXPECT_EQ(mix().at("inputs").size(), 2u);
@@ -66,18 +59,14 @@ TEST_F(MixTool, HoldsTheMixUntilCtrlCAndCancelsIt) {
 
     EXPECT_EQ(tool.awaitExit(), 0);
     EXPECT_EQ(mix().at("running"), false);
-    EXPECT_THAT(tool.output(), HasSubstr("\nmix start: attempt 1 of 11: accepted (code 0: \"ok\")"));
-    EXPECT_THAT(tool.output(), HasSubstr("\nmix start: done, the mix is running\n"));
-    EXPECT_THAT(tool.output(), HasSubstr("\nmix start: reported as event 31 of type 10004"));
-    EXPECT_THAT(tool.output(), HasSubstr("\ncancelling the mix on SIGINT"));
-    EXPECT_THAT(tool.output(), HasSubstr("\nmix cancel: done, the mix is cancelled\n"));
-    EXPECT_THAT(tool.output(), HasSubstr("\nmix cancel: reported as event 31 of type 10004"));
+    expectInOrder({"\nmix start: attempt 1 of 11: accepted (code 0: \"ok\")", "\nmix start: done, the mix is running\n",
+                   "\nmix start: reported as event 31 of type 10004", "\ncancelling the mix on SIGINT",
+                   "\nmix cancel: done, the mix is cancelled\n", "\nmix cancel: reported as event 31 of type 10004"});
     EXPECT_EQ(tool.errors(), "");
-    expectNoSecrets(tool);
 }
 
-TEST_F(MixTool, LeavesTheMixRunningIfDetached) {
-    ChildProcess tool(arguments({"--detach"}), environment());
+TEST_F(MixTool, DetachKeepsTheMixRunning) {
+    ChildProcess& tool = start({"--detach"});
 
     EXPECT_EQ(tool.awaitExit(), 0);
     EXPECT_EQ(mix().at("running"), true);
@@ -87,34 +76,30 @@ TEST_F(MixTool, LeavesTheMixRunningIfDetached) {
 TEST_F(MixTool, ShowsRetriesAndARefusal) {
     injectFault(status(503, 1));
     injectFault(serverCode(42, "no"));
-    ChildProcess tool(arguments(), environment());
+    ChildProcess& tool = start();
 
     EXPECT_EQ(tool.awaitExit(), 1);
-    EXPECT_THAT(tool.output(), HasSubstr("\nmix start: next try, attempt 2 of 11, in 1 s\n"));
+    EXPECT_THAT(tool.output(), HasSubstr("\nmix start: retrying, attempt 2 of 11 in 1 s\n"));
     EXPECT_THAT(tool.output(), HasSubstr("\nmix start: failed, refused by the service\n"));
     EXPECT_THAT(tool.output(), HasSubstr("listener code -300042"));
     EXPECT_THAT(tool.output(), Not(HasSubstr("mix cancel:")));
 }
 
-TEST_F(MixTool, NoUsableAnswerIsStatus3) {
-    auto variables = environment();
-    variables["VEXALIVE_CA_FILE"] = "";  // so that the service's certificate is not trusted
-    ChildProcess tool(arguments(), variables);
-
-    EXPECT_EQ(tool.awaitExit(), 3);
-    EXPECT_THAT(tool.output(), HasSubstr("listener code -3322"));
+TEST_F(MixTool, NoUsableResponseIsStatus3) {
+    EXPECT_EQ(start({}, {{"VEXALIVE_CA_FILE", ""}}).awaitExit(), 3);  // the certificate is not trusted
+    expectInOrder({"listener code -3322"});
 }
 
-// Many times, since the first request is being handed over at some of them while the process ends.
-TEST_F(MixTool, ASecondCtrlCEndsAtOnce) {
+// Repeated, so that some processes exit while the first request is handed over.
+TEST_F(MixTool, ASecondCtrlCAborts) {
     vexalive::Fault slow = delay(5000, kSet);
     slow.times = 0;
     injectFault(slow);
     for (int i = 0; i < 10; ++i) {
-        ChildProcess tool(arguments(), environment());
+        ChildProcess& tool = start();
         ASSERT_TRUE(tool.awaitOutput("mix start: attempt 1 of 11"));
         tool.sendSignal(SIGINT);
-        ASSERT_TRUE(tool.awaitOutput("cancelling the mix on SIGINT, once the attempt under way is answered"));
+        ASSERT_TRUE(tool.awaitOutput("cancelling the mix on SIGINT, after the response to the current attempt"));
 
         tool.sendSignal(SIGINT);
 
@@ -124,38 +109,28 @@ TEST_F(MixTool, ASecondCtrlCEndsAtOnce) {
 
 // ---- The file -------------------------------------------------------------------------------------------------------
 
-TEST_F(MixTool, TellsTheMistakesOfItsFileAndSendsNothing) {
-    save("{\n  \"appId\": 1250,\n  \"bizId\": \"x\",\n  \"mixUsersArray\": []\n}\n");
-    ChildProcess tool(arguments(), environment());
+TEST_F(MixTool, SendsNothingOfAFileThatIsInvalidOrRefused) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"{\n  \"appId\": 1250,\n  \"bizId\": \"x\",\n  \"mixUsersArray\": []\n}\n",
+         mFile + ":3:12: field bizId: expected an integer"},
+        {layout(1280, 1), mFile + ": the adapter would refuse it: field mixUsersArray[1].zOrder"},
+    };
+    for (const auto& [text, error] : cases) {
+        save(text);
+        ChildProcess& tool = start();
 
-    EXPECT_EQ(tool.awaitExit(), 2);
-    EXPECT_EQ(tool.output(), "");
-    EXPECT_THAT(tool.errors(), HasSubstr(mFile + ":3:12: field bizId: expected an integer"));
+        EXPECT_EQ(tool.awaitExit(), 2);
+        EXPECT_EQ(tool.output(), "");
+        EXPECT_THAT(tool.errors(), HasSubstr(error));
+    }
     EXPECT_TRUE(state().at("requests").empty());
 }
 
-TEST_F(MixTool, TellsWhatTheAdapterWouldRefuseAndSendsNothing) {
-    save(layout(1280, 1));
-    ChildProcess tool(arguments(), environment());
-
-    EXPECT_EQ(tool.awaitExit(), 2);
-    EXPECT_THAT(tool.errors(), HasSubstr(mFile + ": the adapter would refuse it: field mixUsersArray[1].zOrder"));
-    EXPECT_TRUE(state().at("requests").empty());
-}
-
-TEST_F(MixTool, TellsThatItsFileIsNotThere) {
-    ChildProcess tool({VEXALIVE_TOOL, "mix", mFolder + "/nowhere/layout.json", "--watch"}, environment());
-
-    EXPECT_EQ(tool.awaitExit(), 2);
-    EXPECT_THAT(tool.errors(), HasSubstr("nowhere/layout.json"));
-    EXPECT_THAT(tool.errors(), HasSubstr("No such file"));
-}
-
-TEST_F(MixTool, ShowsAWarningOfItsFileAndSendsIt) {
+TEST_F(MixTool, ShowsTheWarningsOfAFileThatIsSent) {
     std::string off = layout(1280);
     off.replace(off.find("\"x\": 640"), 8, "\"x\": 5000");
     save(off);
-    ChildProcess tool(arguments({"--detach"}), environment());
+    ChildProcess& tool = start({"--detach"});
 
     EXPECT_EQ(tool.awaitExit(), 0);
     EXPECT_THAT(tool.output(), HasSubstr("warning: field mixUsersArray[1]"));
@@ -164,8 +139,8 @@ TEST_F(MixTool, ShowsAWarningOfItsFileAndSendsIt) {
 // ---- Watching -------------------------------------------------------------------------------------------------------
 
 TEST_F(MixTool, SendsASavedChangeAsAnUpdate) {
-    ChildProcess tool(arguments({"--watch"}), environment());
-    ASSERT_TRUE(tool.awaitOutput("the mix is running; a saved change is sent, Ctrl-C cancels it\n"));
+    ChildProcess& tool = start({"--watch"});
+    ASSERT_TRUE(tool.awaitOutput("the mix is running; saved changes are sent; Ctrl-C cancels it\n"));
 
     save(layout(1000));
     ASSERT_TRUE(tool.awaitOutput("mix update: done, the mix is running\n"));
@@ -180,12 +155,12 @@ TEST_F(MixTool, SendsASavedChangeAsAnUpdate) {
     EXPECT_EQ(mix().at("running"), false);
 }
 
-TEST_F(MixTool, ABrokenSaveIsToldAndTheRunningMixLeftAlone) {
-    ChildProcess tool(arguments({"--watch"}), environment());
+TEST_F(MixTool, AnInvalidSaveDoesNotChangeTheRunningMix) {
+    ChildProcess& tool = start({"--watch"});
     ASSERT_TRUE(tool.awaitOutput("the mix is running;"));
 
     replace("{\n  \"appId\": 1250,\n  \"bizId\": 0x1\n}\n");
-    ASSERT_TRUE(tool.awaitOutput("is saved, but not sent; the mix is left as it is\n"));
+    ASSERT_TRUE(tool.awaitOutput("was saved but is not sent; the mix does not change\n"));
     ASSERT_TRUE(tool.awaitOutput(mFile + ":3:"));
     replace(layout(1280, 1));
     ASSERT_TRUE(tool.awaitOutput("the adapter would refuse it: field mixUsersArray[1].zOrder"));
@@ -199,10 +174,10 @@ TEST_F(MixTool, ABrokenSaveIsToldAndTheRunningMixLeftAlone) {
     EXPECT_EQ(tool.awaitExit(), 0);
 }
 
-TEST_F(MixTool, AWatchedStartThatWasRefusedIsMendedByASave) {
+TEST_F(MixTool, ASaveStartsAMixWhoseStartWasRefused) {
     injectFault(serverCode(42, "no"));
-    ChildProcess tool(arguments({"--watch"}), environment());
-    ASSERT_TRUE(tool.awaitOutput("the mix does not run; a saved change is sent, Ctrl-C ends\n"));
+    ChildProcess& tool = start({"--watch"});
+    ASSERT_TRUE(tool.awaitOutput("the mix is not running; saved changes are sent; Ctrl-C exits\n"));
 
     replace(layout(1100));
 
@@ -212,24 +187,24 @@ TEST_F(MixTool, AWatchedStartThatWasRefusedIsMendedByASave) {
     EXPECT_EQ(tool.awaitExit(), 0);
 }
 
-// Saved faster than the service answers, by both ways of saving; every other one is broken in one of three ways.
-TEST_F(MixTool, AfterTwentySavesInASecondTheLastGoodOneIsInForce) {
+// Saves faster than the service responds, by writing and by renaming. Every other file is invalid, in three ways.
+TEST_F(MixTool, AfterTwentySavesInASecondTheLastValidOneApplies) {
     injectFault(delay(120, kSet));
-    ChildProcess tool(arguments({"--watch"}), environment());
+    ChildProcess& tool = start({"--watch"});
     ASSERT_TRUE(tool.awaitOutput("the mix is running;"));
     vexalive::Fault slow = delay(120, kSet);
     slow.times = 0;
     injectFault(slow);
 
     for (int i = 1; i <= 20; ++i) {
-        const std::string broken[] = {"{", layout(1280, 1), layout(1280) + "\xff"};
-        const std::string text = i % 2 == 0 ? broken[i / 2 % 3] : layout(1000 + i);
+        const std::string invalid[] = {"{", layout(1280, 1), layout(1280) + "\xff"};
+        const std::string text = i % 2 == 0 ? invalid[i / 2 % 3] : layout(1000 + i);
         if (i % 4 < 2) {
             save(text);
         } else {
             replace(text);
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the pace that is tested
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the tested rate of saves
     }
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -241,14 +216,14 @@ TEST_F(MixTool, AfterTwentySavesInASecondTheLastGoodOneIsInForce) {
     EXPECT_EQ(tool.awaitExit(), 0);
     const nlohmann::json history = mix().at("history");
     EXPECT_EQ(history.at(history.size() - 1).at("operation"), "cancel");
-    EXPECT_EQ(history.at(history.size() - 2).at("canvas").at("width"), 1019);  // nothing came after it
+    EXPECT_EQ(history.at(history.size() - 2).at("canvas").at("width"), 1019);  // no later update
     EXPECT_LE(history.size(), 12u);                                            // start, at most 10 updates, cancel
 }
 
 // ---- With a relay ---------------------------------------------------------------------------------------------------
 
 TEST_F(MixTool, RunsARelayBesideTheMix) {
-    ChildProcess tool(arguments({"--relay", "rtmp://cdn.example/live/main"}), environment());
+    ChildProcess& tool = start({"--relay", "rtmp://cdn.example/live/main"});
     ASSERT_TRUE(tool.awaitOutput("the mix is running; Ctrl-C cancels it\n"));
     ASSERT_TRUE(tool.awaitOutput("the relay is running; Ctrl-C stops it\n"));
     EXPECT_EQ(relaysRunning(), 1u);
@@ -260,40 +235,38 @@ TEST_F(MixTool, RunsARelayBesideTheMix) {
     EXPECT_EQ(tool.awaitExit(), 0);
     EXPECT_EQ(relaysRunning(), 0u);
     EXPECT_EQ(mix().at("running"), false);
-    expectNoSecrets(tool);
 }
 
 TEST_F(MixTool, IfTheRelayFailsTheMixIsCancelled) {
     vexalive::Fault refusal = serverCode(42, "no");
     refusal.interfaceName = kAdd;
     injectFault(refusal);
-    ChildProcess tool(arguments({"--relay", "rtmp://cdn.example/live/main"}), environment());
+    ChildProcess& tool = start({"--relay", "rtmp://cdn.example/live/main"});
 
     EXPECT_EQ(tool.awaitExit(), 1);
     EXPECT_THAT(tool.output(), HasSubstr("\nrelay start: failed, refused by the service\n"));
-    EXPECT_THAT(tool.output(), HasSubstr("\ncancelling the mix on the failure of the relay"));
+    EXPECT_THAT(tool.output(), HasSubstr("\ncancelling the mix on relay failure"));
     EXPECT_EQ(mix().at("running"), false);
 }
 
-TEST_F(MixTool, RefusesARelayAddressWithoutAScheme) {
-    ChildProcess tool(arguments({"--relay", "cdn.example"}), environment());
-
-    EXPECT_EQ(tool.awaitExit(), 2);
-    EXPECT_THAT(tool.errors(),
-                HasSubstr("vexalive mix: --relay is \"cdn.example\": must be an address with its scheme"));
+TEST_F(MixTool, ReportsUsageErrors) {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"mix", mFile, "--relay", "cdn.example"},
+         "vexalive mix: --relay is \"cdn.example\": must be a URL with a scheme"},
+        {{"mix", mFile, "--watch", "--detach"}, "--watch and --detach exclude each other"},
+        {{"mix", mFolder + "/nowhere/layout.json", "--watch"}, "nowhere/layout.json cannot be watched: No such file"},
+    };
+    for (const auto& [arguments, error] : cases) {
+        mArguments = arguments;
+        EXPECT_EQ(start().awaitExit(), 2);
+        EXPECT_THAT(mTool->errors(), HasSubstr(error));
+    }
 }
 
-TEST_F(MixTool, RefusesToWatchAndToDetach) {
-    ChildProcess tool(arguments({"--watch", "--detach"}), environment());
-
-    EXPECT_EQ(tool.awaitExit(), 2);
-    EXPECT_THAT(tool.errors(), HasSubstr("--watch cannot be given together with --detach"));
-}
-
-// ---- Forms ----------------------------------------------------------------------------------------------------------
+// ---- Output ---------------------------------------------------------------------------------------------------------
 
 TEST_F(MixTool, WritesOneJsonObjectALine) {
-    ChildProcess tool(arguments({"--watch", "--json"}), environment());
+    ChildProcess& tool = start({"--watch", "--json"});
     ASSERT_TRUE(tool.awaitOutput("\"event\":\"holding\""));
     replace("{");
     ASSERT_TRUE(tool.awaitOutput("\"event\":\"rejected\""));
@@ -316,12 +289,12 @@ TEST_F(MixTool, WritesOneJsonObjectALine) {
             EXPECT_EQ(object.at("warnings").size(), 0u);
         }
         if (events.back() == "rejected") {
-            EXPECT_EQ(object.at("mistakes").size(), 1u);
+            EXPECT_EQ(object.at("errors").size(), 1u);
         }
     }
-    EXPECT_THAT(events, ElementsAre("begin", "attempt", "answer", "outcome", "report", "holding", "rejected", "changed",
-                                    "attempt", "answer", "outcome", "report", "holding", "stopping", "attempt",
-                                    "answer", "outcome", "report", "end"));
+    EXPECT_THAT(events, ElementsAre("begin", "attempt", "response", "outcome", "report", "holding", "rejected",
+                                    "changed", "attempt", "response", "outcome", "report", "holding", "stopping",
+                                    "attempt", "response", "outcome", "report", "end"));
 }
 
 }  // namespace

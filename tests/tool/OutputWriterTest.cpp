@@ -11,7 +11,6 @@ using namespace vexalive;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// What was written to a file that stays in memory.
 class MemoryFile {
 public:
     MemoryFile() : mFile(open_memstream(&mText, &mSize)) {}
@@ -33,10 +32,10 @@ private:
 
 class OutputWriterTest : public ::testing::Test {
 protected:
-    std::unique_ptr<OutputWriter> writer(OutputFormat form) {
+    std::unique_ptr<OutputWriter> writer(OutputFormat format) {
         Secrets secrets;
         secrets.add("hush-hush");
-        return makeOutputWriter(form, secrets, mOut.file(), mErr.file());
+        return makeOutputWriter(format, secrets, mOut.file(), mErr.file());
     }
 
     static OutputEntry entry(const std::string& text) {
@@ -57,7 +56,7 @@ protected:
     MemoryFile mErr;
 };
 
-TEST_F(OutputWriterTest, PlainWritesALineForEachStepWithItsDetails) {
+TEST_F(OutputWriterTest, PlainWritesALineForEachEntryWithItsDetails) {
     OutputEntry withDetails = entry("one");
     withDetails.details = {"more", "and more"};
     const auto plain = writer(OutputFormat::kPlain);
@@ -65,12 +64,13 @@ TEST_F(OutputWriterTest, PlainWritesALineForEachStepWithItsDetails) {
     plain->write(withDetails);
     plain->write(transient("two", std::chrono::milliseconds(1500)));
     plain->write(entry(""));
+    plain->write(entry("a\x1b]0;title\x07|b\nc"));
 
-    EXPECT_EQ(mOut.text(), "one\n  more\n  and more\ntwo in 2 s\n");
+    EXPECT_EQ(mOut.text(), "one\n  more\n  and more\ntwo in 2 s\na\\x1b]0;title\\x07|b\\x0ac\n");
     EXPECT_EQ(plain->redrawInterval(), std::nullopt);
 }
 
-TEST_F(OutputWriterTest, JsonWritesTheFieldsAndTheTimeWhateverTheTextHolds) {
+TEST_F(OutputWriterTest, JsonWritesTheFieldsAndTheTimeOfAnyText) {
     const auto json = writer(OutputFormat::kJson);
 
     json->write(entry("line\nbreak \xff"));
@@ -83,84 +83,70 @@ TEST_F(OutputWriterTest, JsonWritesTheFieldsAndTheTimeWhateverTheTextHolds) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
 }
 
-TEST_F(OutputWriterTest, LiveKeepsAPassingStepInOneLineAndErasesItInTheEnd) {
-    auto live = writer(OutputFormat::kTerminal);
-    live->write(transient("waiting"));
+TEST_F(OutputWriterTest, TheTerminalErasesATransientEntry) {
+    auto terminal = writer(OutputFormat::kTerminal);
+    terminal->write(transient("waiting"));
     EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K");
-    EXPECT_NE(live->redrawInterval(), std::nullopt);
+    EXPECT_NE(terminal->redrawInterval(), std::nullopt);
 
-    live->write(entry("done"));
+    terminal->write(entry("done"));
     EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K\r\x1b[Kdone\n");
-    EXPECT_EQ(live->redrawInterval(), std::nullopt);
+    EXPECT_EQ(terminal->redrawInterval(), std::nullopt);
 
-    live->write(transient("idle"));
-    live.reset();
+    terminal->write(transient("idle"));
+    terminal.reset();
     EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K\r\x1b[Kdone\n\ridle\x1b[K\r\x1b[K");
 }
 
-TEST_F(OutputWriterTest, LiveWritesNothingWhereNothingChanged) {
-    const auto live = writer(OutputFormat::kTerminal);
-    live->write(transient("next", std::chrono::milliseconds(100000)));
+TEST_F(OutputWriterTest, TheTerminalIsRedrawnOnlyAfterAChange) {
+    const auto terminal = writer(OutputFormat::kTerminal);
+    terminal->write(transient("next", std::chrono::milliseconds(100000)));
     const std::string before = mOut.text();
 
-    live->redraw();
+    terminal->redraw();
 
     EXPECT_EQ(mOut.text(), before);
 }
 
-TEST_F(OutputWriterTest, LiveCutsThePassingLineToTheWidthOfTheTerminal) {
-    const auto live = writer(OutputFormat::kTerminal);  // of unknown width
-    live->write(transient(std::string(200, 'x')));
+TEST_F(OutputWriterTest, TheTransientLineIsCutToTheDefaultWidth) {
+    const auto terminal = writer(OutputFormat::kTerminal);
+    terminal->write(transient(std::string(200, 'x')));
 
     EXPECT_EQ(mOut.text(), "\r" + std::string(76, 'x') + "...\x1b[K");
 }
 
-TEST_F(OutputWriterTest, LivePutsLogLinesAboveThePassingLine) {
-    const auto live = writer(OutputFormat::kTerminal);
-    live->write(transient("waiting"));
-    live->writeLog("a log line");
+TEST_F(OutputWriterTest, LogLinesAppearAboveTheTransientLine) {
+    const auto terminal = writer(OutputFormat::kTerminal);
+    terminal->write(transient("waiting"));
+    terminal->writeLog("a log line");
 
     EXPECT_EQ(mErr.text(), "a log line\n");
     EXPECT_EQ(mOut.text(), "\rwaiting\x1b[K\r\x1b[K\rwaiting\x1b[K");
 }
 
-TEST_F(OutputWriterTest, NoFormShowsASecret) {
-    for (const OutputFormat form : {OutputFormat::kPlain, OutputFormat::kTerminal, OutputFormat::kJson}) {
-        const auto shown = writer(form);
+TEST_F(OutputWriterTest, NoFormatShowsASecret) {
+    for (const OutputFormat format : {OutputFormat::kPlain, OutputFormat::kTerminal, OutputFormat::kJson}) {
+        const auto output = writer(format);
         OutputEntry secret = entry("text hush-hush");
-        secret.details = {std::string(995, ' ') + "hush-hush"};  // cutting must not save it from being found
+        secret.details = {std::string(995, ' ') + "hush-hush"};  // cut in the middle of the secret
         secret.fields["nested"] = {{"list", {"hush-hush"}}};
-        shown->write(secret);
+        output->write(secret);
         secret.transient = true;
-        shown->write(secret);
-        shown->writeLog("log hush-hush");
+        output->write(secret);
+        output->writeLog("log hush-hush");
     }
     EXPECT_THAT(mOut.text() + mErr.text(), Not(HasSubstr("hush")));
     EXPECT_THAT(mOut.text(), HasSubstr("text [hidden]"));
     EXPECT_THAT(mErr.text(), HasSubstr("log [hidden]"));
 }
 
-TEST_F(OutputWriterTest, LinesForPeopleHoldNoControlCharacters) {
-    const auto plain = writer(OutputFormat::kPlain);
-    plain->write(
-        entry("a\x1b]0;title\x07"
-              "b\nc"));
-
-    EXPECT_EQ(mOut.text(),
-              "a\\x1b]0;title\\x07"
-              "b\\x0ac\n");
-}
-
-TEST_F(OutputWriterTest, KnowsWhenItsReaderIsGone) {
-    FILE* full = std::fopen("/dev/full", "w");
+TEST_F(OutputWriterTest, IsBrokenAfterAFailedWrite) {
+    const std::unique_ptr<FILE, decltype(&std::fclose)> full(std::fopen("/dev/full", "w"), &std::fclose);
     ASSERT_NE(full, nullptr);
-    {
-        const auto plain = makeOutputWriter(OutputFormat::kPlain, Secrets(), full, mErr.file());
-        EXPECT_FALSE(plain->isBroken());
-        plain->write(entry("text"));
-        EXPECT_TRUE(plain->isBroken());
-    }
-    std::fclose(full);
+    const auto plain = makeOutputWriter(OutputFormat::kPlain, Secrets(), full.get(), mErr.file());
+    EXPECT_FALSE(plain->isBroken());
+    plain->write(entry("text"));
+    EXPECT_TRUE(plain->isBroken());
 }
 
 }  // namespace

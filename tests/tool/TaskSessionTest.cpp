@@ -1,5 +1,3 @@
-// What a command does about each course that a relay or a mix can take.
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,88 +8,83 @@ namespace {
 using namespace vexalive;
 using ::testing::ElementsAre;
 using Lifetime = TaskSession::Lifetime;
+using requests::kAddRelay;
+using requests::kCancelMix;
+using requests::kRemoveRelay;
+using requests::kStartMix;
 
-constexpr Operation kAdd = Operation::kStartRelay;
-constexpr Operation kRemove = Operation::kStopRelay;
-constexpr Operation kSet = Operation::kStartMix;
-constexpr Operation kCancel = Operation::kStopMix;
 constexpr const char* kAccepted = R"({"code":0,"message":"ok"})";
 constexpr const char* kRefusal = R"({"code":7,"message":"no"})";
 
-bool isOfRelay(Operation operation) {
-    return operation == kAdd || operation == kRemove;
-}
-
-// Tells a session a story and keeps what it shows. The start has been asked for when it begins.
-class Story {
+// Feeds a session with events and records what it emits. The start "first" is requested at construction.
+class Scenario {
 public:
-    explicit Story(Lifetime lifetime = Lifetime::kHeld, const TaskFamily& family = kRelayFamily)
-        : mReportEvent(family.reportEvent),
+    explicit Scenario(Lifetime lifetime = Lifetime::kHeld, const TaskType& type = kRelayTask)
+        : mFamily(type.family),
           mSession(
-              family, lifetime, [this] { ++mStops; },
+              type, lifetime, [this] { ++mStops; },
               [this](OutputEntry entry) { mEntries.push_back(std::move(entry)); }) {
-        asked("first");
+        request("first");
     }
 
-    // The user asks for a start or an update that can be told by its name.
-    void asked(const std::string& name) {
+    void request(const std::string& name) {
         mSession.start([this, name] { mStarts.push_back(name); });
     }
-    void interrupted() { mSession.onStopAsked("SIGINT"); }
+    void interrupt() { mSession.requestStop("SIGINT"); }
 
-    uint64_t started(Operation operation) {
-        ExchangeEvent event{};
-        event.phase = HttpExchange::kStarted;
-        event.id = ++mLastId;
-        event.operation = operation;
-        event.bytesSent = 268;
+    // The last exchange of the kind, unless there is an id.
+    uint64_t started(requests::Kind kind) {
+        ExchangeEvent event = exchange(HttpExchange::kStarted, ++mLastId);
+        event.kind = kind;
         mSession.on(event);
-        return mOpen[operation] = event.id;
+        return mOpen[kind] = event.id;
     }
-    void answered(Operation operation, int retCode, const std::string& answer) {
-        answeredTo(mOpen[operation], retCode, answer);
+    void responded(requests::Kind kind, int retCode, const std::string& body) {
+        respondedTo(mOpen[kind], retCode, body);
     }
-    void delivered(Operation operation) { deliveredTo(mOpen[operation]); }
-    void answeredTo(uint64_t id, int retCode, const std::string& answer) {
-        ExchangeEvent event{};
-        event.phase = HttpExchange::kCompleted;
-        event.id = id;
+    void respondedTo(uint64_t id, int retCode, const std::string& body) {
+        ExchangeEvent event = exchange(HttpExchange::kCompleted, id);
         event.retCode = retCode;
-        event.answer = answer;
-        event.elapsed = std::chrono::milliseconds(3);
+        event.response = body;
         mSession.on(event);
     }
-    void deliveredTo(uint64_t id) {
-        ExchangeEvent event{};
-        event.phase = HttpExchange::kDelivered;
-        event.id = id;
-        mSession.on(event);
+    void delivered(requests::Kind kind) { deliveredTo(mOpen[kind]); }
+    void deliveredTo(uint64_t id) { mSession.on(exchange(HttpExchange::kDelivered, id)); }
+    void notified(requests::Kind kind, int code, const std::string& message) {
+        mSession.on(ListenerEvent{kind, {code, message}});
     }
-    void told(Operation operation, int code, const std::string& message) {
-        mSession.on(ListenerEvent{operation, {code, message}});
-    }
-    void reported() {
-        mSession.on(EventReport{1400000001, "4711_alice", 10004, mReportEvent, "information", "detail"});
+    void reported(const std::string& trace = "trace") {
+        mSession.on(EventReport{1400000001, "4711_alice", 10004, mFamily.reportEvent, "information", trace});
     }
 
-    // A whole exchange that the adapter tries again.
-    void failed(Operation operation) {
-        started(operation);
-        answered(operation, 1, "");
-        delivered(operation);
-    }
-
-    // A whole exchange that ends the start, or the stop.
-    void ended(Operation operation, int retCode, const std::string& answer, int listenerCode,
-               const std::string& message) {
-        started(operation);
-        answered(operation, retCode, answer);
-        told(operation, listenerCode, message);
+    // The rest of a started exchange whose response decides the task.
+    void accepted(requests::Kind kind) { completed(kind, 0, kAccepted, 0, "sucess"); }
+    void refused(requests::Kind kind) { completed(kind, 0, kRefusal, mFamily.codes.serverErrorBase - 7, "no"); }
+    void completed(requests::Kind kind, int retCode, const std::string& body, int code, const std::string& message) {
+        responded(kind, retCode, body);
+        notified(kind, code, message);
+        delivered(kind);
         reported();
-        delivered(operation);
     }
-    void succeeded(Operation operation) { ended(operation, 0, kAccepted, 0, "sucess"); }
-    void refused(Operation operation) { ended(operation, 0, kRefusal, isOfRelay(operation) ? -200007 : -300007, "no"); }
+    // A late attempt of a superseded start: the adapter ignores the response.
+    void ignored(requests::Kind kind, int retCode, const std::string& body) {
+        responded(kind, retCode, body);
+        delivered(kind);
+    }
+
+    // Whole exchanges.
+    void failAttempt(requests::Kind kind) {
+        started(kind);
+        ignored(kind, 1, "");
+    }
+    void succeed(requests::Kind kind) {
+        started(kind);
+        accepted(kind);
+    }
+    void refuse(requests::Kind kind) {
+        started(kind);
+        refused(kind);
+    }
 
     std::vector<std::string> events() const {
         std::vector<std::string> names;
@@ -111,486 +104,450 @@ public:
     std::optional<ExitStatus> exitStatus() const { return mSession.exitStatus(); }
     int stops() const { return mStops; }
     const std::vector<std::string>& starts() const { return mStarts; }
-    TaskSession& session() { return mSession; }
 
 private:
-    const int mReportEvent;
+    static ExchangeEvent exchange(HttpExchange::Phase phase, uint64_t id) {
+        ExchangeEvent event{};
+        event.phase = phase;
+        event.id = id;
+        return event;
+    }
+
+    const requests::Family& mFamily;
     int mStops = 0;
     std::vector<std::string> mStarts;
     std::vector<OutputEntry> mEntries;
     uint64_t mLastId = 0;
-    std::map<Operation, uint64_t> mOpen;  // the last exchange of each
+    std::map<requests::Kind, uint64_t> mOpen;
     TaskSession mSession;
 };
 
 // ---- Without interruption -------------------------------------------------------------------------------------------
 
-TEST(TaskSession, HoldsAfterASuccessfulStart) {
-    Story story;
-    story.succeeded(kAdd);
+TEST(TaskSession, HoldsAfterTheReportOfASuccessfulStart) {
+    Scenario scenario;
+    scenario.started(kAddRelay);
+    scenario.responded(kAddRelay, 0, kAccepted);
+    scenario.notified(kAddRelay, 0, "sucess");
+    scenario.delivered(kAddRelay);
+    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome"));
 
-    EXPECT_EQ(story.exitStatus(), std::nullopt);
-    EXPECT_EQ(story.stops(), 0);
-    EXPECT_THAT(story.events(), ElementsAre("attempt", "answer", "outcome", "report", "holding"));
+    scenario.reported();
+
+    EXPECT_EQ(scenario.exitStatus(), std::nullopt);
+    EXPECT_EQ(scenario.stops(), 0);
+    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report", "holding"));
 }
 
-TEST(TaskSession, AReportThatOvertakesTheClientShowsTheOutcomeFirst) {
-    Story story;
-    story.started(kAdd);
-    story.answered(kAdd, 0, kRefusal);
-    story.told(kAdd, -200007, "no");
-    story.reported();
-    EXPECT_THAT(story.events(), ElementsAre("attempt", "answer", "outcome", "report"));
+TEST(TaskSession, AReportBeforeTheDeliveryFollowsTheOutcome) {
+    Scenario scenario;
+    scenario.started(kAddRelay);
+    scenario.responded(kAddRelay, 0, kRefusal);
+    scenario.notified(kAddRelay, -200007, "no");
+    scenario.reported();
+    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
 
-    story.delivered(kAdd);
+    scenario.delivered(kAddRelay);
 
-    EXPECT_THAT(story.events(), ElementsAre("attempt", "answer", "outcome", "report"));
-}
-
-TEST(TaskSession, HoldsOnlyOnceTheReportIsThere) {
-    Story story;
-    story.started(kAdd);
-    story.answered(kAdd, 0, kAccepted);
-    story.told(kAdd, 0, "sucess");
-    story.delivered(kAdd);
-    EXPECT_THAT(story.events(), ElementsAre("attempt", "answer", "outcome"));
-
-    story.reported();
-
-    EXPECT_THAT(story.events(), ElementsAre("attempt", "answer", "outcome", "report", "holding"));
+    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
+    EXPECT_EQ(scenario.exitStatus(), kRefused);
 }
 
 TEST(TaskSession, EndsAfterASuccessfulStartIfDetached) {
-    Story story(Lifetime::kDetached);
-    story.succeeded(kAdd);
+    Scenario scenario(Lifetime::kDetached);
+    scenario.succeed(kAddRelay);
 
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
-    EXPECT_EQ(story.stops(), 0);
-    EXPECT_EQ(story.last("detached").text, "the relay is left running");
+    EXPECT_EQ(scenario.exitStatus(), kSucceeded);
+    EXPECT_EQ(scenario.stops(), 0);
+    EXPECT_EQ(scenario.last("detached").text, "the relay keeps running");
 }
 
 TEST(TaskSession, CountsAttemptsAndAnnouncesThePauses) {
-    Story story;
+    Scenario scenario;
     std::vector<int> pauses;
     for (int attempt = 1; attempt <= 10; ++attempt) {
-        story.failed(kAdd);
-        EXPECT_EQ(story.last("attempt").fields.at("attempt"), attempt);
-        EXPECT_EQ(story.last("retry").fields.at("attempt"), attempt + 1);
-        pauses.push_back(story.last("retry").fields.at("waitMilliseconds"));
+        scenario.failAttempt(kAddRelay);
+        EXPECT_EQ(scenario.last("attempt").fields.at("attempt"), attempt);
+        EXPECT_EQ(scenario.last("retry").fields.at("attempt"), attempt + 1);
+        pauses.push_back(scenario.last("retry").fields.at("waitMilliseconds"));
     }
     EXPECT_THAT(pauses, ElementsAre(1000, 1000, 2000, 2000, 2000, 5000, 5000, 5000, 5000, 5000));
 
-    story.ended(kAdd, 1, "", -3321, "http post return error, retcode:1");
+    scenario.started(kAddRelay);
+    scenario.completed(kAddRelay, 1, "", -3321, "http post return error");
 
-    EXPECT_EQ(story.last("attempt").text, "relay start: attempt 11 of 11: waiting for the answer");
-    EXPECT_EQ(story.last("outcome").fields.at("attempts"), 11);
-    EXPECT_EQ(story.exitStatus(), kNoAnswer);
+    EXPECT_EQ(scenario.last("attempt").text, "relay start: attempt 11 of 11: waiting for the response");
+    EXPECT_EQ(scenario.last("outcome").fields.at("attempts"), 11);
+    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
 }
 
-TEST(TaskSession, ARefusedStartGivesItsStatusWithoutAStop) {
-    Story story;
-    story.refused(kAdd);
+TEST(TaskSession, ARefusedStartDeterminesTheStatusWithoutAStop) {
+    Scenario scenario;
+    scenario.refuse(kAddRelay);
 
-    EXPECT_EQ(story.exitStatus(), kRefused);
-    EXPECT_EQ(story.stops(), 0);
-    EXPECT_EQ(story.last("outcome").text, "relay start: failed, refused by the service");
-    EXPECT_EQ(story.last("outcome").fields.at("listener")[0].at("serviceCode"), 7);
+    EXPECT_EQ(scenario.exitStatus(), kRefused);
+    EXPECT_EQ(scenario.stops(), 0);
+    EXPECT_EQ(scenario.last("outcome").text, "relay start: failed, refused by the service");
+    EXPECT_EQ(scenario.last("outcome").fields.at("listener")[0].at("serviceCode"), 7);
 }
 
-TEST(TaskSession, AnEmptyAnswerIsToldTwiceAndIsOneOutcome) {
-    Story story;
-    story.started(kAdd);
-    story.answered(kAdd, 0, "");
-    story.told(kAdd, -3323, "recv message nil");
-    story.told(kAdd, -3323, "recv message can't parse");
-    story.delivered(kAdd);
-    story.reported();
+TEST(TaskSession, AnEmptyResponseNotifiesTwiceAndIsOneOutcome) {
+    Scenario scenario;
+    scenario.started(kAddRelay);
+    scenario.responded(kAddRelay, 0, "");
+    scenario.notified(kAddRelay, -3323, "recv message nil");
+    scenario.notified(kAddRelay, -3323, "recv message can't parse");
+    scenario.delivered(kAddRelay);
+    scenario.reported();
 
-    EXPECT_EQ(story.exitStatus(), kNoAnswer);
-    EXPECT_EQ(story.last("outcome").details.size(), 2u);
-    EXPECT_THAT(story.events(), ElementsAre("attempt", "answer", "outcome", "report"));
+    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    EXPECT_EQ(scenario.last("outcome").details.size(), 2u);
+    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
 }
 
-TEST(TaskSession, AnAnswerWithoutAVerdictEndsWithItsReport) {
-    Story story;
-    story.started(kAdd);
-    story.answered(kAdd, 0, "{}");
-    story.delivered(kAdd);
-    story.reported();
+TEST(TaskSession, AResponseWithoutACodeEndsWithItsReport) {
+    Scenario scenario;
+    scenario.started(kAddRelay);
+    scenario.ignored(kAddRelay, 0, "{}");
+    scenario.reported();
 
-    EXPECT_EQ(story.exitStatus(), kNoAnswer);
-    EXPECT_EQ(story.last("outcome").text, "relay start: failed, the answer tells no outcome");
-    EXPECT_THAT(story.events(), ElementsAre("attempt", "answer", "outcome", "report"));
+    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    EXPECT_EQ(scenario.last("outcome").text, "relay start: failed, the response has no code");
+    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
 }
 
-TEST(TaskSession, AStartRefusedBeforeItIsSentIsAnOutcomeToo) {
-    Story story;
-    story.told(kAdd, -3323, "startPublishStreamUrl failure, param is invalid");
-    story.reported();
+TEST(TaskSession, AStartThatTheAdapterRefusesIsAnOutcome) {
+    Scenario scenario;
+    scenario.notified(kAddRelay, -3323, "startPublishStreamUrl failure, param is invalid");
+    scenario.reported();
 
-    EXPECT_EQ(story.exitStatus(), kNoAnswer);
+    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
 }
 
-TEST(TaskSession, SplitsTheReportsTraceIntoALineForEachAnswer) {
-    std::vector<OutputEntry> entries;
-    TaskSession session(
-        kRelayFamily, Lifetime::kDetached, [] {},
-        [&entries](OutputEntry entry) { entries.push_back(std::move(entry)); });
-    session.start([] {});
-    session.on(ListenerEvent{kAdd, {0, "sucess"}});
-    session.on(EventReport{1, "r_u", 10004, 30, "info",
-                           "{body} [tryHttp:cnt-10]retCode:1, respData: [tryHttp:cnt-9]retCode:0, respData:{}"});
+TEST(TaskSession, SplitsTheTraceOfAReportAtEachResponse) {
+    Scenario scenario;
+    scenario.notified(kAddRelay, 0, "sucess");
+    scenario.reported("{body} [tryHttp:cnt-10]retCode:1, respData: [tryHttp:cnt-9]retCode:0, respData:{}");
 
-    ASSERT_EQ(entries.size(), 3u);  // outcome, report, detached
-    EXPECT_THAT(entries[1].details, ElementsAre("information  info", "detail       {body}",
-                                                "             [tryHttp:cnt-10]retCode:1, respData:",
-                                                "             [tryHttp:cnt-9]retCode:0, respData:{}"));
+    EXPECT_THAT(scenario.last("report").details, ElementsAre("information  information", "detail       {body}",
+                                                             "             [tryHttp:cnt-10]retCode:1, respData:",
+                                                             "             [tryHttp:cnt-9]retCode:0, respData:{}"));
 }
 
 // ---- Stopping -------------------------------------------------------------------------------------------------------
 
 TEST(TaskSession, StopsARunningRelay) {
-    Story story;
-    story.succeeded(kAdd);
-    story.interrupted();
-    EXPECT_EQ(story.stops(), 1);
+    Scenario scenario;
+    scenario.succeed(kAddRelay);
+    scenario.interrupt();
+    EXPECT_EQ(scenario.stops(), 1);
 
-    story.succeeded(kRemove);
+    scenario.succeed(kRemoveRelay);
 
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
-    EXPECT_EQ(story.last("outcome").text, "relay stop: done, the relay is stopped");
-    EXPECT_EQ(story.last("report").fields.at("request"), "stop");
+    EXPECT_EQ(scenario.exitStatus(), kSucceeded);
+    EXPECT_EQ(scenario.last("outcome").text, "relay stop: done, the relay is stopped");
+    EXPECT_EQ(scenario.last("report").fields.at("request"), "stop");
 }
 
-TEST(TaskSession, AFailedStopGivesTheStatus) {
-    Story story;
-    story.succeeded(kAdd);
-    story.interrupted();
-    story.refused(kRemove);
+TEST(TaskSession, AFailedStopDeterminesTheStatus) {
+    Scenario scenario;
+    scenario.succeed(kAddRelay);
+    scenario.interrupt();
+    scenario.refuse(kRemoveRelay);
 
-    EXPECT_EQ(story.exitStatus(), kRefused);
+    EXPECT_EQ(scenario.exitStatus(), kRefused);
 }
 
-TEST(TaskSession, AStartUnderWayIsAnsweredBeforeItIsStopped) {
-    Story story;
-    story.started(kAdd);
-    story.interrupted();
-    EXPECT_EQ(story.stops(), 0);
+class StopDuringStart : public ::testing::TestWithParam<Lifetime> {};
 
-    story.answered(kAdd, 0, kAccepted);
-    story.told(kAdd, 0, "sucess");
-    story.delivered(kAdd);
-    story.reported();
+TEST_P(StopDuringStart, WaitsForTheResponse) {
+    Scenario scenario(GetParam());
+    scenario.started(kAddRelay);
+    scenario.interrupt();
+    EXPECT_EQ(scenario.stops(), 0);
 
-    EXPECT_EQ(story.stops(), 1);
-    EXPECT_EQ(story.exitStatus(), std::nullopt);
+    scenario.accepted(kAddRelay);
+
+    EXPECT_EQ(scenario.stops(), 1);
+    EXPECT_EQ(scenario.exitStatus(), std::nullopt);
 }
 
-TEST(TaskSession, AStartThatFailsAfterCtrlCGivesItsStatusWithoutAStop) {
-    Story story;
-    story.started(kAdd);
-    story.interrupted();
-    story.answered(kAdd, 1060, "{}");
-    story.told(kAdd, -3321, "http post return error");
-    story.delivered(kAdd);
-    story.reported();
+INSTANTIATE_TEST_SUITE_P(TaskSession, StopDuringStart, ::testing::Values(Lifetime::kHeld, Lifetime::kDetached));
 
-    EXPECT_EQ(story.stops(), 0);
-    EXPECT_EQ(story.exitStatus(), kNoAnswer);
+TEST(TaskSession, AStartThatFailsAfterCtrlCDeterminesTheStatusWithoutAStop) {
+    Scenario scenario;
+    scenario.started(kAddRelay);
+    scenario.interrupt();
+    scenario.completed(kAddRelay, 1060, "{}", -3321, "http post return error");
+
+    EXPECT_EQ(scenario.stops(), 0);
+    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
 }
 
-TEST(TaskSession, AStartUnderWayIsStoppedAfterADetachedStartToo) {
-    Story story(Lifetime::kDetached);
-    story.started(kAdd);
-    story.interrupted();
-    story.answered(kAdd, 0, kAccepted);
-    story.told(kAdd, 0, "sucess");
-    story.delivered(kAdd);
-    story.reported();
+// The adapter would refuse to stop what it has not sent, and would notify through another operation.
+TEST(TaskSession, AStartThatIsNotYetSentCompletesBeforeItIsStopped) {
+    Scenario scenario;
+    scenario.interrupt();
+    EXPECT_EQ(scenario.stops(), 0);
 
-    EXPECT_EQ(story.stops(), 1);
-    EXPECT_EQ(story.exitStatus(), std::nullopt);
-}
+    scenario.succeed(kAddRelay);
 
-// A stop of what was never sent would be refused, and by another listener call.
-TEST(TaskSession, AStartThatHasNotBeenSentIsAnsweredBeforeItIsStopped) {
-    Story story;
-    story.interrupted();
-    EXPECT_EQ(story.stops(), 0);
-
-    story.succeeded(kAdd);
-
-    EXPECT_EQ(story.stops(), 1);
+    EXPECT_EQ(scenario.stops(), 1);
 }
 
 TEST(TaskSession, AStartBetweenTwoAttemptsIsStoppedAtOnce) {
-    Story story;
-    story.failed(kAdd);
-    story.interrupted();
-    EXPECT_EQ(story.stops(), 1);
+    Scenario scenario;
+    scenario.failAttempt(kAddRelay);
+    scenario.interrupt();
+    EXPECT_EQ(scenario.stops(), 1);
 
-    story.succeeded(kRemove);
+    scenario.succeed(kRemoveRelay);
 
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_EQ(scenario.exitStatus(), kSucceeded);
 }
 
-TEST(TaskSession, AnAttemptUnderWayThatIsToBeTriedAgainIsStoppedInstead) {
-    Story story;
-    story.started(kAdd);
-    story.interrupted();
-    story.answered(kAdd, 1, "");
-    story.delivered(kAdd);
+TEST(TaskSession, AFailedAttemptIsFollowedByTheRequestedStopInsteadOfARetry) {
+    Scenario scenario;
+    scenario.started(kAddRelay);
+    scenario.interrupt();
+    scenario.ignored(kAddRelay, 1, "");
 
-    EXPECT_EQ(story.stops(), 1);
+    EXPECT_EQ(scenario.stops(), 1);
 }
 
-TEST(TaskSession, ASecondCtrlCEndsAtOnce) {
-    Story story;
-    story.succeeded(kAdd);
-    story.interrupted();
-    story.interrupted();
+TEST(TaskSession, ASecondCtrlCEndsTheSessionAtOnce) {
+    Scenario scenario;
+    scenario.succeed(kAddRelay);
+    scenario.interrupt();
+    scenario.interrupt();
 
-    EXPECT_EQ(story.exitStatus(), kInterrupted);
-    story.succeeded(kRemove);
-    EXPECT_THAT(story.events(),
-                ElementsAre("attempt", "answer", "outcome", "report", "holding", "stopping", "interrupted"));
+    EXPECT_EQ(scenario.exitStatus(), kInterrupted);
+    scenario.succeed(kRemoveRelay);
+    EXPECT_THAT(scenario.events(),
+                ElementsAre("attempt", "response", "outcome", "report", "holding", "stopping", "interrupted"));
 }
 
-// ---- A retry of the start that goes out although the stop has begun -------------------------------------------------
+// ---- A retry of the start that is sent although the stop has begun --------------------------------------------------
 
-TEST(TaskSession, ALateAttemptIsShownAsIgnored) {
-    Story story;
-    story.failed(kAdd);
-    story.interrupted();
-    story.failed(kAdd);
+// Starts, fails once, and is stopped while the retry is scheduled.
+class LateAttempt : public ::testing::Test {
+protected:
+    LateAttempt() {
+        mScenario.failAttempt(kAddRelay);
+        mScenario.interrupt();
+    }
 
-    EXPECT_EQ(story.last("ignored").text, "relay start: attempt 2 of 11: no longer counts, since stopping has begun");
-    EXPECT_EQ(story.exitStatus(), std::nullopt);
+    Scenario mScenario;
+};
+
+TEST_F(LateAttempt, IsShownAsIgnored) {
+    mScenario.failAttempt(kAddRelay);
+
+    EXPECT_EQ(mScenario.last("ignored").text,
+              "relay start: attempt 2 of 11: response ignored, because the stop has begun");
+    EXPECT_EQ(mScenario.exitStatus(), std::nullopt);
 }
 
-TEST(TaskSession, ALateAttemptThatEndedBeforeTheLastAttemptToStopIsStoppedByIt) {
-    Story story;
-    story.failed(kAdd);
-    story.interrupted();
-    story.failed(kRemove);
-    story.failed(kAdd);
-    story.succeeded(kRemove);
+TEST_F(LateAttempt, NeedsNoSecondStopIfItEndsBeforeTheStopIsSent) {
+    mScenario.failAttempt(kRemoveRelay);
+    mScenario.failAttempt(kAddRelay);
+    mScenario.succeed(kRemoveRelay);
 
-    EXPECT_EQ(story.stops(), 1);
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_EQ(mScenario.stops(), 1);
+    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
 }
 
-TEST(TaskSession, ALateAttemptThatMayHaveComeAfterTheStopIsStoppedAgain) {
-    Story story;
-    story.failed(kAdd);
-    story.interrupted();
-    story.started(kRemove);
-    story.started(kAdd);
-    story.answered(kRemove, 0, kAccepted);
-    story.told(kRemove, 0, "sucess");
-    story.delivered(kRemove);
-    story.reported();
-    EXPECT_EQ(story.stops(), 1);  // the late attempt is still under way
-    story.answered(kAdd, 0, kAccepted);
-    story.delivered(kAdd);
+TEST_F(LateAttempt, IsStoppedAgainWhenItEndsAfterTheStop) {
+    mScenario.started(kRemoveRelay);
+    mScenario.started(kAddRelay);
+    mScenario.accepted(kRemoveRelay);
+    EXPECT_EQ(mScenario.stops(), 1);  // the late attempt is still in flight
+    mScenario.ignored(kAddRelay, 0, kAccepted);
 
-    EXPECT_EQ(story.stops(), 2);
-    story.succeeded(kRemove);
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_EQ(mScenario.stops(), 2);
+    mScenario.succeed(kRemoveRelay);
+    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
 }
 
-TEST(TaskSession, ALateAttemptIsStoppedAgainEvenIfTheStopWasRefused) {
-    Story story;
-    story.failed(kAdd);
-    story.interrupted();
-    story.started(kRemove);
-    story.started(kAdd);
-    story.answered(kAdd, 0, kAccepted);
-    story.delivered(kAdd);
-    story.answered(kRemove, 0, kRefusal);
-    story.told(kRemove, -200007, "nothing to stop");
-    story.delivered(kRemove);
-    story.reported();
+TEST_F(LateAttempt, IsStoppedAgainIfTheStopWasRefused) {
+    mScenario.started(kRemoveRelay);
+    mScenario.started(kAddRelay);
+    mScenario.ignored(kAddRelay, 0, kAccepted);
+    mScenario.refused(kRemoveRelay);
 
-    EXPECT_EQ(story.stops(), 2);
-    story.succeeded(kRemove);
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_EQ(mScenario.stops(), 2);
+    mScenario.succeed(kRemoveRelay);
+    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
 }
 
-TEST(TaskSession, ALateAttemptThatWasRefusedNeedsNoSecondStop) {
-    Story story;
-    story.failed(kAdd);
-    story.interrupted();
-    story.started(kRemove);
-    story.started(kAdd);
-    story.answered(kAdd, 0, kRefusal);
-    story.delivered(kAdd);
-    story.answered(kRemove, 0, kAccepted);
-    story.told(kRemove, 0, "sucess");
-    story.delivered(kRemove);
-    story.reported();
+TEST_F(LateAttempt, NeedsNoSecondStopIfItWasRefused) {
+    mScenario.started(kRemoveRelay);
+    mScenario.started(kAddRelay);
+    mScenario.ignored(kAddRelay, 0, kRefusal);
+    mScenario.accepted(kRemoveRelay);
 
-    EXPECT_EQ(story.stops(), 1);
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_EQ(mScenario.stops(), 1);
+    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
 }
 
 // ---- Updates --------------------------------------------------------------------------------------------------------
 
-TEST(TaskSession, AnUpdateOfARunningMixIsSentAtOnce) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.succeeded(kSet);
-    story.asked("second");
-    EXPECT_THAT(story.starts(), ElementsAre("first", "second"));
-    story.succeeded(kSet);
+class WatchedMix : public ::testing::Test {
+protected:
+    Scenario mScenario{Lifetime::kWatched, kMixTask};
+};
 
-    EXPECT_EQ(story.last("outcome").text, "mix update: done, the mix is running");
-    EXPECT_EQ(story.last("attempt").fields.at("attempt"), 1);
-    EXPECT_EQ(story.last("report").fields.at("request"), "update");
-    EXPECT_EQ(story.exitStatus(), std::nullopt);
+TEST_F(WatchedMix, AnUpdateOfARunningMixIsSentAtOnce) {
+    mScenario.succeed(kStartMix);
+    mScenario.request("second");
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
+    mScenario.succeed(kStartMix);
+
+    EXPECT_EQ(mScenario.last("outcome").text, "mix update: done, the mix is running");
+    EXPECT_EQ(mScenario.last("attempt").fields.at("attempt"), 1);
+    EXPECT_EQ(mScenario.last("report").fields.at("request"), "update");
+    EXPECT_EQ(mScenario.exitStatus(), std::nullopt);
 }
 
-TEST(TaskSession, WhileAnAttemptIsUnderWayOnlyTheNewestUpdateWaits) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.started(kSet);
-    story.asked("second");
-    story.asked("third");
-    EXPECT_THAT(story.starts(), ElementsAre("first"));
+TEST_F(WatchedMix, OnlyTheNewestUpdateWaitsForAnAttemptInFlight) {
+    mScenario.started(kStartMix);
+    mScenario.request("second");
+    mScenario.request("third");
+    mScenario.responded(kStartMix, 0, kAccepted);
+    mScenario.notified(kStartMix, 0, "sucess");
+    mScenario.delivered(kStartMix);
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first"));  // the report is missing
 
-    story.answered(kSet, 0, kAccepted);
-    story.told(kSet, 0, "sucess");
-    story.delivered(kSet);
-    EXPECT_THAT(story.starts(), ElementsAre("first"));  // the report is still to come
-    story.reported();
+    mScenario.reported();
 
-    EXPECT_THAT(story.starts(), ElementsAre("first", "third"));
-    EXPECT_EQ(story.events().back(), "report");  // it does not hold in between
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "third"));
+    EXPECT_EQ(mScenario.events().back(), "report");  // not "holding" in between
 }
 
-TEST(TaskSession, AnUpdateDoesNotOvertakeAStartThatHasNotBeenSent) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.asked("second");
+TEST_F(WatchedMix, AnUpdateWaitsForAStartThatIsNotYetSent) {
+    mScenario.request("second");
 
-    EXPECT_THAT(story.starts(), ElementsAre("first"));
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first"));
 }
 
-TEST(TaskSession, BetweenTwoAttemptsANewerUpdateIsSentInstead) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.failed(kSet);
-    story.asked("second");
+TEST_F(WatchedMix, AnUpdateBetweenTwoAttemptsReplacesTheStart) {
+    mScenario.failAttempt(kStartMix);
+    mScenario.request("second");
 
-    EXPECT_THAT(story.starts(), ElementsAre("first", "second"));
-    EXPECT_EQ(story.last("superseded").fields.at("request"), "start");
-    story.succeeded(kSet);
-    EXPECT_EQ(story.last("outcome").fields.at("request"), "start");  // nothing ran before
-    EXPECT_EQ(story.last("outcome").fields.at("attempts"), 1);
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
+    EXPECT_EQ(mScenario.last("superseded").fields.at("request"), "start");
+    mScenario.succeed(kStartMix);
+    EXPECT_EQ(mScenario.last("outcome").fields.at("request"), "start");  // no mix was running
+    EXPECT_EQ(mScenario.last("outcome").fields.at("attempts"), 1);
 }
 
-TEST(TaskSession, AnUpdateIsSentAgainIfALateAttemptOfTheOneBeforeIsUnderWayBesideIt) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.failed(kSet);
-    story.asked("second");
-    const uint64_t late = story.started(kSet);
-    const uint64_t own = story.started(kSet);
-    story.answeredTo(late, 0, kAccepted);
-    story.told(kSet, 0, "sucess");
-    story.deliveredTo(late);
-    story.reported();
-    EXPECT_THAT(story.starts(), ElementsAre("first", "second"));
-    story.answeredTo(own, 0, kAccepted);
-    story.told(kSet, 0, "sucess");
-    story.deliveredTo(own);
+TEST_F(WatchedMix, AnUpdateIsSentAgainAfterALateAttemptOfItsPredecessor) {
+    mScenario.failAttempt(kStartMix);
+    mScenario.request("second");
+    const uint64_t late = mScenario.started(kStartMix);
+    const uint64_t own = mScenario.started(kStartMix);
+    mScenario.respondedTo(late, 0, kAccepted);
+    mScenario.notified(kStartMix, 0, "sucess");
+    mScenario.deliveredTo(late);
+    mScenario.reported();
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
+    mScenario.respondedTo(own, 0, kAccepted);
+    mScenario.notified(kStartMix, 0, "sucess");
+    mScenario.deliveredTo(own);
 
-    EXPECT_THAT(story.starts(), ElementsAre("first", "second", "second"));
-    story.reported();  // of the second, which counts no more
-    EXPECT_EQ(story.last("report").fields.at("request"), "update");
-    story.succeeded(kSet);
-    EXPECT_EQ(story.events().back(), "holding");
-    EXPECT_THAT(story.starts(), ElementsAre("first", "second", "second"));
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second", "second"));
+    mScenario.reported();  // of the superseded second start
+    EXPECT_EQ(mScenario.last("report").fields.at("request"), "update");
+    mScenario.succeed(kStartMix);
+    EXPECT_EQ(mScenario.events().back(), "holding");
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second", "second"));
 }
 
-TEST(TaskSession, AnUpdateThatIsRefusedLeavesTheMixRunning) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.succeeded(kSet);
-    story.asked("second");
-    story.refused(kSet);
+TEST_F(WatchedMix, ARefusedUpdateDoesNotEndTheMix) {
+    mScenario.succeed(kStartMix);
+    mScenario.request("second");
+    mScenario.refuse(kStartMix);
 
-    EXPECT_EQ(story.last("outcome").text, "mix update: failed, refused by the service");
-    EXPECT_EQ(story.events().back(), "holding");
-    story.interrupted();
-    story.succeeded(kCancel);
-    EXPECT_EQ(story.last("outcome").text, "mix cancel: done, the mix is cancelled");
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_EQ(mScenario.last("outcome").text, "mix update: failed, refused by the service");
+    EXPECT_EQ(mScenario.events().back(), "holding");
+    mScenario.interrupt();
+    mScenario.succeed(kCancelMix);
+    EXPECT_EQ(mScenario.last("outcome").text, "mix cancel: done, the mix is cancelled");
+    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
 }
 
-TEST(TaskSession, AWatchedStartThatFailsWaitsForABetterOne) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.refused(kSet);
-    EXPECT_EQ(story.exitStatus(), std::nullopt);
-    EXPECT_EQ(story.last("waiting").text, "the mix does not run; a saved change is sent, Ctrl-C ends");
+TEST_F(WatchedMix, AFailedStartWaitsForAnotherOne) {
+    mScenario.refuse(kStartMix);
+    EXPECT_EQ(mScenario.exitStatus(), std::nullopt);
+    EXPECT_EQ(mScenario.last("waiting").text, "the mix is not running; saved changes are sent; Ctrl-C exits");
 
-    story.asked("second");
-    story.succeeded(kSet);
+    mScenario.request("second");
+    mScenario.succeed(kStartMix);
 
-    EXPECT_EQ(story.last("outcome").text, "mix start: done, the mix is running");
-    EXPECT_EQ(story.events().back(), "holding");
+    EXPECT_EQ(mScenario.last("outcome").text, "mix start: done, the mix is running");
+    EXPECT_EQ(mScenario.events().back(), "holding");
 }
 
-TEST(TaskSession, AWatchedStartThatFailedGivesTheStatusAndNeedsNoCancel) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.refused(kSet);
-    story.interrupted();
+TEST_F(WatchedMix, AFailedStartDeterminesTheStatusWithoutACancel) {
+    mScenario.refuse(kStartMix);
+    mScenario.interrupt();
 
-    EXPECT_EQ(story.stops(), 0);
-    EXPECT_EQ(story.exitStatus(), kRefused);
+    EXPECT_EQ(mScenario.stops(), 0);
+    EXPECT_EQ(mScenario.exitStatus(), kRefused);
 }
 
-TEST(TaskSession, AStartThatFailsEndsAHeldMix) {
-    Story story(Lifetime::kHeld, kMixFamily);
-    story.ended(kSet, 0, "nonsense", -3324, "recv message can't parse");
+TEST_F(WatchedMix, ACancelWaitsForTheUpdateInFlightAndDropsThePendingOne) {
+    mScenario.succeed(kStartMix);
+    mScenario.request("second");
+    mScenario.started(kStartMix);
+    mScenario.request("third");
+    mScenario.interrupt();
+    EXPECT_EQ(mScenario.stops(), 0);
 
-    EXPECT_EQ(story.exitStatus(), kNoAnswer);
+    mScenario.ignored(kStartMix, 1, "");
+
+    EXPECT_EQ(mScenario.stops(), 1);
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
+    mScenario.succeed(kCancelMix);
+    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
 }
 
-TEST(TaskSession, ACancelWaitsForTheUpdateUnderWayAndDropsTheOneThatWaits) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.succeeded(kSet);
-    story.asked("second");
-    story.started(kSet);
-    story.asked("third");
-    story.interrupted();
-    EXPECT_EQ(story.stops(), 0);
+TEST_F(WatchedMix, NoUpdateIsAcceptedAfterTheCancelHasBegun) {
+    mScenario.succeed(kStartMix);
+    mScenario.interrupt();
+    mScenario.request("second");
+    mScenario.succeed(kCancelMix);
 
-    story.answered(kSet, 1, "");
-    story.delivered(kSet);
-
-    EXPECT_EQ(story.stops(), 1);
-    EXPECT_THAT(story.starts(), ElementsAre("first", "second"));
-    story.succeeded(kCancel);
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_THAT(mScenario.starts(), ElementsAre("first"));
+    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
 }
 
-TEST(TaskSession, AfterTheCancelHasBegunNoUpdateIsTaken) {
-    Story story(Lifetime::kWatched, kMixFamily);
-    story.succeeded(kSet);
-    story.interrupted();
-    story.asked("second");
-    story.succeeded(kCancel);
+TEST(TaskSession, AFailedStartEndsAHeldMix) {
+    Scenario scenario(Lifetime::kHeld, kMixTask);
+    scenario.started(kStartMix);
+    scenario.completed(kStartMix, 0, "nonsense", -3324, "recv message can't parse");
 
-    EXPECT_THAT(story.starts(), ElementsAre("first"));
-    EXPECT_EQ(story.exitStatus(), kSucceeded);
+    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
 }
 
 // ---- Two sessions side by side --------------------------------------------------------------------------------------
 
-TEST(TaskSession, TakesNoNoticeOfTheOtherFamily) {
-    Story story(Lifetime::kHeld, kMixFamily);
-    story.started(kAdd);
-    story.answered(kAdd, 0, kAccepted);
-    story.told(kAdd, 0, "sucess");
-    story.delivered(kAdd);
-    story.session().on(EventReport{1400000001, "4711_alice", 10004, kRelayFamily.reportEvent, "information", "detail"});
+TEST(TaskSession, IgnoresEventsOfTheOtherTaskType) {
+    std::vector<OutputEntry> entries;
+    TaskSession session(
+        kMixTask, Lifetime::kHeld, [] {}, [&entries](OutputEntry entry) { entries.push_back(std::move(entry)); });
+    session.start([] {});
+    for (const auto phase : {HttpExchange::kStarted, HttpExchange::kCompleted, HttpExchange::kDelivered}) {
+        ExchangeEvent event{};
+        event.phase = phase;
+        event.kind = kAddRelay;
+        event.response = kAccepted;
+        session.on(event);
+    }
+    session.on(ListenerEvent{kAddRelay, {0, "sucess"}});
+    session.on(EventReport{1400000001, "4711_alice", 10004, requests::kRelay.reportEvent, "information", "detail"});
 
-    EXPECT_THAT(story.events(), ElementsAre());
+    EXPECT_TRUE(entries.empty());
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "service/LiveService.h"
@@ -25,7 +26,8 @@ inline constexpr const char* kMapKey = "secret-map-key";
 
 class ToolTest : public ::testing::Test {
 protected:
-    ToolTest() {
+    // `command`: the arguments of every run.
+    explicit ToolTest(std::vector<std::string> command) : mArguments(std::move(command)) {
         std::string pattern = ::testing::TempDir() + "vexalive-tool-XXXXXX";
         mFolder = mkdtemp(pattern.data());
         vexalive::LiveServiceOptions options;
@@ -33,6 +35,11 @@ protected:
         mService = std::make_unique<vexalive::LiveService>(options);
     }
     ~ToolTest() override {
+        if (mTool) {
+            EXPECT_THAT(mTool->output() + mTool->errors(), ::testing::Not(::testing::HasSubstr(kSig)));
+            EXPECT_THAT(mTool->output() + mTool->errors(), ::testing::Not(::testing::HasSubstr(kMapKey)));
+        }
+        mTool.reset();
         mService.reset();
         std::filesystem::remove_all(mFolder);
     }
@@ -83,11 +90,30 @@ protected:
     nlohmann::json state() const { return nlohmann::json::parse(mService->stateJson()); }
     size_t relaysRunning() const { return state().at("relays").size(); }
 
-    static void expectNoSecrets(const ChildProcess& tool) {
-        EXPECT_THAT(tool.output() + tool.errors(), ::testing::Not(::testing::HasSubstr(kSig)));
-        EXPECT_THAT(tool.output() + tool.errors(), ::testing::Not(::testing::HasSubstr(kMapKey)));
+    // Starts the tool with further arguments. `variables` override environment().
+    ChildProcess& start(const std::vector<std::string>& arguments = {},
+                        std::map<std::string, std::string> variables = {},
+                        ChildProcess::Output output = ChildProcess::kPipes) {
+        std::vector<std::string> all = {VEXALIVE_TOOL};
+        all.insert(all.end(), mArguments.begin(), mArguments.end());
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        const auto defaults = environment();
+        variables.insert(defaults.begin(), defaults.end());
+        mTool = std::make_unique<ChildProcess>(all, variables, output);
+        return *mTool;
     }
 
+    void expectInOrder(const std::vector<std::string>& texts) const {
+        size_t at = 0;
+        for (const std::string& text : texts) {
+            const size_t found = mTool->output().find(text, at);
+            ASSERT_NE(found, std::string::npos) << text << " is missing after\n" << mTool->output().substr(at);
+            at = found + text.size() - 1;  // two texts may share a line break
+        }
+    }
+
+    std::vector<std::string> mArguments;
+    std::unique_ptr<ChildProcess> mTool;
     std::string mFolder;
     std::unique_ptr<vexalive::LiveService> mService;
 };

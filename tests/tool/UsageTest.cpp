@@ -1,11 +1,13 @@
-// Wrong usage of the tool: named, explained, and nothing sent.
+// Usage errors: each message names what is wrong, and nothing is sent.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
 #include <ostream>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/ChildProcess.h"
@@ -78,34 +80,25 @@ void PrintTo(const RelayOption& option, std::ostream* out) {
 
 class EachRelayOption : public ::testing::TestWithParam<RelayOption> {};
 
-TEST_P(EachRelayOption, IsNamedWithItsMeaningAndItsVariableWhereItIsMissing) {
-    Options options = goodOptions();
-    options.erase(GetParam().option);
-
-    const Ran ran = runRelay(options);
-
-    expectUsageError(ran, std::string("vexalive relay: ") + GetParam().option + " is missing: " + GetParam().meaning +
-                              " (or " + GetParam().variable + ")");
-}
-
-TEST_P(EachRelayOption, IsNamedWhereItIsEmpty) {
+TEST_P(EachRelayOption, IsRequired) {
     Options options = goodOptions();
     options[GetParam().option] = "";
+    expectUsageError(runRelay(options), std::string(GetParam().option) + " is empty: must be " + GetParam().meaning);
 
-    const Ran ran = runRelay(options);
-
-    expectUsageError(ran, std::string(GetParam().option) + " is empty: must be " + GetParam().meaning);
+    options.erase(GetParam().option);
+    expectUsageError(runRelay(options), std::string("vexalive relay: ") + GetParam().option + " is missing: must be " +
+                                            GetParam().meaning + " (or " + GetParam().variable + ")");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Relay, EachRelayOption,
     ::testing::Values(RelayOption{"--sdk-app-id", "VEXALIVE_SDK_APP_ID", "the SDK application id, a positive integer"},
-                      RelayOption{"--user", "VEXALIVE_USER", "the user who asks, a text"},
-                      RelayOption{"--sig", "VEXALIVE_SIG", "the user's signature, a secret text"},
-                      RelayOption{"--room", "VEXALIVE_ROOM", "the room that the user is in, a text"},
-                      RelayOption{"--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret text"},
-                      RelayOption{"--app-id", "VEXALIVE_APP_ID", "the CDN app id, an integer that is not 0"},
-                      RelayOption{"--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer that is not 0"}),
+                      RelayOption{"--user", "VEXALIVE_USER", "the id of the local user"},
+                      RelayOption{"--sig", "VEXALIVE_SIG", "the user's signature, a secret"},
+                      RelayOption{"--room", "VEXALIVE_ROOM", "the id of the room that the user has entered"},
+                      RelayOption{"--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret"},
+                      RelayOption{"--app-id", "VEXALIVE_APP_ID", "the CDN app id, an integer other than 0"},
+                      RelayOption{"--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer other than 0"}),
     [](const auto& instance) {
         std::string name;
         for (const char c : std::string(instance.param.variable)) {
@@ -114,36 +107,23 @@ INSTANTIATE_TEST_SUITE_P(
         return name;
     });
 
-struct WrongValue {
-    const char* option;
-    const char* value;
-};
-
-void PrintTo(const WrongValue& wrong, std::ostream* out) {
-    *out << wrong.option << " " << wrong.value;
+TEST(Usage, ShowsAWrongNumberWithItsRange) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"--sdk-app-id", "0"}, {"--sdk-app-id", "-1"}, {"--sdk-app-id", "2147483648"},
+        {"--app-id", "0"},     {"--app-id", "12x"},    {"--app-id", "-2147483649"},
+        {"--biz-id", "0"},     {"--biz-id", " 1"},     {"--biz-id", "99999999999999999999"},
+        {"--biz-id", "1.5"},
+    };
+    for (const auto& [option, value] : cases) {
+        Options options = goodOptions();
+        options[option] = value;
+        const Ran ran = runRelay(options);
+        expectUsageError(ran, std::string(option) + " is \"" + value + "\": must be ");
+        EXPECT_THAT(ran.errors, HasSubstr(" to 2147483647"));
+    }
 }
 
-class EachWrongValue : public ::testing::TestWithParam<WrongValue> {};
-
-TEST_P(EachWrongValue, IsShownWithTheRange) {
-    Options options = goodOptions();
-    options[GetParam().option] = GetParam().value;
-
-    const Ran ran = runRelay(options);
-
-    expectUsageError(ran, std::string(GetParam().option) + " is \"" + GetParam().value + "\": must be ");
-    EXPECT_THAT(ran.errors, HasSubstr(" to 2147483647"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Relay, EachWrongValue,
-                         ::testing::Values(WrongValue{"--sdk-app-id", "0"}, WrongValue{"--sdk-app-id", "-1"},
-                                           WrongValue{"--sdk-app-id", "2147483648"}, WrongValue{"--app-id", "0"},
-                                           WrongValue{"--app-id", "12x"}, WrongValue{"--app-id", "-2147483649"},
-                                           WrongValue{"--biz-id", "0"}, WrongValue{"--biz-id", " 1"},
-                                           WrongValue{"--biz-id", "99999999999999999999"},
-                                           WrongValue{"--biz-id", "1.5"}));
-
-TEST(Usage, NamesTheVariableThatAWrongValueCameFrom) {
+TEST(Usage, NamesTheVariableOfAWrongValue) {
     Options options = goodOptions();
     options.erase("--biz-id");
 
@@ -152,46 +132,37 @@ TEST(Usage, NamesTheVariableThatAWrongValueCameFrom) {
     expectUsageError(ran, "--biz-id (from VEXALIVE_BIZ_ID) is \"none\": must be the CDN biz id");
 }
 
-TEST(Usage, AsksForAnAddress) {
-    expectUsageError(run({"relay"}), "URL is missing: where the stream is relayed to");
-}
-
-TEST(Usage, WantsAnAddressWithAScheme) {
+TEST(Usage, RequiresAnAddressWithAScheme) {
+    expectUsageError(run({"relay"}), "URL is missing: the address to relay to");
     for (const char* url : {"cdn.example/live", "://cdn.example", "rtmp://", "rt mp://cdn.example"}) {
-        expectUsageError(runRelay(goodOptions(), url), std::string("URL is \"") + url + "\": must be an address");
+        expectUsageError(runRelay(goodOptions(), url), std::string("URL is \"") + url + "\": must be a URL");
     }
 }
 
-TEST(Usage, WantsAFileOfAuthoritiesThatCanBeRead) {
+TEST(Usage, RequiresAReadableCaFile) {
     Options options = goodOptions();
     options["--ca-file"] = "/nonexistent/ca.pem";
 
-    expectUsageError(runRelay(options), "--ca-file is \"/nonexistent/ca.pem\": must be a file that can be read");
+    expectUsageError(runRelay(options), "--ca-file is \"/nonexistent/ca.pem\": must be a readable file");
 }
 
-TEST(Usage, SuggestsTheOptionThatWasMeant) {
-    expectUsageError(run({"relay", "rtmp://x/y", "--bizid", "1"}),
-                     "there is no option --bizid; did you mean --biz-id?");
-}
-
-TEST(Usage, ShowsNoValueOfAMisspeltOption) {
-    expectUsageError(run({"relay", "rtmp://x/y", "--sgi", kSecret}), "there is no option --sgi; did you mean --sig?");
-    expectUsageError(run({"relay", "rtmp://x/y", std::string("--mapkey=") + kSecret}),
-                     "there is no option --mapkey; did you mean --map-key?");
-    expectUsageError(run({"relay", "rtmp://x/y", std::string("--sig") + kSecret}), "there is no option --sig...;");
-    expectUsageError(run({"relay", "rtmp://x/y", kSecret}), "too many arguments, by 1");
-}
-
-TEST(Usage, NamesAnOptionThatLacksItsValue) {
-    expectUsageError(run({"relay", "rtmp://x/y", "--user"}), "--user");
-}
-
-TEST(Usage, NamesAnOptionGivenTwice) {
-    expectUsageError(run({"relay", "rtmp://x/y", "--sig", kSecret, "--sig", kSecret}), "--sig");
-}
-
-TEST(Usage, SuggestsTheCommandThatWasMeant) {
-    expectUsageError(run({"relai"}), "vexalive: there is no command \"relai\"; did you mean relay?");
+TEST(Usage, NamesUnknownArgumentsButNoSecret) {
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"--bizid", "1"}, "unknown option --bizid; did you mean --biz-id?"},
+        {{"--sgi", kSecret}, "unknown option --sgi; did you mean --sig?"},
+        {{std::string("--mapkey=") + kSecret}, "unknown option --mapkey; did you mean --map-key?"},
+        {{std::string("--sig") + kSecret}, "unknown option --sig...;"},
+        {{kSecret}, "1 unexpected argument. Quote values that contain spaces."},
+        {{"--user"}, "--user"},
+        {{"--sig", kSecret, "--sig", kSecret}, "--sig"},
+    };
+    for (const auto& [extra, error] : cases) {
+        std::vector<std::string> arguments = {"relay", "rtmp://x/y"};
+        arguments.insert(arguments.end(), extra.begin(), extra.end());
+        expectUsageError(run(arguments), error);
+    }
+    expectUsageError(run({"preview", "a.json", "b.json"}), "1 unexpected argument: b.json. Quote values");
+    expectUsageError(run({"relai"}), "vexalive: unknown command \"relai\"; did you mean relay?");
 }
 
 TEST(Usage, WithoutACommandTheHelpGoesToStandardError) {
@@ -204,33 +175,23 @@ TEST(Usage, OfServeIsCheckedBeforeItListens) {
     expectUsageError(run({"serve", "--fault", "status=1000"}), "--fault status=1000: ");
 }
 
-TEST(Help, OfEachCommandShowsAnExampleAndTheExitStatuses) {
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"--help"}, {"relay", "--help"}, {"serve", "--help"}}) {
-        const Ran ran = run(arguments);
+TEST(Help, OfEachCommandHasAnExampleAndExitStatusesInEightyColumns) {
+    for (const char* command : {"", "relay", "mix", "preview", "serve", "stream-id"}) {
+        const Ran ran = *command ? run({command, "--help"}) : run({"--help"});
         EXPECT_EQ(ran.status, 0);
         EXPECT_EQ(ran.errors, "");
-        EXPECT_THAT(ran.output, HasSubstr("\nExample: "));
+        EXPECT_THAT(ran.output, HasSubstr("\nExample:"));
         EXPECT_THAT(ran.output, HasSubstr("\nExit status: "));
-    }
-}
-
-TEST(Help, FitsATerminalOfEightyColumns) {
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"--help"}, {"relay", "--help"}, {"serve", "--help"}}) {
-        std::string text = run(arguments).output;
-        while (!text.empty()) {
-            const std::string line = text.substr(0, text.find('\n'));
+        std::istringstream lines(ran.output);
+        for (std::string line; std::getline(lines, line);) {
             EXPECT_LE(line.size(), 80u) << line;
-            text.erase(0, line.size() + 1);
         }
     }
 }
 
-TEST(Help, OfRelayTellsWhySecretsBelongIntoTheEnvironment) {
+TEST(Help, OfRelayExplainsWhySecretsBelongIntoTheEnvironment) {
     const Ran ran = run({"relay", "--help"});
-    EXPECT_THAT(ran.output, HasSubstr("A command line can be read by\nevery user of this machine"));
-    EXPECT_THAT(ran.output, HasSubstr("VEXALIVE_SIG"));
+    EXPECT_THAT(ran.output, HasSubstr("Every user of this machine can\nread command lines: set VEXALIVE_SIG"));
 }
 
 TEST(Version, IsOneLine) {

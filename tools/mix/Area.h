@@ -1,4 +1,4 @@
-// Rectangles on a canvas, as whole pixels in 64 bits: nothing that a mix configuration can hold overflows them.
+// Rectangles on a canvas, in pixels. 64 bits hold the corners of every rectangle of a mix configuration.
 
 #ifndef VEXALIVE_TOOLS_MIX_AREA_H
 #define VEXALIVE_TOOLS_MIX_AREA_H
@@ -30,18 +30,18 @@ inline bool operator==(const Area& a, const Area& b) {
     return a.left == b.left && a.top == b.top && a.right == b.right && a.bottom == b.bottom;
 }
 
-// What both cover; empty if that is nothing.
-inline Area common(const Area& a, const Area& b) {
+// The area that both cover; may be empty.
+inline Area intersection(const Area& a, const Area& b) {
     return {std::max(a.left, b.left), std::max(a.top, b.top), std::min(a.right, b.right), std::min(a.bottom, b.bottom)};
 }
 
-// The parts of `area` that none of `covers` hides; no two of them overlap.
+// The parts of `area` that no element of `covers` hides, as rectangles that do not overlap.
 inline std::vector<Area> visibleParts(const Area& area, const std::vector<Area>& covers) {
     std::vector<Area> visible = {area};
     for (const Area& cover : covers) {
         std::vector<Area> rest;
         for (const Area& part : visible) {
-            const Area hidden = common(part, cover);
+            const Area hidden = intersection(part, cover);
             if (hidden.isEmpty()) {
                 rest.push_back(part);
                 continue;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kFont = "DejaVu Sans";
 constexpr const char* kMonoFont = "DejaVu Sans Mono";
-constexpr glong kMaxText = 300;  // characters; more is wider than any picture
+constexpr glong kMaxText = 300;  // characters; a longer text is wider than every drawing
 constexpr const char* kEllipsis = "\u2026";
 constexpr const char* kReplacement = "\ufffd";
 constexpr double kHatchStep = 8;
@@ -31,7 +31,7 @@ struct GObjectUnref {
 template <class T>
 using GObjectPtr = std::unique_ptr<T, GObjectUnref<T>>;
 
-// The beginning of the text as characters that can be drawn, and that XML can hold.
+// The beginning of the text, with a replacement for each character that cannot be shown or that XML does not allow.
 std::string drawable(const std::string& text) {
     const std::unique_ptr<gchar, decltype(&g_free)> valid(
         g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())), g_free);
@@ -72,11 +72,11 @@ std::string escaped(const std::string& text) {
 
 // ---- Measuring ------------------------------------------------------------------------------------------------------
 
-// Lays texts out. Its fonts are its own, and go with it.
+// Lays texts out, with a font map of its own.
 class Drawing::Ruler {
 public:
     Ruler() : mFonts(pango_cairo_font_map_new()), mContext(pango_font_map_create_context(mFonts.get())) {
-        // Whole pixels make crisp texts, and no setting of the machine's changes a picture.
+        // Fixed options: whole pixels give sharp text, and the machine's settings have no effect.
         cairo_font_options_t* options = cairo_font_options_create();
         cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_SLIGHT);
         cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_ON);
@@ -127,7 +127,7 @@ std::string Drawing::fitted(const std::string& text, const TextStyle& style, dou
                             static_cast<size_t>(g_utf8_offset_to_pointer(whole.c_str(), characters) - whole.c_str())) +
                kEllipsis;
     };
-    glong fits = 0;  // none at all says nothing
+    glong fits = 0;
     glong tooLong = g_utf8_strlen(whole.c_str(), -1);
     while (tooLong - fits > 1) {
         const glong middle = fits + (tooLong - fits) / 2;
@@ -206,7 +206,7 @@ public:
         }
     }
 
-    // The length keeps the text in its bounds where the viewer has other fonts.
+    // textLength keeps the text in its bounds if the viewer has other fonts.
     void operator()(const TextShape& shape) {
         mSvg += "<text" + attribute("class", shape.name) + number("x", shape.x) + number("y", shape.y) +
                 attribute("font-family", shape.style.mono ? "DejaVu Sans Mono, Menlo, Consolas, monospace"
@@ -322,7 +322,7 @@ private:
 };
 
 std::string Drawing::png() const {
-    // 16 bits a pixel: nobody misses the others, and the file is a fifth smaller.
+    // 16 bits a pixel make the file a fifth smaller.
     const std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
         cairo_image_surface_create(CAIRO_FORMAT_RGB16_565, static_cast<int>(std::ceil(mWidth)),
                                    static_cast<int>(std::ceil(mHeight))),

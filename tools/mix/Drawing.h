@@ -1,6 +1,4 @@
-// A picture made of boxes and texts, written as SVG or as PNG from the same list of shapes.
-//
-// Texts are measured when they are placed, so whoever draws can keep them within bounds. Used by the preview.
+// A list of boxes and texts that is written as SVG or as PNG. Texts are measured when they are placed.
 
 #ifndef VEXALIVE_TOOLS_MIX_DRAWING_H
 #define VEXALIVE_TOOLS_MIX_DRAWING_H
@@ -40,7 +38,7 @@ struct TextStyle {
     bool mono = false;
 };
 
-enum class Anchor { kLeft, kMiddle, kRight };  // which point of a text is placed
+enum class Anchor { kLeft, kMiddle, kRight };  // the point of a text that is placed
 
 // Units are pixels; y grows downwards. The page is white. For one thread.
 class Drawing {
@@ -54,23 +52,23 @@ public:
     double height() const { return mHeight; }
     void setHeight(double height) { mHeight = height; }
 
-    // `name` says what the shape is, for whoever reads the SVG: its class. A literal.
+    // `name` becomes the class of the SVG element; a literal.
     void box(const char* name, const Box& box, const BoxStyle& style);
-    // `y` is the base line. The text may hold anything.
+    // `y` is the baseline. Accepts any bytes as text.
     void text(const char* name, double x, double y, const std::string& text, const TextStyle& style,
               Anchor anchor = Anchor::kLeft);
-    // What stands between both belongs together; `about` names it.
+    // Groups the shapes between both calls; `about` is the title of the group.
     void open(const char* name, const std::string& about);
     void close();
 
     double widthOf(const std::string& text, const TextStyle& style);
-    // As much of the text as fits, with "…" if something is left out; nothing if not a single character does.
+    // The beginning of the text that fits, with "…" if it was cut; empty if not one character fits.
     std::string fitted(const std::string& text, const TextStyle& style, double width);
-    // The text in lines that fit, broken at blanks.
+    // Breaks the text at spaces into lines that fit.
     std::vector<std::string> wrapped(const std::string& text, const TextStyle& style, double width);
 
     std::string svg() const;
-    // Empty if there is not enough memory.
+    // Empty if memory is short or the drawing is too large.
     std::string png() const;
 
 private:

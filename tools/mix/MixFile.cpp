@@ -18,6 +18,8 @@
 #include <utility>
 #include <variant>
 
+#include "common/Text.h"
+
 namespace vexalive {
 namespace {
 
@@ -27,12 +29,12 @@ using Rect = User::Rect;
 
 // ---- The format -----------------------------------------------------------------------------------------------------
 
-// Where a field's value goes, and thereby what it must be.
+// The member that a field sets; its type is the type of the value.
 template <class Record>
 using Slot =
     std::variant<int32_t Record::*, bool Record::*, std::string Record::*, Rect Record::*, std::vector<User> Record::*>;
 
-enum Need { kOptional, kRequired, kUnlessPureAudio };  // what is left out keeps the record's own default
+enum Need { kOptional, kRequired, kUnlessPureAudio };  // an omitted field keeps the record's default
 
 template <class Record>
 struct Field {
@@ -68,23 +70,23 @@ constexpr Field<Rect> kRectFields[] = {
 };
 
 constexpr const char* kInteger = "an integer from -2147483648 to 2147483647";
-constexpr size_t kDeepest = 64;   // objects and lists in each other
-constexpr size_t kMaxQuote = 40;  // bytes of the file in a message
+constexpr size_t kMaxDepth = 64;  // of nested objects and lists
+constexpr size_t kMaxQuote = 40;  // bytes of the file in an error message
 
-// ---- JSON, with the place of each value -----------------------------------------------------------------------------
+// ---- JSON, with the position of each value --------------------------------------------------------------------------
 
-// A value of the text. The views are of the text as it stands there.
+// A JSON value. The views point into the parsed text.
 struct Value {
-    enum Kind { kNull, kFalse, kTrue, kNumber, kText, kObject, kList };
+    enum Kind { kNull, kFalse, kTrue, kNumber, kString, kObject, kList };
     Kind kind;
-    std::string_view source;      // of an object or list: its opening bracket
+    std::string_view source;      // of an object or a list: the opening bracket
     std::string_view nameSource;  // of a member of an object
     std::string name;
-    std::string text;             // of a text
-    std::vector<Value> children;  // of an object or list
+    std::string string;           // of a string, unescaped
+    std::vector<Value> children;  // of an object or a list
 };
 
-// What the parser calls; false ends the parsing.
+// RapidJSON's handler. A callback that returns false ends the parsing.
 class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeBuilder> {
 public:
     TreeBuilder(std::string_view text, const rapidjson::MemoryStream& stream) : mText(text), mStream(stream) {}
@@ -95,8 +97,8 @@ public:
     bool Bool(bool value) { return add(value ? Value::kTrue : Value::kFalse); }
     bool RawNumber(const char*, rapidjson::SizeType, bool) { return add(Value::kNumber); }
     bool String(const char* text, rapidjson::SizeType length, bool) {
-        add(Value::kText);
-        mOpen.back()->children.back().text.assign(text, length);
+        add(Value::kString);
+        mOpen.back()->children.back().string.assign(text, length);
         return true;
     }
     bool Key(const char* text, rapidjson::SizeType length, bool) {
@@ -110,7 +112,7 @@ public:
     bool EndArray(rapidjson::SizeType) { return close(); }
 
 private:
-    // The parser says what it has read, not where that began: only blanks, commas and colons stand before it.
+    // The parser reports where a token ends, not where it begins. Only spaces, commas and colons precede a token.
     std::string_view token() {
         const size_t begin = mText.find_first_not_of(" \t\r\n,:", mEnd);
         mEnd = mStream.Tell();
@@ -122,8 +124,8 @@ private:
     }
     bool open(Value::Kind kind) {
         add(kind);
-        mOpen.push_back(&mOpen.back()->children.back());  // stays in its place until it is closed
-        return mOpen.size() <= kDeepest + 1;
+        mOpen.push_back(&mOpen.back()->children.back());  // stays valid: no sibling is added before close()
+        return mOpen.size() <= kMaxDepth + 1;
     }
     bool close() {
         token();
@@ -136,15 +138,15 @@ private:
     size_t mEnd = 0;  // of the last token
     std::string mName;
     std::string_view mNameSource;
-    Value mRoot{Value::kList, {}, {}, {}, {}, {}};  // of the one value of the text
+    Value mRoot{Value::kList, {}, {}, {}, {}, {}};  // holds the text's only value
     std::vector<Value*> mOpen{&mRoot};
 };
 
 constexpr struct {
     rapidjson::ParseErrorCode code;
     const char* text;
-} kSyntaxMistakes[] = {
-    {rapidjson::kParseErrorDocumentEmpty, "there is nothing"},
+} kSyntaxErrors[] = {
+    {rapidjson::kParseErrorDocumentEmpty, "the file is empty"},
     {rapidjson::kParseErrorDocumentRootNotSingular, "expected the end of the file"},
     {rapidjson::kParseErrorValueInvalid, "expected a value"},
     {rapidjson::kParseErrorObjectMissName, "expected the name of a field, in quotes"},
@@ -152,10 +154,11 @@ constexpr struct {
     {rapidjson::kParseErrorObjectMissCommaOrCurlyBracket, "expected \",\" or \"}\" after a field"},
     {rapidjson::kParseErrorArrayMissCommaOrSquareBracket, "expected \",\" or \"]\" after an element"},
     {rapidjson::kParseErrorStringUnicodeEscapeInvalidHex, "expected four hexadecimal digits after \"\\u\""},
-    {rapidjson::kParseErrorStringUnicodeSurrogateInvalid, "half of a surrogate pair"},
-    {rapidjson::kParseErrorStringEscapeInvalid, "an unknown escape, or a control character such as a line break"},
-    {rapidjson::kParseErrorStringMissQuotationMark, "a text without its closing quote"},
-    {rapidjson::kParseErrorStringInvalidEncoding, "a text is not UTF-8"},
+    {rapidjson::kParseErrorStringUnicodeSurrogateInvalid, "incomplete surrogate pair"},
+    {rapidjson::kParseErrorStringEscapeInvalid,
+     "invalid escape or control character in a string; write a line break as \\n"},
+    {rapidjson::kParseErrorStringMissQuotationMark, "string without its closing quote"},
+    {rapidjson::kParseErrorStringInvalidEncoding, "a string is not UTF-8"},
     {rapidjson::kParseErrorNumberMissFraction, "expected a digit"},
     {rapidjson::kParseErrorNumberMissExponent, "expected a digit"},
 };
@@ -166,30 +169,23 @@ bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
 }
 
-// At most kMaxQuote bytes, cut between two characters.
-std::string quoted(std::string_view text) {
-    if (text.size() <= kMaxQuote) {
-        return std::string(text);
-    }
-    size_t end = kMaxQuote;
-    while (end > 0 && isContinuation(text[end])) {
-        --end;
-    }
-    return std::string(text.substr(0, end)) + "...";
+std::string excerpt(std::string_view text) {
+    const std::string_view prefix = utf8Prefix(text, kMaxQuote);
+    return std::string(prefix) + (prefix.size() < text.size() ? "..." : "");
 }
 
-// A number without a fraction, however it is written: 1280, 1280.0 and 128e1 are the same.
+// Accepts every notation of an integer: 1280, 1280.0, 128e1.
 std::optional<int32_t> readInteger(std::string_view number) {
     double value = 0;
-    const auto [end, failure] = std::from_chars(number.data(), number.data() + number.size(), value);
-    const bool isInteger = failure == std::errc() && value >= std::numeric_limits<int32_t>::min() &&
+    const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
+    const bool isInteger = error == std::errc() && value >= std::numeric_limits<int32_t>::min() &&
                            value <= std::numeric_limits<int32_t>::max() && std::trunc(value) == value;
     return isInteger ? std::optional(static_cast<int32_t>(value)) : std::nullopt;
 }
 
-// The parser takes an escape such as \udc00 by itself, which is half a character, and makes bytes of it that are not
-// UTF-8: those after 0xed are never higher than 0x9f.
-bool holdsHalfACharacter(const std::string& text) {
+// The parser accepts a lone low surrogate such as \udc00 and encodes it as bytes that are not UTF-8: in UTF-8 the byte
+// after 0xed is at most 0x9f.
+bool hasLoneSurrogate(const std::string& text) {
     for (size_t at = text.find('\xed'); at != std::string::npos; at = text.find('\xed', at + 1)) {
         if (static_cast<unsigned char>(text[at + 1]) >= 0xa0) {
             return true;
@@ -219,27 +215,27 @@ class MixReader {
 public:
     explicit MixReader(std::string_view text) : mText(text) {}
 
-    MixReading read() {
+    MixFileResult read() {
         rapidjson::MemoryStream stream(mText.data(), mText.size());
         TreeBuilder builder(mText, stream);
-        // The parser calls itself for each object or list in another; the builder ends that at kDeepest.
+        // The parser is recursive; the builder limits its depth.
         constexpr unsigned kFlags = rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
-        const rapidjson::ParseResult result = rapidjson::Reader().Parse<kFlags>(stream, builder);
-        if (result.IsError()) {
-            tellSyntax(result.Code(), std::min(result.Offset(), mText.size()));
+        const rapidjson::ParseResult parsed = rapidjson::Reader().Parse<kFlags>(stream, builder);
+        if (parsed.IsError()) {
+            addSyntaxError(parsed.Code(), std::min(parsed.Offset(), mText.size()));
         } else if (stream.Tell() < mText.size()) {
-            tell(stream.Tell(), "", "not JSON: a zero byte");
+            addError(stream.Tell(), "", "not JSON: zero byte");
         } else {
             readRecord(builder.root(), "", kConfigFields, mConfig, "an object with the fields of a mix configuration");
         }
-        return reading();
+        return result();
     }
 
 private:
-    struct Mistake {
+    struct Error {
         size_t offset;
         std::string field;
-        std::string text;
+        std::string message;
     };
 
     template <class Record, size_t N>
@@ -257,17 +253,17 @@ private:
             });
             if (field == std::end(fields)) {
                 const std::string_view name = member.nameSource.substr(1, member.nameSource.size() - 2);
-                tell(offsetOf(member.nameSource), prefix + quoted(name),
-                     "there is no such field; the fields here are " + namesOf(fields));
+                addError(offsetOf(member.nameSource), prefix + excerpt(name),
+                         "unknown field; allowed are " + namesOf(fields));
             } else if (std::exchange(isGiven[static_cast<size_t>(field - fields)], true)) {
-                tell(offsetOf(member.nameSource), prefix + member.name, "is given twice");
+                addError(offsetOf(member.nameSource), prefix + member.name, "appears twice");
             } else {
                 std::visit([&](auto slot) { readValue(member, prefix + member.name, record.*slot); }, field->slot);
             }
         }
         for (size_t i = 0; i < N; ++i) {
             if (!isGiven[i] && isNeeded(fields[i].need, record)) {
-                tell(offsetOf(value.source), prefix + std::string(fields[i].name), "is missing");
+                addError(offsetOf(value.source), prefix + std::string(fields[i].name), "is missing");
             }
         }
     }
@@ -287,11 +283,11 @@ private:
         flag = value.kind == Value::kTrue;
     }
 
-    void readValue(const Value& value, const std::string& path, std::string& text) {
-        if (value.kind != Value::kText || holdsHalfACharacter(value.text)) {
-            reject(value, path, value.kind == Value::kText ? "whole characters" : "a text in quotes");
+    void readValue(const Value& value, const std::string& path, std::string& string) {
+        if (value.kind != Value::kString || hasLoneSurrogate(value.string)) {
+            reject(value, path, value.kind == Value::kString ? "a string without a lone surrogate" : "a string");
         }
-        text = value.text;
+        string = value.string;
     }
 
     void readValue(const Value& value, const std::string& path, Rect& rect) {
@@ -311,107 +307,108 @@ private:
 
     size_t offsetOf(std::string_view source) const { return static_cast<size_t>(source.data() - mText.data()); }
 
-    void tell(size_t offset, std::string field, std::string text) {
-        mMistakes.push_back({offset, std::move(field), std::move(text)});
+    void addError(size_t offset, std::string field, std::string message) {
+        mErrors.push_back({offset, std::move(field), std::move(message)});
     }
 
     void reject(const Value& value, const std::string& path, const std::string& expected) {
         const std::string found = value.kind == Value::kObject ? "an object"
                                   : value.kind == Value::kList ? "a list"
-                                                               : quoted(value.source);
-        tell(offsetOf(value.source), path, "expected " + expected + ", found " + found);
+                                                               : excerpt(value.source);
+        addError(offsetOf(value.source), path, "expected " + expected + ", found " + found);
     }
 
-    void tellSyntax(rapidjson::ParseErrorCode code, size_t offset) {
+    void addSyntaxError(rapidjson::ParseErrorCode code, size_t offset) {
         const std::string_view rest = mText.substr(offset);
         if (code == rapidjson::kParseErrorTermination) {
-            tell(offset, "", "more than " + std::to_string(kDeepest) + " objects and lists in each other");
-        } else if (code == rapidjson::kParseErrorNumberTooBig) {  // JSON, but the parser has no way round it
+            addError(offset, "", "nested deeper than " + std::to_string(kMaxDepth) + " objects and lists");
+        } else if (code == rapidjson::kParseErrorNumberTooBig) {  // valid JSON that the parser rejects
             const std::string_view number = rest.substr(0, rest.find_first_not_of("0123456789+-.eE"));
-            tell(offset, "", "expected " + std::string(kInteger) + ", found " + quoted(number));
+            addError(offset, "", "expected " + std::string(kInteger) + ", found " + excerpt(number));
         } else if (rest.substr(0, 3) == "\xef\xbb\xbf") {
-            tell(offset, "", "not JSON: a byte order mark");
+            addError(offset, "", "not JSON: byte order mark");
         } else {
-            const auto* mistake = std::find_if(std::begin(kSyntaxMistakes), std::end(kSyntaxMistakes),
-                                               [code](const auto& known) { return known.code == code; });
-            tell(offset, "",
-                 mistake == std::end(kSyntaxMistakes) ? "not JSON" : std::string("not JSON: ") + mistake->text);
+            const auto* error = std::find_if(std::begin(kSyntaxErrors), std::end(kSyntaxErrors),
+                                             [code](const auto& known) { return known.code == code; });
+            addError(offset, "",
+                     error == std::end(kSyntaxErrors)              ? "not JSON"
+                     : code == rapidjson::kParseErrorDocumentEmpty ? error->text
+                                                                   : std::string("not JSON: ") + error->text);
         }
     }
 
-    // The first mistakes in the order of the file, with their lines and columns.
-    MixReading reading() {
-        std::stable_sort(mMistakes.begin(), mMistakes.end(),
-                         [](const Mistake& a, const Mistake& b) { return a.offset < b.offset; });
-        MixReading reading;
-        reading.config = std::move(mConfig);
-        for (size_t i = 0; i < std::min(mMistakes.size(), kMaxMixMistakes); ++i) {
-            const std::string_view before = mText.substr(0, mMistakes[i].offset);
-            const std::string_view line = before.substr(before.rfind('\n') + 1);  // of all if there is none
+    // The configuration, or the first errors in the order of the file, with their lines and columns.
+    MixFileResult result() {
+        if (mErrors.empty()) {
+            return std::move(mConfig);
+        }
+        std::stable_sort(mErrors.begin(), mErrors.end(),
+                         [](const Error& a, const Error& b) { return a.offset < b.offset; });
+        std::vector<MixFileError> errors;
+        for (size_t i = 0; i < std::min(mErrors.size(), kMaxMixFileErrors); ++i) {
+            const std::string_view before = mText.substr(0, mErrors[i].offset);
+            const std::string_view line = before.substr(before.rfind('\n') + 1);  // npos + 1 is 0
             const auto lines = std::count(before.begin(), before.end(), '\n');
             const auto columns =
                 std::count_if(line.begin(), line.end(), [](char byte) { return !isContinuation(byte); });
-            reading.mistakes.push_back({static_cast<size_t>(lines) + 1, static_cast<size_t>(columns) + 1,
-                                        std::move(mMistakes[i].field), std::move(mMistakes[i].text)});
+            errors.push_back({static_cast<size_t>(lines) + 1, static_cast<size_t>(columns) + 1,
+                              std::move(mErrors[i].field), std::move(mErrors[i].message)});
         }
-        if (mMistakes.size() > kMaxMixMistakes) {
-            reading.mistakes.push_back(
-                {0, 0, "", "and " + std::to_string(mMistakes.size() - kMaxMixMistakes) + " more"});
+        if (mErrors.size() > kMaxMixFileErrors) {
+            errors.push_back({0, 0, "", "and " + std::to_string(mErrors.size() - kMaxMixFileErrors) + " more errors"});
         }
-        return reading;
+        return tl::make_unexpected(std::move(errors));
     }
 
     const std::string_view mText;
     Config mConfig;
-    std::vector<Mistake> mMistakes;
+    std::vector<Error> mErrors;
 };
 
-MixReading unreadable(std::string text) {
-    MixReading reading;
-    reading.mistakes.push_back({0, 0, "", std::move(text)});
-    return reading;
+tl::unexpected<std::vector<MixFileError>> fileError(std::string message) {
+    return tl::unexpected<std::vector<MixFileError>>({{0, 0, "", std::move(message)}});
 }
 
 }  // namespace
 
-MixReading readMix(std::string_view text) noexcept {
+MixFileResult readMix(std::string_view text) noexcept {
     try {
         if (text.size() > kMaxMixFile) {
-            return unreadable("is larger than " + std::to_string(kMaxMixFile) + " bytes");
+            return fileError("is larger than " + std::to_string(kMaxMixFile) + " bytes");
         }
         return MixReader(text).read();
-    } catch (const std::exception& failure) {  // out of memory
-        return unreadable(failure.what());
+    } catch (const std::exception& error) {  // out of memory
+        return fileError(error.what());
     }
 }
 
-MixReading readMixFile(const std::string& path) noexcept {
+MixFileResult readMixFile(const std::string& path) noexcept {
     try {
         const auto close = [](FILE* file) { std::fclose(file); };
         const std::unique_ptr<FILE, decltype(close)> file(std::fopen(path.c_str(), "rbe"), close);
         if (!file) {
-            return unreadable(std::string("cannot be opened: ") + std::strerror(errno));
+            return fileError(std::string("cannot be opened: ") + std::strerror(errno));
         }
-        std::string text(kMaxMixFile + 1, '\0');  // one more than allowed tells that it is too large
+        std::string text(kMaxMixFile + 1, '\0');  // one byte more than allowed, to detect a larger file
         text.resize(std::fread(text.data(), 1, text.size(), file.get()));
         if (std::ferror(file.get())) {
-            return unreadable(std::string("cannot be read: ") + std::strerror(errno));
+            return fileError(std::string("cannot be read: ") + std::strerror(errno));
         }
         return readMix(text);
-    } catch (const std::exception& failure) {
-        return unreadable(failure.what());
+    } catch (const std::exception& error) {
+        return fileError(error.what());
     }
 }
 
-std::string describe(const std::string& file, const MixMistake& mistake) {
+std::string describe(const std::string& file, const MixFileError& error) {
     std::string text = file + ":";
-    if (mistake.line > 0) {
-        text += std::to_string(mistake.line) + ":" + std::to_string(mistake.column) + ":";
+    if (error.line > 0) {
+        text += std::to_string(error.line) + ":" + std::to_string(error.column) + ":";
     }
-    if (!mistake.field.empty()) {
-        text += " field " + mistake.field + ":";
+    if (!error.field.empty()) {
+        text += " field " + error.field + ":";
     }
-    return text + " " + mistake.text;
+    return text + " " + error.message;
 }
 
 }  // namespace vexalive

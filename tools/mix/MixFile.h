@@ -1,7 +1,7 @@
-// Reads a mix configuration from a file: JSON with the records' own field names (docs/mix-file.md).
+// Reads a mix configuration from a JSON file with the field names of the records (docs/mix-file.md).
 //
-// Strict: whatever is not exactly what the format says is told with its place, all mistakes in one go; text that is not
-// JSON is told alone. Used by the commands that work on mix files.
+// The reader is strict: it reports every deviation from the format with its line and column. If the file is not JSON,
+// it reports the first syntax error only.
 
 #ifndef VEXALIVE_TOOLS_MIX_MIX_FILE_H
 #define VEXALIVE_TOOLS_MIX_MIX_FILE_H
@@ -11,32 +11,32 @@
 #include <string_view>
 #include <vector>
 
+#include "common/Result.h"
 #include "params/VexaTranscodingConfigInternal.h"
 
 namespace vexalive {
 
-constexpr size_t kMaxMixFile = 1 << 20;  // bytes
-constexpr size_t kMaxMixMistakes = 20;   // told each; of the others it is told how many there are
+constexpr size_t kMaxMixFile = 1 << 20;   // bytes
+constexpr size_t kMaxMixFileErrors = 20;  // one more error then says how many were omitted
 
-struct MixMistake {
-    size_t line = 0;    // from 1; 0: of the file as a whole
-    size_t column = 0;  // from 1, in characters
-    std::string field;  // "mixUsersArray[2].rect.w"; empty: of no field
-    std::string text;   // "expected …, found …"; may quote the file
+struct MixFileError {
+    size_t line = 0;      // from 1; 0: the error concerns the whole file
+    size_t column = 0;    // from 1, in characters
+    std::string field;    // "mixUsersArray[2].rect.w"; empty: no field
+    std::string message;  // "expected …, found …"; may quote the file
 };
 
-struct MixReading {
-    kstmedia::VexaTranscodingConfigInternal config;
-    std::vector<MixMistake> mistakes;  // in the order of the file; if there are any, `config` means nothing
-};
+// The errors are in the order of the file, and never none.
+using MixFileResult = Result<kstmedia::VexaTranscodingConfigInternal, std::vector<MixFileError>>;
 
-// Any text is taken, of any length.
-MixReading readMix(std::string_view text) noexcept;
+// Accepts any bytes of any length.
+MixFileResult readMix(std::string_view text) noexcept;
 
-MixReading readMixFile(const std::string& path) noexcept;
+MixFileResult readMixFile(const std::string& path) noexcept;
 
-// "FILE:LINE:COLUMN: field mixUsersArray[2].rect.w: expected …, found …". Not yet fit for a terminal: printable() it.
-std::string describe(const std::string& file, const MixMistake& mistake);
+// "FILE:LINE:COLUMN: field mixUsersArray[2].rect.w: expected …, found …". May contain control characters: use
+// printable() before it is shown.
+std::string describe(const std::string& file, const MixFileError& error);
 
 }  // namespace vexalive
 

@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <iterator>
 
+#include "Com/LiveRequests.h"
 #include "tools/mix/Area.h"
-#include "tools/mix/SentMix.h"
+#include "tools/mix/MixLayers.h"
 
 namespace vexalive {
 namespace {
@@ -14,7 +15,7 @@ namespace {
 using Config = kstmedia::VexaTranscodingConfigInternal;
 using User = kstmedia::VexaMixUserInternal;
 
-// ---- Measures -------------------------------------------------------------------------------------------------------
+// ---- Layout ---------------------------------------------------------------------------------------------------------
 
 constexpr double kMargin = 32;
 constexpr double kGap = 28;  // between the stage and the list
@@ -23,14 +24,14 @@ constexpr double kListX = kPreviewWidth - kMargin - kListWidth;
 constexpr double kStageWidth = kListX - kGap - kMargin;
 constexpr double kStageHeight = 620;
 constexpr double kStagePadding = 18;
-constexpr double kBottom = kPreviewTallest - kMargin;
-constexpr double kBadgeHeight = 20;  // the number of an image layer
+constexpr double kBottom = kPreviewMaxHeight - kMargin;
+constexpr double kBadgeHeight = 20;  // of an image layer number
 constexpr double kLineHeight = 16;   // of small texts
 constexpr double kEntryHeight = 84;
-constexpr double kThinnest = 1.5;  // what is drawn of a very narrow rectangle
+constexpr double kMinSide = 1.5;  // of a drawn rectangle
 
-constexpr size_t kMaxDrawn = 40;                     // rectangles on the canvas; more than 17 are refused anyway
-constexpr Area kFallbackCanvas = {0, 0, 1280, 720};  // of the picture where the canvas has no size
+constexpr size_t kMaxDrawn = 40;                     // rectangles on the canvas; the adapter accepts 17
+constexpr Area kFallbackCanvas = {0, 0, 1280, 720};  // drawn if the canvas has no size
 
 // ---- Colours --------------------------------------------------------------------------------------------------------
 
@@ -39,14 +40,14 @@ constexpr Colour kSoftInk = 0x616e7c;
 constexpr Colour kWhite = 0xffffff;
 constexpr Colour kStageColour = 0xf2f4f7;
 constexpr Colour kStageLine = 0xd5dbe1;
-constexpr Colour kCanvasColour = 0x000000;  // as it is sent
+constexpr Colour kCanvasColour = 0x000000;  // the "color" that the adapter sends
 constexpr Colour kAudioColour = 0xe1e6eb;
 constexpr Colour kRed = 0xb3001b;
 constexpr Colour kRedTint = 0xfdecee;
 constexpr Colour kAmber = 0x7a4f00;
 constexpr Colour kGreen = 0x0b6b3a;
 constexpr Colour kGreenTint = 0xe8f5ee;
-// Light enough for dark texts, and neighbours differ.
+// Light enough for dark text; neighbours differ.
 constexpr Colour kInputColours[] = {0xa9cbe8, 0xf4dca6, 0xb3d9b8, 0xecbcc0, 0xcdc3ea, 0xf3c7a8,
                                     0xa8d8d3, 0xddcfbb, 0xd6de9f, 0xb6c5ec, 0xe3bcdc, 0xc3ccd4};
 
@@ -62,12 +63,12 @@ constexpr TextStyle kNumber = {12, kWhite, true};
 constexpr const char* kDot = " \u00b7 ";
 constexpr const char* kTimes = " \u00d7 ";
 
-// ---- Words ----------------------------------------------------------------------------------------------------------
+// ---- Text -----------------------------------------------------------------------------------------------------------
 
-std::string joined(const std::vector<std::string>& parts, const char* between) {
+std::string joined(const std::vector<std::string>& parts, const char* separator) {
     std::string text;
     for (const std::string& part : parts) {
-        text += (text.empty() ? "" : between) + part;
+        text += (text.empty() ? "" : separator) + part;
     }
     return text;
 }
@@ -76,8 +77,8 @@ std::string sizeText(int32_t width, int32_t height) {
     return std::to_string(width) + kTimes + std::to_string(height);
 }
 
-// The output in words: what is set, then what is left to the service.
-std::string describeOutput(const Config& config, bool isAudioOnly) {
+// The settings of the output, then those that are left to the service.
+std::string describeOutput(const Config& config, bool isPureAudio) {
     struct Setting {
         const char* before;
         const char* after;
@@ -94,29 +95,29 @@ std::string describeOutput(const Config& config, bool isAudioOnly) {
         {"", config.audioChannels == 1 ? " audio channel" : " audio channels", "audio channels", config.audioChannels,
          false},
     };
-    std::vector<std::string> parts = {isAudioOnly ? std::string("Audio only, no canvas")
+    std::vector<std::string> parts = {isPureAudio ? std::string("Audio only, no canvas")
                                                   : "Canvas " + sizeText(config.videoWidth, config.videoHeight)};
-    std::vector<std::string> left;
+    std::vector<std::string> defaults;
     for (const Setting& setting : settings) {
-        if (setting.value != -1) {
+        if (setting.value != requests::kNotSet) {
             parts.push_back(setting.before + std::to_string(setting.value) + setting.after);
-        } else if (!isAudioOnly || !setting.isVideo) {
-            left.emplace_back(setting.name);
+        } else if (!isPureAudio || !setting.isVideo) {
+            defaults.emplace_back(setting.name);
         }
     }
-    if (!left.empty()) {
-        parts.push_back("left to the service: " + joined(left, ", "));
+    if (!defaults.empty()) {
+        parts.push_back("left to the service: " + joined(defaults, ", "));
     }
     return joined(parts, kDot);
 }
 
 const char* streamName(const User& user) {
-    return user.streamType == kAuxiliaryStream ? "auxiliary stream" : "main stream";
+    return user.streamType == requests::kAuxiliaryStream ? "auxiliary stream" : "main stream";
 }
 
-// ---- The picture ----------------------------------------------------------------------------------------------------
+// ---- Drawing --------------------------------------------------------------------------------------------------------
 
-// Which part of the plane of the canvas is shown where on the page.
+// Maps an area of the canvas plane to the page.
 struct View {
     Area area;
     double x;
@@ -126,34 +127,34 @@ struct View {
     Box on(const Area& part) const {
         return {x + static_cast<double>(part.left - area.left) * scale,
                 y + static_cast<double>(part.top - area.top) * scale,
-                std::max(kThinnest, static_cast<double>(part.width()) * scale),
-                std::max(kThinnest, static_cast<double>(part.height()) * scale)};
+                std::max(kMinSide, static_cast<double>(part.width()) * scale),
+                std::max(kMinSide, static_cast<double>(part.height()) * scale)};
     }
 };
 
 class Painter {
 public:
-    Painter(Drawing& drawing, const Config& config, const std::vector<MixRemark>& remarks,
+    Painter(Drawing& drawing, const Config& config, const std::vector<MixDiagnostic>& diagnostics,
             const PreviewOptions& options)
         : mDrawing(drawing),
           mConfig(config),
-          mRemarks(remarks),
+          mDiagnostics(diagnostics),
           mOptions(options),
-          mIsAudioOnly(isAudioOnly(config)),
-          mInputs(sentInputs(config, options.room)),
-          mIsAtFault(config.mixUsersArray.size()),
+          mIsPureAudio(requests::isPureAudio(config.mixUsersArray)),
+          mInputs(mixLayers(config, options.room)),
+          mHasError(config.mixUsersArray.size()),
           mCanvas{0, 0, config.videoWidth, config.videoHeight},
           mHasCanvas(!mCanvas.isEmpty()) {
         if (!mHasCanvas) {
             mCanvas = kFallbackCanvas;
         }
-        for (const MixRemark& remark : remarks) {
-            if (remark.kind == MixRemark::kRefusal && remark.user) {
-                mIsAtFault[*remark.user] = true;
+        for (const MixDiagnostic& diagnostic : diagnostics) {
+            if (diagnostic.severity == MixDiagnostic::kError && diagnostic.user) {
+                mHasError[*diagnostic.user] = true;
             }
         }
         size_t videos = 0;
-        for (const SentInput& input : mInputs) {
+        for (const MixLayer& input : mInputs) {
             mColours.push_back(userOf(input).pureAudio ? kAudioColour
                                                        : kInputColours[videos++ % std::size(kInputColours)]);
         }
@@ -161,58 +162,56 @@ public:
 
     void paint() {
         const double top = paintHead();
-        const double stageBottom = mIsAudioOnly ? paintNoStage(top) : paintStage(top);
+        const double stageBottom = mIsPureAudio ? paintNoStage(top) : paintStage(top);
         const double listBottom = paintList(top);
-        mDrawing.setHeight(std::max(paintRemarks(stageBottom), listBottom) + kMargin);
+        mDrawing.setHeight(std::max(paintDiagnostics(stageBottom), listBottom) + kMargin);
     }
 
 private:
-    const User& userOf(const SentInput& input) const { return mConfig.mixUsersArray[input.index]; }
+    const User& userOf(const MixLayer& input) const { return mConfig.mixUsersArray[input.index]; }
 
     const std::string& roomOf(const User& user) const { return user.roomId.empty() ? mOptions.room : user.roomId; }
 
-    std::string about(const SentInput& input) const {
+    std::string about(const MixLayer& input) const {
         return "mixUsersArray[" + std::to_string(input.index) + "] " + userOf(input).userId + " of room " +
                roomOf(userOf(input));
     }
 
-    // ---- The head: what it is, and whether it would be sent
+    // ---- Head: title, output, whether the adapter accepts it
 
     double paintHead() {
-        const bool refused = isRefused(mRemarks);
-        const std::string verdict = refused ? "\u2717 refused by the adapter" : "\u2713 accepted by the adapter";
+        const bool refused = isRefused(mDiagnostics);
+        const std::string status = refused ? "\u2717 refused by the adapter" : "\u2713 accepted by the adapter";
         const TextStyle style = {14, refused ? kRed : kGreen, true};
-        const double verdictWidth = mDrawing.widthOf(verdict, style) + 28;
-        const Box box = {kPreviewWidth - kMargin - verdictWidth, kMargin - 4, verdictWidth, 30};
-        mDrawing.box("verdict", box, {refused ? kRedTint : kGreenTint, style.colour, 1, 15});
-        mDrawing.text("verdict-text", box.x + 14, box.y + 20, verdict, style);
+        const double statusWidth = mDrawing.widthOf(status, style) + 28;
+        const Box box = {kPreviewWidth - kMargin - statusWidth, kMargin - 4, statusWidth, 30};
+        mDrawing.box("status", box, {refused ? kRedTint : kGreenTint, style.colour, 1, 15});
+        mDrawing.text("status-text", box.x + 14, box.y + 20, status, style);
 
         const double width = kPreviewWidth - 2 * kMargin;
         double y = kMargin + 18;
-        mDrawing.text("title", kMargin, y, mDrawing.fitted(mOptions.title, kTitle, width - verdictWidth - kGap),
-                      kTitle);
+        mDrawing.text("title", kMargin, y, mDrawing.fitted(mOptions.title, kTitle, width - statusWidth - kGap), kTitle);
         y += 8;
-        for (const std::string& line : mDrawing.wrapped(describeOutput(mConfig, mIsAudioOnly), kPlain, width)) {
+        for (const std::string& line : mDrawing.wrapped(describeOutput(mConfig, mIsPureAudio), kPlain, width)) {
             y += 20;
             mDrawing.text("output", kMargin, y, line, kPlain);
         }
         y += 20;
-        const std::string output = "Output stream " + streamId(mConfig.bizId, mOptions.room, mOptions.user, false) +
-                                   kDot + "app " + std::to_string(mConfig.appId) + kDot + "biz " +
-                                   std::to_string(mConfig.bizId) + kDot + "asked for by user " + mOptions.user +
-                                   " in room " + mOptions.room;
+        const std::string output = "Output stream " +
+                                   requests::streamId({mConfig.bizId, mOptions.room, mOptions.user}) + kDot + "app " +
+                                   std::to_string(mConfig.appId) + kDot + "biz " + std::to_string(mConfig.bizId) +
+                                   kDot + "requested by user " + mOptions.user + " in room " + mOptions.room;
         mDrawing.text("identity", kMargin, y, mDrawing.fitted(output, kSoft, width), kSoft);
         return y + 22;
     }
 
-    // ---- The stage: the canvas and what lies on and around it
+    // ---- Stage: the canvas and the rectangles on and around it
 
     double paintNoStage(double top) {
         const Box box = {kMargin, top, kStageWidth, 120};
         mDrawing.box("stage", box, {kStageColour, kStageLine});
         mDrawing.text("no-canvas", box.x + box.w / 2, box.y + box.h / 2 + 5,
-                      mInputs.empty() ? "Nothing to mix" : "Audio only: nothing is drawn, no canvas is sent", kName,
-                      Anchor::kMiddle);
+                      mInputs.empty() ? "Nothing to mix" : "Audio only: the mix has no canvas", kName, Anchor::kMiddle);
         return box.bottom();
     }
 
@@ -222,14 +221,14 @@ private:
         mDrawing.box("stage", stage, {kStageColour, kStageLine});
         mDrawing.box("canvas", view.on(mCanvas), {mHasCanvas ? kCanvasColour : kWhite, kInk});
 
-        std::vector<const SentInput*> drawn;  // the lowest layer first
-        for (const SentInput& input : mInputs) {
+        std::vector<const MixLayer*> drawn;  // the lowest layer first
+        for (const MixLayer& input : mInputs) {
             if (drawn.size() < kMaxDrawn && !shownArea(input, view).isEmpty()) {
                 drawn.push_back(&input);
             }
         }
         bool hasHatch = false;
-        for (const SentInput* input : drawn) {
+        for (const MixLayer* input : drawn) {
             mDrawing.open("input", about(*input));
             hasHatch |= paintRectangle(view, *input);
             mDrawing.close();
@@ -244,14 +243,14 @@ private:
         return paintLegend(stage.bottom() + 14, hasHatch);
     }
 
-    // Around the canvas as much as the inputs need, but never so much that the canvas gets small.
+    // The canvas and what surrounds it as far as the inputs need, at most 30 % of its size on each side.
     View chooseView(double top) const {
         const int64_t sideways = std::max<int64_t>(1, mCanvas.width() * 3 / 10);
         const int64_t upright = std::max<int64_t>(1, mCanvas.height() * 3 / 10);
         const Area widest = {-sideways, -upright, mCanvas.right + sideways, mCanvas.bottom + upright};
         Area shown = mCanvas;
-        for (const SentInput& input : mInputs) {
-            const Area area = common(Area::of(userOf(input).rect), widest);
+        for (const MixLayer& input : mInputs) {
+            const Area area = intersection(Area::of(userOf(input).rect), widest);
             if (!userOf(input).pureAudio && !area.isEmpty()) {
                 shown = {std::min(shown.left, area.left), std::min(shown.top, area.top),
                          std::max(shown.right, area.right), std::max(shown.bottom, area.bottom)};
@@ -263,36 +262,36 @@ private:
         return {shown, kMargin + (kStageWidth - width * scale) / 2, top, scale};
     }
 
-    // Empty if nothing of the input is to be seen.
-    Area shownArea(const SentInput& input, const View& view) const {
+    // Empty if no part of the input is in the view.
+    Area shownArea(const MixLayer& input, const View& view) const {
         const Area area = Area::of(userOf(input).rect);
-        return userOf(input).pureAudio || area.isEmpty() ? Area() : common(area, view.area);
+        return userOf(input).pureAudio || area.isEmpty() ? Area() : intersection(area, view.area);
     }
 
-    // Whether some of it lies off the canvas, and is hatched.
-    bool paintRectangle(const View& view, const SentInput& input) {
-        const bool isAtFault = mIsAtFault[input.index];
+    // Returns whether a part lies outside the canvas and is hatched.
+    bool paintRectangle(const View& view, const MixLayer& input) {
+        const bool hasError = mHasError[input.index];
         const Area area = shownArea(input, view);
-        const Area onCanvas = common(area, mCanvas);
+        const Area onCanvas = intersection(area, mCanvas);
         const bool isWithin = onCanvas == area;
         if (!isWithin) {
-            mDrawing.box("off-canvas", view.on(area), {colourOf(input), isAtFault ? kRed : kSoftInk, 1, 0, true});
+            mDrawing.box("off-canvas", view.on(area), {colourOf(input), hasError ? kRed : kSoftInk, 1, 0, true});
         }
         if (!onCanvas.isEmpty()) {
-            mDrawing.box(isAtFault ? "on-canvas refused" : "on-canvas", view.on(onCanvas),
-                         {colourOf(input), isAtFault ? kRed : kInk, isAtFault ? 3.0 : 1.0});
+            mDrawing.box(hasError ? "on-canvas refused" : "on-canvas", view.on(onCanvas),
+                         {colourOf(input), hasError ? kRed : kInk, hasError ? 3.0 : 1.0});
         }
         return !isWithin;
     }
 
-    // Where no higher layer hides it and there is most room; nothing where not even the number fits.
-    void paintLabel(const View& view, const SentInput& input, const std::vector<Area>& covers) {
+    // Draws the label into the largest visible part; none if the image layer number does not fit.
+    void paintLabel(const View& view, const MixLayer& input, const std::vector<Area>& covers) {
         const Area area = shownArea(input, view);
-        const Area onCanvas = common(area, mCanvas);
-        const auto room = [](const Box& box) { return std::min(box.w, 300.0) * std::min(box.h, 90.0); };
+        const Area onCanvas = intersection(area, mCanvas);
+        const auto space = [](const Box& box) { return std::min(box.w, 300.0) * std::min(box.h, 90.0); };
         Box box;
         for (const Area& part : visibleParts(onCanvas.isEmpty() ? area : onCanvas, covers)) {
-            if (room(view.on(part)) > room(box) * 1.01) {
+            if (space(view.on(part)) > space(box) * 1.01) {
                 box = view.on(part);
             }
         }
@@ -303,7 +302,7 @@ private:
         }
         paintBadge(box.x + inset, box.y + inset, std::to_string(input.imageLayer), badgeWidth);
         if (onCanvas.isEmpty()) {
-            return;  // words cannot be read on the hatching
+            return;  // text is unreadable on the hatching
         }
         const User& user = userOf(input);
         double y = box.y + inset + 15;
@@ -323,7 +322,7 @@ private:
         }
     }
 
-    double widthOfBadge(const SentInput& input) {
+    double widthOfBadge(const MixLayer& input) {
         return std::max(kBadgeHeight, mDrawing.widthOf(std::to_string(input.imageLayer), kNumber) + 12);
     }
 
@@ -345,30 +344,30 @@ private:
         explainBox({mHasCanvas ? kCanvasColour : kWhite, kInk},
                    mHasCanvas ? "canvas, image layer 1" : "canvas without a size");
         if (hasHatch) {
-            explainBox({kAudioColour, kSoftInk, 1, 0, true}, "off the canvas: not shown");
+            explainBox({kAudioColour, kSoftInk, 1, 0, true}, "outside the canvas: not shown");
         }
-        if (std::find(mIsAtFault.begin(), mIsAtFault.end(), true) != mIsAtFault.end()) {
+        if (std::find(mHasError.begin(), mHasError.end(), true) != mHasError.end()) {
             explainBox({kWhite, kRed, 2}, "refused");
         }
         paintBadge(x - 1, y - 3, "n", kBadgeHeight);
-        explain("image layer as it is sent");
+        explain("image layer that is sent");
         return y + 14;
     }
 
-    // ---- The list of inputs, as they are sent
+    // ---- List of inputs
 
     double paintList(double top) {
         double y = top;
         size_t listed = 0;
         for (const bool isAudio : {false, true}) {
             bool hasHeading = false;
-            for (const SentInput& input : mInputs) {
+            for (const MixLayer& input : mInputs) {
                 if (userOf(input).pureAudio != isAudio || y + kEntryHeight + 2 * kGap > kBottom) {
                     continue;
                 }
                 if (!hasHeading) {
                     mDrawing.text("heading", kListX, y + 12,
-                                  mIsAudioOnly ? "In the order in which they are sent"
+                                  mIsPureAudio ? "In the order of sending"
                                   : isAudio    ? "Audio only, not on the canvas"
                                                : "On the canvas, lowest layer first",
                                   kHeading);
@@ -387,21 +386,21 @@ private:
         return y - (kEntryHeight - kBadgeHeight - 3 * kLineHeight);
     }
 
-    void paintEntry(double y, const SentInput& input) {
+    void paintEntry(double y, const MixLayer& input) {
         const User& user = userOf(input);
         const double x = kListX + 40;
         const double right = kListX + kListWidth;
-        const bool isAtFault = mIsAtFault[input.index];
+        const bool hasError = mHasError[input.index];
         const double badgeWidth = widthOfBadge(input);
 
         mDrawing.open("entry", about(input));
         mDrawing.box("entry-badge", {kListX, y, badgeWidth, kBadgeHeight},
-                     {colourOf(input), isAtFault ? kRed : kInk, isAtFault ? 2.0 : 1.0, 4});
+                     {colourOf(input), hasError ? kRed : kInk, hasError ? 2.0 : 1.0, 4});
         mDrawing.text("entry-number", kListX + badgeWidth / 2, y + 14.5, std::to_string(input.imageLayer),
                       {12, kInk, true}, Anchor::kMiddle);
-        const std::string place = "[" + std::to_string(input.index) + "]";  // in mixUsersArray
-        mDrawing.text("entry-index", right, y + 14.5, place, kSoftMono, Anchor::kRight);
-        const double nameWidth = right - x - mDrawing.widthOf(place, kSoftMono) - 12;
+        const std::string index = "[" + std::to_string(input.index) + "]";  // in mixUsersArray
+        mDrawing.text("entry-index", right, y + 14.5, index, kSoftMono, Anchor::kRight);
+        const double nameWidth = right - x - mDrawing.widthOf(index, kSoftMono) - 12;
         mDrawing.text("entry-user", x, y + 15, mDrawing.fitted(user.userId, kName, nameWidth), kName);
         y += kBadgeHeight;
 
@@ -409,7 +408,7 @@ private:
             y += kLineHeight;
             mDrawing.text(what, x, y - 2, mDrawing.fitted(text, style, right - x), style);
         };
-        const std::string layer = mIsAudioOnly ? "" : "zOrder " + std::to_string(user.zOrder) + kDot;
+        const std::string layer = mIsPureAudio ? "" : "zOrder " + std::to_string(user.zOrder) + kDot;
         const std::string corner = std::to_string(user.rect.x) + ", " + std::to_string(user.rect.y);
         line("entry-stream", layer + streamName(user) + " of room " + roomOf(user), kSoft);
         line("entry-place", user.pureAudio ? "audio only" : sizeText(user.rect.w, user.rect.h) + " at " + corner,
@@ -418,28 +417,29 @@ private:
         mDrawing.close();
     }
 
-    Colour colourOf(const SentInput& input) const { return mColours[static_cast<size_t>(&input - mInputs.data())]; }
+    Colour colourOf(const MixLayer& input) const { return mColours[static_cast<size_t>(&input - mInputs.data())]; }
 
-    // ---- What the adapter refuses, and what is hardly meant
+    // ---- Diagnostics
 
-    double paintRemarks(double y) {
-        if (!mRemarks.empty()) {
+    double paintDiagnostics(double y) {
+        if (!mDiagnostics.empty()) {
             y += 16;
         }
-        if (isRefused(mRemarks)) {
+        if (isRefused(mDiagnostics)) {
             y = paintParagraph(y, "refused-head", "",
-                               "The adapter sends nothing of this: it tells onStartPublishStreamUrl the code -3324.",
+                               "The adapter would send nothing and call onStartPublishStreamUrl with code " +
+                                   std::to_string(requests::kInvalidMix.code) + ".",
                                {13, kRed, true});
         }
         size_t shown = 0;
-        for (; shown < mRemarks.size() && y + 70 <= kBottom; ++shown) {
-            const MixRemark& remark = mRemarks[shown];
-            const bool isRefusal = remark.kind == MixRemark::kRefusal;
+        for (; shown < mDiagnostics.size() && y + 70 <= kBottom; ++shown) {
+            const MixDiagnostic& diagnostic = mDiagnostics[shown];
+            const bool isRefusal = diagnostic.severity == MixDiagnostic::kError;
             y = paintParagraph(y, isRefusal ? "refusal" : "warning", isRefusal ? "\u2717" : "\u26a0",
-                               remark.field + " " + remark.text, {13, isRefusal ? kRed : kAmber});
+                               diagnostic.field + " " + diagnostic.message, {13, isRefusal ? kRed : kAmber});
         }
-        if (shown < mRemarks.size()) {
-            y = paintParagraph(y, "more", "", "and " + std::to_string(mRemarks.size() - shown) + " more", kSoft);
+        if (shown < mDiagnostics.size()) {
+            y = paintParagraph(y, "more", "", "and " + std::to_string(mDiagnostics.size() - shown) + " more", kSoft);
         }
         return y;
     }
@@ -458,22 +458,22 @@ private:
 
     Drawing& mDrawing;
     const Config& mConfig;
-    const std::vector<MixRemark>& mRemarks;
+    const std::vector<MixDiagnostic>& mDiagnostics;
     const PreviewOptions& mOptions;
-    const bool mIsAudioOnly;
-    const std::vector<SentInput> mInputs;
-    std::vector<bool> mIsAtFault;  // by the index in mixUsersArray
+    const bool mIsPureAudio;
+    const std::vector<MixLayer> mInputs;
+    std::vector<bool> mHasError;   // by the index in mixUsersArray
     std::vector<Colour> mColours;  // of mInputs
-    Area mCanvas;                  // or what stands for it
+    Area mCanvas;                  // kFallbackCanvas if it has no size
     const bool mHasCanvas;
 };
 
 }  // namespace
 
-std::unique_ptr<Drawing> drawPreview(const Config& config, const std::vector<MixRemark>& remarks,
+std::unique_ptr<Drawing> drawPreview(const Config& config, const std::vector<MixDiagnostic>& diagnostics,
                                      const PreviewOptions& options) {
     auto drawing = std::make_unique<Drawing>(kPreviewWidth);
-    Painter(*drawing, config, remarks, options).paint();
+    Painter(*drawing, config, diagnostics, options).paint();
     return drawing;
 }
 

@@ -1,5 +1,4 @@
-// A picture of a mix as the adapter would send it: the canvas to scale, each input in its layer, and what the adapter
-// would refuse. Used by the `preview` command.
+// Draws a mix as the adapter would send it: the canvas to scale, the inputs in their layers, and the diagnostics.
 
 #ifndef VEXALIVE_TOOLS_MIX_PREVIEW_H
 #define VEXALIVE_TOOLS_MIX_PREVIEW_H
@@ -10,22 +9,23 @@
 
 #include "params/VexaTranscodingConfigInternal.h"
 #include "tools/mix/Drawing.h"
-#include "tools/mix/MixJudgement.h"
+#include "tools/mix/MixValidation.h"
 
 namespace vexalive {
 
 struct PreviewOptions {
-    std::string title;  // what the configuration was read from
-    std::string room;   // the local user's, which the inputs of no room are in
-    std::string user;   // the local user, whose stream id the output gets
+    std::string title;  // the name of the mix file
+    std::string room;   // the local user's; applies to inputs without a room
+    std::string user;   // the local user; determines the stream id of the output
 };
 
 constexpr double kPreviewWidth = 1280;
-constexpr double kPreviewTallest = 1700;
+constexpr double kPreviewMaxHeight = 1700;
 
-// Any configuration is drawn, refused ones too; the picture's size is bounded. `remarks` are judgeMix()'s.
+// Draws any configuration, also a refused one; the size of the drawing is bounded. `diagnostics` come from
+// validateMix().
 std::unique_ptr<Drawing> drawPreview(const kstmedia::VexaTranscodingConfigInternal& config,
-                                     const std::vector<MixRemark>& remarks, const PreviewOptions& options);
+                                     const std::vector<MixDiagnostic>& diagnostics, const PreviewOptions& options);
 
 }  // namespace vexalive
 

@@ -1,14 +1,11 @@
-#include "tools/Text.h"
+#include "tools/Secrets.h"
 
 #include <algorithm>
 #include <string_view>
 
 namespace vexalive {
-namespace {
 
-constexpr size_t kMinSecret = 4;
-
-}  // namespace
+constexpr size_t kMinSecret = 4;  // bytes
 
 void Secrets::add(const std::string& value) {
     if (value.size() >= kMinSecret) {

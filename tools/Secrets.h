@@ -1,0 +1,23 @@
+#ifndef VEXALIVE_TOOLS_SECRETS_H
+#define VEXALIVE_TOOLS_SECRETS_H
+
+#include <string>
+#include <vector>
+
+namespace vexalive {
+
+// Values that no output may show. Values shorter than four bytes are ignored: they would match everywhere.
+class Secrets {
+public:
+    void add(const std::string& value);
+
+    // The text with "[hidden]" in place of each value.
+    std::string hide(std::string text) const;
+
+private:
+    std::vector<std::string> mValues;  // the longest first: one value may contain another
+};
+
+}  // namespace vexalive
+
+#endif
