@@ -11,9 +11,10 @@
 #include <string>
 #include <utility>
 
-#include "../tests/counts/AdapterInside.h"
 #include "Benchmark.h"
+#include "base/Clock.h"
 #include "base/ServiceAddress.h"
+#include "support/SampleMix.h"
 
 namespace {
 
@@ -31,22 +32,25 @@ constexpr double kSecondsOfBatch = 0.003;
 
 class ByAdapter {
 public:
-    explicit ByAdapter(int users) : mAdapter(adapterThatMixes(users)) {}
+    explicit ByAdapter(int users) : mMix(users) {}
 
-    std::string mix() { return (*mAdapter.*mInside.getMixPostData)(); }
-    std::string report() { return (*mAdapter.*mInside.getReportMixPostData)(kTask); }
-    std::string streamId() { return (*mAdapter.*mInside.getStreamId)("4711", "guest-1", true); }
+    std::string mix() {
+        const auto timestamp = static_cast<uint32_t>(kstf_gettickcount()) / 1000;
+        return vexalive::requests::startMixBody({mMix.config.appId, timestamp, ++mLastEvent}, mMix.sender, mMix.config);
+    }
+    std::string report() { return vexalive::requests::mixDescription(kTask, mMix.sender, mMix.config); }
+    std::string streamId() { return vexalive::requests::streamId(mMix.sender.bizId, "4711", "guest-1", true); }
 
 private:
-    const AdapterInside mInside = adapterInside();
-    const std::shared_ptr<LiveTranscodingAdapter> mAdapter;
+    const SampleMix mMix;
+    std::atomic<int> mLastEvent{1'700'000'000};
 };
 
 // ---- By hand --------------------------------------------------------------------------------------------------------
 
 class ByHand {
 public:
-    explicit ByHand(int users) : mConfig((*adapterThatMixes(users)).*adapterInside().config) {}
+    explicit ByHand(int users) : mConfig(SampleMix(users).config) {}
 
     std::string mix() {
         const std::string session = streamIdOf(mRoomId, "u-bodies", true);

@@ -1,4 +1,4 @@
-// Makes the texts of requests, for others to count the processor's work.
+// Builds request bodies and stream ids, so that the instructions can be counted.
 //
 //     body_probe mix USERS N      N bodies of a mix of so many users
 //     body_probe stream_id N      N stream ids
@@ -6,33 +6,33 @@
 #include <cstdlib>
 #include <string>
 
-#include "AdapterInside.h"
+#include "support/SampleMix.h"
 
 namespace {
 
-// False if one is empty.
+// False if a string is empty.
 template <class F>
-bool make(int number, F text) {
-    bool isWhole = true;
+bool repeat(int number, F build) {
+    bool allBuilt = true;
     for (int i = 0; i < number; ++i) {
-        isWhole &= !text().empty();
+        allBuilt &= !build().empty();
     }
-    return isWhole;
+    return allBuilt;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    namespace requests = vexalive::requests;
     const std::string what = argc > 2 ? argv[1] : "";
     const int number = std::atoi(argv[argc - 1]);
-    const AdapterInside inside = adapterInside();
     if (what == "mix" && argc == 4) {
-        const auto adapter = adapterThatMixes(std::atoi(argv[2]));
-        return make(number, [&] { return (*adapter.*inside.getMixPostData)(); }) ? 0 : 1;
+        const SampleMix mix(std::atoi(argv[2]));
+        const requests::Envelope envelope = {mix.config.appId, 1000, 1'700'000'000};
+        return repeat(number, [&] { return requests::startMixBody(envelope, mix.sender, mix.config); }) ? 0 : 1;
     }
     if (what == "stream_id") {
-        const auto adapter = adapterThatMixes(1);
-        return make(number, [&] { return (*adapter.*inside.getStreamId)("4711", "guest-1", true); }) ? 0 : 1;
+        return repeat(number, [] { return requests::streamId(8888, "4711", "guest-1", true); }) ? 0 : 1;
     }
     return 2;
 }
