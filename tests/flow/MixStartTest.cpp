@@ -145,18 +145,6 @@ TEST_F(MixStartTest, CallAlwaysReturnsZeroAndDoesNothingItself) {
     expectNoEffects();
 }
 
-TEST_F(MixStartTest, RefusedParametersAreStoredNowhere) {
-    givenInRoom();
-    VexaTranscodingConfigInternal incomplete = mix();
-    incomplete.videoWidth = 0;
-
-    startMix(incomplete);
-    cancelMix();
-
-    EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_EQ(notified().back().operation, "onStopLiveMixTranscoding");
-}
-
 TEST_F(MixStartTest, RefusalsLeaveAWaitingConfigurationWaiting) {
     givenUser();
     startMix();
@@ -173,20 +161,6 @@ TEST_F(MixStartTest, RefusalsLeaveAWaitingConfigurationWaiting) {
     EXPECT_THAT(reports().back().information, mixText());
 }
 
-TEST_F(MixStartTest, SupersededMixWithMissingNumbersIsStillNotifiedAndReportedWithTheNewestInformation) {
-    givenInRoom();
-    VexaTranscodingConfigInternal incomplete = mix();
-    incomplete.videoWidth = 0;
-
-    mAdapter->setLiveMixTranscoding(incomplete);
-    mAdapter->setLiveMixTranscoding(mix());
-    run();
-
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, kInvalid}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), kInvalid}));
-    EXPECT_THAT(requests(), SizeIs(1));
-}
-
 // ---- Users ----------------------------------------------------------------------------------------------------------
 
 TEST_F(MixStartTest, RefusedUsersAreNotifiedAndThenReported) {
@@ -200,16 +174,6 @@ TEST_F(MixStartTest, RefusedUsersAreNotifiedAndThenReported) {
     EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "bPureAudio:1"},
                                    Logged{4, "checkMixConfig", "error: config or config.mixUser can't be null"},
                                    Logged{4, "operator()", "error: checkMixConfig ret invalid cnt:0"}));
-}
-
-TEST_F(MixStartTest, ListenerThatStartsAgainFromARefusalIsVisibleInItsReport) {
-    givenInRoom();
-    mListener->onCall = [this] { mAdapter->setLiveMixTranscoding(mix()); };
-
-    startMix(mix({}));
-
-    EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), kBadUsers}));
-    EXPECT_THAT(requests(), SizeIs(1));
 }
 
 TEST_F(MixStartTest, RefusedUsersAreStoredNowhere) {
@@ -251,18 +215,6 @@ TEST_F(MixStartTest, SupersededMixWithBadUsersIsDroppedWithoutACheck) {
                     Logged{2, "startMixStream", "startMixStream index: 2, retryStartMixCnt:0, jsonStr: " + body(0)}));
 }
 
-TEST_F(MixStartTest, OfTwoMixesInQuickSuccessionOnlyTheSecondIsSent) {
-    givenInRoom();
-
-    mAdapter->setLiveMixTranscoding(mix());
-    mAdapter->setLiveMixTranscoding(mix({user("bob", 1)}));
-    run();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(body(0), HasSubstr(kBobMain));
-    EXPECT_EQ(log().at(1), (Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
-}
-
 TEST_F(MixStartTest, MixIsSentAfterARefusedOne) {
     givenInRoom();
     startMix(mix({}));
@@ -300,33 +252,6 @@ TEST_F(MixStartTest, ConfigurationIsCopiedInTheCall) {
 
 // ---- Before room entry ----------------------------------------------------------------------------------------------
 
-TEST_F(MixStartTest, MixOutsideTheRoomIsReportedAndNotNotified) {
-    givenUser();
-
-    startMix();
-
-    EXPECT_THAT(log(),
-                ElementsAre(Logged{2, "operator()", "bPureAudio:0"}, Logged{4, "operator()", "not enterRoom status"}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{31, mixText(), "not enterRoom status"}));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(requests(), IsEmpty());
-}
-
-TEST_F(MixStartTest, RoomEntryStartsTheWaitingMixAsANewGeneration) {
-    givenUser();
-    startMix();
-    clearRecords();
-
-    enterRoom();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(log().back(),
-              (Logged{2, "startMixStream", "startMixStream index: 2, retryStartMixCnt:0, jsonStr: " + body(0)}));
-    respondOk();
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
-    EXPECT_THAT(reports().at(0).detail, testing::StartsWith("task_id:2, "));
-}
-
 TEST_F(MixStartTest, WaitingConfigurationIsStoredUnsortedAndSentSorted) {
     givenUser();
     startMix(mix({user("bob", 3), user("alice", 1)}));
@@ -360,18 +285,6 @@ TEST_F(MixStartTest, WaitingConfigurationIsStoredWhole) {
     EXPECT_EQ(reports().back().information, config.to_string());
 }
 
-TEST_F(MixStartTest, NewerMixOutsideTheRoomReplacesTheWaitingOne) {
-    givenUser();
-    startMix();
-    startMix(mix({user("bob", 1)}));
-
-    enterRoom();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(body(0), HasSubstr(std::string(R"("input_stream_id":")") + kBobMain));
-    EXPECT_THAT(body(0), testing::Not(HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain)));
-}
-
 TEST_F(MixStartTest, WaitingMixThatIsRefusedAtRoomEntryIsSentAgainAtTheNext) {
     givenUser();
     startMix();
@@ -382,40 +295,6 @@ TEST_F(MixStartTest, WaitingMixThatIsRefusedAtRoomEntryIsSentAgainAtTheNext) {
 
     EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, kInvalid},
                                         Notified{"onStartPublishStreamUrl", -3324, kInvalid}));
-}
-
-TEST_F(MixStartTest, MixCalledBehindARoomEntryIsSupersededByTheReissuedOne) {
-    givenUser();
-    startMix();
-    clearRecords();
-
-    mAdapter->updateEnterRoomInfo("room7", kMapKey);
-    mAdapter->setLiveMixTranscoding(mix({user("bob", 1)}));
-    run();
-
-    EXPECT_EQ(log().at(1), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(body(0), HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain));
-}
-
-TEST_F(MixStartTest, WaitingMixIsStartedOnlyOnce) {
-    givenUser();
-    startMix();
-    enterRoom();
-
-    enterRoom("room8");
-
-    EXPECT_THAT(requests(), SizeIs(1));
-}
-
-TEST_F(MixStartTest, WaitingMixSetsTheIdsSoThatACancelIsSent) {
-    givenUser();
-    startMix();
-
-    cancelMix();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(request(0).client, kCancelMix.client);
 }
 
 // ---- Sent and responded to
@@ -482,16 +361,6 @@ TEST_F(MixStartTest, InformationKeepsTheCallersOrder) {
                 "streamType:0]"));
 }
 
-TEST_F(MixStartTest, ListenerThatUpdatesFromItsCallIsVisibleInTheReport) {
-    givenInRoom();
-    startMix();
-    mListener->onCall = [this] { mAdapter->setLiveMixTranscoding(mix({audioUser("bob")})); };
-
-    respondOk();
-
-    EXPECT_EQ(reports().at(0).information, mix({audioUser("bob")}).to_string());
-}
-
 TEST_F(MixStartTest, NewMixDoesNotKeepARetryUnderWayFromNotifyingTheListener) {
     givenRetrySent(kStartMix);
     startMix(mix({user("bob", 1)}));
@@ -516,15 +385,4 @@ TEST_F(MixStartTest, RetryHasTheUserAndRoomOfItsTime) {
     EXPECT_THAT(body(1), HasSubstr(std::string(R"("session_id":")") + kBobMain));
     EXPECT_THAT(body(1), HasSubstr(std::string(R"("output_stream_id":")") + kBobMain));
     EXPECT_THAT(body(1), HasSubstr(std::string(R"("input_stream_id":")") + kAliceMain));
-}
-
-TEST_F(MixStartTest, RetrysTraceAddsOnlyResponsesToTheDescription) {
-    givenRetrySent(kStartMix);
-
-    respondOk();
-
-    const std::string detail = reports().at(0).detail;
-    EXPECT_EQ(detail.find("task_id:"), 0u);
-    EXPECT_EQ(detail.find("task_id:", 1), std::string::npos);
-    EXPECT_THAT(detail, EndsWith("\"}" + traceSegment(10, 1, "") + traceSegment(9, 0, kOk)));
 }

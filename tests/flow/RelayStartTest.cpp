@@ -12,7 +12,6 @@ class RelayStartTest : public FlowTest {
 protected:
     static constexpr const char* kInvalid = "startPublishStreamUrl failure, param is invalid";
     static constexpr const char* kOtherUrl = "rtmp://cdn.test/live/other";
-    static constexpr const char* kOtherText = "appId:12345, bizId:8888, url:rtmp://cdn.test/live/other";
 
     static VexaPublishCDNParamInternal param(int appId, int bizId, const std::string& url) {
         VexaPublishCDNParamInternal made;
@@ -54,23 +53,6 @@ TEST_F(RelayStartTest, IncompleteParameterIsNotifiedAndReportedAndNothingIsSent)
     }
 }
 
-TEST_F(RelayStartTest, RefusalIsNotifiedBeforeItIsReported) {
-    givenInRoom();
-
-    startRelay(relay(""));
-
-    EXPECT_THAT(mPlatform.order, ElementsAre("onStartPublishStreamUrl", "report 30"));
-}
-
-TEST_F(RelayStartTest, RefusalComesOutsideTheRoomToo) {
-    givenUser();
-
-    startRelay(relay(""));
-
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3323, kInvalid}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, "appId:12345, bizId:8888, url:", kInvalid}));
-}
-
 TEST_F(RelayStartTest, NegativeIdsAreAccepted) {
     givenInRoom();
 
@@ -78,17 +60,6 @@ TEST_F(RelayStartTest, NegativeIdsAreAccepted) {
 
     EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(body(0), HasSubstr(R"({"appid":-1,"dest_stream_url":"rtmp://a","domain":"-2.push.test",)"));
-}
-
-TEST_F(RelayStartTest, RefusedParameterChangesNoStoredState) {
-    givenInRoom();
-
-    startRelay(relay(""));
-
-    // Nothing counts as started, so a stop is refused.
-    stopRelay();
-    EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_EQ(notified().back().operation, "onStopLiveMixTranscoding");
 }
 
 TEST_F(RelayStartTest, RefusedParameterLeavesTheStoredOneInForce) {
@@ -103,62 +74,7 @@ TEST_F(RelayStartTest, RefusedParameterLeavesTheStoredOneInForce) {
     EXPECT_THAT(body(1), HasSubstr(std::string("\"dest_stream_url\":\"") + kUrl));
 }
 
-TEST_F(RelayStartTest, RefusedParameterLeavesAPendingStartPending) {
-    givenUser();
-    startRelay();
-    startRelay(relay(""));
-
-    enterRoom();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(body(0), HasSubstr(kUrl));
-}
-
-TEST_F(RelayStartTest, SupersededIncompleteStartIsStillNotifiedAndReportedWithTheNewestInformation) {
-    givenInRoom();
-
-    mAdapter->startPublishStreamUrl(relay(""));
-    mAdapter->startPublishStreamUrl(relay());
-    run();
-
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3323, kInvalid}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, kInvalid}));
-    EXPECT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(log(), ElementsAre(Logged{4, "operator()", "error: url invalid url = , appId:12345, bizId:8888"},
-                                   testing::Field(&Logged::function, "addPublishUrlInner")));
-}
-
 // ---- Superseded before it was sent ----------------------------------------------------------------------------------
-
-TEST_F(RelayStartTest, OfTwoStartsInQuickSuccessionOnlyTheSecondIsSent) {
-    givenInRoom();
-
-    mAdapter->startPublishStreamUrl(relay());
-    mAdapter->startPublishStreamUrl(relay(kOtherUrl));
-    run();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(body(0), relayBody(0, kOtherUrl, 1000));
-    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:1, cdnTaskIndex:2"}));
-    EXPECT_THAT(log(), SizeIs(2));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
-}
-
-TEST_F(RelayStartTest, SupersededStartStoresNothing) {
-    givenUser();
-
-    mAdapter->startPublishStreamUrl(relay());
-    mAdapter->stopPublishStreamUrl();
-    run();
-    enterRoom();
-
-    EXPECT_THAT(notified(),
-                ElementsAre(Notified{"onStopLiveMixTranscoding", -3323,
-                                     "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl "
-                                     "before"}));
-    EXPECT_THAT(requests(), IsEmpty());
-}
 
 TEST_F(RelayStartTest, ParameterIsCopiedInTheCall) {
     givenInRoom();
@@ -169,57 +85,6 @@ TEST_F(RelayStartTest, ParameterIsCopiedInTheCall) {
     run();
 
     EXPECT_THAT(body(0), HasSubstr(kUrl));
-}
-
-// ---- Before room entry ----------------------------------------------------------------------------------------------
-
-TEST_F(RelayStartTest, StartOutsideTheRoomIsReportedAndNotNotified) {
-    givenUser();
-
-    startRelay();
-
-    EXPECT_THAT(log(), ElementsAre(Logged{2, "operator()", "not enterRoom status"}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, "not enterRoom status"}));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(requests(), IsEmpty());
-}
-
-TEST_F(RelayStartTest, RoomEntrySendsTheWaitingStartAsANewGeneration) {
-    givenUser();
-    startRelay();
-    clearRecords();
-
-    enterRoom();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(body(0), relayBody(0, kUrl, 1000));
-    EXPECT_THAT(log(), ElementsAre(Logged{2, "addPublishUrlInner",
-                                          "addPublishUrlInner index: 2, retryStartCdnCnt:0, jsonStr: " + body(0)}));
-    respondOk();
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, kRelayText, body(0) + traceSegment(10, 0, kOk)}));
-}
-
-TEST_F(RelayStartTest, WaitingStartIsSentOnlyOnce) {
-    givenUser();
-    startRelay();
-    enterRoom();
-    respondOk();
-
-    enterRoom("room8", "another-key");
-
-    EXPECT_THAT(requests(), SizeIs(1));
-}
-
-TEST_F(RelayStartTest, NewestOfTheWaitingStartsIsSent) {
-    givenUser();
-    startRelay();
-    startRelay(relay(kOtherUrl));
-
-    enterRoom();
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(body(0), HasSubstr(kOtherUrl));
 }
 
 // ---- Sent and responded to
@@ -284,37 +149,7 @@ TEST_F(RelayStartTest, DestinationThatIsNotUtf8IsSentWithReplacementCharacters) 
     EXPECT_THAT(body(0), HasSubstr("\"dest_stream_url\":\"rtmp://\xef\xbf\xbd/a\""));
 }
 
-TEST_F(RelayStartTest, SecondStartAfterTheFirstEndedHasTheWholeRetryBudget) {
-    givenInRoom();
-    startRelay();
-    failAndWaitForRetry();
-    respondOk();
-    clearRecords();
-
-    startRelay();
-    respondToAll(kTryAgain, "");
-
-    EXPECT_THAT(requests(), SizeIs(11));
-}
-
 // ---- Retried --------------------------------------------------------------------------------------------------------
-
-TEST_F(RelayStartTest, TraceHoldsTheFirstBodyAndOneSegmentForEachResponse) {
-    givenInRoom();
-    startRelay();
-
-    failAndWaitForRetry();
-    respond(0, R"({"code":-1})");
-    pass(Milliseconds(1000));
-    respondOk();
-
-    EXPECT_THAT(reports(),
-                ElementsAre(Reported{30, kRelayText,
-                                     body(0) + " [tryHttp:cnt-10]retCode:1, respData:" +
-                                         R"( [tryHttp:cnt-9]retCode:0, respData:{"code":-1})" +
-                                         R"( [tryHttp:cnt-8]retCode:0, respData:{"code":0,"message":"fine"})"}));
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
-}
 
 TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
     givenInRoom();
@@ -336,26 +171,6 @@ TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
         ElementsAre(
             Logged{2, "operator()", "retryAddPublishUrlInner index: 1, retryStartCdnCnt:1, jsonStr: " + body(0)},
             Logged{2, "operator()", "retryAddPublishUrlInner index: 2, retryStartCdnCnt:1, jsonStr: " + body(1)}));
-}
-
-TEST_F(RelayStartTest, ResponseOfASupersededRetryIsDropped) {
-    givenInRoom();
-    startRelay();
-    respond(kTryAgain, "");
-    startRelay(relay(kOtherUrl));
-    respondTo(1, 0, kOk);
-    pass(Milliseconds(1000));
-    ASSERT_THAT(requests(), SizeIs(3));
-    mNotified.clear();
-    mPlatform.log.clear();
-    mPlatform.reports.clear();
-
-    respondTo(2, 0, kOk);
-
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
-    EXPECT_THAT(log(), IsEmpty());
-    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
 }
 
 TEST_F(RelayStartTest, StopWhileARetryWaitsLetsItSendAndDropsItsResponse) {
@@ -412,26 +227,4 @@ TEST_F(RelayStartTest, MixWorkDoesNotSupersedeARelay) {
     respondTo(0, 0, kOk);
 
     EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
-}
-
-// ---- The report's text ----------------------------------------------------------------------------------------------
-
-TEST_F(RelayStartTest, ListenerThatStartsAgainFromItsCallIsVisibleInTheReport) {
-    givenInRoom();
-    startRelay();
-    mListener->onCall = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
-
-    respondOk();
-
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, kOtherText, body(0) + traceSegment(10, 0, kOk)}));
-    EXPECT_THAT(requests(), SizeIs(2));
-}
-
-TEST_F(RelayStartTest, ListenerThatStartsAgainFromARefusalIsVisibleInTheReport) {
-    givenInRoom();
-    mListener->onCall = [this] { mAdapter->startPublishStreamUrl(relay(kOtherUrl)); };
-
-    startRelay(relay(""));
-
-    EXPECT_THAT(reports(), ElementsAre(Reported{30, kOtherText, kInvalid}));
 }
