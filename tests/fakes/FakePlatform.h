@@ -1,4 +1,4 @@
-// The SDK's facilities as a test sees them: what the adapter logged, reported and sent is kept, and nothing goes out.
+// The SDK's facilities for tests: records what the adapter logs, reports and sends, and sends nothing.
 //
 // FakePlatform.cpp defines the seam of src/base (HTTPS client, log, report, clocks, version, address) on this object.
 // The clocks follow virtual time. For tests on one thread.

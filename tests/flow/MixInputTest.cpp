@@ -44,7 +44,7 @@ protected:
         EXPECT_THAT(log(), Not(Contains(testing::Field(&Logged::level, 4))));
     }
 
-    // The rectangles' x of the sent inputs, by which a test tells them apart.
+    // The rectangles' x of the sent inputs, by which a test identifies them.
     std::vector<int> sentPlaces() const {
         const std::string& sent = body(0);
         const std::string key = "\"location_x\":";
@@ -68,10 +68,10 @@ TEST_F(MixInputTest, LayersZeroToSixteenAreAcceptedThoughTheMessageSaysOne) {
 }
 
 TEST_F(MixInputTest, NothingButLayersAndAudioFlagsIsChecked) {
-    VexaMixUserInternal nobody = user("", 1);
-    nobody.rect = {-1, -2, 0, -3};
-    nobody.streamType = -9;
-    expectAccepted({nobody, user("bob", 2), user("bob", 3)});
+    VexaMixUserInternal unnamed = user("", 1);
+    unnamed.rect = {-1, -2, 0, -3};
+    unnamed.streamType = -9;
+    expectAccepted({unnamed, user("bob", 2), user("bob", 3)});
 }
 
 TEST_F(MixInputTest, LayerOutOfRangeIsRefusedAndShownWithItsSign) {

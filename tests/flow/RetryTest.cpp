@@ -82,8 +82,8 @@ TEST_P(RetryTest, EveryRetryIsLoggedWithTheRetriesMade) {
     ASSERT_THAT(sends, SizeIs(11));
     const std::string index = kind.isStart ? "1" : "2";
     EXPECT_EQ(sends[0], filled(kind.sendLog, {index, "0", body(0)}));
-    for (size_t tries = 1; tries <= 10; ++tries) {
-        EXPECT_EQ(sends[tries], filled(kind.retrySendLog, {index, std::to_string(tries), body(tries)}));
+    for (size_t retry = 1; retry <= 10; ++retry) {
+        EXPECT_EQ(sends[retry], filled(kind.retrySendLog, {index, std::to_string(retry), body(retry)}));
     }
 }
 

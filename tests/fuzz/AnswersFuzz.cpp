@@ -1,12 +1,12 @@
-// Hostile answers: the adapter on fakes in virtual time, against a second, slower telling of its rules.
+// Hostile responses: the adapter on fakes in virtual time, compared with an oracle of its rules.
 //
-// An input is a story, one step a line:
+// An input is a scenario with one step in each line:
 //
 //   A   a relay is started      R   it is stopped      E   the room is entered     N   the listener goes
 //   M   a mix is started        C   it is cancelled    X   the room is left        T   five seconds pass
-//   0 {"code":0}    the oldest open request is answered with this return code and body; where none is open, time passes
+//   0 {"code":0}    the oldest open request gets this return code and body; if none is open, time passes
 //                   until one is
-//   *               the last answer again, until no request comes any more
+//   *               the last response again, until no request comes any more
 
 #include <array>
 #include <chrono>
@@ -33,34 +33,38 @@ using oracle::kCancelMix;
 using oracle::Kind;
 using oracle::kRemoveRelay;
 using oracle::kStartMix;
+using oracle::Notification;
 using oracle::rulesOf;
-using Told = oracle::Notification;
 
 constexpr const char* kUserSig = "signature-of-alice";
 constexpr const char* kMapKey = "map-key-of-room7";
 constexpr size_t kMaxSteps = 100;
-constexpr size_t kMaxRequests = 60;  // of a story; the last of them are left open
+constexpr size_t kMaxRequests = 60;  // of a scenario; the last of them are left open
 
 class Listener : public ILiveTrancodingDelegate {
 public:
-    void onStartPublishStreamUrl(int code, std::string message) override { keep(kAddRelay, code, std::move(message)); }
-    void onStopPublishStreamUrl(int code, std::string message) override {
-        keep(kRemoveRelay, code, std::move(message));
+    void onStartPublishStreamUrl(int code, std::string message) override {
+        record(kAddRelay, code, std::move(message));
     }
-    void onSetLiveMixTranscoding(int code, std::string message) override { keep(kStartMix, code, std::move(message)); }
+    void onStopPublishStreamUrl(int code, std::string message) override {
+        record(kRemoveRelay, code, std::move(message));
+    }
+    void onSetLiveMixTranscoding(int code, std::string message) override {
+        record(kStartMix, code, std::move(message));
+    }
     void onStopLiveMixTranscoding(int code, std::string message) override {
-        keep(kCancelMix, code, std::move(message));
+        record(kCancelMix, code, std::move(message));
     }
 
-    std::vector<Told> told;
+    std::vector<Notification> notifications;
 
 private:
-    void keep(Kind kind, int code, std::string message) {
-        told.push_back({rulesOf(kind).name, code, std::move(message)});
+    void record(Kind kind, int code, std::string message) {
+        notifications.push_back({rulesOf(kind).name, code, std::move(message)});
     }
 };
 
-// ---- The story ------------------------------------------------------------------------------------------------------
+// ---- The scenario ---------------------------------------------------------------------------------------------------
 
 kstmedia::VexaPublishCDNParamInternal relay() {
     kstmedia::VexaPublishCDNParamInternal param;
@@ -82,9 +86,9 @@ kstmedia::VexaTranscodingConfigInternal mix() {
     return config;
 }
 
-class Story {
+class Scenario {
 public:
-    Story() {
+    Scenario() {
         mPlatform.reset();
         mAdapter->setLiveTranscodingDelegate(mListener);
         mAdapter->updateUserInfo(1400123, kUserSig, "alice");
@@ -202,7 +206,7 @@ private:
         if (mIsAnythingStarted) {
             mFirstSends.push_back(kind);
         } else {
-            expectTold({{rulesOf(kCancelMix).name, rulesOf(kind).unreadableCode, std::nullopt}});
+            expectNotifications({{rulesOf(kCancelMix).name, rulesOf(kind).unreadableCode, std::nullopt}});
         }
     }
 
@@ -221,9 +225,9 @@ private:
         supersede(1);
     }
 
-    void expectTold(std::vector<Told> told) {
+    void expectNotifications(std::vector<Notification> notifications) {
         if (mListener) {
-            mTold.insert(mTold.end(), told.begin(), told.end());
+            mExpected.insert(mExpected.end(), notifications.begin(), notifications.end());
         }
     }
 
@@ -265,7 +269,7 @@ private:
             mRetries.push_back({sent.kind, sent.index, VirtualTime::now() + Milliseconds(oracle::retryPause(retry))});
             return;
         }
-        expectTold(evaluation.notifications);
+        expectNotifications(evaluation.notifications);
         require(++task.reports == 1, "a finished task is reported once");
         if (sent.kind == kStartMix) {
             mReports.push_back({rules.event, "", &task, "task_id:" + std::to_string(sent.index) + ", "});
@@ -289,7 +293,7 @@ private:
         }
     }
 
-    // The index of the send that this log line tells of; none if it tells of something else.
+    // The index of the send that this line logs; none for another line.
     static std::optional<int> indexOfSend(const std::string& line) {
         const size_t index = line.find("index: ");
         const size_t end = line.find(", retry", index);
@@ -338,18 +342,19 @@ private:
     }
 
     void compareTold() {
-        const size_t count = mListener ? mListener->told.size() : 0;
-        require(count == mTold.size(), "the listener is called as often as the rules say");
+        const size_t count = mListener ? mListener->notifications.size() : 0;
+        require(count == mExpected.size(), "the listener is called as often as the rules say");
         for (size_t i = 0; i < count; ++i) {
-            const Told& told = mListener->told[i];
-            require(told.operation == mTold[i].operation && told.code == mTold[i].code, "the listener's code",
-                    told.operation + " " + std::to_string(told.code));
-            require(!mTold[i].message || told.message == mTold[i].message, "the listener's message", *told.message);
-            requireNoSecretIn(*told.message);
+            const Notification& call = mListener->notifications[i];
+            require(call.operation == mExpected[i].operation && call.code == mExpected[i].code, "the listener's code",
+                    call.operation + " " + std::to_string(call.code));
+            require(!mExpected[i].message || call.message == mExpected[i].message, "the listener's message",
+                    *call.message);
+            requireNoSecretIn(*call.message);
         }
-        mTold.clear();
+        mExpected.clear();
         if (mListener) {
-            mListener->told.clear();
+            mListener->notifications.clear();
         }
     }
 
@@ -397,7 +402,7 @@ private:
     std::map<std::pair<size_t, int>, Task> mTasks;
     std::vector<Retry> mRetries;
     std::vector<Kind> mFirstSends;
-    std::vector<Told> mTold;
+    std::vector<Notification> mExpected;
     std::vector<Report> mReports;
 
     // As they came.
@@ -413,12 +418,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (input.find(kUserSig) != std::string_view::npos || input.find(kMapKey) != std::string_view::npos) {
         return 0;  // what an answer holds may be shown
     }
-    Story story;
+    Scenario scenario;
     std::vector<std::string> lines = linesOf(input);
     lines.resize(std::min(lines.size(), kMaxSteps));
     for (const std::string& line : lines) {
-        story.step(line);
+        scenario.step(line);
     }
-    story.end();
+    scenario.end();
     return 0;
 }
