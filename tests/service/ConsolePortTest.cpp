@@ -56,7 +56,7 @@ TEST(ConsolePort, ServesThePageAndWhatItUsesButNotTheInterfaces) {
     EXPECT_EQ(403, statusOf(console, "POST", "/origin/publish"));
 }
 
-TEST(ConsolePort, IsThereOnlyIfAskedForAndNothingIsSaidOfMedia) {
+TEST(ConsolePort, IsOptionalAndTheStateHasNoMedia) {
     RunningService service;
     EXPECT_EQ("", service->consoleAddress());
     EXPECT_EQ("", service->originAddress());
@@ -67,7 +67,7 @@ TEST(ConsolePort, IsThereOnlyIfAskedForAndNothingIsSaidOfMedia) {
     EXPECT_FALSE(state["relays"][0].contains("source"));
 }
 
-TEST(ConsolePort, OtherWebSitesAreKeptOut) {
+TEST(ConsolePort, OtherWebSitesAreRefused) {
     RunningService service(withConsole());
     const std::string address = service->consoleAddress();
     const std::string port = address.substr(address.find(':'));
@@ -86,7 +86,7 @@ TEST(ConsolePort, OtherWebSitesAreKeptOut) {
     EXPECT_EQ(200, statusOf(console, "DELETE", "/faults", {{"Origin", "http://" + address}, {"Host", address}}));
 }
 
-TEST(ConsolePort, WithoutTlsTheServicesOwnPortLooksAtTheHostToo) {
+TEST(ConsolePort, WithoutTlsTheServicePortChecksTheHostToo) {
     RunningService service(withConsole());
     httplib::Client plain("http://" + service->address());
     const httplib::Headers elsewhere = {{"Host", "evil.test" + service->address().substr(9)}};

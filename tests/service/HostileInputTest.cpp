@@ -13,7 +13,7 @@ namespace {
 struct BytesRow {
     const char* name;
     std::string bytes;
-    const char* status;  // the start of the answer on a plain connection; empty: there may be none
+    const char* status;  // the start of the response on a plain connection; empty: there may be none
 };
 
 std::ostream& operator<<(std::ostream& stream, const BytesRow& row) {
@@ -77,9 +77,9 @@ TEST_P(HostileBytes, AreSurvivedWithinTls) {
     RunningService service;
     RawConnection connection(service->port());
     RawTls tls(connection);
-    ASSERT_TRUE(tls.shakeHands());
+    ASSERT_TRUE(tls.handshake());
     tls.send(GetParam().bytes);
-    connection.endSending();  // without TLS's own goodbye
+    connection.endSending();  // without a TLS shutdown
     connection.readToEnd();
     expectService(service);
 }
@@ -194,7 +194,7 @@ TEST(HostileClient, ADeeplyNestedOrNonUtf8BodyIsRefusedByCode) {
     expectService(service);
 }
 
-TEST(HostileClient, OneThatLeavesInTheMiddleOfAHugeAnswerIsSurvived) {
+TEST(HostileClient, DisconnectsDuringAHugeResponse) {
     RunningService service;
     for (int time = 0; time < 5; ++time) {
         vexalive::Fault huge;

@@ -293,7 +293,7 @@ TEST(LiveService, OnlyTls12AndLaterIsSpoken) {
     RunningService service;
     const auto handshakes = [&service](int lowest, int highest) {
         const RawConnection connection(service->port());
-        return RawTls(connection, lowest, highest).shakeHands();
+        return RawTls(connection, lowest, highest).handshake();
     };
     EXPECT_FALSE(handshakes(TLS1_VERSION, TLS1_1_VERSION));
     EXPECT_TRUE(handshakes(TLS1_2_VERSION, TLS1_2_VERSION));
@@ -463,7 +463,7 @@ TEST(LiveService, ListensOnIpv6AndItsCertificateIsForThatAddressAndTheName) {
         const RawConnection connection(service.port(), true);
         RawTls tls(connection);
         tls.trust(service.caFile(), name);
-        EXPECT_EQ(std::string("example.test") != name, tls.shakeHands()) << name;
+        EXPECT_EQ(std::string("example.test") != name, tls.handshake()) << name;
     }
 }
 

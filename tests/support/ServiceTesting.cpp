@@ -257,7 +257,7 @@ void RawTls::trust(const std::string& caFile, const std::string& name) {
     SSL_set_verify(mTls.get(), SSL_VERIFY_PEER, nullptr);
 }
 
-bool RawTls::shakeHands() {
+bool RawTls::handshake() {
     return SSL_connect(mTls.get()) == 1;
 }
 

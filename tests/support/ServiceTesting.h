@@ -102,7 +102,7 @@ public:
 
     // Trust only `caFile`, and only for the host name or numeric address `name`.
     void trust(const std::string& caFile, const std::string& name);
-    bool shakeHands();
+    bool handshake();
     void send(const std::string& bytes);
 
 private:
