@@ -6,8 +6,8 @@
 #include <sstream>
 #include <vector>
 
-#include "tools/Options.h"
 #include "common/Text.h"
+#include "tools/Options.h"
 
 namespace vexalive {
 namespace {

@@ -44,7 +44,7 @@ std::string describeReturnCode(int retCode) {
         }
     }
     return retCode >= CVexaHttpSendRecv::kTransportErrorBase ? "no response, and a retry would not help"
-                                                      : "HTTP status " + std::to_string(retCode);
+                                                             : "HTTP status " + std::to_string(retCode);
 }
 
 std::string quoted(const std::string& text) {
