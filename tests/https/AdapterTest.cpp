@@ -54,7 +54,7 @@ Fault failing(int times) {
 
 constexpr int kUntilCleared = 0;  // for `times`
 
-// While there is one, the service has carried requests out and keeps the answers to itself.
+// While it exists, the service carries requests out and withholds the responses.
 class HeldAnswers {
 public:
     HeldAnswers() { setHolds(true); }
@@ -62,7 +62,7 @@ public:
     HeldAnswers(const HeldAnswers&) = delete;
     HeldAnswers& operator=(const HeldAnswers&) = delete;
 
-    // On a thread of the service's, before it answers.
+    // On a thread of the service, before it responds.
     static void wait() {
         std::unique_lock<std::mutex> lock(state().mutex);
         state().changed.wait(lock, [] { return !state().holds; });
@@ -87,7 +87,7 @@ private:
 
 // The last to hold it may be a task that is just ending.
 bool waitUntilGone(const std::weak_ptr<LiveTranscodingAdapter>& adapter) {
-    const auto patience = std::chrono::steady_clock::now() + kPatience;
+    const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
     while (!adapter.expired() && std::chrono::steady_clock::now() < patience) {
         std::this_thread::yield();
     }
@@ -114,23 +114,13 @@ int countThreads() {
     return static_cast<int>(std::distance(begin(threads), end(threads)));
 }
 
-// Opens once.
-class Gate {
-public:
-    void open() { mPassed.add(true); }
-    bool pass() { return !mPassed.waitFor(1).empty(); }
-
-private:
-    Journal<bool> mPassed;
-};
-
 // All exchanges of the process, by the member that they are for.
 class ExchangeLog {
 public:
     struct Exchange {
         HttpExchange::Phase phase;
         std::string streamId;
-        std::string text;  // all that is seen of it
+        std::string text;  // everything that the observer receives
         std::chrono::steady_clock::time_point when;
     };
 
@@ -145,9 +135,9 @@ public:
                       std::chrono::steady_clock::now()});
     }
 
-    void forget() { mJournal.forget(); }
+    void clear() { mJournal.clear(); }
 
-    // Waits until the member's exchanges have gone through that many phases, three for each.
+    // Waits until the member's exchanges have passed that many phases, three for each.
     std::vector<Exchange> waitFor(size_t phases, const std::string& userId) const {
         return mJournal.waitFor(phases, [&](const Exchange& each) { return each.streamId == streamOf(userId); });
     }
@@ -160,7 +150,7 @@ public:
     }
     std::vector<Exchange> sends(const std::string& userId) const { return waitForSends(0, userId); }
 
-    // Until the answers to all that the member has sent are delivered, or dropped.
+    // Waits until the responses to all requests of the member are delivered or dropped.
     void waitForSilence(const std::string& userId) const { waitFor(3 * sends(userId).size(), userId); }
 
     std::vector<Exchange> all() const { return mJournal.all(); }
@@ -183,7 +173,7 @@ void startMix(LiveTranscodingAdapter& adapter) {
     adapter.setLiveMixTranscoding(mixConfig(2));
 }
 
-// What the service is asked for.
+// The four kinds of request.
 struct Request {
     const char* name;
     Operation before;  // has to be done already; may be null
@@ -254,11 +244,11 @@ const std::vector<Request> kRequests = {
      {"start", "cancel"}},
 };
 
-// What never reaches the service: told by a task, on the worker.
+// Calls that the adapter refuses: a task on the worker notifies the listener.
 struct RefusedCall {
     const char* name;
     Operation ask;
-    Call told;
+    Call notified;
     size_t reports;
 };
 
@@ -289,7 +279,7 @@ const std::vector<RefusedCall> kRefusedCalls = {
      0},
 };
 
-// Every test listens to the reports and sees what comes of log lines, and leaves the service well behaved.
+// Every test records reports and log lines, and clears the faults of the service at its end.
 class AdapterOverHttps : public testing::Test {
 protected:
     AdapterOverHttps() {
@@ -307,7 +297,8 @@ protected:
         service->clearFaults();
     }
 
-    // A member who can ask for this. Nothing is in flight, and nothing told, reported or exchanged until now counts.
+    // A member who can ask for this. Nothing is in flight, and nothing notified, reported or exchanged until now
+    // counts.
     std::unique_ptr<Member> ready(const Request& request, const std::string& userId,
                                   const std::string& userSig = "signature", const std::string& mapKey = "key") {
         auto member = std::make_unique<Member>(userId, userSig, mapKey);
@@ -319,8 +310,8 @@ protected:
             member->listener = std::make_shared<Listener>();
             member->adapter->setLiveTranscodingDelegate(member->listener);
         }
-        mExchanges->forget();
-        mReports->forget();
+        mExchanges->clear();
+        mReports->clear();
         return member;
     }
 
@@ -337,7 +328,7 @@ protected:
         return mReports->waitFor(1, [&](const auto& report) { return report.roomUser == "r1_" + userId; }).at(0);
     }
 
-    // All that was logged, reported, told, and seen of exchanges and of the service.
+    // Everything that was logged, reported, notified, observed of exchanges and recorded by the service.
     std::string textsThatLeave(const Listener& listener) const {
         std::string all = service->stateJson();
         for (const std::string& line : mLines->all()) {
@@ -363,7 +354,7 @@ protected:
 
 class EachRequest : public AdapterOverHttps, public testing::WithParamInterface<Request> {
 protected:
-    // The listener call for a request that failed before it was answered.
+    // The listener call for a request that failed without a response.
     static Call transportFailure(int retCode) {
         return {GetParam().call, GetParam().transportError,
                 "http post return error， retcode:" + std::to_string(retCode)};
@@ -442,7 +433,7 @@ TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
     EXPECT_THAT(history, ElementsAre(Pair("start", 2), Pair("update", 3), Pair("cancel", testing::_)));
 }
 
-TEST_P(EachRequest, RefusedByTheServiceIsToldWithItsCode) {
+TEST_P(EachRequest, RefusedByTheServiceIsReportedWithItsCode) {
     const auto member = ready(GetParam(), "u-refused");
     Fault refusal = of(Fault::Kind::kServerCode);
     refusal.code = -77;
@@ -487,7 +478,7 @@ TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
     }
 }
 
-TEST_P(EachRequest, ToAnAddressThatNoUrlMayHoldIsToldAndNotRetried) {
+TEST_P(EachRequest, ToAnAddressThatNoUrlMayHoldIsReportedAndNotRetried) {
     const auto member = ready(GetParam(), "u-blank");
     member->adapter->updateUserInfo(1400, "a signature with blanks", "u-blank");
     GetParam().ask(*member->adapter);
@@ -495,7 +486,7 @@ TEST_P(EachRequest, ToAnAddressThatNoUrlMayHoldIsToldAndNotRetried) {
     EXPECT_EQ(1u, mExchanges->sends("u-blank").size());
 }
 
-TEST_P(EachRequest, WithAnAnswerOverTheLimitIsToldAndNotRetried) {
+TEST_P(EachRequest, WithAnAnswerOverTheLimitIsReportedAndNotRetried) {
     const auto member = ready(GetParam(), "u-huge");
     service->inject(of(Fault::Kind::kHuge));
     GetParam().ask(*member->adapter);
@@ -513,7 +504,7 @@ TEST_P(EachRequest, WithAnEmptyGarbledOrCutAnswerIsRetried) {
     for (size_t i = 0; i < 3; ++i) {
         service->inject(of(kinds[i]));
         GetParam().ask(*members[i]->adapter);
-        mExchanges->waitFor(2, userId(static_cast<int>(i)));  // its answer
+        mExchanges->waitFor(2, userId(static_cast<int>(i)));  // its response
     }
     for (int i = 0; i < 3; ++i) {
         EXPECT_THAT(members[static_cast<size_t>(i)]->listener->calls.waitFor(1), ElementsAre(success()));
@@ -522,7 +513,7 @@ TEST_P(EachRequest, WithAnEmptyGarbledOrCutAnswerIsRetried) {
     }
 }
 
-// ---- Listeners that take their time ---------------------------------------------------------------------------------
+// ---- Listeners that block -------------------------------------------------------------------------------------------
 
 TEST_P(EachRequest, WhoseListenerBlocksDelaysNoOtherAdapter) {
     const auto blocked = ready(GetParam(), "u-blocked");
@@ -535,7 +526,7 @@ TEST_P(EachRequest, WhoseListenerBlocksDelaysNoOtherAdapter) {
     GetParam().ask(*blocked->adapter);
     ASSERT_TRUE(entered.pass());
 
-    // The others' answers, retries and refusals all come while the first still blocks.
+    // The responses, retries and refusals of the others are delivered while the first still blocks.
     service->inject(failing(2));
     std::vector<std::unique_ptr<Member>> others;
     for (int i = 0; i < 10; ++i) {
@@ -632,7 +623,7 @@ TEST_P(EachRefusedCall, ItsListenerCallMayDropTheAdapter) {
         };
         GetParam().ask(*member.adapter);
         asked.open();
-        EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().told));
+        EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().notified));
         EXPECT_TRUE(waitUntilGone(adapter));
     }
 }
@@ -657,7 +648,7 @@ TEST_F(AdapterOverHttps, ARefusalsListenerCallMayDropTheAdapterWithARelayAndAMix
         ASSERT_TRUE(waitUntilGone(adapter));
         held.reset();
         mExchanges->waitForSilence(userId);
-        EXPECT_THAT(member.listener->calls.all(), ElementsAre(kRefusedCalls[0].told));
+        EXPECT_THAT(member.listener->calls.all(), ElementsAre(kRefusedCalls[0].notified));
         EXPECT_THAT(operationsFor(userId), UnorderedElementsAre("add", "start"));  // both did arrive
     }
 }
@@ -673,10 +664,10 @@ TEST_P(EachRequest, NoListenerCallBeginsOnceTheAdapterIsDroppedWithItInFlight) {
         const std::string userId = "u-inflight" + std::to_string(i) + GetParam().name;
         const auto member = ready(GetParam(), userId);
         GetParam().ask(*member->adapter);
-        mExchanges->waitFor(i % 4, userId);  // dropped when posted, sent, answered or told
+        mExchanges->waitFor(i % 4, userId);  // dropped when posted, sent, complete or notified
         const std::weak_ptr<LiveTranscodingAdapter> adapter = member->adapter;
         member->adapter.reset();
-        if (adapter.expired()) {  // else a call of the listener keeps it just now
+        if (adapter.expired()) {  // otherwise a listener call holds it
             gone.push_back({userId, member->listener, member->listener->calls.all().size()});
         }
     }
@@ -694,11 +685,11 @@ TEST_F(AdapterOverHttps, MayBeDroppedWhileARetryWaits) {
         kRequests[i].ask(*members[i]->adapter);
     }
     for (size_t i = 0; i < members.size(); ++i) {
-        // Started, answered, delivered: the retry is posted.
+        // Started, completed, delivered: the retry is posted.
         EXPECT_EQ(3u, mExchanges->waitFor(3, std::string("u-waiting-") + kRequests[i].name).size());
         members[i]->adapter.reset();
     }
-    // When a retry that was posted later has been answered, theirs would have been sent.
+    // Their retries would have been sent before a retry that was posted later.
     Member later("u-later");
     startRelay(*later.adapter);
     mExchanges->waitFor(3, "u-later");
@@ -744,7 +735,7 @@ TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
 TEST_P(EachRefusedCall, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
     Member member("u-secret", kSignature, kMapKey);
     GetParam().ask(*member.adapter);
-    EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().told));
+    EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().notified));
     EXPECT_EQ(GetParam().reports, mReports->waitFor(GetParam().reports).size());
     EXPECT_FALSE(mLines->all().empty());
     const std::string all = textsThatLeave(*member.listener);

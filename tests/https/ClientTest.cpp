@@ -1,5 +1,4 @@
-// The HTTPS client on real sockets: what each end of an exchange is told as, on which thread, and what the client's end
-// means.
+// The HTTPS client on real sockets: return codes, delivery, threads and the destruction of clients.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -10,7 +9,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -25,13 +23,13 @@
 #include "base/CVexaHttpSendRecv.h"
 #include "base/Json.h"
 #include "platform/Platform.h"
+#include "support/Journal.h"
 #include "support/ScriptedServer.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPatience = 60s;  // before a test gives up: far beyond every limit set in main()
 constexpr size_t kLimit = 100000;
 
 struct Reply {
@@ -48,18 +46,24 @@ std::string textOf(const KstCopyOnWriteBuffer& buffer) {
     return {reinterpret_cast<const char*>(buffer.cdata()), buffer.size()};
 }
 
+void sendTo(CVexaHttpSendRecv& client, const std::string& url, CVexaHttpSendRecv::Callback callback,
+            const std::string& text = "{}") {
+    KstCopyOnWriteBuffer body = bufferOf(text);
+    client.sendHttpsRequest(body, url, std::move(callback));
+}
+
 std::future<Reply> send(CVexaHttpSendRecv& client, const std::string& url, const std::string& text = "{}") {
     auto promise = std::make_shared<std::promise<Reply>>();
     std::future<Reply> future = promise->get_future();
-    KstCopyOnWriteBuffer body = bufferOf(text);
-    client.sendHttpsRequest(body, url, [promise](int retCode, KstCopyOnWriteBuffer& response) {
+    const auto callback = [promise](int retCode, KstCopyOnWriteBuffer& response) {
         promise->set_value({retCode, textOf(response), std::this_thread::get_id()});
-    });
+    };
+    sendTo(client, url, callback, text);
     return future;
 }
 
 Reply wait(std::future<Reply> future) {
-    if (future.wait_for(kPatience) != std::future_status::ready) {
+    if (future.wait_for(kTestTimeout) != std::future_status::ready) {
         ADD_FAILURE() << "no callback";
         return {};
     }
@@ -71,7 +75,21 @@ Reply post(const std::string& url, const std::string& text = "{}") {
     return wait(send(client, url, text));
 }
 
-// A text for people, in JSON without a code, so that the adapter neither retries it nor takes it for the service's.
+using Connection = ScriptedServer::Connection;
+
+// Handshakes, reads one request and then calls `respond` with it.
+ScriptedServer::Script onRequest(std::function<void(Connection& connection, const std::string& request)> respond) {
+    return [respond = std::move(respond)](Connection& connection) {
+        if (connection.handshake()) {
+            const std::string request = connection.readRequest();
+            if (!request.empty()) {
+                respond(connection, request);
+            }
+        }
+    };
+}
+
+// A description for people as JSON without a code: the adapter neither retries it nor evaluates a code.
 void expectExplained(const Reply& reply, int curlCode) {
     EXPECT_EQ(CVexaHttpSendRecv::kTransportErrorBase + curlCode, reply.retCode);
     const json::Value answer = json::Deserialize(reply.body);
@@ -79,26 +97,7 @@ void expectExplained(const Reply& reply, int curlCode) {
     EXPECT_FALSE(answer.HasKey("code") || answer.HasKey("ErrorCode")) << reply.body;
 }
 
-// Opens once; waits are bounded by kPatience.
-class Gate {
-public:
-    void open() {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mOpen = true;
-        mChanged.notify_all();
-    }
-    bool pass() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, kPatience, [this] { return mOpen; });
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    bool mOpen = false;
-};
-
-// What the name "silent.invalid" waits for, in place of an answer.
+// The resolution of "silent.invalid" waits for this.
 Gate& silentNameServer() {
     static auto& gate = *new Gate();  // a resolver may still wait at exit
     return gate;
@@ -139,7 +138,7 @@ TEST(HttpsClientFirst, OptionsOutOfRangeAreRefusedAndAllAreAfterTheFirstRequest)
 
 // Before any time-out, which is followed by a while of no sharing.
 TEST(HttpsClientFirst, AllClientsShareAConnectionThatIsFree) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(0, post(server.url()).retCode);  // a new client each
     }
@@ -148,7 +147,7 @@ TEST(HttpsClientFirst, AllClientsShareAConnectionThatIsFree) {
 
 // ---- Return codes ---------------------------------------------------------------------------------------------------
 
-// Before an HTTP/2 server has told its settings, a connection takes a hundred requests at most.
+// Before an HTTP/2 server has sent its settings, a connection takes a hundred requests at most.
 TEST(HttpsClientFirst, RequestsThatTheOnlyConnectionCannotTakeYetWaitForIt) {
     ScriptedServer::Options options;
     options.http2 = true;
@@ -165,12 +164,12 @@ TEST(HttpsClientFirst, RequestsThatTheOnlyConnectionCannotTakeYetWaitForIt) {
     EXPECT_EQ(1, server.accepted());
 }
 
-TEST(HttpsClient, PostsTheBodyAsJsonAndTellsTheAnswerOfA200) {
+TEST(HttpsClient, PostsTheBodyAsJsonAndReportsTheResponseToA200) {
     std::promise<std::string> seen;
     ScriptedServer server([&seen](ScriptedServer::Connection& connection) {
         if (connection.handshake()) {
             seen.set_value(connection.readRequest());
-            connection.write(httpAnswer(200, "{\"code\":0}"));
+            connection.write(httpResponse(200, "{\"code\":0}"));
             connection.waitForClient();
         }
     });
@@ -190,7 +189,7 @@ TEST(HttpsClient, ZeroBytesPassInBothBodies) {
     ScriptedServer server([](ScriptedServer::Connection& connection) {
         if (connection.handshake()) {
             const std::string request = connection.readRequest();
-            connection.write(httpAnswer(200, request.substr(request.find("\r\n\r\n") + 4)));
+            connection.write(httpResponse(200, request.substr(request.find("\r\n\r\n") + 4)));
             connection.waitForClient();
         }
     });
@@ -204,8 +203,8 @@ struct StatusCase {
 
 class HttpsClientStatus : public testing::TestWithParam<StatusCase> {};
 
-TEST_P(HttpsClientStatus, IsTold) {
-    ScriptedServer server(answering(httpAnswer(GetParam().status, "what the server says")));
+TEST_P(HttpsClientStatus, IsReported) {
+    ScriptedServer server(answering(httpResponse(GetParam().status, "what the server says")));
     const Reply reply = post(server.url());
     EXPECT_EQ(GetParam().retCode, reply.retCode);
     EXPECT_EQ("what the server says", reply.body);
@@ -222,21 +221,21 @@ INSTANTIATE_TEST_SUITE_P(AsItStands, HttpsClientStatus,
                                          StatusCase{403, 403}, StatusCase{404, 404}, StatusCase{413, 413},
                                          StatusCase{501, 501}, StatusCase{505, 505}, StatusCase{599, 599}));
 
-TEST(HttpsClient, NoContentIsAnEmptyAnswer) {
+TEST(HttpsClient, NoContentIsAnEmptyResponse) {
     ScriptedServer server(answering("HTTP/1.1 204 No Content\r\n\r\n"));
     const Reply reply = post(server.url());
     EXPECT_EQ(0, reply.retCode);
     EXPECT_EQ("", reply.body);
 }
 
-TEST(HttpsClient, InformationalAnswersAreSkipped) {
-    ScriptedServer server(answering("HTTP/1.1 102 Processing\r\n\r\n" + httpAnswer(200, "{}")));
+TEST(HttpsClient, InformationalResponsesAreSkipped) {
+    ScriptedServer server(answering("HTTP/1.1 102 Processing\r\n\r\n" + httpResponse(200, "{}")));
     EXPECT_EQ(0, post(server.url()).retCode);
 }
 
-TEST(HttpsClient, ARedirectIsToldAndNotFollowed) {
-    ScriptedServer elsewhere(answering(httpAnswer(200, "{}")));
-    ScriptedServer server(answering(httpAnswer(301, "", "Location: " + elsewhere.url() + "\r\n")));
+TEST(HttpsClient, ARedirectIsReportedAndNotFollowed) {
+    ScriptedServer elsewhere(answering(httpResponse(200, "{}")));
+    ScriptedServer server(answering(httpResponse(301, "", "Location: " + elsewhere.url() + "\r\n")));
     EXPECT_EQ(301, post(server.url()).retCode);
     EXPECT_EQ(0, elsewhere.accepted());
 }
@@ -248,11 +247,11 @@ TEST(HttpsClient, AStatusThatIsNoneIsNotTakenForSuccess) {
     EXPECT_GE(post(one.url()).retCode, CVexaHttpSendRecv::kTransportErrorBase);
 }
 
-TEST(HttpsClient, ANameThatDoesNotResolveIsWorthAnotherTry) {
+TEST(HttpsClient, ANameThatDoesNotResolveIsRetryable) {
     EXPECT_EQ(1, post("https://no-such-host.invalid/").retCode);
 }
 
-TEST(HttpsClient, ARefusedConnectionIsWorthAnotherTry) {
+TEST(HttpsClient, ARefusedConnectionIsRetryable) {
     int port = 0;
     {
         ScriptedServer gone(answering(""));
@@ -261,12 +260,12 @@ TEST(HttpsClient, ARefusedConnectionIsWorthAnotherTry) {
     EXPECT_EQ(1, post("https://127.0.0.1:" + std::to_string(port) + "/").retCode);
 }
 
-TEST(HttpsClient, AServerThatNeverShakesHandsTimesOutAndIsWorthAnotherTry) {
+TEST(HttpsClient, AServerThatNeverHandshakesTimesOutAndIsRetryable) {
     ScriptedServer server([](ScriptedServer::Connection& connection) { connection.waitForClient(); });
     EXPECT_EQ(1, post(server.url()).retCode);
 }
 
-TEST(HttpsClient, ManyRequestsToAServerThatNeverShakesHandsAllTimeOut) {
+TEST(HttpsClient, ManyRequestsToAServerThatNeverHandshakesAllTimeOut) {
     ScriptedServer server([](ScriptedServer::Connection& connection) { connection.waitForClient(); });
     CVexaHttpSendRecv client;
     std::vector<std::future<Reply>> replies;
@@ -278,16 +277,12 @@ TEST(HttpsClient, ManyRequestsToAServerThatNeverShakesHandsAllTimeOut) {
     }
 }
 
-TEST(HttpsClient, AServerThatNeverAnswersTimesOutAndIsWorthAnotherTry) {
-    ScriptedServer server([](ScriptedServer::Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            connection.waitForClient();
-        }
-    });
+TEST(HttpsClient, AServerThatNeverRespondsTimesOutAndIsRetryable) {
+    ScriptedServer server(onRequest([](Connection& connection, const std::string&) { connection.waitForClient(); }));
     EXPECT_EQ(1, post(server.url()).retCode);
 }
 
-// Each fault takes the connection at another point of the exchange.
+// Each fault ends the connection at another point of the exchange.
 struct LossCase {
     const char* name;
     ScriptedServer::Script script;
@@ -295,14 +290,12 @@ struct LossCase {
 
 class HttpsClientLoss : public testing::TestWithParam<LossCase> {};
 
-TEST_P(HttpsClientLoss, IsWorthAnotherTry) {
+TEST_P(HttpsClientLoss, IsRetryable) {
     ScriptedServer server(GetParam().script);
     EXPECT_EQ(1, post(server.url()).retCode);
 }
 
-using Connection = ScriptedServer::Connection;
-
-// Reads the request, sends the bytes and is gone, in good order or by a reset.
+// Reads the request, sends the bytes and closes or resets the connection.
 ScriptedServer::Script losing(const std::string& bytes, bool reset) {
     return [bytes, reset](Connection& connection) {
         if (!connection.handshake()) {
@@ -337,8 +330,8 @@ struct CertificateCase {
 
 class HttpsClientCertificate : public testing::TestWithParam<CertificateCase> {};
 
-TEST_P(HttpsClientCertificate, IsRefusedForGood) {
-    ScriptedServer server({GetParam().fault, 0}, answering(httpAnswer(200, "{\"code\":0}")));
+TEST_P(HttpsClientCertificate, IsNotRetryable) {
+    ScriptedServer server({GetParam().fault, 0}, answering(httpResponse(200, "{\"code\":0}")));
     expectExplained(post(server.url()), 60);
 }
 
@@ -349,23 +342,23 @@ INSTANTIATE_TEST_SUITE_P(Bad, HttpsClientCertificate,
                                          CertificateCase{"OfAnUnknownAuthority", CertificateFault::kUnknownAuthority}),
                          [](const auto& test) { return test.param.name; });
 
-TEST(HttpsClient, AProtocolOlderThanTls12IsRefusedForGood) {
-    ScriptedServer server({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpAnswer(200, "{}")));
+TEST(HttpsClient, AProtocolOlderThanTls12IsNotRetryable) {
+    ScriptedServer server({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpResponse(200, "{}")));
     expectExplained(post(server.url()), 35);
 }
 
 TEST(HttpsClient, ATls12ServerIsServed) {
-    ScriptedServer server({CertificateFault::kNone, TLS1_2_VERSION}, answering(httpAnswer(200, "{}")));
+    ScriptedServer server({CertificateFault::kNone, TLS1_2_VERSION}, answering(httpResponse(200, "{}")));
     EXPECT_EQ(0, post(server.url()).retCode);
 }
 
-TEST(HttpsClient, AnAddressThatIsNoHttpsIsRefusedForGood) {
+TEST(HttpsClient, AnAddressThatIsNoHttpsIsNotRetryable) {
     expectExplained(post("http://127.0.0.1:1/"), 1);
     expectExplained(post("file:///etc/hostname"), 1);
 }
 
-TEST(HttpsClient, CharactersThatNoAddressMayHoldAreRefusedForGoodAndNothingIsSent) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+TEST(HttpsClient, CharactersThatNoAddressMayHoldAreNotRetryableAndNothingIsSent) {
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     expectExplained(post(server.url("/x?usersig=a b")), 3);
     expectExplained(post(server.url("/x?usersig=a\nb")), 3);
     expectExplained(post(server.url(std::string("/x?usersig=a\0b", 14))), 3);
@@ -373,37 +366,31 @@ TEST(HttpsClient, CharactersThatNoAddressMayHoldAreRefusedForGoodAndNothingIsSen
     EXPECT_EQ(0, server.accepted());
 }
 
-TEST(HttpsClient, AnAnswerAtTheLimitPassesAndOneByteMoreIsCutOff) {
-    ScriptedServer at(answering(httpAnswer(200, std::string(kLimit, 'x'))));
+TEST(HttpsClient, AResponseAtTheLimitPassesAndOneByteMoreFails) {
+    ScriptedServer at(answering(httpResponse(200, std::string(kLimit, 'x'))));
     EXPECT_EQ(kLimit, post(at.url()).body.size());
-    ScriptedServer announced(answering(httpAnswer(200, std::string(kLimit + 1, 'x'))));
+    ScriptedServer announced(answering(httpResponse(200, std::string(kLimit + 1, 'x'))));
     expectExplained(post(announced.url()), 63);
-    ScriptedServer unannounced([](Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            connection.write("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + std::string(kLimit + 1, 'x'));
-        }
-    });
+    ScriptedServer unannounced(onRequest([](Connection& connection, const std::string&) {
+        connection.write("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + std::string(kLimit + 1, 'x'));
+    }));
     expectExplained(post(unannounced.url()), 63);
 }
 
-TEST(HttpsClient, AnEndlessAnswerIsCutOffAtTheLimit) {
-    ScriptedServer server([](Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            connection.write("HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n");
-            connection.waitForClient();
-        }
-    });
+TEST(HttpsClient, AnEndlessResponseFailsAtTheLimit) {
+    ScriptedServer server(onRequest([](Connection& connection, const std::string&) {
+        connection.write("HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n");
+        connection.waitForClient();
+    }));
     expectExplained(post(server.url()), 63);
-    ScriptedServer chunked([](Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            connection.write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10000000\r\n" +
-                             std::string(size_t{64} << 20, 'x'));
-        }
-    });
+    ScriptedServer chunked(onRequest([](Connection& connection, const std::string&) {
+        connection.write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10000000\r\n" +
+                         std::string(size_t{64} << 20, 'x'));
+    }));
     expectExplained(post(chunked.url()), 63);
 }
 
-TEST(HttpsClient, AServerThatSpeaksNoTlsOrNoHttpIsNotTakenForAnAnswer) {
+TEST(HttpsClient, AServerThatSpeaksNoTlsOrNoHttpIsNotASuccess) {
     ScriptedServer plain([](Connection& connection) {
         connection.writePlain("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
         connection.waitForClient();
@@ -416,11 +403,9 @@ TEST(HttpsClient, AServerThatSpeaksNoTlsOrNoHttpIsNotTakenForAnAnswer) {
 // ---- Connections ----------------------------------------------------------------------------------------------------
 
 TEST(HttpsClient, AConnectionThatTheServerClosedMeanwhileIsReplaced) {
-    ScriptedServer server([](Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            connection.write(httpAnswer(200, "{}"));  // and closes, though it had not said so
-        }
-    });
+    ScriptedServer server(onRequest([](Connection& connection, const std::string&) {
+        connection.write(httpResponse(200, "{}"));  // and closes, without announcing it
+    }));
     CVexaHttpSendRecv client;
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(0, wait(send(client, server.url())).retCode);
@@ -430,18 +415,17 @@ TEST(HttpsClient, AConnectionThatTheServerClosedMeanwhileIsReplaced) {
 
 // ---- Delivery -------------------------------------------------------------------------------------------------------
 
-TEST(HttpsClient, AnswersComeOnAThreadOfTheClientsAndOneAtATime) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+TEST(HttpsClient, ResponsesComeOnAThreadOfTheClientsAndOneAtATime) {
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     CVexaHttpSendRecv client;
     std::mutex mutex;
     int running = 0;
     int most = 0;
-    int told = 0;
+    int notified = 0;
     Gate done;
     const std::thread::id sender = std::this_thread::get_id();
     for (int i = 0; i < 50; ++i) {
-        KstCopyOnWriteBuffer body = bufferOf("{}");
-        client.sendHttpsRequest(body, server.url(), [&](int, KstCopyOnWriteBuffer&) {
+        sendTo(client, server.url(), [&](int, KstCopyOnWriteBuffer&) {
             EXPECT_NE(sender, std::this_thread::get_id());
             {
                 std::lock_guard<std::mutex> lock(mutex);
@@ -450,7 +434,7 @@ TEST(HttpsClient, AnswersComeOnAThreadOfTheClientsAndOneAtATime) {
             std::this_thread::yield();
             std::lock_guard<std::mutex> lock(mutex);
             --running;
-            if (++told == 50) {
+            if (++notified == 50) {
                 done.open();
             }
         });
@@ -461,16 +445,15 @@ TEST(HttpsClient, AnswersComeOnAThreadOfTheClientsAndOneAtATime) {
 }
 
 TEST(HttpsClient, CallbacksThatBlockDelayNoOtherClient) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     constexpr int kBlocked = 8;
-    std::vector<std::unique_ptr<CVexaHttpSendRecv>> blocked;
+    Gate leave;  // outlives the clients, whose destructors wait for the callbacks
     std::vector<std::unique_ptr<Gate>> entered;
-    Gate leave;
+    std::vector<std::unique_ptr<CVexaHttpSendRecv>> blocked;
     for (int i = 0; i < kBlocked; ++i) {
         blocked.push_back(std::make_unique<CVexaHttpSendRecv>());
         entered.push_back(std::make_unique<Gate>());
-        KstCopyOnWriteBuffer body = bufferOf("{}");
-        blocked.back()->sendHttpsRequest(body, server.url(), [&leave, gate = entered.back().get()](auto&&...) {
+        sendTo(*blocked.back(), server.url(), [&leave, gate = entered.back().get()](auto&&...) {
             gate->open();
             EXPECT_TRUE(leave.pass());
         });
@@ -482,9 +465,9 @@ TEST(HttpsClient, CallbacksThatBlockDelayNoOtherClient) {
     leave.open();
 }
 
-TEST(HttpsClient, AnswersOfOneClientAreToldInTheOrderInWhichTheyCame) {
+TEST(HttpsClient, ResponsesOfOneClientAreDeliveredInTheOrderOfTheirArrival) {
     constexpr int kLast = 4;
-    std::atomic<int> next{1};  // the request that is answered next; the one before it has been read by the client
+    std::atomic<int> next{1};  // the next request to respond to; the client has read the previous response
     Gate allRead;
     ScriptedServer server([&](ScriptedServer::Connection& connection) {
         if (!connection.handshake()) {
@@ -496,7 +479,7 @@ TEST(HttpsClient, AnswersOfOneClientAreToldInTheOrderInWhichTheyCame) {
                  next != number && std::chrono::steady_clock::now() < patience;) {
                 std::this_thread::sleep_for(1ms);
             }
-            connection.write(httpAnswer(200, "{}"));
+            connection.write(httpResponse(200, "{}"));
             connection.waitUntilRead();
             if (++next > kLast) {
                 allRead.open();
@@ -524,12 +507,11 @@ TEST(HttpsClient, AnswersOfOneClientAreToldInTheOrderInWhichTheyCame) {
 }
 
 TEST(HttpsClient, ACallbackThatBlocksForLongDelaysNoOtherClientEither) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
-    CVexaHttpSendRecv blocked;
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     Gate entered;
     Gate leave;
-    KstCopyOnWriteBuffer body = bufferOf("{}");
-    blocked.sendHttpsRequest(body, server.url(), [&](auto&&...) {
+    CVexaHttpSendRecv blocked;
+    sendTo(blocked, server.url(), [&](auto&&...) {
         entered.open();
         EXPECT_TRUE(leave.pass());
     });
@@ -539,8 +521,8 @@ TEST(HttpsClient, ACallbackThatBlocksForLongDelaysNoOtherClientEither) {
     leave.open();
 }
 
-TEST(HttpsClient, ANameServerThatIsSilentDelaysNoOtherRequest) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+TEST(HttpsClient, ASilentNameServerDelaysNoOtherRequest) {
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     CVexaHttpSendRecv client;
     std::future<Reply> lost = send(client, "https://silent.invalid/");
     EXPECT_EQ(0, post(server.url()).retCode);
@@ -574,24 +556,22 @@ std::vector<pid_t> threadsThatBlock(int signal) {
     return threads;
 }
 
-// As a library under the client raises it that writes to a connection which is gone.
+// As a library raises it that writes to a closed connection.
 TEST(HttpsClient, ASignalOfABrokenPipeRaisedDuringTheIoReachesNobody) {
     size_t raised = 0;
-    ScriptedServer server([&raised](Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            for (const pid_t thread : threadsThatBlock(SIGTERM)) {
-                raised += syscall(SYS_tgkill, getpid(), thread, SIGPIPE) == 0 ? 1u : 0u;
-            }
-            connection.write(httpAnswer(200, "{}"));
+    ScriptedServer server(onRequest([&raised](Connection& connection, const std::string&) {
+        for (const pid_t thread : threadsThatBlock(SIGTERM)) {
+            raised += syscall(SYS_tgkill, getpid(), thread, SIGPIPE) == 0 ? 1u : 0u;
         }
-    });
+        connection.write(httpResponse(200, "{}"));
+    }));
     EXPECT_EQ(0, post(server.url()).retCode);
     EXPECT_GE(raised, 1u);
-    EXPECT_EQ(0, post(ScriptedServer(answering(httpAnswer(200, "{}"))).url()).retCode);
+    EXPECT_EQ(0, post(ScriptedServer(answering(httpResponse(200, "{}"))).url()).retCode);
 }
 
 TEST(HttpsClient, ACallbackMaySendAgain) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     CVexaHttpSendRecv client;
     Gate done;
     int left = 10;
@@ -600,32 +580,28 @@ TEST(HttpsClient, ACallbackMaySendAgain) {
             done.open();
             return;
         }
-        KstCopyOnWriteBuffer body = bufferOf("{}");
-        client.sendHttpsRequest(body, server.url(), again);
+        sendTo(client, server.url(), again);
     };
-    KstCopyOnWriteBuffer body = bufferOf("{}");
-    client.sendHttpsRequest(body, server.url(), again);
+    sendTo(client, server.url(), again);
     EXPECT_TRUE(done.pass());
 }
 
 TEST(HttpsClient, ARequestWithoutACallbackIsSentAllTheSame) {
     std::promise<void> seen;
-    ScriptedServer server([&seen](Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            seen.set_value();
-            connection.write(httpAnswer(200, "{}"));
-        }
-    });
+    ScriptedServer server(onRequest([&seen](Connection& connection, const std::string&) {
+        seen.set_value();
+        connection.write(httpResponse(200, "{}"));
+    }));
     CVexaHttpSendRecv client;
     KstCopyOnWriteBuffer body;
     client.sendHttpsRequest(body, server.url(), nullptr);
-    EXPECT_EQ(std::future_status::ready, seen.get_future().wait_for(kPatience));
+    EXPECT_EQ(std::future_status::ready, seen.get_future().wait_for(kTestTimeout));
 }
 
 // ---- The client's end -----------------------------------------------------------------------------------------------
 
 TEST(HttpsClient, MayBeDestroyedInItsOwnCallback) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     for (int i = 0; i < 50; ++i) {
         auto client = std::make_shared<CVexaHttpSendRecv>();
         Gate done;
@@ -640,15 +616,14 @@ TEST(HttpsClient, MayBeDestroyedInItsOwnCallback) {
 }
 
 TEST(HttpsClient, NoCallbackBeginsOnceTheClientIsDestroyed) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     std::atomic<int> late{0};
     for (int i = 0; i < 300; ++i) {
         const auto gone = std::make_shared<std::atomic<bool>>(false);
         auto client = std::make_unique<CVexaHttpSendRecv>();
         Gate first;
         for (int j = 0; j < 3; ++j) {
-            KstCopyOnWriteBuffer body = bufferOf("{}");
-            client->sendHttpsRequest(body, server.url(), [gone, j, &late, gate = j == 0 ? &first : nullptr](auto&&...) {
+            sendTo(*client, server.url(), [gone, j, &late, gate = j == 0 ? &first : nullptr](auto&&...) {
                 if (*gone) {
                     ++late;
                 }
@@ -670,13 +645,12 @@ TEST(HttpsClient, NoCallbackBeginsOnceTheClientIsDestroyed) {
 }
 
 TEST(HttpsClient, TheDestructorWaitsForACallbackOnAnotherThread) {
-    ScriptedServer server(answering(httpAnswer(200, "{}")));
+    ScriptedServer server(answering(httpResponse(200, "{}")));
     auto client = std::make_unique<CVexaHttpSendRecv>();
     Gate entered;
     Gate leave;
     std::atomic<bool> ended{false};
-    KstCopyOnWriteBuffer body = bufferOf("{}");
-    client->sendHttpsRequest(body, server.url(), [&](auto&&...) {
+    sendTo(*client, server.url(), [&](auto&&...) {
         entered.open();
         EXPECT_TRUE(leave.pass());
         ended = true;
@@ -690,19 +664,16 @@ TEST(HttpsClient, TheDestructorWaitsForACallbackOnAnotherThread) {
 
 TEST(HttpsClient, ARequestInFlightReachesTheServerThoughItsClientIsGone) {
     std::promise<void> seen;
-    ScriptedServer server([&seen](Connection& connection) {
-        if (connection.handshake() && !connection.readRequest().empty()) {
-            seen.set_value();
-            connection.write(httpAnswer(200, "{}"));
-        }
-    });
+    ScriptedServer server(onRequest([&seen](Connection& connection, const std::string&) {
+        seen.set_value();
+        connection.write(httpResponse(200, "{}"));
+    }));
     const auto witness = std::make_shared<int>(0);
     {
         CVexaHttpSendRecv client;
-        KstCopyOnWriteBuffer body = bufferOf("{}");
-        client.sendHttpsRequest(body, server.url(), [witness](auto&&...) { ADD_FAILURE() << "told though gone"; });
+        sendTo(client, server.url(), [witness](auto&&...) { ADD_FAILURE() << "notified though gone"; });
     }
-    EXPECT_EQ(std::future_status::ready, seen.get_future().wait_for(kPatience));
+    EXPECT_EQ(std::future_status::ready, seen.get_future().wait_for(kTestTimeout));
 }
 
 // ---- The observer ---------------------------------------------------------------------------------------------------
@@ -731,7 +702,7 @@ TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
             delivered.open();
         }
     });
-    ScriptedServer server(answering(httpAnswer(404, "nothing here")));
+    ScriptedServer server(answering(httpResponse(404, "nothing here")));
     CVexaHttpSendRecv client;
     wait(send(client, server.url("/v3/liveinterface/remove_relay_stream_url?usersig=secret/x"), "{\"a\":1}"));
     EXPECT_TRUE(delivered.pass());
@@ -757,7 +728,7 @@ TEST(HttpsClient, TheObserverSeesEachPhaseAndNeverTheAddress) {
 
 }  // namespace
 
-// In place of the system's, for the one name that never gets an answer.
+// Replaces the system's function, for the one name that is never resolved.
 extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** result) {
     using Function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
     static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "getaddrinfo"));

@@ -1,4 +1,4 @@
-// The example programs as child processes against the local service: what they say, and what the service saw of them.
+// The example programs as child processes against the local service: their output, and the requests that they send.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -59,7 +59,7 @@ protected:
         EXPECT_EQ("", mService.inject(refusal));
     }
 
-    // Each request's interface and the code it was answered with, in the order of the answers.
+    // The interface and the response code of each request, in the order of the responses.
     std::vector<std::pair<std::string, int>> requests() const {
         std::vector<std::pair<std::string, int>> all;
         for (const json& request : mState.at("requests")) {
@@ -132,7 +132,7 @@ TEST_F(Example, RoomRelaysAndMixesThreeThenTwoAndEndsBoth) {
     }
     EXPECT_THAT(history, ElementsAre(Pair("start", 3), Pair("update", 2), Pair("cancel", testing::_)));
 
-    // The last picture: alice on the left, bob on the right.
+    // The last layout: alice on the left, bob on the right.
     EXPECT_EQ(json({{"width", 1280}, {"height", 720}, {"color", "0x000000"}}), mix.at("canvas"));
     const auto half = [](const char* user, int layer, int x) {
         return json{{"stream_id", streamOf(user)},

@@ -47,10 +47,10 @@ void exitSlowly() {
     }
 }
 
-// Has callbacks block until all have begun, so that there are more threads than the client keeps.
+// Callbacks block until all have begun, so that there are more threads than the client retains.
 int leaveIdleThreads() {
     constexpr int kClients = 4;
-    std::atexit(&exitSlowly);  // before the client's first request, and so after the client has left
+    std::atexit(&exitSlowly);  // registered before the first request, so it runs after the client's shutdown
     const std::string url = std::string("https://") + std::getenv("VEXALIVE_SERVICE_HOST") + "/";
     std::atomic<int> begun{0};
     std::promise<void> allBegun;
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
     const bool fromListener = std::strcmp(how, "listener") == 0;
     const auto end = std::chrono::steady_clock::now() + moment;
     const auto work = [&](std::unique_ptr<Member> member) {
-        // What is told leads to the next request, so that there are always some.
+        // Each notification starts the next request, so that some are always in flight.
         const std::weak_ptr<LiveTranscodingAdapter> weak = member->adapter;
         member->listener->during = [weak, fromListener, end](const Call& call) {
             if (fromListener && ready && std::chrono::steady_clock::now() >= end && !leaving.exchange(true)) {

@@ -1,5 +1,5 @@
 // A process may exit at any moment, with requests in flight: without a hang and without a crash. The environment
-// variable VEXALIVE_EXITS says how often it is tried in each way.
+// variable VEXALIVE_EXITS is the number of repetitions for each way.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -86,7 +86,7 @@ public:
     Service& operator=(const Service&) = delete;
 
 private:
-    ScriptedServer mServer{answering(httpAnswer(200, "{\"code\":0}"))};
+    ScriptedServer mServer{answering(httpResponse(200, "{\"code\":0}"))};
     const std::filesystem::path mCaFile =
         std::filesystem::temp_directory_path() / ("vexalive-exit-test-" + std::to_string(getpid()));
 };

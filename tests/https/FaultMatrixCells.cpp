@@ -69,7 +69,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 CellProcesses::Outcome playAlone(const Cell& cell) {
     const ReservedPort reserved;
     std::vector<std::string> arguments = {"/proc/self/exe", kAlone, "--gtest_color=no",
-                                          "--gtest_filter=FaultMatrix.EndsAsItMust/" + cell.name()};
+                                          "--gtest_filter=FaultMatrix.MatchesTheOracle/" + cell.name()};
     std::vector<std::string> environment = environmentFor(cell, reserved.port());
     int pipeEnds[2] = {-1, -1};
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) {

@@ -1,5 +1,5 @@
-// Plays cells of the fault matrix, many at a time, each in a process of its own: one process knows one service address,
-// one set of time-outs and one network.
+// Runs cases of the fault matrix, many at a time, each in its own process, since a process has one service address, one
+// set of timeouts and one network.
 
 #ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_CELLS_H
 #define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_CELLS_H
@@ -14,9 +14,9 @@
 
 #include "FaultMatrix.h"
 
-// The option that tells a process to play the one cell that its filter names.
+// The option by which a process runs the one case that its filter names.
 constexpr const char* kAlone = "--alone";
-constexpr int kSkipped = 77;  // its exit code when the cell cannot be played here
+constexpr int kSkipped = 77;  // its exit code if the case cannot run here
 
 class CellProcesses : public testing::Environment {
 public:
@@ -30,7 +30,7 @@ public:
     Outcome await(const std::string& cell);
 
 private:
-    void SetUp() override;  // begins all cells that the filter of this run asks for
+    void SetUp() override;  // starts all cases that the filter of this run selects
     void TearDown() override;
 
     void playInTurn(std::vector<Cell> cells, size_t atOnce);

@@ -1,4 +1,4 @@
-// The rows: what strikes, and what it must come to.
+// The rows of the matrix: each fault and its result.
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
@@ -23,8 +23,8 @@ using Connection = ScriptedServer::Connection;
 using Strike = std::function<void(Stage&)>;
 
 constexpr int kTries = 11;
-constexpr int kTriesOfLibrary = 6;          // of a request that the server says it has not begun
-constexpr size_t kLimit = size_t{1} << 20;  // of an answer
+constexpr int kTriesOfLibrary = 6;          // of a request that the server has not begun
+constexpr size_t kLimit = size_t{1} << 20;  // of a response
 const std::string kWell = R"({"code":0,"message":"ok"})";
 const std::string kPage = "<html><body>not what was asked for</body></html>";
 const std::string kHalf = R"({"code":0,"mess)";
@@ -34,7 +34,7 @@ const std::string kGzipOfWell(
     "\x2d\x2e\x4e\x4c\x07\xb2\x95\xf2\xb3\x95\x6a\x01\x71\xdb\x33\xee\x19\x00\x00\x00",
     43);
 
-// ---- What the adapter gets ------------------------------------------------------------------------------------------
+// ---- Responses that the adapter receives ----------------------------------------------------------------------------
 
 std::vector<Response> once(int retCode, const std::string& response) {
     return {{retCode, response}};
@@ -49,9 +49,9 @@ std::vector<Response> refusedByLibrary(CURLcode reason) {
                 std::string(R"({"transportError":")") + curl_easy_strerror(reason) + "\"}");
 }
 
-// ---- What the server does -------------------------------------------------------------------------------------------
+// ---- Faults of the server -------------------------------------------------------------------------------------------
 
-using OnRequest = std::function<bool(Connection&)>;  // false: the connection ends, in TCP's good order
+using OnRequest = std::function<bool(Connection&)>;  // false: closes the connection
 
 Strike onRequest(OnRequest answer) {
     return [answer = std::move(answer)](Stage& stage) {
@@ -72,7 +72,7 @@ Strike answer(const std::string& bytes) {
 }
 
 Strike status(int number, const std::string& headers = "") {
-    return answer(httpAnswer(number, kPage, headers));
+    return answer(httpResponse(number, kPage, headers));
 }
 
 Strike resetAfter(const std::string& bytes) {
@@ -99,12 +99,12 @@ Strike silentAfter(const std::string& bytes) {
     });
 }
 
-// Time-outs are a tenth of what a host would leave them at, and so is a second.
+// Timeouts are a tenth of the defaults, and so is this second.
 Strike byteBySecond(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         for (const char byte : bytes) {
             connection.write(std::string(1, byte));
-            if (connection.clientLeavesWithin(100ms)) {
+            if (connection.clientClosesWithin(100ms)) {
                 return false;
             }
         }
@@ -117,11 +117,11 @@ Strike connect(const ScriptedServer::Script& script) {
 }
 
 Strike certificate(CertificateFault fault) {
-    return [fault](Stage& stage) { stage.serve({fault}, answering(httpAnswer(200, kWell))); };
+    return [fault](Stage& stage) { stage.serve({fault}, answering(httpResponse(200, kWell))); };
 }
 
 void speakAnOldProtocol(Stage& stage) {
-    stage.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpAnswer(200, kWell)));
+    stage.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpResponse(200, kWell)));
 }
 
 // Half a record of the server's part.
@@ -158,13 +158,13 @@ void fallSilentOnTheFirstConnection(Stage& stage) {
     })(stage);
 }
 
-// ---- What the network does ------------------------------------------------------------------------------------------
+// ---- Faults of the network ------------------------------------------------------------------------------------------
 
 void refuse(Stage& stage) {
     stage.serveNobody();
 }
 
-// The connection that was kept is closed in time to be seen.
+// Closes the retained connection before the network fails, so that the client notices.
 void loseTheAddress(Stage& stage) {
     stage.serveNobody();
     takeLoopbackAddress();
@@ -175,7 +175,7 @@ void loseEverything(Stage& stage) {
     takeLoopbackDown();
 }
 
-// A listener whose queue is full: what knocks is not heard.
+// A listener whose backlog is full: further connections are not accepted.
 class FullQueue {
 public:
     explicit FullQueue(int port) {
@@ -208,13 +208,13 @@ void letNobodyIn(Stage& stage) {
     stage.keep(std::make_shared<FullQueue>(stage.port()));
 }
 
-// ---- Servers that come and go ---------------------------------------------------------------------------------------
+// ---- Restarts of the server -----------------------------------------------------------------------------------------
 
 void restartBetweenTwoSends(Stage& stage) {
-    answer(httpAnswer(200, kWell))(stage);
+    answer(httpResponse(200, kWell))(stage);
 }
 
-// In mid-request; one send finds nobody, the next one the new server.
+// During a request; the next send is refused, the one after it reaches the new server.
 void restartWithARequestInHand(Stage& stage) {
     resetAfter("")(stage);
     stage.hold(2);
@@ -223,12 +223,12 @@ void restartWithARequestInHand(Stage& stage) {
         stage.serveNobody();
         stage.pass();
         stage.awaitAnswer(2);
-        answer(httpAnswer(200, kWell))(stage);
+        answer(httpResponse(200, kWell))(stage);
         stage.pass();
     });
 }
 
-// A request of the kind under test stays with the server behind nginx until it is let go.
+// Holds a request of the kind under test at the server behind nginx until it is released.
 struct BehindNginx {
     explicit BehindNginx(Stage& stage)
         : server([this, &stage](Connection& connection) {
@@ -245,7 +245,7 @@ struct BehindNginx {
                       arrived.add(true);
                       letGo.waitFor(1);
                   }
-                  connection.write(httpAnswer(200, kWell));
+                  connection.write(httpResponse(200, kWell));
               }
           }) {
         stage.serveNobody();
@@ -256,10 +256,10 @@ struct BehindNginx {
 
     ~BehindNginx() {
         const Load::Books books = load->end();
-        EXPECT_EQ(books.sent, books.told());
+        EXPECT_EQ(books.sent, books.notified());
         EXPECT_EQ(0u, books.answeredBadly);
         EXPECT_GE(books.answered, 200u);
-        std::printf("load: %zu sent, %zu answered, %zu told to try again\n", books.sent, books.answered, books.lost);
+        std::printf("load: %zu sent, %zu answered, %zu to retry\n", books.sent, books.answered, books.lost);
     }
 
     Journal<bool> arrived;
@@ -330,7 +330,7 @@ std::vector<Fault> makeFaults() {
     const std::string json404 = R"({"code":0,"message":"moved away"})";
     const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
 
-    // name, words, what strikes, what the adapter gets, what the listener is told, requests that reach a server
+    // name, description, how to inject it, responses that the adapter receives, requests that reach a server
     return {
         // The way there.
         connectingWithin(1s, in(Fault::kUnknownHost, {"NameNotResolved", "the name is not resolved", refuse, lost, 0})),
@@ -372,8 +372,8 @@ std::vector<Fault> makeFaults() {
         endingWithin(1s, {"TimeoutBeforeFirstByte", "no byte of an answer: time-out", silentAfter(""), lost, kTries}),
         endingWithin(2s, {"TimeoutInsideBody", "silence inside the body: time-out", silentAfter(kHeadOfWell + kHalf),
                           always(1, kHalf), kTries}),
-        endingWithin(1s,
-                     {"ByteASecond", "a byte a second: time-out", byteBySecond(httpAnswer(200, kWell)), lost, kTries}),
+        endingWithin(
+            1s, {"ByteASecond", "a byte a second: time-out", byteBySecond(httpResponse(200, kWell)), lost, kTries}),
         {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, well, 1},
         {"RestartedWithARequestInHand",
          "the server dies with the request, is gone for one send, and is back",
@@ -381,16 +381,16 @@ std::vector<Fault> makeFaults() {
          {{1, ""}, {1, ""}, {0, kWell}},
          2},
 
-        // The answer.
+        // The response.
         {"Informational", "a 103 before the answer",
-         answer("HTTP/1.1 103 Early Hints\r\n\r\n" + httpAnswer(200, kWell)), well, 1},
+         answer("HTTP/1.1 103 Early Hints\r\n\r\n" + httpResponse(200, kWell)), well, 1},
         {"InformationalOnly", "a 103 and no answer", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost, kTries},
         {"Status204", "204", answer("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), kTries},
         {"Status301", "301 to another host, with a page", status(301, "Location: https://elsewhere.invalid/\r\n"),
          always(301, kPage), kTries},
         {"Status401", "401 with a page", status(401), always(401, kPage), kTries},
         {"Status404", "404 with a page", status(404), always(404, kPage), kTries},
-        {"Status404Json", "404 with JSON", answer(httpAnswer(404, json404)), once(404, json404), 1},
+        {"Status404Json", "404 with JSON", answer(httpResponse(404, json404)), once(404, json404), 1},
         {"Status408", "408", status(408), always(1, kPage), kTries},
         {"Status425", "425", status(425), always(1, kPage), kTries},
         {"Status429", "429", status(429), always(1, kPage), kTries},
@@ -398,18 +398,18 @@ std::vector<Fault> makeFaults() {
         {"Status502", "502", status(502), always(1, kPage), kTries},
         {"Status503", "503", status(503), always(1, kPage), kTries},
         {"Status504", "504", status(504), always(1, kPage), kTries},
-        {"Empty", "an empty answer", answer(httpAnswer(200, "")), always(0, ""), kTries},
+        {"Empty", "an empty answer", answer(httpResponse(200, "")), always(0, ""), kTries},
         {"NotJson", "an answer that is not JSON", status(200), always(0, kPage), kTries},
-        {"Gzip", "an answer packed with gzip", answer(httpAnswer(200, kGzipOfWell, "Content-Encoding: gzip\r\n")),
+        {"Gzip", "an answer packed with gzip", answer(httpResponse(200, kGzipOfWell, "Content-Encoding: gzip\r\n")),
          always(0, kGzipOfWell), kTries},
         {"OverTheLimit", "an answer announced longer than the limit",
-         answer(httpAnswer(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
+         answer(httpResponse(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
         {"OverTheLimitInChunks", "an answer that grows beyond the limit",
          answer(chunked + "100001\r\n" + std::string(kLimit + 1, 'x') + "\r\n0\r\n\r\n"),
          refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
-        {"ServerRefuses", "a code of the service", answer(httpAnswer(200, R"({"code":-77,"message":"no such app"})")),
+        {"ServerRefuses", "a code of the service", answer(httpResponse(200, R"({"code":-77,"message":"no such app"})")),
          once(0, R"({"code":-77,"message":"no such app"})"), 1},
-        {"NoCode", "JSON without a code", answer(httpAnswer(200, "{}")), once(0, "{}"), 1},
+        {"NoCode", "JSON without a code", answer(httpResponse(200, "{}")), once(0, "{}"), 1},
 
         // HTTP/2.
         {"Http2StreamReset", "HTTP/2: RST_STREAM before the header",

@@ -21,7 +21,7 @@ std::string body(uint32_t stream, const std::string& text, bool isLast);
 std::string resetStream(uint32_t stream, uint32_t error);
 std::string goAway(uint32_t lastStream, uint32_t error);
 
-// Handshakes, then calls `answer` for each request that has come whole. A false one ends the connection.
+// Handshakes, then calls `answer` for each complete request. Closes the connection if that returns false.
 ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection& connection, uint32_t stream)> answer);
 
 }  // namespace http2

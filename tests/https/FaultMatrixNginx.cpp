@@ -25,7 +25,7 @@ namespace {
 constexpr const char* kProgram = "/usr/sbin/nginx";
 
 void waitUntil(const char* what, const std::function<bool()>& isSo) {
-    const auto patience = std::chrono::steady_clock::now() + kPatience;
+    const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
     while (!isSo()) {
         if (std::chrono::steady_clock::now() > patience) {
             std::fprintf(stderr, "nginx: no end of waiting until %s\n", what);
@@ -163,14 +163,14 @@ Load::~Load() {
 
 void Load::awaitAnswers(size_t more) {
     std::unique_lock<std::mutex> lock(mMutex);
-    const size_t wanted = mBooks.told() + more;
-    mChanged.wait_for(lock, kPatience, [&] { return mBooks.told() >= wanted; });
+    const size_t wanted = mBooks.notified() + more;
+    mChanged.wait_for(lock, kTestTimeout, [&] { return mBooks.notified() >= wanted; });
 }
 
 Load::Books Load::end() {
     std::unique_lock<std::mutex> lock(mMutex);
     mEnding = true;
-    mChanged.wait_for(lock, kPatience, [&] { return mBooks.clientsThatEnded == kClients; });
+    mChanged.wait_for(lock, kTestTimeout, [&] { return mBooks.clientsThatEnded == kClients; });
     return mBooks;
 }
 

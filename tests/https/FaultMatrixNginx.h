@@ -1,5 +1,5 @@
-// A web server that others have written, in front of a scripted one: nginx over HTTP/2, told to reload and killed while
-// clients keep it busy.
+// An independent web server in front of a scripted one: nginx over HTTP/2, which is reloaded and killed while clients
+// keep it busy.
 
 #ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_NGINX_H
 #define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_NGINX_H
@@ -38,7 +38,7 @@ private:
     pid_t mMaster = 0;
 };
 
-// Clients that send without a pause, each its next request when the last one is answered.
+// Clients that send without a pause, each its next request when the last one is complete.
 class Load {
 public:
     static constexpr const char* kInterfaceName = "load";
@@ -57,7 +57,7 @@ public:
         size_t answeredBadly = 0;  // with anything else
         size_t clientsThatEnded = 0;
 
-        size_t told() const { return answered + lost + answeredBadly; }
+        size_t notified() const { return answered + lost + answeredBadly; }
     };
     Books end();  // no further request; waits for those in flight
 

@@ -1,5 +1,5 @@
-// Where a cell of the fault matrix plays: the server on the one port that the adapter knows, and the way of the
-// answers.
+// The environment of one case of the fault matrix: the server on the port that the adapter knows, and the delivery of
+// its responses.
 
 #ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_STAGE_H
 #define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_STAGE_H
@@ -18,7 +18,7 @@ class Stage {
 public:
     using Connection = ScriptedServer::Connection;
 
-    // `isExpected` tells a request of the kind under test.
+    // `isExpected` recognises a request of the kind under test.
     Stage(int port, const std::string& interfaceName, std::function<bool(const std::string& request)> isExpected);
     ~Stage();
     Stage(const Stage&) = delete;
@@ -26,28 +26,28 @@ public:
 
     int port() const { return mPort; }
 
-    // The server from now on, in place of the one before, whose connections end.
+    // Replaces the server. The connections of the previous one are closed.
     void serve(ScriptedServer::Script script) { serve({}, std::move(script)); }
     void serve(ScriptedServer::Options options, ScriptedServer::Script script);
     void serveNobody();
 
-    // Lives until the cell is over.
+    // Owned by the stage until the case ends.
     void keep(std::shared_ptr<void> thing) { mKept.push_back(std::move(thing)); }
 
-    // The cell cannot be played on this machine.
+    // The case cannot run on this machine.
     void skip(const std::string& reason) { mReasonToSkip = reason; }
     const std::string& reasonToSkip() const { return mReasonToSkip; }
 
-    // Done once the operation has been called.
+    // Runs once the operation has been called.
     void meanwhile(std::function<void()> action) { mMeanwhile = std::move(action); }
     void playMeanwhile();
 
-    // Holds up the next so many answers on their way to the adapter, until `pass` lets one go.
+    // Holds the next responses before they reach the adapter; each `pass` releases one.
     void hold(int answers) { mExchanges->toHold = answers; }
-    void awaitAnswer(size_t number) { mExchanges->held.waitFor(number); }  // counted from the first one that is held
+    void awaitAnswer(size_t number) { mExchanges->held.waitFor(number); }  // counted from the first held one
     void pass() { mExchanges->passed.add(true); }
 
-    // Requests that came whole: counted where the server reads them.
+    // Complete requests, counted where the server reads them.
     std::string readRequest(Connection& connection);
     void count(const std::string& request);
     void countUnseen() { ++mRequests; }
@@ -80,9 +80,9 @@ private:
     std::vector<std::shared_ptr<void>> mKept;
 };
 
-// A network namespace for this thread and those it starts, with nothing in it but loopback. Returns what hindered it.
+// Moves this thread and those that it starts to a network namespace with loopback only. Returns the error, if any.
 std::string enterNetworkOfItsOwn();
-void takeLoopbackDown();     // what is sent is lost
-void takeLoopbackAddress();  // the network says at once that there is no way
+void takeLoopbackDown();     // packets are lost
+void takeLoopbackAddress();  // sends fail at once: network unreachable
 
 #endif

@@ -193,7 +193,7 @@ void play(const Cell& cell) {
     vexalive::setEventSink([reports](const vexalive::EventReport& report) { reports->add(report); });
     Stage stage(ownPort(), kind.rules().interfaceName,
                 [&kind](const std::string& request) { return isRequestOf(kind, request); });
-    stage.serve(answering(httpAnswer(200, R"({"code":0})")));
+    stage.serve(answering(httpResponse(200, R"({"code":0})")));
     Member member(kind.name);
 
     kind.callStart(*member.adapter);
@@ -229,7 +229,7 @@ void play(const Cell& cell) {
               report.information);
     EXPECT_EQ(openingOf(kind, sends[0], report.detail) + expectedTrace(cell), report.detail);
 
-    // Nothing follows: no retry waits, as each pause that was asked for has led to a send, and each send has ended.
+    // No retry is pending: each requested pause has led to a send, and each send is complete.
     member.adapter.reset();
     EXPECT_EQ(2u, reports->all().size());
     EXPECT_EQ(expectedCalls(cell), from(1, member.listener->calls.all()));
@@ -244,7 +244,7 @@ std::string reasonIn(const std::string& output) {
 
 class FaultMatrix : public testing::TestWithParam<Cell> {};
 
-TEST_P(FaultMatrix, EndsAsItMust) {
+TEST_P(FaultMatrix, MatchesTheOracle) {
     if (isAlone) {
         play(GetParam());
         return;
@@ -258,7 +258,7 @@ TEST_P(FaultMatrix, EndsAsItMust) {
 
 INSTANTIATE_TEST_SUITE_P(, FaultMatrix, testing::ValuesIn(cells()), [](const auto& test) { return test.param.name(); });
 
-TEST(FaultTable, StandsInTheDocs) {
+TEST(FaultTable, IsInTheDocumentation) {
     std::ifstream file(RELIABILITY_DOCUMENT);
     const std::string document{std::istreambuf_iterator<char>(file), {}};
     EXPECT_THAT(document, testing::HasSubstr("\n" + faultTable())) << "the table is printed by --print-table";

@@ -76,9 +76,9 @@ public:
 
     bool started() const { return mStarted; }
 
-    // What it wrote of each request, once that many have been answered.
+    // The line that it printed for each request, once that many are complete.
     std::vector<std::string> log(size_t requests) const {
-        const auto patience = std::chrono::steady_clock::now() + kPatience;
+        const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
         std::vector<std::string> lines;
         do {
             lines.clear();
@@ -97,13 +97,13 @@ private:
     bool mStarted = false;
 };
 
-// Until the address takes connections.
+// Waits until the address accepts connections.
 bool waitForServer(const std::string& host) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(std::stoi(host.substr(host.find(':') + 1))));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto patience = std::chrono::steady_clock::now() + kPatience;
+    const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
     while (std::chrono::steady_clock::now() < patience) {
         const int probe = socket(AF_INET, SOCK_STREAM, 0);
         const int refused = connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
@@ -116,11 +116,11 @@ bool waitForServer(const std::string& host) {
     return false;
 }
 
-// What all adapters ask for at once.
+// The request that all adapters send at once.
 struct Start {
     const char* name;
     void (*ask)(LiveTranscodingAdapter& adapter);
-    Call told;
+    Call notified;
 };
 
 class ConnectionSharing : public testing::TestWithParam<Start> {
@@ -172,7 +172,7 @@ TEST_P(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
         GetParam().ask(*member->adapter);
     }
     for (const auto& member : members) {
-        EXPECT_EQ(GetParam().told, member->listener->calls.waitFor(1).at(0));
+        EXPECT_EQ(GetParam().notified, member->listener->calls.waitFor(1).at(0));
     }
 
     std::set<std::string> kinds;

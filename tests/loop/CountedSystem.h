@@ -1,5 +1,5 @@
-// What a program takes from the system, counted or refused. Linking CountedSystem.cpp replaces the allocation functions
-// and the creation of threads for the whole program.
+// Allocations and threads of the program, counted or refused. Linking CountedSystem.cpp replaces the allocation
+// functions and the creation of threads for the whole program.
 
 #ifndef VEXALIVE_TESTS_LOOP_COUNTED_SYSTEM_H
 #define VEXALIVE_TESTS_LOOP_COUNTED_SYSTEM_H

@@ -1,5 +1,5 @@
 // The real loop's threads: how many there are, what stop waits for, and posts and stops that race. What holds of every
-// loop stands in LoopContractTest.cpp.
+// loop is in LoopContractTest.cpp.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,10 +15,10 @@
 #include <thread>
 #include <vector>
 
+#include "JournalTask.h"
 #include "LoopDriver.h"
 #include "WatchedLoop.h"
 #include "base/KstMessageLoop.h"
-#include "support/Journal.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ std::set<std::string> threadsSince(const std::set<std::string>& before) {
     return ids;
 }
 
-// Waits until they are gone: a thread that has been joined leaves the list a moment later.
+// Waits until they have ended: the system lists a joined thread for a moment longer.
 bool awaitNoThreadSince(const std::set<std::string>& before) {
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!threadsSince(before).empty()) {
@@ -73,7 +73,7 @@ protected:
         std::thread([] {}).join();
     }
 
-    Journal journal;
+    Journal<std::string> journal;
     WatchedLoop loop;
 };
 
@@ -240,11 +240,11 @@ TEST_F(KstMessageLoopTest, StopFromAnotherThreadLetsTheRunningTaskEndAndWaitsFor
         journal.add("stop returns");
     });
     awaitRefusal(*loop);
-    EXPECT_TRUE(journal.entries().empty()) << "the task still runs, so stop waits";
+    EXPECT_TRUE(journal.all().empty()) << "the task still runs, so stop waits";
     open.set_value();
     stopper.join();
 
-    const std::vector<std::string> entries = journal.entries();
+    const std::vector<std::string> entries = journal.all();
     EXPECT_THAT(entries, UnorderedElementsAre("task ends", "~queued", "~delayed", "stop returns"));
     EXPECT_EQ(entries.front(), "task ends");
     EXPECT_EQ(entries.back(), "stop returns") << "nothing of the queue is left when it does";
@@ -252,7 +252,7 @@ TEST_F(KstMessageLoopTest, StopFromAnotherThreadLetsTheRunningTaskEndAndWaitsFor
 
 TEST_F(KstMessageLoopTest, StopsFromManyThreadsAllReturnAndEveryTaskIsDestroyedOnce) {
     for (int round = 0; round < 50; ++round) {
-        Journal seen;
+        Journal<std::string> seen;
         const WatchedLoop victim;
         victim->PostTask(JournalTask(seen, "a"));
         victim->DelayPostTask(hours(1), JournalTask(seen, "b"));
@@ -263,7 +263,7 @@ TEST_F(KstMessageLoopTest, StopsFromManyThreadsAllReturnAndEveryTaskIsDestroyedO
         for (std::thread& stopper : stoppers) {
             stopper.join();
         }
-        const std::vector<std::string> entries = seen.entries();
+        const std::vector<std::string> entries = seen.all();
         EXPECT_EQ(std::count(entries.begin(), entries.end(), "~a"), 1);
         EXPECT_EQ(std::count(entries.begin(), entries.end(), "~b"), 1);
         EXPECT_EQ(std::count(entries.begin(), entries.end(), "b"), 0);
@@ -299,10 +299,10 @@ TEST_F(KstMessageLoopTest, ALoopThatLosesItsLastReferenceOnItsWorkerIsDestroyedT
 // ---- Races ----
 
 // Stops the loop in the middle of being posted: when it is moved into the loop's own packaging, which is after the
-// first look at the stopped flag and before the lock.
+// first check of the stopped flag and before the lock.
 class StopsWhenMoved {
 public:
-    StopsWhenMoved(KstMessageLoop& loop, Journal& journal) : mLoop(&loop), mTask(journal, "task") {}
+    StopsWhenMoved(KstMessageLoop& loop, Journal<std::string>& journal) : mLoop(&loop), mTask(journal, "task") {}
     StopsWhenMoved(StopsWhenMoved&& other) noexcept : mLoop(other.mLoop), mTask(std::move(other.mTask)) {
         mLoop->stop();
     }
@@ -318,20 +318,20 @@ private:
 TEST_F(KstMessageLoopTest, APostOvertakenByStopIsRefused) {
     LoopDriver::settle(*loop);
     EXPECT_FALSE(loop->PostTask(StopsWhenMoved(*loop, journal)).valid());
-    EXPECT_THAT(journal.entries(), ElementsAre("~task"));
+    EXPECT_THAT(journal.all(), ElementsAre("~task"));
 }
 
 TEST_F(KstMessageLoopTest, ADelayedPostOvertakenByStopIsRefused) {
     LoopDriver::settle(*loop);
     EXPECT_FALSE(loop->DelayPostTask(milliseconds(0), StopsWhenMoved(*loop, journal)).valid());
-    EXPECT_THAT(journal.entries(), ElementsAre("~task"));
+    EXPECT_THAT(journal.all(), ElementsAre("~task"));
 }
 
 TEST_F(KstMessageLoopTest, AFirstPostOvertakenByStopStartsNoThread) {
     const auto before = threads();
     EXPECT_FALSE(loop->PostTask(StopsWhenMoved(*loop, journal)).valid());
     EXPECT_EQ(threadsSince(before).size(), 0u);
-    EXPECT_THAT(journal.entries(), ElementsAre("~task"));
+    EXPECT_THAT(journal.all(), ElementsAre("~task"));
 }
 
 TEST_F(KstMessageLoopTest, PostsRacingWithStopEachRunOnceOrAreDestroyedUnrunAndNoneRunsAfterwards) {

@@ -14,10 +14,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "JournalTask.h"
 #include "LoopDriver.h"
 #include "WatchedLoop.h"
 #include "base/KstMessageLoop.h"
-#include "support/Journal.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ protected:
         return loop->DelayPostTask(delay, JournalTask(journal, name));
     }
 
-    Journal journal;
+    Journal<std::string> journal;
     WatchedLoop loop;
 };
 
@@ -62,7 +62,7 @@ TEST_F(LoopContractTest, TasksRunOnceEachInTheOrderOfPosting) {
     }
     ASSERT_TRUE(LoopDriver::run(journal, 200));
     LoopDriver::settle(*loop);
-    EXPECT_EQ(journal.entries(), expected);
+    EXPECT_EQ(journal.all(), expected);
 }
 
 TEST_F(LoopContractTest, ATaskIsDestroyedBeforeTheNextBegins) {
@@ -72,7 +72,7 @@ TEST_F(LoopContractTest, ATaskIsDestroyedBeforeTheNextBegins) {
         post("b");
     }
     ASSERT_TRUE(LoopDriver::run(journal, 4));
-    EXPECT_THAT(journal.entries(), ElementsAre("a", "~a", "b", "~b"));
+    EXPECT_THAT(journal.all(), ElementsAre("a", "~a", "b", "~b"));
 }
 
 TEST_F(LoopContractTest, ADelayedTaskIsDestroyedBeforeTheNextBegins) {
@@ -82,7 +82,7 @@ TEST_F(LoopContractTest, ADelayedTaskIsDestroyedBeforeTheNextBegins) {
         postDelayed(milliseconds(1), "b");
     }
     ASSERT_TRUE(LoopDriver::run(journal, 4, milliseconds(1)));
-    EXPECT_THAT(journal.entries(), ElementsAre("a", "~a", "b", "~b"));
+    EXPECT_THAT(journal.all(), ElementsAre("a", "~a", "b", "~b"));
 }
 
 TEST_F(LoopContractTest, DelayedTasksRunInTheOrderOfTheirDeadlinesAndNoneTooEarly) {
@@ -110,7 +110,7 @@ TEST_F(LoopContractTest, DelayedTasksRunInTheOrderOfTheirDeadlinesAndNoneTooEarl
 
     // then no task ran before its deadline, or before one whose deadline is surely earlier
     std::vector<Span> inOrder;
-    for (const std::string& entry : journal.entries()) {
+    for (const std::string& entry : journal.all()) {
         inOrder.push_back(spans[std::stoul(entry)]);
     }
     ASSERT_EQ(inOrder.size(), spans.size());
@@ -131,14 +131,14 @@ TEST_F(LoopContractTest, DelayedTasksOfEqualDelayAllRun) {
     }
     ASSERT_TRUE(LoopDriver::run(journal, 4, milliseconds(10)));
     LoopDriver::settle(*loop);
-    EXPECT_THAT(journal.entries(), UnorderedElementsAre("a", "b", "c", "d"));
+    EXPECT_THAT(journal.all(), UnorderedElementsAre("a", "b", "c", "d"));
 }
 
 TEST_F(LoopContractTest, AnImmediateTaskDoesNotWaitForADelayedOnePostedBefore) {
     postDelayed(hours(1), "late");
     post("now");
     ASSERT_TRUE(LoopDriver::run(journal, 2));
-    EXPECT_THAT(journal.entries(), ElementsAre("now", "~now"));
+    EXPECT_THAT(journal.all(), ElementsAre("now", "~now"));
 }
 
 TEST_F(LoopContractTest, DueDelayedTasksAreNotStarvedByImmediateOnes) {
@@ -201,7 +201,7 @@ TEST_F(LoopContractTest, ADelayOfZeroOrLessIsDueAtOnce) {
                             [this] { journal.add("an hour, if it wraps"); });
     }
     ASSERT_TRUE(LoopDriver::run(journal, 4));
-    EXPECT_THAT(journal.entries(), UnorderedElementsAre("zero", "negative", "lowest", "an hour, if it wraps"));
+    EXPECT_THAT(journal.all(), UnorderedElementsAre("zero", "negative", "lowest", "an hour, if it wraps"));
 }
 
 TEST_F(LoopContractTest, ANegativeDelayIsADeadlineInThePast) {
@@ -212,12 +212,12 @@ TEST_F(LoopContractTest, ANegativeDelayIsADeadlineInThePast) {
         }
     }
     ASSERT_TRUE(LoopDriver::run(journal, 3));
-    EXPECT_THAT(journal.entries(), ElementsAre("-2000", "-1000", "0"));
+    EXPECT_THAT(journal.all(), ElementsAre("-2000", "-1000", "0"));
 }
 
 // Takes time to package: its move constructor lasts 30 ms on the loop's clock.
 struct SlowToPackage {
-    explicit SlowToPackage(Journal& target) : journal(&target) {}
+    explicit SlowToPackage(Journal<std::string>& target) : journal(&target) {}
     SlowToPackage(SlowToPackage&& other) noexcept : journal(other.journal), packaged(other.packaged) {
         LoopDriver::pass(milliseconds(30));
         *packaged = LoopDriver::now();
@@ -228,7 +228,7 @@ struct SlowToPackage {
         journal->add(isEarly ? "too early" : "in time");
     }
 
-    Journal* journal;
+    Journal<std::string>* journal;
     std::shared_ptr<steady_clock::time_point> packaged = std::make_shared<steady_clock::time_point>();
 };
 
@@ -236,7 +236,7 @@ struct SlowToPackage {
 TEST_F(LoopContractTest, ADelayIsMeasuredFromTheMomentAtWhichTheTaskIsPackaged) {
     loop->DelayPostTask(milliseconds(20), SlowToPackage(journal));
     ASSERT_TRUE(LoopDriver::run(journal, 1, milliseconds(20)));
-    EXPECT_THAT(journal.entries(), ElementsAre("in time"));
+    EXPECT_THAT(journal.all(), ElementsAre("in time"));
 }
 
 TEST_F(LoopContractTest, ADelayIsMeasuredFromTheMomentOfPosting) {
@@ -253,7 +253,7 @@ TEST_F(LoopContractTest, ADelayIsMeasuredFromTheMomentOfPosting) {
         loop->PostTask([this] { journal.add("before"); });
     }
     ASSERT_TRUE(LoopDriver::run(journal, 2, milliseconds(20)));
-    EXPECT_THAT(journal.entries(), ElementsAre("before", "ran"));
+    EXPECT_THAT(journal.all(), ElementsAre("before", "ran"));
     EXPECT_GE(ran - posted, milliseconds(20));
 }
 
@@ -268,11 +268,11 @@ TEST_F(LoopContractTest, TheLongestDelaysNeverComeDueAndDisturbNothing) {
 
     ASSERT_TRUE(LoopDriver::run(journal, 2, milliseconds(10)));
     LoopDriver::settle(*loop);
-    EXPECT_THAT(journal.entries(), ElementsAre("now", "soon"));
+    EXPECT_THAT(journal.all(), ElementsAre("now", "soon"));
 
     loop->stop();
     LoopDriver::drain();
-    EXPECT_THAT(journal.entries(), ElementsAre("now", "soon", "~never", "~never", "~never", "~never"));
+    EXPECT_THAT(journal.all(), ElementsAre("now", "soon", "~never", "~never", "~never", "~never"));
 }
 
 TEST_F(LoopContractTest, AnEarlierDeadlineShortensAWaitUnderWay) {
@@ -283,7 +283,7 @@ TEST_F(LoopContractTest, AnEarlierDeadlineShortensAWaitUnderWay) {
     loop->DelayPostTask(milliseconds(10), [this] { journal.add("early"); });
 
     ASSERT_TRUE(LoopDriver::run(journal, 1, milliseconds(10)));
-    EXPECT_THAT(journal.entries(), ElementsAre("early"));
+    EXPECT_THAT(journal.all(), ElementsAre("early"));
 }
 
 TEST_F(LoopContractTest, ALaterDeadlineLeavesAWaitUnderWayAsItIs) {
@@ -294,7 +294,7 @@ TEST_F(LoopContractTest, ALaterDeadlineLeavesAWaitUnderWayAsItIs) {
     loop->DelayPostTask(milliseconds(60), [this] { journal.add("middle"); });
 
     ASSERT_TRUE(LoopDriver::run(journal, 2, milliseconds(60)));
-    EXPECT_THAT(journal.entries(), ElementsAre("early", "middle"));
+    EXPECT_THAT(journal.all(), ElementsAre("early", "middle"));
 }
 
 TEST_F(LoopContractTest, AnImmediateTaskEndsAWaitUnderWay) {
@@ -302,7 +302,7 @@ TEST_F(LoopContractTest, AnImmediateTaskEndsAWaitUnderWay) {
     LoopDriver::settle(*loop);
     loop->PostTask([this] { journal.add("now"); });
     ASSERT_TRUE(LoopDriver::run(journal, 1));
-    EXPECT_THAT(journal.entries(), ElementsAre("now"));
+    EXPECT_THAT(journal.all(), ElementsAre("now"));
 }
 
 TEST_F(LoopContractTest, AnIdleLoopRunsEveryTaskThatComesSinglyLater) {
@@ -369,7 +369,7 @@ TEST_F(LoopContractTest, TheFutureBecomesReadyWhenTheTaskHasRun) {
     LoopDriver::settle(*loop);
     EXPECT_TRUE(isReady(immediate));
     EXPECT_TRUE(isReady(delayed));
-    EXPECT_THAT(journal.entries(), ElementsAre("immediate", "delayed"));
+    EXPECT_THAT(journal.all(), ElementsAre("immediate", "delayed"));
 }
 
 TEST_F(LoopContractTest, TheFutureIsNotYetReadyWhileTheTaskRuns) {
@@ -397,10 +397,10 @@ TEST_F(LoopContractTest, DestroyingTheFutureDoesNotWaitForTheTask) {
         {
             const std::future<void> dropped = loop->DelayPostTask(milliseconds(1), [this] { journal.add("delayed"); });
         }
-        EXPECT_THAT(journal.entries(), IsEmpty());
+        EXPECT_THAT(journal.all(), IsEmpty());
     }
     ASSERT_TRUE(LoopDriver::run(journal, 2, milliseconds(1)));
-    EXPECT_THAT(journal.entries(), ElementsAre("immediate", "delayed"));
+    EXPECT_THAT(journal.all(), ElementsAre("immediate", "delayed"));
 }
 
 // ---- Callables ----
@@ -429,7 +429,7 @@ TEST_F(LoopContractTest, ATaskGivenByNameIsCopiedAndStaysWithItsOwner) {
     ASSERT_TRUE(LoopDriver::run(journal, 2));
     LoopDriver::settle(*loop);
     EXPECT_EQ(shared.use_count(), 2) << "both copies are gone";
-    EXPECT_THAT(journal.entries(), ElementsAre("ran", "ran"));
+    EXPECT_THAT(journal.all(), ElementsAre("ran", "ran"));
 }
 
 int plainFunctionCalls = 0;
@@ -462,7 +462,7 @@ TEST_F(LoopContractTest, ATaskPostedByATaskRunsBehindThoseAlreadyQueued) {
         loop->PostTask([this] { journal.add("b"); });
     }
     ASSERT_TRUE(LoopDriver::run(journal, 3));
-    EXPECT_THAT(journal.entries(), ElementsAre("a", "b", "c")) << "none runs inside the call that posts it";
+    EXPECT_THAT(journal.all(), ElementsAre("a", "b", "c")) << "none runs inside the call that posts it";
 }
 
 TEST_F(LoopContractTest, ATaskMayPostDelayedTasks) {
@@ -474,7 +474,7 @@ TEST_F(LoopContractTest, ATaskMayPostDelayedTasks) {
         journal.add("first");
     });
     ASSERT_TRUE(LoopDriver::run(journal, 3, milliseconds(4)));
-    EXPECT_THAT(journal.entries(), ElementsAre("first", "second", "third"));
+    EXPECT_THAT(journal.all(), ElementsAre("first", "second", "third"));
 }
 
 TEST_F(LoopContractTest, TheDestructorOfATaskThatRanMayPost) {
@@ -484,7 +484,7 @@ TEST_F(LoopContractTest, TheDestructorOfATaskThatRanMayPost) {
     });
     loop->PostTask([this, end = std::move(postsWhenDestroyed)] { journal.add("ran"); });
     ASSERT_TRUE(LoopDriver::run(journal, 3, milliseconds(1)));
-    EXPECT_THAT(journal.entries(), ElementsAre("ran", "posted", "posted delayed"));
+    EXPECT_THAT(journal.all(), ElementsAre("ran", "posted", "posted delayed"));
 }
 
 TEST_F(LoopContractTest, TheDestructorOfATaskThatRanMayStop) {
@@ -495,7 +495,7 @@ TEST_F(LoopContractTest, TheDestructorOfATaskThatRanMayStop) {
     }
     ASSERT_TRUE(LoopDriver::run(journal, 2));
     LoopDriver::drain();
-    EXPECT_THAT(journal.entries(), ElementsAre("ran", "~unrun"));
+    EXPECT_THAT(journal.all(), ElementsAre("ran", "~unrun"));
 }
 
 // ---- Stop ----
@@ -510,7 +510,7 @@ TEST_F(LoopContractTest, APostAfterStopGivesAnEmptyFutureAndDestroysTheTaskUnrun
     EXPECT_FALSE(postDelayed(hours(1), "c").valid());
 
     LoopDriver::drain();
-    EXPECT_THAT(journal.entries(), ElementsAre("before", "~before", "~a", "~b", "~c"));
+    EXPECT_THAT(journal.all(), ElementsAre("before", "~before", "~a", "~b", "~c"));
 }
 
 TEST_F(LoopContractTest, ALoopStoppedBeforeAnyPostRefusesThemAll) {
@@ -518,17 +518,17 @@ TEST_F(LoopContractTest, ALoopStoppedBeforeAnyPostRefusesThemAll) {
     EXPECT_FALSE(post("a").valid());
     EXPECT_FALSE(postDelayed(milliseconds(0), "b").valid());
     LoopDriver::drain();
-    EXPECT_THAT(journal.entries(), ElementsAre("~a", "~b"));
+    EXPECT_THAT(journal.all(), ElementsAre("~a", "~b"));
 }
 
 TEST_F(LoopContractTest, StopDestroysWhatHasNotBegunUnrun) {
     postDelayed(hours(1), "a");
     postDelayed(hours(2), "b");
     LoopDriver::settle(*loop);
-    EXPECT_THAT(journal.entries(), IsEmpty());
+    EXPECT_THAT(journal.all(), IsEmpty());
 
     loop->stop();
-    EXPECT_THAT(journal.entries(), UnorderedElementsAre("~a", "~b"));
+    EXPECT_THAT(journal.all(), UnorderedElementsAre("~a", "~b"));
     LoopDriver::drain();
     EXPECT_EQ(journal.size(), 2u);
 }
@@ -547,8 +547,8 @@ TEST_F(LoopContractTest, StopOnTheWorkerDestroysWhatHasNotBegunAndTheRunningTask
     }
     ASSERT_TRUE(LoopDriver::run(journal, 5));
     LoopDriver::drain();
-    EXPECT_THAT(journal.entries(), UnorderedElementsAre("~a", "~b", "~c", "~d", "ends"));
-    EXPECT_EQ(journal.entries().back(), "ends") << "stop has destroyed them by the time it returns";
+    EXPECT_THAT(journal.all(), UnorderedElementsAre("~a", "~b", "~c", "~d", "ends"));
+    EXPECT_EQ(journal.all().back(), "ends") << "stop has destroyed them by the time it returns";
     EXPECT_FALSE(post("e").valid());
 }
 
@@ -558,7 +558,7 @@ TEST_F(LoopContractTest, StopMayBeCalledAgain) {
     loop->stop();
     EXPECT_FALSE(post("b").valid());
     loop->stop();
-    EXPECT_THAT(journal.entries(), ElementsAre("~a", "~b"));
+    EXPECT_THAT(journal.all(), ElementsAre("~a", "~b"));
 }
 
 TEST_F(LoopContractTest, StopMayBeCalledAgainOnTheWorkerAndAfterwards) {
@@ -570,7 +570,7 @@ TEST_F(LoopContractTest, StopMayBeCalledAgainOnTheWorkerAndAfterwards) {
     ASSERT_TRUE(LoopDriver::run(journal, 1));
     loop->stop();
     EXPECT_FALSE(post("a").valid());
-    EXPECT_THAT(journal.entries(), ElementsAre("stopped", "~a"));
+    EXPECT_THAT(journal.all(), ElementsAre("stopped", "~a"));
 }
 
 TEST_F(LoopContractTest, TheDestructorOfAnUnrunTaskMayPostAndStop) {
@@ -583,7 +583,7 @@ TEST_F(LoopContractTest, TheDestructorOfAnUnrunTaskMayPostAndStop) {
     LoopDriver::settle(*loop);
 
     loop->stop();
-    EXPECT_THAT(journal.entries(), ElementsAre("refused"));
+    EXPECT_THAT(journal.all(), ElementsAre("refused"));
 }
 
 TEST_F(LoopContractTest, TheDestructorOfAnUnrunTaskMayPostAndStopWhenTheWorkerStops) {
@@ -598,7 +598,7 @@ TEST_F(LoopContractTest, TheDestructorOfAnUnrunTaskMayPostAndStopWhenTheWorkerSt
     }
     ASSERT_TRUE(LoopDriver::run(journal, 1));
     LoopDriver::drain();
-    EXPECT_THAT(journal.entries(), ElementsAre("refused"));
+    EXPECT_THAT(journal.all(), ElementsAre("refused"));
 }
 
 TEST_F(LoopContractTest, TheDestructorOfARefusedTaskMayPostAndStop) {
@@ -607,7 +607,7 @@ TEST_F(LoopContractTest, TheDestructorOfARefusedTaskMayPostAndStop) {
                         loop->stop();
                         journal.add(loop->PostTask([] {}).valid() ? "accepted" : "refused");
                     })] {});
-    EXPECT_THAT(journal.entries(), ElementsAre("refused"));
+    EXPECT_THAT(journal.all(), ElementsAre("refused"));
 }
 
 TEST_F(LoopContractTest, TheLoopsBodyReturnsAtOnceAfterStop) {
@@ -628,7 +628,7 @@ TEST_F(LoopContractTest, AStoppedLoopEndsWithItsLastReference) {
     ASSERT_TRUE(LoopDriver::run(journal, 2));
     loop->stop();
     EXPECT_EQ(loop.awaitEnd(), std::this_thread::get_id());
-    EXPECT_THAT(journal.entries(), ElementsAre("a", "~a", "~b"));
+    EXPECT_THAT(journal.all(), ElementsAre("a", "~a", "~b"));
 }
 
 TEST_F(LoopContractTest, ALoopMayLoseItsLastReferenceInItsOwnTask) {
@@ -644,7 +644,7 @@ TEST_F(LoopContractTest, ALoopMayLoseItsLastReferenceInItsOwnTask) {
     }
     ASSERT_TRUE(LoopDriver::run(journal, 2));
     loop.awaitEnd();
-    EXPECT_THAT(journal.entries(), ElementsAre("~unrun", "let go"));
+    EXPECT_THAT(journal.all(), ElementsAre("~unrun", "let go"));
 }
 
 TEST_F(LoopContractTest, TwoLoopsRunTheirOwnTasks) {
@@ -655,7 +655,7 @@ TEST_F(LoopContractTest, TwoLoopsRunTheirOwnTasks) {
 
     post("a");
     ASSERT_TRUE(LoopDriver::run(journal, 3));
-    EXPECT_THAT(journal.entries(), ElementsAre("other", "a", "~a"));
+    EXPECT_THAT(journal.all(), ElementsAre("other", "a", "~a"));
 }
 
 TEST_F(LoopContractDeathTest, PostingOnALoopThatNoSharedPointerOwnsEndsTheProcess) {

@@ -1,4 +1,4 @@
-// What the real loop takes from the system: memory for each post, and one thread.
+// The resources of the real loop: memory for each post, and one thread.
 
 #include <gtest/gtest.h>
 
@@ -53,7 +53,7 @@ constexpr size_t kPackagedTask = 2;
 TEST_F(LoopResourcesTest, AnImmediatePostAllocatesThePackagedTaskOnceTheQueueHasGrown) {
     const size_t growing = allocationsOf(kPosts, [this] { loop->PostTask([] {}); });
     EXPECT_LE(growing, kPosts * kPackagedTask + 10);
-    // It doubles, so there is room for almost as many again after one more growth.
+    // The capacity doubles, so one more growth suffices for almost as many again.
     const size_t used = allocationsOf(kPosts - 1, [this] { loop->PostTask([] {}); });
     EXPECT_GE(used, (kPosts - 1) * kPackagedTask);
     EXPECT_LE(used, (kPosts - 1) * kPackagedTask + 1);

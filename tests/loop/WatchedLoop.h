@@ -1,4 +1,4 @@
-// A loop for a test: stopped at the test's end, which waits until the loop is gone. A worker that stopped itself is not
+// A loop that is stopped at the end of its test, which waits until it is destroyed. A worker that stopped itself is not
 // joined and may use what its tasks captured for a moment longer.
 
 #ifndef VEXALIVE_TESTS_LOOP_WATCHED_LOOP_H
@@ -43,7 +43,7 @@ public:
     // The reference held here, for another owner.
     std::shared_ptr<KstMessageLoop> take() { return std::move(mLoop); }
 
-    // Lets go of the loop and waits until it is gone; the thread that destroyed it.
+    // Releases the loop and waits until it is destroyed; returns the thread that destroyed it.
     std::thread::id awaitEnd() {
         mLoop.reset();
         if (mGone.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {

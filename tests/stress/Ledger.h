@@ -155,7 +155,7 @@ public:
     int violations() const { return mViolations; }
 
     // Sums since the start.
-    std::atomic<int64_t> operations{0};  // completed as the rules say
+    std::atomic<int64_t> operations{0};  // completed according to the rules
     std::atomic<int64_t> succeeded{0};
     std::atomic<int64_t> refused{0};
     std::atomic<int64_t> deferred{0};

@@ -1,6 +1,6 @@
-// Adapters used from several threads at once, called again from their listeners, and destroyed at any point: nothing is
-// told after an adapter's end, nothing is kept, every request is answered once, and what is asked for last is done.
-// Which of two calls supersedes the other is chance. Meant for ThreadSanitizer and AddressSanitizer above all.
+// Adapters that several threads and their listeners call, and that are destroyed at any point: no listener call follows
+// the destruction, no resource remains, every request completes once, and the last operation is carried out. Which of
+// two calls supersedes the other is chance. Meant for ThreadSanitizer and AddressSanitizer above all.
 
 #include <gtest/gtest.h>
 
@@ -32,17 +32,17 @@ std::atomic<int> callsAfterTheEnd{0};
 
 class WatchingListener : public ILiveTrancodingDelegate {
 public:
-    void onStartPublishStreamUrl(int, std::string) override { told(); }
-    void onStopPublishStreamUrl(int, std::string) override { told(); }
-    void onSetLiveMixTranscoding(int, std::string) override { told(); }
-    void onStopLiveMixTranscoding(int, std::string) override { told(); }
+    void onStartPublishStreamUrl(int, std::string) override { notified(); }
+    void onStopPublishStreamUrl(int, std::string) override { notified(); }
+    void onSetLiveMixTranscoding(int, std::string) override { notified(); }
+    void onStopLiveMixTranscoding(int, std::string) override { notified(); }
 
     std::function<void()> during;
     std::atomic<int> calls{0};
     std::atomic<bool> adapterIsGone{false};
 
 private:
-    void told() {
+    void notified() {
         callsAfterTheEnd += adapterIsGone;
         ++calls;
         if (during) {
@@ -53,14 +53,14 @@ private:
 
 using AdapterPointer = std::shared_ptr<LiveTranscodingAdapter>;
 
-// Whoever drops it last destroys it: its listener is told nothing from that moment on.
+// The thread that drops the last reference destroys it: its listener is not called from that moment on.
 AdapterPointer makeAdapter(const std::shared_ptr<WatchingListener>& listener, const std::string& userId) {
     ++living;
     const AdapterPointer adapter(new LiveTranscodingAdapter(),
-                                 [told = listener](LiveTranscodingAdapter* itself) mutable {
-                                     told->adapterIsGone = true;
+                                 [notified = listener](LiveTranscodingAdapter* itself) mutable {
+                                     notified->adapterIsGone = true;
                                      delete itself;
-                                     told.reset();  // it may hold what keeps this function
+                                     notified.reset();  // it may own an object that owns this function
                                      --living;
                                  });
     adapter->setLiveTranscodingDelegate(listener);
@@ -70,14 +70,14 @@ AdapterPointer makeAdapter(const std::shared_ptr<WatchingListener>& listener, co
 }
 
 void awaitNone(const std::atomic<int>& count) {
-    for (const auto patience = std::chrono::steady_clock::now() + kPatience;
+    for (const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
          count != 0 && std::chrono::steady_clock::now() < patience;) {
         std::this_thread::sleep_for(milliseconds(1));
     }
     EXPECT_EQ(0, count);
 }
 
-// ---- What every test looks at: each request is answered once, and nothing is left behind ----------------------------
+// ---- Checked by every test: each request completes once, and no resource remains ------------------------------------
 
 class Races : public testing::Test {
 protected:
@@ -132,7 +132,7 @@ protected:
         };
         EXPECT_EQ(0, reports()) << text;  // is looked for from here on
         operation();
-        for (const auto patience = std::chrono::steady_clock::now() + kPatience;
+        for (const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
              reports() == 0 && std::chrono::steady_clock::now() < patience;) {
             std::this_thread::sleep_for(milliseconds(1));
         }
@@ -146,12 +146,12 @@ protected:
 
 private:
     std::mutex mMutex;
-    std::map<uint64_t, int> mPhases;  // seen of each request; they come in order, once
+    std::map<uint64_t, int> mPhases;  // of each request; they occur in order, once
     int mMisplaced = 0;
     std::map<std::string, int> mReportsWith;
 };
 
-// Any of the operations. `number` tells one from another.
+// Any of the operations. `number` identifies the call.
 void anyOperation(LiveTranscodingAdapter& adapter, const std::shared_ptr<WatchingListener>& listener,
                   unsigned long dice) {
     switch (dice % 16) {
@@ -216,7 +216,7 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
         const std::lock_guard<std::mutex> lock(slot.mutex);
         slot.adapter.swap(adapter);
         slot.listener.swap(listener);
-    };  // the old ones go here, or with whoever still uses them
+    };  // the last user of the old ones destroys them
     std::atomic<int> reentered{0};
     std::atomic<bool> isEnding{false};
     const std::function<void(size_t)> replace = [&](size_t index) {
@@ -272,8 +272,7 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
     std::printf("%d listener calls called again\n", reentered.load());
 }
 
-// Log lines, requests handed over, answers coming and told, reports, listener calls: dropped in each of them, on
-// whichever thread that is.
+// Drops the adapter inside a log line, an exchange's phase, a report or a listener call, on the thread that it runs on.
 TEST_F(Races, AnAdapterMayBeDroppedAtTheNthThingThatHappens) {
     constexpr int kThings = 60;
     std::mutex mutex;
@@ -305,7 +304,7 @@ TEST_F(Races, AnAdapterMayBeDroppedAtTheNthThingThatHappens) {
         adapter->startPublishStreamUrl(relayParam());
         adapter->setLiveMixTranscoding(mixConfig());
         adapter.reset();
-        for (const auto patience = std::chrono::steady_clock::now() + kPatience;
+        for (const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
              !isDropped && std::chrono::steady_clock::now() < patience;) {
             std::this_thread::sleep_for(milliseconds(1));
         }
@@ -332,8 +331,7 @@ TEST_F(Races, TheLastOfManyThreadsCallsIsCarriedOut) {
         for (std::thread& thread : threads) {
             thread.join();
         }
-        // A room entry makes what waits for it again, ahead of what is asked for meanwhile: the worker has to be
-        // through.
+        // A room entry repeats the pending starts ahead of calls made meanwhile: wait until the worker has done so.
         const std::string userId = "u-through-" + std::to_string(round);
         adapter->setLiveTranscodingDelegate(listener);
         adapter->updateEnterRoomInfo("r1", "key");
@@ -396,7 +394,7 @@ TEST_F(Races, AListenerThatBlocksUntilOthersHaveGoneOnHoldsUpNobody) {
     int blocks = 0;
     go("u-blocked", [&] {
         const int enough = others + kMeanwhile;
-        const auto patience = std::chrono::steady_clock::now() + kPatience;
+        const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
         while (others < enough && std::chrono::steady_clock::now() < patience) {
             std::this_thread::sleep_for(milliseconds(1));
         }

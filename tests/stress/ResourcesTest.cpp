@@ -1,4 +1,4 @@
-// A process that runs out of descriptors, of threads, or of patience with a listener that blocks. Each test needs a
+// A process without free descriptors or threads, or with a listener that blocks. Each test needs a
 // process of its own: the engine of the platform starts once.
 
 #include <fcntl.h>
@@ -98,7 +98,7 @@ TEST_P(Descriptors, AFirstRequestThatFindsTooFewIsTriedAgainAndWorkResumesWithTh
 
 INSTANTIATE_TEST_SUITE_P(Left, Descriptors, testing::Values(0, 1, 2, 3, 4, 5, 6));
 
-// The service takes its time, so that more requests are under way than there can be connections.
+// The service responds slowly, so that more requests are in flight than there can be connections.
 TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
     const StressService service("slow");
     trust(service);
@@ -144,7 +144,7 @@ void startWithThreads(int allowed) noexcept {
     adapter->updateUserInfo(1400, "signature", "u-threads");
     adapter->updateEnterRoomInfo("r1", "key");
     adapter->startPublishStreamUrl(relayParam());
-    std::this_thread::sleep_for(kPatience);  // ended by the death of the process
+    std::this_thread::sleep_for(kTestTimeout);  // ended by the death of the process
 }
 
 class ThreadsDeathTest : public testing::Test {
@@ -164,7 +164,7 @@ TEST_F(ThreadsDeathTest, ASecondThreadOfTheClientThatCannotBeStartedEndsTheProce
     EXPECT_EXIT(startWithThreads(2), testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
-// Once there are two threads, want of another makes answers wait, no more.
+// Once two threads exist, the lack of another only delays responses.
 TEST(Threads, AnswersStillComeWhenNoFurtherThreadCanBeStarted) {
     const StressService service("good");
     trust(service);
@@ -194,8 +194,8 @@ size_t residentBytes() {
     return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// What waits behind a callback that blocks: whole answers, as many as were asked for.
-TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsToldOnce) {
+// The complete responses of all requests wait behind a callback that blocks.
+TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsReportedOnce) {
     constexpr size_t kAnswers = 96;
     constexpr size_t kAnswerBytes = (size_t{1} << 20) - 1;
     const StressService service("large");
@@ -208,20 +208,20 @@ TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsToldOnce) {
     Journal<size_t> sizes;
     Journal<bool> entered;
     Journal<bool> leave;
-    std::map<size_t, int> told;
+    std::map<size_t, int> notified;
     const size_t before = residentBytes();
     {
         CVexaHttpSendRecv client;
         for (size_t i = 0; i < kAnswers; ++i) {
             client.sendHttpsRequest(body, url, [&, i](int, KstCopyOnWriteBuffer& answer) {
-                ++told[i];  // one callback at a time
+                ++notified[i];  // one callback at a time
                 entered.add(true);
                 leave.waitFor(1);
                 sizes.add(answer.size());
             });
         }
         ASSERT_FALSE(entered.waitFor(1).empty());
-        // Nothing tells when the last answer has arrived: its memory does.
+        // Only the memory shows that the last response has arrived.
         for (const auto patience = std::chrono::steady_clock::now() + 60s;
              residentBytes() < before + kAnswers * kAnswerBytes && std::chrono::steady_clock::now() < patience;) {
             std::this_thread::sleep_for(10ms);
@@ -234,7 +234,7 @@ TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsToldOnce) {
     for (const size_t each : sizes.all()) {
         EXPECT_EQ(kAnswerBytes, each);
     }
-    EXPECT_EQ(kAnswers, told.size());
+    EXPECT_EQ(kAnswers, notified.size());
     std::printf("after the last callback: %.1f MiB more\n", static_cast<double>(residentBytes() - before) / (1 << 20));
 }
 

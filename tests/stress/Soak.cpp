@@ -1,9 +1,9 @@
-// Many adapters in one process at work for minutes against a service with injected faults, with ledger kept outside of
-// them.
+// Runs many adapters in one process for minutes against a service with injected faults, and compares what they do with
+// the oracle.
 //
 //     soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]
 //
-// Ends with 0 if every promise was kept: no operation lost or doubled, none with another outcome than its rules give,
+// Exits with 0 if no rule was violated: no operation lost or doubled, none with another outcome than its rules give,
 // no request incomplete, and, in a run of five minutes or more, memory, threads and descriptors that do not grow. These
 // are looked at every half minute, when all work has come to its end and none begins.
 
@@ -80,12 +80,11 @@ Options optionsFrom(int argc, char** argv) {
     return options;
 }
 
-// ---- What the process takes when nothing is under way
-// -----------------------------------------------------------------
+// ---- Resources of the idle process ----------------------------------------------------------------------------------
 
 struct Sample {
     double second;
-    double allocated;  // KiB that the program has asked for and not given back
+    double allocated;  // KiB that the program has allocated
     double resident;   // KiB that the system counts: those, what lies between them, stacks and code
     double threads;
     double descriptors;
@@ -169,7 +168,8 @@ struct Slot {
     std::shared_ptr<LedgerListener> listener;
     std::shared_ptr<LiveTranscodingAdapter> adapter;
     std::array<Lane, 2> lanes;
-    std::array<std::vector<Step>, 2> scripts;  // what is left of them, the next step last; a joint one is the relay's
+    std::array<std::vector<Step>, 2>
+        scripts;  // the remaining steps, the next one last; that of a joint round is the relay's
     bool isJointRound = false;
     bool needsJointRound = false;
     bool isInRoom = false;
@@ -197,7 +197,7 @@ public:
         }
     }
 
-    // Drives until the time is over and every round has come to its end; rests now and then to take a sample.
+    // Runs until the time is over and every round is complete; pauses regularly to take a sample.
     std::vector<Sample> run() {
         const auto start = Clock::now();
         const auto end = start + std::chrono::seconds(mOptions.seconds);
@@ -263,7 +263,7 @@ private:
         slot.isInRoom = slot.hasStarted = false;
     }
 
-    // Until no task and no callback of the adapter's keeps it any more.
+    // Waits until no task and no callback holds the adapter.
     void drop(Slot& slot) {
         const std::weak_ptr<LiveTranscodingAdapter> adapter = slot.adapter;
         slot.account->beginDrop();
@@ -292,7 +292,7 @@ private:
         }
     }
 
-    // The next round of a lane, after a while that gives the rate that was asked for.
+    // Schedules the next round of a lane after a random time that yields the requested rate.
     void scheduleRound(Slot& slot, Family family) {
         const double mean = 2 * static_cast<double>(mSlots.size()) * kOperationsInARound / mOptions.rate;
         const std::chrono::duration<double> pause(std::uniform_real_distribution<>(0, 2 * mean)(mRandom));
@@ -369,7 +369,7 @@ private:
         for (int count = randomBelow(4) == 0 ? 2 + randomBelow(2) : 1; count > 0; --count) {
             const int roll = randomBelow(20);
             const Call relay = roll < 11 ? Call::kStartRelay : roll < 19 ? Call::kStopRelay : Call::kRefusedRelay;
-            // One refusal of users at most: of two in a row only the second must be notified, and they look the same.
+            // One refusal of users at most: of two in a row only the second must be notified, and they are equal.
             const Call mix = roll < 11                      ? Call::kSetMix
                              : roll < 18                    ? Call::kCancelMix
                              : roll < 19 || hasRefusedUsers ? Call::kRefusedMix
@@ -383,7 +383,7 @@ private:
         return script;
     }
 
-    // What concerns relay and mix alike. Steps stand last to first.
+    // A round that involves relay and mix. Steps are in reverse order.
     std::vector<Step> jointRoundOf(const Slot& slot) {
         const milliseconds pause = shortPause();
         if (!slot.hasStarted && randomBelow(2) == 0) {
@@ -547,7 +547,7 @@ int main(int argc, char** argv) {
     vexalive::setHttpOptions(httpOptions);
 
     std::printf("%d adapters for %d s, seed %u\n", options.adapters, options.seconds, options.seed);
-    static Ledger& ledger = *new Ledger();  // the platform's threads may still tell it something at exit
+    static Ledger& ledger = *new Ledger();  // the platform's threads may still use it at exit
     ledger.installHooks();
     Driver driver(ledger, options);
     const std::vector<Sample> samples = driver.run();
@@ -590,6 +590,6 @@ int main(int argc, char** argv) {
         std::printf("something grows\n");
     }
     const bool isClean = ledger.violations() == 0 && incomplete == 0 && !grows && ledger.operations > 0;
-    std::printf("%s\n", isClean ? "every promise was kept" : "A PROMISE WAS BROKEN");
+    std::printf("%s\n", isClean ? "no rule was violated" : "A RULE WAS VIOLATED");
     return isClean ? 0 : 1;
 }

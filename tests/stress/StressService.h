@@ -1,5 +1,5 @@
-// The far side of the stress tests: the local service in a process of its own, with faults injected at random or as
-// told. In a process of its own, since what the service remembers would hide what the adapters keep.
+// The local service of the stress tests, with faults injected at random or as chosen. In its own process, since its
+// memory would hide that of the adapters.
 
 #ifndef VEXALIVE_STRESS_STRESS_SERVICE_H
 #define VEXALIVE_STRESS_STRESS_SERVICE_H

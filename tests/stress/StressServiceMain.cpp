@@ -2,7 +2,7 @@
 //
 //     stress_service PORT SEED FOLDER random|good|slow|large
 //
-// It injects faults at random, or never, or takes its time, or sends answers that almost reach the adapter's limit.
+// It injects faults at random, or none, or responds slowly, or sends responses that almost reach the client's limit.
 // Prints the file of its certificate authority once it listens.
 
 #include <unistd.h>
@@ -33,7 +33,7 @@ class Whims {
 public:
     explicit Whims(unsigned seed) : mRandom(seed) {}
 
-    // How the next request may be treated, asked for at each answer.
+    // The fault for the next request, chosen at each response.
     void follow(LiveService& service) {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (++mRequests % kRequestsBetweenOutages == 0) {

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds kPatience(60);
+constexpr std::chrono::seconds kTestTimeout(60);
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
@@ -108,10 +108,10 @@ ChildProcess::~ChildProcess() {
     }
 }
 
-// False once both have ended, or after kPatience of silence.
+// False once both have ended, or after kTestTimeout of silence.
 bool ChildProcess::readSome() {
     pollfd sources[] = {{mOutputFd, POLLIN, 0}, {mErrorsFd, POLLIN, 0}};  // one below 0 is skipped
-    if ((mOutputFd < 0 && mErrorsFd < 0) || poll(sources, 2, std::chrono::milliseconds(kPatience).count()) <= 0) {
+    if ((mOutputFd < 0 && mErrorsFd < 0) || poll(sources, 2, std::chrono::milliseconds(kTestTimeout).count()) <= 0) {
         return false;
     }
     const auto take = [](const pollfd& source, int& fd, std::string& text) {

@@ -1,79 +1,76 @@
-// What happened, in order. The loop's tests write into it from tasks and read it on the test's thread.
+// A list that one thread writes to and another waits for, and a gate.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_JOURNAL_H
 #define VEXALIVE_TESTS_SUPPORT_JOURNAL_H
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <iterator>
 #include <mutex>
-#include <string>
 #include <utility>
 #include <vector>
 
+constexpr auto kTestTimeout = std::chrono::seconds(90);  // before a test gives up; no passing test waits this long
+
+// Any thread may call any member.
+template <class T>
 class Journal {
 public:
-    void add(std::string entry) {
+    void add(T entry) {
         const std::lock_guard<std::mutex> lock(mMutex);
         mEntries.push_back(std::move(entry));
-        mGrown.notify_all();
+        mChanged.notify_all();
     }
 
-    std::vector<std::string> entries() const {
+    std::vector<T> all() const {
         const std::lock_guard<std::mutex> lock(mMutex);
         return mEntries;
     }
 
-    size_t size() const { return entries().size(); }
+    size_t size() const { return all().size(); }
 
-    // Waits until there are `count` entries; false if they do not come within half a minute, which is to say never.
-    bool await(size_t count) {
+    void clear() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mEntries.clear();
+    }
+
+    // Waits for `count` entries; false on a timeout.
+    bool await(size_t count) const { return waitFor(count).size() >= count; }
+
+    // Waits for `count` entries; returns those that exist, fewer on a timeout.
+    std::vector<T> waitFor(size_t count) const {
+        return waitFor(count, [](const T&) { return true; });
+    }
+
+    // The same of the entries that `matches` is true for.
+    template <class Predicate>
+    std::vector<T> waitFor(size_t count, Predicate matches) const {
         std::unique_lock<std::mutex> lock(mMutex);
-        return mGrown.wait_for(lock, std::chrono::seconds(30), [&] { return mEntries.size() >= count; });
+        std::vector<T> found;
+        mChanged.wait_for(lock, kTestTimeout, [&] {
+            found.clear();
+            std::copy_if(mEntries.begin(), mEntries.end(), std::back_inserter(found), matches);
+            return found.size() >= count;
+        });
+        return found;
     }
 
 private:
     mutable std::mutex mMutex;
-    std::condition_variable mGrown;
-    std::vector<std::string> mEntries;
+    mutable std::condition_variable mChanged;
+    std::vector<T> mEntries;
 };
 
-// A task that tells the journal when it runs ("a") and when it is destroyed ("~a"). Can be moved, not copied.
-class JournalTask {
+// Opens once. pass() waits until it is open; false on a timeout.
+class Gate {
 public:
-    JournalTask(Journal& journal, std::string name) : mJournal(&journal), mName(std::move(name)) {}
-    JournalTask(JournalTask&& other) noexcept
-        : mJournal(std::exchange(other.mJournal, nullptr)), mName(std::move(other.mName)) {}
-    JournalTask& operator=(JournalTask&&) = delete;
-    ~JournalTask() {
-        if (mJournal) {
-            mJournal->add("~" + mName);
-        }
-    }
-
-    void operator()() { mJournal->add(mName); }
+    void open() { mOpened.add(true); }
+    bool pass() const { return mOpened.await(1); }
 
 private:
-    Journal* mJournal;
-    std::string mName;
-};
-
-// Calls a function when it is destroyed. Can be moved, not copied.
-template <class F>
-class AtTheEnd {
-public:
-    explicit AtTheEnd(F function) : mFunction(std::move(function)) {}
-    AtTheEnd(AtTheEnd&& other) noexcept
-        : mFunction(std::move(other.mFunction)), mArmed(std::exchange(other.mArmed, false)) {}
-    AtTheEnd& operator=(AtTheEnd&&) = delete;
-    ~AtTheEnd() {
-        if (mArmed) {
-            mFunction();
-        }
-    }
-
-private:
-    F mFunction;
-    bool mArmed = true;
+    Journal<bool> mOpened;
 };
 
 #endif

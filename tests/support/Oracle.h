@@ -1,5 +1,5 @@
 // The rules of the adapter for requests and responses, written a second time and independently of it: tests compare
-// what the adapter did with what these say. Functions of values; any thread may call.
+// the behaviour of the adapter with these. Functions of values; any thread may call.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_ORACLE_H
 #define VEXALIVE_TESTS_SUPPORT_ORACLE_H
@@ -24,7 +24,7 @@ struct KindRules {
     int unreadableCode;
     int64_t serverBase;
     int event;                 // of the report
-    Kind tracedCounter;        // whose attempts left the trace shows
+    Kind tracedCounter;        // whose counter the trace contains
     bool dropsStaleRetry;      // whether the response to a retry is dropped if it is stale, as for a first send
     bool sendsStaleRetry;      // whether a retry is sent though a newer operation has replaced it
     std::vector<int> retried;  // absolute values of the service's codes that are retried

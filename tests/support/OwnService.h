@@ -1,10 +1,10 @@
-// Linking OwnService.cpp puts a service of this program's own in place of the platform's address: on a port of loopback
-// that was free when it was first asked for.
+// Linking OwnService.cpp replaces the platform's service address by a port of loopback that was free at the first call
+// of ownServicePort().
 
 #ifndef VEXALIVE_TESTS_SUPPORT_OWN_SERVICE_H
 #define VEXALIVE_TESTS_SUPPORT_OWN_SERVICE_H
 
-// The port of the adapter's service; fixed before main, as the adapter asks for its address then.
+// The port of the adapter's service; fixed before main, when the adapter reads its address.
 int ownServicePort();
 
 #endif

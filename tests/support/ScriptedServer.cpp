@@ -167,7 +167,7 @@ void ScriptedServer::Connection::waitForClient() {
     }
 }
 
-bool ScriptedServer::Connection::clientLeavesWithin(std::chrono::milliseconds time) {
+bool ScriptedServer::Connection::clientClosesWithin(std::chrono::milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
     while (!mStopping && std::chrono::steady_clock::now() < end) {
         char byte = 0;
@@ -224,7 +224,7 @@ std::string ScriptedServer::url(const std::string& path) const {
 }
 
 void ScriptedServer::acceptAll() {
-    // A client that has gone is no end of the world here; the client's own threads are left to show that they cope.
+    // Writes to a closed connection must not end the process. The client's threads keep their own signal mask.
     sigset_t brokenPipe;
     sigemptyset(&brokenPipe);
     sigaddset(&brokenPipe, SIGPIPE);
@@ -238,7 +238,7 @@ void ScriptedServer::acceptAll() {
             continue;
         }
         ++mAccepted;
-        // A thread that has ended keeps its stack until it is joined.
+        // A finished thread holds its stack until it is joined.
         mConnections.remove_if([](Running& connection) {
             if (connection.ended) {
                 connection.thread.join();
@@ -257,7 +257,7 @@ void ScriptedServer::acceptAll() {
     }
 }
 
-std::string httpAnswer(int status, const std::string& body, const std::string& headers) {
+std::string httpResponse(int status, const std::string& body, const std::string& headers) {
     return "HTTP/1.1 " + std::to_string(status) + " Test\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
            headers + "\r\n" + body;
 }

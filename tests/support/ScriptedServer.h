@@ -1,5 +1,5 @@
-// A TLS server on loopback that does on each connection exactly what a test says, down to the bytes: for faults that a
-// proper server never shows.
+// A TLS server on loopback that runs a script of the test on each connection, down to the bytes: for faults that no
+// correct server has.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_SCRIPTED_SERVER_H
 #define VEXALIVE_TESTS_SUPPORT_SCRIPTED_SERVER_H
@@ -27,17 +27,17 @@ public:
 
         // False if the handshake failed.
         bool handshake();
-        // The next request, head and body; empty when the client has gone.
+        // The next request, head and body; empty if the client has closed.
         std::string readRequest();
-        // What comes next, one byte at least; empty when the client has gone.
+        // The next bytes, one at least; empty if the client has closed.
         std::string read();
         void write(const std::string& bytes);
-        std::string readPlain();                    // what comes next, past TLS
-        void writePlain(const std::string& bytes);  // past TLS
-        void reset();                               // RST instead of an orderly end
-        void waitUntilRead();                       // until the client has taken over all that was written
-        void waitForClient();                       // until the client closes, or the server stops
-        bool clientLeavesWithin(std::chrono::milliseconds time);  // as waitForClient, but no longer than that
+        std::string readPlain();                                  // what comes next, past TLS
+        void writePlain(const std::string& bytes);                // past TLS
+        void reset();                                             // RST instead of an orderly end
+        void waitUntilRead();                                     // until the client has read everything
+        void waitForClient();                                     // until the client closes, or the server stops
+        bool clientClosesWithin(std::chrono::milliseconds time);  // as waitForClient, but no longer than that
 
     private:
         int mSocket;
@@ -84,10 +84,10 @@ private:
     std::thread mAcceptor;
 };
 
-// A proper answer.
-std::string httpAnswer(int status, const std::string& body, const std::string& headers = "");
+// A complete response.
+std::string httpResponse(int status, const std::string& body, const std::string& headers = "");
 
-// Handshakes, then answers every request of a connection with the same bytes.
+// Handshakes, then responds to every request of a connection with the same bytes.
 ScriptedServer::Script answering(std::string bytes);
 
 #endif

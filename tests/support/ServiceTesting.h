@@ -47,7 +47,7 @@ private:
     std::string mPath;
 };
 
-// Looks again and again, for 20 seconds if not told otherwise; false if it never held.
+// Looks again and again, for 20 seconds if not notified otherwise; false if it never held.
 bool eventually(const std::function<bool()>& holds,
                 std::chrono::milliseconds patience = std::chrono::milliseconds(20'000));
 

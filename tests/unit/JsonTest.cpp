@@ -42,7 +42,7 @@ bool isReadable(const std::string& text) {
     return !Deserialize(text).isNull();
 }
 
-// The number that an answer's member reads as.
+// The integer that a response's member converts to.
 int readAs(const std::string& text) {
     const Value answer = Deserialize("{\"code\":" + text + "}");
     EXPECT_TRUE(answer.HasKey("code")) << text;
@@ -168,7 +168,7 @@ TEST(JsonKeyTest, AMissingMemberIsNullAllTheWayDown) {
 
 // ---- ToInt ----
 
-TEST(JsonToIntTest, AnIntegerStandsAsItIs) {
+TEST(JsonToIntTest, AnIntegerIsUnchanged) {
     EXPECT_EQ(readAs("0"), 0);
     EXPECT_EQ(readAs("505"), 505);
     EXPECT_EQ(readAs("-505"), -505);
@@ -195,7 +195,7 @@ TEST(JsonToIntTest, AnIntegerBeyond64BitsIsClamped) {
     EXPECT_EQ(readAs("-1" + std::string(300, '0')), kLowest);
 }
 
-TEST(JsonToIntTest, AFractionIsCutTowardsZeroAndClamped) {
+TEST(JsonToIntTest, AFractionIsTruncatedTowardsZeroAndClamped) {
     EXPECT_EQ(readAs("1.9"), 1);
     EXPECT_EQ(readAs("-1.9"), -1);
     EXPECT_EQ(readAs("0.9"), 0);
@@ -219,7 +219,7 @@ TEST(JsonToIntTest, ARealThatIsNoNumberIsUnreadableAndAnInfiniteOneClamped) {
     EXPECT_EQ(Value(-std::numeric_limits<double>::infinity()).ToInt(), kLowest);
 }
 
-TEST(JsonToIntTest, ATextThatIsWhollyADecimalIntegerIsThatInteger) {
+TEST(JsonToIntTest, AStringThatIsWhollyADecimalIntegerIsThatInteger) {
     EXPECT_EQ(readAs("\"505\""), 505);
     EXPECT_EQ(readAs("\"+5\""), 5);
     EXPECT_EQ(readAs("\"-7\""), -7);
@@ -235,7 +235,7 @@ TEST(JsonToIntTest, ATextThatIsWhollyADecimalIntegerIsThatInteger) {
     EXPECT_EQ(readAs("\"" + std::string(100000, '0') + "6\""), 6);
 }
 
-TEST(JsonToIntTest, AnyOtherTextIsUnreadable) {
+TEST(JsonToIntTest, AnyOtherStringIsUnreadable) {
     for (const char* text :
          {"",    " ",   " 5",   "5 ",   "\\t5",    "5\\n",     "-",        "+",       "+-5",    "--5",
           "++5", "-+5", "5-",   "5-5",  "0x10",    "10h",      "5.0",      "5e2",     "1,000",  "five",
@@ -260,7 +260,7 @@ TEST(JsonToIntTest, NullAndContainersAreUnreadable) {
 
 // ---- ToString ----
 
-TEST(JsonToStringTest, ATextStandsAsItIsWithoutQuotesOrEscapes) {
+TEST(JsonToStringTest, AStringIsUnchangedWithoutQuotesOrEscapes) {
     EXPECT_EQ(Value("plain").ToString(), "plain");
     EXPECT_EQ(Value("").ToString(), "");
     EXPECT_EQ(Deserialize(R"("a\"b\\c\n")").ToString(), "a\"b\\c\n");
@@ -268,7 +268,7 @@ TEST(JsonToStringTest, ATextStandsAsItIsWithoutQuotesOrEscapes) {
     EXPECT_EQ(Value("not UTF-8: \xff").ToString(), "not UTF-8: \xff");
 }
 
-TEST(JsonToStringTest, NullIsTheEmptyText) {
+TEST(JsonToStringTest, NullIsTheEmptyString) {
     EXPECT_EQ(Value().ToString(), "");
 }
 
@@ -314,7 +314,7 @@ TEST(JsonSerializeTest, NumbersAreWholeToTheLastDigit) {
     EXPECT_EQ(Serialize(0.1), "0.1");
 }
 
-TEST(JsonSerializeTest, TextsAreEscapedWhereJsonNeedsItAndNowhereElse) {
+TEST(JsonSerializeTest, StringsAreEscapedWhereJsonNeedsItAndNowhereElse) {
     EXPECT_EQ(Serialize("a\"b\\c"), R"("a\"b\\c")");
     EXPECT_EQ(Serialize("\b\f\n\r\t"), R"("\b\f\n\r\t")");
     EXPECT_EQ(Serialize(std::string("\x01\x1f\0", 3)), R"("\u0001\u001f\u0000")");
@@ -340,7 +340,7 @@ TEST(JsonSerializeTest, OverlongFormsAndSurrogatesAreNotUtf8) {
     }
 }
 
-TEST(JsonSerializeTest, KeysThatAreNotUtf8AreMendedTheSameWay) {
+TEST(JsonSerializeTest, KeysThatAreNotUtf8AreReplacedTheSameWay) {
     Object object;
     object["k\xff"] = 1;
     EXPECT_EQ(Serialize(object), "{\"k" + kReplacement + "\":1}");
@@ -360,7 +360,7 @@ TEST(JsonDeserializeTest, WhatWasWrittenReadsBackAsItWas) {
     EXPECT_EQ(Serialize(Deserialize(text)), text);
 }
 
-TEST(JsonDeserializeTest, EveryKindOfValueMayStandAlone) {
+TEST(JsonDeserializeTest, EveryKindOfValueMayBeTheRoot) {
     EXPECT_EQ(Deserialize("true").type(), Value::kBool);
     EXPECT_EQ(Deserialize("5").type(), Value::kInteger);
     EXPECT_EQ(Deserialize("5.5").type(), Value::kReal);
@@ -370,7 +370,7 @@ TEST(JsonDeserializeTest, EveryKindOfValueMayStandAlone) {
     EXPECT_EQ(Deserialize(" \r\n\t{ } \n").type(), Value::kObject);
 }
 
-TEST(JsonDeserializeTest, ZeroBytesInsideTextsSurviveTheRoundTrip) {
+TEST(JsonDeserializeTest, ZeroBytesInsideStringsSurviveTheRoundTrip) {
     const std::string text("a\0b\0", 4);
     Object object;
     object["message"] = text;
@@ -392,7 +392,7 @@ TEST(JsonDeserializeTest, OfTwoMembersWithOneNameTheLastHolds) {
     EXPECT_EQ(value.asObject()->members().size(), 1u);
 }
 
-TEST(JsonDeserializeTest, NothingIsUnreadable) {
+TEST(JsonDeserializeTest, TheEmptyStringIsUnreadable) {
     EXPECT_FALSE(isReadable(""));
     EXPECT_FALSE(isReadable(" \n"));
     EXPECT_FALSE(isReadable(std::string(1, '\0')));

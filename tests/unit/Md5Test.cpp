@@ -30,7 +30,7 @@ TEST(Md5Test, EveryByteCountsAZeroByteToo) {
     EXPECT_EQ(getMD5("\xc3\xa6\xc3\xb8\xc3\xa5"), "93c0abe43cfa5d4f4fbdd46694442182");
 }
 
-TEST(Md5Test, ALongTextIsDigestedWhole) {
+TEST(Md5Test, ALongStringIsDigestedWhole) {
     EXPECT_EQ(getMD5(std::string(1000000, 'a')), "7707d6ae4e027c70eea2a935c2296f21");
 }
 

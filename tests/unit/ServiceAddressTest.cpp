@@ -1,4 +1,4 @@
-// One process, one environment: the arguments say which addresses it should lead to.
+// Each environment is a process of its own; the arguments are the addresses that it must lead to.
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(VersionTest, IsTheProjectsVersionAndStaysTheSameText) {
+TEST(VersionTest, IsTheProjectsVersionAndStaysTheSameString) {
     EXPECT_STREQ(kstf_get_sdk_version(), VEXALIVE_VERSION);
     EXPECT_EQ(kstf_get_sdk_version(), kstf_get_sdk_version());
 }

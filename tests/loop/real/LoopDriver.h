@@ -21,7 +21,7 @@ public:
     static std::chrono::steady_clock::time_point now() { return std::chrono::steady_clock::now(); }
     static void pass(std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }
 
-    // While it lives, the loop begins no task: the worker is busy with one that waits.
+    // While it exists, the loop begins no task: the worker runs one that waits.
     class Hold {
     public:
         explicit Hold(KstMessageLoop& loop) {
@@ -42,7 +42,7 @@ public:
     };
 
     // Lets the loop run until the journal has `count` entries, which should not take longer than `time` on its clock.
-    static bool run(Journal& journal, size_t count, std::chrono::milliseconds /*time*/ = {}) {
+    static bool run(Journal<std::string>& journal, size_t count, std::chrono::milliseconds /*time*/ = {}) {
         return journal.await(count);
     }
 

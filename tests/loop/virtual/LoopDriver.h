@@ -14,7 +14,7 @@ public:
     static std::chrono::steady_clock::time_point now() { return VirtualTime::now(); }
     static void pass(std::chrono::milliseconds time) { VirtualTime::advance(time); }
 
-    // While it lives, the loop begins no task: none begins unless it is told to.
+    // While it exists, the loop begins no task. Virtual loops begin none by themselves.
     class Hold {
     public:
         explicit Hold(KstMessageLoop&) {}
@@ -24,7 +24,7 @@ public:
     };
 
     // Lets `time` pass; true if the journal then has `count` entries.
-    static bool run(Journal& journal, size_t count, std::chrono::milliseconds time = {}) {
+    static bool run(Journal<std::string>& journal, size_t count, std::chrono::milliseconds time = {}) {
         VirtualTime::advance(time);
         return journal.size() >= count;
     }

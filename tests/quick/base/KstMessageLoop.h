@@ -10,7 +10,7 @@
 #include_next "base/KstMessageLoop.h"
 #undef KstMessageLoop
 
-// Defined by the program: the delay to use in place of one of the adapter's. Called on any thread.
+// Defined by the program: the delay to use instead of the adapter's. Called on any thread.
 std::chrono::milliseconds shortened(std::chrono::milliseconds pause);
 
 class KstMessageLoop : public KstRealMessageLoop {

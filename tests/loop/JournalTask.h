@@ -1,0 +1,50 @@
+// Tasks whose run and destruction the tests of the loop observe.
+
+#ifndef VEXALIVE_TESTS_LOOP_JOURNAL_TASK_H
+#define VEXALIVE_TESTS_LOOP_JOURNAL_TASK_H
+
+#include <string>
+#include <utility>
+
+#include "support/Journal.h"
+
+// A task that writes its name to the journal when it runs ("a") and when it is destroyed ("~a"). Movable, not copyable.
+class JournalTask {
+public:
+    JournalTask(Journal<std::string>& journal, std::string name) : mJournal(&journal), mName(std::move(name)) {}
+    JournalTask(JournalTask&& other) noexcept
+        : mJournal(std::exchange(other.mJournal, nullptr)), mName(std::move(other.mName)) {}
+    JournalTask& operator=(JournalTask&&) = delete;
+    ~JournalTask() {
+        if (mJournal) {
+            mJournal->add("~" + mName);
+        }
+    }
+
+    void operator()() { mJournal->add(mName); }
+
+private:
+    Journal<std::string>* mJournal;
+    std::string mName;
+};
+
+// Calls a function when it is destroyed. Movable, not copyable.
+template <class F>
+class AtTheEnd {
+public:
+    explicit AtTheEnd(F function) : mFunction(std::move(function)) {}
+    AtTheEnd(AtTheEnd&& other) noexcept
+        : mFunction(std::move(other.mFunction)), mArmed(std::exchange(other.mArmed, false)) {}
+    AtTheEnd& operator=(AtTheEnd&&) = delete;
+    ~AtTheEnd() {
+        if (mArmed) {
+            mFunction();
+        }
+    }
+
+private:
+    F mFunction;
+    bool mArmed = true;
+};
+
+#endif
