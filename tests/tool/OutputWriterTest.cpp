@@ -128,7 +128,7 @@ TEST_F(OutputWriterTest, NoFormatShowsASecret) {
     for (const OutputFormat format : {OutputFormat::kPlain, OutputFormat::kTerminal, OutputFormat::kJson}) {
         const auto output = writer(format);
         OutputEntry secret = entry("text hush-hush");
-        secret.details = {std::string(995, ' ') + "hush-hush"};  // cut in the middle of the secret
+        secret.details = {std::string(992, ' ') + "hush-hush"};  // cut in the middle of the secret
         secret.fields["nested"] = {{"list", {"hush-hush"}}};
         output->write(secret);
         secret.transient = true;

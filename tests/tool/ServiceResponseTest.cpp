@@ -84,6 +84,7 @@ TEST(ServiceCode, ExistsOnlyForARefusal) {
 
 TEST(ExitStatusOf, DependsOnTheLastNotification) {
     EXPECT_EQ(exitStatusOf(kCodes, {{0, ""}}), kSucceeded);
+    EXPECT_EQ(exitStatusOf(kCodes, {{-3323, ""}, {0, ""}}), kSucceeded);
     EXPECT_EQ(exitStatusOf(kCodes, {{-200001, ""}}), kRefused);
     EXPECT_EQ(exitStatusOf(kCodes, {{-3321, ""}}), kNoResponse);
     EXPECT_EQ(exitStatusOf(kCodes, {{-3323, "recv message nil"}, {-3323, "recv message can't parse"}}), kNoResponse);
