@@ -60,7 +60,7 @@ private:
     std::vector<std::shared_ptr<const MixScene>> mPendingScenes KST_GUARDED_BY(mMutex);  // the last is to be shown
     GstRef<GstSample> mLastFrame KST_GUARDED_BY(mMutex);
 
-    // Of the thread only.
+    // Used by the thread only.
     std::shared_ptr<const MixScene> mScene;
     MixPainter mPainter;
     int64_t mFrameDue = 0;  // running time, as the next

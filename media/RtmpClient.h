@@ -18,6 +18,9 @@
 namespace vexalive {
 
 /// What has passed, and when, on the current connection and in all. Any thread.
+///
+/// Its lock is the innermost: those of the source, of the object that handles its tags, and of the queue are taken
+/// before it, in this order.
 class RtmpProgress {
 public:
     /// A connection begins. Returns its number, at least 1: calls with another number have no effect from now on.

@@ -23,8 +23,8 @@ public:
         /// A connection is about to begin; no tag of an older one comes any more. Main loop.
         std::function<void()> onConnecting;
         /// Each tag, one at a time, on a streaming thread. `isCounted`: it is a frame of the stream as numbers count
-        /// them, of video, or of audio if there is no video. May be called for a while after the source has been
-        /// destroyed: capture shared ownership.
+        /// them, of video, or of audio if there is no video. Called with the source's lock held: it must not call the
+        /// source. May be called for a while after the source has been destroyed: capture shared ownership.
         std::function<void(const FlvTag& tag, bool isCounted)> onTag;
     };
 
