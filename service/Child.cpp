@@ -46,10 +46,10 @@ void stopBlocking(const Descriptor& descriptor) {
     ::fcntl(descriptor.get(), F_SETFL, ::fcntl(descriptor.get(), F_GETFL) | O_NONBLOCK);
 }
 
-// What the child does; no more than is allowed between fork and exec in a process with threads.
-[[noreturn]] void become(char* const* arguments, pid_t parent, int input, int output, int errors, int failure) {
+// Runs in the child: only what is allowed between fork and exec in a process with threads.
+[[noreturn]] void become(char* const* arguments, pid_t parent, int input, int output, int errors, int status) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent) {  // it ended before the line above
+    if (::getppid() != parent) {  // the parent exited before the line above
         ::_exit(1);
     }
     ::setpgid(0, 0);
@@ -59,22 +59,22 @@ void stopBlocking(const Descriptor& descriptor) {
     ::dup2(input, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
     ::dup2(errors, STDERR_FILENO);
-    ::close_range(kFirstFreeFd, ~0U, CLOSE_RANGE_CLOEXEC);  // also what others left open
+    ::close_range(kFirstFreeFd, ~0U, CLOSE_RANGE_CLOEXEC);  // descriptors of others, too
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     ::execv(arguments[0], arguments);
     const int reason = errno;
-    [[maybe_unused]] const ssize_t told = ::write(failure, &reason, sizeof reason);
+    [[maybe_unused]] const ssize_t written = ::write(status, &reason, sizeof reason);
     ::_exit(1);
 }
 
-std::string inWords(int status) {
+std::string describeExit(int status) {
     if (WIFSIGNALED(status)) {
         const char* const name = ::sigdescr_np(WTERMSIG(status));
-        return "was ended by signal " + std::to_string(WTERMSIG(status)) + (name ? std::string(", ") + name : "");
+        return "was killed by signal " + std::to_string(WTERMSIG(status)) + (name ? std::string(", ") + name : "");
     }
-    return "ended with exit status " + std::to_string(WEXITSTATUS(status));
+    return "exited with status " + std::to_string(WEXITSTATUS(status));
 }
 
 }  // namespace
@@ -92,12 +92,11 @@ std::string findProgram(const std::string& name, const std::string& folders) {
     return "";
 }
 
-std::unique_ptr<Child> Child::start(const std::vector<std::string>& arguments, std::string& error) {
-    const auto failed = [&error, &arguments](const char* what, int reason) {
-        error = what + arguments[0] + ": " + std::generic_category().message(reason);
-        return nullptr;
+Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& arguments) {
+    const auto failed = [&arguments](const char* what, int reason) {
+        return failure(what + arguments[0] + ": " + std::generic_category().message(reason));
     };
-    const char* const ownFault = "this service cannot make a process for ";
+    const char* const localFailure = "this service cannot create a process for ";
     std::vector<char*> texts;
     texts.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
@@ -107,30 +106,30 @@ std::unique_ptr<Child> Child::start(const std::vector<std::string>& arguments, s
     Pipe input;
     Pipe output;
     Pipe errors;
-    Pipe failure;  // stays empty, and ends when the program runs
-    if (!openPipe(input) || !openPipe(output) || !openPipe(errors) || !openPipe(failure)) {
-        return failed(ownFault, errno);
+    Pipe status;  // of exec: stays empty and is closed on success, else has the errno
+    if (!openPipe(input) || !openPipe(output) || !openPipe(errors) || !openPipe(status)) {
+        return failed(localFailure, errno);
     }
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) {
-        return failed(ownFault, errno);
+        return failed(localFailure, errno);
     }
     if (pid == 0) {
         become(texts.data(), parent, input.reading.get(), output.writing.get(), errors.writing.get(),
-               failure.writing.get());
+               status.writing.get());
     }
     std::unique_ptr<Child> child(new Child(pid, Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)))));
     if (child->exitFd() < 0) {
-        return failed(ownFault, errno);
+        return failed(localFailure, errno);
     }
-    failure.writing.reset();
+    status.writing.reset();
     int reason = 0;
-    ssize_t told = 0;
+    ssize_t count = 0;
     do {
-        told = ::read(failure.reading.get(), &reason, sizeof reason);
-    } while (told < 0 && errno == EINTR);
-    if (told != 0) {
+        count = ::read(status.reading.get(), &reason, sizeof reason);
+    } while (count < 0 && errno == EINTR);
+    if (count != 0) {
         return failed("cannot run ", reason);
     }
     child->input = std::move(input.writing);
@@ -161,7 +160,7 @@ std::optional<std::string> Child::reap() {
         return std::nullopt;
     }
     mPid = 0;
-    return ended < 0 ? "ended" : inWords(status);  // where this process ignores SIGCHLD, nothing more is known
+    return ended < 0 ? "exited" : describeExit(status);  // with SIGCHLD ignored, there is no status
 }
 
 }  // namespace vexalive

@@ -1,8 +1,3 @@
-// One child process, with its standard streams as pipes.
-//
-// Used by Supervisor. The child dies with the thread that started it, however that ends, so one thread starts all
-// children and lives as long as they shall. For one thread.
-
 #ifndef VEXALIVE_SERVICE_CHILD_H
 #define VEXALIVE_SERVICE_CHILD_H
 
@@ -14,33 +9,37 @@
 #include <vector>
 
 #include "common/Descriptor.h"
+#include "common/Result.h"
 
 namespace vexalive {
 
-// An executable file of that name in one of `folders`, which have a colon between them, or in one of PATH's; empty if
-// there is none.
+/// An executable file of that name in one of `folders`, separated by colons, or in PATH; empty if there is none.
 std::string findProgram(const std::string& name, const std::string& folders);
 
+/// One child process, with its standard streams as pipes. For one thread.
+///
+/// The kernel kills the child when the thread that started it ends, so one thread starts all children and outlives
+/// them.
 class Child {
 public:
-    // Runs `arguments[0]`, a path. Null if that fails; `error` tells why. The child leads a process group of its own,
-    // so that a terminal's Ctrl-C is for this process to pass on, and has no descriptor but its standard streams.
-    static std::unique_ptr<Child> start(const std::vector<std::string>& arguments, std::string& error);
-    ~Child();  // kills and awaits one that was not reaped
+    /// Runs `arguments[0]`, a path. The child leads a process group of its own, so that a terminal's Ctrl-C reaches
+    /// only this process, and inherits no descriptor but its standard streams.
+    static Result<std::unique_ptr<Child>> start(const std::vector<std::string>& arguments);
+    ~Child();  ///< kills and waits for a child that was not reaped
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
     void signal(int number);
 
-    // How it ended, in words: "ended with exit status 1". Nothing while it runs.
+    /// How it exited: "exited with status 1". Nothing while it runs.
     std::optional<std::string> reap();
 
-    // This side of its standard streams, none of which blocks.
+    /// This side of its standard streams, non-blocking.
     Descriptor input;
     Descriptor output;
     Descriptor errors;
 
-    int exitFd() const { return mExit.get(); }  // readable once it has ended
+    int exitFd() const { return mExit.get(); }  ///< readable once it has exited
 
 private:
     Child(pid_t pid, Descriptor exit) : mPid(pid), mExit(std::move(exit)) {}

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/Text.h"
+
 namespace vexalive {
 
 using nlohmann::json;
@@ -12,7 +14,11 @@ using nlohmann::json;
 namespace {
 
 constexpr size_t kExcerptBytes = 48;  // a stream id fits
-constexpr size_t kDeepest = 16;
+constexpr size_t kMaxDepth = 16;
+
+const json kEmptyObject = json::object();
+const json kEmptyArray = json::array();
+const json kNull;
 
 // A key as paths show it: cut short, ASCII, and in quotes only if nothing is left of it.
 std::string shownKey(const std::string& key) {
@@ -20,10 +26,12 @@ std::string shownKey(const std::string& key) {
     return quoted.size() == 2 ? quoted : quoted.substr(1, quoted.size() - 2);
 }
 
-// Walks over a text before it becomes a value, and stops at what is not allowed: the cost of a hostile text is bounded,
-// and of two equal keys neither is lost unseen.
+// Parses a text without building a value, and stops at what is not allowed: this bounds the cost of a hostile text, and
+// finds equal keys, of which the value has only one.
 class Survey final : public nlohmann::json_sax<json> {
 public:
+    explicit Survey(Validation& validation) : mValidation(validation) {}
+
     bool null() override { return value(); }
     bool boolean(bool) override { return value(); }
     bool number_integer(number_integer_t) override { return value(); }
@@ -42,12 +50,13 @@ public:
         if (level.keys.insert(name).second) {
             return true;
         }
-        const std::string field = path();
-        refuse(Refusal::kUnreadable, field, "found it twice, must be there once");
+        mValidation.refuse(Refusal::kUnreadable, path(), "found it twice, must be there once");
+        return false;
     }
 
     bool parse_error(size_t position, const std::string&, const json::exception&) override {
-        refuse(Refusal::kUnreadable, "body", "found what is not JSON at byte " + std::to_string(position));
+        mValidation.refuse(Refusal::kUnreadable, "body", "found what is not JSON at byte " + std::to_string(position));
+        return false;
     }
 
 private:
@@ -59,9 +68,11 @@ private:
     };
 
     bool open(bool isArray) {
-        if (mLevels.size() == kDeepest) {
-            refuse(Refusal::kUnreadable, "body",
-                   "found nesting deeper than " + std::to_string(kDeepest) + " levels, the most that is read");
+        if (mLevels.size() == kMaxDepth) {
+            mValidation.refuse(
+                Refusal::kUnreadable, "body",
+                "found nesting deeper than " + std::to_string(kMaxDepth) + " levels, the most that is read");
+            return false;
         }
         Level level;
         level.isArray = isArray;
@@ -93,8 +104,17 @@ private:
         return result;
     }
 
+    Validation& mValidation;
     std::vector<Level> mLevels;
 };
+
+}  // namespace
+
+void Validation::refuse(int code, const std::string& field, const std::string& reason) {
+    if (!mRefusal) {
+        mRefusal = Refusal{code, field, field + ": " + reason};
+    }
+}
 
 std::string allowedRange(int64_t lowest, int64_t highest) {
     if (lowest == highest) {
@@ -103,19 +123,9 @@ std::string allowedRange(int64_t lowest, int64_t highest) {
     return "an integer from " + std::to_string(lowest) + " to " + std::to_string(highest);
 }
 
-}  // namespace
-
-void refuse(int code, const std::string& field, const std::string& reason) {
-    throw Refusal{code, field, field + ": " + reason};
-}
-
 std::string excerpt(std::string_view text) {
     const bool isCut = text.size() > kExcerptBytes;
-    size_t length = std::min(text.size(), kExcerptBytes);
-    for (int i = 0; i < 3 && isCut && (text[length] & 0xc0) == 0x80; ++i) {
-        --length;  // a character of UTF-8 stays whole
-    }
-    const json shown = std::string(text.substr(0, length));
+    const json shown = std::string(utf8Prefix(text, kExcerptBytes));
     std::string result = shown.dump(-1, ' ', true, json::error_handler_t::replace);
     if (isCut) {
         result.insert(result.size() - 1, "...");
@@ -133,19 +143,23 @@ std::string excerptOf(const json& value) {
     return value.dump();
 }
 
-json readObject(const std::string& text) {
-    Survey survey;
-    json::sax_parse(text, &survey);
+json readObject(const std::string& text, Validation& validation) {
+    Survey survey(validation);
+    if (!json::sax_parse(text, &survey)) {
+        return kEmptyObject;
+    }
     json value = json::parse(text, nullptr, false);
     if (!value.is_object()) {
-        refuse(Refusal::kUnreadable, "body", "found " + excerptOf(value) + ", must be a JSON object");
+        validation.refuse(Refusal::kUnreadable, "body", "found " + excerptOf(value) + ", must be a JSON object");
+        return kEmptyObject;
     }
     return value;
 }
 
-Fields::Fields(const json& object, std::string path) : mObject(object), mPath(std::move(path)) {
-    if (!mObject.is_object()) {
-        refuse(Refusal::kType, mPath, "found " + excerptOf(mObject) + ", must be an object");
+Fields::Fields(const json& object, std::string path, Validation& validation)
+    : mObject(object.is_object() ? object : kEmptyObject), mPath(std::move(path)), mValidation(validation) {
+    if (!object.is_object()) {
+        mValidation.refuse(Refusal::kType, mPath, "found " + excerptOf(object) + ", must be an object");
     }
 }
 
@@ -161,11 +175,16 @@ std::string Fields::path(const char* key) const {
     return mPath.empty() ? key : mPath + "." + key;
 }
 
+void Fields::refuse(int code, const char* key, const std::string& reason) {
+    mValidation.refuse(code, path(key), reason);
+}
+
 const json& Fields::need(const char* key) {
     mKnown.insert(key);
     const auto found = mObject.find(key);
     if (found == mObject.end()) {
-        refuse(Refusal::kMissing, path(key), "missing");
+        refuse(Refusal::kMissing, key, "missing");
+        return kNull;
     }
     return *found;
 }
@@ -173,20 +192,24 @@ const json& Fields::need(const char* key) {
 std::string Fields::text(const char* key) {
     const json& value = need(key);
     if (!value.is_string()) {
-        refuse(Refusal::kType, path(key), "found " + excerptOf(value) + ", must be a string");
+        refuse(Refusal::kType, key, "found " + excerptOf(value) + ", must be a string");
+        return "";
     }
     return value.get<std::string>();
 }
 
 int64_t Fields::integer(const char* key, int64_t lowest, int64_t highest) {
     const json& value = need(key);
+    const std::string allowed = ", must be " + allowedRange(lowest, highest);
     if (!value.is_number_integer()) {
-        refuse(Refusal::kType, path(key), "found " + excerptOf(value) + ", must be " + allowedRange(lowest, highest));
+        refuse(Refusal::kType, key, "found " + excerptOf(value) + allowed);
+        return lowest;
     }
     const bool isTooLarge = value.is_number_unsigned() && value.get<uint64_t>() > static_cast<uint64_t>(INT64_MAX);
     const int64_t number = isTooLarge ? INT64_MAX : value.get<int64_t>();
     if (isTooLarge || number < lowest || number > highest) {
-        refuse(Refusal::kValue, path(key), "found " + excerptOf(value) + ", must be " + allowedRange(lowest, highest));
+        refuse(Refusal::kValue, key, "found " + excerptOf(value) + allowed);
+        return lowest;
     }
     return number;
 }
@@ -194,19 +217,21 @@ int64_t Fields::integer(const char* key, int64_t lowest, int64_t highest) {
 bool Fields::flag(const char* key) {
     const json& value = need(key);
     if (!value.is_boolean()) {
-        refuse(Refusal::kType, path(key), "found " + excerptOf(value) + ", must be true or false");
+        refuse(Refusal::kType, key, "found " + excerptOf(value) + ", must be true or false");
+        return false;
     }
     return value.get<bool>();
 }
 
 Fields Fields::object(const char* key) {
-    return Fields(need(key), path(key));
+    return Fields(need(key), path(key), mValidation);
 }
 
 const json& Fields::array(const char* key) {
     const json& value = need(key);
     if (!value.is_array()) {
-        refuse(Refusal::kType, path(key), "found " + excerptOf(value) + ", must be an array");
+        refuse(Refusal::kType, key, "found " + excerptOf(value) + ", must be an array");
+        return kEmptyArray;
     }
     return value;
 }
@@ -214,7 +239,8 @@ const json& Fields::array(const char* key) {
 void Fields::refuseOthers() const {
     for (const auto& item : mObject.items()) {
         if (mKnown.count(item.key()) == 0) {
-            refuse(Refusal::kUnknown, path(shownKey(item.key()).c_str()), "found a field that is not known here");
+            mValidation.refuse(Refusal::kUnknown, path(shownKey(item.key()).c_str()),
+                               "found a field that is not known here");
         }
     }
 }

@@ -1,58 +1,56 @@
-// Strict reading of JSON that others wrote: a text becomes an object or a refusal, and so does each of its fields.
-//
-// Used by the checks of requests and of faults. Everything here throws Refusal; the two checks catch it.
-
 #ifndef VEXALIVE_SERVICE_JSON_FIELDS_H
 #define VEXALIVE_SERVICE_JSON_FIELDS_H
 
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 
+#include "service/Refusal.h"
+
 namespace vexalive {
 
-// Why something was not accepted.
-struct Refusal {
-    int code;             // one of the constants below
-    std::string field;    // a path: "output_param.output_sei", "input_stream_list[2].layout_params.image_layer",
-                          // "query: sdkappid", "body"
-    std::string message;  // the field, what was found (cut short, ASCII) and what is allowed
+/// The outcome of a check in many steps: the first refusal counts, and later ones are dropped. What is read after a
+/// refusal has default values, so that a check may go on without asking after each step.
+class Validation {
+public:
+    /// The refusal's message is "FIELD: REASON".
+    void refuse(int code, const std::string& field, const std::string& reason);
 
-    // The codes. None is one that a client takes for a reason to try again (1, 3, 505, 10017).
-    static constexpr int kQuery = 4001;        // the query is incomplete or malformed
-    static constexpr int kUnreadable = 4002;   // the body is no JSON object, nested too deep, or has a key twice
-    static constexpr int kMissing = 4003;      // a field is missing
-    static constexpr int kUnknown = 4004;      // a field is not known here
-    static constexpr int kType = 4005;         // a field has the wrong JSON type
-    static constexpr int kValue = 4006;        // a field's value is not allowed
-    static constexpr int kNotRunning = 4007;   // nothing to remove or cancel
-    static constexpr int kFull = 4008;         // the service holds as many relays or mixes as it can
-    static constexpr int kUnsupported = 4009;  // with media: a destination that cannot be relayed to
-    static constexpr int kUnavailable = 4010;  // with media: no worker could be started
+    bool hasFailed() const { return mRefusal.has_value(); }
+    const std::optional<Refusal>& refusal() const { return mRefusal; }
+
+private:
+    std::optional<Refusal> mRefusal;
 };
 
-[[noreturn]] void refuse(int code, const std::string& field, const std::string& reason);
-
-// What was found, for a message: cut short, and ASCII whatever it holds.
-std::string excerpt(std::string_view text);  // quoted
+/// What was found, for a message: cut short, and ASCII whatever it holds.
+std::string excerpt(std::string_view text);  ///< in quotes
 std::string excerptOf(const nlohmann::json& value);
 
-// The JSON object that `text` is. Bounded in depth; refuses doubled keys.
-nlohmann::json readObject(const std::string& text);
+/// "an integer from 0 to 10", or "the integer 0".
+std::string allowedRange(int64_t lowest, int64_t highest);
 
-// The fields of one object. Each field that is asked for is known; refuseOthers() refuses the rest.
+/// Reads a JSON object that others wrote. Refuses what is no object, nested too deep, or has a key twice; an empty
+/// object then.
+nlohmann::json readObject(const std::string& text, Validation& validation);
+
+/// Strict reading of one object. The fields that were read are known; refuseOthers() refuses the rest.
 class Fields {
 public:
-    // `object` must outlive this. `path` names it in refusals; empty for the top.
-    Fields(const nlohmann::json& object, std::string path);
+    /// `object` and `validation` must outlive this. `path` names the object in refusals; empty for the top.
+    Fields(const nlohmann::json& object, std::string path, Validation& validation);
 
     bool has(const char* key) const;
     size_t count() const;
     std::string path(const char* key) const;
+    void refuse(int code, const char* key, const std::string& reason);
 
+    // Each refuses a field that is missing, of another type or outside of its range, and returns a default value then.
+    const nlohmann::json& need(const char* key);  ///< of any type
     std::string text(const char* key);
     int64_t integer(const char* key, int64_t lowest, int64_t highest);
     bool flag(const char* key);
@@ -62,10 +60,9 @@ public:
     void refuseOthers() const;
 
 private:
-    const nlohmann::json& need(const char* key);
-
     const nlohmann::json& mObject;
     std::string mPath;
+    Validation& mValidation;
     std::set<std::string> mKnown;
 };
 

@@ -1,7 +1,3 @@
-// Cuts into lines what a child process writes, within bounds that keep a child that floods from costing much.
-//
-// Used by Supervisor. For one thread.
-
 #ifndef VEXALIVE_SERVICE_LINE_READER_H
 #define VEXALIVE_SERVICE_LINE_READER_H
 
@@ -13,39 +9,40 @@
 
 namespace vexalive {
 
+/// Splits the output of a child process into lines. Its bounds limit the cost of a child that floods. For one thread.
 class LineReader {
 public:
     using Clock = std::chrono::steady_clock;
 
     struct Bounds {
-        size_t mostLineBytes;  // a longer line is left out
-        int mostLines;         // in a second; further ones are left out
-        size_t mostBytes;      // in a second; further ones stay in the pipe
+        size_t maxLineBytes;  ///< a longer line is omitted
+        int maxLines;         ///< in a second; further ones are omitted
+        size_t maxBytes;      ///< in a second; further ones stay in the pipe
     };
 
     explicit LineReader(const Bounds& bounds) : mBounds(bounds) {}
 
-    // Reads what is there and hands on each whole line, without its end. False once there will be nothing more.
-    bool read(int fd, Clock::time_point now, const std::function<void(const std::string& line)>& take);
+    /// Reads what is available and passes on each whole line, without its end. False at the end of the stream.
+    bool read(int fd, Clock::time_point now, const std::function<void(const std::string& line)>& onLine);
 
-    // When the next read() may read anything; in the past if it may now.
+    /// The time from which read() reads again; in the past if it reads now.
     Clock::time_point ready() const;
 
-    // What was begun without an end.
+    /// The line without an end.
     std::string takeRest();
 
-    // How many lines were left out since the last call.
+    /// The number of lines omitted since the last call.
     uint64_t takeOmitted();
 
 private:
-    void split(const char* bytes, size_t count, const std::function<void(const std::string& line)>& take);
-    void end(const std::function<void(const std::string& line)>& take);
+    void split(const char* bytes, size_t count, const std::function<void(const std::string& line)>& onLine);
+    void end(const std::function<void(const std::string& line)>& onLine);
 
     Bounds mBounds;
     std::string mLine;
-    bool mIsTooLong = false;  // the line in the making
+    bool mIsTooLong = false;  // the current line
     uint64_t mOmitted = 0;
-    Clock::time_point mSecond;  // when the running second began
+    Clock::time_point mSecond;  // start of the current second
     int mLines = 0;             // in that second
     size_t mBytes = 0;          // in that second
 };

@@ -5,17 +5,15 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <utility>
-#include <variant>
 
 #include "base/Mutex.h"
 #include "service/Certificates.h"
 #include "service/Console.h"
-#include "service/Faults.h"
+#include "service/FaultQueue.h"
 #include "service/HttpServer.h"
-#include "service/Media.h"
-#include "service/Metrics.h"
 #include "service/RequestCheck.h"
 #include "service/ServiceState.h"
+#include "service/WorkerPool.h"
 
 namespace vexalive {
 
@@ -117,7 +115,7 @@ HttpResponse faultResponse(const Fault& fault) {
             response.tail = "\"}";
             response.padding = fault.size - response.body.size() - response.tail.size();
             break;
-        case Fault::Kind::kServerCode:
+        case Fault::Kind::kCode:
             response.body = fault.errorCodeKeys ? asJson({{"ErrorCode", fault.code}, {"ErrorInfo", fault.message}})
                                                 : codeBody(fault.code, fault.message);
             break;
@@ -174,74 +172,74 @@ struct LiveService::Impl {
     }
     ~Impl() { stop(); }
 
-    bool start();
-    bool startBehind();
-    bool startServer(HttpServer& each, const HttpServer::Options& listening);
+    Result<void> start();
+    Result<void> startBackend();
     void stop();
-    ordered_json stateFields() const;
+    ServiceSnapshot snapshot() const;
     HttpResponse handle(const HttpRequest& request);
     HttpResponse handleLocal(const HttpRequest& request, bool isTls);
     HttpResponse handleSnapshot(const HttpRequest& request);
+    std::string faultsJson() const;
     HttpResponse handleFaults(const HttpRequest& request);
     HttpResponse handleInterface(const std::string& interfaceName, const HttpRequest& request);
     HttpResponse process(const HttpRequest& request, LiveServiceEvent& event);
-    std::variant<std::string, Refusal> apply(const AcceptedRequest& request);
+    Result<std::string, Refusal> apply(const AcceptedRequest& request);
 
     const LiveServiceOptions options;
-    std::string error;
     Certificates certificates;
     ServiceState state;
-    Faults faults;
-    std::optional<Media> media;
+    FaultQueue faults;
+    std::optional<WorkerPool> media;
     KstMutex applying;   // with media, the state and the media agree
     HttpServer console;  // these are the last: their threads use all of the above
     HttpServer server;
 };
 
-bool LiveService::Impl::start() {
-    error.clear();
+Result<void> LiveService::Impl::start() {
     if (server.isRunning()) {
-        error = "the service is already running";
-        return false;
+        return failure("the service is already running");
     }
     HttpServer::Options listening;
     listening.address = options.address;
     listening.port = options.port;
     if (options.tls) {
         if (options.stateFolder.empty()) {
-            error = "no folder for the certificates: neither XDG_STATE_HOME nor HOME is set";
-            return false;
+            return failure("no folder for the certificates: neither XDG_STATE_HOME nor HOME is set");
         }
-        const auto prepared = prepareCertificates(options.stateFolder, options.address, std::time(nullptr));
+        const Result<Certificates> prepared =
+            prepareCertificates(options.stateFolder, options.address, std::time(nullptr));
         if (!prepared) {
-            error = prepared.error().message;
-            return false;
+            return tl::unexpected(prepared.error());
         }
         certificates = *prepared;
         listening.pem = certificates.serverPem;
     }
-    if (!startBehind() || !startServer(server, listening)) {
-        stop();
-        return false;
+    Result<void> started = startBackend();
+    if (started) {
+        started = server.start(listening);
     }
-    return true;
+    if (!started) {
+        stop();
+    }
+    return started;
 }
 
-// All that has to be there before requests come.
-bool LiveService::Impl::startBehind() {
+// Starts what the requests need.
+Result<void> LiveService::Impl::startBackend() {
     HttpServer::Options listening;
     listening.address = "127.0.0.1";
     listening.port = options.consolePort.value_or(0);
-    return (!media || media->prepare(error)) && (!options.consolePort || startServer(console, listening)) &&
-           (!media || media->start(console.port(), state.running(), error));
-}
-
-bool LiveService::Impl::startServer(HttpServer& each, const HttpServer::Options& listening) {
-    const Result<void> started = each.start(listening);
-    if (!started) {
-        error = started.error().message;
+    Result<void> started;
+    if (media) {
+        started = media->prepare();
     }
-    return started.has_value();
+    if (started && options.consolePort) {
+        started = console.start(listening);
+    }
+    if (started && media) {
+        started = media->start(console.port(), state.running());
+    }
+    return started;
 }
 
 void LiveService::Impl::stop() {
@@ -255,18 +253,12 @@ void LiveService::Impl::stop() {
     }
 }
 
-ordered_json LiveService::Impl::stateFields() const {
-    ordered_json fields = {{"service", {{"media", false}, {"origin", nullptr}}}};
-    fields.update(state.toFields());
-    for (const char* list : {"relays", "mixes"}) {
-        for (ordered_json& each : fields[list]) {
-            each["media"] = nullptr;
-        }
-    }
+ServiceSnapshot LiveService::Impl::snapshot() const {
+    ServiceSnapshot snapshot = state.snapshot();
     if (media) {
-        media->addTo(fields);
+        media->addTo(snapshot);
     }
-    return fields;
+    return snapshot;
 }
 
 HttpResponse LiveService::Impl::handle(const HttpRequest& request) {
@@ -285,10 +277,10 @@ HttpResponse LiveService::Impl::handleLocal(const HttpRequest& request, bool isT
                                "this path is not for pages of other web sites; its host is localhost or 127.0.0.1");
     }
     if (request.path == kState) {
-        return okResponse(asText(stateFields()));
+        return okResponse(asText(toJson(snapshot())));
     }
     if (request.path == kMetrics) {
-        HttpResponse response = okResponse(metricsOf(stateFields()));
+        HttpResponse response = okResponse(metricsText(snapshot()));
         response.contentType = kMetricsType;
         return response;
     }
@@ -299,8 +291,8 @@ HttpResponse LiveService::Impl::handleLocal(const HttpRequest& request, bool isT
         return handleFaults(request);
     }
     if (request.path == kPublish) {
-        const bool isAdmitted = media && media->admit(request.body);
-        return isAdmitted ? messageResponse(200, "ok") : messageResponse(403, "this may not be published");
+        const bool isAllowed = media && media->allowsPublish(request.body);
+        return isAllowed ? messageResponse(200, "ok") : messageResponse(403, "this may not be published");
     }
     return pageResponse(request.path);
 }
@@ -308,11 +300,10 @@ HttpResponse LiveService::Impl::handleLocal(const HttpRequest& request, bool isT
 HttpResponse LiveService::Impl::handleSnapshot(const HttpRequest& request) {
     const std::string key = "mix=";
     const bool isAsked = request.query.compare(0, key.size(), key) == 0;
-    const std::string picture = media && isAsked ? media->picture(request.query.substr(key.size())) : "";
-    HttpResponse response =
-        messageResponse(404, "there is no picture: ?mix= takes the output stream id of a mix that runs");
-    if (!picture.empty()) {
-        response = okResponse(picture);
+    const std::string jpeg = media && isAsked ? media->jpegOf(request.query.substr(key.size())) : "";
+    HttpResponse response = messageResponse(404, "no snapshot: ?mix= takes the output stream id of a running mix");
+    if (!jpeg.empty()) {
+        response = okResponse(jpeg);
         response.contentType = "image/jpeg";
     }
     response.headers["Cache-Control"] = "no-store";
@@ -321,14 +312,23 @@ HttpResponse LiveService::Impl::handleSnapshot(const HttpRequest& request) {
 
 HttpResponse LiveService::Impl::handleFaults(const HttpRequest& request) {
     if (request.method == "GET") {
-        return okResponse(faults.toJson());
+        return okResponse(faultsJson());
     }
     if (request.method == "DELETE") {
         faults.clear();
         return messageResponse(200, "ok");
     }
-    const std::string refused = faults.addJson(request.body);
-    return refused.empty() ? messageResponse(200, "ok") : messageResponse(400, refused);
+    const Result<void> added =
+        parseFaultJson(request.body).and_then([this](const Fault& fault) { return faults.add(fault); });
+    return added ? messageResponse(200, "ok") : messageResponse(400, added.error().message);
+}
+
+std::string LiveService::Impl::faultsJson() const {
+    ordered_json active = ordered_json::array();
+    for (const Fault& fault : faults.active()) {
+        active.push_back(toJson(fault));
+    }
+    return asText({{"active", std::move(active)}, {"kinds", faultKindsJson()}});
 }
 
 HttpResponse LiveService::Impl::handleInterface(const std::string& interfaceName, const HttpRequest& request) {
@@ -346,13 +346,20 @@ HttpResponse LiveService::Impl::handleInterface(const std::string& interfaceName
     event.httpStatus = response.delivery == HttpResponse::Delivery::kClose ? 0 : response.status;
     if (fault) {
         event.fault = nameOf(fault->kind);
-        if (fault->kind == Fault::Kind::kServerCode) {
+        if (fault->kind == Fault::Kind::kCode) {
             event.code = fault->code;
             event.message = fault->message;
         }
     }
-    state.remember({interfaceName, maskQuery(request.query), request.body, event.httpStatus, response.body, event.field,
-                    event.fault});
+    RequestRecord record;
+    record.interfaceName = interfaceName;
+    record.query = maskQuery(request.query);
+    record.body = request.body;
+    record.httpStatus = event.httpStatus;
+    record.response = response.body;
+    record.refusedField = event.field;
+    record.fault = event.fault;
+    state.record(std::move(record));
     if (options.observer) {
         options.observer(event);
     }
@@ -367,22 +374,21 @@ HttpResponse LiveService::Impl::process(const HttpRequest& request, LiveServiceE
         return okResponse(codeBody(refusal.code, refusal.message));
     };
     const auto checked = checkRequest(event.interfaceName, request.query, request.body, options.pushDomainSuffix);
-    if (const Refusal* refusal = std::get_if<Refusal>(&checked)) {
-        return refuseWith(*refusal);
+    if (!checked) {
+        return refuseWith(checked.error());
     }
-    const AcceptedRequest& accepted = std::get<AcceptedRequest>(checked);
-    const auto applied = apply(accepted);
-    if (const Refusal* refusal = std::get_if<Refusal>(&applied)) {
-        return refuseWith(*refusal);
+    const auto applied = apply(*checked);
+    if (!applied) {
+        return refuseWith(applied.error());
     }
-    event.operation = std::get<std::string>(applied);
+    event.operation = *applied;
     event.message = "ok";
-    event.appId = accepted.appId;
-    event.streamId = accepted.streamId;
+    event.appId = checked->appId;
+    event.streamId = checked->streamId;
     return okResponse(codeBody(0, event.message));
 }
 
-std::variant<std::string, Refusal> LiveService::Impl::apply(const AcceptedRequest& request) {
+Result<std::string, Refusal> LiveService::Impl::apply(const AcceptedRequest& request) {
     if (!media) {
         return state.apply(request);
     }
@@ -390,12 +396,12 @@ std::variant<std::string, Refusal> LiveService::Impl::apply(const AcceptedReques
         request.kind == AcceptedRequest::Kind::kRemoveRelay || request.kind == AcceptedRequest::Kind::kCancelMix;
     KstMutexLock lock(applying);
     if (!isEnd) {
-        if (const std::optional<Refusal> refusal = media->begin(request)) {
-            return *refusal;
+        if (const Result<void, Refusal> begun = media->begin(request); !begun) {
+            return tl::unexpected(begun.error());
         }
     }
-    auto applied = state.apply(request);
-    if (isEnd && std::holds_alternative<std::string>(applied)) {
+    Result<std::string, Refusal> applied = state.apply(request);
+    if (isEnd && applied) {
         media->end(request);
     }
     return applied;
@@ -407,12 +413,8 @@ LiveService::LiveService(LiveServiceOptions options) : mImpl(std::make_unique<Im
 
 LiveService::~LiveService() = default;
 
-bool LiveService::start() {
+Result<void> LiveService::start() {
     return mImpl->start();
-}
-
-const std::string& LiveService::error() const {
-    return mImpl->error;
 }
 
 void LiveService::stop() {
@@ -442,15 +444,15 @@ const std::string& LiveService::caFile() const {
 }
 
 std::string LiveService::stateJson() const {
-    return asText(mImpl->stateFields());
+    return asText(toJson(mImpl->snapshot()));
 }
 
-std::string LiveService::inject(const Fault& fault) {
+Result<void> LiveService::inject(const Fault& fault) {
     return mImpl->faults.add(fault);
 }
 
 std::string LiveService::faultsJson() const {
-    return mImpl->faults.toJson();
+    return mImpl->faultsJson();
 }
 
 void LiveService::clearFaults() {

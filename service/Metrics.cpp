@@ -1,39 +1,34 @@
-#include "service/Metrics.h"
-
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 #include <utility>
 #include <vector>
 
-#include "service/WorkerStatus.h"
+#include "service/ServiceSnapshot.h"
 
 namespace vexalive {
-
-using nlohmann::ordered_json;
 
 namespace {
 
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
-// One thing that counts: a relay, a mix, or an input of one.
-struct Counted {
+// A relay, a mix, or an input of one.
+struct LabelledStream {
     Labels labels;
-    const ordered_json& media;
+    const StreamStatus& status;
 };
 
 struct Counter {
-    const char* key;  // in the state
+    uint64_t StreamStatus::*member;
     const char* name;
     const char* help;
 };
 
 constexpr Counter kCounters[] = {
-    {"bytes", "bytes_total", "Bytes of media received, or sent by a mix."},
-    {"frames", "frames_total", "Video frames; audio frames where there is no video."},
-    {"dropped", "dropped_frames_total", "Frames thrown away."},
-    {"reconnects", "reconnects_total", "Connections after the first."},
+    {&StreamStatus::bytes, "bytes_total", "Bytes of media received, or sent by a mix."},
+    {&StreamStatus::frames, "frames_total", "Video frames; audio frames where there is no video."},
+    {&StreamStatus::dropped, "dropped_frames_total", "Frames thrown away."},
+    {&StreamStatus::reconnects, "reconnects_total", "Connections after the first."},
 };
 
 std::string escaped(const std::string& text) {
@@ -59,75 +54,76 @@ void addSample(std::ostringstream& text, const std::string& name, const Labels& 
 }
 
 // One sample for each state, of which one is 1.
-void addStates(std::ostringstream& text, const std::string& name, const Labels& labels, const std::string& state) {
+void addStates(std::ostringstream& text, const std::string& name, const Labels& labels, WorkerState state) {
     for (const WorkerState each : kWorkerStates) {
         Labels all = labels;
         all.emplace_back("state", nameOf(each));
-        addSample(text, name, all, state == nameOf(each) ? 1 : 0);
+        addSample(text, name, all, state == each ? 1 : 0);
     }
 }
 
-void addAll(std::ostringstream& text, const std::string& prefix, const std::string& whose,
-            const std::vector<Counted>& all) {
+void addStreams(std::ostringstream& text, const std::string& prefix, const std::string& whose,
+                const std::vector<LabelledStream>& streams) {
     addHead(text, prefix + "state", "gauge", "1 at the state of each " + whose + ".");
-    for (const Counted& each : all) {
-        addStates(text, prefix + "state", each.labels, each.media["state"]);
+    for (const LabelledStream& each : streams) {
+        addStates(text, prefix + "state", each.labels, each.status.state);
     }
     for (const Counter& counter : kCounters) {
         addHead(text, prefix + counter.name, "counter", counter.help);
-        for (const Counted& each : all) {
-            addSample(text, prefix + counter.name, each.labels, each.media[counter.key]);
+        for (const LabelledStream& each : streams) {
+            addSample(text, prefix + counter.name, each.labels, each.status.*counter.member);
         }
     }
 }
 
 }  // namespace
 
-std::string metricsOf(const ordered_json& state) {
-    std::ostringstream text;
-    std::vector<Counted> workers;
-    std::vector<Counted> inputs;
-    uint64_t mixes = 0;
-    const auto collect = [&](const char* kind, const std::string& streamId, const ordered_json& media) {
-        if (media.is_null()) {
+std::string metricsText(const ServiceSnapshot& snapshot) {
+    std::vector<LabelledStream> outputs;
+    std::vector<LabelledStream> inputs;
+    std::vector<std::pair<Labels, uint64_t>> restarts;
+    const auto collect = [&](const char* kind, const std::string& streamId, const std::optional<MediaSnapshot>& media) {
+        if (!media) {
             return;
         }
         const Labels labels = {{"kind", kind}, {"stream_id", streamId}};
-        workers.push_back({labels, media});
-        std::set<std::string> seen;  // a stream may be in a mix more than once
-        for (const ordered_json& input : media["inputs"]) {
-            Labels own = labels;
-            own.emplace_back("input", input["stream_id"].get<std::string>());
-            if (seen.insert(own.back().second).second) {
-                inputs.push_back({own, input});
+        outputs.push_back({labels, media->process.worker.output});
+        restarts.emplace_back(labels, media->process.restarts);
+        std::set<std::string> ids;  // a stream may be in a mix more than once
+        for (const InputStatus& input : media->process.worker.inputs) {
+            if (ids.insert(input.streamId).second) {
+                Labels own = labels;
+                own.emplace_back("input", input.streamId);
+                inputs.push_back({own, input.stream});
             }
         }
     };
-    for (const ordered_json& relay : state["relays"]) {
-        collect("relay", relay["stream_id"], relay["media"]);
+    uint64_t runningMixes = 0;
+    for (const RelaySnapshot& relay : snapshot.relays) {
+        collect("relay", relay.request.streamId, relay.media);
     }
-    for (const ordered_json& mix : state["mixes"]) {
-        mixes += mix["running"].get<bool>() ? 1 : 0;
-        collect("mix", mix["output_stream_id"], mix["media"]);
+    for (const MixSnapshot& mix : snapshot.mixes) {
+        runningMixes += mix.isRunning ? 1 : 0;
+        collect("mix", mix.request.streamId, mix.media);
     }
 
+    std::ostringstream text;
     addHead(text, "vexalive_relays", "gauge", "Relays that were asked for.");
-    addSample(text, "vexalive_relays", {}, state["relays"].size());
+    addSample(text, "vexalive_relays", {}, snapshot.relays.size());
     addHead(text, "vexalive_mixes", "gauge", "Mixes that were asked for and not cancelled.");
-    addSample(text, "vexalive_mixes", {}, mixes);
-    const ordered_json& origin = state["service"]["origin"];
-    if (!origin.is_null()) {
+    addSample(text, "vexalive_mixes", {}, runningMixes);
+    if (snapshot.origin) {
         addHead(text, "vexalive_origin_state", "gauge", "1 at the state of the origin.");
-        addStates(text, "vexalive_origin_state", {}, origin["state"]);
+        addStates(text, "vexalive_origin_state", {}, snapshot.origin->process.worker.output.state);
         addHead(text, "vexalive_origin_restarts_total", "counter", "Times that the origin was started again.");
-        addSample(text, "vexalive_origin_restarts_total", {}, origin["restarts"]);
+        addSample(text, "vexalive_origin_restarts_total", {}, snapshot.origin->process.restarts);
     }
-    addAll(text, "vexalive_media_", "relay and mix", workers);
+    addStreams(text, "vexalive_media_", "relay and mix", outputs);
     addHead(text, "vexalive_media_restarts_total", "counter", "Times that a worker was started again.");
-    for (const Counted& each : workers) {
-        addSample(text, "vexalive_media_restarts_total", each.labels, each.media["restarts"]);
+    for (const auto& [labels, count] : restarts) {
+        addSample(text, "vexalive_media_restarts_total", labels, count);
     }
-    addAll(text, "vexalive_media_input_", "input of a relay or mix", inputs);
+    addStreams(text, "vexalive_media_input_", "input of a relay or mix", inputs);
     return text.str();
 }
 

@@ -1,9 +1,3 @@
-// The origin: the RTMP server that members publish to and that workers fetch from. nginx with its RTMP module, as a
-// child on loopback, or one that is running elsewhere.
-//
-// Used by Media. Its applications: "live" takes what members publish under their stream ids, "mix" what mixes put out,
-// and "cdn", which stands for a CDN, takes anything.
-
 #ifndef VEXALIVE_SERVICE_ORIGIN_H
 #define VEXALIVE_SERVICE_ORIGIN_H
 
@@ -17,7 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "service/Child.h"
+#include "common/Descriptor.h"
+#include "common/Result.h"
 
 namespace vexalive {
 
@@ -27,81 +22,84 @@ struct OriginAddress {
     std::string port;
 };
 
-// Reads "rtmp://HOST" or "rtmp://HOST:PORT". Nothing if the text is something else.
-std::optional<OriginAddress> readOriginAddress(const std::string& url);
+/// Reads "rtmp://HOST" or "rtmp://HOST:PORT". Nothing if the text is something else.
+std::optional<OriginAddress> parseOriginAddress(const std::string& url);
 
 struct SocketAddress {
     sockaddr_storage bytes{};
     socklen_t length = 0;
 };
 
-// All that the host means here. None if it means nothing; `error` tells why.
-std::vector<SocketAddress> findAddresses(const OriginAddress& address, std::string& error);
+/// All addresses of the host, at least one.
+Result<std::vector<SocketAddress>> resolve(const OriginAddress& address);
 
-// nginx, its files and its port. Holds a folder of its own among those of other services at work; what an earlier
-// service left there is overwritten.
+/// The RTMP server to which members publish and from which workers read: nginx with its RTMP module, on loopback. Has a
+/// folder that no other running service uses, and overwrites what an earlier one left there.
+///
+/// Its applications: "live" accepts what members publish under their stream ids, "mix" the output of mixes, and "cdn",
+/// which stands for a CDN, anything.
 class Origin {
 public:
-    // Takes a folder below `stateFolder`, and a free port of 127.0.0.1. False if that fails, or if nginx or its
-    // module is not installed; `error` tells why and what to do.
-    bool prepare(const std::string& stateFolder, std::string& error);
+    /// Reserves a folder below `stateFolder` and a free port of 127.0.0.1. Fails, too, if nginx or its module is not
+    /// installed.
+    Result<void> prepare(const std::string& stateFolder);
 
-    // Writes the configuration. Whoever wants to publish is asked about at `consolePort`.
-    bool configure(uint16_t consolePort, std::string& error);
+    /// Writes the configuration. nginx queries `consolePort` before it accepts a publisher.
+    Result<void> configure(uint16_t consolePort);
 
-    // How nginx is started, as one process.
+    /// The command line that runs nginx as one process.
     std::vector<std::string> arguments() const;
 
     const OriginAddress& address() const { return mAddress; }
 
-    // Gives the folder and the port back.
+    /// Frees the folder and the port.
     void release() {
         mLock.reset();
         mPort.reset();
     }
 
 private:
-    bool takeFolder(const std::string& stateFolder, std::string& error);
+    Result<void> lockFolder(const std::string& stateFolder);
 
     std::string mNginx;
     std::string mFolder;
     Descriptor mLock;  // of the folder
-    Descriptor mPort;  // a socket that is bound to it and does not listen: no other program gets the port, nginx does
+    Descriptor mPort;  // bound, not listening: reserves the port for nginx
     OriginAddress mAddress;
 };
 
-// nginx's configuration. Paths in it are relative to nginx's folder.
+/// nginx's configuration. Its paths are relative to nginx's folder.
 std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePort, bool isRoot);
 
-// What a look at an origin found.
-struct OriginLook {
-    std::string error;        // what is wrong; empty if it answers as it should
-    bool isOwnFault = false;  // this process lacks what it takes to look: the origin may be well
+/// The result of one check of an origin.
+struct OriginCheck {
+    std::string error;          ///< empty if the origin responds as it should
+    bool isLocalFault = false;  ///< this process lacked the means to check; the origin may be fine
 };
 
-// Watches from a thread of its own whether an origin answers.
-class OriginWatch {
+/// Checks from a thread of its own whether an origin, nginx or a remote one, responds.
+class OriginMonitor {
 public:
-    // `told` is called on that thread after each look, several times a second while there is no answer, else once
-    // a second.
-    using Told = std::function<void(const OriginLook&)>;
+    /// Called on that thread after each check: several times a second while the origin does not respond, else once a
+    /// second.
+    using Callback = std::function<void(const OriginCheck&)>;
 
-    ~OriginWatch() { stop(); }
+    ~OriginMonitor() { stop(); }
 
-    // The origin is `name` in what is told, and answers at one of `addresses`.
-    void start(const std::string& name, std::vector<SocketAddress> addresses, Told told);
+    /// `name` stands for the origin in errors. It responds at one of `addresses`.
+    void start(const std::string& name, std::vector<SocketAddress> addresses, Callback callback);
     void stop();
 
 private:
     void run();
-    OriginLook look() const;
-    OriginLook lookAt(const SocketAddress& address) const;
-    bool await(int fd, short events, std::chrono::milliseconds patience) const;
-    bool awaitStop(std::chrono::milliseconds patience) const;
+    OriginCheck check() const;
+    OriginCheck check(const SocketAddress& address) const;
+    bool wait(int fd, short events, std::chrono::milliseconds timeout) const;
+    bool waitForStop(std::chrono::milliseconds timeout) const;
 
     std::string mName;
     std::vector<SocketAddress> mAddresses;
-    Told mTold;
+    Callback mCallback;
     Descriptor mStop;  // readable once it is to stop
     std::thread mThread;
 };

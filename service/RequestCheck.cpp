@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "service/JsonFields.h"
+
 namespace vexalive {
 
 using nlohmann::json;
@@ -84,39 +86,41 @@ std::vector<Parameter> splitQuery(std::string_view query) {
 
 // No message shows a secret's value; nor the name of an unknown parameter, which may be the rest of a secret that holds
 // an "&".
-void checkQuery(const std::string& query) {
+void checkQuery(const std::string& query, Validation& validation) {
     const char* const keys[] = {"sdkappid", "random", "usersig", "parivMapKey"};  // spelling is part of the interface
     std::map<std::string_view, std::string_view> values;
-    int place = 0;
+    int number = 0;
     for (const Parameter& parameter : splitQuery(query)) {
-        ++place;
+        ++number;
         if (!parameter.hasValue || std::find(std::begin(keys), std::end(keys), parameter.key) == std::end(keys)) {
-            refuse(Refusal::kQuery, "query",
-                   "found something else as parameter " + std::to_string(place) +
-                       ", must be sdkappid, random, usersig and parivMapKey, each with a \"=\"; is there an \"&\" in "
-                       "the signature or the map key?");
+            validation.refuse(
+                Refusal::kQuery, "query",
+                "found something else as parameter " + std::to_string(number) +
+                    ", must be sdkappid, random, usersig and parivMapKey, each with a \"=\"; is there an \"&\" in "
+                    "the signature or the map key?");
         }
         if (!values.emplace(parameter.key, parameter.value).second) {
-            refuse(Refusal::kQuery, "query: " + std::string(parameter.key), "found it twice, must be there once");
+            validation.refuse(Refusal::kQuery, "query: " + std::string(parameter.key),
+                              "found it twice, must be there once");
         }
     }
     for (const char* key : keys) {
         if (values.count(key) == 0) {
-            refuse(Refusal::kQuery, std::string("query: ") + key, "missing");
+            validation.refuse(Refusal::kQuery, std::string("query: ") + key, "missing");
         }
     }
-    const auto checkInteger = [&values](const char* key, int64_t lowest, int64_t highest) {
-        const std::optional<int64_t> number = readDecimal(values[key]);
-        if (!number || *number < lowest || *number > highest) {
-            refuse(Refusal::kQuery, std::string("query: ") + key,
-                   "found " + excerpt(values[key]) + ", must be an integer from " + std::to_string(lowest) + " to " +
-                       std::to_string(highest));
+    const auto checkInteger = [&](const char* key, int64_t lowest, int64_t highest) {
+        const std::optional<int64_t> value = readDecimal(values[key]);
+        if (!value || *value < lowest || *value > highest) {
+            validation.refuse(Refusal::kQuery, std::string("query: ") + key,
+                              "found " + excerpt(values[key]) + ", must be an integer from " + std::to_string(lowest) +
+                                  " to " + std::to_string(highest));
         }
     };
     checkInteger("sdkappid", kLowest, kHighest);
     checkInteger("random", 0, 9999);
     if (values["usersig"].empty()) {
-        refuse(Refusal::kQuery, "query: usersig", "found it empty, must be the signature of the user");
+        validation.refuse(Refusal::kQuery, "query: usersig", "found it empty, must be the signature of the user");
     }
 }
 
@@ -125,7 +129,7 @@ void checkQuery(const std::string& query) {
 void expectText(Fields& fields, const char* key, const std::string& expected) {
     const std::string found = fields.text(key);
     if (found != expected) {
-        refuse(Refusal::kValue, fields.path(key), "found " + excerpt(found) + ", must be " + excerpt(expected));
+        fields.refuse(Refusal::kValue, key, "found " + excerpt(found) + ", must be " + excerpt(expected));
     }
 }
 
@@ -136,7 +140,7 @@ int32_t integer32(Fields& fields, const char* key, int64_t lowest = kLowest, int
 int32_t nonZero(Fields& fields, const char* key) {
     const int32_t value = integer32(fields, key);
     if (value == 0) {
-        refuse(Refusal::kValue, fields.path(key), "found 0, must not be 0");
+        fields.refuse(Refusal::kValue, key, "found 0, must not be 0");
     }
     return value;
 }
@@ -147,11 +151,11 @@ int32_t bizOfDomain(Fields& fields, const std::string& suffix) {
     const size_t dot = std::min(domain.find('.'), domain.size());
     const std::optional<int32_t> biz = readBizId(std::string_view(domain).substr(0, dot));
     if (!biz || domain.compare(dot, std::string::npos, "." + suffix) != 0) {
-        refuse(Refusal::kValue, "domain",
-               "found " + excerpt(domain) + ", must be the biz id, a 32-bit integer other than 0, and \"." + suffix +
-                   "\"");
+        fields.refuse(Refusal::kValue, "domain",
+                      "found " + excerpt(domain) + ", must be the biz id, a 32-bit integer other than 0, and \"." +
+                          suffix + "\"");
     }
-    return *biz;
+    return biz.value_or(0);
 }
 
 void checkCommon(Fields& body, const std::string& interfaceName, const std::string& suffix, AcceptedRequest& request) {
@@ -168,8 +172,8 @@ std::string streamId(Fields& fields, const char* key, int32_t bizId) {
     std::string id = fields.text(key);
     const std::string head = std::to_string(bizId) + "_";
     if (id.compare(0, head.size(), head) != 0 || !isDigest(std::string_view(id).substr(head.size()))) {
-        refuse(Refusal::kValue, fields.path(key),
-               "found " + excerpt(id) + ", must be \"" + head + "\" and 32 lower-case hex digits");
+        fields.refuse(Refusal::kValue, key,
+                      "found " + excerpt(id) + ", must be \"" + head + "\" and 32 lower-case hex digits");
     }
     return id;
 }
@@ -191,8 +195,9 @@ void checkAddRelay(Fields& body, AcceptedRequest& request) {
     request.streamId = streamId(body, "stream_id", request.bizId);
     request.destination = body.text("dest_stream_url");
     if (!isUrl(request.destination)) {
-        refuse(Refusal::kValue, "dest_stream_url",
-               "found " + excerpt(request.destination) + ", must be an address such as \"rtmp://host/app/stream\"");
+        body.refuse(
+            Refusal::kValue, "dest_stream_url",
+            "found " + excerpt(request.destination) + ", must be an address such as \"rtmp://host/app/stream\"");
     }
     request.cropsCenter = body.integer("use_mix_crop_center", 0, 1) == 1;
 }
@@ -207,7 +212,7 @@ std::string inputPath(size_t index) {
     return "input_stream_list[" + std::to_string(index) + "]";
 }
 
-// The input_type of an input that may still be malformed; -1 if it tells none.
+// The input_type of an input that may still be malformed; -1 if there is none.
 int64_t peekInputType(const json& input) {
     if (!input.is_object() || !input.contains("layout_params") || !input["layout_params"].is_object()) {
         return -1;
@@ -218,16 +223,18 @@ int64_t peekInputType(const json& input) {
 }
 
 // A canvas opens the list exactly when there is video to paint on it.
-void checkCanvasPresence(const json& inputs) {
+void checkCanvasPresence(const json& inputs, Validation& validation) {
     const bool hasCanvas = !inputs.empty() && peekInputType(inputs[0]) == kCanvasInput;
     const bool hasVideo = std::any_of(inputs.begin(), inputs.end(),
                                       [](const json& input) { return peekInputType(input) == kVideoInput; });
     if (hasVideo && !hasCanvas) {
-        refuse(Refusal::kValue, inputPath(0),
-               "found an input other than the canvas (input_type 3), must be the canvas since there is a video input");
+        validation.refuse(
+            Refusal::kValue, inputPath(0),
+            "found an input other than the canvas (input_type 3), must be the canvas since there is a video input");
     }
     if (hasCanvas && !hasVideo) {
-        refuse(Refusal::kValue, inputPath(0), "found a canvas, must be absent since there is no video input");
+        validation.refuse(Refusal::kValue, inputPath(0),
+                          "found a canvas, must be absent since there is no video input");
     }
 }
 
@@ -242,8 +249,7 @@ MixCanvas checkCanvas(Fields& input, Fields& layout) {
     canvas.color = layout.text("color");
     const std::string& color = canvas.color;
     if (color.size() != 8 || color.compare(0, 2, "0x") != 0 || !std::all_of(color.begin() + 2, color.end(), isHex)) {
-        refuse(Refusal::kValue, layout.path("color"),
-               "found " + excerpt(color) + ", must be \"0x\" and six hex digits");
+        layout.refuse(Refusal::kValue, "color", "found " + excerpt(color) + ", must be \"0x\" and six hex digits");
     }
     return canvas;
 }
@@ -261,10 +267,10 @@ MixInput checkUser(Fields& input, Fields& layout, int64_t type, int64_t layer, i
 }
 
 // Layers count up from 1 in the order of the list, the canvas included.
-void checkInputs(const json& inputs, AcceptedRequest& request) {
-    checkCanvasPresence(inputs);
-    for (size_t index = 0; index < inputs.size(); ++index) {
-        Fields input(inputs[index], inputPath(index));
+void checkInputs(const json& inputs, AcceptedRequest& request, Validation& validation) {
+    checkCanvasPresence(inputs, validation);
+    for (size_t index = 0; index < inputs.size() && !validation.hasFailed(); ++index) {
+        Fields input(inputs[index], inputPath(index), validation);
         Fields layout = input.object("layout_params");
         const int64_t type = layout.integer("input_type", kLowest, kHighest);
         if (type == kCanvasInput && index == 0) {
@@ -273,24 +279,25 @@ void checkInputs(const json& inputs, AcceptedRequest& request) {
             const auto layer = static_cast<int64_t>(index) + 1;
             request.inputs.push_back(checkUser(input, layout, type, layer, request.bizId));
         } else {
-            refuse(Refusal::kValue, layout.path("input_type"),
-                   "found " + std::to_string(type) + ", must be 0 (video), 4 (audio) or, of the first input only, 3 " +
-                       "(canvas)");
+            layout.refuse(Refusal::kValue, "input_type",
+                          "found " + std::to_string(type) +
+                              ", must be 0 (video), 4 (audio) or, of the first input only, 3 " + "(canvas)");
         }
         if (request.inputs.size() > kMaxUsers) {
-            refuse(Refusal::kValue, "input_stream_list",
-                   "found more than " + std::to_string(kMaxUsers) + " users' inputs, the most that is allowed");
+            validation.refuse(
+                Refusal::kValue, "input_stream_list",
+                "found more than " + std::to_string(kMaxUsers) + " users' inputs, the most that is allowed");
         }
         layout.refuseOthers();
         input.refuseOthers();
     }
     if (request.inputs.empty()) {
-        refuse(Refusal::kValue, "input_stream_list",
-               "found no user's input, must be 1 to " + std::to_string(kMaxUsers));
+        validation.refuse(Refusal::kValue, "input_stream_list",
+                          "found no user's input, must be 1 to " + std::to_string(kMaxUsers));
     }
 }
 
-void checkStartMix(Fields& body, Fields& output, const json& inputs, AcceptedRequest& request) {
+void checkStartMix(Fields& body, Fields& output, const json& inputs, AcceptedRequest& request, Validation& validation) {
     output.integer("output_stream_type", 0, 0);
     for (const char* key : {"output_stream_bitrate", "output_stream_gop", "output_stream_frame_rate",
                             "output_audio_sample_rate", "output_audio_bitrate", "output_audio_channels"}) {
@@ -299,18 +306,20 @@ void checkStartMix(Fields& body, Fields& output, const json& inputs, AcceptedReq
         }
     }
     request.sei = output.text("output_sei");
-    checkInputs(inputs, request);
+    checkInputs(inputs, request, validation);
     request.cropsCenter = body.integer("use_mix_crop_center", 0, 1) == 1;
 }
 
 // The session's own stream alone, as a single layer.
-void checkCancelMix(const json& inputs, const AcceptedRequest& request) {
+void checkCancelMix(const json& inputs, const AcceptedRequest& request, Validation& validation) {
     if (inputs.size() != 1) {
-        refuse(Refusal::kValue, "input_stream_list",
-               "found " + std::to_string(inputs.size()) + " inputs, must be the session's own stream alone, since " +
-                   "output_param with output_stream_id alone means cancel");
+        validation.refuse(Refusal::kValue, "input_stream_list",
+                          "found " + std::to_string(inputs.size()) +
+                              " inputs, must be the session's own stream alone, since " +
+                              "output_param with output_stream_id alone means cancel");
+        return;
     }
-    Fields input(inputs[0], inputPath(0));
+    Fields input(inputs[0], inputPath(0), validation);
     expectText(input, "input_stream_id", request.streamId);
     Fields layout = input.object("layout_params");
     layout.integer("image_layer", 1, 1);
@@ -318,18 +327,18 @@ void checkCancelMix(const json& inputs, const AcceptedRequest& request) {
     input.refuseOthers();
 }
 
-// One interface starts, updates and cancels. A cancel is told by what it lacks.
-void checkMix(Fields& body, AcceptedRequest& request) {
+// One interface starts, updates and cancels. A cancel lacks what the others have.
+void checkMix(Fields& body, AcceptedRequest& request, Validation& validation) {
     request.streamId = streamId(body, "session_id", request.bizId);
     Fields output = body.object("output_param");
     expectText(output, "output_stream_id", request.streamId);
     const json& inputs = body.array("input_stream_list");
     if (output.count() == 1 && !body.has("use_mix_crop_center")) {
         request.kind = AcceptedRequest::Kind::kCancelMix;
-        checkCancelMix(inputs, request);
+        checkCancelMix(inputs, request, validation);
     } else {
         request.kind = AcceptedRequest::Kind::kStartMix;
-        checkStartMix(body, output, inputs, request);
+        checkStartMix(body, output, inputs, request, validation);
     }
     output.refuseOthers();
 }
@@ -342,39 +351,39 @@ bool isStreamId(const std::string& text) {
 }
 
 bool isInterface(const std::string& name) {
-    return name == kAddRelayInterface || name == kRemoveRelayInterface || name == kSetMixInterface;
+    return std::find(std::begin(kInterfaces), std::end(kInterfaces), name) != std::end(kInterfaces);
 }
 
-std::variant<AcceptedRequest, Refusal> checkRequest(const std::string& interfaceName, const std::string& query,
-                                                    const std::string& body, const std::string& pushDomainSuffix) {
-    try {
-        checkQuery(query);
-        const json object = readObject(body);
-        Fields fields(object, "");
-        AcceptedRequest request;
-        checkCommon(fields, interfaceName, pushDomainSuffix, request);
-        if (interfaceName == kAddRelayInterface) {
-            request.kind = AcceptedRequest::Kind::kAddRelay;
-            checkAddRelay(fields, request);
-        } else if (interfaceName == kRemoveRelayInterface) {
-            request.kind = AcceptedRequest::Kind::kRemoveRelay;
-            checkRemoveRelay(fields, request);
-        } else {
-            checkMix(fields, request);
-        }
-        fields.refuseOthers();
-        return request;
-    } catch (const Refusal& refusal) {
-        return refusal;
+Result<AcceptedRequest, Refusal> checkRequest(const std::string& interfaceName, const std::string& query,
+                                              const std::string& body, const std::string& pushDomainSuffix) {
+    Validation validation;
+    checkQuery(query, validation);
+    const json object = readObject(body, validation);
+    Fields fields(object, "", validation);
+    AcceptedRequest request;
+    checkCommon(fields, interfaceName, pushDomainSuffix, request);
+    if (interfaceName == kAddRelayInterface) {
+        request.kind = AcceptedRequest::Kind::kAddRelay;
+        checkAddRelay(fields, request);
+    } else if (interfaceName == kRemoveRelayInterface) {
+        request.kind = AcceptedRequest::Kind::kRemoveRelay;
+        checkRemoveRelay(fields, request);
+    } else {
+        checkMix(fields, request, validation);
     }
+    fields.refuseOthers();
+    if (validation.hasFailed()) {
+        return tl::unexpected(*validation.refusal());
+    }
+    return request;
 }
 
 std::string maskQuery(const std::string& query) {
     std::string masked;
-    std::map<std::string_view, int> seen;
+    std::map<std::string_view, int> occurrences;
     for (const Parameter& parameter : splitQuery(query)) {
         masked += masked.empty() ? "" : "&";
-        const bool isFirst = seen[parameter.key]++ == 0;
+        const bool isFirst = occurrences[parameter.key]++ == 0;
         const bool isPlain = parameter.key == "sdkappid" || parameter.key == "random";
         const bool isSecret = parameter.key == "usersig" || parameter.key == "parivMapKey";
         if (isPlain && isFirst && readDecimal(parameter.value)) {

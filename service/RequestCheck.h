@@ -1,7 +1,5 @@
-// Judges one request to the three interfaces. A pure function: it reads its arguments and nothing else.
-//
-// Used by LiveService. What a request has to look like is written down in RequestCheck.cpp, in the order in which it is
-// checked: the query, what all bodies share, then each body.
+// Checks one request to the three interfaces. RequestCheck.cpp has the rules in the order of the checks: the query,
+// what all bodies share, then each body.
 
 #ifndef VEXALIVE_SERVICE_REQUEST_CHECK_H
 #define VEXALIVE_SERVICE_REQUEST_CHECK_H
@@ -10,16 +8,18 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
-#include "service/JsonFields.h"
+#include "common/Result.h"
+#include "service/Refusal.h"
 
 namespace vexalive {
 
 constexpr const char* kAddRelayInterface = "add_relay_stream_url";
 constexpr const char* kRemoveRelayInterface = "remove_relay_stream_url";
 constexpr const char* kSetMixInterface = "set_live_mix_transcoding";
+
+constexpr const char* kInterfaces[] = {kAddRelayInterface, kRemoveRelayInterface, kSetMixInterface};
 
 bool isInterface(const std::string& name);
 
@@ -56,12 +56,12 @@ struct AcceptedRequest {
     std::string sei;                        // kStartMix
 };
 
-// `interfaceName`, one of the three, is the last part of the path; `query` stands as sent, without its "?".
-// Never throws but for want of memory.
-std::variant<AcceptedRequest, Refusal> checkRequest(const std::string& interfaceName, const std::string& query,
-                                                    const std::string& body, const std::string& pushDomainSuffix);
+/// A pure function. `interfaceName`, one of the three, is the last part of the path; `query` is as sent, without its
+/// "?".
+Result<AcceptedRequest, Refusal> checkRequest(const std::string& interfaceName, const std::string& query,
+                                              const std::string& body, const std::string& pushDomainSuffix);
 
-// The query for showing: "usersig", "parivMapKey" and all that is not understood are masked.
+/// The query for display: "usersig", "parivMapKey" and all that is not understood are masked.
 std::string maskQuery(const std::string& query);
 
 }  // namespace vexalive

@@ -17,15 +17,15 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::chrono::milliseconds kFirstPause(250);
+constexpr std::chrono::milliseconds kMinRestartDelay(250);
 constexpr int kDoublings = 5;
-constexpr std::chrono::seconds kSteadyTime(10);  // after which a failure counts as the first
-constexpr std::chrono::seconds kFarewell(3);
-constexpr int kStartPatience = 5;  // times its own, on top: plugins are looked for before the first sign of life
+constexpr std::chrono::seconds kStableTime(10);  // after which the next failure counts as the first
+constexpr std::chrono::seconds kStopTimeout(3);
+constexpr int kStartTimeoutFactor = 5;  // of the timeout, on top of it: plugins are loaded before the first status
 constexpr std::chrono::milliseconds kMaxWait(500);
-constexpr std::chrono::seconds kOmissionPause(1);
+constexpr std::chrono::seconds kOmissionInterval(1);
 constexpr size_t kMaxUnsentBytes = size_t{1} << 20;
-constexpr LineReader::Bounds kOutputBounds = {size_t{2} << 20, 50, size_t{4} << 20};  // pictures come this way
+constexpr LineReader::Bounds kOutputBounds = {size_t{2} << 20, 50, size_t{4} << 20};  // snapshots are lines of it
 constexpr LineReader::Bounds kErrorBounds = {4096, 20, size_t{256} << 10};
 
 // The file descriptors of one child in a list for poll().
@@ -33,39 +33,39 @@ enum Slot { kExitSlot, kOutputSlot, kErrorSlot, kInputSlot, kSlots };
 
 }  // namespace
 
-std::chrono::milliseconds restartPause(int failures) {
-    return kFirstPause * (1 << std::clamp(failures, 0, kDoublings));
+std::chrono::milliseconds restartDelay(int failures) {
+    return kMinRestartDelay * (1 << std::clamp(failures, 0, kDoublings));
 }
 
-struct Supervisor::Kept {
-    Kept(const std::string& itsKey, const Program& itsProgram) : key(itsKey), program(itsProgram) {}
+struct Supervisor::Job {
+    Job(const WorkerKey& itsKey, const Program& itsProgram) : key(itsKey), program(itsProgram) {}
 
-    bool isKilled() const { return !blame.empty(); }
+    bool isKilled() const { return !killReason.empty(); }
 
-    const std::string key;
+    const WorkerKey key;
     Program program;
     std::string configuration;
-    std::unique_ptr<Child> child;  // none between an end and the next start
+    std::unique_ptr<Child> child;  // none between an exit and the next start
     std::string unsent;
     LineReader output{kOutputBounds};
     LineReader errors{kErrorBounds};
     std::string lastLine;  // of its errors
-    uint64_t notUnderstood = 0;
+    uint64_t malformedLines = 0;
     Clock::time_point started;
-    Clock::time_point lastSign;  // of life
+    Clock::time_point lastStatus;
     Clock::time_point retryAt;
     Clock::time_point killAt = Clock::time_point::max();
-    Clock::time_point omissionsTold;
-    std::string blame;  // why it was killed; empty if it was not
-    int failures = 0;   // in a row
-    bool isLeaving = false;
-    bool isSuperseded = false;  // its key is another's now
-    std::string failure;        // why it was started again; until it runs
-    WorkerStatus status;
-    std::optional<std::pair<WorkerState, std::string>> told;
+    Clock::time_point omissionsReported;
+    std::string killReason;  // why it was killed; empty if it was not
+    int failures = 0;        // in a row
+    bool isStopping = false;
+    bool isSuperseded = false;  // another job has its key now
+    std::string restartReason;  // why it was started again; until it runs
+    ProcessStatus status;
+    std::optional<std::pair<WorkerState, std::string>> published;
 };
 
-// ---- Wishes ---------------------------------------------------------------------------------------------------------
+// ---- Commands -------------------------------------------------------------------------------------------------------
 
 Supervisor::Supervisor(Listener listener) : mListener(std::move(listener)) {}
 
@@ -73,20 +73,19 @@ Supervisor::~Supervisor() {
     stop();
 }
 
-bool Supervisor::start(std::string& error) {
+Result<void> Supervisor::start() {
     mWake = Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!mWake.isOpen()) {
-        error = "cannot watch over processes: " + std::generic_category().message(errno);
-        return false;
+        return failure("cannot supervise processes: " + std::generic_category().message(errno));
     }
     {
         KstMutexLock lock(mMutex);
         mIsRunning = true;
         mIsStopping = false;
     }
-    mIsLeaving = false;
+    mIsShuttingDown = false;
     mThread = std::thread([this] { run(); });
-    return true;
+    return {};
 }
 
 void Supervisor::stop() {
@@ -102,67 +101,67 @@ void Supervisor::stop() {
 }
 
 // False if there is no thread to run it.
-bool Supervisor::post(std::function<void()> wish) {
+bool Supervisor::post(std::function<void()> command) {
     KstMutexLock lock(mMutex);
     if (!mIsRunning) {
         return false;
     }
-    mWishes.push_back(std::move(wish));
+    mCommands.push_back(std::move(command));
     const uint64_t one = 1;
     [[maybe_unused]] const auto written =
         ::write(mWake.get(), &one, sizeof one);  // fails only if it is readable anyway
     return true;
 }
 
-std::string Supervisor::want(const std::string& key, const Program& program, const std::string& configuration) {
-    bool isObeyed = false;  // guarded by mMutex, as is the other
-    std::string refusal;
-    const auto wish = [&] {
-        std::string made = obey(key, program, configuration);
+Result<void> Supervisor::configure(const WorkerKey& key, const Program& program, const std::string& configuration) {
+    bool isApplied = false;  // guarded by mMutex, as is the other
+    Result<void> result;
+    const auto command = [&] {
+        Result<void> applied = applyConfiguration(key, program, configuration);
         KstMutexLock lock(mMutex);
-        refusal = std::move(made);
-        isObeyed = true;
-        mCount = mKept.size();
-        mObeyed.notifyAll();
+        result = std::move(applied);
+        isApplied = true;
+        mCount = mJobs.size();
+        mApplied.notifyAll();
     };
-    if (!post(wish)) {
-        return "the service is not running";
+    if (!post(command)) {
+        return failure("the service is not running");
     }
     KstMutexLock lock(mMutex);
-    while (!isObeyed) {
-        mObeyed.wait(mMutex);
+    while (!isApplied) {
+        mApplied.wait(mMutex);
     }
-    return refusal;
+    return result;
 }
 
-void Supervisor::drop(const std::string& key) {
+void Supervisor::remove(const WorkerKey& key) {
     post([this, key] {
-        if (Kept* const kept = find(key)) {
-            leave(*kept);
+        if (Job* const job = find(key)) {
+            beginStop(*job);
         }
     });
 }
 
-void Supervisor::tell(const std::string& key, const std::string& line) {
+void Supervisor::send(const WorkerKey& key, const std::string& line) {
     post([this, key, line] {
-        Kept* const kept = find(key);
-        if (kept && kept->child) {
-            send(*kept, line);
+        Job* const job = find(key);
+        if (job && job->child) {
+            writeLine(*job, line);
         }
     });
 }
 
-void Supervisor::note(const std::string& key, const WorkerStatus& status) {
+void Supervisor::setStatus(const WorkerKey& key, const WorkerStatus& status) {
     post([this, key, status] {
-        Kept* const kept = find(key);
-        if (kept && kept->child) {
-            kept->lastSign = status.numbers.state == WorkerState::kRunning ? Clock::now() : kept->lastSign;
-            take(*kept, status);
+        Job* const job = find(key);
+        if (job && job->child) {
+            job->lastStatus = status.output.state == WorkerState::kRunning ? Clock::now() : job->lastStatus;
+            update(*job, status);
         }
     });
 }
 
-std::optional<WorkerStatus> Supervisor::status(const std::string& key) const {
+std::optional<ProcessStatus> Supervisor::status(const WorkerKey& key) const {
     KstMutexLock lock(mMutex);
     const auto found = mStatuses.find(key);
     return found == mStatuses.end() ? std::nullopt : std::optional(found->second);
@@ -180,42 +179,42 @@ void Supervisor::run() {
     sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, nullptr);  // signals are for the host's threads
     mNow = Clock::now();
-    while (takeWishes()) {
-        await();
+    while (runCommands()) {
+        wait();
     }
 }
 
-// False once all is over.
-bool Supervisor::takeWishes() {
-    std::deque<std::function<void()>> wishes;
+// False once the shutdown is complete.
+bool Supervisor::runCommands() {
+    std::deque<std::function<void()>> commands;
     {
         KstMutexLock lock(mMutex);
-        mIsLeaving = mIsStopping;
-        wishes.swap(mWishes);
+        mIsShuttingDown = mIsStopping;
+        commands.swap(mCommands);
     }
-    for (const auto& wish : wishes) {
-        wish();
+    for (const auto& command : commands) {
+        command();
     }
-    for (Kept& kept : mKept) {
-        if (mIsLeaving && !kept.isLeaving) {
-            leave(kept);
+    for (Job& job : mJobs) {
+        if (mIsShuttingDown && !job.isStopping) {
+            beginStop(job);
         }
     }
-    mKept.remove_if([](const Kept& kept) { return kept.isLeaving && !kept.child; });
+    mJobs.remove_if([](const Job& job) { return job.isStopping && !job.child; });
     KstMutexLock lock(mMutex);
-    mCount = mKept.size();
-    mIsRunning = !mIsLeaving || !mKept.empty() || !mWishes.empty();
+    mCount = mJobs.size();
+    mIsRunning = !mIsShuttingDown || !mJobs.empty() || !mCommands.empty();
     return mIsRunning;
 }
 
-// Waits until something is to be done, and does it.
-void Supervisor::await() {
+// Waits for events or the next deadline, and handles what there is.
+void Supervisor::wait() {
     std::vector<pollfd> watched = {{mWake.get(), POLLIN, 0}};
     Clock::time_point deadline = mNow + kMaxWait;
-    for (const Kept& kept : mKept) {
-        if (!kept.child) {
+    for (const Job& job : mJobs) {
+        if (!job.child) {
             watched.insert(watched.end(), kSlots, {-1, 0, 0});
-            deadline = findInTheWay(kept) ? deadline : std::min(deadline, kept.retryAt);
+            deadline = findBlocker(job) ? deadline : std::min(deadline, job.retryAt);
             continue;
         }
         const auto readable = [&](const Descriptor& stream, const LineReader& reader) {
@@ -223,284 +222,284 @@ void Supervisor::await() {
             deadline = isReady || !stream.isOpen() ? deadline : std::min(deadline, reader.ready());
             return pollfd{isReady ? stream.get() : -1, POLLIN, 0};
         };
-        watched.push_back({kept.child->exitFd(), POLLIN, 0});
-        watched.push_back(readable(kept.child->output, kept.output));
-        watched.push_back(readable(kept.child->errors, kept.errors));
-        watched.push_back({kept.unsent.empty() ? -1 : kept.child->input.get(), POLLOUT, 0});
-        if (!kept.isKilled()) {
-            deadline = std::min(deadline, kept.isLeaving ? kept.killAt : kept.lastSign + kept.program.patience);
+        watched.push_back({job.child->exitFd(), POLLIN, 0});
+        watched.push_back(readable(job.child->output, job.output));
+        watched.push_back(readable(job.child->errors, job.errors));
+        watched.push_back({job.unsent.empty() ? -1 : job.child->input.get(), POLLOUT, 0});
+        if (!job.isKilled()) {
+            deadline = std::min(deadline, job.isStopping ? job.killAt : job.lastStatus + job.program.timeout);
         }
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    ::poll(watched.data(), watched.size(), static_cast<int>(std::max<decltype(left)>(left, 0)));
-    forgiveAbsence(std::exchange(mNow, Clock::now()));
+    const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    ::poll(watched.data(), watched.size(), static_cast<int>(std::max<decltype(remaining)>(remaining, 0)));
+    extendTimeouts(std::exchange(mNow, Clock::now()));
     uint64_t wakes = 0;
-    [[maybe_unused]] const auto taken = ::read(mWake.get(), &wakes, sizeof wakes);
+    [[maybe_unused]] const auto count = ::read(mWake.get(), &wakes, sizeof wakes);
     const pollfd* slots = watched.data() + 1;
-    for (Kept& kept : mKept) {
-        attend(kept, slots);
+    for (Job& job : mJobs) {
+        handleEvents(job, slots);
         slots += kSlots;
     }
 }
 
-// A wait that took far too long means that this process was stopped. Whoever gives signs of life by way of it could
-// not.
-void Supervisor::forgiveAbsence(Clock::time_point before) {
+// If a wait took far too long, this process was suspended: it could not read the status of its children.
+void Supervisor::extendTimeouts(Clock::time_point before) {
     if (mNow > before + 2 * kMaxWait) {
-        for (Kept& kept : mKept) {
-            kept.lastSign += mNow - before;
+        for (Job& job : mJobs) {
+            job.lastStatus += mNow - before;
         }
     }
 }
 
-void Supervisor::attend(Kept& kept, const pollfd* slots) {
-    if (!kept.child) {
-        std::string error;
-        if (mNow >= kept.retryAt && !findInTheWay(kept) && !launch(kept, error)) {
-            kept.failure = error;
-            kept.retryAt = mNow + restartPause(kept.failures++);
-            kept.status.numbers.error = error;
-            publish(kept);
+void Supervisor::handleEvents(Job& job, const pollfd* slots) {
+    if (!job.child) {
+        if (mNow < job.retryAt || findBlocker(job)) {
+            return;
+        }
+        if (const Result<void> launched = launch(job); !launched) {
+            job.restartReason = launched.error().message;
+            job.retryAt = mNow + restartDelay(job.failures++);
+            job.status.worker.output.error = job.restartReason;
+            publish(job);
         }
         return;
     }
-    const bool hasEnded = slots[kExitSlot].revents != 0;
-    if (hasEnded || slots[kOutputSlot].revents != 0) {
-        readOutput(kept);
+    const bool hasExited = slots[kExitSlot].revents != 0;
+    if (hasExited || slots[kOutputSlot].revents != 0) {
+        readOutput(job);
     }
-    if (hasEnded || slots[kErrorSlot].revents != 0) {
-        readErrors(kept);
+    if (hasExited || slots[kErrorSlot].revents != 0) {
+        readErrors(job);
     }
     if (slots[kInputSlot].revents != 0) {
-        write(kept);
+        write(job);
     }
-    if (hasEnded) {
-        bury(kept);
-    } else if (kept.isLeaving && mNow >= kept.killAt) {
-        killBlaming(kept, "did not end when it was asked to");
-    } else if (!kept.isLeaving && mNow >= kept.lastSign + kept.program.patience) {
-        killBlaming(kept, "gave no sign of life for " + std::to_string(kept.program.patience.count()) + " ms");
+    if (hasExited) {
+        reap(job);
+    } else if (job.isStopping && mNow >= job.killAt) {
+        kill(job, "did not exit in time");
+    } else if (!job.isStopping && mNow >= job.lastStatus + job.program.timeout) {
+        kill(job, "sent no status for " + std::to_string(job.program.timeout.count()) + " ms");
     }
-    if (mNow >= kept.omissionsTold + kOmissionPause) {
-        tellOmitted(kept);
+    if (mNow >= job.omissionsReported + kOmissionInterval) {
+        reportOmissions(job);
     }
 }
 
 // ---- One child ------------------------------------------------------------------------------------------------------
 
-Supervisor::Kept* Supervisor::find(const std::string& key) {
-    const auto found = std::find_if(mKept.begin(), mKept.end(),
-                                    [&key](const Kept& kept) { return kept.key == key && !kept.isLeaving; });
-    return found == mKept.end() ? nullptr : &*found;
+Supervisor::Job* Supervisor::find(const WorkerKey& key) {
+    const auto found =
+        std::find_if(mJobs.begin(), mJobs.end(), [&key](const Job& job) { return job.key == key && !job.isStopping; });
+    return found == mJobs.end() ? nullptr : &*found;
 }
 
-// One that leaves, and has to be gone before this one may start.
-Supervisor::Kept* Supervisor::findInTheWay(const Kept& kept) {
-    const auto found = std::find_if(mKept.begin(), mKept.end(), [&kept](const Kept& other) {
-        return other.key == kept.key && other.isLeaving && other.child;
+// A stopping child of the same key that has to exit before this one may start.
+Supervisor::Job* Supervisor::findBlocker(const Job& job) {
+    const auto found = std::find_if(mJobs.begin(), mJobs.end(), [&job](const Job& other) {
+        return other.key == job.key && other.isStopping && other.child;
     });
-    return kept.program.handover && found != mKept.end() ? &*found : nullptr;
+    return job.program.handover && found != mJobs.end() ? &*found : nullptr;
 }
 
-std::string Supervisor::obey(const std::string& key, const Program& program, const std::string& configuration) {
-    if (mIsLeaving) {
-        return "the service is stopping";
+Result<void> Supervisor::applyConfiguration(const WorkerKey& key, const Program& program,
+                                            const std::string& configuration) {
+    if (mIsShuttingDown) {
+        return failure("the service is stopping");
     }
-    if (Kept* const running = find(key)) {
+    if (Job* const running = find(key)) {
         running->program = program;
         running->configuration = configuration;
         if (running->child) {
-            send(*running, configuration);
+            writeLine(*running, configuration);
         }
         running->retryAt = mNow;
-        return "";
+        return {};
     }
-    Kept& kept = mKept.emplace_back(key, program);
-    kept.configuration = configuration;
-    std::string error;
-    if (Kept* const leaving = findInTheWay(kept)) {
-        leaving->killAt = std::min(leaving->killAt, Clock::now() + *program.handover);
-        publish(kept);
-    } else if (!launch(kept, error)) {
-        mKept.pop_back();
-        return error;
+    Job& job = mJobs.emplace_back(key, program);
+    job.configuration = configuration;
+    if (Job* const blocker = findBlocker(job)) {
+        blocker->killAt = std::min(blocker->killAt, Clock::now() + *program.handover);
+        publish(job);
+    } else if (Result<void> launched = launch(job); !launched) {
+        mJobs.pop_back();
+        return launched;
     }
-    for (Kept& other : mKept) {
-        other.isSuperseded = other.isSuperseded || (other.key == key && &other != &kept);
+    for (Job& other : mJobs) {
+        other.isSuperseded = other.isSuperseded || (other.key == key && &other != &job);
     }
-    return "";
+    return {};
 }
 
-bool Supervisor::launch(Kept& kept, std::string& error) {
-    kept.child = Child::start(kept.program.arguments, error);
-    if (!kept.child) {
-        return false;
+Result<void> Supervisor::launch(Job& job) {
+    Result<std::unique_ptr<Child>> child = Child::start(job.program.arguments);
+    if (!child) {
+        return tl::unexpected(child.error());
     }
-    kept.status.restarts += kept.started == Clock::time_point() ? 0 : 1;
-    kept.status.numbers = {};
-    kept.status.numbers.error = kept.failure;
-    kept.status.inputs.clear();
-    kept.output = LineReader(kOutputBounds);
-    kept.errors = LineReader(kErrorBounds);
-    kept.lastLine.clear();
-    kept.blame.clear();
-    kept.unsent.clear();
-    kept.started = Clock::now();
-    kept.lastSign = kept.started + kStartPatience * kept.program.patience;
-    send(kept, kept.configuration);
-    publish(kept);
-    return true;
+    job.child = std::move(*child);
+    job.status.restarts += job.started == Clock::time_point() ? 0 : 1;
+    job.status.worker = {};
+    job.status.worker.output.error = job.restartReason;
+    job.output = LineReader(kOutputBounds);
+    job.errors = LineReader(kErrorBounds);
+    job.lastLine.clear();
+    job.killReason.clear();
+    job.unsent.clear();
+    job.started = Clock::now();
+    job.lastStatus = job.started + kStartTimeoutFactor * job.program.timeout;
+    writeLine(job, job.configuration);
+    publish(job);
+    return {};
 }
 
-void Supervisor::leave(Kept& kept) {
-    kept.isLeaving = true;
-    kept.killAt = Clock::now() + kFarewell;
-    kept.status.numbers.state = kept.child ? WorkerState::kStopping : WorkerState::kStopped;
-    publish(kept);
-    if (kept.child) {
-        kept.unsent.clear();
-        kept.child->input.reset();
-        if (kept.program.stopSignal != 0) {
-            kept.child->signal(kept.program.stopSignal);
+void Supervisor::beginStop(Job& job) {
+    job.isStopping = true;
+    job.killAt = Clock::now() + kStopTimeout;
+    job.status.worker.output.state = job.child ? WorkerState::kStopping : WorkerState::kStopped;
+    publish(job);
+    if (job.child) {
+        job.unsent.clear();
+        job.child->input.reset();
+        if (job.program.stopSignal != 0) {
+            job.child->signal(job.program.stopSignal);
         }
     }
 }
 
-void Supervisor::send(Kept& kept, const std::string& line) {
-    if (line.empty() || !kept.child->input.isOpen()) {
+void Supervisor::writeLine(Job& job, const std::string& line) {
+    if (line.empty() || !job.child->input.isOpen()) {
         return;
     }
-    kept.unsent += line + "\n";
-    write(kept);
-    if (kept.unsent.size() > kMaxUnsentBytes) {
-        killBlaming(kept, "did not read what it was told");
+    job.unsent += line + "\n";
+    write(job);
+    if (job.unsent.size() > kMaxUnsentBytes) {
+        kill(job, "did not read its input");
     }
 }
 
-void Supervisor::write(Kept& kept) {
-    const ssize_t count = ::write(kept.child->input.get(), kept.unsent.data(), kept.unsent.size());
+void Supervisor::write(Job& job) {
+    const ssize_t count = ::write(job.child->input.get(), job.unsent.data(), job.unsent.size());
     if (count >= 0) {
-        kept.unsent.erase(0, static_cast<size_t>(count));
+        job.unsent.erase(0, static_cast<size_t>(count));
     } else if (errno != EAGAIN && errno != EINTR) {
-        kept.unsent.clear();
-        kept.child->input.reset();
+        job.unsent.clear();
+        job.child->input.reset();
     }
 }
 
-void Supervisor::readOutput(Kept& kept) {
-    if (kept.child->output.isOpen() &&
-        !kept.output.read(kept.child->output.get(), mNow, [&](const std::string& line) { hear(kept, line); })) {
-        kept.child->output.reset();
+void Supervisor::readOutput(Job& job) {
+    if (job.child->output.isOpen() &&
+        !job.output.read(job.child->output.get(), mNow, [&](const std::string& line) { handleLine(job, line); })) {
+        job.child->output.reset();
     }
 }
 
-void Supervisor::readErrors(Kept& kept) {
-    const auto tellLine = [&](const std::string& line) {
+void Supervisor::readErrors(Job& job) {
+    const auto reportLine = [&](const std::string& line) {
         if (!line.empty()) {
-            kept.lastLine = line;
-            mListener.onLine(kept.key, line);
+            job.lastLine = line;
+            mListener.onLine(job.key, line);
         }
     };
-    if (kept.child->errors.isOpen() && !kept.errors.read(kept.child->errors.get(), mNow, tellLine)) {
-        kept.child->errors.reset();
-        tellLine(kept.errors.takeRest());
+    if (job.child->errors.isOpen() && !job.errors.read(job.child->errors.get(), mNow, reportLine)) {
+        job.child->errors.reset();
+        reportLine(job.errors.takeRest());
     }
 }
 
-void Supervisor::hear(Kept& kept, const std::string& line) {
+void Supervisor::handleLine(Job& job, const std::string& line) {
     const json message = json::parse(line, nullptr, false);
     const bool isObject = message.is_object();
     if (isObject && !message.contains("status")) {
-        if (!kept.isLeaving) {
-            mListener.onAnswer(kept.key, message);
+        if (!job.isStopping) {
+            mListener.onMessage(job.key, message);
         }
         return;
     }
-    std::optional<WorkerStatus> status = isObject ? readStatus(message["status"]) : std::nullopt;
+    std::optional<WorkerStatus> status = isObject ? parseWorkerStatus(message["status"]) : std::nullopt;
     if (!status) {
-        ++kept.notUnderstood;
+        ++job.malformedLines;
         return;
     }
-    kept.lastSign = mNow;
-    take(kept, std::move(*status));
+    job.lastStatus = mNow;
+    update(job, std::move(*status));
 }
 
-void Supervisor::take(Kept& kept, WorkerStatus status) {
-    if (kept.isLeaving) {
+void Supervisor::update(Job& job, WorkerStatus status) {
+    if (job.isStopping) {
         return;
     }
-    WorkerNumbers& numbers = status.numbers;
-    if (numbers.state == WorkerState::kRunning) {
-        kept.failure.clear();
-    } else if (numbers.error.empty()) {
-        numbers.error = kept.failure;
+    StreamStatus& output = status.output;
+    if (output.state == WorkerState::kRunning) {
+        job.restartReason.clear();
+    } else if (output.error.empty()) {
+        output.error = job.restartReason;
     }
-    status.restarts = kept.status.restarts;
-    kept.status = std::move(status);
-    publish(kept);
+    job.status.worker = std::move(status);
+    publish(job);
 }
 
-void Supervisor::killBlaming(Kept& kept, const std::string& reason) {
-    if (!kept.isKilled()) {
-        kept.blame = reason;
-        kept.child->signal(SIGKILL);
+void Supervisor::kill(Job& job, const std::string& reason) {
+    if (!job.isKilled()) {
+        job.killReason = reason;
+        job.child->signal(SIGKILL);
     }
 }
 
-// After it has ended: it is stopped, or will be started again.
-void Supervisor::bury(Kept& kept) {
-    const std::optional<std::string> end = kept.child->reap();
-    if (!end) {
+// The child has exited: it is stopped, or will be restarted.
+void Supervisor::reap(Job& job) {
+    const std::optional<std::string> exit = job.child->reap();
+    if (!exit) {
         return;
     }
-    tellOmitted(kept);
-    kept.child.reset();
-    WorkerNumbers& numbers = kept.status.numbers;
-    if (kept.isLeaving) {
-        numbers.state = WorkerState::kStopped;
-        numbers.error = kept.blame.empty() ? numbers.error : "the process " + kept.blame;
-        publish(kept);
+    reportOmissions(job);
+    job.child.reset();
+    StreamStatus& output = job.status.worker.output;
+    if (job.isStopping) {
+        output.state = WorkerState::kStopped;
+        output.error = job.killReason.empty() ? output.error : "the process " + job.killReason;
+        publish(job);
         return;
     }
-    kept.failures = mNow >= kept.started + kSteadyTime ? 0 : kept.failures;
-    kept.retryAt = mNow + restartPause(kept.failures++);
-    kept.failure = "the process " + (kept.blame.empty() ? *end : kept.blame);
-    kept.failure += kept.lastLine.empty() ? "" : ": " + kept.lastLine;
-    numbers.state = WorkerState::kReconnecting;
-    numbers.error = kept.failure;
-    publish(kept);
+    job.failures = mNow >= job.started + kStableTime ? 0 : job.failures;
+    job.retryAt = mNow + restartDelay(job.failures++);
+    job.restartReason = "the process " + (job.killReason.empty() ? *exit : job.killReason);
+    job.restartReason += job.lastLine.empty() ? "" : ": " + job.lastLine;
+    output.state = WorkerState::kReconnecting;
+    output.error = job.restartReason;
+    publish(job);
 }
 
-void Supervisor::tellOmitted(Kept& kept) {
-    kept.omissionsTold = mNow;
-    const auto tellCount = [&](uint64_t count, const char* what) {
+void Supervisor::reportOmissions(Job& job) {
+    job.omissionsReported = mNow;
+    const auto reportCount = [&](uint64_t count, const char* what) {
         if (count > 0) {
-            mListener.onLine(kept.key, what + std::to_string(count));
+            mListener.onLine(job.key, what + std::to_string(count));
         }
     };
-    tellCount(kept.errors.takeOmitted(), "lines left out: ");
-    tellCount(kept.output.takeOmitted(), "lines of its output that were too long or came too fast: ");
-    tellCount(std::exchange(kept.notUnderstood, 0), "lines of its output that were not understood: ");
+    reportCount(job.errors.takeOmitted(), "omitted lines: ");
+    reportCount(job.output.takeOmitted(), "lines of its output that were too long or too many: ");
+    reportCount(std::exchange(job.malformedLines, 0), "malformed lines of its output: ");
 }
 
-// Makes known how it is, and says so if that is news.
-void Supervisor::publish(Kept& kept) {
-    if (kept.isSuperseded) {
+// Updates the status that others read, and notifies the listener if the state or the error has changed.
+void Supervisor::publish(Job& job) {
+    if (job.isSuperseded) {
         return;
     }
-    const WorkerNumbers& numbers = kept.status.numbers;
+    const StreamStatus& output = job.status.worker.output;
     {
         KstMutexLock lock(mMutex);
-        if (kept.isLeaving && numbers.state == WorkerState::kStopped) {
-            mStatuses.erase(kept.key);
+        if (job.isStopping && output.state == WorkerState::kStopped) {
+            mStatuses.erase(job.key);
         } else {
-            mStatuses[kept.key] = kept.status;
+            mStatuses[job.key] = job.status;
         }
     }
-    std::pair<WorkerState, std::string> news(numbers.state, numbers.error);
-    if (kept.told != news) {
-        kept.told = std::move(news);
-        mListener.onState(kept.key, kept.status);
+    std::pair<WorkerState, std::string> current(output.state, output.error);
+    if (job.published != current) {
+        job.published = std::move(current);
+        mListener.onState(job.key, job.status);
     }
 }
 

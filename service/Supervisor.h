@@ -1,10 +1,3 @@
-// Keeps child processes running, each under a key: starts them, tells them what to do, hears how they are, starts again
-// those that end or hang, and stops them.
-//
-// Used by Media. One thread does it all. A child reads lines of JSON and writes lines of JSON: {"status":…} (see
-// WorkerStatus.h) often enough to be known alive, and answers. What it writes to standard error is for people. When its
-// input ends it has to end.
-
 #ifndef VEXALIVE_SERVICE_SUPERVISOR_H
 #define VEXALIVE_SERVICE_SUPERVISOR_H
 
@@ -23,99 +16,110 @@
 #include <vector>
 
 #include "base/Mutex.h"
+#include "common/Descriptor.h"
+#include "common/Result.h"
 #include "service/Child.h"
 #include "service/LineReader.h"
-#include "service/WorkerStatus.h"
+#include "service/ServiceSnapshot.h"
+#include "service/WorkerKey.h"
 
 struct pollfd;
 
 namespace vexalive {
 
-// Before a child that ended unasked is started again: 0.25, 0.5, 1, 2, 4 and then 8 seconds. `failures` counts those
-// before this one in a row; a child that has run for a while begins a new row.
-std::chrono::milliseconds restartPause(int failures);
+/// The delay before a child that exited by itself is restarted: 0.25, 0.5, 1, 2, 4 and then 8 seconds. `failures`
+/// counts those before this one in a row; a child that has run for 10 seconds begins a new row.
+std::chrono::milliseconds restartDelay(int failures);
 
+/// Runs child processes, each under a key: starts and configures them, reads their status, restarts those that exit or
+/// hang, and stops them. One thread does all of it.
+///
+/// A child reads lines of JSON. It writes lines of JSON: {"status": …} (common/WorkerStatus.h) often enough to be known
+/// alive, and responses. Its standard error is lines for people. It has to exit when its input ends.
 class Supervisor {
 public:
     struct Program {
-        std::vector<std::string> arguments;        // the first is a path
-        std::chrono::milliseconds patience{5000};  // without a sign of life, before it is taken for hung
-        int stopSignal = 0;                        // for one that does not heed the end of its input
+        std::vector<std::string> arguments;       ///< the first is a path
+        std::chrono::milliseconds timeout{5000};  ///< without a status, after which the child counts as hung
+        int stopSignal = 0;                       ///< for a child that does not exit at the end of its input
 
-        // Where two of one key would be in each other's way: a new one starts when the one that leaves has gone, which
-        // has so long yet. None: they may be there at the same time.
+        /// If set, two children of one key exclude each other: a new one starts when the stopping one has exited, or
+        /// was killed after this time.
         std::optional<std::chrono::milliseconds> handover = std::nullopt;
     };
 
-    // Called on the supervisor's thread, which they must not keep waiting; they must not call want() or stop().
+    /// Called on the supervisor's thread. They must not block, and must not call configure() or stop().
     struct Listener {
-        std::function<void(const std::string& key, const WorkerStatus&)> onState;     // the state or its error changed
-        std::function<void(const std::string& key, const std::string& line)> onLine;  // for people
-        std::function<void(const std::string& key, const nlohmann::json&)> onAnswer;  // what is no status
+        /// The state or its error has changed.
+        std::function<void(const WorkerKey& key, const ProcessStatus&)> onState;
+        /// A line for people.
+        std::function<void(const WorkerKey& key, const std::string& line)> onLine;
+        /// An object that is no status.
+        std::function<void(const WorkerKey& key, const nlohmann::json&)> onMessage;
     };
 
     explicit Supervisor(Listener listener);
-    ~Supervisor();  // stops
+    ~Supervisor();  ///< stops
 
-    bool start(std::string& error);
+    Result<void> start();
 
-    // Ends all children: within 3 seconds those that do so by themselves, then by force.
+    /// Stops all children: those that exit by themselves within 3 seconds, the others by SIGKILL.
     void stop();
 
     // Any thread may call these.
 
-    // Starts a child and gives it its configuration, one line; or gives the one that runs another. Returns why it could
-    // not be started, in which case it is forgotten; empty if it runs, or is to be started later anyway.
-    std::string want(const std::string& key, const Program& program, const std::string& configuration);
-    void drop(const std::string& key);                              // stops it
-    void tell(const std::string& key, const std::string& line);     // once; lost if it does not run
-    void note(const std::string& key, const WorkerStatus& status);  // as if it had said so
+    /// Starts a child and writes its configuration, one line, to it; or writes the configuration to the running child.
+    /// If the child cannot be started, the key is forgotten. Success also if a restart or a handover is pending.
+    Result<void> configure(const WorkerKey& key, const Program& program, const std::string& configuration);
+    void remove(const WorkerKey& key);                                 ///< stops the child
+    void send(const WorkerKey& key, const std::string& line);          ///< lost if the child is not running
+    void setStatus(const WorkerKey& key, const WorkerStatus& status);  ///< as if the child had written it
 
-    std::optional<WorkerStatus> status(const std::string& key) const;
-    size_t count() const;  // those that are being stopped included
+    std::optional<ProcessStatus> status(const WorkerKey& key) const;
+    size_t count() const;  ///< of children, stopping ones included
 
 private:
     using Clock = std::chrono::steady_clock;
-    struct Kept;
+    struct Job;
 
-    bool post(std::function<void()> wish);
+    bool post(std::function<void()> command);
     void run();
-    bool takeWishes();
-    void await();
-    void forgiveAbsence(Clock::time_point before);
-    void attend(Kept& kept, const pollfd* slots);
+    bool runCommands();
+    void wait();
+    void extendTimeouts(Clock::time_point before);
+    void handleEvents(Job& job, const pollfd* slots);
 
-    std::string obey(const std::string& key, const Program& program, const std::string& configuration);
-    Kept* find(const std::string& key);
-    Kept* findInTheWay(const Kept& kept);
-    bool launch(Kept& kept, std::string& error);
-    void leave(Kept& kept);
-    void send(Kept& kept, const std::string& line);
-    void write(Kept& kept);
-    void readOutput(Kept& kept);
-    void readErrors(Kept& kept);
-    void hear(Kept& kept, const std::string& line);
-    void take(Kept& kept, WorkerStatus status);
-    void killBlaming(Kept& kept, const std::string& reason);
-    void bury(Kept& kept);
-    void tellOmitted(Kept& kept);
-    void publish(Kept& kept);
+    Result<void> applyConfiguration(const WorkerKey& key, const Program& program, const std::string& configuration);
+    Job* find(const WorkerKey& key);
+    Job* findBlocker(const Job& job);
+    Result<void> launch(Job& job);
+    void beginStop(Job& job);
+    void writeLine(Job& job, const std::string& line);
+    void write(Job& job);
+    void readOutput(Job& job);
+    void readErrors(Job& job);
+    void handleLine(Job& job, const std::string& line);
+    void update(Job& job, WorkerStatus status);
+    void kill(Job& job, const std::string& reason);
+    void reap(Job& job);
+    void reportOmissions(Job& job);
+    void publish(Job& job);
 
     const Listener mListener;
     Descriptor mWake;
     std::thread mThread;
 
-    // Of the thread alone.
-    std::list<Kept> mKept;
+    // Used by the thread only.
+    std::list<Job> mJobs;
     Clock::time_point mNow;  // when the last wait ended
-    bool mIsLeaving = false;
+    bool mIsShuttingDown = false;
 
     mutable KstMutex mMutex;
-    KstCondition mObeyed;
+    KstCondition mApplied;
     bool mIsRunning KST_GUARDED_BY(mMutex) = false;
     bool mIsStopping KST_GUARDED_BY(mMutex) = false;
-    std::deque<std::function<void()>> mWishes KST_GUARDED_BY(mMutex);
-    std::map<std::string, WorkerStatus> mStatuses KST_GUARDED_BY(mMutex);
+    std::deque<std::function<void()>> mCommands KST_GUARDED_BY(mMutex);
+    std::map<WorkerKey, ProcessStatus> mStatuses KST_GUARDED_BY(mMutex);
     size_t mCount KST_GUARDED_BY(mMutex) = 0;
 };
 

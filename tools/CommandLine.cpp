@@ -79,12 +79,8 @@ int runCommand(const Command& command) {
         const bool hasSecrets = command.app->get_option_no_throw("--sig") != nullptr;
         return usageError(name, describeExtras(extras, longOptionNames(*command.app), hasSecrets));
     }
-    try {
-        const Result<int> status = command.run();
-        return status ? *status : usageError(name, status.error().message);
-    } catch (const UsageError& error) {
-        return usageError(name, error.what());
-    }
+    const Result<int> status = command.run();
+    return status ? *status : usageError(name, status.error().message);
 }
 
 }  // namespace

@@ -7,18 +7,12 @@
 #include <CLI/App.hpp>
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "common/Result.h"
 
 namespace vexalive {
-
-// An option is missing or wrong. The message begins with the option's name.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 // A required option; if it is not given, an environment variable supplies the value. The errors begin with its name.
 class RequiredOption {

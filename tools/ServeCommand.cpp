@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "base/Clock.h"
+#include "common/Result.h"
 #include "common/Text.h"
 #include "service/LiveService.h"
 #include "tools/Command.h"
 #include "tools/EventQueue.h"
 #include "tools/ExitStatus.h"
-#include "tools/FaultOption.h"
 #include "tools/Options.h"
 #include "tools/OutputWriter.h"
 #include "tools/Signals.h"
@@ -23,23 +23,29 @@ namespace vexalive {
 namespace {
 
 constexpr const char* kServeDescription =
-    "Run a live-interface service of your own on this machine\n"
+    "Run a local live-interface service on this machine\n"
     "\n"
-    "A copy of the live-interface service to develop and test against: it checks\n"
-    "every request strictly, says which field is wrong, and keeps the state of relays\n"
-    "and mixes; with --media it carries them out. Prints the two lines that point\n"
-    "programs at it, then a line for each request, until Ctrl-C or SIGTERM.";
+    "For development and tests: it checks every request strictly, reports which field\n"
+    "is wrong, and holds the state of relays and mixes. With --media, it also relays\n"
+    "and mixes streams. Prints two lines that point programs at it, then a line for\n"
+    "each request, until Ctrl-C or SIGTERM.";
+
+constexpr const char* kFaultHelp =
+    "Inject a fault from the start; repeatable. Each request consumes one use of the first fault that applies to it. "
+    "FAULT is one of status=CODE, code=CODE, delay=MS, empty, cut, garbage, huge[=BYTES] and close, then any of "
+    ",count=N (requests; 0: until cleared) ,delay_ms=MS ,interface=NAME and, with code, ,message=TEXT. For example "
+    "status=503,count=2";
 
 constexpr const char* kServeFooter =
-    "Example: two failures first, then true answers\n"
+    "Example: two failed requests first, then normal responses\n"
     "  vexalive serve --port 8443 --fault status=503,count=2\n"
     "\n"
-    "While it runs, its state is at hand over HTTPS:\n"
+    "Show the state of a running service:\n"
     "  curl --cacert \"$VEXALIVE_CA_FILE\" \"https://$VEXALIVE_SERVICE_HOST/state\"\n"
     "\n"
     "Exit status: 0 stopped by Ctrl-C or SIGTERM; 1 could not start; 2 wrong usage.";
 
-constexpr size_t kMaxEntries = 1000;  // that wait for an output that is stuck
+constexpr size_t kMaxEntries = 1000;  // queued for a slow output
 
 struct ServeOptions {
     LiveServiceOptions service;
@@ -65,8 +71,7 @@ std::string shellWord(const std::string& text) {
 OutputEntry listening(const LiveService& service) {
     OutputEntry entry;
     entry.fields = {{"event", "listening"}, {"service", service.address()}, {"caFile", service.caFile()}};
-    entry.text = "live-interface service on https://" + service.address() + ", its certificate authority in " +
-                 service.caFile() + "; Ctrl-C stops it. Paste into another terminal:";
+    entry.text = "live-interface service on https://" + service.address() + "; Ctrl-C stops it. In another terminal:";
     return entry;
 }
 
@@ -92,32 +97,32 @@ OutputEntry exportLine(const std::string& line) {
     return entry;
 }
 
-OutputEntry answered(const LiveServiceEvent& event) {
+OutputEntry requestLine(const LiveServiceEvent& event) {
     OutputEntry entry;
     entry.fields = {{"event", "request"},           {"interface", event.interfaceName},
                     {"operation", event.operation}, {"httpStatus", event.httpStatus},
                     {"code", event.code},           {"message", event.message},
                     {"field", event.field},         {"appId", event.appId},
                     {"streamId", event.streamId},   {"fault", event.fault}};
-    std::string answer;
+    std::string result;
     if (!event.operation.empty()) {
-        answer = event.operation + " accepted, stream " + event.streamId + " of app " + std::to_string(event.appId);
+        result = event.operation + " accepted, stream " + event.streamId + " of app " + std::to_string(event.appId);
     } else if (event.fault.empty()) {
-        answer = "refused with code " + std::to_string(event.code) +
+        result = "refused with code " + std::to_string(event.code) +
                  (event.field.empty() ? "" : ", field " + event.field) + ": " + event.message;
     }
     if (event.httpStatus == 0) {
-        answer = "closed without an answer";
-    } else if (answer.empty()) {
-        answer = "HTTP status " + std::to_string(event.httpStatus);
-        answer += event.code == 0 ? "" : ", code " + std::to_string(event.code) + ": " + event.message;
+        result = "closed without a response";
+    } else if (result.empty()) {
+        result = "HTTP status " + std::to_string(event.httpStatus);
+        result += event.code == 0 ? "" : ", code " + std::to_string(event.code) + ": " + event.message;
     }
-    answer += event.fault.empty() ? "" : " (fault: " + event.fault + ")";
-    entry.text = timeOfDay(kstf_getutctick()) + "  " + event.interfaceName + "  " + answer;
+    result += event.fault.empty() ? "" : " (fault: " + event.fault + ")";
+    entry.text = timeOfDay(kstf_getutctick()) + "  " + event.interfaceName + "  " + result;
     return entry;
 }
 
-OutputEntry happened(const LiveMediaEvent& event) {
+OutputEntry mediaLine(const LiveMediaEvent& event) {
     const std::string who = event.subject + (event.streamId.empty() ? "" : " " + event.streamId);
     const std::string restarts = event.restarts == 0 ? "" : " (restarts: " + std::to_string(event.restarts) + ")";
     OutputEntry entry;
@@ -131,7 +136,7 @@ OutputEntry happened(const LiveMediaEvent& event) {
         case LiveMediaEvent::Kind::kLine:
             entry.fields = {
                 {"event", "line"}, {"subject", event.subject}, {"streamId", event.streamId}, {"text", event.text}};
-            entry.text += who + "  says: " + event.text;
+            entry.text += who + ": " + event.text;
             break;
         case LiveMediaEvent::Kind::kRefusedPublish:
             entry.fields = {{"event", "publish"}, {"streamId", event.streamId}, {"refused", event.text}};
@@ -144,34 +149,35 @@ OutputEntry happened(const LiveMediaEvent& event) {
 OutputEntry omission(uint64_t count) {
     OutputEntry entry;
     entry.fields = {{"event", "omitted"}, {"lines", count}};
-    entry.text = "lines left out here, which came faster than this output took them: " + std::to_string(count);
+    entry.text = "lines omitted because the output is too slow: " + std::to_string(count);
     return entry;
 }
 
-uint16_t readPort(const char* option, const std::string& text) {
+Result<uint16_t> parsePort(const char* option, const std::string& text) {
     const std::optional<int64_t> port = readInteger(text, 0, 65535);
     if (!port) {
-        throw UsageError(std::string(option) + " is \"" + printable(text) +
-                         "\": must be an integer from 0, for a free port, to 65535");
+        return failure(std::string(option) + " is \"" + printable(text) +
+                       "\": must be an integer from 0, for a free port, to 65535");
     }
     return static_cast<uint16_t>(*port);
 }
 
-int runServe(ServeOptions options) {
-    options.service.port = readPort("--port", options.port);
-    options.service.consolePort = readPort("--console-port", options.consolePort);
-    if (!options.service.origin.empty() && !options.service.media) {
-        throw UsageError("--origin is for --media only");
+Result<int> runServe(ServeOptions options) {
+    const Result<uint16_t> port = parsePort("--port", options.port);
+    const Result<uint16_t> consolePort = parsePort("--console-port", options.consolePort);
+    if (!port || !consolePort) {
+        return tl::unexpected(port ? consolePort.error() : port.error());
     }
-    std::vector<Fault> faults;
-    for (const std::string& text : options.faults) {
-        faults.push_back(readFault(text));
+    options.service.port = *port;
+    options.service.consolePort = *consolePort;
+    if (!options.service.origin.empty() && !options.service.media) {
+        return failure("--origin needs --media");
     }
     const auto writer = makeOutputWriter(chooseFormat(options.json, stdout), Secrets(), stdout, stderr);
 
     EventQueue<OutputEntry> entries(kMaxEntries);  // outlives the service, whose threads fill it
-    options.service.observer = [&entries](const LiveServiceEvent& event) { entries.push(answered(event)); };
-    options.service.mediaObserver = [&entries](const LiveMediaEvent& event) { entries.push(happened(event)); };
+    options.service.observer = [&entries](const LiveServiceEvent& event) { entries.push(requestLine(event)); };
+    options.service.mediaObserver = [&entries](const LiveMediaEvent& event) { entries.push(mediaLine(event)); };
     const auto showAll = [&entries, &writer] {
         const uint64_t omitted = entries.drainDropped();
         for (OutputEntry& entry : entries.drain()) {
@@ -183,14 +189,15 @@ int runServe(ServeOptions options) {
     };
     StopSignals signals;
     LiveService service(options.service);
-    for (size_t i = 0; i < faults.size(); ++i) {
-        const std::string refusal = service.inject(faults[i]);
-        if (!refusal.empty()) {
-            throw UsageError("--fault " + options.faults[i] + ": " + refusal);
+    for (const std::string& text : options.faults) {
+        const Result<void> added =
+            parseFaultOption(text).and_then([&service](const Fault& fault) { return service.inject(fault); });
+        if (!added) {
+            return failure("--fault " + text + ": " + added.error().message);
         }
     }
-    if (!service.start()) {
-        std::fprintf(stderr, "vexalive serve: %s\n", printable(service.error()).c_str());
+    if (const Result<void> started = service.start(); !started) {
+        std::fprintf(stderr, "vexalive serve: %s\n", printable(started.error().message).c_str());
         return kRefused;
     }
     writer->write(listening(service));
@@ -228,24 +235,25 @@ Command addServeCommand(CLI::App& tool) {
         ->type_name("A");
     command
         ->add_option("--state-dir", options->service.stateFolder,
-                     "Where the certificates are kept; by default ~/.local/state/vexalive")
+                     "The folder of the certificates; by default ~/.local/state/vexalive")
         ->type_name("DIR");
     command
         ->add_option("--push-domain", options->service.pushDomainSuffix,
-                     "What has to follow the biz id in push domains; or VEXALIVE_PUSH_DOMAIN")
+                     "The suffix of push domains, after the biz id; or VEXALIVE_PUSH_DOMAIN")
         ->type_name("S");
     command->add_flag("--media", options->service.media,
-                      "Relay and mix in truth: start nginx as the origin that members publish to, and a worker for "
+                      "Carry out relays and mixes: start nginx as the origin that members publish to, and a worker for "
                       "each relay and each mix");
     command
         ->add_option("--origin", options->service.origin,
-                     "With --media: an RTMP server that is running, with applications live, mix and cdn; starts none")
+                     "With --media: use this running RTMP server, which has the applications live, mix and cdn, "
+                     "instead of nginx")
         ->type_name("URL");
     command
         ->add_option("--console-port", options->consolePort,
                      "The port of 127.0.0.1 that serves the console, a web page; 0, the default, takes a free one")
         ->type_name("N");
-    command->add_option("--fault", options->faults, kFaultHelp)->type_name("WHAT")->allow_extra_args(false);
+    command->add_option("--fault", options->faults, kFaultHelp)->type_name("FAULT")->allow_extra_args(false);
     command->add_flag("--json", options->json, "Write one JSON object a line (docs/vexalive-tool.md lists them)");
     return {command, [options] { return runServe(*options); }};
 }

@@ -5,7 +5,6 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
-#include <variant>
 
 #include "Fuzzing.h"
 #include "service/RequestCheck.h"
@@ -167,10 +166,10 @@ void requireAccepted(const AcceptedRequest& request, const std::string& interfac
 
 void requireJudged(const std::string& interfaceName, const std::string& query, const std::string& body) {
     const auto result = checkRequest(interfaceName, query, body, kSuffix);
-    if (const Refusal* refusal = std::get_if<Refusal>(&result)) {
-        requireRefusal(*refusal, query, body);
+    if (!result) {
+        requireRefusal(result.error(), query, body);
     } else {
-        requireAccepted(std::get<AcceptedRequest>(result), interfaceName, query, body);
+        requireAccepted(*result, interfaceName, query, body);
     }
 }
 

@@ -46,13 +46,13 @@ Fault of(Fault::Kind kind) {
     return fault;
 }
 
-Fault failing(int times) {
+Fault failing(int count) {
     Fault fault = of(Fault::Kind::kStatus);
-    fault.times = times;
+    fault.count = count;
     return fault;
 }
 
-constexpr int kUntilCleared = 0;  // for `times`
+constexpr int kUntilCleared = 0;  // for `count`
 
 // While it exists, the service carries requests out and withholds the responses.
 class HeldAnswers {
@@ -435,7 +435,7 @@ TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
 
 TEST_P(EachRequest, RefusedByTheServiceIsReportedWithItsCode) {
     const auto member = ready(GetParam(), "u-refused");
-    Fault refusal = of(Fault::Kind::kServerCode);
+    Fault refusal = of(Fault::Kind::kCode);
     refusal.code = -77;
     refusal.message = "no such app";
     service->inject(refusal);
@@ -715,7 +715,7 @@ TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
     };
     service->inject(of(Fault::Kind::kGarbage));
     EXPECT_EQ(success(), ask());
-    Fault refusal = of(Fault::Kind::kServerCode);
+    Fault refusal = of(Fault::Kind::kCode);
     refusal.code = 77;
     service->inject(refusal);
     EXPECT_EQ(GetParam().serverErrorBase - 77, ask().code);
@@ -760,8 +760,8 @@ int main(int argc, char** argv) {
     {
         LiveService running(serviceOptions);
         service = &running;
-        if (!running.start()) {
-            std::fprintf(stderr, "%s\n", running.error().c_str());
+        if (const vexalive::Result<void> started = running.start(); !started) {
+            std::fprintf(stderr, "%s\n", started.error().message.c_str());
             return 1;
         }
         vexalive::HttpOptions options;

@@ -35,7 +35,7 @@ std::string streamOf(const std::string& user) {
 
 class Example : public testing::Test {
 protected:
-    Example() { EXPECT_TRUE(mService.start()) << mService.error(); }
+    Example() { EXPECT_TRUE(mService.start()); }
     ~Example() override { std::filesystem::remove_all(mFolder); }
 
     // The exit status.
@@ -52,11 +52,11 @@ protected:
 
     void refuse(const char* interfaceName, int times) {
         Fault refusal;
-        refusal.kind = Fault::Kind::kServerCode;
+        refusal.kind = Fault::Kind::kCode;
         refusal.interfaceName = interfaceName;
-        refusal.times = times;
+        refusal.count = times;
         refusal.code = 77;
-        EXPECT_EQ("", mService.inject(refusal));
+        EXPECT_TRUE(mService.inject(refusal));
     }
 
     // The interface and the response code of each request, in the order of the responses.

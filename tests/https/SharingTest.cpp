@@ -158,7 +158,7 @@ TEST_P(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
     vexalive::LiveServiceOptions options;
     options.tls = false;
     vexalive::LiveService service(options);
-    ASSERT_TRUE(service.start()) << service.error();
+    ASSERT_TRUE(service.start());
     std::filesystem::remove(folder() / "access.log");
     const Nginx nginx(folder(), kstf_get_live_service_host(), service.address());
     ASSERT_TRUE(nginx.started()) << "nginx is not installed";

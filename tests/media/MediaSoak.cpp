@@ -142,7 +142,7 @@ private:
     // The service responds with an error code, and a relay may get a destination that is absent.
     void injectFault() {
         vexalive::Fault fault;
-        fault.kind = vexalive::Fault::Kind::kServerCode;
+        fault.kind = vexalive::Fault::Kind::kCode;
         mService.injectFault(fault);
         mService.post(mixBody({{1, 0, 0, 640, 360}}));
         mService.post(relayBody(2, from(0, 1) == 0 ? "rtmp://127.0.0.1:9/cdn/nobody" : mService.origin() + "/cdn/two"));

@@ -6,7 +6,7 @@
 
 #include "service/Console.h"
 #include "service/LiveService.h"
-#include "service/Metrics.h"
+#include "service/ServiceSnapshot.h"
 #include "support/ServiceTesting.h"
 
 using namespace servicetesting;
@@ -124,8 +124,10 @@ TEST(ConsolePort, AnOccupiedPortIsReported) {
     const std::string address = service->consoleAddress();
     options.consolePort = static_cast<uint16_t>(std::stoi(address.substr(address.find(':') + 1)));
     vexalive::LiveService second(options);
-    EXPECT_FALSE(second.start());
-    EXPECT_NE(std::string::npos, second.error().find("already in use")) << second.error();
+    const auto started = second.start();
+    ASSERT_FALSE(started);
+    EXPECT_NE(std::string::npos, started.error().message.find("already in use"))
+        << started.error().message;
 }
 
 // ---- Metrics --------------------------------------------------------------------------------------------------------
@@ -141,16 +143,19 @@ TEST(Metrics, AreServedAsText) {
     EXPECT_EQ(std::string::npos, result->body.find("vexalive_origin_state"));
 }
 
-TEST(Metrics, TellEachWorkerAndEachInputOnce) {
-    const auto state = nlohmann::ordered_json::parse(R"({
-        "service":{"media":true,"origin":{"address":"rtmp://h:1","state":"running","error":"","restarts":3}},
-        "relays":[],
-        "mixes":[{"output_stream_id":"8888_m","running":true,"media":{"state":"reconnecting","error":"x","bytes":12,
-                  "frames":3,"dropped":2,"reconnects":1,"restarts":4,"inputs":[
-                  {"stream_id":"a\"\\b\nc","state":"running","error":"","bytes":5,"frames":6,"dropped":7,"reconnects":8},
-                  {"stream_id":"a\"\\b\nc","state":"running","error":"","bytes":5,"frames":6,"dropped":7,"reconnects":8}]}},
-                 {"output_stream_id":"8888_n","running":false,"media":null}]})");
-    const std::string text = vexalive::metricsOf(state);
+TEST(Metrics, ListEachWorkerAndEachInputOnce) {
+    using vexalive::WorkerState;
+    vexalive::ServiceSnapshot snapshot;
+    snapshot.origin.emplace();
+    snapshot.origin->process.worker.output.state = WorkerState::kRunning;
+    snapshot.origin->process.restarts = 3;
+    vexalive::MixSnapshot& running = snapshot.mixes.emplace_back();
+    running.request.streamId = "8888_m";
+    running.isRunning = true;
+    const vexalive::InputStatus input = {"a\"\\b\nc", {WorkerState::kRunning, "", 5, 6, 7, 8}};
+    running.media = {"", {{{WorkerState::kReconnecting, "x", 12, 3, 2, 1}, {input, input}}, 4}};
+    snapshot.mixes.emplace_back().request.streamId = "8888_n";
+    const std::string text = metricsText(snapshot);
     const auto occurrences = [&text](const std::string& line) {
         size_t count = 0;
         for (size_t at = text.find("\n" + line + "\n"); at != std::string::npos;
@@ -160,7 +165,7 @@ TEST(Metrics, TellEachWorkerAndEachInputOnce) {
         return count;
     };
     const std::string mix = R"({kind="mix",stream_id="8888_m")";
-    const std::string input = R"({kind="mix",stream_id="8888_m",input="a\"\\b\nc")";
+    const std::string labels = R"({kind="mix",stream_id="8888_m",input="a\"\\b\nc")";
     for (const std::string& line :
          {std::string("vexalive_mixes 1"), std::string("vexalive_relays 0"),
           std::string("vexalive_origin_state{state=\"running\"} 1"),
@@ -169,9 +174,9 @@ TEST(Metrics, TellEachWorkerAndEachInputOnce) {
           "vexalive_media_state" + mix + ",state=\"running\"} 0", "vexalive_media_bytes_total" + mix + "} 12",
           "vexalive_media_frames_total" + mix + "} 3", "vexalive_media_dropped_frames_total" + mix + "} 2",
           "vexalive_media_reconnects_total" + mix + "} 1", "vexalive_media_restarts_total" + mix + "} 4",
-          "vexalive_media_input_state" + input + ",state=\"running\"} 1",
-          "vexalive_media_input_bytes_total" + input + "} 5",
-          "vexalive_media_input_reconnects_total" + input + "} 8"}) {
+          "vexalive_media_input_state" + labels + ",state=\"running\"} 1",
+          "vexalive_media_input_bytes_total" + labels + "} 5",
+          "vexalive_media_input_reconnects_total" + labels + "} 8"}) {
         EXPECT_EQ(1u, occurrences(line)) << line << " in\n" << text;
     }
     EXPECT_EQ(std::string::npos, text.find("8888_n"));

@@ -31,8 +31,8 @@ public:
             if (isReadable && !read()) {
                 return end();
             }
-            if (!mWish.empty() && !mIsSilent) {
-                say();
+            if (!mConfiguration.empty() && !mIsSilent) {
+                writeStatus();
             }
         }
     }
@@ -53,21 +53,21 @@ private:
     }
 
     void obey(const json& message) {
-        if (message.contains("snapshot") && mIsBlind) {
+        if (message.contains("snapshot") && mHasNoSnapshot) {
             return;
         }
         if (message.contains("snapshot")) {
             // "/9j/" is how a JPEG begins; then which picture this is
-            const std::string number = std::to_string(1000 + ++mPictures).substr(0, 4);
+            const std::string number = std::to_string(1000 + ++mSnapshots).substr(0, 4);
             std::printf("{\"snapshot\":\"/9j/%s\"}\n", number.c_str());
             std::fflush(stdout);
             return;
         }
         mKind = message.contains("mix") ? "mix" : "relay";
-        mWish = message.at(mKind);
-        ++mWishes;
-        injectFault(lastDigits(mWish.at("destination")));
-        injectFault(lastDigits(mWish.value("source", "")));
+        mConfiguration = message.at(mKind);
+        ++mConfigurations;
+        injectFault(lastDigits(mConfiguration.at("destination")));
+        injectFault(lastDigits(mConfiguration.value("source", "")));
     }
 
     void injectFault(const std::string& how) {
@@ -77,9 +77,9 @@ private:
         } else if (how == "ed07") {
             std::_Exit(7);
         } else if (how == "babe") {
-            mIsDeaf = true;
+            mIgnoresEnd = true;
         } else if (how == "b11d") {
-            mIsBlind = true;
+            mHasNoSnapshot = true;
         } else if (how == "cafe") {
             mIsSilent = true;
         } else if (how == "f00d") {
@@ -98,12 +98,12 @@ private:
         }
     }
 
-    // In two pieces, as a pipe may hand on any line. The error, which is shown, tells the test what came in.
-    void say() const {
+    // In two pieces, as a pipe may split any line. The error, which the state has, tells the test what came in.
+    void writeStatus() const {
         json status = {{"state", "running"}, {"error", ""},     {"bytes", 1000},          {"frames", 10},
                        {"dropped", 1},       {"reconnects", 2}, {"inputs", json::array()}};
-        status["error"] =
-            "wish " + std::to_string(mWishes) + " of " + std::to_string(::getpid()) + ": " + wishInShort().dump();
+        status["error"] = "configuration " + std::to_string(mConfigurations) + " of " + std::to_string(::getpid()) +
+                          ": " + summary().dump();
         const std::string line = json{{"status", status}}.dump() + "\n";
         std::fwrite(line.data(), 1, line.size() / 2, stdout);
         std::fflush(stdout);
@@ -111,12 +111,14 @@ private:
         std::fflush(stdout);
     }
 
-    json wishInShort() const {
-        return mKind == "mix" ? json{{"inputs", mWish.at("inputs").size()}, {"canvas", mWish.at("canvas")}} : mWish;
+    json summary() const {
+        return mKind == "mix"
+                   ? json{{"inputs", mConfiguration.at("inputs").size()}, {"canvas", mConfiguration.at("canvas")}}
+                   : mConfiguration;
     }
 
     int end() const {
-        if (mIsDeaf) {
+        if (mIgnoresEnd) {
             for (;;) {
                 ::pause();
             }
@@ -126,11 +128,11 @@ private:
 
     std::string mInput;
     std::string mKind;
-    json mWish;
-    int mWishes = 0;
-    int mPictures = 0;
-    bool mIsBlind = false;
-    bool mIsDeaf = false;
+    json mConfiguration;
+    int mConfigurations = 0;
+    int mSnapshots = 0;
+    bool mHasNoSnapshot = false;
+    bool mIgnoresEnd = false;
     bool mIsSilent = false;
 };
 

@@ -13,9 +13,9 @@ using vexalive::LiveServiceOptions;
 
 namespace {
 
-class OnRequest : public testing::Test {
+class FaultsTest : public testing::Test {
 protected:
-    void ask(const json& fault) {
+    void inject(const json& fault) {
         const auto result = mClient->Post("/faults", fault.dump(), "application/json");
         ASSERT_TRUE(result);
         ASSERT_EQ(200, result->status) << result->body;
@@ -27,7 +27,9 @@ protected:
                              "application/json");
     }
 
-    void expectTruthAgain() {
+    json active() { return json::parse(mService->faultsJson())["active"]; }
+
+    void expectNormalResponse() {
         const auto result = exchange();
         ASSERT_TRUE(result);
         EXPECT_EQ(200, result->status);
@@ -53,81 +55,81 @@ std::string answerOnPlainWire(const json& fault) {
 
 }  // namespace
 
-TEST_F(OnRequest, AStatusWithAnEmptyBodyIsAnswered) {
+TEST_F(FaultsTest, AStatusWithAnEmptyBodyIsAnswered) {
     for (const int status : {200, 204, 404, 500, 503, 599}) {
-        ask({{"kind", "status"}, {"status", status}});
+        inject({{"kind", "status"}, {"status", status}});
         const auto result = exchange();
         ASSERT_TRUE(result) << status;
         EXPECT_EQ(status, result->status);
         EXPECT_EQ("", result->body);
         EXPECT_FALSE(result->has_header("Location"));
     }
-    expectTruthAgain();
+    expectNormalResponse();
 }
 
-TEST_F(OnRequest, ARedirectNamesAPathThatWouldShowWhoFollowsIt) {
-    ask({{"kind", "status"}, {"status", 301}});
+TEST_F(FaultsTest, ARedirectNamesAPathThatWouldShowWhoFollowsIt) {
+    inject({{"kind", "status"}, {"status", 301}});
     const auto result = exchange();
     ASSERT_TRUE(result);
     EXPECT_EQ(301, result->status);
     EXPECT_EQ("/redirected", result->get_header_value("Location"));
 }
 
-TEST_F(OnRequest, AnEmptyAnswerIsGiven) {
-    ask({{"kind", "empty"}});
+TEST_F(FaultsTest, AnEmptyAnswerIsGiven) {
+    inject({{"kind", "empty"}});
     const auto result = exchange();
     ASSERT_TRUE(result);
     EXPECT_EQ(200, result->status);
     EXPECT_EQ("0", result->get_header_value("Content-Length"));
     EXPECT_EQ("", result->body);
-    expectTruthAgain();
+    expectNormalResponse();
 }
 
-TEST_F(OnRequest, GarbageIsNoJson) {
-    ask({{"kind", "garbage"}});
+TEST_F(FaultsTest, GarbageIsNoJson) {
+    inject({{"kind", "garbage"}});
     const auto result = exchange();
     ASSERT_TRUE(result);
     EXPECT_EQ(200, result->status);
     EXPECT_FALSE(result->body.empty());
     EXPECT_FALSE(json::accept(result->body));
-    expectTruthAgain();
+    expectNormalResponse();
 }
 
-TEST_F(OnRequest, AHugeAnswerIsJsonOfExactlyTheSizeAskedFor) {
+TEST_F(FaultsTest, AHugeAnswerIsJsonOfExactlyTheSizeAskedFor) {
     for (const size_t size : {size_t{64}, size_t{1} << 20, size_t{5'000'001}}) {
-        ask({{"kind", "huge"}, {"size", size}});
+        inject({{"kind", "huge"}, {"size", size}});
         const auto result = exchange();
         ASSERT_TRUE(result);
         EXPECT_EQ(size, result->body.size());
         EXPECT_EQ(0, json::parse(result->body)["code"]);
     }
-    ask({{"kind", "huge"}});
+    inject({{"kind", "huge"}});
     const auto result = exchange();
     ASSERT_TRUE(result);
     EXPECT_EQ(size_t{2} << 20, result->body.size());
-    expectTruthAgain();
+    expectNormalResponse();
 }
 
-TEST_F(OnRequest, AServerCodeIsAnsweredUnderEitherPairOfKeys) {
-    ask({{"kind", "server_code"}, {"code", -505}, {"message", "busy"}});
-    ask({{"kind", "server_code"}, {"code", 10017}, {"message", "later"}, {"error_code_keys", true}});
+TEST_F(FaultsTest, AServerCodeIsAnsweredUnderEitherPairOfKeys) {
+    inject({{"kind", "code"}, {"code", -505}, {"message", "busy"}});
+    inject({{"kind", "code"}, {"code", 10017}, {"message", "later"}, {"error_code_keys", true}});
     const auto first = exchange();
     const auto second = exchange();
     ASSERT_TRUE(first && second);
     EXPECT_EQ((json{{"code", -505}, {"message", "busy"}}), json::parse(first->body));
     EXPECT_EQ((json{{"ErrorCode", 10017}, {"ErrorInfo", "later"}}), json::parse(second->body));
-    expectTruthAgain();
+    expectNormalResponse();
 }
 
-TEST_F(OnRequest, ADelayComesBeforeTheTrueAnswer) {
-    ask({{"kind", "delay"}, {"delay_ms", 150}});
+TEST_F(FaultsTest, ADelayComesBeforeTheTrueAnswer) {
+    inject({{"kind", "delay"}, {"delay_ms", 150}});
     const auto before = std::chrono::steady_clock::now();
-    expectTruthAgain();
+    expectNormalResponse();
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(150));
 }
 
-TEST_F(OnRequest, ADelayMayComeBeforeAnotherFault) {
-    ask({{"kind", "status"}, {"status", 502}, {"delay_ms", 150}});
+TEST_F(FaultsTest, ADelayMayComeBeforeAnotherFault) {
+    inject({{"kind", "status"}, {"status", 502}, {"delay_ms", 150}});
     const auto before = std::chrono::steady_clock::now();
     const auto result = exchange();
     ASSERT_TRUE(result);
@@ -135,7 +137,7 @@ TEST_F(OnRequest, ADelayMayComeBeforeAnotherFault) {
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(150));
 }
 
-TEST(OnRequestPlain, ACutAnswerAnnouncesMoreThanItSends) {
+TEST(FaultsPlain, ACutAnswerAnnouncesMoreThanItSends) {
     const std::string answer = answerOnPlainWire({{"kind", "cut"}});
     const size_t head = answer.find("\r\n\r\n");
     ASSERT_NE(std::string::npos, head) << answer;
@@ -146,24 +148,24 @@ TEST(OnRequestPlain, ACutAnswerAnnouncesMoreThanItSends) {
     EXPECT_GT(announced, 1u);
 }
 
-TEST(OnRequestPlain, ACloseSendsNothingAtAll) {
+TEST(FaultsPlain, ACloseSendsNothingAtAll) {
     EXPECT_EQ("", answerOnPlainWire({{"kind", "close"}}));
 }
 
-TEST_F(OnRequest, ACutAndACloseEndTheExchangeAndTheServiceGoesOn) {
+TEST_F(FaultsTest, ACutAndACloseEndTheExchangeAndTheServiceGoesOn) {
     for (const char* kind : {"cut", "close"}) {
-        ask({{"kind", kind}});
+        inject({{"kind", kind}});
         EXPECT_FALSE(exchange()) << kind;
     }
-    expectTruthAgain();
+    expectNormalResponse();
     EXPECT_EQ("close", mService.state()["requests"][1]["fault"]);
     EXPECT_EQ(0, mService.state()["requests"][1]["http_status"]);
 }
 
-TEST_F(OnRequest, FaultsApplyInOrderEachForItsRequests) {
-    ask({{"kind", "status"}, {"status", 500}, {"times", 2}});
-    ask({{"kind", "status"}, {"status", 502}, {"interface", "remove_relay_stream_url"}});
-    ask({{"kind", "status"}, {"status", 503}, {"interface", "add_relay_stream_url"}, {"times", 0}});
+TEST_F(FaultsTest, FaultsApplyInOrderEachForItsRequests) {
+    inject({{"kind", "status"}, {"status", 500}, {"count", 2}});
+    inject({{"kind", "status"}, {"status", 502}, {"interface", "remove_relay_stream_url"}});
+    inject({{"kind", "status"}, {"status", 503}, {"interface", "add_relay_stream_url"}, {"count", 0}});
     const json add = addRelayBody();
     const json remove = removeRelayBody();
     const std::pair<json, int> expected[] = {{add, 500}, {remove, 500}, {add, 503},   {remove, 502},
@@ -173,47 +175,45 @@ TEST_F(OnRequest, FaultsApplyInOrderEachForItsRequests) {
         ASSERT_TRUE(result);
         EXPECT_EQ(status, result->status);
     }
-    const json waiting = json::parse(mService->faultsJson())["waiting"];
-    ASSERT_EQ(1u, waiting.size());
-    EXPECT_EQ(503, waiting[0]["status"]);
+    ASSERT_EQ(1u, active().size());
+    EXPECT_EQ(503, active()[0]["status"]);
 }
 
-TEST_F(OnRequest, WhatWaitsIsShownAndCleared) {
-    ask({{"kind", "huge"}, {"size", 100}, {"times", 7}, {"delay_ms", 5}, {"interface", "set_live_mix_transcoding"}});
+TEST_F(FaultsTest, WhatWaitsIsShownAndCleared) {
+    inject({{"kind", "huge"}, {"size", 100}, {"count", 7}, {"delay_ms", 5}, {"interface", "set_live_mix_transcoding"}});
     const auto shown = mClient->Get("/faults");
     ASSERT_TRUE(shown);
-    EXPECT_EQ((json{{"waiting",
-                     {{{"kind", "huge"},
-                       {"interface", "set_live_mix_transcoding"},
-                       {"times", 7},
-                       {"delay_ms", 5},
-                       {"size", 100}}}}}),
-              json::parse(shown->body));
+    EXPECT_EQ((json{{{"kind", "huge"},
+                     {"interface", "set_live_mix_transcoding"},
+                     {"count", 7},
+                     {"delay_ms", 5},
+                     {"size", 100}}}),
+              json::parse(shown->body)["active"]);
 
     const auto cleared = mClient->Delete("/faults");
     ASSERT_TRUE(cleared);
     EXPECT_EQ(200, cleared->status);
-    EXPECT_EQ("{\"waiting\":[]}", json::parse(mService->faultsJson()).dump());
+    EXPECT_EQ(json::array(), active());
 }
 
-TEST_F(OnRequest, AnInProcessCallDoesTheSame) {
+TEST_F(FaultsTest, AnInProcessCallDoesTheSame) {
     Fault fault;
     fault.kind = Fault::Kind::kStatus;
     fault.status = 429;
-    EXPECT_EQ("", mService->inject(fault));
+    EXPECT_TRUE(mService->inject(fault));
     const auto result = exchange();
     ASSERT_TRUE(result);
     EXPECT_EQ(429, result->status);
 
     fault.status = 99;
-    EXPECT_EQ("status: found 99, must be an integer from 200 to 599", mService->inject(fault));
+    EXPECT_EQ("status: found 99, must be an integer from 200 to 599", mService->inject(fault).error().message);
     fault.kind = Fault::Kind::kClose;  // which has no use for the status
-    EXPECT_EQ("", mService->inject(fault));
+    EXPECT_TRUE(mService->inject(fault));
     mService->clearFaults();
-    expectTruthAgain();
+    expectNormalResponse();
 }
 
-TEST_F(OnRequest, ABadFaultIs400AndSaysWhy) {
+TEST_F(FaultsTest, ABadFaultIs400AndSaysWhy) {
     const struct {
         std::string body;
         const char* says;
@@ -227,16 +227,16 @@ TEST_F(OnRequest, ABadFaultIs400AndSaysWhy) {
         {R"({"kind":"delay","delay_ms":0})", "delay_ms: found 0, must be an integer from 1"},
         {R"({"kind":"empty","delay_ms":600001})", "delay_ms: found 600001"},
         {R"({"kind":"empty","delay_ms":-1})", "delay_ms: found -1"},
-        {R"({"kind":"empty","times":-1})", "times: found -1"},
-        {R"({"kind":"empty","times":"2"})", "times: found \"2\""},
+        {R"({"kind":"empty","count":-1})", "times: found -1"},
+        {R"({"kind":"empty","count":"2"})", "times: found \"2\""},
         {R"({"kind":"empty","interface":"other"})", "interface: found \"other\", must be add_relay_stream_url"},
         {R"({"kind":"status","status":600})", "status: found 600"},
         {R"({"kind":"empty","status":500})", "status: found a field that is not known here"},
         {R"({"kind":"huge","size":63})", "size: found 63"},
         {R"({"kind":"huge","size":1073741825})", "size: found 1073741825"},
-        {R"({"kind":"server_code","code":2147483648})", "code: found 2147483648"},
-        {R"({"kind":"server_code","message":5})", "message: found 5"},
-        {R"({"kind":"server_code","error_code_keys":1})", "error_code_keys: found 1, must be true or false"},
+        {R"({"kind":"code","code":2147483648})", "code: found 2147483648"},
+        {R"({"kind":"code","message":5})", "message: found 5"},
+        {R"({"kind":"code","error_code_keys":1})", "error_code_keys: found 1, must be true or false"},
         {R"({"kind":"empty","kind":"empty"})", "kind: found it twice"},
         {R"({"kind":"empty","mood":"bad"})", "mood: found a field that is not known here"},
     };
@@ -247,14 +247,91 @@ TEST_F(OnRequest, ABadFaultIs400AndSaysWhy) {
         const std::string message = json::parse(result->body)["message"];
         EXPECT_EQ(0u, message.find(row.says)) << message;
     }
-    EXPECT_EQ("{\"waiting\":[]}", json::parse(mService->faultsJson()).dump());
+    EXPECT_EQ(json::array(), active());
 }
 
-TEST_F(OnRequest, TheQueueIsBounded) {
+TEST_F(FaultsTest, TheQueueIsBounded) {
     Fault fault;
     fault.kind = Fault::Kind::kEmpty;
     for (int number = 0; number < 1000; ++number) {
-        ASSERT_EQ("", mService->inject(fault));
+        ASSERT_TRUE(mService->inject(fault));
     }
-    EXPECT_EQ("1000 faults are waiting, the most that is held", mService->inject(fault));
+    EXPECT_EQ("1000 faults are active, the maximum; clear them first", mService->inject(fault).error().message);
+}
+
+TEST(FaultOption, HasEachKind) {
+    const std::pair<const char*, json> rows[] = {
+        {"delay=250", {{"kind", "delay"}, {"delay_ms", 250}}},
+        {"status=404", {{"kind", "status"}, {"status", 404}}},
+        {"empty", {{"kind", "empty"}}},
+        {"cut", {{"kind", "cut"}}},
+        {"garbage", {{"kind", "garbage"}}},
+        {"huge", {{"kind", "huge"}, {"size", 2 << 20}}},
+        {"huge=4096", {{"kind", "huge"}, {"size", 4096}}},
+        {"code=-505", {{"kind", "code"}, {"code", -505}, {"message", "on request"}, {"error_code_keys", false}}},
+        {"close", {{"kind", "close"}}},
+        {"code=1,message=a = b,error_code_keys=true",
+         {{"kind", "code"}, {"code", 1}, {"message", "a = b"}, {"error_code_keys", true}}},
+        {"status=503,interface=add_relay_stream_url,delay_ms=10,count=0",
+         {{"kind", "status"}, {"status", 503}, {"interface", "add_relay_stream_url"}, {"delay_ms", 10}, {"count", 0}}},
+    };
+    for (const auto& [text, expected] : rows) {
+        const auto fault = vexalive::parseFaultOption(text);
+        ASSERT_TRUE(fault) << text << ": " << fault.error().message;
+        json whole = {{"count", 1}, {"delay_ms", 0}};
+        whole.update(expected);
+        EXPECT_EQ(whole, json(toJson(*fault))) << text;
+        EXPECT_EQ(whole, json(toJson(*vexalive::parseFaultJson(whole.dump())))) << text;
+    }
+}
+
+TEST(FaultOption, IsRefusedWithWhatIsAllowed) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"", "kind: found \"\", must be delay, status, empty, cut, garbage, huge, code or close"},
+        {"statsu=1", "kind: found \"statsu\", must be delay"},
+        {"status=many", "status: found \"many\", must be an integer from 200 to 599"},
+        {"status=99", "status: found \"99\", must be an integer from 200 to 599"},
+        {"status=", "status: found \"\", must be"},
+        {"empty=1", "empty: found a value, must be without one"},
+        {"empty,cuont=1", "empty: found \"cuont=1\", must be interface, count or delay_ms, each with"},
+        {"empty,count", "empty: found \"count\", must be interface"},
+        {"empty,status=500", "empty: found \"status=500\", must be"},
+        {"code=1,error_code_keys=yes", "error_code_keys: found \"yes\", must be true or false"},
+        {"delay", "delay_ms: found 0, must be an integer from 1 to 600000"},
+        {"cut,interface=other", "interface: found \"other\", must be add_relay_stream_url, remove_relay_stream_url or"},
+    };
+    for (const auto& [text, error] : rows) {
+        const auto fault = vexalive::parseFaultOption(text);
+        ASSERT_FALSE(fault) << text;
+        EXPECT_EQ(0u, fault.error().message.find(error)) << fault.error().message;
+    }
+}
+
+// A client can build any fault from the list, and nothing in the list is refused.
+TEST_F(FaultsTest, TheListedKindsAreThoseThatAreAccepted) {
+    const json kinds = json::parse(mService->faultsJson())["kinds"];
+    std::string names;
+    for (const json& kind : kinds) {
+        names += kind["kind"].get<std::string>() + " ";
+        EXPECT_FALSE(kind["description"].get<std::string>().empty());
+        json fault = {{"kind", kind["kind"]}};
+        for (const json& field : kind["fields"]) {
+            fault[field["name"].get<std::string>()] = field.contains("default") ? field["default"] : field["minimum"];
+        }
+        EXPECT_TRUE(vexalive::parseFaultJson(fault.dump())) << fault;
+        for (const json& field : kind["fields"]) {
+            for (const char* bound : {"minimum", "maximum"}) {
+                if (!field.contains(bound)) {
+                    continue;
+                }
+                json changed = fault;
+                json& value = changed[field["name"].get<std::string>()];
+                value = field[bound];
+                EXPECT_TRUE(vexalive::parseFaultJson(changed.dump())) << changed;
+                value = field[bound].get<int64_t>() + (bound[1] == 'i' ? -1 : 1);
+                EXPECT_FALSE(vexalive::parseFaultJson(changed.dump())) << changed;
+            }
+        }
+    }
+    EXPECT_EQ("delay status empty cut garbage huge code close ", names);
 }

@@ -200,7 +200,7 @@ TEST(HostileClient, DisconnectsDuringAHugeResponse) {
         vexalive::Fault huge;
         huge.kind = vexalive::Fault::Kind::kHuge;
         huge.size = size_t{100} << 20;
-        ASSERT_EQ("", service->inject(huge));
+        ASSERT_TRUE(service->inject(huge));
         const auto client = service.client();
         size_t received = 0;
         httplib::Request request;

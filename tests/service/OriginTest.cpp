@@ -1,6 +1,7 @@
 // The origin's address, files and watch. What nginx does with them is tested with real media.
 
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -12,8 +13,11 @@
 #include "support/ServiceTesting.h"
 
 using namespace servicetesting;
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::StartsWith;
 using vexalive::Origin;
-using vexalive::readOriginAddress;
+using vexalive::parseOriginAddress;
 
 namespace {
 
@@ -32,16 +36,16 @@ bool canListen(const std::string& port, bool sharesAddress) {
 }  // namespace
 
 TEST(OriginAddress, IsAHostAndPerhapsAPort) {
-    EXPECT_EQ("rtmp://media.test:1935", readOriginAddress("rtmp://media.test")->url);
-    EXPECT_EQ("rtmp://127.0.0.1:7000", readOriginAddress("rtmp://127.0.0.1:7000")->url);
-    EXPECT_EQ("rtmp://[::1]:7000", readOriginAddress("rtmp://[::1]:7000")->url);
-    EXPECT_EQ("rtmp://h:7000", readOriginAddress("rtmp://h:07000")->url);
-    EXPECT_EQ("::1", readOriginAddress("rtmp://[::1]")->host);
-    EXPECT_EQ("1935", readOriginAddress("rtmp://[::1]")->port);
+    EXPECT_EQ("rtmp://media.test:1935", parseOriginAddress("rtmp://media.test")->url);
+    EXPECT_EQ("rtmp://127.0.0.1:7000", parseOriginAddress("rtmp://127.0.0.1:7000")->url);
+    EXPECT_EQ("rtmp://[::1]:7000", parseOriginAddress("rtmp://[::1]:7000")->url);
+    EXPECT_EQ("rtmp://h:7000", parseOriginAddress("rtmp://h:07000")->url);
+    EXPECT_EQ("::1", parseOriginAddress("rtmp://[::1]")->host);
+    EXPECT_EQ("1935", parseOriginAddress("rtmp://[::1]")->port);
     for (const char* url : {"", "rtmp://", "rtmp://:1935", "http://h", "h:1935", "rtmp://h/live",
                             "rtmp://h:", "rtmp://h:0", "rtmp://h:65536", "rtmp://h:1x", "rtmp://h:-1", "rtmp://[::1",
                             "rtmp://[::1]x", "rtmp://[]:1", "rtmp://u@h", "rtmp://h :1", "rtmp://::1"}) {
-        EXPECT_FALSE(readOriginAddress(url)) << url;
+        EXPECT_FALSE(parseOriginAddress(url)) << url;
     }
 }
 
@@ -62,33 +66,31 @@ TEST(OriginConfiguration, ListensOnLoopbackAsOneProcessAndAsksAboutPublishers) {
     EXPECT_NE(std::string::npos, vexalive::originConfiguration("1", 3, true).find("user root;"));
 }
 
-TEST(Origin, EachServiceTakesAFolderOfItsOwnAndALeftOneIsTakenAgain) {
+TEST(Origin, EachServiceUsesAFolderOfItsOwnAndAnAbandonedOneIsUsedAgain) {
     const TemporaryFolder folder;
-    std::string error;
     Origin first;
-    if (!first.prepare(folder.path(), error)) {
-        EXPECT_NE(std::string::npos, error.find("install Debian's packages nginx and libnginx-mod-rtmp")) << error;
-        GTEST_SKIP() << error;
+    if (const auto prepared = first.prepare(folder.path()); !prepared) {
+        EXPECT_THAT(prepared.error().message, HasSubstr("install Debian's packages nginx and libnginx-mod-rtmp"));
+        GTEST_SKIP() << prepared.error().message;
     }
     Origin second;
-    ASSERT_TRUE(second.prepare(folder.path(), error)) << error;
+    ASSERT_TRUE(second.prepare(folder.path()));
     EXPECT_NE(first.arguments(), second.arguments());
     EXPECT_NE(first.address().url, second.address().url);
-    ASSERT_TRUE(first.configure(1, error)) << error;
+    ASSERT_TRUE(first.configure(1));
     EXPECT_TRUE(std::filesystem::exists(folder.path() + "/origin-1/nginx.conf"));
 
     first.release();
     Origin third;
-    ASSERT_TRUE(third.prepare(folder.path(), error)) << error;
+    ASSERT_TRUE(third.prepare(folder.path()));
     EXPECT_EQ(first.arguments(), third.arguments());
 }
 
-TEST(Origin, ItsPortIsKeptForItBeforeItListensAndWhileItIsAway) {
+TEST(Origin, ItsPortIsReservedBeforeNginxListensAndWhileItRestarts) {
     const TemporaryFolder folder;
-    std::string error;
     Origin origin;
-    if (!origin.prepare(folder.path(), error)) {
-        GTEST_SKIP() << error;
+    if (const auto prepared = origin.prepare(folder.path()); !prepared) {
+        GTEST_SKIP() << prepared.error().message;
     }
     const std::string port = origin.address().port;
     EXPECT_FALSE(canListen(port, false));
@@ -97,11 +99,11 @@ TEST(Origin, ItsPortIsKeptForItBeforeItListensAndWhileItIsAway) {
     EXPECT_TRUE(canListen(port, false));
 }
 
-TEST(Origin, AFolderThatCannotBeMadeIsTold) {
+TEST(Origin, AFolderThatCannotBeCreatedIsReported) {
     const TemporaryFolder folder;
     writeAll(folder.path() + "/file", "");
-    std::string error;
     Origin origin;
-    EXPECT_FALSE(origin.prepare(folder.path() + "/file", error));
-    EXPECT_TRUE(error.find("cannot make") == 0 || error.find("media needs nginx") == 0) << error;
+    const auto prepared = origin.prepare(folder.path() + "/file");
+    ASSERT_FALSE(prepared);
+    EXPECT_THAT(prepared.error().message, AnyOf(StartsWith("cannot create"), StartsWith("media needs nginx")));
 }

@@ -12,17 +12,17 @@
 using namespace servicetesting;
 using vexalive::AcceptedRequest;
 using vexalive::Refusal;
+using vexalive::Result;
 
 namespace {
 
-std::variant<AcceptedRequest, Refusal> check(const json& body, const std::string& query = kGoodQuery) {
+Result<AcceptedRequest, Refusal> check(const json& body, const std::string& query = kGoodQuery) {
     return vexalive::checkRequest(interfaceOf(body), query, body.dump(), kSuffix);
 }
 
 // The refusal, or one with code 0 if the request was accepted.
-Refusal refusalOf(const std::variant<AcceptedRequest, Refusal>& result) {
-    const Refusal* refusal = std::get_if<Refusal>(&result);
-    return refusal ? *refusal : Refusal{0, "", "accepted"};
+Refusal refusalOf(const Result<AcceptedRequest, Refusal>& result) {
+    return result ? Refusal{0, "", "accepted"} : result.error();
 }
 
 // Accepted; the test fails if not.

@@ -114,7 +114,7 @@ TEST_F(ServiceProcess, StopsInOrderOnSigterm) {
         end = mTool->reap();
         return end.has_value();
     }));
-    EXPECT_EQ("ended with exit status 0", *end);
+    EXPECT_EQ("exited with status 0", *end);
     EXPECT_LT(std::chrono::steady_clock::now() - begun, 3s);
     EXPECT_NE(0, ::kill(pid, 0));
     EXPECT_EQ(0u, processesOfFolder());

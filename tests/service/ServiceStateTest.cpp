@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "service/ServiceState.h"
 #include "support/ServiceTesting.h"
 
@@ -19,9 +21,8 @@ AcceptedRequest requestFor(AcceptedRequest::Kind kind, size_t number) {
     return request;
 }
 
-int codeOf(const std::variant<std::string, Refusal>& result) {
-    const Refusal* refusal = std::get_if<Refusal>(&result);
-    return refusal ? refusal->code : 0;
+int codeOf(const vexalive::Result<std::string, Refusal>& result) {
+    return result ? 0 : result.error().code;
 }
 
 }  // namespace
@@ -39,7 +40,7 @@ TEST(ServiceState, OneRelayTooManyIsRefusedUntilAnotherIsRemoved) {
     EXPECT_EQ(0, codeOf(state.apply(further)));
 }
 
-TEST(ServiceState, TheMixThatEndedFirstMakesRoomAndRunningOnesStay) {
+TEST(ServiceState, TheMixThatWasCancelledFirstIsDroppedForANewOneAndRunningOnesStay) {
     ServiceState state;
     for (size_t number = 0; number < ServiceState::kMaxMixes; ++number) {
         ASSERT_EQ(0, codeOf(state.apply(requestFor(AcceptedRequest::Kind::kStartMix, number))));
@@ -51,31 +52,34 @@ TEST(ServiceState, TheMixThatEndedFirstMakesRoomAndRunningOnesStay) {
     state.apply(requestFor(AcceptedRequest::Kind::kCancelMix, 3));
     EXPECT_EQ(0, codeOf(state.apply(further)));
 
-    const std::string shown = state.toFields().dump();
-    EXPECT_EQ(std::string::npos, shown.find(streamIdOf(9)));
-    EXPECT_NE(std::string::npos, shown.find(streamIdOf(3)));
+    std::set<std::string> ids;
+    for (const vexalive::MixSnapshot& mix : state.snapshot().mixes) {
+        ids.insert(mix.request.streamId);
+    }
+    EXPECT_EQ(0u, ids.count(streamIdOf(9)));
+    EXPECT_EQ(1u, ids.count(streamIdOf(3)));
 }
 
-TEST(ServiceState, AMixRemembersItsLatestUpdatesAndCountsAll) {
+TEST(ServiceState, AMixListsItsLatestUpdatesAndCountsAll) {
     ServiceState state;
     for (size_t time = 0; time < ServiceState::kMaxUpdates + 5; ++time) {
         state.apply(requestFor(AcceptedRequest::Kind::kStartMix, 1));
     }
-    const json mix = json(state.toFields())["mixes"][0];
-    EXPECT_EQ(ServiceState::kMaxUpdates + 5, mix["updates"]);
-    EXPECT_EQ(ServiceState::kMaxUpdates, mix["history"].size());
-    EXPECT_EQ("update", mix["history"][0]["operation"]);
+    const vexalive::MixSnapshot mix = state.snapshot().mixes.at(0);
+    EXPECT_EQ(ServiceState::kMaxUpdates + 5, static_cast<size_t>(mix.updates));
+    EXPECT_EQ(ServiceState::kMaxUpdates, mix.history.size());
+    EXPECT_EQ("update", mix.history.front().operation);
 }
 
-TEST(ServiceState, OnlyTheLatestRequestsAreRememberedAndLongBodiesAreCut) {
+TEST(ServiceState, OnlyTheLatestRequestsAreListedAndLongBodiesAreCut) {
     ServiceState state;
     for (size_t number = 0; number < ServiceState::kMaxRequests + 3; ++number) {
         vexalive::RequestRecord record;
-        record.answer = std::to_string(number);
-        record.body = std::string(ServiceState::kMaxBodyBytes + 100, '\xff');  // nor UTF-8
-        state.remember(record);
+        record.response = std::to_string(number);
+        record.body = std::string(ServiceState::kMaxBodyBytes + 100, '\xff');  // not UTF-8
+        state.record(record);
     }
-    const json requests = json(state.toFields())["requests"];
+    const json requests = json(toJson(state.snapshot()))["requests"];
     ASSERT_EQ(ServiceState::kMaxRequests, requests.size());
     EXPECT_EQ("3", requests.front()["answer"]);
     EXPECT_EQ(ServiceState::kMaxBodyBytes + 100, requests.front()["body_bytes"]);

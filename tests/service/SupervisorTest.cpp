@@ -24,15 +24,28 @@
 
 using namespace servicetesting;
 using namespace std::chrono_literals;
+using vexalive::ProcessStatus;
+using vexalive::StreamStatus;
 using vexalive::Supervisor;
+using vexalive::WorkerKey;
 using vexalive::WorkerState;
 using vexalive::WorkerStatus;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// A relay's configuration; how its addresses end tells the fake worker what to do.
-std::string wishFor(const std::string& ending, const std::string& destination = "rtmp://cdn.test/live/one") {
+WorkerKey key(const std::string& name) {
+    return {WorkerKey::Kind::kRelay, name};
+}
+
+WorkerStatus running() {
+    WorkerStatus status;
+    status.output.state = WorkerState::kRunning;
+    return status;
+}
+
+// A relay's configuration. The end of its addresses selects the behaviour of the fake worker.
+std::string configurationFor(const std::string& ending, const std::string& destination = "rtmp://cdn.test/live/one") {
     return json{{"relay", {{"source", "rtmp://origin.test/live/8888_" + ending}, {"destination", destination}}}}.dump();
 }
 
@@ -54,42 +67,52 @@ std::vector<pid_t> children() {
 
 class SupervisorTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string error;
-        ASSERT_TRUE(mSupervisor.start(error)) << error;
+    void SetUp() override { ASSERT_TRUE(mSupervisor.start()); }
+
+    Supervisor::Program worker(std::chrono::milliseconds timeout = 20s) const {
+        return {{FAKE_WORKER, "relay"}, timeout};
     }
 
-    Supervisor::Program worker(std::chrono::milliseconds patience = 20s) const {
-        return {{FAKE_WORKER, "relay"}, patience};
+    // The fake worker reports how many configurations it has had, its process and the last one.
+    bool reports(const std::string& name, const std::string& text) const {
+        return eventually([&] { return errorOf(name).find(text) != std::string::npos; });
     }
 
-    // The fake worker's error tells how many wishes it has had, its process and the last wish.
-    bool comesToSay(const std::string& key, const std::string& text) const {
-        return eventually([&] { return errorOf(key).find(text) != std::string::npos; });
+    ProcessStatus statusOf(const std::string& name) const {
+        return mSupervisor.status(key(name)).value_or(ProcessStatus{});
+    }
+    StreamStatus streamOf(const std::string& name) const { return statusOf(name).worker.output; }
+    std::string errorOf(const std::string& name) const { return streamOf(name).error; }
+
+    // The error, if there is one.
+    std::string configure(const std::string& name, const Supervisor::Program& program, const std::string& line) {
+        const auto configured = mSupervisor.configure(key(name), program, line);
+        return configured ? "" : configured.error().message;
+    }
+    std::string configure(const std::string& name, const std::string& line) { return configure(name, worker(), line); }
+
+    bool isEmptySoon() {
+        return eventually([this] { return mSupervisor.count() == 0; });
     }
 
-    std::string errorOf(const std::string& key) const {
-        return mSupervisor.status(key).value_or(WorkerStatus{}).numbers.error;
-    }
-
-    pid_t pidOf(const std::string& key) const {
-        const std::string error = errorOf(key);
+    pid_t pidOf(const std::string& name) const {
+        const std::string error = errorOf(name);
         const size_t at = error.find(" of ");
         return at == std::string::npos ? 0 : std::atoi(error.c_str() + at + 4);
     }
 
-    std::vector<std::string> linesOf(const std::string& key) {
+    std::vector<std::string> linesOf(const std::string& name) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mLines[key];
+        return mLines[name];
     }
-    std::vector<std::string> statesOf(const std::string& key) {
+    std::vector<std::string> statesOf(const std::string& name) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mStates[key];
+        return mStates[name];
     }
-    // What the lines with this text count, in all.
-    int counted(const std::string& key, const std::string& text) {
+    // The sum of the numbers behind this text.
+    int counted(const std::string& name, const std::string& text) {
         int sum = 0;
-        for (const std::string& line : linesOf(key)) {
+        for (const std::string& line : linesOf(name)) {
             const size_t at = line.find(text);
             sum += at == std::string::npos ? 0 : std::atoi(line.c_str() + at + text.size());
         }
@@ -99,50 +122,50 @@ protected:
     std::mutex mMutex;
     std::map<std::string, std::vector<std::string>> mLines;
     std::map<std::string, std::vector<std::string>> mStates;
-    std::vector<std::string> mAnswers;
-    Supervisor mSupervisor{{[this](const std::string& key, const WorkerStatus& status) {
+    std::vector<std::string> mMessages;
+    Supervisor mSupervisor{{[this](const WorkerKey& from, const ProcessStatus& status) {
                                 const std::lock_guard<std::mutex> lock(mMutex);
-                                mStates[key].push_back(nameOf(status.numbers.state));
+                                mStates[from.streamId].push_back(nameOf(status.worker.output.state));
                             },
-                            [this](const std::string& key, const std::string& line) {
+                            [this](const WorkerKey& from, const std::string& line) {
                                 const std::lock_guard<std::mutex> lock(mMutex);
-                                mLines[key].push_back(line);
+                                mLines[from.streamId].push_back(line);
                             },
-                            [this](const std::string& key, const json& answer) {
+                            [this](const WorkerKey& from, const json& message) {
                                 const std::lock_guard<std::mutex> lock(mMutex);
-                                mAnswers.push_back(key + answer.dump());
+                                mMessages.push_back(from.streamId + message.dump());
                             }}};
 };
 
 }  // namespace
 
-TEST(RestartPause, GrowsToEightSecondsAndStays) {
-    std::vector<int> pauses;
+TEST(RestartDelay, GrowsToEightSecondsAndStays) {
+    std::vector<int> delays;
     for (int failures = 0; failures < 8; ++failures) {
-        pauses.push_back(static_cast<int>(vexalive::restartPause(failures).count()));
+        delays.push_back(static_cast<int>(vexalive::restartDelay(failures).count()));
     }
-    EXPECT_EQ((std::vector<int>{250, 500, 1000, 2000, 4000, 8000, 8000, 8000}), pauses);
-    EXPECT_EQ(8s, vexalive::restartPause(1'000'000));
+    EXPECT_EQ((std::vector<int>{250, 500, 1000, 2000, 4000, 8000, 8000, 8000}), delays);
+    EXPECT_EQ(8s, vexalive::restartDelay(1'000'000));
 }
 
-TEST_F(SupervisorTest, AChildIsStartedToldMoreAndStopped) {
-    ASSERT_EQ("", mSupervisor.want("one", worker(), wishFor("0001", "rtmp://first")));
-    ASSERT_TRUE(comesToSay("one", "rtmp://first"));
-    EXPECT_EQ(WorkerState::kRunning, mSupervisor.status("one")->numbers.state);
-    EXPECT_EQ(1000u, mSupervisor.status("one")->numbers.bytes);
+TEST_F(SupervisorTest, AChildIsStartedReconfiguredAndStopped) {
+    ASSERT_EQ("", configure("one", configurationFor("0001", "rtmp://first")));
+    ASSERT_TRUE(reports("one", "rtmp://first"));
+    EXPECT_EQ(WorkerState::kRunning, streamOf("one").state);
+    EXPECT_EQ(1000u, streamOf("one").bytes);
     const pid_t pid = pidOf("one");
 
-    ASSERT_EQ("", mSupervisor.want("one", worker(), wishFor("0001", "rtmp://second")));
-    ASSERT_TRUE(comesToSay("one", "rtmp://second"));
-    EXPECT_NE(std::string::npos, errorOf("one").find("wish 2"));
+    ASSERT_EQ("", configure("one", configurationFor("0001", "rtmp://second")));
+    ASSERT_TRUE(reports("one", "rtmp://second"));
+    EXPECT_NE(std::string::npos, errorOf("one").find("configuration 2"));
     EXPECT_EQ(pid, pidOf("one"));
     EXPECT_EQ(1u, mSupervisor.count());
 
     const auto begun = Clock::now();
-    mSupervisor.drop("one");
-    ASSERT_TRUE(eventually([&] { return mSupervisor.count() == 0; }));
+    mSupervisor.remove(key("one"));
+    ASSERT_TRUE(isEmptySoon());
     EXPECT_LT(Clock::now() - begun, 2s);  // it was not killed
-    EXPECT_FALSE(mSupervisor.status("one"));
+    EXPECT_FALSE(mSupervisor.status(key("one")));
     EXPECT_TRUE(children().empty());
     const auto states = statesOf("one");
     ASSERT_GE(states.size(), 3u);
@@ -151,71 +174,70 @@ TEST_F(SupervisorTest, AChildIsStartedToldMoreAndStopped) {
     EXPECT_EQ("stopped", states.back());
 }
 
-TEST_F(SupervisorTest, AProgramThatIsNotThereIsTold) {
-    EXPECT_EQ("cannot run /no/such/program: No such file or directory",
-              mSupervisor.want("one", {{"/no/such/program"}}, ""));
+TEST_F(SupervisorTest, AMissingProgramIsReported) {
+    EXPECT_EQ("cannot run /no/such/program: No such file or directory", configure("one", {{"/no/such/program"}}, ""));
     EXPECT_EQ(0u, mSupervisor.count());
-    EXPECT_FALSE(mSupervisor.status("one"));
+    EXPECT_FALSE(mSupervisor.status(key("one")));
 }
 
-TEST_F(SupervisorTest, AProgramThatIsThereIsNotBlamedForWantOfDescriptors) {
+TEST_F(SupervisorTest, ALackOfDescriptorsIsNotBlamedOnTheProgram) {
     rlimit before{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
     const rlimit none = {3, before.rlim_max};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
-    const std::string refusal = mSupervisor.want("one", {{"/bin/sleep", "100"}}, "");
+    const std::string refusal = configure("one", {{"/bin/sleep", "100"}}, "");
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
-    EXPECT_EQ("this service cannot make a process for /bin/sleep: Too many open files", refusal);
+    EXPECT_EQ("this service cannot create a process for /bin/sleep: Too many open files", refusal);
 }
 
 TEST_F(SupervisorTest, AKilledChildIsStartedAgainWithItsLastConfiguration) {
-    mSupervisor.want("one", worker(), wishFor("0001", "rtmp://first"));
-    mSupervisor.want("one", worker(), wishFor("0001", "rtmp://second"));
-    ASSERT_TRUE(comesToSay("one", "wish 2"));
+    configure("one", configurationFor("0001", "rtmp://first"));
+    configure("one", configurationFor("0001", "rtmp://second"));
+    ASSERT_TRUE(reports("one", "configuration 2"));
     const pid_t pid = pidOf("one");
 
     const auto killed = Clock::now();
     ASSERT_EQ(0, ::kill(pid, SIGKILL));
-    ASSERT_TRUE(comesToSay("one", "ended by signal 9"));
-    EXPECT_EQ(WorkerState::kReconnecting, mSupervisor.status("one")->numbers.state);
-    ASSERT_TRUE(comesToSay("one", "wish 1"));
+    ASSERT_TRUE(reports("one", "killed by signal 9"));
+    EXPECT_EQ(WorkerState::kReconnecting, streamOf("one").state);
+    ASSERT_TRUE(reports("one", "configuration 1"));
 
     EXPECT_GE(Clock::now() - killed, 250ms);
     EXPECT_NE(std::string::npos, errorOf("one").find("rtmp://second"));
     EXPECT_NE(pid, pidOf("one"));
-    EXPECT_EQ(1u, mSupervisor.status("one")->restarts);
+    EXPECT_EQ(1u, statusOf("one").restarts);
 }
 
-TEST_F(SupervisorTest, AChildThatKeepsCrashingIsStartedAfterGrowingPausesAndItsLastWordsAreKept) {
+TEST_F(SupervisorTest, AChildThatKeepsCrashingIsRestartedAfterGrowingDelaysAndItsLastLineIsReported) {
     const auto begun = Clock::now();
-    mSupervisor.want("one", worker(), wishFor("dead"));
-    ASSERT_TRUE(eventually([&] { return mSupervisor.status("one")->restarts == 3; }));
+    configure("one", configurationFor("dead"));
+    ASSERT_TRUE(eventually([&] { return statusOf("one").restarts == 3; }));
     EXPECT_GE(Clock::now() - begun, 250ms + 500ms + 1000ms);
-    EXPECT_EQ("the process was ended by signal 9, Killed: about to crash", errorOf("one"));
+    EXPECT_EQ("the process was killed by signal 9, Killed: about to crash", errorOf("one"));
 
-    mSupervisor.want("two", worker(), wishFor("ed07"));
-    EXPECT_TRUE(comesToSay("two", "the process ended with exit status 7"));
+    configure("two", configurationFor("ed07"));
+    EXPECT_TRUE(reports("two", "the process exited with status 7"));
 }
 
-TEST_F(SupervisorTest, ANewWishEndsThePause) {
-    mSupervisor.want("one", worker(), wishFor("dead"));
+TEST_F(SupervisorTest, ANewConfigurationEndsTheDelay) {
+    configure("one", configurationFor("dead"));
     ASSERT_TRUE(eventually([&] {
-        const WorkerStatus status = *mSupervisor.status("one");
-        return status.restarts == 3 && status.numbers.state == WorkerState::kReconnecting;
+        const ProcessStatus status = statusOf("one");
+        return status.restarts == 3 && status.worker.output.state == WorkerState::kReconnecting;
     }));
     const auto begun = Clock::now();
-    mSupervisor.want("one", worker(), wishFor("0001"));
-    ASSERT_TRUE(comesToSay("one", "wish 1"));
+    configure("one", configurationFor("0001"));
+    ASSERT_TRUE(reports("one", "configuration 1"));
     EXPECT_LT(Clock::now() - begun, 1500ms);  // the pause would be 2 s
 }
 
 TEST_F(SupervisorTest, AChildThatIgnoresTheEndOfItsInputIsKilledAndItsKeyIsFreeAtOnce) {
-    mSupervisor.want("one", worker(), wishFor("babe"));
-    ASSERT_TRUE(comesToSay("one", "wish 1"));
+    configure("one", configurationFor("babe"));
+    ASSERT_TRUE(reports("one", "configuration 1"));
     const pid_t deaf = pidOf("one");
     const auto begun = Clock::now();
-    mSupervisor.drop("one");
-    ASSERT_EQ("", mSupervisor.want("one", worker(), wishFor("0001")));
+    mSupervisor.remove(key("one"));
+    ASSERT_EQ("", configure("one", configurationFor("0001")));
     EXPECT_EQ(2u, mSupervisor.count());
     ASSERT_TRUE(eventually([&] { return pidOf("one") != deaf && pidOf("one") != 0; }));
     ASSERT_EQ(0, ::kill(deaf, 0));
@@ -224,25 +246,25 @@ TEST_F(SupervisorTest, AChildThatIgnoresTheEndOfItsInputIsKilledAndItsKeyIsFreeA
     EXPECT_GE(Clock::now() - begun, 2900ms);
     EXPECT_LT(Clock::now() - begun, 6s);
     EXPECT_EQ(-1, ::kill(deaf, 0));
-    EXPECT_EQ(WorkerState::kRunning, mSupervisor.status("one")->numbers.state);  // not the old one's end
+    EXPECT_EQ(WorkerState::kRunning, streamOf("one").state);  // not the old one's end
 }
 
-TEST_F(SupervisorTest, AChildInWhoseWayALeavingOneIsStartsWhenThatHasGoneWhichIsNotGivenLong) {
+TEST_F(SupervisorTest, WithAHandoverAChildStartsWhenTheStoppingOneHasExitedOrWasKilled) {
     Supervisor::Program program = worker();
     program.handover = 300ms;
-    mSupervisor.want("one", program, wishFor("babe"));
-    ASSERT_TRUE(comesToSay("one", "wish 1"));
+    configure("one", program, configurationFor("babe"));
+    ASSERT_TRUE(reports("one", "configuration 1"));
     const pid_t deaf = pidOf("one");
     const auto begun = Clock::now();
-    mSupervisor.drop("one");
-    ASSERT_EQ("", mSupervisor.want("one", program, wishFor("dead")));
-    ASSERT_EQ("", mSupervisor.want("one", program, wishFor("0001")));  // does not end the wait
+    mSupervisor.remove(key("one"));
+    ASSERT_EQ("", configure("one", program, configurationFor("dead")));
+    ASSERT_EQ("", configure("one", program, configurationFor("0001")));  // does not end the wait
     ASSERT_TRUE(eventually([&] { return pidOf("one") != deaf && pidOf("one") != 0; }));
     EXPECT_EQ(-1, ::kill(deaf, 0));
     EXPECT_GE(Clock::now() - begun, 300ms);
     EXPECT_LT(Clock::now() - begun, 2s);
     EXPECT_EQ(1u, mSupervisor.count());
-    EXPECT_EQ(0u, mSupervisor.status("one")->restarts);
+    EXPECT_EQ(0u, statusOf("one").restarts);
     const std::vector<std::string> states = statesOf("one");
     const auto stopping = std::find(states.begin(), states.end(), "stopping");
     ASSERT_NE(states.end(), stopping);
@@ -250,44 +272,44 @@ TEST_F(SupervisorTest, AChildInWhoseWayALeavingOneIsStartsWhenThatHasGoneWhichIs
     EXPECT_EQ(states.end(), std::find(states.begin(), states.end(), "stopped"));
 }
 
-TEST_F(SupervisorTest, AChildThatIsNoLongerWantedBeforeItCouldStartIsForgotten) {
+TEST_F(SupervisorTest, AChildThatIsRemovedBeforeItCouldStartIsForgotten) {
     Supervisor::Program program = worker();
     program.handover = 300ms;
-    mSupervisor.want("one", program, wishFor("babe"));
-    ASSERT_TRUE(comesToSay("one", "wish 1"));
-    mSupervisor.drop("one");
-    mSupervisor.want("one", program, wishFor("0001"));
-    mSupervisor.drop("one");
-    ASSERT_TRUE(eventually([&] { return mSupervisor.count() == 0; }));
+    configure("one", program, configurationFor("babe"));
+    ASSERT_TRUE(reports("one", "configuration 1"));
+    mSupervisor.remove(key("one"));
+    configure("one", program, configurationFor("0001"));
+    mSupervisor.remove(key("one"));
+    ASSERT_TRUE(isEmptySoon());
     EXPECT_TRUE(children().empty());
-    EXPECT_FALSE(mSupervisor.status("one"));
+    EXPECT_FALSE(mSupervisor.status(key("one")));
 }
 
-TEST_F(SupervisorTest, AChildThatSaysNothingIsTakenForHungAndStartedAgain) {
-    mSupervisor.want("silent", worker(300ms), wishFor("cafe"));
-    mSupervisor.want("well", worker(300ms), wishFor("0001"));  // says something every 100 ms
-    ASSERT_TRUE(comesToSay("silent", "gave no sign of life for 300 ms"));
-    ASSERT_TRUE(eventually([&] { return mSupervisor.status("silent")->restarts >= 1; }));
-    EXPECT_EQ(0u, mSupervisor.status("well")->restarts);
+TEST_F(SupervisorTest, AChildWithoutAStatusCountsAsHungAndIsRestarted) {
+    configure("silent", worker(300ms), configurationFor("cafe"));
+    configure("well", worker(300ms), configurationFor("0001"));  // says something every 100 ms
+    ASSERT_TRUE(reports("silent", "sent no status for 300 ms"));
+    ASSERT_TRUE(eventually([&] { return statusOf("silent").restarts >= 1; }));
+    EXPECT_EQ(0u, statusOf("well").restarts);
 }
 
-TEST_F(SupervisorTest, WhatIsNoStatusIsCountedAndSaidAndDoesNoHarm) {
-    mSupervisor.want("one", worker(), wishFor("bead"));
-    ASSERT_TRUE(comesToSay("one", "wish 1"));
-    EXPECT_TRUE(eventually([&] { return counted("one", "lines of its output that were not understood: ") == 6; }));
-    EXPECT_TRUE(eventually([&] { return counted("one", "output that were too long or came too fast: ") == 1; }));
-    EXPECT_EQ(0u, mSupervisor.status("one")->restarts);
+TEST_F(SupervisorTest, MalformedLinesAreCountedAndReportedAndDoNoHarm) {
+    configure("one", configurationFor("bead"));
+    ASSERT_TRUE(reports("one", "configuration 1"));
+    EXPECT_TRUE(eventually([&] { return counted("one", "malformed lines of its output: ") == 6; }));
+    EXPECT_TRUE(eventually([&] { return counted("one", "output that were too long or too many: ") == 1; }));
+    EXPECT_EQ(0u, statusOf("one").restarts);
 }
 
 TEST_F(SupervisorTest, FloodsCostLittleAndDisturbNoOther) {
-    mSupervisor.want("statuses", worker(), wishFor("f00d"));
-    mSupervisor.want("lines", worker(), wishFor("feed"));
+    configure("statuses", configurationFor("f00d"));
+    configure("lines", configurationFor("feed"));
     timespec before{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
-    mSupervisor.want("well", worker(), wishFor("0001"));
-    ASSERT_TRUE(comesToSay("well", "wish 1"));
-    ASSERT_TRUE(eventually([&] { return counted("lines", "lines left out: ") > 0; }));
-    ASSERT_TRUE(eventually([&] { return counted("statuses", "came too fast: ") > 0; }));
+    configure("well", configurationFor("0001"));
+    ASSERT_TRUE(reports("well", "configuration 1"));
+    ASSERT_TRUE(eventually([&] { return counted("lines", "omitted lines: ") > 0; }));
+    ASSERT_TRUE(eventually([&] { return counted("statuses", "too many: ") > 0; }));
     std::this_thread::sleep_for(2s);
     timespec after{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
@@ -297,50 +319,47 @@ TEST_F(SupervisorTest, FloodsCostLittleAndDisturbNoOther) {
     EXPECT_LT(statesOf("statuses").size(), 10u);
 }
 
-TEST_F(SupervisorTest, AnswersAreHandedOnAndASignFromOutsideCountsAsOne) {
-    mSupervisor.want("one", worker(), wishFor("0001"));
-    mSupervisor.tell("one", R"({"snapshot":{"width":640}})");
+TEST_F(SupervisorTest, MessagesArePassedOnAndAStatusFromOutsideCountsAsOne) {
+    configure("one", configurationFor("0001"));
+    mSupervisor.send(key("one"), R"({"snapshot":{"width":640}})");
     ASSERT_TRUE(eventually([&] {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return !mAnswers.empty();
+        return !mMessages.empty();
     }));
-    EXPECT_EQ(R"(one{"snapshot":"/9j/1001"})", mAnswers.front());
+    EXPECT_EQ(R"(one{"snapshot":"/9j/1001"})", mMessages.front());
 
-    mSupervisor.want("server", {{"/bin/sleep", "100"}, 300ms, SIGTERM}, "");
-    WorkerStatus running;
-    running.numbers.state = WorkerState::kRunning;
+    configure("server", {{"/bin/sleep", "100"}, 300ms, SIGTERM}, "");
     for (int i = 0; i < 10; ++i) {
         std::this_thread::sleep_for(100ms);
-        mSupervisor.note("server", running);
+        mSupervisor.setStatus(key("server"), running());
     }
-    EXPECT_EQ(0u, mSupervisor.status("server")->restarts);
-    EXPECT_EQ(WorkerState::kRunning, mSupervisor.status("server")->numbers.state);
-    EXPECT_TRUE(eventually([&] { return mSupervisor.status("server")->restarts > 0; }));
+    EXPECT_EQ(0u, statusOf("server").restarts);
+    EXPECT_EQ(WorkerState::kRunning, streamOf("server").state);
+    EXPECT_TRUE(eventually([&] { return statusOf("server").restarts > 0; }));
 }
 
 TEST_F(SupervisorTest, AStopSignalEndsWhatDoesNotReadItsInput) {
-    mSupervisor.want("server", {{"/bin/sleep", "100"}, 20s, SIGTERM}, "");
+    configure("server", {{"/bin/sleep", "100"}, 20s, SIGTERM}, "");
     const auto begun = Clock::now();
-    mSupervisor.drop("server");
-    ASSERT_TRUE(eventually([&] { return mSupervisor.count() == 0; }));
+    mSupervisor.remove(key("server"));
+    ASSERT_TRUE(isEmptySoon());
     EXPECT_LT(Clock::now() - begun, 2s);
 }
 
-TEST_F(SupervisorTest, ManyThreadsMayWishAndAStopLeavesNothing) {
+TEST_F(SupervisorTest, ManyThreadsMayConfigureAndAStopLeavesNoProcess) {
     mSupervisor.stop();
     const size_t before = openDescriptors();
-    std::string error;
-    ASSERT_TRUE(mSupervisor.start(error));
+    ASSERT_TRUE(mSupervisor.start());
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 8; ++thread) {
         threads.emplace_back([this, thread] {
             for (int round = 0; round < 12; ++round) {
-                const std::string key = std::to_string((thread + round) % 5);  // shared with other threads
-                mSupervisor.want(key, worker(), wishFor(round % 4 == 3 ? "dead" : "0001"));
-                mSupervisor.status(key);
-                mSupervisor.tell(key, R"({"snapshot":{"width":1}})");
+                const std::string name = std::to_string((thread + round) % 5);  // shared with other threads
+                configure(name, configurationFor(round % 4 == 3 ? "dead" : "0001"));
+                mSupervisor.status(key(name));
+                mSupervisor.send(key(name), R"({"snapshot":{"width":1}})");
                 if (round % 2 == 1) {
-                    mSupervisor.drop(key);
+                    mSupervisor.remove(key(name));
                 }
             }
         });
@@ -348,40 +367,37 @@ TEST_F(SupervisorTest, ManyThreadsMayWishAndAStopLeavesNothing) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    mSupervisor.want("deaf", worker(), wishFor("babe"));
-    ASSERT_TRUE(comesToSay("deaf", "wish 1"));
+    configure("deaf", configurationFor("babe"));
+    ASSERT_TRUE(reports("deaf", "configuration 1"));
 
     const auto begun = Clock::now();
     mSupervisor.stop();
     EXPECT_LT(Clock::now() - begun, 3500ms);
     EXPECT_TRUE(children().empty());  // nor zombies
     EXPECT_LE(openDescriptors(), before);
-    EXPECT_EQ("the service is not running", mSupervisor.want("late", worker(), wishFor("0001")));
+    EXPECT_EQ("the service is not running", configure("late", configurationFor("0001")));
 }
 
-// Who stops this process stops whoever would pass on a sign of life, too.
-TEST(SupervisorThatWasStopped, BlamesNoChildForThat) {
-    const auto tell = [](const std::string& key, const WorkerStatus& status) {
-        if (key == "absence" && status.numbers.state == WorkerState::kStarting) {
+// While this process is suspended, it reads no status.
+TEST(SuspendedSupervisor, BlamesNoChildForThat) {
+    const auto onState = [](const WorkerKey& from, const ProcessStatus& status) {
+        if (from == key("absence") && status.worker.output.state == WorkerState::kStarting) {
             std::this_thread::sleep_for(2500ms);
         }
     };
-    Supervisor supervisor(
-        {tell, [](const std::string&, const std::string&) {}, [](const std::string&, const json&) {}});
-    std::string error;
-    ASSERT_TRUE(supervisor.start(error)) << error;
-    WorkerStatus running;
-    running.numbers.state = WorkerState::kRunning;
-    supervisor.want("server", {{"/bin/sleep", "100"}, 1200ms, SIGTERM}, "");
-    supervisor.note("server", running);
-    supervisor.want("absence", {{"/bin/sleep", "100"}, 20s, SIGTERM}, "");  // comes back when that is over
+    Supervisor supervisor({onState, [](const WorkerKey&, const std::string&) {}, [](const WorkerKey&, const json&) {}});
+    ASSERT_TRUE(supervisor.start());
+    const auto server = [&supervisor] { return *supervisor.status(key("server")); };
+    ASSERT_TRUE(supervisor.configure(key("server"), {{"/bin/sleep", "100"}, 1200ms, SIGTERM}, ""));
+    supervisor.setStatus(key("server"), running());
+    ASSERT_TRUE(supervisor.configure(key("absence"), {{"/bin/sleep", "100"}, 20s, SIGTERM}, ""));  // after the absence
     for (int i = 0; i < 5; ++i) {
         std::this_thread::sleep_for(100ms);
-        supervisor.note("server", running);
+        supervisor.setStatus(key("server"), running());
     }
-    EXPECT_EQ(0u, supervisor.status("server")->restarts);
-    EXPECT_EQ(WorkerState::kRunning, supervisor.status("server")->numbers.state);
-    EXPECT_TRUE(eventually([&] { return supervisor.status("server")->restarts == 1; }));  // it has been silent now
+    EXPECT_EQ(0u, server().restarts);
+    EXPECT_EQ(WorkerState::kRunning, server().worker.output.state);
+    EXPECT_TRUE(eventually([&] { return server().restarts == 1; }));  // now it is silent
 }
 
 // ---- A child's surroundings -----------------------------------------------------------------------------------------
@@ -394,15 +410,13 @@ TEST(Child, HasItsStreamsAndNoOtherDescriptorAndDefaultSignals) {
     sigaddset(&blocked, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &blocked, &before);
     const auto pipeBefore = ::signal(SIGPIPE, SIG_IGN);
-    std::string error;
-    const auto child = vexalive::Child::start(
-        {"/bin/sh", "-c", "ls /proc/self/fd; grep -E '^Sig(Blk|Ign)' /proc/self/status; ps -o pgid= -p $$; echo $$"},
-        error);
+    const auto started = vexalive::Child::start(
+        {"/bin/sh", "-c", "ls /proc/self/fd; grep -E '^Sig(Blk|Ign)' /proc/self/status; ps -o pgid= -p $$; echo $$"});
     ::signal(SIGPIPE, pipeBefore);
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     ::close(leaked);
-    ASSERT_TRUE(child) << error;
-
+    ASSERT_TRUE(started);
+    const auto& child = *started;
     std::string output;
     vexalive::LineReader reader({1000, 1000, 100000});
     while (reader.read(child->output.get(), Clock::now(), [&](const std::string& line) { output += line + "\n"; })) {
@@ -414,14 +428,13 @@ TEST(Child, HasItsStreamsAndNoOtherDescriptorAndDefaultSignals) {
     while (!(end = child->reap())) {
         std::this_thread::sleep_for(5ms);
     }
-    EXPECT_EQ("ended with exit status 0", *end);
+    EXPECT_EQ("exited with status 0", *end);
 }
 
 TEST(Child, IsKilledWithItsOwner) {
-    std::string error;
-    auto child = vexalive::Child::start({"/bin/sleep", "100"}, error);
+    auto child = vexalive::Child::start({"/bin/sleep", "100"});
     ASSERT_EQ(1u, children().size());
-    child.reset();
+    child->reset();
     EXPECT_TRUE(children().empty());
 }
 

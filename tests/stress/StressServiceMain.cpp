@@ -39,7 +39,7 @@ public:
         if (++mRequests % kRequestsBetweenOutages == 0) {
             Fault outage;
             outage.kind = Fault::Kind::kStatus;
-            outage.times = kOutage;
+            outage.count = kOutage;
             outage.interfaceName = kInterfaces[below(std::size(kInterfaces))];
             service.inject(outage);
         } else if (below(100) < kPercentFaulty) {
@@ -51,7 +51,7 @@ private:
     Fault any() {
         static constexpr Fault::Kind kKinds[] = {
             Fault::Kind::kDelay, Fault::Kind::kStatus, Fault::Kind::kEmpty,      Fault::Kind::kGarbage,
-            Fault::Kind::kCut,   Fault::Kind::kClose,  Fault::Kind::kServerCode,
+            Fault::Kind::kCut,   Fault::Kind::kClose,  Fault::Kind::kCode,
         };
         static constexpr int kStatuses[] = {503, 500, 429, 404, 301};
         static constexpr int kCodes[] = {1, -1, 3, 505, -505, 10017, 77, -2147483647};  // some are retried
@@ -88,12 +88,12 @@ int main(int argc, char** argv) {
     }
     LiveService service(options);
     itself = &service;
-    if (!service.start()) {
-        std::fprintf(stderr, "%s\n", service.error().c_str());
+    if (const vexalive::Result<void> started = service.start(); !started) {
+        std::fprintf(stderr, "%s\n", started.error().message.c_str());
         return 1;
     }
     Fault always;
-    always.times = 0;
+    always.count = 0;
     if (std::strcmp(argv[4], "slow") == 0) {
         always.kind = Fault::Kind::kDelay;
         always.delayMs = 200;

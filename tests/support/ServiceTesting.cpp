@@ -157,7 +157,8 @@ RunningService::RunningService(vexalive::LiveServiceOptions options)
           options.pushDomainSuffix = kSuffix;
           return options;
       }()) {
-    EXPECT_TRUE(mService.start()) << mService.error();
+    const vexalive::Result<void> started = mService.start();
+    EXPECT_TRUE(started) << started.error().message;
 }
 
 std::unique_ptr<httplib::Client> RunningService::client() {

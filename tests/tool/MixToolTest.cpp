@@ -93,7 +93,7 @@ TEST_F(MixTool, NoUsableResponseIsStatus3) {
 // Repeated, so that some processes exit while the first request is handed over.
 TEST_F(MixTool, ASecondCtrlCAborts) {
     vexalive::Fault slow = delay(5000, kSet);
-    slow.times = 0;
+    slow.count = 0;
     injectFault(slow);
     for (int i = 0; i < 10; ++i) {
         ChildProcess& tool = start();
@@ -193,7 +193,7 @@ TEST_F(MixTool, AfterTwentySavesInASecondTheLastValidOneApplies) {
     ChildProcess& tool = start({"--watch"});
     ASSERT_TRUE(tool.awaitOutput("the mix is running;"));
     vexalive::Fault slow = delay(120, kSet);
-    slow.times = 0;
+    slow.count = 0;
     injectFault(slow);
 
     for (int i = 1; i <= 20; ++i) {

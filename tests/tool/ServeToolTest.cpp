@@ -99,7 +99,7 @@ TEST_F(ServeTool, InjectsFaultsFromTheStartAndSaysSo) {
     const auto variables = exported(serve.output());
 
     EXPECT_EQ(relay(variables), 1);
-    EXPECT_TRUE(serve.awaitOutput("HTTP status 200, code 7: no such luck (fault: server_code)\n"));
+    EXPECT_TRUE(serve.awaitOutput("HTTP status 200, code 7: no such luck (fault: code)\n"));
 }
 
 TEST_F(ServeTool, TellsARefusalWithItsField) {
@@ -163,7 +163,7 @@ TEST_F(ServeTool, TellsWhatMediaLack) {
 
     ChildProcess without(arguments({"--origin", "rtmp://127.0.0.1:1"}), {});
     EXPECT_EQ(without.awaitExit(), 2);
-    EXPECT_THAT(without.errors(), HasSubstr("--origin is for --media only"));
+    EXPECT_THAT(without.errors(), HasSubstr("--origin needs --media"));
 }
 
 TEST_F(ServeTool, ShowsEachChangeOfTheMedia) {

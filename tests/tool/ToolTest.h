@@ -60,13 +60,13 @@ protected:
                 {"TERM", "xterm"}};
     }
 
-    void injectFault(vexalive::Fault fault) { ASSERT_EQ(mService->inject(fault), ""); }
+    void injectFault(vexalive::Fault fault) { ASSERT_TRUE(mService->inject(fault)); }
 
-    static vexalive::Fault status(int status, int times, const char* interfaceName = "") {
+    static vexalive::Fault status(int status, int count, const char* interfaceName = "") {
         vexalive::Fault fault;
         fault.kind = vexalive::Fault::Kind::kStatus;
         fault.status = status;
-        fault.times = times;
+        fault.count = count;
         fault.interfaceName = interfaceName;
         return fault;
     }
@@ -81,7 +81,7 @@ protected:
 
     static vexalive::Fault serverCode(int code, const std::string& message) {
         vexalive::Fault fault;
-        fault.kind = vexalive::Fault::Kind::kServerCode;
+        fault.kind = vexalive::Fault::Kind::kCode;
         fault.code = code;
         fault.message = message;
         return fault;

@@ -1,4 +1,4 @@
-// The service with media, its workers being ones that carry none: what it asks of them, and what it shows.
+// The service with media and fake workers: how it configures them, and what it reports.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -20,7 +20,8 @@
 #include <vector>
 
 #include "service/LiveService.h"
-#include "service/Media.h"
+#include "service/MediaRules.h"
+#include "service/WorkerPool.h"
 #include "support/ServiceTesting.h"
 
 using namespace servicetesting;
@@ -28,14 +29,14 @@ using namespace std::chrono_literals;
 using vexalive::AcceptedRequest;
 using vexalive::LiveMediaEvent;
 using vexalive::LiveServiceOptions;
-using vexalive::Media;
+using vexalive::WorkerPool;
 
 namespace {
 
 // Accepts connections and greets as an RTMP server does, until it is told to be mute.
-class GreetingServer {
+class HandshakeServer {
 public:
-    GreetingServer() : mSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    HandshakeServer() : mSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -46,32 +47,32 @@ public:
         mUrl = "rtmp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
         mThread = std::thread([this] { serve(); });
     }
-    ~GreetingServer() {
+    ~HandshakeServer() {
         ::shutdown(mSocket, SHUT_RDWR);
         mThread.join();
         ::close(mSocket);
     }
     const std::string& url() const { return mUrl; }
-    void beMute() { mIsMute = true; }
-    int greetings() const { return mGreetings; }
+    void stopResponding() { mIsSilent = true; }
+    int handshakes() const { return mHandshakes; }
 
 private:
     void serve() {
         for (int client = 0; (client = ::accept4(mSocket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-            char greeting[1537];
-            ::recv(client, greeting, sizeof greeting, MSG_WAITALL);
-            if (!mIsMute) {
+            char handshake[1537];
+            ::recv(client, handshake, sizeof handshake, MSG_WAITALL);
+            if (!mIsSilent) {
                 ::send(client, "\x03", 1, MSG_NOSIGNAL);
             }
             ::close(client);
-            ++mGreetings;
+            ++mHandshakes;
         }
     }
 
     const int mSocket;
     std::string mUrl;
-    std::atomic<bool> mIsMute{false};
-    std::atomic<int> mGreetings{0};
+    std::atomic<bool> mIsSilent{false};
+    std::atomic<int> mHandshakes{0};
     std::thread mThread;
 };
 
@@ -109,7 +110,7 @@ protected:
     }
 
     // What the worker says that it was told.
-    static json wishIn(const json& media) {
+    static json configurationIn(const json& media) {
         const std::string error = media.is_null() ? "" : media["error"].get<std::string>();
         const size_t start = error.find(": {");
         return start == std::string::npos ? json::object() : json::parse(error.substr(start + 2));
@@ -121,7 +122,7 @@ protected:
         return at == std::string::npos ? 0 : std::atoi(error.c_str() + at + 4);
     }
 
-    GreetingServer mOrigin;
+    HandshakeServer mOrigin;
     std::mutex mMutex;
     std::vector<LiveMediaEvent> mEvents;
 };
@@ -149,7 +150,7 @@ AcceptedRequest mixRequest() {
 
 // ---- Configurations -------------------------------------------------------------------------------------------------
 
-TEST(Media, AMixIsToldWhole) {
+TEST(MediaRules, AMixConfigurationIsComplete) {
     const std::string line = vexalive::mixConfiguration(mixRequest(), "rtmp://127.0.0.1:1935");
     const json expected = json::parse(R"({"mix":{
         "destination":"rtmp://127.0.0.1:1935/mix/8888_00000000000000000000000000000001","crop_center":true,
@@ -166,12 +167,12 @@ TEST(Media, AMixIsToldWhole) {
     AcceptedRequest audio = mixRequest();
     audio.canvas.reset();
     audio.output.clear();
-    const json told = json::parse(vexalive::mixConfiguration(audio, "rtmp://h:1"))["mix"];
-    EXPECT_TRUE(told["canvas"].is_null());
-    EXPECT_EQ(json::object(), told["output"]);
+    const json mix = json::parse(vexalive::mixConfiguration(audio, "rtmp://h:1"))["mix"];
+    EXPECT_TRUE(mix["canvas"].is_null());
+    EXPECT_EQ(json::object(), mix["output"]);
 }
 
-TEST(Media, AConfigurationIsOneLineWhateverTheAddressHolds) {
+TEST(MediaRules, AConfigurationIsOneLineWhateverTheAddressContains) {
     AcceptedRequest relay;
     relay.streamId = streamIdOf(1);
     relay.destination = "rtmp://cdn.test/\"\\\xff\xe2\x80\xa8";
@@ -181,38 +182,42 @@ TEST(Media, AConfigurationIsOneLineWhateverTheAddressHolds) {
     EXPECT_EQ("rtmp://h:1/live/" + streamIdOf(1), json::parse(line)["relay"]["source"]);
 }
 
-TEST(Media, OnlyAStreamIdMayBePublished) {
-    std::string id;
+TEST(MediaRules, OnlyAStreamIdMayBePublished) {
     const std::string good = "8888_0123456789abcdef0123456789abcdef";
-    EXPECT_EQ("", vexalive::judgePublish("app=live&call=publish&name=" + good + "&type=live", id));
-    EXPECT_EQ(good, id);
-    EXPECT_EQ("", vexalive::judgePublish("name=-5_0123456789abcdef0123456789abcdef", id));
+    EXPECT_EQ(good, vexalive::publishedName("app=live&call=publish&name=" + good + "&type=live"));
+    EXPECT_EQ("alice", vexalive::publishedName("name=alice&name=" + good));  // parameters of the publisher come later
+    EXPECT_EQ("", vexalive::publishedName(""));
+    EXPECT_TRUE(vexalive::checkPublishedName(good));
+    EXPECT_TRUE(vexalive::checkPublishedName("-5_0123456789abcdef0123456789abcdef"));
     for (const std::string name :
          {"", "alice", "8888_0123456789ABCDEF0123456789abcdef", "08_0123456789abcdef0123456789abcdef",
           "0_0123456789abcdef0123456789abcdef", "8888_0123456789abcdef0123456789abcde",
           "8888_0123456789abcdef0123456789abcdef0", "_0123456789abcdef0123456789abcdef",
           "99999999999_0123456789abcdef0123456789abcdef"}) {
-        const std::string reason = vexalive::judgePublish("app=live&name=" + name, id);
-        EXPECT_NE(std::string::npos, reason.find("found \"" + name + "\" as the name of the stream")) << reason;
+        const auto checked = vexalive::checkPublishedName(name);
+        ASSERT_FALSE(checked) << name;
+        EXPECT_EQ(0u, checked.error().message.find("found \"" + name + "\" as the name of the stream"));
     }
-    EXPECT_NE("", vexalive::judgePublish("", id));
-    EXPECT_NE("", vexalive::judgePublish("name=alice&name=" + good, id));  // what the publisher adds stands behind
 }
 
-TEST(Media, AnAddressToRelayToHasAHostAnApplicationAndAStreamAndIsNotWhereMembersOrMixesPublish) {
-    const vexalive::OriginAddress origin = *vexalive::readOriginAddress("rtmp://127.0.0.1:7000");
+TEST(MediaRules, AnAddressToRelayToHasAHostAnApplicationAndAStreamAndIsNotWhereMembersOrMixesPublish) {
+    const vexalive::OriginAddress origin = *vexalive::parseOriginAddress("rtmp://127.0.0.1:7000");
+    const auto errorOf = [](const std::string& destination, const vexalive::OriginAddress& of) {
+        const auto checked = vexalive::checkDestination(destination, of);
+        return checked ? "" : checked.error().message;
+    };
     for (const char* good :
          {"rtmp://cdn.test/app/stream", "rtmp://cdn.test:1936/app/instance/stream?key=a/b", "rtmp://u:p@cdn.test/a/b",
           "rtmp://[::1]/live/stream", "rtmp://127.0.0.1:7001/live/stream", "rtmp://cdn.test:7000/mix/stream",
           "rtmp://127.0.0.1:7000/cdn/stream", "rtmp://127.0.0.1:7000/lively/stream"}) {
-        EXPECT_EQ("", vexalive::flawOf(good, origin)) << good;
+        EXPECT_EQ("", errorOf(good, origin)) << good;
     }
     const struct {
-        const char* flaw;
+        const char* error;
         std::vector<std::string> addresses;
     } rows[] = {
         {"the scheme \"srt\"", {"srt://cdn.test:9000"}},
-        {"no host, or a port that is none",
+        {"no host, or an invalid port",
          {"rtmp:///live/x", "rtmp://:1935/live/x", "rtmp://h:0/live/x", "rtmp://h:x/live/x", "rtmp://?h/live/x"}},
         {"no application, or no name of a stream behind it",
          {"rtmp://h", "rtmp://h/", "rtmp://h/live", "rtmp://h/live/", "rtmp://h//x", "rtmp://h//live/x",
@@ -224,63 +229,67 @@ TEST(Media, AnAddressToRelayToHasAHostAnApplicationAndAStreamAndIsNotWhereMember
     };
     for (const auto& row : rows) {
         for (const std::string& address : row.addresses) {
-            EXPECT_EQ(row.flaw, vexalive::flawOf(address, origin)) << address;
+            EXPECT_EQ(row.error, errorOf(address, origin)) << address;
         }
     }
-    EXPECT_NE("", vexalive::flawOf("rtmp://localhost/mix/x", *vexalive::readOriginAddress("rtmp://localhost")));
-    EXPECT_NE("", vexalive::flawOf("rtmp://Media.test/live/x", *vexalive::readOriginAddress("rtmp://media.test:1935")));
+    EXPECT_NE("", errorOf("rtmp://localhost/mix/x", *vexalive::parseOriginAddress("rtmp://localhost")));
+    EXPECT_NE("", errorOf("rtmp://Media.test/live/x", *vexalive::parseOriginAddress("rtmp://media.test:1935")));
 }
 
 // ---- Relays and mixes -----------------------------------------------------------------------------------------------
 
-TEST_F(MediaService, ARelayIsCarriedOutMovedAndEnded) {
+TEST_F(MediaService, ARelayIsStartedMovedAndRemoved) {
     RunningService service(options());
     const auto client = service.client();
     ASSERT_EQ(0, post(*client, relayOf(1))["code"]);
     ASSERT_TRUE(eventually([&] { return service.state()["relays"][0]["media"]["state"] == "running"; }));
     json relay = service.state()["relays"][0];
     EXPECT_EQ(mOrigin.url() + "/live/" + streamIdOf(1), relay["source"]);
-    EXPECT_EQ((json{{"source", relay["source"]}, {"destination", "rtmp://cdn.test/live/one"}}), wishIn(relay["media"]));
+    EXPECT_EQ((json{{"source", relay["source"]}, {"destination", "rtmp://cdn.test/live/one"}}),
+              configurationIn(relay["media"]));
     EXPECT_EQ(1000, relay["media"]["bytes"]);
     EXPECT_EQ(0, relay["media"]["restarts"]);
 
     ASSERT_EQ(0, post(*client, relayOf(1, "rtmp://cdn.test/live/two"))["code"]);
-    EXPECT_TRUE(eventually(
-        [&] { return wishIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/two"; }));
+    EXPECT_TRUE(eventually([&] {
+        return configurationIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/two";
+    }));
     ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
     EXPECT_TRUE(service.state()["relays"].empty());
     EXPECT_TRUE(eventually([&] { return hasEvent(LiveMediaEvent::Kind::kState, "relay", "stopped"); }));
 }
 
-TEST_F(MediaService, AMixIsCarriedOutUpdatedAndCancelled) {
+TEST_F(MediaService, AMixIsStartedUpdatedAndCancelled) {
     RunningService service(options());
     const auto client = service.client();
     ASSERT_EQ(0, post(*client, videoMixBody())["code"]);
-    ASSERT_TRUE(eventually([&] { return wishIn(service.state()["mixes"][0]["media"])["canvas"].is_object(); }));
+    ASSERT_TRUE(
+        eventually([&] { return configurationIn(service.state()["mixes"][0]["media"])["canvas"].is_object(); }));
     EXPECT_EQ(mOrigin.url() + "/mix/" + ownStreamId(), service.state()["mixes"][0]["play"]);
     ASSERT_EQ(0, post(*client, audioMixBody())["code"]);
-    ASSERT_TRUE(eventually([&] { return wishIn(service.state()["mixes"][0]["media"])["canvas"].is_null(); }));
+    ASSERT_TRUE(eventually([&] { return configurationIn(service.state()["mixes"][0]["media"])["canvas"].is_null(); }));
     ASSERT_EQ(0, post(*client, cancelMixBody())["code"]);
     EXPECT_TRUE(eventually([&] { return service.state()["mixes"][0]["media"]["state"] == "stopped"; }));
     EXPECT_FALSE(service.state()["mixes"][0]["running"]);
 }
 
-TEST_F(MediaService, ARelayThatIsStartedAgainIsCarriedOutSoonAndByNoMoreThanOneWorker) {
+TEST_F(MediaService, ARelayThatIsAddedAgainRunsSoonAndInOneWorker) {
     RunningService service(options());
     const auto client = service.client();
     post(*client, relayOf(1, "rtmp://cdn.test/live/babe"));  // does not end when it is asked to
     ASSERT_TRUE(eventually([&] { return workerOf(service.state()["relays"][0]["media"]) != 0; }));
-    const pid_t deaf = workerOf(service.state()["relays"][0]["media"]);
+    const pid_t stuck = workerOf(service.state()["relays"][0]["media"]);
     const auto begun = std::chrono::steady_clock::now();
     ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
     ASSERT_EQ(0, post(*client, relayOf(1))["code"]);
-    ASSERT_TRUE(eventually(
-        [&] { return wishIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/one"; }));
+    ASSERT_TRUE(eventually([&] {
+        return configurationIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/one";
+    }));
     EXPECT_LT(std::chrono::steady_clock::now() - begun, 2s);
-    EXPECT_NE(0, ::kill(deaf, 0));
+    EXPECT_NE(0, ::kill(stuck, 0));
 }
 
-TEST_F(MediaService, OnlyRtmpIsRelayedToAndNotInACircle) {
+TEST_F(MediaService, OnlyRtmpDestinationsAreAcceptedAndNoLoops) {
     RunningService service(options());
     const auto client = service.client();
     const std::string live = mOrigin.url() + "/live/" + ownStreamId();
@@ -300,27 +309,27 @@ TEST_F(MediaService, OnlyRtmpIsRelayedToAndNotInACircle) {
     EXPECT_EQ(0, post(*client, relayOf(1, mOrigin.url() + "/cdn/x"))["code"]);
 }
 
-TEST_F(MediaService, SixtyFourAreCarriedOutAndNoMoreThoseThatLeaveNotCounted) {
+TEST_F(MediaService, SixtyFourWorkersRunWithoutTheStoppingOnes) {
     RunningService service(options());
     const auto client = service.client();
     post(*client, relayOf(1, "rtmp://cdn.test/live/babe"));  // does not end when it is asked to
     ASSERT_TRUE(eventually([&] { return workerOf(service.state()["relays"][0]["media"]) != 0; }));
-    const pid_t deaf = workerOf(service.state()["relays"][0]["media"]);
-    for (size_t number = 2; number <= Media::kMaxWorkers; ++number) {
+    const pid_t stuck = workerOf(service.state()["relays"][0]["media"]);
+    for (size_t number = 2; number <= WorkerPool::kMaxWorkers; ++number) {
         ASSERT_EQ(0, post(*client, relayOf(static_cast<int>(number)))["code"]) << number;
     }
     const json refused = post(*client, relayOf(1000));
     EXPECT_EQ(4008, refused["code"]);
     EXPECT_EQ(4008, post(*client, videoMixBody())["code"]);
     EXPECT_EQ(0, post(*client, relayOf(5, "rtmp://cdn.test/live/moved"))["code"]);  // no further one
-    EXPECT_EQ(Media::kMaxWorkers, service.state()["relays"].size());
+    EXPECT_EQ(WorkerPool::kMaxWorkers, service.state()["relays"].size());
     ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
     EXPECT_EQ(0, post(*client, relayOf(1000))["code"]);
-    EXPECT_EQ(0, ::kill(deaf, SIGKILL));
+    EXPECT_EQ(0, ::kill(stuck, SIGKILL));
     EXPECT_EQ(4008, post(*client, relayOf(1))["code"]);
 }
 
-TEST_F(MediaService, AWorkerThatCannotBeStartedIsTold) {
+TEST_F(MediaService, AWorkerThatCannotBeStartedRefusesTheRequest) {
     LiveServiceOptions broken = options();
     const TemporaryFolder folder;
     broken.workerProgram = folder.path() + "/worker";
@@ -333,13 +342,13 @@ TEST_F(MediaService, AWorkerThatCannotBeStartedIsTold) {
     EXPECT_TRUE(service.state()["relays"].empty());
 }
 
-TEST_F(MediaService, WhatCannotStartSaysWhatIsMissing) {
+TEST_F(MediaService, AStartFailsWithWhatIsMissing) {
     const auto errorOf = [this](const std::function<void(LiveServiceOptions&)>& change) {
         LiveServiceOptions changed = options();
         change(changed);
         vexalive::LiveService service(changed);
-        EXPECT_FALSE(service.start());
-        return service.error();
+        const auto started = service.start();
+        return started ? "" : started.error().message;
     };
     EXPECT_EQ("cannot run /no/worker: No such file or directory",
               errorOf([](LiveServiceOptions& changed) { changed.workerProgram = "/no/worker"; }));
@@ -349,22 +358,22 @@ TEST_F(MediaService, WhatCannotStartSaysWhatIsMissing) {
               errorOf([](LiveServiceOptions& changed) { changed.workerProgram = ""; }).find("vexalive-media"));
 }
 
-TEST_F(MediaService, AfterAStopAllIsTakenUpAgain) {
+TEST_F(MediaService, AStartAfterAStopRestartsAllWorkers) {
     RunningService service(options());
     post(*service.client(), relayOf(1));
     post(*service.client(), videoMixBody());
     const std::string console = service->consoleAddress();
     service->stop();
     EXPECT_EQ(service.state()["relays"][0]["media"]["state"], "stopped");
-    ASSERT_TRUE(service->start()) << service->error();
+    ASSERT_TRUE(service->start());
     EXPECT_TRUE(eventually([&] {
         const json state = service.state();
-        return wishIn(state["relays"][0]["media"]).contains("source") &&
-               wishIn(state["mixes"][0]["media"])["inputs"] == 2;
+        return configurationIn(state["relays"][0]["media"]).contains("source") &&
+               configurationIn(state["mixes"][0]["media"])["inputs"] == 2;
     }));
 }
 
-TEST_F(MediaService, ManyThreadsLeaveTheStateAndTheWorkersAgreed) {
+TEST_F(MediaService, ConcurrentRequestsKeepStateAndWorkersConsistent) {
     RunningService service(options());
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 6; ++thread) {
@@ -388,64 +397,64 @@ TEST_F(MediaService, ManyThreadsLeaveTheStateAndTheWorkersAgreed) {
 
 // ---- The origin -----------------------------------------------------------------------------------------------------
 
-TEST_F(MediaService, AnOriginThatStopsAnsweringIsShown) {
+TEST_F(MediaService, AnOriginThatStopsRespondingIsReported) {
     RunningService service(options());
     ASSERT_TRUE(eventually([&] { return service.state()["service"]["origin"]["state"] == "running"; }));
     EXPECT_EQ(mOrigin.url(), service.state()["service"]["origin"]["address"]);
-    mOrigin.beMute();
+    mOrigin.stopResponding();
     ASSERT_TRUE(eventually([&] { return service.state()["service"]["origin"]["state"] == "reconnecting"; }));
-    EXPECT_EQ(mOrigin.url() + " does not answer as an RTMP server does", service.state()["service"]["origin"]["error"]);
+    EXPECT_EQ(mOrigin.url() + " does not respond as an RTMP server does",
+              service.state()["service"]["origin"]["error"]);
     EXPECT_TRUE(hasEvent(LiveMediaEvent::Kind::kState, "origin", "running"));
     EXPECT_TRUE(eventually([&] { return hasEvent(LiveMediaEvent::Kind::kState, "origin", "reconnecting"); }));
 }
 
-TEST_F(MediaService, AnOriginIsLookedForAtEachOfItsAddresses) {
-    std::string error;
+TEST_F(MediaService, AnOriginIsCheckedAtEachOfItsAddresses) {
     std::vector<vexalive::SocketAddress> addresses;
     for (const std::string& url : {std::string("rtmp://127.0.0.1:1"), mOrigin.url()}) {
-        const auto found = vexalive::findAddresses(*vexalive::readOriginAddress(url), error);
-        ASSERT_EQ(1u, found.size()) << error;
-        addresses.push_back(found.front());
+        const auto found = vexalive::resolve(*vexalive::parseOriginAddress(url));
+        ASSERT_TRUE(found && found->size() == 1u);
+        addresses.push_back(found->front());
     }
-    std::vector<std::string> told;
-    vexalive::OriginWatch watch;
-    watch.start("rtmp://both", addresses, [&](const vexalive::OriginLook& look) {
+    std::vector<std::string> errors;
+    vexalive::OriginMonitor monitor;
+    monitor.start("rtmp://both", addresses, [&](const vexalive::OriginCheck& check) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        told.push_back(look.error);
+        errors.push_back(check.error);
     });
-    const auto isTold = [&](const std::string& text) {
+    const auto isReported = [&](const std::string& text) {
         return eventually([&] {
             const std::lock_guard<std::mutex> lock(mMutex);
-            return !told.empty() && told.back() == text;
+            return !errors.empty() && errors.back() == text;
         });
     };
-    EXPECT_TRUE(isTold(""));
-    EXPECT_EQ("", told.front());
-    mOrigin.beMute();
-    EXPECT_TRUE(isTold("rtmp://both does not answer as an RTMP server does"));
-    watch.stop();
+    EXPECT_TRUE(isReported(""));
+    EXPECT_EQ("", errors.front());
+    mOrigin.stopResponding();
+    EXPECT_TRUE(isReported("rtmp://both does not respond as an RTMP server does"));
+    monitor.stop();
 }
 
-TEST_F(MediaService, AServiceWithoutDescriptorsBlamesItselfAndNotTheOrigin) {
+TEST_F(MediaService, ALackOfDescriptorsIsNotBlamedOnTheOrigin) {
     RunningService service(options());
     const auto origin = [&service] { return service.state()["service"]["origin"]; };
     ASSERT_TRUE(eventually([&] { return origin()["state"] == "running"; }));
-    const int greetings = mOrigin.greetings();
-    ASSERT_TRUE(eventually([&] { return mOrigin.greetings() > greetings; }));  // the next one comes in a second
+    const int handshakes = mOrigin.handshakes();
+    ASSERT_TRUE(eventually([&] { return mOrigin.handshakes() > handshakes; }));  // the next one comes in a second
     rlimit before{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
     const rlimit none = {3, before.rlim_max};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
-    const bool isTold = eventually(
-        [&] { return origin()["error"] == "this service cannot look at " + mOrigin.url() + ": Too many open files"; });
+    const bool isReported = eventually(
+        [&] { return origin()["error"] == "this service cannot check " + mOrigin.url() + ": Too many open files"; });
     const json shown = origin();
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
-    EXPECT_TRUE(isTold) << shown;
+    EXPECT_TRUE(isReported) << shown;
     EXPECT_EQ("running", shown["state"]);
     EXPECT_TRUE(eventually([&] { return origin()["error"] == ""; }));
 }
 
-TEST_F(MediaService, TheOriginIsToldWhoMayPublish) {
+TEST_F(MediaService, TheOriginQueriesWhoMayPublish) {
     RunningService service(options());
     httplib::Client console("http://" + service->consoleAddress());
     const auto ask = [&console](const std::string& form) {
@@ -459,7 +468,7 @@ TEST_F(MediaService, TheOriginIsToldWhoMayPublish) {
 
 // ---- Pictures -------------------------------------------------------------------------------------------------------
 
-TEST_F(MediaService, AllWhoAskForAPictureGetOneThatIsFresh) {
+TEST_F(MediaService, ConcurrentClientsGetFreshSnapshots) {
     RunningService service(options());
     post(*service.client(), videoMixBody());
     const auto pictureNow = [&service] {
@@ -497,7 +506,7 @@ TEST_F(MediaService, AllWhoAskForAPictureGetOneThatIsFresh) {
     }
 }
 
-TEST_F(MediaService, WhereThereIsNoPictureThatIsSaid) {
+TEST_F(MediaService, AMissingSnapshotIs404) {
     RunningService service(options());
     post(*service.client(), relayOf(1));
     httplib::Client console("http://" + service->consoleAddress());
@@ -509,7 +518,7 @@ TEST_F(MediaService, WhereThereIsNoPictureThatIsSaid) {
     }
 }
 
-TEST_F(MediaService, WhoWaitsForAPictureWaitsNoLongerThanTheMixIsThereAndTheServiceRuns) {
+TEST_F(MediaService, ASnapshotRequestEndsWithTheMixAndWithTheService) {
     const std::string id = streamIdOf(0xb11d);  // its worker gives no picture
     json start = videoMixBody();
     json cancel = cancelMixBody();

@@ -1,0 +1,88 @@
+#ifndef VEXALIVE_SERVICE_WORKER_POOL_H
+#define VEXALIVE_SERVICE_WORKER_POOL_H
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Mutex.h"
+#include "common/Result.h"
+#include "service/Origin.h"
+#include "service/Refusal.h"
+#include "service/RequestCheck.h"
+#include "service/ServiceOptions.h"
+#include "service/ServiceSnapshot.h"
+#include "service/Supervisor.h"
+#include "service/WorkerKey.h"
+
+namespace vexalive {
+
+/// The media of the service: the origin, and a worker process for each relay and each mix.
+///
+/// Any thread may call any member, but prepare(), start() and stop() are for one thread at a time.
+class WorkerPool {
+public:
+    static constexpr size_t kMaxWorkers = 64;
+
+    explicit WorkerPool(const LiveServiceOptions& options);  ///< `options` must outlive it
+    ~WorkerPool();                                           ///< stops
+
+    /// Finds the worker program and the origin.
+    Result<void> prepare();
+
+    /// Starts the origin, and a worker for each of `running`.
+    Result<void> start(uint16_t consolePort, const std::vector<AcceptedRequest>& running);
+    void endWaits();  ///< each running jpegOf() returns
+    void stop();
+
+    /// Starts or reconfigures the worker of a relay or mix.
+    Result<void, Refusal> begin(const AcceptedRequest& request);
+    void end(const AcceptedRequest& request);  ///< a kRemoveRelay or kCancelMix
+
+    OriginAddress address() const;  ///< of the origin
+
+    /// Adds the state of the media to a snapshot.
+    void addTo(ServiceSnapshot& snapshot) const;
+
+    /// The output of the mix as a JPEG, at most a quarter of a second old; empty if there is none.
+    std::string jpegOf(const std::string& streamId);
+
+    /// The response to nginx's query about a publisher.
+    bool allowsPublish(const std::string& form);
+
+private:
+    struct Snapshot {
+        std::string jpeg;
+        std::chrono::steady_clock::time_point received;
+        std::chrono::steady_clock::time_point requested;
+    };
+
+    Result<void> findWorker();
+    void notifyState(const WorkerKey& key, const ProcessStatus& status);
+    void notifyLine(const WorkerKey& key, const std::string& line);
+    void notify(const LiveMediaEvent& event) const;
+    void handleMessage(const WorkerKey& key, const nlohmann::json& message);
+    void handleCheck(const OriginCheck& check);
+    std::optional<ProcessStatus> originStatus() const;
+
+    const LiveServiceOptions& mOptions;
+    std::string mWorker;  // path
+    Origin mOrigin;       // unused with a remote origin
+
+    mutable KstMutex mMutex;
+    KstCondition mSnapshotChanged;
+    OriginAddress mAddress KST_GUARDED_BY(mMutex);
+    ProcessStatus mRemoteStatus KST_GUARDED_BY(mMutex);               // of a remote origin
+    std::map<WorkerKey, Snapshot> mSnapshots KST_GUARDED_BY(mMutex);  // of each running relay and mix
+
+    Supervisor mSupervisor;
+    OriginMonitor mMonitor;  // last: its thread uses all of the above
+};
+
+}  // namespace vexalive
+
+#endif
