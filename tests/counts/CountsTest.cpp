@@ -108,7 +108,7 @@ protected:
         std::filesystem::remove_all(mFolder);
     }
 
-    void SetUp() override { ASSERT_TRUE(mService->start()) << mService->error(); }
+    void SetUp() override { ASSERT_TRUE(mService->start()); }
 
     Environment environment() const {
         return {{"VEXALIVE_SERVICE_HOST", mService->address()},

@@ -44,7 +44,7 @@ protected:
         std::filesystem::remove_all(mFolder);
     }
 
-    void SetUp() override { ASSERT_TRUE(mService->start()) << mService->error(); }
+    void SetUp() override { ASSERT_TRUE(mService->start()); }
 
     std::map<std::string, std::string> environment() const {
         return {{"VEXALIVE_SERVICE_HOST", mService->address()},
