@@ -29,8 +29,7 @@ Refusal refusalOf(const Result<AcceptedRequest, Refusal>& result) {
 AcceptedRequest accepted(const json& body, const std::string& query = kGoodQuery) {
     const auto result = check(body, query);
     EXPECT_EQ("accepted", refusalOf(result).message);
-    const AcceptedRequest* request = std::get_if<AcceptedRequest>(&result);
-    return request ? *request : AcceptedRequest();
+    return result.value_or(AcceptedRequest());
 }
 
 bool contains(const std::string& text, const std::string& part) {

@@ -31,13 +31,13 @@ protected:
         ::setenv("VEXALIVE_MEDIA_WORKER", FAKE_WORKER, 1);
         std::vector<std::string> arguments = {VEXALIVE_TOOL,  "serve",  "--media",       "--state-dir",
                                               mFolder.path(), "--json", "--push-domain", kSuffix};
-        std::string error;
-        if (!vexalive::Origin().prepare(mFolder.path(), error)) {
+        if (!vexalive::Origin().prepare(mFolder.path())) {
             arguments.insert(arguments.end(), {"--origin", "rtmp://127.0.0.1:1"});
         }
-        mTool = vexalive::Child::start(arguments, error);
+        auto started = vexalive::Child::start(arguments);
         ::unsetenv("VEXALIVE_MEDIA_WORKER");
-        ASSERT_TRUE(mTool) << error;
+        ASSERT_TRUE(started) << started.error().message;
+        mTool = std::move(*started);
         ASSERT_TRUE(eventually([&] {
             read();
             return mEvents.count("listening") == 1 && mEvents.count("console") == 1 && mEvents.count("origin") == 1;
