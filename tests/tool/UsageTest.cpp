@@ -171,7 +171,7 @@ TEST(Usage, WithoutACommandTheHelpGoesToStandardError) {
 
 TEST(Usage, OfServeIsCheckedBeforeItListens) {
     expectUsageError(run({"serve", "--port", "65536"}), "--port is \"65536\": must be an integer from 0");
-    expectUsageError(run({"serve", "--fault", "sttus=503"}), "did you mean status?");
+    expectUsageError(run({"serve", "--fault", "sttus=503"}), "found \"sttus\", must be delay, status");
     expectUsageError(run({"serve", "--fault", "status=1000"}), "--fault status=1000: ");
 }
 
