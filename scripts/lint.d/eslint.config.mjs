@@ -18,7 +18,7 @@ export default [
             "local/no-import-cycle": "error",
             "no-duplicate-imports": "error",
             "no-shadow": "error",
-            "no-unused-vars": ["error", { ignoreRestSiblings: true }],
+            "no-unused-vars": ["error", { ignoreRestSiblings: true, varsIgnorePattern: "^_" }],
             "no-use-before-define": ["error", { functions: false, classes: false, variables: false }],
             "no-var": "error",
             "prefer-const": "error",

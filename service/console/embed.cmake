@@ -1,17 +1,22 @@
-# Writes the console's files as the entries of the table in Console.cpp. At configure time, so that the sources can be
-# read by tools that build nothing; a change of a file configures anew.
+# Writes the console's files as the entries of the table in Console.cpp. At configure time, so that tools can read the
+# sources without a build. A changed, new or deleted file causes a new configuration.
+set(type_html text/html)
+set(type_css text/css)
+set(type_js text/javascript)
+set(type_svg image/svg+xml)
 set(entries "")
-foreach(file_and_type IN ITEMS
-    "index.html text/html" "console.css text/css" "console.js text/javascript" "json.js text/javascript"
-    "icon.svg image/svg+xml")
-  string(REPLACE " " ";" parts ${file_and_type})
-  list(GET parts 0 name)
-  list(GET parts 1 type)
-  set(source ${CMAKE_CURRENT_LIST_DIR}/${name})
+file(GLOB sources CONFIGURE_DEPENDS
+  ${CMAKE_CURRENT_LIST_DIR}/*.html ${CMAKE_CURRENT_LIST_DIR}/*.css
+  ${CMAKE_CURRENT_LIST_DIR}/*.js ${CMAKE_CURRENT_LIST_DIR}/*.svg)
+foreach(source IN LISTS sources)
+  cmake_path(GET source FILENAME name)
+  cmake_path(GET source EXTENSION LAST_ONLY extension)
+  string(SUBSTRING ${extension} 1 -1 extension)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
   file(READ ${source} content)
   string(REPLACE "index.html" "" path "/${name}")
-  string(APPEND entries "{\"${path}\"sv, {\"${type}; charset=utf-8\", R\"console(${content})console\"sv}},\n")
+  set(type "${type_${extension}}; charset=utf-8")
+  string(APPEND entries "{\"${path}\"sv, {\"${type}\", R\"console(${content})console\"sv}},\n")
 endforeach()
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/ConsoleFiles.inc.new "${entries}")
 file(COPY_FILE ${CMAKE_CURRENT_BINARY_DIR}/ConsoleFiles.inc.new ${CMAKE_CURRENT_BINARY_DIR}/ConsoleFiles.inc

@@ -1,5 +1,5 @@
-// Chromium, without a window, and pages that are watched: whatever a test does, the console may ask nobody but the
-// service, break no rule of its security policy, and leave no error behind.
+// Chromium without a window, and a page that is watched: in every test, the console must send requests only to the
+// service, comply with its security policy and log no error.
 
 import assert from "node:assert/strict";
 import { createRequire } from "node:module";
@@ -22,15 +22,17 @@ export function launch() {
     });
 }
 
-// What the browser itself writes about an answer that is missing or no success. A test that provokes it says so.
-const missedAnswer = /^Failed to load resource/;
+// What the browser logs about a response that is missing or an error. Tests that cause one set `allowsFailures`.
+const failedResponse = /^Failed to load resource/;
 
 export class WatchedPage {
     static async open(browser, address, options = {}) {
-        const { mayMissAnswers = false, ...contextOptions } = options;
+        const { allowsFailures = false, ...contextOptions } = options;
         const context = await browser.newContext({ viewport: { width: 1280, height: 900 }, ...contextOptions });
         const watched = new WatchedPage(context, await context.newPage(), address);
-        watched.mayMissAnswers = mayMissAnswers;
+        watched.allowsFailures = allowsFailures;
+        await watched.page.clock.install();
+        await watched.page.addInitScript(recordFetches);
         await watched.page.goto(`${address}/`);
         return watched;
     }
@@ -38,32 +40,52 @@ export class WatchedPage {
     constructor(context, page, address) {
         this.context = context;
         this.page = page;
-        this.complaints = [];
+        this.problems = [];
         page.on("request", (request) => {
             if (!request.url().startsWith(`${address}/`)) {
-                this.complaints.push(`asked for ${request.url()}`);
+                this.problems.push(`request to ${request.url()}`);
             }
         });
         page.on("console", (message) => {
-            const isExpected = this.mayMissAnswers && missedAnswer.test(message.text());
+            const isExpected = this.allowsFailures && failedResponse.test(message.text());
             if (["error", "warning"].includes(message.type()) && !isExpected) {
-                this.complaints.push(`console: ${message.text()}`);
+                this.problems.push(`console: ${message.text()}`);
             }
         });
-        page.on("pageerror", (error) => this.complaints.push(`error: ${error.stack}`));
+        page.on("pageerror", (error) => this.problems.push(`error: ${error.stack}`));
         page.on("dialog", (dialog) => {
-            this.complaints.push(`dialog: ${dialog.message()}`);
+            this.problems.push(`dialog: ${dialog.message()}`);
             dialog.dismiss();
         });
     }
 
+    // How often the page has fetched paths that begin like this.
+    fetchCount(path) {
+        return this.page.evaluate((prefix) => window.fetches.filter((each) => each.startsWith(prefix)).length, path);
+    }
+
+    // Moves the page's clock, and runs the timers that are due.
+    advance(milliseconds) {
+        return this.page.clock.runFor(milliseconds);
+    }
+
     async close() {
         await this.context.close();
-        assert.deepEqual(this.complaints, []);
+        assert.deepEqual(this.problems, []);
     }
 }
 
-// Waits until `read` gives what is expected, and shows the difference if it never does.
+// Runs in the page.
+function recordFetches() {
+    const { fetch } = window;
+    window.fetches = [];
+    window.fetch = (path, options) => {
+        window.fetches.push(path);
+        return fetch(path, options);
+    };
+}
+
+// Waits until `read` returns what is expected; fails with the difference if it never does.
 export async function eventually(read, expected, milliseconds = 8000) {
     const deadline = Date.now() + milliseconds;
     for (;;) {
@@ -75,10 +97,6 @@ export async function eventually(read, expected, milliseconds = 8000) {
                 throw error;
             }
         }
-        await pause(50);
+        await new Promise((resolve) => setTimeout(resolve, 50));
     }
-}
-
-export function pause(milliseconds) {
-    return new Promise((resolve) => setTimeout(resolve, milliseconds));
 }

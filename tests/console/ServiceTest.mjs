@@ -1,4 +1,4 @@
-// The console as `vexalive serve` serves it: requests that were really sent, and fault that really happens.
+// The console as `vexalive serve` serves it, with real requests and real faults.
 
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
@@ -10,7 +10,7 @@ import { createInterface } from "node:readline";
 import { after, afterEach, before, beforeEach, test } from "node:test";
 
 import { WatchedPage, eventually, launch } from "./Browser.mjs";
-import { relayBody, streamId } from "./MockService.mjs";
+import { relayBody, streamId } from "./Samples.mjs";
 
 const query = "sdkappid=1400000001&random=42&usersig=T0psecret&parivMapKey=T0psecret";
 
@@ -18,9 +18,11 @@ let folder, tool, service, browser, watched, page;
 
 before(async () => {
     folder = await mkdtemp(join(tmpdir(), "vexalive-console-"));
-    const told = ["serve", "--state-dir", folder, "--push-domain", "livepush.vexa.example", "--json"];
-    // Also ends if this test is killed.
-    tool = spawn("timeout", ["300", process.env.VEXALIVE_TOOL, ...told], { stdio: ["ignore", "pipe", "inherit"] });
+    const toolArguments = ["serve", "--state-dir", folder, "--push-domain", "livepush.vexa.example", "--json"];
+    // `timeout` ends the service even if this test is killed.
+    tool = spawn("timeout", ["300", process.env.VEXALIVE_TOOL, ...toolArguments], {
+        stdio: ["ignore", "pipe", "inherit"],
+    });
     service = {};
     const lines = createInterface({ input: tool.stdout });
     for await (const line of lines) {
@@ -37,9 +39,9 @@ before(async () => {
 after(async () => {
     await browser?.close();
     if (tool?.exitCode === null) {
-        const ended = new Promise((resolve) => tool.on("exit", resolve));
+        const exited = new Promise((resolve) => tool.on("exit", resolve));
         tool.kill("SIGTERM");
-        assert.equal(await ended, 0);
+        assert.equal(await exited, 0);
     }
     await rm(folder, { recursive: true });
 });
@@ -49,17 +51,17 @@ beforeEach(async () => {
 });
 afterEach(() => watched.close());
 
-// The status and the body of the answer.
+// Returns the status and the body of the response.
 function send(body, withQuery = query) {
     const [host, port] = service.service.split(":");
     const path = `/v3/liveinterface/${body.interface}?${withQuery}`;
     return new Promise((resolve, reject) => {
         const sent = request({ host, port, path, method: "POST", ca: service.ca, agent: false }, async (response) => {
-            let text = "";
-            for await (const piece of response) {
-                text += piece;
+            let content = "";
+            for await (const chunk of response) {
+                content += chunk;
             }
-            resolve([response.statusCode, text]);
+            resolve([response.statusCode, content]);
         });
         sent.on("error", reject);
         sent.end(JSON.stringify(body));
@@ -69,12 +71,15 @@ function send(body, withQuery = query) {
 const texts = (selector) => page.locator(selector).allTextContents();
 const latest = () => page.locator(".request").first();
 
-async function unfoldLatest() {
+async function openLatest() {
     await latest().locator("summary").click();
     await latest().locator(".content section").nth(2).waitFor();
 }
 
-test("a right and a wrong request appear, the wrong one with its field marked", async () => {
+const activeFaults = () => texts("#active-faults li");
+const addButton = (kind) => page.getByRole("button", { name: `Add fault: ${kind}`, exact: true });
+
+test("an accepted and a refused request appear, the refused one with its field marked", async () => {
     assert.deepEqual(await send(relayBody()), [200, '{"code":0,"message":"ok"}']);
     await eventually(() => texts(".request .outcome"), ["accepted"]);
     await eventually(() => texts(".relay .stream-id"), [streamId("alice")]);
@@ -83,17 +88,17 @@ test("a right and a wrong request appear, the wrong one with its field marked", 
     await send(relayBody({ domain: "8888.elsewhere.example" }));
     await eventually(() => texts(".request .outcome"), ["refused: domain", "accepted"]);
     assert.deepEqual(await texts(".request .code"), ["code 4006", "code 0"]);
-    await unfoldLatest();
+    await openLatest();
     assert.deepEqual(await latest().locator("mark").allTextContents(), ['"8888.elsewhere.example"']);
-    assert.match(await latest().locator(".remark").textContent(), /must be the biz id/);
+    assert.match(await latest().locator(".note").textContent(), /must be the biz id/);
     assert.match(await latest().locator("pre").first().textContent(), /usersig=\*\*\*&parivMapKey=\*\*\*$/);
     assert.ok(!(await page.content()).includes("T0psecret"));
 });
 
-test("a refused query and a missing field deep in a mix are marked", async () => {
+test("a refused query and a missing nested field of a mix are marked", async () => {
     await send(relayBody(), "sdkappid=1&random=1&usersig=&parivMapKey=x");
     await eventually(() => latest().locator(".outcome").textContent(), "refused: query: usersig");
-    await unfoldLatest();
+    await openLatest();
     assert.deepEqual(await latest().locator("mark").allTextContents(), ["&usersig="]);
 
     const { stream_id: session_id, dest_stream_url, ...common } = relayBody({ interface: "set_live_mix_transcoding" });
@@ -103,7 +108,7 @@ test("a refused query and a missing field deep in a mix are marked", async () =>
     await send({ ...common, session_id, output_param, input_stream_list });
     const field = "input_stream_list[0].layout_params.location_y";
     await eventually(() => latest().locator(".outcome").textContent(), `refused: ${field}`);
-    await unfoldLatest();
+    await openLatest();
     const marked = (await latest().locator("mark").allTextContents()).join("").replace(/ ← missing/, "");
     assert.deepEqual(JSON.parse(marked), layout_params);
 
@@ -116,39 +121,46 @@ test("a refused query and a missing field deep in a mix are marked", async () =>
     assert.deepEqual(await texts(".mix .history strong"), ["start"]);
 });
 
-test("a fault that is switched on in the page is what the next request gets", async () => {
+test("the next request meets a fault that was added in the page", async () => {
     await page.getByLabel("Interface").selectOption("add_relay_stream_url");
-    await page.getByLabel("How many times").fill("2");
-    await page.locator("[data-kind=status]").getByRole("spinbutton").fill("502");
-    await page.getByRole("button", { name: "Add: HTTP status" }).click();
-    await eventually(() => texts("#waiting li"), ["HTTP status 502 add_relay_stream_url, 2 times"]);
+    await page.getByLabel("Count", { exact: true }).fill("2");
+    await page.locator("[data-kind=status]").getByLabel("status", { exact: true }).fill("502");
+    await addButton("status").click();
+    await eventually(activeFaults, ["status=502 add_relay_stream_url, 2 times"]);
     assert.deepEqual(await send(relayBody()), [502, ""]);
-    await eventually(() => texts("#waiting li"), ["HTTP status 502 add_relay_stream_url, once"]);
+    await eventually(activeFaults, ["status=502 add_relay_stream_url, once"]);
     await eventually(() => latest().locator(".outcome").textContent(), "fault: status");
     await page.getByRole("button", { name: "Clear all" }).click();
-    await eventually(() => texts("#waiting li"), []);
+    await eventually(activeFaults, []);
     assert.equal((await send(relayBody()))[0], 200);
 });
 
-test("every kind is taken as the page sends it", async () => {
-    const titles = ["Delay", "HTTP status", "Empty", "Cut", "Garbage", "Huge", "Server code", "Close"];
-    for (const title of titles) {
-        await page.getByRole("button", { name: `Add: ${title}`, exact: true }).click();
-        await eventually(async () => (await texts("#waiting li")).at(-1)?.startsWith(title), true);
+test("the service accepts every kind as the page sends it", async () => {
+    await page.locator(".kinds li").first().waitFor();
+    const kinds = await texts(".kinds code");
+    assert.ok(kinds.length >= 8, `${kinds}`);
+    for (const input of await page.locator(".kinds input[type=number]").all()) {
+        if ((await input.inputValue()) === "") {
+            await input.fill(await input.getAttribute("min"));
+        }
+    }
+    for (const kind of kinds) {
+        await addButton(kind).click();
+        await eventually(async () => /^\w+/.exec((await activeFaults()).at(-1))?.[0], kind);
     }
     assert.deepEqual(
         await texts(".kinds .problem"),
-        titles.map(() => ""),
+        kinds.map(() => ""),
     );
     await page.getByRole("button", { name: "Clear all" }).click();
-    await eventually(() => texts("#waiting li"), []);
+    await eventually(activeFaults, []);
 });
 
-test("a value that the service refuses is refused in its words", async () => {
-    watched.mayMissAnswers = true;
-    await page.locator("[data-kind=status]").getByRole("spinbutton").fill("7");
-    await page.getByRole("button", { name: "Add: HTTP status" }).click();
+test("a value that the service refuses is reported with its message", async () => {
+    watched.allowsFailures = true;
+    await page.locator("[data-kind=status]").getByLabel("status", { exact: true }).fill("7");
+    await addButton("status").click();
     const problem = page.locator("[data-kind=status] .problem");
     await eventually(() => problem.textContent(), "status: found 7, must be an integer from 200 to 599");
-    assert.deepEqual(await texts("#waiting li"), []);
+    assert.deepEqual(await activeFaults(), []);
 });

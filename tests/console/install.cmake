@@ -1,4 +1,4 @@
-# Installs what the tests need from npm, as package-lock.json says, into MODULES; nothing if that has been done.
+# Installs the npm packages of package-lock.json into MODULES, unless they are there already.
 file(SHA256 ${SOURCE}/package-lock.json wanted)
 if(EXISTS ${MODULES}/installed)
   file(READ ${MODULES}/installed installed)

@@ -1,0 +1,47 @@
+// Requests to the service.
+
+const requestTimeout = 10000; // milliseconds
+
+export function request(path, options = {}) {
+    return fetch(path, { cache: "no-store", signal: AbortSignal.timeout(requestTimeout), ...options });
+}
+
+// Returns the "message" of a JSON response; "" if there is none.
+export async function readMessage(response) {
+    try {
+        const { message } = await response.json();
+        return typeof message === "string" ? message : "";
+    } catch {
+        return "";
+    }
+}
+
+// The response has another status than success.
+export class ResponseError extends Error {}
+
+async function describeError(response) {
+    const message = await readMessage(response);
+    return `HTTP ${response.status}${message && `: ${message}`}`;
+}
+
+export async function getJson(path) {
+    const response = await request(path);
+    if (!response.ok) {
+        throw new ResponseError(await describeError(response));
+    }
+    return response.json();
+}
+
+// Returns the error message; "" on success.
+export async function send(method, path, body) {
+    try {
+        const response = await request(path, {
+            method,
+            headers: { "Content-Type": "application/json" },
+            body: body && JSON.stringify(body),
+        });
+        return response.ok ? "" : (await readMessage(response)) || `HTTP ${response.status}`;
+    } catch {
+        return "the service does not respond";
+    }
+}

@@ -1,0 +1,44 @@
+// Helpers for the page's elements. Strings from requests and media are set as text, never as markup.
+
+export const byId = (id) => document.getElementById(id);
+
+export function createElement(tag, className = "", text = "") {
+    const element = document.createElement(tag);
+    element.className = className;
+    element.textContent = text;
+    return element;
+}
+
+// Touches the element only if the text differs, so that the user's selection persists.
+export function setText(element, text) {
+    if (element.textContent !== text) {
+        element.textContent = text;
+    }
+}
+
+// Hides the element if the text is empty.
+export function setOptionalText(element, text) {
+    setText(element, text);
+    element.hidden = text === "";
+}
+
+// The style sheet picks a sign and a colour by `state`.
+export function setState(element, state, text = state) {
+    element.dataset.state = state;
+    setText(element, text);
+}
+
+// Returns a copy of a template: its root, and its parts by the values of their data-part attributes.
+export function instantiateTemplate(name) {
+    const root = byId(`${name}-template`).content.firstElementChild.cloneNode(true);
+    const parts = { root };
+    for (const part of root.querySelectorAll("[data-part]")) {
+        parts[part.dataset.part] = part;
+    }
+    return parts;
+}
+
+// Screen readers read the text aloud.
+export function announce(text) {
+    byId("announcement").textContent = text;
+}

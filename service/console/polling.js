@@ -1,0 +1,66 @@
+// Polls the service's state. Does not poll while the tab is hidden. After errors, it waits longer before each retry.
+
+import { ResponseError, getJson } from "./api.js";
+
+const interval = 1000; // milliseconds
+const maxInterval = 15000;
+
+// Events:
+//     "update"      detail: {state, faults}, the bodies of GET /state and GET /faults
+//     "connection"  after each poll and before "update"; `connection` holds the result
+class Polling extends EventTarget {
+    // lastResponse: UTC time of day, "" if there was none; retryDelay: milliseconds; error: of the last response.
+    connection = { isConnected: false, failures: 0, lastResponse: "", retryDelay: interval, error: "" };
+    #isPolling = false;
+    #timer = 0;
+
+    constructor() {
+        super();
+        document.addEventListener("visibilitychange", () => document.hidden || this.pollNow());
+    }
+
+    async pollNow() {
+        clearTimeout(this.#timer);
+        if (this.#isPolling) {
+            return;
+        }
+        this.#isPolling = true;
+        try {
+            const [state, faults] = await Promise.all([getJson("/state"), getJson("/faults")]);
+            this.#setConnected();
+            this.dispatchEvent(new CustomEvent("update", { detail: { state, faults } }));
+        } catch (error) {
+            this.#setFailed(error);
+        } finally {
+            this.#isPolling = false;
+            this.#schedule();
+        }
+    }
+
+    #schedule() {
+        clearTimeout(this.#timer);
+        if (!document.hidden) {
+            this.#timer = setTimeout(() => this.pollNow(), this.connection.retryDelay);
+        }
+    }
+
+    #setConnected() {
+        const lastResponse = new Date().toISOString().slice(11, 19);
+        this.#setConnection({ isConnected: true, failures: 0, lastResponse, retryDelay: interval, error: "" });
+    }
+
+    #setFailed(error) {
+        const failures = this.connection.failures + 1;
+        const retryDelay = Math.min(interval * 2 ** (failures - 1), maxInterval);
+        const message = error instanceof ResponseError ? error.message : "";
+        const { lastResponse } = this.connection;
+        this.#setConnection({ isConnected: false, failures, lastResponse, retryDelay, error: message });
+    }
+
+    #setConnection(connection) {
+        this.connection = connection;
+        this.dispatchEvent(new Event("connection"));
+    }
+}
+
+export const polling = new Polling();

@@ -1,0 +1,68 @@
+// Stream ids as buttons: shortened, in full in a tooltip on hover or focus, copied on click.
+
+import { copyText } from "./clipboard.js";
+import { byId } from "./dom.js";
+import { shortenId } from "./format.js";
+
+const hideDelay = 250; // milliseconds, for the pointer's way from the button to the tooltip
+
+const tooltip = byId("id-tooltip");
+let tooltipButton = null; // the button that the tooltip belongs to
+let hideTimer = 0;
+
+export function createIdButton() {
+    const button = document.createElement("button");
+    button.type = "button";
+    button.className = "id-button";
+    button.addEventListener("click", async () => {
+        showTooltip(button);
+        tooltip.classList.toggle("copied", await copyText(button.dataset.id));
+    });
+    button.addEventListener("pointerenter", () => showTooltip(button));
+    button.addEventListener("pointerleave", hideTooltipSoon);
+    button.addEventListener("focus", () => showTooltip(button));
+    button.addEventListener("blur", hideTooltipSoon);
+    return button;
+}
+
+export function setId(button, id) {
+    if (button.dataset.id !== id) {
+        button.dataset.id = id;
+        button.setAttribute("aria-label", `Copy ${id}`);
+        button.textContent = shortenId(id);
+    }
+}
+
+function showTooltip(button) {
+    clearTimeout(hideTimer);
+    tooltipButton = button;
+    tooltip.textContent = button.dataset.id;
+    tooltip.classList.remove("copied");
+    tooltip.hidden = false;
+    placeTooltip();
+}
+
+// Below the button if there is space, else above it; never beyond the window's edges.
+function placeTooltip() {
+    const anchor = tooltipButton.getBoundingClientRect();
+    const { width, height } = tooltip.getBoundingClientRect();
+    const { clientWidth, clientHeight } = document.documentElement;
+    const fitsBelow = anchor.bottom + height + 8 < clientHeight;
+    tooltip.style.left = `${Math.max(8, Math.min(anchor.left, clientWidth - width - 8))}px`;
+    tooltip.style.top = `${fitsBelow ? anchor.bottom + 2 : anchor.top - height - 2}px`;
+}
+
+function hideTooltipSoon() {
+    clearTimeout(hideTimer);
+    hideTimer = setTimeout(hideTooltip, hideDelay);
+}
+
+function hideTooltip() {
+    clearTimeout(hideTimer);
+    tooltip.hidden = true;
+}
+
+tooltip.addEventListener("pointerenter", () => clearTimeout(hideTimer));
+tooltip.addEventListener("pointerleave", hideTooltipSoon);
+document.addEventListener("keydown", (event) => event.key === "Escape" && hideTooltip());
+document.addEventListener("scroll", () => tooltip.hidden || placeTooltip(), { passive: true });
