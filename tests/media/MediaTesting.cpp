@@ -193,16 +193,16 @@ std::vector<pid_t> LocalService::children(const std::string& commandLine) {
 }
 
 ExternalServer::ExternalServer() {
-    std::string error;
-    EXPECT_TRUE(mServer.prepare(mFolder.path(), error) && mServer.configure(9, error)) << error;
+    EXPECT_TRUE(mServer.prepare(mFolder.path()));
+    EXPECT_TRUE(mServer.configure(9));
     start();
 }
 
 void ExternalServer::start() {
-    std::string error;
     mProcess.reset();
-    mProcess = vexalive::Child::start(mServer.arguments(), error);
-    ASSERT_TRUE(mProcess) << error;
+    auto process = vexalive::Child::start(mServer.arguments());
+    ASSERT_TRUE(process) << process.error().message;
+    mProcess = std::move(*process);
 }
 
 // ---- Publishers and viewers -----------------------------------------------------------------------------------------

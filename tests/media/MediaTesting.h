@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "service/Child.h"
 #include "service/Origin.h"
 #include "support/ServiceTesting.h"
 
