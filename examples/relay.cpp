@@ -8,7 +8,8 @@
 
 #include "Com/LiveTranscodingAdapter.h"
 
-// The first outcome of one request. A service that answers nothing is told twice, so this may be called again.
+// The first outcome of one request. After an empty response the listener is notified twice, so set() may be called
+// again.
 class Outcome {
 public:
     void set(int errCode, const std::string& errMsg) {

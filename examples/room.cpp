@@ -1,5 +1,5 @@
-// A room of three: relays the local user's stream to a CDN address, mixes all three members into one picture, changes
-// the picture when one of them leaves, and ends both.
+// A room of three: relays the local user's stream to a CDN address, mixes all three members into one video, changes the
+// layout when one of them leaves, and stops both.
 //
 //     VEXALIVE_SERVICE_HOST=… VEXALIVE_CA_FILE=… example_room
 
@@ -22,55 +22,56 @@ constexpr int kBizId = 8888;
 
 constexpr const char* kRelay = "relay";
 constexpr const char* kMix = "mix";
-constexpr const char* kEndOfRelay = "end of the relay";
-constexpr const char* kEndOfMix = "end of the mix";
+constexpr const char* kRelayStop = "end of the relay";
+constexpr const char* kMixCancel = "end of the mix";
 
-// Keeps what was told last of each task.
+// Stores the latest outcome of each task.
 class Listener : public ILiveTrancodingDelegate {
 public:
-    // A refused mix is told as a relay start, a refused relay stop as a mix cancel: the code tells them apart.
+    // A mix that the adapter refuses is reported through the callback of the relay start, a refused relay stop through
+    // that of the mix cancel; the code distinguishes them.
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override {
-        keep(errCode == -3324 ? kMix : kRelay, errCode, errMsg);
+        store(errCode == -3324 ? kMix : kRelay, errCode, errMsg);
     }
-    void onStopPublishStreamUrl(int errCode, std::string errMsg) override { keep(kEndOfRelay, errCode, errMsg); }
-    void onSetLiveMixTranscoding(int errCode, std::string errMsg) override { keep(kMix, errCode, errMsg); }
+    void onStopPublishStreamUrl(int errCode, std::string errMsg) override { store(kRelayStop, errCode, errMsg); }
+    void onSetLiveMixTranscoding(int errCode, std::string errMsg) override { store(kMix, errCode, errMsg); }
     void onStopLiveMixTranscoding(int errCode, std::string errMsg) override {
-        keep(errCode == -3323 ? kEndOfRelay : kEndOfMix, errCode, errMsg);
+        store(errCode == -3323 ? kRelayStop : kMixCancel, errCode, errMsg);
     }
 
-    // Waits until each of the tasks has been told; true if all of them went well. Gives up after a time in which every
-    // retry has come to its end, since an answer without a code is never told.
+    // Waits for the outcomes of the tasks; true if all succeeded. The timeout exceeds the duration of all retries. It
+    // is needed because a response without a code is never reported to the listener.
     bool wait(std::initializer_list<const char*> tasks) {
-        const auto patience = std::chrono::steady_clock::now() + std::chrono::minutes(4);
-        bool allWell = true;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(4);
+        bool succeeded = true;
         std::unique_lock<std::mutex> lock(mMutex);
         for (const char* task : tasks) {
-            if (!mTold.wait_until(lock, patience, [&] { return mCodes.count(task) != 0; })) {
-                std::cout << "  " << task << ": nothing was told" << std::endl;
+            if (!mStored.wait_until(lock, deadline, [&] { return mCodes.count(task) != 0; })) {
+                std::cout << "  " << task << ": no outcome" << std::endl;
                 return false;
             }
-            allWell = mCodes[task] == 0 && allWell;
+            succeeded = mCodes[task] == 0 && succeeded;
             mCodes.erase(task);
         }
-        return allWell;
+        return succeeded;
     }
 
 private:
-    void keep(const char* task, int errCode, const std::string& errMsg) {
+    void store(const char* task, int errCode, const std::string& errMsg) {
         const std::lock_guard<std::mutex> lock(mMutex);
         std::cout << "  " << task
                   << (errCode == 0 ? ": done" : ": failed with " + std::to_string(errCode) + ", " + errMsg)
                   << std::endl;
         mCodes[task] = errCode;
-        mTold.notify_all();
+        mStored.notify_all();
     }
 
     std::mutex mMutex;
-    std::condition_variable mTold;
+    std::condition_variable mStored;
     std::map<std::string, int> mCodes;
 };
 
-// Who stands where on a canvas of 1280 by 720: user, room (empty: this one), rectangle, layer.
+// The inputs on a canvas of 1280 by 720: user, room (empty: this one), rectangle, layer.
 using Layout = std::vector<kstmedia::VexaMixUserInternal>;
 
 const Layout kThree = {
@@ -113,17 +114,17 @@ int main() {
 
     std::cout << "alice enters the room: both are sent" << std::endl;
     adapter->updateEnterRoomInfo("room", "the-rooms-map-key");
-    bool allWell = listener->wait({kRelay, kMix});
+    bool succeeded = listener->wait({kRelay, kMix});
 
-    if (allWell) {
+    if (succeeded) {
         std::cout << "carol leaves: alice and bob share the picture" << std::endl;
         adapter->setLiveMixTranscoding(mixOf(kTwo));
-        allWell = listener->wait({kMix});
+        succeeded = listener->wait({kMix});
     }
 
     std::cout << "alice ends the mix and the relay" << std::endl;
     adapter->stopLiveMixTranscoding();
     adapter->stopPublishStreamUrl();
-    allWell = listener->wait({kEndOfMix, kEndOfRelay}) && allWell;
-    return allWell ? 0 : 1;
+    succeeded = listener->wait({kMixCancel, kRelayStop}) && succeeded;
+    return succeeded ? 0 : 1;
 }
