@@ -15,8 +15,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-constexpr const char* kSet = "set_live_mix_transcoding";
-
 class MixTool : public ToolTest {
 protected:
     MixTool() : ToolTest({"mix"}), mFile(mFolder + "/layout.json") {
@@ -74,8 +72,8 @@ TEST_F(MixTool, DetachKeepsTheMixRunning) {
 }
 
 TEST_F(MixTool, ShowsRetriesAndARefusal) {
-    injectFault(status(503, 1));
-    injectFault(serverCode(42, "no"));
+    injectFault("status=503");
+    injectFault("code=42,message=no");
     ChildProcess& tool = start();
 
     EXPECT_EQ(tool.awaitExit(), 1);
@@ -92,9 +90,7 @@ TEST_F(MixTool, NoUsableResponseIsStatus3) {
 
 // Repeated, so that some processes exit while the first request is handed over.
 TEST_F(MixTool, ASecondCtrlCAborts) {
-    vexalive::Fault slow = delay(5000, kSet);
-    slow.count = 0;
-    injectFault(slow);
+    injectFault("delay=5000,count=0,interface=set_live_mix_transcoding");
     for (int i = 0; i < 10; ++i) {
         ChildProcess& tool = start();
         ASSERT_TRUE(tool.awaitOutput("mix start: attempt 1 of 11"));
@@ -175,7 +171,7 @@ TEST_F(MixTool, AnInvalidSaveDoesNotChangeTheRunningMix) {
 }
 
 TEST_F(MixTool, ASaveStartsAMixWhoseStartWasRefused) {
-    injectFault(serverCode(42, "no"));
+    injectFault("code=42,message=no");
     ChildProcess& tool = start({"--watch"});
     ASSERT_TRUE(tool.awaitOutput("the mix is not running; saved changes are sent; Ctrl-C exits\n"));
 
@@ -189,12 +185,10 @@ TEST_F(MixTool, ASaveStartsAMixWhoseStartWasRefused) {
 
 // Saves faster than the service responds, by writing and by renaming. Every other file is invalid, in three ways.
 TEST_F(MixTool, AfterTwentySavesInASecondTheLastValidOneApplies) {
-    injectFault(delay(120, kSet));
+    injectFault("delay=120,interface=set_live_mix_transcoding");
     ChildProcess& tool = start({"--watch"});
     ASSERT_TRUE(tool.awaitOutput("the mix is running;"));
-    vexalive::Fault slow = delay(120, kSet);
-    slow.count = 0;
-    injectFault(slow);
+    injectFault("delay=120,count=0,interface=set_live_mix_transcoding");
 
     for (int i = 1; i <= 20; ++i) {
         const std::string invalid[] = {"{", layout(1280, 1), layout(1280) + "\xff"};
@@ -238,9 +232,7 @@ TEST_F(MixTool, RunsARelayBesideTheMix) {
 }
 
 TEST_F(MixTool, IfTheRelayFailsTheMixIsCancelled) {
-    vexalive::Fault refusal = serverCode(42, "no");
-    refusal.interfaceName = kAdd;
-    injectFault(refusal);
+    injectFault("code=42,message=no,interface=add_relay_stream_url");
     ChildProcess& tool = start({"--relay", "rtmp://cdn.example/live/main"});
 
     EXPECT_EQ(tool.awaitExit(), 1);

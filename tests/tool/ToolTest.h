@@ -11,16 +11,16 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "service/Fault.h"
 #include "service/LiveService.h"
 #include "support/ChildProcess.h"
 
-inline constexpr const char* kAdd = "add_relay_stream_url";
-inline constexpr const char* kRemove = "remove_relay_stream_url";
 inline constexpr const char* kSig = "secret-signature";
 inline constexpr const char* kMapKey = "secret-map-key";
 
@@ -60,31 +60,10 @@ protected:
                 {"TERM", "xterm"}};
     }
 
-    void injectFault(vexalive::Fault fault) { ASSERT_TRUE(mService->inject(fault)); }
-
-    static vexalive::Fault status(int status, int count, const char* interfaceName = "") {
-        vexalive::Fault fault;
-        fault.kind = vexalive::Fault::Kind::kStatus;
-        fault.status = status;
-        fault.count = count;
-        fault.interfaceName = interfaceName;
-        return fault;
-    }
-
-    static vexalive::Fault delay(int milliseconds, const char* interfaceName) {
-        vexalive::Fault fault;
-        fault.kind = vexalive::Fault::Kind::kDelay;
-        fault.delayMs = milliseconds;
-        fault.interfaceName = interfaceName;
-        return fault;
-    }
-
-    static vexalive::Fault serverCode(int code, const std::string& message) {
-        vexalive::Fault fault;
-        fault.kind = vexalive::Fault::Kind::kCode;
-        fault.code = code;
-        fault.message = message;
-        return fault;
+    // `fault` as after --fault.
+    void injectFault(const std::string& fault) {
+        const auto parsed = vexalive::parseFaultOption(fault);
+        ASSERT_TRUE(parsed && mService->inject(*parsed)) << fault;
     }
 
     nlohmann::json state() const { return nlohmann::json::parse(mService->stateJson()); }
@@ -126,6 +105,23 @@ inline std::vector<nlohmann::json> objects(const std::string& output) {
         result.push_back(nlohmann::json::parse(line));
     }
     return result;
+}
+
+// The events of `--json`. Expects in each line the documented fields of its event, "event" and "time", and no other.
+inline std::vector<std::string> checkedEvents(const std::string& output,
+                                              const std::map<std::string, std::set<std::string>>& documented) {
+    std::vector<std::string> events;
+    for (const nlohmann::json& object : objects(output)) {
+        events.push_back(object.at("event"));
+        std::set<std::string> fields = documented.at(events.back());
+        fields.insert({"event", "time"});
+        std::set<std::string> found;
+        for (const auto& field : object.items()) {
+            found.insert(field.key());
+        }
+        EXPECT_EQ(found, fields) << object;
+    }
+    return events;
 }
 
 #endif

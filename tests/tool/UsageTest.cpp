@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
-#include <ostream>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -68,44 +68,25 @@ void expectUsageError(const Ran& ran, const std::string& text) {
     EXPECT_THAT(ran.errors, Not(HasSubstr(kSecret)));
 }
 
-struct RelayOption {
-    const char* option;
-    const char* variable;
-    const char* meaning;
-};
-
-void PrintTo(const RelayOption& option, std::ostream* out) {
-    *out << option.option;
+TEST(Usage, RequiresEachRelayOption) {
+    const std::array<std::string, 3> cases[] = {
+        {"--sdk-app-id", "VEXALIVE_SDK_APP_ID", "the SDK application id, a positive integer"},
+        {"--user", "VEXALIVE_USER", "the id of the local user"},
+        {"--sig", "VEXALIVE_SIG", "the user's signature, a secret"},
+        {"--room", "VEXALIVE_ROOM", "the id of the room that the user has entered"},
+        {"--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret"},
+        {"--app-id", "VEXALIVE_APP_ID", "the CDN app id, an integer other than 0"},
+        {"--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer other than 0"},
+    };
+    for (const auto& [option, variable, meaning] : cases) {
+        Options options = goodOptions();
+        options[option] = "";
+        expectUsageError(runRelay(options), option + " is empty: must be " + meaning);
+        options.erase(option);
+        expectUsageError(runRelay(options),
+                         "vexalive relay: " + option + " is missing: must be " + meaning + " (or " + variable + ")");
+    }
 }
-
-class EachRelayOption : public ::testing::TestWithParam<RelayOption> {};
-
-TEST_P(EachRelayOption, IsRequired) {
-    Options options = goodOptions();
-    options[GetParam().option] = "";
-    expectUsageError(runRelay(options), std::string(GetParam().option) + " is empty: must be " + GetParam().meaning);
-
-    options.erase(GetParam().option);
-    expectUsageError(runRelay(options), std::string("vexalive relay: ") + GetParam().option + " is missing: must be " +
-                                            GetParam().meaning + " (or " + GetParam().variable + ")");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Relay, EachRelayOption,
-    ::testing::Values(RelayOption{"--sdk-app-id", "VEXALIVE_SDK_APP_ID", "the SDK application id, a positive integer"},
-                      RelayOption{"--user", "VEXALIVE_USER", "the id of the local user"},
-                      RelayOption{"--sig", "VEXALIVE_SIG", "the user's signature, a secret"},
-                      RelayOption{"--room", "VEXALIVE_ROOM", "the id of the room that the user has entered"},
-                      RelayOption{"--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret"},
-                      RelayOption{"--app-id", "VEXALIVE_APP_ID", "the CDN app id, an integer other than 0"},
-                      RelayOption{"--biz-id", "VEXALIVE_BIZ_ID", "the CDN biz id, an integer other than 0"}),
-    [](const auto& instance) {
-        std::string name;
-        for (const char c : std::string(instance.param.variable)) {
-            name += c == '_' ? "" : std::string(1, c);
-        }
-        return name;
-    });
 
 TEST(Usage, ShowsAWrongNumberWithItsRange) {
     const std::pair<const char*, const char*> cases[] = {
