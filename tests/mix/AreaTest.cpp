@@ -14,19 +14,19 @@ TEST(AreaTest, TheLargestRectanglesDoNotOverflow) {
     EXPECT_TRUE(area.isEmpty());
 }
 
-TEST(AreaTest, WhatIsLeftOfARectangleSurroundsItsCover) {
+TEST(AreaTest, TheVisiblePartsSurroundACover) {
     EXPECT_THAT(visibleParts({0, 0, 30, 30}, {{10, 10, 20, 20}}),
                 ElementsAre(Area{0, 0, 30, 10}, Area{0, 10, 10, 20}, Area{20, 10, 30, 20}, Area{0, 20, 30, 30}));
 }
 
-TEST(AreaTest, ACoverBesideLeavesTheWholeAndAWholeCoverLeavesNothing) {
+TEST(AreaTest, ACoverOutsideHidesNothingAndAWholeCoverHidesAll) {
     const Area whole = {0, 0, 30, 30};
     EXPECT_THAT(visibleParts(whole, {{30, 0, 60, 30}}), ElementsAre(whole));
     EXPECT_THAT(visibleParts(whole, {{0, 0, -5, -5}}), ElementsAre(whole));
     EXPECT_THAT(visibleParts(whole, {{-1, -1, 31, 31}}), IsEmpty());
 }
 
-TEST(AreaTest, SeveralCoversHideTogetherWhatNoneHidesAlone) {
+TEST(AreaTest, SeveralCoversTogetherHideARectangle) {
     const Area whole = {0, 0, 30, 30};
     EXPECT_THAT(visibleParts(whole, {{0, 0, 15, 30}, {15, 0, 30, 30}}), IsEmpty());
     EXPECT_THAT(visibleParts(whole, {{0, 0, 15, 30}, {16, 0, 30, 30}}), ElementsAre(Area{15, 0, 16, 30}));

@@ -21,12 +21,14 @@ protected:
     Drawing mDrawing{400};
 };
 
-TEST_F(DrawingTest, ATextThatFitsStaysWhole) {
+TEST_F(DrawingTest, AStringThatFitsIsUnchangedAndOneWithoutSpaceIsOmitted) {
     EXPECT_EQ(mDrawing.fitted("alice", kStyle, 200), "alice");
     EXPECT_EQ(mDrawing.fitted("", kStyle, 0), "");
+    EXPECT_EQ(mDrawing.fitted("alice", kStyle, 5), "");
+    EXPECT_EQ(mDrawing.fitted("alice", kStyle, -100), "");
 }
 
-TEST_F(DrawingTest, ATextThatIsTooLongIsCutAndFits) {
+TEST_F(DrawingTest, AStringThatIsTooLongIsCutAndFits) {
     for (double width = 30; width < 200; width += 7) {
         const std::string text = mDrawing.fitted("a rather long name of a user", kStyle, width);
         EXPECT_LE(mDrawing.widthOf(text, kStyle), width);
@@ -34,20 +36,15 @@ TEST_F(DrawingTest, ATextThatIsTooLongIsCutAndFits) {
     }
 }
 
-TEST_F(DrawingTest, WhereNotASingleCharacterFitsNothingIsWritten) {
-    EXPECT_EQ(mDrawing.fitted("alice", kStyle, 5), "");
-    EXPECT_EQ(mDrawing.fitted("alice", kStyle, -100), "");
-}
-
 TEST_F(DrawingTest, ACutFallsBetweenTwoCharacters) {
     const std::string name = "\u00fc\u00fc\u00fc\u00fc\u00fc\u00fc\u00fc\u00fc";
     const std::string text = mDrawing.fitted(name, kStyle, 40);
-    const std::string kept = text.substr(0, text.size() - std::string(kDots).size());
-    EXPECT_EQ(kept.size() % 2, 0U);
-    EXPECT_EQ(name.compare(0, kept.size(), kept), 0);
+    const std::string shown = text.substr(0, text.size() - std::string(kDots).size());
+    EXPECT_EQ(shown.size() % 2, 0U);
+    EXPECT_EQ(name.compare(0, shown.size(), shown), 0);
 }
 
-TEST_F(DrawingTest, AVeryLongTextIsCutAtSomeLengthInAnyCase) {
+TEST_F(DrawingTest, AVeryLongStringIsCutAtAnyWidth) {
     EXPECT_LT(mDrawing.fitted(std::string(5000, 'i'), kStyle, 1e9).size(), 400U);
 }
 
@@ -57,7 +54,7 @@ TEST_F(DrawingTest, LinesBreakAtBlanks) {
     EXPECT_THAT(mDrawing.wrapped("", kStyle, width), IsEmpty());
 }
 
-TEST_F(DrawingTest, ATextIsPlacedByItsLeftEndItsMiddleOrItsRightEnd) {
+TEST_F(DrawingTest, AStringIsAnchoredAtItsLeftEndItsMiddleOrItsRightEnd) {
     const double width = mDrawing.widthOf("alice", kStyle);
     mDrawing.text("t", 100, 20, "alice", kStyle);
     mDrawing.text("t", 100, 20, "alice", kStyle, Anchor::kMiddle);
@@ -70,31 +67,31 @@ TEST_F(DrawingTest, ATextIsPlacedByItsLeftEndItsMiddleOrItsRightEnd) {
     EXPECT_THAT(lefts, ElementsAre(100, DoubleNear(100 - width / 2, 0.01), DoubleNear(100 - width, 0.01)));
 }
 
-TEST_F(DrawingTest, NothingInATextLeavesItsPlaceInTheSvg) {
+TEST_F(DrawingTest, AStringIsEscapedInTheSvg) {
     mDrawing.text("t", 0, 20, "</text><script>\"&'", kStyle);
     const std::string svg = mDrawing.svg();
     EXPECT_EQ(SvgDocument(svg).ofKind("t").at(0).text, "</text><script>\"&'");
     EXPECT_THAT(svg, Not(HasSubstr("<script>")));
 }
 
-TEST_F(DrawingTest, WhatXmlCannotHoldOrTurnsTheTextAroundIsReplaced) {
+TEST_F(DrawingTest, CharactersThatXmlForbidsOrThatChangeTheDirectionAreReplaced) {
     mDrawing.text("t", 0, 20, std::string("\x01|\0|\n|\x7f|\xff|\u202e|\u2066|\uffff|end", 25), kStyle);
     EXPECT_THAT(mDrawing.svg(), HasSubstr(">\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|\ufffd|end</text>"));
 }
 
-TEST_F(DrawingTest, TextsOfAllScriptsAreKeptInTheSvg) {
+TEST_F(DrawingTest, StringsOfAllScriptsAreUnchangedInTheSvg) {
     const std::string text = "\u05e9\u05dc\u05d5\u05dd \u7528\u6237 \U0001f389";
     mDrawing.text("t", 0, 20, text, kStyle);
     EXPECT_THAT(mDrawing.svg(), HasSubstr(">" + text + "</text>"));
 }
 
-TEST_F(DrawingTest, AnEmptyPageIsStillAPicture) {
+TEST_F(DrawingTest, AnEmptyPageIsAnImage) {
     mDrawing.setHeight(1);
     EXPECT_THAT(mDrawing.svg(), HasSubstr("viewBox=\"0 0 400 1\""));
     EXPECT_THAT(mDrawing.png(), testing::StartsWith("\x89PNG\r\n"));
 }
 
-TEST_F(DrawingTest, APictureThatIsTooLargeForMemoryIsNone) {
+TEST_F(DrawingTest, AnImageThatIsTooLargeIsEmpty) {
     mDrawing.setHeight(1e6);  // the library's limit is 32767
     EXPECT_EQ(mDrawing.png(), "");
 }

@@ -55,7 +55,7 @@ TEST(MixValidationTest, EachZeroOfAMixWithVideoIsRefused) {
     EXPECT_THAT(diagnosed(config), IsEmpty());
 }
 
-TEST(MixValidationTest, AMixOfNobodyIsRefused) {
+TEST(MixValidationTest, AMixWithoutInputsIsRefused) {
     EXPECT_THAT(diagnosed(mix({})), ElementsAre("error: field mixUsersArray is empty: must have at least one input"));
 }
 
@@ -97,7 +97,7 @@ TEST(MixValidationTest, AnInputThatHigherLayersHideTogetherIsWarnedOf) {
     EXPECT_THAT(diagnosed(mix({fullScreen("a", 0), user("left", 5, {0, 0, 640, 720})})), IsEmpty());
 }
 
-TEST(MixValidationTest, AnInputOfAudioHidesNobody) {
+TEST(MixValidationTest, AnInputOfAudioHidesNothing) {
     User audio = audioUser("b");
     audio.zOrder = 5;
     audio.rect = {0, 0, 1280, 720};
@@ -127,9 +127,9 @@ TEST(MixValidationTest, NamesWithAnAmbiguousStreamIdAreWarnedOf) {
     User again = user("c", 5, {800, 0, 100, 100});
     aux.streamType = again.streamType = 2;
     User main = user("c", 6, {1000, 0, 100, 100});
-    User nobody = user("", 7, {0, 200, 100, 100});
+    User unnamed = user("", 7, {0, 200, 100, 100});
     EXPECT_THAT(
-        diagnosed(mix({zero, longName, longest, aux, again, main, nobody})),
+        diagnosed(mix({zero, longName, longest, aux, again, main, unnamed})),
         ElementsAre("warning: field mixUsersArray[0].userId is cut at its zero character",
                     "warning: field mixUsersArray[2] roomId and userId are too long: the stream id depends on their "
                     "beginning only",

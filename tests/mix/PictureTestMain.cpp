@@ -18,9 +18,8 @@ bool isPangosThread(const std::filesystem::path& task) {
 
 }  // namespace
 
-// Pango looks for fonts on threads of its own, which outlive the drawing that asked, hold fonts until they are done,
-// and cannot be waited for in another way. The fonts' catalogue is fontconfig's: it hides its pointers from a leak
-// check, and frees it only when told.
+// Pango searches fonts on its own threads. They outlive the drawing, hold fonts until they end, and cannot be joined.
+// fontconfig hides the pointers of its font list from the leak check and frees the list only in FcFini().
 int main(int argc, char** argv) {
     testing::InitGoogleMock(&argc, argv);
     const int result = RUN_ALL_TESTS();

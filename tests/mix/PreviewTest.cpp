@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 
+#include <array>
+#include <cmath>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,43 +38,34 @@ SvgDocument preview(const Config& config) {
     return document;
 }
 
-// Its part of the canvas, from 0 to 1.
-struct Part {
-    double x, y, w, h;
-};
-bool operator==(const Part& a, const Part& b) {
-    const auto near = [](double c, double d) { return std::abs(c - d) < 0.001; };
-    return near(a.x, b.x) && near(a.y, b.y) && near(a.w, b.w) && near(a.h, b.h);
-}
-void PrintTo(const Part& part, std::ostream* out) {
-    *out << part.x << ' ' << part.y << ' ' << part.w << ' ' << part.h;
-}
+// x, y, width and height of the elements, in pixels of a canvas of 1280 by 720.
+using Part = std::array<long, 4>;
 std::vector<Part> parts(const SvgDocument& document, const char* kind) {
     const SvgElement canvas = document.ofKind("canvas").at(0);
+    const double scale = 1280 / canvas.number("width");
+    const auto pixels = [scale](double length) { return std::lround(length * scale); };
     std::vector<Part> found;
     for (const SvgElement& element : document.ofKind(kind)) {
-        found.push_back({(element.number("x") - canvas.number("x")) / canvas.number("width"),
-                         (element.number("y") - canvas.number("y")) / canvas.number("height"),
-                         element.number("width") / canvas.number("width"),
-                         element.number("height") / canvas.number("height")});
+        found.push_back({pixels(element.number("x") - canvas.number("x")),
+                         pixels(element.number("y") - canvas.number("y")), pixels(element.number("width")),
+                         pixels(element.number("height"))});
     }
     return found;
 }
 
-TEST(PreviewTest, RectanglesStandToScaleInTheOrderInWhichTheyAreSent) {
+TEST(PreviewTest, RectanglesAreToScaleInTheOrderInWhichTheyAreSent) {
     const SvgDocument document = preview(mix({user("top", 9, {640, 360, 640, 360}), user("low", 2, {0, 0, 1280, 720}),
                                               user("middle", 5, {320, 0, 320, 180})}));
 
     EXPECT_THAT(parts(document, "on-canvas"),
-                ElementsAre(Part{0, 0, 1, 1}, Part{0.25, 0, 0.25, 0.25}, Part{0.5, 0.5, 0.5, 0.5}));
-    const SvgElement canvas = document.ofKind("canvas").at(0);
-    EXPECT_NEAR(canvas.number("width") / canvas.number("height"), 1280.0 / 720, 0.001);
+                ElementsAre(Part{0, 0, 1280, 720}, Part{320, 0, 320, 180}, Part{640, 360, 640, 360}));
+    EXPECT_THAT(parts(document, "canvas"), ElementsAre(Part{0, 0, 1280, 720}));
     EXPECT_THAT(document.texts("entry-user"), ElementsAre("low", "middle", "top"));
     EXPECT_THAT(document.texts("entry-number"), ElementsAre("2", "3", "4"));
     EXPECT_THAT(document.ofKind("hatch"), IsEmpty());
 }
 
-TEST(PreviewTest, ARectangleSaysWhoAndHowItIsSent) {
+TEST(PreviewTest, ARectangleShowsItsUserAndStream) {
     User guest = user("bob", 3, {640, 0, 640, 720});
     guest.roomId = "4712";
     guest.streamType = 2;
@@ -87,7 +81,7 @@ TEST(PreviewTest, ARectangleSaysWhoAndHowItIsSent) {
                                                                requests::streamId(3891, "4712", "bob", false)));
 }
 
-TEST(PreviewTest, TheHeadTellsTheOutput) {
+TEST(PreviewTest, TheHeadShowsTheOutput) {
     Config config = mix({user("a", 1)});
     config.videoGOP = -1;
     config.audioBitrate = -1;
@@ -104,19 +98,18 @@ TEST(PreviewTest, TheHeadTellsTheOutput) {
     EXPECT_THAT(document.texts("refusal"), IsEmpty());
 }
 
-TEST(PreviewTest, WhatLiesOffTheCanvasIsHatched) {
+TEST(PreviewTest, ThePartOutsideTheCanvasIsHatched) {
     const SvgDocument document = preview(mix({user("a", 1, {1180, 100, 200, 100})}));
 
-    EXPECT_THAT(parts(document, "on-canvas"), ElementsAre(Part{1180.0 / 1280, 100.0 / 720, 100.0 / 1280, 100.0 / 720}));
-    EXPECT_THAT(parts(document, "off-canvas"),
-                ElementsAre(Part{1180.0 / 1280, 100.0 / 720, 200.0 / 1280, 100.0 / 720}));
+    EXPECT_THAT(parts(document, "on-canvas"), ElementsAre(Part{1180, 100, 100, 100}));
+    EXPECT_THAT(parts(document, "off-canvas"), ElementsAre(Part{1180, 100, 200, 100}));
     EXPECT_THAT(document.texts("warning"), ElementsAre("mixUsersArray[0].rect lies partly outside the canvas"));
     const auto hatches = document.ofKind("hatch");
     ASSERT_THAT(hatches, SizeIs(2)) << "the part and the legend";
     EXPECT_EQ(hatches[0].attribute("fill"), "url(#hatch)");
 }
 
-TEST(PreviewTest, WhatTheAdapterRefusesIsRed) {
+TEST(PreviewTest, RefusedInputsAreRed) {
     Config config = mix({user("a", 1, {0, 0, 640, 720}), user("b", 1, {640, 0, 640, 720})});
     config.videoBitrate = 0;
     const SvgDocument document = preview(config);
@@ -133,7 +126,7 @@ TEST(PreviewTest, WhatTheAdapterRefusesIsRed) {
     EXPECT_THAT(document.ofKind("on-canvas"), SizeIs(1));
 }
 
-TEST(PreviewTest, InputsOfAudioStandBesideTheCanvas) {
+TEST(PreviewTest, AudioInputsAreListedBesideTheCanvas) {
     User audio = audioUser("carol");
     audio.zOrder = 1;
     const SvgDocument document = preview(mix({user("a", 2), audio}));
@@ -171,23 +164,16 @@ TEST(PreviewTest, AnInputBesideTheCanvasHasItsNumberOnTheHatching) {
     EXPECT_THAT(document.texts("user"), ElementsAre("b"));
 }
 
-TEST(PreviewTest, ALabelStandsWhereNoHigherLayerHidesIt) {
+TEST(PreviewTest, ALabelIsWhereNoHigherLayerCoversIt) {
     const SvgDocument document =
-        preview(mix({user("below", 1, {0, 0, 1280, 720}), user("above", 2, {0, 0, 1000, 700})}));
-
+        preview(mix({user("covered", 1), user("below", 2, {0, 0, 1280, 720}), user("above", 3, {0, 0, 1000, 700})}));
+    EXPECT_THAT(document.texts("entry-user"), ElementsAre("covered", "below", "above"));
+    ASSERT_THAT(document.texts("user"), ElementsAre("above", "below"));
     const SvgElement canvas = document.ofKind("canvas").at(0);
-    const SvgElement label = document.ofKind("user").at(1);
-    ASSERT_EQ(label.text, "below");
-    EXPECT_GT(label.number("x"), canvas.number("x") + canvas.number("width") * 1000 / 1280);
+    EXPECT_GT(document.ofKind("user")[1].number("x"), canvas.number("x") + canvas.number("width") * 1000 / 1280);
 }
 
-TEST(PreviewTest, AHiddenInputIsListedAndHasNoLabel) {
-    const SvgDocument document = preview(mix({user("below", 1), user("above", 2, {0, 0, 1280, 720})}));
-    EXPECT_THAT(document.texts("user"), ElementsAre("above"));
-    EXPECT_THAT(document.texts("entry-user"), ElementsAre("below", "above"));
-}
-
-TEST(PreviewTest, ACanvasWithoutASizeIsToldAndTheInputsAreDrawn) {
+TEST(PreviewTest, ACanvasWithoutASizeIsReportedAndTheInputsAreDrawn) {
     Config config = mix({user("a", 1, {0, 0, 2000, 2000})});
     config.videoWidth = -1;
     const SvgDocument document = preview(config);
@@ -208,28 +194,21 @@ TEST(PreviewTest, TheSameMixGivesTheSameBytes) {
     }
 }
 
-// ---- Anything that a configuration can hold
+// ---- Arbitrary configurations
 
-struct Extent {
-    double left, right;
-};
-
-void expectSound(const SvgDocument& document) {
+void expectWithinBounds(const SvgDocument& document) {
     const SvgElement& page = document.elements().at(0);
     ASSERT_LE(page.number("width"), kPreviewWidth);
     ASSERT_LE(page.number("height"), kPreviewMaxHeight);
-    std::map<std::string, Extent> inputs;
-    double list = kPreviewWidth;  // where it begins
-    for (const SvgElement& entry : document.ofKind("entry-badge")) {
-        list = entry.number("x");
-    }
+    std::map<std::string, std::pair<double, double>> inputs;  // left and right
+    const auto entries = document.ofKind("entry-badge");
+    const double list = entries.empty() ? kPreviewWidth : entries.back().number("x");  // where it begins
     for (const SvgElement& element : document.elements()) {
         if (element.name == "rect" && element.kind() != "page") {
-            ASSERT_GE(element.number("width"), 0.0) << element.kind();
-            ASSERT_GE(element.number("height"), 0.0) << element.kind();
-            ASSERT_GE(element.number("x"), 0.0) << element.kind();
+            for (const char* attribute : {"x", "y", "width", "height"}) {
+                ASSERT_GE(element.number(attribute), 0.0) << attribute << " of " << element.kind();
+            }
             ASSERT_LE(element.number("x") + element.number("width"), kPreviewWidth) << element.kind();
-            ASSERT_GE(element.number("y"), 0.0) << element.kind();
             ASSERT_LE(element.number("y") + element.number("height"), page.number("height")) << element.kind();
             if (element.kind() == "on-canvas" || element.kind() == "on-canvas refused") {
                 inputs[element.groups.back()] = {element.number("x"), element.number("x") + element.number("width")};
@@ -242,29 +221,29 @@ void expectSound(const SvgDocument& document) {
         ASSERT_GE(element.number("x"), 0.0) << element.text;
         ASSERT_LE(right, kPreviewWidth) << element.text;
         ASSERT_LE(element.number("y"), page.number("height")) << element.text;
-        if (element.kind() == "refusal" || element.kind() == "warning" || element.kind() == "legend" ||
-            element.kind() == "refused-head") {
+        const std::set<std::string> besideTheList = {"refusal", "warning", "legend", "refused-head"};
+        if (besideTheList.count(element.kind()) != 0) {
             ASSERT_LT(right, list) << element.text;
         }
-        // A label stays in its rectangle.
+        // A label is within its rectangle.
         if (!element.groups.empty() && (element.kind() == "user" || element.kind() == "fact")) {
             ASSERT_EQ(inputs.count(element.groups.back()), 1U);
-            ASSERT_GE(element.number("x"), inputs[element.groups.back()].left) << element.text;
-            ASSERT_LE(right, inputs[element.groups.back()].right) << element.text;
+            ASSERT_GE(element.number("x"), inputs[element.groups.back()].first) << element.text;
+            ASSERT_LE(right, inputs[element.groups.back()].second) << element.text;
         }
     }
 }
 
-TEST(PreviewTest, AnyMixGivesABoundedPictureWithEachTextInItsPlace) {
+TEST(PreviewTest, AnyMixGivesABoundedDrawingWithEachTextInItsBounds) {
     std::mt19937 random(5);
     for (int round = 0; round < 150; ++round) {
         const Config config = randomMix(random);
         SCOPED_TRACE(config.to_string());
-        ASSERT_NO_FATAL_FAILURE(expectSound(preview(config)));
+        ASSERT_NO_FATAL_FAILURE(expectWithinBounds(preview(config)));
     }
 }
 
-TEST(PreviewTest, CanvasesOfAnySizeGiveABoundedPicture) {
+TEST(PreviewTest, CanvasesOfAnySizeGiveABoundedDrawing) {
     constexpr int32_t kHighest = 2147483647;
     for (const auto& [width, height] : {std::pair(kHighest, 1), std::pair(1, kHighest), std::pair(kHighest, kHighest),
                                         std::pair(1, 1), std::pair(0, 0), std::pair(-kHighest - 1, -kHighest - 1)}) {
@@ -272,7 +251,7 @@ TEST(PreviewTest, CanvasesOfAnySizeGiveABoundedPicture) {
                              user("far", 1, {kHighest, kHighest, kHighest, kHighest}), user("near", 2, {0, 0, 1, 1})});
         config.videoWidth = width;
         config.videoHeight = height;
-        ASSERT_NO_FATAL_FAILURE(expectSound(preview(config)));
+        ASSERT_NO_FATAL_FAILURE(expectWithinBounds(preview(config)));
         EXPECT_THAT(drawn(config)->png(), StartsWith("\x89PNG"));
     }
 }
@@ -283,13 +262,13 @@ TEST(PreviewTest, VeryManyInputsAreCounted) {
         users.push_back(user("user", i, {i, i, 50, 50}));
     }
     const SvgDocument document = preview(mix(users));
-    ASSERT_NO_FATAL_FAILURE(expectSound(document));
+    ASSERT_NO_FATAL_FAILURE(expectWithinBounds(document));
     EXPECT_THAT(document.texts("entry-user"), SizeIs(17));
     EXPECT_THAT(document.texts("more"), Contains("and 4983 more"));
     EXPECT_EQ(document.ofKind("on-canvas").size() + document.ofKind("on-canvas refused").size(), 40U);
 }
 
-TEST(PreviewTest, AsManyInputsAsTheAdapterTakesAreAllListed) {
+TEST(PreviewTest, AsManyInputsAsTheAdapterAcceptsAreAllListed) {
     std::vector<User> users = {audioUser("audio")};
     for (int layer = 1; layer <= 16; ++layer) {
         users.push_back(user("user" + std::to_string(layer), layer, {layer * 70, 0, 70, 720}));
@@ -298,23 +277,23 @@ TEST(PreviewTest, AsManyInputsAsTheAdapterTakesAreAllListed) {
     config.videoBitrate = config.videoFramerate = config.videoGOP = -1;
     config.audioSampleRate = config.audioBitrate = config.audioChannels = -1;
     const SvgDocument document = preview(config);
-    ASSERT_NO_FATAL_FAILURE(expectSound(document));
+    ASSERT_NO_FATAL_FAILURE(expectWithinBounds(document));
     EXPECT_THAT(document.texts("entry-user"), SizeIs(17));
     EXPECT_THAT(document.texts("number"), SizeIs(17)) << "16 inputs and the legend";
     EXPECT_THAT(document.texts("more"), IsEmpty());
 }
 
-TEST(PreviewTest, LongNamesAreCutToTheirPlace) {
+TEST(PreviewTest, LongNamesAreCutToTheirWidth) {
     User long1 = user(std::string(5000, 'w'), 1, {0, 0, 640, 720});
     long1.roomId = std::string(5000, 'r');
     const SvgDocument document = preview(mix({long1}));
-    ASSERT_NO_FATAL_FAILURE(expectSound(document));
+    ASSERT_NO_FATAL_FAILURE(expectWithinBounds(document));
     EXPECT_THAT(document.texts("user"), ElementsAre(testing::EndsWith("\u2026")));
     EXPECT_THAT(document.texts("fact"), ElementsAre("main stream", testing::EndsWith("\u2026")));
     EXPECT_THAT(document.texts("entry-stream"), ElementsAre(testing::EndsWith("\u2026")));
 }
 
-TEST(PreviewTest, NamesAreTextAndNothingElse) {
+TEST(PreviewTest, NamesAreEscaped) {
     const std::string name = "<b onclick=\"x\">&amp;'</b>]]>";
     const SvgDocument document = preview(mix({user(name, 1, {0, 0, 1280, 720})}));
     EXPECT_THAT(document.texts("user"), ElementsAre(name));
@@ -327,15 +306,10 @@ TEST(PreviewTest, ThePngHasTheSizeOfTheSvg) {
     const auto drawing = drawn(mix({user("a", 1)}));
     const std::string png = drawing->png();
     ASSERT_THAT(png, StartsWith("\x89PNG\r\n\x1a\n"));
-    const auto number = [&png](size_t at) {
-        unsigned value = 0;
-        for (size_t i = 0; i < 4; ++i) {
-            value = value << 8 | static_cast<unsigned char>(png.at(at + i));
-        }
-        return value;
-    };
-    EXPECT_EQ(number(16), 1280U);
-    EXPECT_EQ(number(20), static_cast<unsigned>(std::ceil(drawing->height())));
+    const auto height = static_cast<unsigned>(std::ceil(drawing->height()));
+    const std::string size{
+        0, 0, 5, 0, 0, 0, static_cast<char>(height >> 8), static_cast<char>(height)};  // 1280 = 5 * 256
+    EXPECT_EQ(png.substr(16, 8), size);
 }
 
 }  // namespace vexalive

@@ -1,4 +1,4 @@
-// An SVG as a list of its elements, read by an XML parser that knows nothing of how it was written.
+// An SVG as a list of its elements, read by an XML parser that is independent of the code that wrote it.
 
 #ifndef VEXALIVE_TESTS_MIX_SVG_DOCUMENT_H
 #define VEXALIVE_TESTS_MIX_SVG_DOCUMENT_H
@@ -50,7 +50,7 @@ public:
         g_markup_parse_context_free(context);
     }
 
-    const std::string& error() const { return mError; }  // empty: it is XML
+    const std::string& error() const { return mError; }  // empty if the SVG is well-formed
     const std::vector<SvgElement>& elements() const { return mElements; }
 
     std::vector<SvgElement> ofKind(const std::string& kind) const {

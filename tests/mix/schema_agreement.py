@@ -1,4 +1,4 @@
-"""The published schema takes exactly the files that the reader takes: schema_agreement.py PROBE SCHEMA EXAMPLES."""
+"""The published schema accepts exactly the files that the reader accepts: schema_agreement.py PROBE SCHEMA EXAMPLES."""
 
 import copy
 import json
@@ -11,7 +11,7 @@ import tempfile
 try:
     from jsonschema import Draft202012Validator
 except ImportError as missing:
-    print("skipped: the Python module jsonschema is not here (Debian: python3-jsonschema):", missing)
+    print("skipped: the Python module jsonschema is not installed (Debian: python3-jsonschema):", missing)
     sys.exit(77)
 
 probe, schema_file, examples = sys.argv[1:]
@@ -95,40 +95,40 @@ def containers(value):
             yield from containers(part)
 
 
-def changed(value, chance):
+def changed(value, generator):
     value = copy.deepcopy(value)
-    for _ in range(chance.randint(1, 2)):
-        place = chance.choice(list(containers(value)))
-        if isinstance(place, list):
-            place.append(copy.deepcopy(chance.choice(VALUES)))
-        elif place and chance.random() < 0.4:
-            del place[chance.choice(sorted(place))]
+    for _ in range(generator.randint(1, 2)):
+        container = generator.choice(list(containers(value)))
+        if isinstance(container, list):
+            container.append(copy.deepcopy(generator.choice(VALUES)))
+        elif container and generator.random() < 0.4:
+            del container[generator.choice(sorted(container))]
         else:
-            names = sorted(place) if place and chance.random() < 0.7 else NAMES
-            place[chance.choice(names)] = copy.deepcopy(chance.choice(VALUES))
+            names = sorted(container) if container and generator.random() < 0.7 else NAMES
+            container[generator.choice(names)] = copy.deepcopy(generator.choice(VALUES))
     return value
 
 
-chance = random.Random(20)
+generator = random.Random(20)
 cases = [(value, True) for value in GOOD] + [(value, False) for value in BAD]
 cases += [(json.loads(path.read_text()), True) for path in sorted(pathlib.Path(examples).glob("*.json"))]
-cases += [(changed(chance.choice(GOOD), chance), None) for _ in range(1000)]
+cases += [(changed(generator.choice(GOOD), generator), None) for _ in range(1000)]
 
 with tempfile.TemporaryDirectory() as folder:
     paths = []
     for number, (value, _) in enumerate(cases):
         paths.append(pathlib.Path(folder) / f"{number}.json")
         paths[-1].write_text(json.dumps(value))
-    verdicts = subprocess.run([probe, *paths], check=True, capture_output=True, text=True).stdout.split()
+    results = subprocess.run([probe, *paths], check=True, capture_output=True, text=True).stdout.split()
 
 failures = 0
-assert len(verdicts) == len(cases)
-for (value, expected), verdict in zip(cases, verdicts):
+assert len(results) == len(cases)
+for (value, expected), result in zip(cases, results):
     by_schema = validator.is_valid(value)
-    if by_schema != (verdict == "good") or (expected is not None and by_schema != expected):
+    if by_schema != (result == "good") or (expected is not None and by_schema != expected):
         failures += 1
-        print("disagreed: reader", verdict, ", schema", "good" if by_schema else "bad", ":", json.dumps(value))
-good = verdicts.count("good")
+        print("disagreed: reader", result, ", schema", "good" if by_schema else "bad", ":", json.dumps(value))
+good = results.count("good")
 print(f"{len(cases)} files, {good} good and {len(cases) - good} bad; {failures} disagreements")
 assert good > 100 and len(cases) - good > 100
 sys.exit(1 if failures else 0)
