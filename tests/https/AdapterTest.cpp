@@ -23,6 +23,7 @@
 #include "base/ServiceAddress.h"
 #include "platform/Platform.h"
 #include "service/LiveService.h"
+#include "support/Poll.h"
 #include "support/RoomMember.h"
 
 namespace {
@@ -55,12 +56,12 @@ Fault failing(int count) {
 constexpr int kUntilCleared = 0;  // for `count`
 
 // While it exists, the service carries requests out and withholds the responses.
-class HeldAnswers {
+class HeldResponses {
 public:
-    HeldAnswers() { setHolds(true); }
-    ~HeldAnswers() { setHolds(false); }
-    HeldAnswers(const HeldAnswers&) = delete;
-    HeldAnswers& operator=(const HeldAnswers&) = delete;
+    HeldResponses() { setHolds(true); }
+    ~HeldResponses() { setHolds(false); }
+    HeldResponses(const HeldResponses&) = delete;
+    HeldResponses& operator=(const HeldResponses&) = delete;
 
     // On a thread of the service, before it responds.
     static void wait() {
@@ -85,13 +86,9 @@ private:
     }
 };
 
-// The last to hold it may be a task that is just ending.
-bool waitUntilGone(const std::weak_ptr<LiveTranscodingAdapter>& adapter) {
-    const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
-    while (!adapter.expired() && std::chrono::steady_clock::now() < patience) {
-        std::this_thread::yield();
-    }
-    return adapter.expired();
+// The last owner may be a task that is just ending.
+bool waitUntilDestroyed(const std::weak_ptr<LiveTranscodingAdapter>& adapter) {
+    return pollUntil([&] { return adapter.expired(); });
 }
 
 std::string streamOf(const std::string& userId) {
@@ -173,18 +170,21 @@ void startMix(LiveTranscodingAdapter& adapter) {
     adapter.setLiveMixTranscoding(mixConfig(2));
 }
 
-// The four kinds of request.
 struct Request {
     const char* name;
+    oracle::Kind kind;
     Operation before;  // has to be done already; may be null
     Operation ask;
-    const char* call;  // the listener's
-    int transportError;
-    int serverErrorBase;
-    int event;  // of the report
-    const char* information;
-    bool tracesItsCounter;                // else the trace shows another one, which is at 0
+    const char* information;              // part of the report
     std::vector<std::string> operations;  // of the service, in the end
+
+    const oracle::KindRules& rules() const { return oracle::rulesOf(kind); }
+
+    // The stop of a relay traces the counter of its start, which is at 0.
+    std::string traceSegment(int attemptsLeft) const {
+        const int shown = rules().tracedCounter == kind ? attemptsLeft : 0;
+        return " [tryHttp:cnt-" + std::to_string(shown) + "]";
+    }
 };
 
 void PrintTo(const Request& request, std::ostream* out) {
@@ -193,54 +193,29 @@ void PrintTo(const Request& request, std::ostream* out) {
 
 const std::vector<Request> kRequests = {
     {"RelayStart",
+     oracle::kAddRelay,
      nullptr,
      startRelay,
-     "startRelay",
-     -3321,
-     -200000,
-     30,
      "appId:1234, bizId:8888, url:rtmp://cdn.example/live/stream",
-     true,
      {"add"}},
     {"RelayStop",
+     oracle::kRemoveRelay,
      startRelay,
      [](LiveTranscodingAdapter& adapter) { adapter.stopPublishStreamUrl(); },
-     "stopRelay",
-     -3321,
-     -200000,
-     30,
      "\"interface\":\"remove_relay_stream_url\"",
-     false,
      {"add", "remove"}},
-    {"MixStart",
-     nullptr,
-     startMix,
-     "setMix",
-     -3322,
-     -300000,
-     31,
-     "appId:1234, bizId:8888, width:720, height:1280",
-     true,
-     {"start"}},
+    {"MixStart", oracle::kStartMix, nullptr, startMix, "appId:1234, bizId:8888, width:720, height:1280", {"start"}},
     {"MixUpdate",
+     oracle::kStartMix,
      startMix,
      [](LiveTranscodingAdapter& adapter) { adapter.setLiveMixTranscoding(mixConfig(3)); },
-     "setMix",
-     -3322,
-     -300000,
-     31,
      " mixUser3:[userId:guest3",
-     true,
      {"start", "update"}},
     {"MixCancel",
+     oracle::kCancelMix,
      startMix,
      [](LiveTranscodingAdapter& adapter) { adapter.stopLiveMixTranscoding(); },
-     "stopMix",
-     -3322,
-     -300000,
-     31,
      "\"layout_params\":{\"image_layer\":1}",
-     true,
      {"start", "cancel"}},
 };
 
@@ -329,7 +304,7 @@ protected:
     }
 
     // Everything that was logged, reported, notified, observed of exchanges and recorded by the service.
-    std::string textsThatLeave(const Listener& listener) const {
+    std::string allOutput(const Listener& listener) const {
         std::string all = service->stateJson();
         for (const std::string& line : mLines->all()) {
             all += line + "\n";
@@ -356,10 +331,9 @@ class EachRequest : public AdapterOverHttps, public testing::WithParamInterface<
 protected:
     // The listener call for a request that failed without a response.
     static Call transportFailure(int retCode) {
-        return {GetParam().call, GetParam().transportError,
-                "http post return error， retcode:" + std::to_string(retCode)};
+        return oracle::evaluate(GetParam().kind, retCode, "").notifications[0];
     }
-    static Call success() { return {GetParam().call, 0, "sucess"}; }
+    static Call success() { return {GetParam().rules().name, 0, "sucess"}; }
 };
 
 class EachRefusedCall : public AdapterOverHttps, public testing::WithParamInterface<RefusedCall> {};
@@ -386,15 +360,14 @@ TEST_P(EachRequest, SucceedsOnTheThirdAttempt) {
     const vexalive::EventReport report = waitForReport(userId);
     EXPECT_EQ(1400, report.sdkAppId);
     EXPECT_EQ(10004, report.eventType);
-    EXPECT_EQ(GetParam().event, report.event);
+    EXPECT_EQ(GetParam().rules().event, report.event);
     EXPECT_THAT(report.information, HasSubstr(GetParam().information));
     const std::string& trace = report.detail;
     size_t at = 0;
     const std::pair<int, const char*> segments[] = {
         {10, "retCode:1, respData:"}, {9, "retCode:1, respData:"}, {8, "retCode:0, respData:{"}};
-    for (const auto& [counter, answer] : segments) {
-        const int shown = GetParam().tracesItsCounter ? counter : 0;
-        at = trace.find(" [tryHttp:cnt-" + std::to_string(shown) + "]" + answer, at);
+    for (const auto& [counter, response] : segments) {
+        at = trace.find(GetParam().traceSegment(counter) + response, at);
         ASSERT_NE(std::string::npos, at) << trace;
         ++at;
     }
@@ -433,18 +406,7 @@ TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
     EXPECT_THAT(history, ElementsAre(Pair("start", 2), Pair("update", 3), Pair("cancel", testing::_)));
 }
 
-TEST_P(EachRequest, RefusedByTheServiceIsReportedWithItsCode) {
-    const auto member = ready(GetParam(), "u-refused");
-    Fault refusal = of(Fault::Kind::kCode);
-    refusal.code = -77;
-    refusal.message = "no such app";
-    service->inject(refusal);
-    GetParam().ask(*member->adapter);
-    EXPECT_THAT(member->listener->calls.waitFor(1),
-                ElementsAre(Call{GetParam().call, GetParam().serverErrorBase - 77, "no such app"}));
-    EXPECT_EQ(1u, mExchanges->sends("u-refused").size());
-}
-
+// The subject is the retry timer, so this measures time.
 TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
     const auto members = readyForEach("u-schedule-");
     service->inject(failing(kUntilCleared));
@@ -455,7 +417,7 @@ TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
         const Request& request = kRequests[i];
         const std::string userId = std::string("u-schedule-") + request.name;
         EXPECT_THAT(members[i]->listener->calls.waitFor(1),
-                    ElementsAre(Call{request.call, request.transportError, "http post return error， retcode:1"}));
+                    testing::ContainerEq(oracle::evaluate(request.kind, 1, "").notifications));
         const auto sends = mExchanges->sends(userId);
         ASSERT_EQ(11u, sends.size()) << request.name;
         const int pauses[] = {1, 1, 2, 2, 2, 5, 5, 5, 5, 5};
@@ -470,63 +432,30 @@ TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
         const std::string trace = waitForReport(userId).detail;
         size_t at = 0;
         for (int counter = kRetryBudget; counter >= 0; --counter) {
-            const int shown = request.tracesItsCounter ? counter : 0;
-            at = trace.find(" [tryHttp:cnt-" + std::to_string(shown) + "]retCode:1, respData:", at);
+            at = trace.find(request.traceSegment(counter) + "retCode:1, respData:", at);
             ASSERT_NE(std::string::npos, at) << request.name << ": " << trace;
             ++at;
         }
     }
 }
 
-TEST_P(EachRequest, ToAnAddressThatNoUrlMayHoldIsReportedAndNotRetried) {
-    const auto member = ready(GetParam(), "u-blank");
-    member->adapter->updateUserInfo(1400, "a signature with blanks", "u-blank");
-    GetParam().ask(*member->adapter);
-    EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(transportFailure(1003)));
-    EXPECT_EQ(1u, mExchanges->sends("u-blank").size());
-}
-
-TEST_P(EachRequest, WithAnAnswerOverTheLimitIsReportedAndNotRetried) {
-    const auto member = ready(GetParam(), "u-huge");
-    service->inject(of(Fault::Kind::kHuge));
-    GetParam().ask(*member->adapter);
-    EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(transportFailure(1063)));
-    EXPECT_EQ(1u, mExchanges->sends("u-huge").size());
-}
-
-TEST_P(EachRequest, WithAnEmptyGarbledOrCutAnswerIsRetried) {
-    const auto userId = [](int i) { return "u-hostile" + std::to_string(i) + GetParam().name; };
-    const Fault::Kind kinds[] = {Fault::Kind::kEmpty, Fault::Kind::kGarbage, Fault::Kind::kCut};
-    std::vector<std::unique_ptr<Member>> members;
-    for (int i = 0; i < 3; ++i) {
-        members.push_back(ready(GetParam(), userId(i)));
-    }
-    for (size_t i = 0; i < 3; ++i) {
-        service->inject(of(kinds[i]));
-        GetParam().ask(*members[i]->adapter);
-        mExchanges->waitFor(2, userId(static_cast<int>(i)));  // its response
-    }
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_THAT(members[static_cast<size_t>(i)]->listener->calls.waitFor(1), ElementsAre(success()));
-        EXPECT_EQ(2u, mExchanges->sends(userId(i)).size());
-        EXPECT_EQ(GetParam().operations, operationsFor(userId(i)));
-    }
-}
-
 // ---- Listeners that block -------------------------------------------------------------------------------------------
 
-TEST_P(EachRequest, WhoseListenerBlocksDelaysNoOtherAdapter) {
-    const auto blocked = ready(GetParam(), "u-blocked");
-    Gate entered;
-    Gate leave;
-    blocked->listener->during = [&](const Call&) {
-        entered.open();
-        EXPECT_TRUE(leave.pass());
-    };
-    GetParam().ask(*blocked->adapter);
-    ASSERT_TRUE(entered.pass());
+TEST_F(AdapterOverHttps, ListenersOfEveryRequestThatBlockDelayNoOtherAdapter) {
+    Journal<bool> entered;
+    Gate mayReturn;  // outlives the members
+    const auto blocked = readyForEach("u-blocked-");
+    for (size_t i = 0; i < blocked.size(); ++i) {
+        blocked[i]->listener->during = [&](const Call&) {
+            entered.add(true);
+            EXPECT_TRUE(mayReturn.pass());
+        };
+        kRequests[i].ask(*blocked[i]->adapter);
+    }
+    ASSERT_TRUE(entered.await(blocked.size()));
+    std::this_thread::sleep_for(3s);  // longer than an idle thread lives
 
-    // The responses, retries and refusals of the others are delivered while the first still blocks.
+    // The responses, retries and refusals of the others are delivered while all of these still block.
     service->inject(failing(2));
     std::vector<std::unique_ptr<Member>> others;
     for (int i = 0; i < 10; ++i) {
@@ -541,50 +470,41 @@ TEST_P(EachRequest, WhoseListenerBlocksDelaysNoOtherAdapter) {
                     UnorderedElementsAre(Call{"startRelay", 0, "sucess"}, Call{"setMix", 0, "sucess"}));
     }
     EXPECT_EQ(1u, refused.listener->calls.waitFor(1).size());
-    EXPECT_TRUE(blocked->listener->calls.all().empty());
-    leave.open();
-    EXPECT_THAT(blocked->listener->calls.waitFor(1), ElementsAre(success()));
-}
-
-TEST_F(AdapterOverHttps, ListenersThatSleepThreeSecondsDelayNoOtherAdapter) {
-    const auto sleepers = readyForEach("u-sleeper-");
-    Journal<bool> asleep;
-    for (size_t i = 0; i < sleepers.size(); ++i) {
-        sleepers[i]->listener->during = [&](const Call&) {
-            asleep.add(true);
-            std::this_thread::sleep_for(3s);
-        };
-        kRequests[i].ask(*sleepers[i]->adapter);
+    for (const auto& each : blocked) {
+        EXPECT_TRUE(each->listener->calls.all().empty());
     }
-    ASSERT_EQ(sleepers.size(), asleep.waitFor(sleepers.size()).size());
-    Member awake("u-awake");
-    startRelay(*awake.adapter);
-    startMix(*awake.adapter);
-    EXPECT_THAT(awake.listener->calls.waitFor(2),
-                UnorderedElementsAre(Call{"startRelay", 0, "sucess"}, Call{"setMix", 0, "sucess"}));
-    for (const auto& sleeper : sleepers) {
-        EXPECT_TRUE(sleeper->listener->calls.all().empty());  // asleep all the while
-    }
-    for (const auto& sleeper : sleepers) {
-        EXPECT_EQ(1u, sleeper->listener->calls.waitFor(1).size());
+    mayReturn.open();
+    for (size_t i = 0; i < blocked.size(); ++i) {
+        EXPECT_THAT(blocked[i]->listener->calls.waitFor(1), ElementsAre(Call{kRequests[i].rules().name, 0, "sucess"}));
     }
 }
 
 // ---- The adapter's end ----------------------------------------------------------------------------------------------
 
+// Drops the adapter in the listener call that `ask` leads to.
+void expectDropInListenerCall(Member& member, Operation ask, const Call& expected) {
+    const std::weak_ptr<LiveTranscodingAdapter> adapter = member.adapter;
+    Gate asked;
+    member.listener->during = [&](const Call&) {
+        EXPECT_TRUE(asked.pass());
+        member.adapter.reset();
+    };
+    ask(*member.adapter);
+    asked.open();
+    EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(expected));
+    EXPECT_TRUE(waitUntilDestroyed(adapter));
+}
+
 TEST_P(EachRequest, ItsListenerCallMayDropTheAdapter) {
     for (int i = 0; i < 20; ++i) {
-        const auto member = ready(GetParam(), "u-dropped");
-        const std::weak_ptr<LiveTranscodingAdapter> adapter = member->adapter;
-        Gate asked;
-        member->listener->during = [&](const Call&) {
-            EXPECT_TRUE(asked.pass());
-            member->adapter.reset();
-        };
-        GetParam().ask(*member->adapter);
-        asked.open();
-        EXPECT_THAT(member->listener->calls.waitFor(1), ElementsAre(success()));
-        EXPECT_TRUE(waitUntilGone(adapter));
+        expectDropInListenerCall(*ready(GetParam(), "u-dropped"), GetParam().ask, success());
+    }
+}
+
+TEST_P(EachRefusedCall, ItsListenerCallMayDropTheAdapter) {
+    for (int i = 0; i < 20; ++i) {
+        Member member("u-dropped");
+        expectDropInListenerCall(member, GetParam().ask, GetParam().notified);
     }
 }
 
@@ -593,7 +513,7 @@ TEST_P(EachRequest, ItsListenerCallMayDropTheAdapterWithAnotherSuchRequestInFlig
         const std::string userId = "u-twice" + std::to_string(i) + GetParam().name;
         const auto member = ready(GetParam(), userId);
         const std::weak_ptr<LiveTranscodingAdapter> adapter = member->adapter;
-        std::optional<HeldAnswers> held;
+        std::optional<HeldResponses> held;
         Gate asked;
         member->listener->during = [&](const Call&) {
             EXPECT_TRUE(asked.pass());
@@ -605,26 +525,10 @@ TEST_P(EachRequest, ItsListenerCallMayDropTheAdapterWithAnotherSuchRequestInFlig
         GetParam().ask(*member->adapter);
         asked.open();
         EXPECT_EQ(1u, member->listener->calls.waitFor(1).size());
-        ASSERT_TRUE(waitUntilGone(adapter));
+        ASSERT_TRUE(waitUntilDestroyed(adapter));
         held.reset();
         mExchanges->waitForSilence(userId);
         EXPECT_THAT(member->listener->calls.all(), ElementsAre(success()));
-    }
-}
-
-TEST_P(EachRefusedCall, ItsListenerCallMayDropTheAdapter) {
-    for (int i = 0; i < 20; ++i) {
-        Member member("u-dropped");
-        const std::weak_ptr<LiveTranscodingAdapter> adapter = member.adapter;
-        Gate asked;
-        member.listener->during = [&](const Call&) {
-            EXPECT_TRUE(asked.pass());
-            member.adapter.reset();
-        };
-        GetParam().ask(*member.adapter);
-        asked.open();
-        EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().notified));
-        EXPECT_TRUE(waitUntilGone(adapter));
     }
 }
 
@@ -638,14 +542,14 @@ TEST_F(AdapterOverHttps, ARefusalsListenerCallMayDropTheAdapterWithARelayAndAMix
             EXPECT_TRUE(asked.pass());
             member.adapter.reset();
         };
-        std::optional<HeldAnswers> held(std::in_place);
+        std::optional<HeldResponses> held(std::in_place);
         startRelay(*member.adapter);
         startMix(*member.adapter);
         EXPECT_EQ(2u, mExchanges->waitForSends(2, userId).size());
         member.adapter->startPublishStreamUrl({});  // refused by a task, on the worker
         asked.open();
         EXPECT_EQ(1u, member.listener->calls.waitFor(1).size());
-        ASSERT_TRUE(waitUntilGone(adapter));
+        ASSERT_TRUE(waitUntilDestroyed(adapter));
         held.reset();
         mExchanges->waitForSilence(userId);
         EXPECT_THAT(member.listener->calls.all(), ElementsAre(kRefusedCalls[0].notified));
@@ -707,7 +611,7 @@ constexpr const char* kSignature = "S1gn4tur3";
 constexpr const char* kMapKey = "M4pK3y";
 
 // Success after a retry, refusal by the service, and two failures of the transport.
-TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
+TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoOutput) {
     const auto member = ready(GetParam(), "u-secret", kSignature, kMapKey);
     auto ask = [&member, count = size_t{0}]() mutable {
         GetParam().ask(*member->adapter);
@@ -718,27 +622,28 @@ TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
     Fault refusal = of(Fault::Kind::kCode);
     refusal.code = 77;
     service->inject(refusal);
-    EXPECT_EQ(GetParam().serverErrorBase - 77, ask().code);
+    EXPECT_EQ(GetParam().rules().serverBase - 77, ask().code);
     service->inject(of(Fault::Kind::kHuge));
     EXPECT_EQ(transportFailure(1063), ask());
     member->adapter->updateUserInfo(1400, std::string(kSignature) + " with a blank", "u-secret");
     EXPECT_EQ(transportFailure(1003), ask());
     EXPECT_EQ(4u, mReports->waitFor(4).size());
+    EXPECT_EQ(5u, mExchanges->sends("u-secret").size());  // only the first was retried
 
-    const std::string all = textsThatLeave(*member->listener);
+    const std::string all = allOutput(*member->listener);
     EXPECT_THAT(all, HasSubstr("r1_u-secret"));  // this is where they would be
     EXPECT_THAT(all, HasSubstr(streamOf("u-secret")));
     EXPECT_THAT(all, Not(HasSubstr(kSignature)));
     EXPECT_THAT(all, Not(HasSubstr(kMapKey)));
 }
 
-TEST_P(EachRefusedCall, ShowsTheSignatureAndTheMapKeyInNoTextThatLeavesTheAdapter) {
+TEST_P(EachRefusedCall, ShowsTheSignatureAndTheMapKeyInNoOutput) {
     Member member("u-secret", kSignature, kMapKey);
     GetParam().ask(*member.adapter);
     EXPECT_THAT(member.listener->calls.waitFor(1), ElementsAre(GetParam().notified));
     EXPECT_EQ(GetParam().reports, mReports->waitFor(GetParam().reports).size());
     EXPECT_FALSE(mLines->all().empty());
-    const std::string all = textsThatLeave(*member.listener);
+    const std::string all = allOutput(*member.listener);
     EXPECT_THAT(all, Not(HasSubstr(kSignature)));
     EXPECT_THAT(all, Not(HasSubstr(kMapKey)));
 }
@@ -754,7 +659,7 @@ int main(int argc, char** argv) {
     serviceOptions.stateFolder = folder;
     serviceOptions.observer = [](const vexalive::LiveServiceEvent& event) {
         served.add(event);
-        HeldAnswers::wait();
+        HeldResponses::wait();
     };
     int result = 1;
     {
