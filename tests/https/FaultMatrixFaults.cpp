@@ -13,7 +13,7 @@
 
 #include "FaultMatrix.h"
 #include "FaultMatrixHttp2.h"
-#include "FaultMatrixNginx.h"
+#include "Nginx.h"
 #include "base/CVexaHttpSendRecv.h"
 
 namespace {
@@ -22,8 +22,8 @@ using namespace std::chrono_literals;
 using Connection = ScriptedServer::Connection;
 using Strike = std::function<void(Stage&)>;
 
-constexpr int kTries = 11;
-constexpr int kTriesOfLibrary = 6;          // of a request that the server has not begun
+constexpr int kAttempts = 11;
+constexpr int kAttemptsOfLibrary = 6;       // of a request that the server has not begun
 constexpr size_t kLimit = size_t{1} << 20;  // of a response
 const std::string kWell = R"({"code":0,"message":"ok"})";
 const std::string kPage = "<html><body>not what was asked for</body></html>";
@@ -41,7 +41,7 @@ std::vector<Response> once(int retCode, const std::string& response) {
 }
 
 std::vector<Response> always(int retCode, const std::string& response) {
-    return std::vector<Response>(kTries, Response{retCode, response});
+    return std::vector<Response>(kAttempts, Response{retCode, response});
 }
 
 std::vector<Response> refusedByLibrary(CURLcode reason) {
@@ -249,17 +249,17 @@ struct BehindNginx {
               }
           }) {
         stage.serveNobody();
-        nginx = std::make_unique<Nginx>(stage.port(), server.port());
+        nginx = std::make_unique<Nginx>(stage.port(), "https", "127.0.0.1:" + std::to_string(server.port()));
         load = std::make_unique<Load>(stage.port());
-        load->awaitAnswers(100);
+        load->awaitResponses(100);
     }
 
     ~BehindNginx() {
-        const Load::Books books = load->end();
-        EXPECT_EQ(books.sent, books.notified());
-        EXPECT_EQ(0u, books.answeredBadly);
-        EXPECT_GE(books.answered, 200u);
-        std::printf("load: %zu sent, %zu answered, %zu to retry\n", books.sent, books.answered, books.lost);
+        const Load::Counts counts = load->end();
+        EXPECT_EQ(counts.sent, counts.notified());
+        EXPECT_EQ(0u, counts.failed);
+        EXPECT_GE(counts.succeeded, 200u);
+        std::printf("load: %zu sent, %zu succeeded, %zu to retry\n", counts.sent, counts.succeeded, counts.retryable);
     }
 
     Journal<bool> arrived;
@@ -271,7 +271,7 @@ struct BehindNginx {
 
 // Null where there is no nginx.
 BehindNginx* serveBehindNginx(Stage& stage) {
-    if (!Nginx::isThere()) {
+    if (!Nginx::isInstalled()) {
         stage.skip("no nginx on this machine");
         return nullptr;
     }
@@ -285,7 +285,7 @@ void reloadNginx(Stage& stage) {
         stage.meanwhile([scene] {
             scene->arrived.waitFor(1);
             scene->nginx->reload();
-            scene->load->awaitAnswers(100);
+            scene->load->awaitResponses(100);
             scene->letGo.add(true);
         });
     }
@@ -300,7 +300,7 @@ void killNginx(Stage& stage) {
             scene->letGo.add(true);
             stage.awaitAnswer(1);
             scene->nginx->start();
-            scene->load->awaitAnswers(100);
+            scene->load->awaitResponses(100);
             stage.pass();
         });
     }
@@ -359,21 +359,23 @@ std::vector<Fault> makeFaults() {
                               connect([](Connection& connection) { connection.waitForClient(); }), lost, 0}),
 
         // The connection.
-        {"ResetBeforeHeader", "reset before the header", resetAfter(""), lost, kTries},
-        {"ClosedBeforeHeader", "closed before the header", closeAfter(""), lost, kTries},
-        {"ResetInsideHeader", "reset inside the header", resetAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost, kTries},
-        {"ClosedInsideHeader", "closed inside the header", closeAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost, kTries},
-        {"ResetAfterHeader", "reset after the header", resetAfter(kHeadOfWell), lost, kTries},
-        {"ResetInsideBody", "reset inside the body", resetAfter(kHeadOfWell + kHalf), always(1, kHalf), kTries},
+        {"ResetBeforeHeader", "reset before the header", resetAfter(""), lost, kAttempts},
+        {"ClosedBeforeHeader", "closed before the header", closeAfter(""), lost, kAttempts},
+        {"ResetInsideHeader", "reset inside the header", resetAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost, kAttempts},
+        {"ClosedInsideHeader", "closed inside the header", closeAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost,
+         kAttempts},
+        {"ResetAfterHeader", "reset after the header", resetAfter(kHeadOfWell), lost, kAttempts},
+        {"ResetInsideBody", "reset inside the body", resetAfter(kHeadOfWell + kHalf), always(1, kHalf), kAttempts},
         {"LengthNotKept", "closed before the promised length", closeAfter(kHeadOfWell + kHalf), always(1, kHalf),
-         kTries},
+         kAttempts},
         {"ChunkingBroken", "a chunk that has no length", answer(chunked + "f\r\n" + kHalf + "\r\nno length\r\n"),
-         always(1, kHalf), kTries},
-        endingWithin(1s, {"TimeoutBeforeFirstByte", "no byte of an answer: time-out", silentAfter(""), lost, kTries}),
+         always(1, kHalf), kAttempts},
+        endingWithin(1s,
+                     {"TimeoutBeforeFirstByte", "no byte of an answer: time-out", silentAfter(""), lost, kAttempts}),
         endingWithin(2s, {"TimeoutInsideBody", "silence inside the body: time-out", silentAfter(kHeadOfWell + kHalf),
-                          always(1, kHalf), kTries}),
+                          always(1, kHalf), kAttempts}),
         endingWithin(
-            1s, {"ByteASecond", "a byte a second: time-out", byteBySecond(httpResponse(200, kWell)), lost, kTries}),
+            1s, {"ByteASecond", "a byte a second: time-out", byteBySecond(httpResponse(200, kWell)), lost, kAttempts}),
         {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, well, 1},
         {"RestartedWithARequestInHand",
          "the server dies with the request, is gone for one send, and is back",
@@ -384,24 +386,24 @@ std::vector<Fault> makeFaults() {
         // The response.
         {"Informational", "a 103 before the answer",
          answer("HTTP/1.1 103 Early Hints\r\n\r\n" + httpResponse(200, kWell)), well, 1},
-        {"InformationalOnly", "a 103 and no answer", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost, kTries},
-        {"Status204", "204", answer("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), kTries},
+        {"InformationalOnly", "a 103 and no answer", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost, kAttempts},
+        {"Status204", "204", answer("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), kAttempts},
         {"Status301", "301 to another host, with a page", status(301, "Location: https://elsewhere.invalid/\r\n"),
-         always(301, kPage), kTries},
-        {"Status401", "401 with a page", status(401), always(401, kPage), kTries},
-        {"Status404", "404 with a page", status(404), always(404, kPage), kTries},
+         always(301, kPage), kAttempts},
+        {"Status401", "401 with a page", status(401), always(401, kPage), kAttempts},
+        {"Status404", "404 with a page", status(404), always(404, kPage), kAttempts},
         {"Status404Json", "404 with JSON", answer(httpResponse(404, json404)), once(404, json404), 1},
-        {"Status408", "408", status(408), always(1, kPage), kTries},
-        {"Status425", "425", status(425), always(1, kPage), kTries},
-        {"Status429", "429", status(429), always(1, kPage), kTries},
-        {"Status500", "500", status(500), always(1, kPage), kTries},
-        {"Status502", "502", status(502), always(1, kPage), kTries},
-        {"Status503", "503", status(503), always(1, kPage), kTries},
-        {"Status504", "504", status(504), always(1, kPage), kTries},
-        {"Empty", "an empty answer", answer(httpResponse(200, "")), always(0, ""), kTries},
-        {"NotJson", "an answer that is not JSON", status(200), always(0, kPage), kTries},
+        {"Status408", "408", status(408), always(1, kPage), kAttempts},
+        {"Status425", "425", status(425), always(1, kPage), kAttempts},
+        {"Status429", "429", status(429), always(1, kPage), kAttempts},
+        {"Status500", "500", status(500), always(1, kPage), kAttempts},
+        {"Status502", "502", status(502), always(1, kPage), kAttempts},
+        {"Status503", "503", status(503), always(1, kPage), kAttempts},
+        {"Status504", "504", status(504), always(1, kPage), kAttempts},
+        {"Empty", "an empty answer", answer(httpResponse(200, "")), always(0, ""), kAttempts},
+        {"NotJson", "an answer that is not JSON", status(200), always(0, kPage), kAttempts},
         {"Gzip", "an answer packed with gzip", answer(httpResponse(200, kGzipOfWell, "Content-Encoding: gzip\r\n")),
-         always(0, kGzipOfWell), kTries},
+         always(0, kGzipOfWell), kAttempts},
         {"OverTheLimit", "an answer announced longer than the limit",
          answer(httpResponse(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
         {"OverTheLimitInChunks", "an answer that grows beyond the limit",
@@ -416,23 +418,23 @@ std::vector<Fault> makeFaults() {
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
-         lost, kTries},
+         lost, kAttempts},
         {"Http2StreamRefused", "HTTP/2: RST_STREAM that refuses the request",
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::resetStream(stream, http2::kRefusedStream));
          }),
-         lost, kTries * kTriesOfLibrary},
+         lost, kAttempts * kAttemptsOfLibrary},
         {"Http2StreamResetInsideBody", "HTTP/2: RST_STREAM inside the body",
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::okHead(stream) + http2::body(stream, kHalf, false));
              connection.waitUntilRead();
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
-         always(1, kHalf), kTries},
+         always(1, kHalf), kAttempts},
         {"Http2GoAwayBeforeAnswer", "HTTP/2: GOAWAY that leaves the request out",
          http2Answer([](Connection& connection, uint32_t) { connection.write(http2::goAway(0, http2::kNoError)); },
                      true),
-         lost, kTries},
+         lost, kAttempts},
         {"Http2GoAwayAndAnswer", "HTTP/2: GOAWAY that lets the request be answered",
          http2Answer([](Connection& connection, uint32_t stream) {
              connection.write(http2::goAway(stream, http2::kNoError) + http2::okHead(stream) +

@@ -1,8 +1,7 @@
-// An independent web server in front of a scripted one: nginx over HTTP/2, which is reloaded and killed while clients
-// keep it busy.
+// An independent web server in front of one of ours: nginx over HTTP/2, and clients that load it.
 
-#ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_NGINX_H
-#define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_NGINX_H
+#ifndef VEXALIVE_TESTS_HTTPS_NGINX_H
+#define VEXALIVE_TESTS_HTTPS_NGINX_H
 
 #include <sys/types.h>
 
@@ -18,10 +17,10 @@ class CVexaHttpSendRecv;
 
 class Nginx {
 public:
-    static bool isThere();
+    static bool isInstalled();
 
-    // Serves at once; what it gets it hands on to `upstream`, a port that speaks TLS.
-    Nginx(int port, int upstream);
+    // Serves at once and forwards to `backend`, a host and port that speaks `scheme`.
+    Nginx(int port, const std::string& scheme, const std::string& backend);
     ~Nginx();
     Nginx(const Nginx&) = delete;
     Nginx& operator=(const Nginx&) = delete;
@@ -29,6 +28,9 @@ public:
     void start();
     void reload();  // returns when a new worker process is there
     void killAll();
+
+    // "CONNECTION PROTOCOL STATUS" of each request, once that many are complete.
+    std::vector<std::string> log(size_t requests) const;
 
 private:
     std::vector<pid_t> workers() const;
@@ -48,18 +50,18 @@ public:
     Load(const Load&) = delete;
     Load& operator=(const Load&) = delete;
 
-    void awaitAnswers(size_t more);  // waits for that many from now on
+    void awaitResponses(size_t more);  // waits for that many from now on
 
-    struct Books {
+    struct Counts {
         size_t sent = 0;
-        size_t answered = 0;       // with 0
-        size_t lost = 0;           // with 1
-        size_t answeredBadly = 0;  // with anything else
+        size_t succeeded = 0;  // with 0
+        size_t retryable = 0;  // with 1
+        size_t failed = 0;     // with anything else
         size_t clientsThatEnded = 0;
 
-        size_t notified() const { return answered + lost + answeredBadly; }
+        size_t notified() const { return succeeded + retryable + failed; }
     };
-    Books end();  // no further request; waits for those in flight
+    Counts end();  // no further request; waits for those in flight
 
 private:
     void send(CVexaHttpSendRecv& client);
@@ -68,7 +70,7 @@ private:
     const std::string mUrl;
     std::mutex mMutex;
     std::condition_variable mChanged;
-    Books mBooks;
+    Counts mCounts;
     bool mEnding = false;
     std::vector<std::unique_ptr<CVexaHttpSendRecv>> mClients;  // last: their callbacks use the others
 };

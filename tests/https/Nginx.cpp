@@ -1,4 +1,4 @@
-#include "FaultMatrixNginx.h"
+#include "Nginx.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -9,29 +9,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <thread>
 
 #include "base/CVexaHttpSendRecv.h"
-#include "support/RoomMember.h"
+#include "support/Poll.h"
 #include "support/TestCertificates.h"
 
 namespace {
 
 constexpr const char* kProgram = "/usr/sbin/nginx";
 
-void waitUntil(const char* what, const std::function<bool()>& isSo) {
-    const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
-    while (!isSo()) {
-        if (std::chrono::steady_clock::now() > patience) {
-            std::fprintf(stderr, "nginx: no end of waiting until %s\n", what);
-            std::abort();
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+void waitUntil(const char* what, const std::function<bool()>& condition) {
+    if (!pollUntil(condition)) {
+        std::fprintf(stderr, "nginx: timeout while waiting until %s\n", what);
+        std::abort();
     }
 }
 
@@ -46,7 +40,7 @@ bool isServed(int port) {
     return connected;
 }
 
-std::string configuration(int port, int upstream) {
+std::string configuration(int port, const std::string& scheme, const std::string& backend) {
     return std::string(getuid() == 0 ? "user root;\n" : "") +
            "daemon off;\n"
            "worker_processes 1;\n"
@@ -54,19 +48,22 @@ std::string configuration(int port, int upstream) {
            "error_log error.log;\n"
            "events { worker_connections 512; }\n"
            "http {\n"
-           "  access_log off;\n"
+           "  log_format connections '$connection $server_protocol $status';\n"
+           "  access_log access.log connections;\n"
            "  client_body_temp_path body; proxy_temp_path proxy; fastcgi_temp_path fastcgi;\n"
            "  uwsgi_temp_path uwsgi; scgi_temp_path scgi;\n"
            "  ssl_certificate server.pem; ssl_certificate_key server.key;\n"
-           "  upstream scripted { server 127.0.0.1:" +
-           std::to_string(upstream) +
+           "  upstream backend { server " +
+           backend +
            "; keepalive 32; }\n"
            "  server {\n"
            "    listen 127.0.0.1:" +
            std::to_string(port) +
            " ssl http2;\n"
            "    location / {\n"
-           "      proxy_pass https://scripted;\n"
+           "      proxy_pass " +
+           scheme +
+           "://backend;\n"
            "      proxy_http_version 1.1; proxy_set_header Connection \"\"; proxy_read_timeout 1h;\n"
            "    }\n"
            "  }\n"
@@ -75,18 +72,17 @@ std::string configuration(int port, int upstream) {
 
 }  // namespace
 
-bool Nginx::isThere() {
+bool Nginx::isInstalled() {
     return access(kProgram, X_OK) == 0;
 }
 
-Nginx::Nginx(int port, int upstream)
-    : mPort(port),
-      mFolder(std::filesystem::temp_directory_path() / ("vexalive-fault-matrix-" + std::to_string(getpid()))) {
+Nginx::Nginx(int port, const std::string& scheme, const std::string& backend)
+    : mPort(port), mFolder(std::filesystem::temp_directory_path() / ("vexalive-nginx-" + std::to_string(getpid()))) {
     std::filesystem::create_directory(mFolder);
     const TestCertificate certificate = makeServerCertificate();
     std::ofstream(mFolder / "server.pem") << certificate.pem();
     std::ofstream(mFolder / "server.key") << certificate.keyPem();
-    std::ofstream(mFolder / "nginx.conf") << configuration(port, upstream);
+    std::ofstream(mFolder / "nginx.conf") << configuration(port, scheme, backend);
     start();
 }
 
@@ -129,6 +125,19 @@ void Nginx::killAll() {
     waitUntil("it is gone", [this] { return !isServed(mPort); });
 }
 
+std::vector<std::string> Nginx::log(size_t requests) const {
+    std::vector<std::string> lines;
+    pollUntil([&] {
+        lines.clear();
+        std::ifstream file(mFolder / "access.log");
+        for (std::string line; std::getline(file, line);) {
+            lines.push_back(line);
+        }
+        return lines.size() >= requests;
+    });
+    return lines;
+}
+
 std::vector<pid_t> Nginx::workers() const {
     const std::string master = std::to_string(mMaster);
     std::ifstream children("/proc/" + master + "/task/" + master + "/children");
@@ -148,7 +157,7 @@ constexpr size_t kClients = 8;
 }  // namespace
 
 Load::Load(int port) : mUrl("https://127.0.0.1:" + std::to_string(port) + "/" + kInterfaceName) {
-    mBooks.sent = kClients;
+    mCounts.sent = kClients;
     for (size_t i = 0; i < kClients; ++i) {
         mClients.push_back(std::make_unique<CVexaHttpSendRecv>());
     }
@@ -161,17 +170,17 @@ Load::~Load() {
     end();
 }
 
-void Load::awaitAnswers(size_t more) {
+void Load::awaitResponses(size_t more) {
     std::unique_lock<std::mutex> lock(mMutex);
-    const size_t wanted = mBooks.notified() + more;
-    mChanged.wait_for(lock, kTestTimeout, [&] { return mBooks.notified() >= wanted; });
+    const size_t wanted = mCounts.notified() + more;
+    mChanged.wait_for(lock, kTestTimeout, [&] { return mCounts.notified() >= wanted; });
 }
 
-Load::Books Load::end() {
+Load::Counts Load::end() {
     std::unique_lock<std::mutex> lock(mMutex);
     mEnding = true;
-    mChanged.wait_for(lock, kTestTimeout, [&] { return mBooks.clientsThatEnded == kClients; });
-    return mBooks;
+    mChanged.wait_for(lock, kTestTimeout, [&] { return mCounts.clientsThatEnded == kClients; });
+    return mCounts;
 }
 
 void Load::send(CVexaHttpSendRecv& client) {
@@ -184,9 +193,9 @@ void Load::receive(CVexaHttpSendRecv& client, int retCode) {
     bool more = false;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        ++(retCode == 0 ? mBooks.answered : retCode == 1 ? mBooks.lost : mBooks.answeredBadly);
+        ++(retCode == 0 ? mCounts.succeeded : retCode == 1 ? mCounts.retryable : mCounts.failed);
         more = !mEnding;
-        ++(more ? mBooks.sent : mBooks.clientsThatEnded);
+        ++(more ? mCounts.sent : mCounts.clientsThatEnded);
         mChanged.notify_all();
     }
     if (more) {
