@@ -1,46 +1,24 @@
 // Sending again: budget, pauses, traces, and which work a newer operation stops.
 
+#include <tuple>
+
 #include "FlowTest.h"
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
+using ::testing::EndsWith;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class RetryTest : public FlowTest, public ::testing::WithParamInterface<Kind> {
-protected:
-    // What the trace opens with, before any response.
-    std::string opening() const {
-        if (GetParam().client == kAddRelay.client) {
-            return body(0);
-        }
-        if (GetParam().client == kStartMix.client) {
-            return std::string("task_id:1, pureAudioOutputStream:0, stream: ") +
-                   R"({"input_stream_list":[{"input_stream_id":"canvas1","layout_params":{"image_layer":1,)"
-                   R"("input_type":3}},{"input_stream_id":"8888_fcbd0847daa9c600a757e0d48049b252","layout_params":)"
-                   R"({"image_layer":2,"input_type":0}}],"output_param":{"output_stream_id":)"
-                   R"("8888_fcbd0847daa9c600a757e0d48049b252","output_stream_type":0},)"
-                   R"("session_id":"8888_fcbd0847daa9c600a757e0d48049b252"})";
-        }
-        return "";
-    }
+namespace {
 
-    // The report's information.
-    std::string information() const {
-        return !GetParam().isStart ? body(0) : GetParam().isRelay ? kRelayText : mixText();
-    }
+// The counter that stands in a trace where the kind's own has this value: a relay stop shows that of the start.
+int traced(const Kind& kind, int counter) {
+    return kind.client == kRemoveRelay.client ? 0 : counter;
+}
 
-    // The counter that stands in a trace where the kind's own has this value: a relay stop shows that of the start.
-    static int traced(int counter) { return GetParam().client == kRemoveRelay.client ? 0 : counter; }
+}  // namespace
 
-    static bool isAddRelay() { return GetParam().client == kAddRelay.client; }
-
-    void supersedeByTheSame() { begin(GetParam()); }
-    void supersedeByTheOther() {
-        const Kind& kind = GetParam();
-        begin(kind.isRelay ? (kind.isStart ? kRemoveRelay : kAddRelay) : (kind.isStart ? kCancelMix : kStartMix));
-    }
-};
+class RetryTest : public FlowTest, public ::testing::WithParamInterface<Kind> {};
 
 INSTANTIATE_TEST_SUITE_P(Kinds, RetryTest, ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix),
                          nameOfKind);
@@ -51,65 +29,30 @@ TEST_P(RetryTest, RequestThatFailsElevenTimesEndsWithOneCallAndOneReportOfAllRes
     const Kind& kind = GetParam();
     givenSent(kind);
 
-    std::string trace = opening();
+    std::string trace;
     for (int counter = 10; counter >= 0; --counter) {
-        const std::string reply = "down " + std::to_string(counter);
-        trace += traceSegment(traced(counter), 1, reply);
         EXPECT_THAT(notified(), IsEmpty());
         EXPECT_THAT(reports(), IsEmpty());
-        respond(1, reply);
+        const std::string reply = "down " + std::to_string(counter);
+        trace += traceSegment(traced(kind, counter), 1, reply);
+        mPlatform.respond(requests().size() - 1, 1, reply);
+        EXPECT_EQ(VirtualTime::delayedTasks(), counter > 0 ? 1u : 0u);
+        EXPECT_EQ(VirtualTime::queuedTasks(), counter > 0 ? 0u : 1u);  // the report
         VirtualTime::runUntilQuiet();
     }
 
     EXPECT_THAT(delays(), ElementsAre(1000, 1000, 2000, 2000, 2000, 5000, 5000, 5000, 5000, 5000));
     EXPECT_THAT(notified(), ElementsAre(Notified{kind.operation, kind.transportCode,
                                                  "http post return error\xef\xbc\x8c retcode:1"}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{kind.event, information(), trace}));
-}
-
-TEST_P(RetryTest, EveryRetryIsLoggedWithTheRetriesMade) {
-    const Kind& kind = GetParam();
-    givenSent(kind);
-
-    respondToAll(1, "");
-
-    std::vector<std::string> sends;
-    for (const Logged& line : log()) {
-        if (line.text.find("jsonStr") != std::string::npos) {
-            sends.push_back(line.text);
-        }
-    }
-    ASSERT_THAT(sends, SizeIs(11));
-    const std::string index = kind.isStart ? "1" : "2";
-    EXPECT_EQ(sends[0], filled(kind.sendLog, {index, "0", body(0)}));
-    for (size_t retry = 1; retry <= 10; ++retry) {
-        EXPECT_EQ(sends[retry], filled(kind.retrySendLog, {index, std::to_string(retry), body(retry)}));
-    }
-}
-
-TEST_P(RetryTest, RetryIsSentWhenItsDelayIsOverAndNotBefore) {
-    givenSent(GetParam());
-
-    respond(1, "");
-
-    pass(Milliseconds(999));
-    EXPECT_THAT(requests(), SizeIs(1));
-    pass(Milliseconds(1));
-    EXPECT_THAT(requests(), SizeIs(2));
-}
-
-TEST_P(RetryTest, ResponseThatIsRetriedPostsOneDelayedTaskAndNothingElse) {
-    givenSent(GetParam());
-
-    mPlatform.respond(0, 1, "");
-
-    EXPECT_EQ(VirtualTime::delayedTasks(), 1u);
-    EXPECT_EQ(VirtualTime::queuedTasks(), 0u);
-    EXPECT_THAT(notified(), IsEmpty());
+    ASSERT_THAT(reports(), SizeIs(1));
+    EXPECT_EQ(reports()[0].event, kind.event);
+    EXPECT_EQ(reports()[0].information, !kind.isStart ? body(0) : kind.isRelay ? kRelayText : mixText());
+    EXPECT_THAT(reports()[0].detail, EndsWith(trace));
 }
 
 TEST_P(RetryTest, LastOfElevenResponsesMaySucceed) {
-    givenSent(GetParam());
+    const Kind& kind = GetParam();
+    givenSent(kind);
     for (int i = 0; i < 10; ++i) {
         failAndWaitForRetry();
     }
@@ -117,184 +60,10 @@ TEST_P(RetryTest, LastOfElevenResponsesMaySucceed) {
     respondOk();
 
     EXPECT_THAT(requests(), SizeIs(11));
-    EXPECT_THAT(notified(), ElementsAre(Notified{GetParam().operation, 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Notified{kind.operation, 0, "sucess"}));
     ASSERT_THAT(reports(), SizeIs(1));
-    EXPECT_THAT(reports()[0].detail, HasSubstr(traceSegment(traced(0), 0, kOk)));
-}
-
-TEST_P(RetryTest, SuccessAfterTwoRetriesReportsThreeResponsesOnce) {
-    givenSent(GetParam());
-
-    failAndWaitForRetry();
-    failAndWaitForRetry();
-    respondOk();
-
-    EXPECT_THAT(reports(), ElementsAre(Reported{GetParam().event, information(),
-                                                opening() + traceSegment(traced(10), 1, "") +
-                                                    traceSegment(traced(9), 1, "") + traceSegment(traced(8), 0, kOk)}));
-}
-
-TEST_P(RetryTest, NextRequestOfTheKindHasTheWholeBudgetAgain) {
-    givenSent(GetParam());
-    respondToAll(1, "");
-    clearRecords();
-
-    begin(GetParam());
-    respondToAll(1, "");
-
-    EXPECT_THAT(requests(), SizeIs(11));
-}
-
-// ---- Superseded -----------------------------------------------------------------------------------------------------
-
-TEST_P(RetryTest, FirstResponseOfSupersededWorkIsDroppedSilently) {
-    givenSent(GetParam());
-    supersedeByTheOther();
-    clearAllButRequests();
-
-    respondTo(0, 1, "");
-    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-    EXPECT_THAT(log(), IsEmpty());
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
-}
-
-TEST_P(RetryTest, FirstResponseIsDroppedWhenTheSameOperationWasCalledAgain) {
-    givenSent(GetParam());
-    supersedeByTheSame();
-    clearAllButRequests();
-
-    respondTo(0, 0, kOk);
-
-    EXPECT_THAT(log(), IsEmpty());
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
-}
-
-TEST_P(RetryTest, WaitingRetryOfSupersededWorkIsSentForARelayStartAndDroppedSilentlyElse) {
-    givenSent(GetParam());
-    respond(1, "");
-    supersedeByTheOther();
-    clearAllButRequests();
-    const size_t before = requests().size();
-
-    pass(Milliseconds(1000));
-
-    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-    EXPECT_THAT(requests(), SizeIs(before + (isAddRelay() ? 1 : 0)));
-    EXPECT_THAT(log(), SizeIs(isAddRelay() ? 1 : 0));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
-}
-
-TEST_P(RetryTest, WaitingRetryIsTreatedTheSameWhenTheSameOperationWasCalledAgain) {
-    givenSent(GetParam());
-    respond(1, "");
-    supersedeByTheSame();
-    clearAllButRequests();
-    const size_t before = requests().size();
-
-    pass(Milliseconds(1000));
-
-    EXPECT_THAT(requests(), SizeIs(before + (isAddRelay() ? 1 : 0)));
-}
-
-TEST_P(RetryTest, RetrysResponseOfSupersededWorkIsDroppedForARelayStartAndNotifiedAndReportedElse) {
-    const Kind& kind = GetParam();
-    givenRetrySent(kind);
-    supersedeByTheOther();
-    clearAllButRequests();
-
-    respondTo(1, 0, kOk);
-
-    if (isAddRelay()) {
-        EXPECT_THAT(notified(), IsEmpty());
-        EXPECT_THAT(reports(), IsEmpty());
-        EXPECT_THAT(log(), IsEmpty());
-    } else {
-        EXPECT_THAT(notified(), ElementsAre(Notified{kind.operation, 0, "sucess"}));
-        EXPECT_THAT(reports(), SizeIs(1));
-        EXPECT_THAT(log(), SizeIs(1));
-    }
-}
-
-TEST_P(RetryTest, OtherOperationOfTheFamilyLeavesASupersededRetryNoFurtherRetry) {
-    const Kind& kind = GetParam();
-    givenRetrySent(kind);
-    supersedeByTheOther();
-    clearAllButRequests();
-
-    respondTo(1, 1, "");
-
-    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-    if (!isAddRelay()) {
-        EXPECT_THAT(notified(), ElementsAre(Notified{kind.operation, kind.transportCode,
-                                                     "http post return error\xef\xbc\x8c retcode:1"}));
-        EXPECT_THAT(reports(), SizeIs(1));
-    }
-}
-
-TEST_P(RetryTest, SupersededRetryMayUseARetryOfTheNewRequestAndItsTaskIsThenDropped) {
-    givenRetrySent(GetParam());
-    supersedeByTheSame();  // sends, so the counter is 10 again
-    clearAllButRequests();
-    const size_t before = requests().size();
-
-    respondTo(1, 1, "");
-
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_EQ(VirtualTime::delayedTasks(), isAddRelay() ? 0u : 1u);
-    VirtualTime::runUntilQuiet();
-    EXPECT_THAT(requests(), SizeIs(before));
-    // One try fewer is left to the new request.
-    respondToAll(1, "");
-    EXPECT_THAT(requests(), SizeIs(before + (isAddRelay() ? 10 : 9)));
-}
-
-// The call itself zeroes both counters of the family, before its task runs.
-TEST_P(RetryTest, CallOfEitherOperationOrResetLeavesNoRetryToARetryUnderWay) {
-    const Kind& kind = GetParam();
-    const Kind& other = kind.isRelay   ? (kind.isStart ? kRemoveRelay : kAddRelay)
-                        : kind.isStart ? kCancelMix
-                                       : kStartMix;
-    const std::function<void()> operations[] = {[&] { call(kind); }, [&] { call(other); },
-                                                [this] { mAdapter->resetInfo(); }};
-    for (const auto& operation : operations) {
-        clearRecords();
-        reset();
-        clearRecords();
-        givenRetrySent(kind);
-        operation();
-
-        mPlatform.respond(1, 1, "");
-
-        EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-        EXPECT_THAT(notified(), SizeIs(isAddRelay() ? 0 : 1));
-        run();
-    }
-}
-
-TEST_P(RetryTest, ResetDropsTheFirstResponse) {
-    givenSent(GetParam());
-    reset();
-    clearAllButRequests();
-
-    respondTo(0, 1, "");
-
-    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-    EXPECT_THAT(log(), IsEmpty());
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
-}
-
-TEST_P(RetryTest, ResetStopsAWaitingRetryUnlessItIsARelayStarts) {
-    givenSent(GetParam());
-    respond(1, "");
-    reset();
-
-    pass(Milliseconds(1000));
-
-    EXPECT_THAT(requests(), SizeIs(isAddRelay() ? 2 : 1));
+    EXPECT_THAT(reports()[0].detail,
+                EndsWith(traceSegment(traced(kind, 1), 1, "") + traceSegment(traced(kind, 0), 0, kOk)));
 }
 
 TEST_P(RetryTest, WorkOfTheOtherFamilyChangesNothing) {
@@ -312,6 +81,139 @@ TEST_P(RetryTest, WorkOfTheOtherFamilyChangesNothing) {
     EXPECT_EQ(notified().back(), (Notified{kind.operation, 0, "sucess"}));
 }
 
+// ---- Superseded -----------------------------------------------------------------------------------------------------
+
+// What supersedes a request: its own operation again, the other one of the family, a start of the family that is
+// refused, or a reset.
+enum class Operation { kSame, kOther, kRefused, kReset };
+
+class SupersededTest : public FlowTest, public ::testing::WithParamInterface<std::tuple<Kind, Operation>> {
+protected:
+    const Kind& kind() const { return std::get<0>(GetParam()); }
+    Operation operation() const { return std::get<1>(GetParam()); }
+    bool isAddRelay() const { return kind().client == kAddRelay.client; }
+
+    // The call alone; its task is not run.
+    void callOperation() {
+        const Kind& start = kind().isRelay ? kAddRelay : kStartMix;
+        const Kind& stop = kind().isRelay ? kRemoveRelay : kCancelMix;
+        switch (operation()) {
+            case Operation::kSame:
+                return call(kind());
+            case Operation::kOther:
+                return call(kind().isStart ? stop : start);
+            case Operation::kRefused:
+                return callRefused(start);
+            case Operation::kReset:
+                return mAdapter->resetInfo();
+        }
+    }
+    void supersede() {
+        callOperation();
+        run();
+        clearAllButRequests();
+        mRequestsBefore = requests().size();
+    }
+    Notified transportError() const {
+        return {kind().operation, kind().transportCode, "http post return error\xef\xbc\x8c retcode:1"};
+    }
+    void expectNothingRecorded() const {
+        EXPECT_THAT(log(), IsEmpty());
+        EXPECT_THAT(notified(), IsEmpty());
+        EXPECT_THAT(reports(), IsEmpty());
+    }
+
+    size_t mRequestsBefore = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, SupersededTest,
+                         ::testing::Combine(::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix),
+                                            ::testing::Values(Operation::kSame, Operation::kOther, Operation::kRefused,
+                                                              Operation::kReset)));
+
+TEST_P(SupersededTest, FirstResponseIsDroppedSilentlyFromTheCallOn) {
+    givenSent(kind());
+    clearAllButRequests();
+    callOperation();
+
+    mPlatform.respond(0, 1, "");
+
+    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+    EXPECT_EQ(VirtualTime::queuedTasks(), 1u);  // that of the call
+    expectNothingRecorded();
+}
+
+TEST_P(SupersededTest, FirstResponseIsDroppedSilentlyAfterTheTask) {
+    givenSent(kind());
+    supersede();
+
+    respondTo(0, 0, kOk);
+
+    expectNothingRecorded();
+}
+
+TEST_P(SupersededTest, WaitingRetryIsSentForARelayStartAndDroppedSilentlyElse) {
+    givenSent(kind());
+    respond(1, "");
+    supersede();
+
+    pass(Milliseconds(1000));
+
+    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+    EXPECT_THAT(requests(), SizeIs(mRequestsBefore + (isAddRelay() ? 1 : 0)));
+    EXPECT_THAT(log(), SizeIs(isAddRelay() ? 1 : 0));
+    EXPECT_THAT(notified(), IsEmpty());
+    EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_P(SupersededTest, RetrysResponseIsDroppedForARelayStartAndNotifiedAndReportedElse) {
+    givenRetrySent(kind());
+    supersede();
+
+    respondTo(1, 0, kOk);
+
+    if (isAddRelay()) {
+        expectNothingRecorded();
+    } else {
+        EXPECT_THAT(notified(), ElementsAre(Notified{kind().operation, 0, "sucess"}));
+        EXPECT_THAT(reports(), SizeIs(1));
+        EXPECT_THAT(log(), SizeIs(1));
+    }
+}
+
+// The call itself zeroes both counters of the family, before its task runs.
+TEST_P(SupersededTest, CallLeavesNoRetryToARetryUnderWay) {
+    givenRetrySent(kind());
+    callOperation();
+
+    mPlatform.respond(1, 1, "");
+
+    EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
+    EXPECT_THAT(notified(), SizeIs(isAddRelay() ? 0 : 1));
+}
+
+TEST_P(SupersededTest, RetryUnderWayMayOnlyUseARetryOfANewRequestOfItsKindAndItsTaskIsThenDropped) {
+    givenRetrySent(kind());
+    supersede();
+    const bool isSame = operation() == Operation::kSame;  // sends, so the counter is 10 again
+
+    respondTo(1, 1, "");
+
+    EXPECT_EQ(VirtualTime::delayedTasks(), isSame && !isAddRelay() ? 1u : 0u);
+    if (isSame || isAddRelay()) {
+        EXPECT_THAT(notified(), IsEmpty());
+    } else {
+        EXPECT_THAT(notified(), ElementsAre(transportError()));
+        EXPECT_THAT(reports(), SizeIs(1));
+    }
+    VirtualTime::runUntilQuiet();
+    EXPECT_THAT(requests(), SizeIs(mRequestsBefore));
+    if (isSame) {
+        respondToAll(1, "");  // the new request has one retry fewer
+        EXPECT_THAT(requests(), SizeIs(mRequestsBefore + (isAddRelay() ? 10 : 9)));
+    }
+}
+
 // ---- Several at once ------------------------------------------------------------------------------------------------
 
 class TwoFamiliesTest : public FlowTest {};
@@ -322,11 +224,11 @@ TEST_F(TwoFamiliesTest, RelayAndMixAreRetriedEachOnItsOwnBudgetAndSchedule) {
     startMix();
 
     respondTo(0, 1, "");
-    pass(Milliseconds(1000));  // request 2: relay, second try
+    pass(Milliseconds(1000));  // request 2: relay, second attempt
     respondTo(2, 1, "");
-    pass(Milliseconds(1000));  // request 3: relay, third try
+    pass(Milliseconds(1000));  // request 3: relay, third attempt
     respondTo(1, 1, "");
-    pass(Milliseconds(1000));  // request 4: mix, second try
+    pass(Milliseconds(1000));  // request 4: mix, second attempt
     respondTo(3, 0, kOk);
     respondTo(4, 0, kOk);
 
