@@ -1,7 +1,6 @@
 #include "FlowTest.h"
 
 #include <algorithm>
-#include <tuple>
 #include <utility>
 
 #include "base/Md5.h"
@@ -27,31 +26,6 @@ using kstmedia::VexaPublishCDNParamInternal;
 using kstmedia::VexaTranscodingConfigInternal;
 
 // ---- What is seen ---------------------------------------------------------------------------------------------------
-
-bool operator==(const Notified& a, const Notified& b) {
-    return std::tie(a.operation, a.code, a.message) == std::tie(b.operation, b.code, b.message);
-}
-
-bool operator==(const Reported& a, const Reported& b) {
-    return std::tie(a.event, a.information, a.detail) == std::tie(b.event, b.information, b.detail);
-}
-
-bool operator==(const Logged& a, const Logged& b) {
-    return std::tie(a.level, a.function, a.text) == std::tie(b.level, b.function, b.text);
-}
-
-std::ostream& operator<<(std::ostream& out, const Notified& call) {
-    return out << call.operation << '(' << call.code << ", \"" << call.message << "\")";
-}
-
-std::ostream& operator<<(std::ostream& out, const Reported& reported) {
-    return out << "event " << reported.event << "\n  information: " << reported.information
-               << "\n  detail: " << reported.detail;
-}
-
-std::ostream& operator<<(std::ostream& out, const Logged& logged) {
-    return out << "level " << logged.level << ", " << logged.function << ": " << logged.text;
-}
 
 std::ostream& operator<<(std::ostream& out, const Kind& kind) {
     return out << kind.name;

@@ -13,6 +13,8 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "Com/LiveTranscodingAdapter.h"
@@ -41,12 +43,22 @@ struct Logged {
     std::string text;
 };
 
-bool operator==(const Notified& a, const Notified& b);
-bool operator==(const Reported& a, const Reported& b);
-bool operator==(const Logged& a, const Logged& b);
-std::ostream& operator<<(std::ostream& out, const Notified& call);
-std::ostream& operator<<(std::ostream& out, const Reported& reported);
-std::ostream& operator<<(std::ostream& out, const Logged& logged);
+template <class Record>
+using EnableForRecord = std::enable_if_t<std::is_same_v<Record, Notified> || std::is_same_v<Record, Reported> ||
+                                         std::is_same_v<Record, Logged>>;
+template <class Record, class = EnableForRecord<Record>>
+auto membersOf(const Record& record) {
+    const auto& [first, second, third] = record;
+    return std::tie(first, second, third);
+}
+template <class Record, class = EnableForRecord<Record>>
+bool operator==(const Record& a, const Record& b) {
+    return membersOf(a) == membersOf(b);
+}
+template <class Record, class = EnableForRecord<Record>>
+std::ostream& operator<<(std::ostream& out, const Record& record) {
+    return out << ::testing::PrintToString(membersOf(record));
+}
 
 // A printf format with its fields replaced by these texts, in order.
 std::string filled(std::string format, const std::vector<std::string>& texts);

@@ -15,11 +15,12 @@ class MixInputTest : public FlowTest {
 protected:
     void SetUp() override { givenInRoom(); }
 
-    // One user with video for each layer.
+    // One user with video for each layer, at ten times its x.
     static std::vector<VexaMixUserInternal> usersWithLayers(const std::vector<int>& layers) {
         std::vector<VexaMixUserInternal> users;
         for (const int layer : layers) {
             users.push_back(user("user" + std::to_string(layer), layer));
+            users.back().rect.x = layer * 10;
         }
         return users;
     }
@@ -33,7 +34,8 @@ protected:
                                 Logged{4, "operator()",
                                        "error: checkMixConfig ret invalid cnt:" + std::to_string(users.size())}));
         EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3324, "mixUsersArray is invalid"}));
-        EXPECT_THAT(requests(), IsEmpty());
+        EXPECT_THAT(reports(), ElementsAre(Reported{31, mix(users).to_string(), "mixUsersArray is invalid"}));
+        EXPECT_THAT(mPlatform.order, ElementsAre("onStartPublishStreamUrl", "report 31"));
     }
 
     void expectAccepted(const std::vector<VexaMixUserInternal>& users) {
@@ -45,14 +47,14 @@ protected:
     }
 
     // The rectangles' x of the sent inputs, by which a test identifies them.
-    std::vector<int> sentPlaces() const {
+    std::vector<int> sentPositions() const {
         const std::string& sent = body(0);
         const std::string key = "\"location_x\":";
-        std::vector<int> places;
+        std::vector<int> positions;
         for (size_t at = sent.find(key); at != std::string::npos; at = sent.find(key, at + 1)) {
-            places.push_back(std::stoi(sent.substr(at + key.size())));
+            positions.push_back(std::stoi(sent.substr(at + key.size())));
         }
-        return places;
+        return positions;
     }
 };
 
@@ -93,11 +95,8 @@ TEST_F(MixInputTest, FirstFailingInputEndsTheCheck) {
 }
 
 TEST_F(MixInputTest, EighteenInputsCannotAllHaveALayer) {
-    std::vector<VexaMixUserInternal> users;
-    for (int layer = 0; layer <= 17; ++layer) {
-        users.push_back(user("u", layer));
-    }
-    expectRefused(users, "error : zOrder invalid!zOrder = 17.must between 1 and 16!");
+    expectRefused(usersWithLayers({0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17}),
+                  "error : zOrder invalid!zOrder = 17.must between 1 and 16!");
 }
 
 TEST_F(MixInputTest, LayersOfAPureAudioMixAreNotChecked) {
@@ -119,38 +118,21 @@ TEST_F(MixInputTest, OneInputWithVideoMakesAMixWithVideo) {
 }
 
 TEST_F(MixInputTest, InputsWithVideoAreSentInAscendingLayers) {
-    std::vector<VexaMixUserInternal> users = usersWithLayers({3, 1, 2});
-    for (VexaMixUserInternal& user : users) {
-        user.rect.x = user.zOrder * 10;
-    }
+    startMix(mix(usersWithLayers({9, 3, 16, 0, 12, 1, 15, 7, 2, 14, 5, 11, 4, 10, 6, 13, 8})));
 
-    startMix(mix(users));
-
-    EXPECT_THAT(sentPlaces(), ElementsAre(0 /* canvas */, 10, 20, 30));
-}
-
-TEST_F(MixInputTest, SeventeenInputsAreSentInAscendingLayers) {
-    std::vector<VexaMixUserInternal> users =
-        usersWithLayers({9, 3, 16, 0, 12, 1, 15, 7, 2, 14, 5, 11, 4, 10, 6, 13, 8});
-    for (VexaMixUserInternal& user : users) {
-        user.rect.x = user.zOrder * 10;
-    }
-
-    startMix(mix(users));
-
-    EXPECT_THAT(sentPlaces(), ElementsAre(0, 0, 10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120, 130, 140, 150, 160));
+    EXPECT_THAT(sentPositions(),
+                ElementsAre(0 /* canvas */, 0, 10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120, 130, 140, 150, 160));
 }
 
 TEST_F(MixInputTest, InputsOfAPureAudioMixAreSentInTheCallersOrder) {
     std::vector<VexaMixUserInternal> users = usersWithLayers({3, 1, 2});
     for (VexaMixUserInternal& user : users) {
-        user.rect.x = user.zOrder * 10;
         user.pureAudio = true;
     }
 
     startMix(mix(users));
 
-    EXPECT_THAT(sentPlaces(), ElementsAre(30, 10, 20));
+    EXPECT_THAT(sentPositions(), ElementsAre(30, 10, 20));
 }
 
 TEST_F(MixInputTest, CallersConfigurationIsNotChanged) {

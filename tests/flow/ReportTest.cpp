@@ -37,21 +37,6 @@ TEST_F(ReportTest, SevenArgumentsOfARelayReport) {
     expectNotWarned();
 }
 
-TEST_F(ReportTest, SevenArgumentsOfAMixReport) {
-    givenInRoom();
-
-    startMix(mix({}));
-
-    ASSERT_THAT(mPlatform.reports, SizeIs(1));
-    const FakePlatform::Report& report = mPlatform.reports[0];
-    EXPECT_EQ(report.sdkAppId, 1400123);
-    EXPECT_EQ(report.roomUser, "room7_alice");
-    EXPECT_EQ(report.eventType, 10004);
-    EXPECT_EQ(report.event, 31);
-    EXPECT_EQ(report.information, "sdkver:9.8.7 " + mixText(""));
-    EXPECT_EQ(report.detail, "mixUsersArray is invalid");
-}
-
 TEST_F(ReportTest, WithoutAnAppIdItWarnsAndReportsZero) {
     mAdapter->updateUserInfo(0, kUserSig, "alice");
 
@@ -147,29 +132,6 @@ TEST_F(ReportTest, ZeroByteEndsAStringOfTheReportAndOfTheLog) {
     EXPECT_EQ(reports()[0].information, "appId:12345, bizId:8888, url:rtmp://a");
     EXPECT_EQ(reports()[0].detail, body(0) + " [tryHttp:cnt-10]retCode:0, respData:no");
     EXPECT_THAT(log().back().text, "retryAddPublishUrlInner index: 1, ret: 0, respData: no");
-}
-
-TEST_F(ReportTest, EveryKindReportsItsOwnEventAndInformation) {
-    givenInRoom();
-    startRelay();
-    respondOk();
-    stopRelay();
-    respondOk();
-    startMix();
-    respondOk();
-    cancelMix();
-    respondOk();
-
-    const std::vector<Reported> all = reports();
-    ASSERT_THAT(all, SizeIs(4));
-    EXPECT_EQ(all[0].event, 30);
-    EXPECT_EQ(all[0].information, kRelayText);
-    EXPECT_EQ(all[1].event, 30);
-    EXPECT_EQ(all[1].information, body(1));
-    EXPECT_EQ(all[2].event, 31);
-    EXPECT_EQ(all[2].information, mixText());
-    EXPECT_EQ(all[3].event, 31);
-    EXPECT_EQ(all[3].information, body(3));
 }
 
 TEST_F(ReportTest, LongStringsAreReportedWhole) {

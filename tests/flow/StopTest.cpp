@@ -55,15 +55,6 @@ TEST_P(StopTest, StopBeforeAnyStartIsRefusedThroughTheMixCancelOperation) {
     EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_P(StopTest, RefusalWithoutAListenerIsOnlyLogged) {
-    givenNoListener();
-
-    begin(kind());
-
-    EXPECT_THAT(log(), SizeIs(1));
-    EXPECT_THAT(reports(), IsEmpty());
-}
-
 TEST_P(StopTest, SupersededStopIsNotRefused) {
     givenInRoom();
 
@@ -90,23 +81,17 @@ TEST_P(StopTest, StopRightAfterAStartWhoseTaskHasNotRunIsRefused) {
 
 // ---- Sent -----------------------------------------------------------------------------------------------------------
 
-TEST_P(StopTest, StopAfterAStartSendsItsBody) {
+TEST_P(StopTest, StopAfterAStartSendsItsBodyAndReportsItAsInformation) {
     givenSent(kind());
 
     EXPECT_EQ(body(0), stopBody(0, 1000));
-    EXPECT_THAT(log(), ElementsAre(Logged{2, kind().sendFunction, filled(kind().sendLog, {"2", "0", body(0)})}));
     EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
-}
-
-TEST_P(StopTest, SuccessIsNotifiedAndThenReportedWithTheBodyAsInformation) {
-    givenSent(kind());
 
     respondOk();
 
     EXPECT_THAT(notified(), ElementsAre(succeeded()));
     EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 0, kOk)}));
-    EXPECT_THAT(mPlatform.order, ElementsAre("request 0", kind().operation, "report " + std::to_string(kind().event)));
 }
 
 TEST_P(StopTest, StopNeedsNoRoom) {
@@ -200,17 +185,6 @@ TEST_P(StopTest, OfTwoStopsInQuickSuccessionOneIsSent) {
     EXPECT_THAT(log(), SizeIs(2));
     EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(reports(), IsEmpty());
-}
-
-TEST_P(StopTest, StopSupersedesAStartUnderWay) {
-    givenInRoom();
-    begin(start());
-
-    begin(kind());
-    respondTo(0, 0, kOk);
-    respondTo(1, 0, kOk);
-
-    EXPECT_THAT(notified(), ElementsAre(succeeded()));
 }
 
 TEST_P(StopTest, StopCalledBehindARoomEntryIsSupersededByTheReissuedStart) {
