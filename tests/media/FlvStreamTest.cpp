@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <vector>
 
 #include "media/FlvStream.h"
@@ -109,41 +110,34 @@ struct Arrival {
     int64_t steady;
     bool beginsConnection = false;
 };
-struct SteadyTimeCase {
-    const char* name;
-    std::vector<Arrival> arrivals;
-};
 
-class SteadyTimeTest : public testing::TestWithParam<SteadyTimeCase> {};
-
-TEST_P(SteadyTimeTest, Holds) {
-    SteadyTime time;
-    for (const Arrival& each : GetParam().arrivals) {
-        if (each.beginsConnection) {
-            time.beginConnection();
+TEST(SteadyTime, IsMonotonicAndHasTheIntervalsOfItsSource) {
+    const std::map<std::string, std::vector<Arrival>> cases = {
+        {"one connection", {{5000, 100, 0}, {5020, 125, 20}, {5040, 140, 40}}},
+        {"a pause", {{5000, 100, 0}, {5040, 140, 40}, {0, 1140, 1040, true}, {20, 1160, 1060}}},
+        {"a clock that jumps back and ahead",
+         {{500'000, 0, 0},
+          {500'040, 40, 40},
+          {0, 80, 80},
+          {40, 120, 120},
+          {9'000'000, 160, 160},
+          {9'000'040, 200, 200}}},
+        {"a burst", {{0, 0, 0}, {40, 5'000, 40}, {4'960, 5'001, 4'960}}},
+        {"timestamps that go back",
+         {{1000, 0, 0}, {1040, 40, 40}, {1020, 41, 40}, {1060, 60, 60}, {900, 60, 61, true}}},
+    };
+    for (const auto& [name, arrivals] : cases) {
+        SCOPED_TRACE(name);
+        SteadyTime time;
+        for (const Arrival& each : arrivals) {
+            if (each.beginsConnection) {
+                time.beginConnection();
+            }
+            EXPECT_EQ(time.at(each.timestamp, each.now), each.steady) << each.timestamp << " at " << each.now;
+            EXPECT_EQ(time.last(), each.steady);
         }
-        EXPECT_EQ(time.at(each.timestamp, each.now), each.steady) << each.timestamp << " at " << each.now;
-        EXPECT_EQ(time.last(), each.steady);
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    SteadyTime, SteadyTimeTest,
-    testing::Values(
-        SteadyTimeCase{"KeepsTheIntervalsOfOneConnectionFromZero", {{5000, 100, 0}, {5020, 125, 20}, {5040, 140, 40}}},
-        SteadyTimeCase{"ContinuesAfterAPauseOfTheSameLength",
-                       {{5000, 100, 0}, {5040, 140, 40}, {0, 1140, 1040, true}, {20, 1160, 1060}}},
-        SteadyTimeCase{"ContinuesAtTheSamePaceWhereAClockJumps",
-                       {{500'000, 0, 0},
-                        {500'040, 40, 40},
-                        {0, 80, 80},  // back
-                        {40, 120, 120},
-                        {9'000'000, 160, 160},  // ahead
-                        {9'000'040, 200, 200}}},
-        SteadyTimeCase{"KeepsTheIntervalsOfABurst", {{0, 0, 0}, {40, 5'000, 40}, {4'960, 5'001, 4'960}}},
-        SteadyTimeCase{"NeverGoesBack",
-                       {{1000, 0, 0}, {1040, 40, 40}, {1020, 41, 40}, {1060, 60, 60}, {900, 60, 61, true}}}),
-    [](const auto& each) { return each.param.name; });
 
 // What a gate lets through because of one tag, as bytes.
 struct Gate : FlvGate {
