@@ -273,11 +273,6 @@ size_t Viewer::read(std::string_view output) {
     return consumed;
 }
 
-int Viewer::frames() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mFrames;
-}
-
 Rgb Viewer::at(int x, int y) const {
     const std::lock_guard<std::mutex> lock(mMutex);
     return pixel(x, y);
@@ -310,16 +305,6 @@ void Viewer::expectChange(std::vector<Pixel> before, std::vector<Pixel> after) {
     const std::lock_guard<std::mutex> lock(mMutex);
     mBefore = std::move(before);
     mAfter = std::move(after);
-}
-
-int Viewer::firstChanged() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mFirstChanged;
-}
-
-int Viewer::torn() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mTorn;
 }
 
 Listener::Listener(const std::string& url) {
@@ -414,9 +399,7 @@ bool Probe::isMonotonic() const {
 json mixBody(const std::vector<Input>& inputs, const std::string& colour) {
     json body = servicetesting::videoMixBody();
     json canvas = body["input_stream_list"][0];
-    canvas["layout_params"]["image_width"] = 640;
-    canvas["layout_params"]["image_height"] = 360;
-    canvas["layout_params"]["color"] = colour;
+    canvas["layout_params"].update({{"image_width", 640}, {"image_height", 360}, {"color", colour}});
     json list = json::array();
     if (std::any_of(inputs.begin(), inputs.end(), [](const Input& input) { return !input.audioOnly; })) {
         list.push_back(canvas);
@@ -430,8 +413,7 @@ json mixBody(const std::vector<Input>& inputs, const std::string& colour) {
 
 json relayBody(int member, const std::string& destination) {
     json body = servicetesting::addRelayBody();
-    body["stream_id"] = streamIdOf(member);
-    body["dest_stream_url"] = destination;
+    body.update({{"stream_id", streamIdOf(member)}, {"dest_stream_url", destination}});
     return body;
 }
 

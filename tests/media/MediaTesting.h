@@ -28,10 +28,10 @@ using servicetesting::eventually;
 using servicetesting::json;
 using servicetesting::streamIdOf;
 
-// A program whose output is read as it comes. The destructor kills it.
+// A program whose output is read as it arrives. The destructor kills it.
 class Program {
 public:
-    // Called on a thread of its own with all output that has not been consumed yet; returns how many bytes it consumed.
+    // Called on a separate thread with all output that has not been consumed yet; returns how many bytes it consumed.
     using OnOutput = std::function<size_t(std::string_view output)>;
     explicit Program(
         const std::vector<std::string>& arguments, OnOutput onOutput = [](auto all) { return all.size(); });
@@ -130,7 +130,7 @@ class Viewer {
 public:
     explicit Viewer(const std::string& url, int width = 640, int height = 360);
 
-    int frames() const;
+    int frames() const { return locked(mFrames); }
     bool hasEnded() const { return mProgram->hasEnded(); }
     Rgb at(int x, int y) const;                          // of the latest frame, as the next
     bool shows(const std::vector<Pixel>& pixels) const;  // all of them
@@ -138,10 +138,16 @@ public:
 
     // From now on, each frame has to show all of `before` or all of `after`.
     void expectChange(std::vector<Pixel> before, std::vector<Pixel> after);
-    int firstChanged() const;  // the number of the first frame that showed `after`; 0: none
-    int torn() const;          // how many frames showed neither
+    int firstChanged() const {
+        return locked(mFirstChanged);
+    }                                           // the number of the first frame that showed `after`; 0: none
+    int torn() const { return locked(mTorn); }  // how many frames showed neither
 
 private:
+    int locked(const int& value) const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return value;
+    }
     size_t read(std::string_view output);
     Rgb pixel(int x, int y) const;  // under mMutex, as the next
     bool matches(const std::vector<Pixel>& pixels) const;

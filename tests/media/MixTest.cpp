@@ -41,7 +41,7 @@ json withOutput(json body, const OutputSettings& output) {
     return body;
 }
 
-// Measures two groups of pictures, from the second key frame of the output's size on, when the encoder has settled. The
+// Measures two GOPs, from the second key frame of the output's size on, when the encoder has settled. The
 // first `skipped` frames do not count.
 void expectOutput(const Probe& probe, const OutputSettings& output, size_t skipped = 0) {
     std::vector<Probe::Record> frames;
@@ -116,49 +116,35 @@ protected:
     std::unique_ptr<Program> carol;
 };
 
-struct LayoutCase {
-    const char* name;
-    std::vector<Input> inputs;
-    std::vector<Pixel> pixels;
-};
-
-class MixLayouts : public Mix, public testing::WithParamInterface<LayoutCase> {};
-
-TEST_P(MixLayouts, ArePainted) {
+TEST_F(Mix, EachInputFillsItsRectangleAndTheHigherLayerCoversTheLower) {
     alice = member(1, "red");
     bob = member(2, "lime");
     carol = member(3, "blue");
-    start(GetParam().inputs);
-    EXPECT_TRUE(Viewer(service.mixUrl()).comesToShow(GetParam().pixels));
-}
+    start({{1, 20, 20, 300, 320}, {2, 320, 20, 300, 320}, {3, 240, 100, 160, 160}});
+    const Viewer viewer(service.mixUrl());
+    EXPECT_TRUE(viewer.comesToShow({{30, 30, kRed},  // the corners of each rectangle
+                                    {310, 30, kRed},
+                                    {30, 330, kRed},
+                                    {330, 30, kLime},
+                                    {610, 330, kLime},
+                                    {250, 110, kBlue},  // above both
+                                    {390, 250, kBlue},
+                                    {320, 180, kBlue},
+                                    {230, 180, kRed},  // just beside it
+                                    {410, 180, kLime},
+                                    {8, 8, kBackground},  // outside of all
+                                    {632, 352, kBackground}}));
 
-INSTANTIATE_TEST_SUITE_P(
-    Mix, MixLayouts,
-    testing::Values(LayoutCase{"EachInputFillsItsRectangleAndTheHigherLayerCoversTheLower",
-                               {{1, 20, 20, 300, 320}, {2, 320, 20, 300, 320}, {3, 240, 100, 160, 160}},
-                               {{30, 30, kRed},  // the corners of each rectangle
-                                {310, 30, kRed},
-                                {30, 330, kRed},
-                                {330, 30, kLime},
-                                {610, 330, kLime},
-                                {250, 110, kBlue},  // above both
-                                {390, 250, kBlue},
-                                {320, 180, kBlue},
-                                {230, 180, kRed},  // just beside it
-                                {410, 180, kLime},
-                                {8, 8, kBackground},  // outside of all
-                                {632, 352, kBackground}}},
-                    LayoutCase{"RectanglesMayLieBeyondTheEdgesOfTheCanvas",
-                               {{1, -160, -90, 320, 180}, {2, 480, 270, 4000, 4000}, {3, 700, 0, 100, 100}},
-                               {{4, 4, kRed},
-                                {150, 80, kRed},
-                                {170, 80, kBackground},
-                                {150, 100, kBackground},
-                                {490, 280, kLime},
-                                {635, 355, kLime},
-                                {470, 300, kBackground},
-                                {635, 20, kBackground}}}),
-    [](const testing::TestParamInfo<LayoutCase>& each) { return each.param.name; });
+    update({{1, -160, -90, 320, 180}, {2, 480, 270, 4000, 4000}, {3, 700, 0, 100, 100}});  // beyond the edges
+    EXPECT_TRUE(viewer.comesToShow({{4, 4, kRed},
+                                    {150, 80, kRed},
+                                    {170, 80, kBackground},
+                                    {150, 100, kBackground},
+                                    {490, 280, kLime},
+                                    {635, 355, kLime},
+                                    {470, 300, kBackground},
+                                    {635, 20, kBackground}}));
+}
 
 TEST_F(Mix, AnUpdateIsShownWholeWithinHalfASecond) {
     startHalves();
