@@ -19,6 +19,7 @@
 #include "LoopDriver.h"
 #include "WatchedLoop.h"
 #include "base/KstMessageLoop.h"
+#include "support/Poll.h"
 
 namespace {
 
@@ -49,14 +50,7 @@ std::set<std::string> threadsSince(const std::set<std::string>& before) {
 
 // Waits until they have ended: the system lists a joined thread for a moment longer.
 bool awaitNoThreadSince(const std::set<std::string>& before) {
-    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!threadsSince(before).empty()) {
-        if (std::chrono::steady_clock::now() > giveUp) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
+    return pollUntil([&] { return threadsSince(before).empty(); });
 }
 
 // Waits until posts are refused, so that a stop on another thread is known to be under way.
@@ -79,40 +73,22 @@ protected:
 
 // ---- The worker thread ----
 
-TEST_F(KstMessageLoopTest, TheFirstPostStartsTheOneThreadAndStopEndsIt) {
-    const auto before = threads();
-    const WatchedLoop fresh;
-    EXPECT_EQ(threadsSince(before).size(), 0u) << "a loop without a post has no thread";
+TEST_F(KstMessageLoopTest, TheFirstPostOfEitherKindStartsTheOneThreadAndStopEndsIt) {
+    for (const bool isDelayed : {false, true}) {
+        const auto before = threads();
+        const WatchedLoop fresh;
+        EXPECT_EQ(threadsSince(before).size(), 0u) << "a loop without a post has no thread";
+        isDelayed ? fresh->DelayPostTask(hours(1), [] {}) : fresh->PostTask([] {});
+        const auto started = threadsSince(before);
+        EXPECT_EQ(started.size(), 1u);
 
-    fresh->PostTask([] {});
-    const auto started = threadsSince(before);
-    EXPECT_EQ(started.size(), 1u);
-
-    fresh->DelayPostTask(hours(1), [] {});
-    LoopDriver::settle(*fresh);
-    EXPECT_EQ(threadsSince(before), started) << "further posts of either kind start none";
-
-    fresh->stop();
-    EXPECT_TRUE(awaitNoThreadSince(before));
-}
-
-TEST_F(KstMessageLoopTest, TheFirstDelayedPostStartsTheOneThreadToo) {
-    const auto before = threads();
-    loop->DelayPostTask(hours(1), [] {});
-    const auto started = threadsSince(before);
-    EXPECT_EQ(started.size(), 1u);
-
-    loop->DelayPostTask(hours(1), [] {});
-    LoopDriver::settle(*loop);
-    EXPECT_EQ(threadsSince(before), started);
-
-    loop->stop();
-    EXPECT_TRUE(awaitNoThreadSince(before));
-}
-
-TEST_F(KstMessageLoopTest, ADelayedTaskOnAFreshLoopRuns) {
-    loop->DelayPostTask(milliseconds(1), [this] { journal.add("ran"); });
-    EXPECT_TRUE(journal.await(1));
+        fresh->DelayPostTask(milliseconds(1), JournalTask(journal, "ran"));
+        LoopDriver::settle(*fresh);
+        EXPECT_EQ(threadsSince(before), started) << "further posts of either kind start none";
+        EXPECT_TRUE(journal.await(isDelayed ? 4 : 2)) << "the delayed task ran";
+        fresh->stop();
+        EXPECT_TRUE(awaitNoThreadSince(before));
+    }
 }
 
 TEST_F(KstMessageLoopTest, PostingAfterStopStartsNoThread) {
@@ -316,15 +292,16 @@ private:
 };
 
 TEST_F(KstMessageLoopTest, APostOvertakenByStopIsRefused) {
-    LoopDriver::settle(*loop);
-    EXPECT_FALSE(loop->PostTask(StopsWhenMoved(*loop, journal)).valid());
-    EXPECT_THAT(journal.all(), ElementsAre("~task"));
-}
-
-TEST_F(KstMessageLoopTest, ADelayedPostOvertakenByStopIsRefused) {
-    LoopDriver::settle(*loop);
-    EXPECT_FALSE(loop->DelayPostTask(milliseconds(0), StopsWhenMoved(*loop, journal)).valid());
-    EXPECT_THAT(journal.all(), ElementsAre("~task"));
+    for (const bool isDelayed : {false, true}) {
+        Journal<std::string> seen;
+        const WatchedLoop running;
+        LoopDriver::settle(*running);
+        StopsWhenMoved task(*running, seen);
+        const auto future =
+            isDelayed ? running->DelayPostTask(milliseconds(0), std::move(task)) : running->PostTask(std::move(task));
+        EXPECT_FALSE(future.valid());
+        EXPECT_THAT(seen.all(), ElementsAre("~task"));
+    }
 }
 
 TEST_F(KstMessageLoopTest, AFirstPostOvertakenByStopStartsNoThread) {
