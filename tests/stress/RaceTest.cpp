@@ -19,6 +19,7 @@
 
 #include "StressService.h"
 #include "platform/Platform.h"
+#include "support/Poll.h"
 #include "support/RoomMember.h"
 
 namespace {
@@ -70,10 +71,7 @@ AdapterPointer makeAdapter(const std::shared_ptr<WatchingListener>& listener, co
 }
 
 void awaitNone(const std::atomic<int>& count) {
-    for (const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
-         count != 0 && std::chrono::steady_clock::now() < patience;) {
-        std::this_thread::sleep_for(milliseconds(1));
-    }
+    pollUntil([&] { return count == 0; });
     EXPECT_EQ(0, count);
 }
 
@@ -132,11 +130,7 @@ protected:
         };
         EXPECT_EQ(0, reports()) << text;  // is looked for from here on
         operation();
-        for (const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
-             reports() == 0 && std::chrono::steady_clock::now() < patience;) {
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-        EXPECT_GT(reports(), 0) << text;
+        EXPECT_TRUE(pollUntil([&] { return reports() > 0; })) << text;
     }
 
     unsigned mSeed;
@@ -304,11 +298,7 @@ TEST_F(Races, AnAdapterMayBeDroppedAtTheNthThingThatHappens) {
         adapter->startPublishStreamUrl(relayParam());
         adapter->setLiveMixTranscoding(mixConfig());
         adapter.reset();
-        for (const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
-             !isDropped && std::chrono::steady_clock::now() < patience;) {
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-        EXPECT_TRUE(isDropped) << "after " << n << " things";
+        EXPECT_TRUE(pollUntil([&] { return isDropped.load(); })) << "after " << n << " things";
         mLeft = 0;
         mAtLast();
         awaitNone(living);
@@ -394,11 +384,7 @@ TEST_F(Races, AListenerThatBlocksUntilOthersHaveGoneOnHoldsUpNobody) {
     int blocks = 0;
     go("u-blocked", [&] {
         const int enough = others + kMeanwhile;
-        const auto patience = std::chrono::steady_clock::now() + kTestTimeout;
-        while (others < enough && std::chrono::steady_clock::now() < patience) {
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-        EXPECT_GE(others, enough) << "in call " << blocks;
+        EXPECT_TRUE(pollUntil([&] { return others >= enough; })) << "in call " << blocks;
         isOver = ++blocks == kBlocks || others < enough;
         if (isOver) {
             done.add(true);

@@ -22,6 +22,7 @@
 #include "base/CVexaHttpSendRecv.h"
 #include "platform/Platform.h"
 #include "support/OwnService.h"
+#include "support/Poll.h"
 #include "support/RoomMember.h"
 
 namespace {
@@ -34,6 +35,17 @@ void trust(const StressService& service) {
     ASSERT_TRUE(vexalive::setHttpOptions(options));
     vexalive::setLogSink([](auto&&...) {});
     vexalive::setEventSink([](auto&&...) {});
+}
+
+// Of all requests from now on.
+std::shared_ptr<Journal<int>> observeRetCodes() {
+    const auto retCodes = std::make_shared<Journal<int>>();
+    vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
+        if (exchange.phase == vexalive::HttpExchange::kCompleted) {
+            retCodes->add(exchange.retCode);
+        }
+    });
+    return retCodes;
 }
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------------
@@ -74,12 +86,7 @@ class Descriptors : public testing::TestWithParam<size_t> {};
 TEST_P(Descriptors, AFirstRequestThatFindsTooFewIsTriedAgainAndWorkResumesWithThem) {
     const StressService service("good");
     trust(service);
-    const auto retCodes = std::make_shared<Journal<int>>();
-    vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
-        if (exchange.phase == vexalive::HttpExchange::kCompleted) {
-            retCodes->add(exchange.retCode);
-        }
-    });
+    const auto retCodes = observeRetCodes();
     Member member("u-poor");
     {
         const Hoard hoard(GetParam());
@@ -106,12 +113,7 @@ TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
     first.adapter->startPublishStreamUrl(relayParam());
     ASSERT_EQ(1u, first.listener->calls.waitFor(1).size());
 
-    const auto retCodes = std::make_shared<Journal<int>>();
-    vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
-        if (exchange.phase == vexalive::HttpExchange::kCompleted) {
-            retCodes->add(exchange.retCode);
-        }
-    });
+    const auto retCodes = observeRetCodes();
     constexpr size_t kMembers = 64;
     std::vector<std::unique_ptr<Member>> members;
     {
@@ -126,11 +128,11 @@ TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
         EXPECT_EQ((std::vector<Call>{{"startRelay", 0, "sucess"}}), member->listener->calls.waitFor(1));
     }
     const std::vector<int> seen = retCodes->all();
-    const auto triedAgain = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kRetryable));
-    const auto answered = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kSuccess));
-    std::printf("%zd answered, %zd tried again\n", answered, triedAgain);
-    EXPECT_GT(triedAgain, 0);
-    EXPECT_EQ(static_cast<std::ptrdiff_t>(seen.size()), answered + triedAgain);
+    const auto retried = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kRetryable));
+    const auto succeeded = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kSuccess));
+    std::printf("%zd succeeded, %zd retried\n", succeeded, retried);
+    EXPECT_GT(retried, 0);
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(seen.size()), succeeded + retried);
     vexalive::setHttpObserver(nullptr);
 }
 
@@ -147,21 +149,11 @@ void startWithThreads(int allowed) noexcept {
     std::this_thread::sleep_for(kTestTimeout);  // ended by the death of the process
 }
 
-class ThreadsDeathTest : public testing::Test {
-protected:
-    ThreadsDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
-};
-
-TEST_F(ThreadsDeathTest, AWorkerThatCannotBeStartedEndsTheProcess) {
-    EXPECT_EXIT(startWithThreads(0), testing::KilledBySignal(SIGABRT), "terminate called");
-}
-
-TEST_F(ThreadsDeathTest, AFirstThreadOfTheClientThatCannotBeStartedEndsTheProcess) {
-    EXPECT_EXIT(startWithThreads(1), testing::KilledBySignal(SIGABRT), "terminate called");
-}
-
-TEST_F(ThreadsDeathTest, ASecondThreadOfTheClientThatCannotBeStartedEndsTheProcess) {
-    EXPECT_EXIT(startWithThreads(2), testing::KilledBySignal(SIGABRT), "terminate called");
+TEST(ThreadsDeathTest, AWorkerOrAFirstThreadOfTheClientThatCannotBeStartedEndsTheProcess) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    for (const int allowed : {0, 1, 2}) {
+        EXPECT_EXIT(startWithThreads(allowed), testing::KilledBySignal(SIGABRT), "terminate called") << allowed;
+    }
 }
 
 // Once two threads exist, the lack of another only delays responses.
@@ -222,10 +214,7 @@ TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsReportedOnce) {
         }
         ASSERT_FALSE(entered.waitFor(1).empty());
         // Only the memory shows that the last response has arrived.
-        for (const auto patience = std::chrono::steady_clock::now() + 60s;
-             residentBytes() < before + kAnswers * kAnswerBytes && std::chrono::steady_clock::now() < patience;) {
-            std::this_thread::sleep_for(10ms);
-        }
+        pollUntil([&] { return residentBytes() >= before + kAnswers * kAnswerBytes; }, 60s);
         std::printf("%zu answers of 1 MiB behind one blocked callback: %.1f MiB more\n", kAnswers,
                     static_cast<double>(residentBytes() - before) / (1 << 20));
         leave.add(true);

@@ -33,6 +33,7 @@
 #include "Com/LiveTranscodingAdapter.h"
 #include "Ledger.h"
 #include "StressService.h"
+#include "support/RoomMember.h"
 
 namespace {
 
@@ -138,7 +139,7 @@ Rise riseOf(double Sample::*figure, const std::vector<Sample>& samples, double f
 
 // ---- The driver: one thread that calls all adapters -----------------------------------------------------------------
 
-enum class Call {
+enum class Action {
     kStartRelay,
     kRefusedRelay,
     kStopRelay,
@@ -153,7 +154,7 @@ enum class Call {
 
 struct Step {
     milliseconds pause;  // before it
-    Call call;
+    Action call;
 };
 
 // One adapter after another under the same name.
@@ -341,12 +342,12 @@ private:
 
     void performStep(Slot& slot, Family family) {
         std::vector<Step>& script = slot.scripts[family];
-        const Call call = script.back().call;
+        const Action call = script.back().call;
         script.pop_back();
         perform(slot, call);
         if (!script.empty()) {
             mAppointments.push({Clock::now() + script.back().pause, &slot, family, slot.lanes[family].epoch});
-        } else if (call == Call::kDrop) {
+        } else if (call == Action::kDrop) {
             slot.lanes[kRelay].isBusy = slot.lanes[kMix].isBusy = false;
             slot.isJointRound = false;
             scheduleRound(slot, kRelay);
@@ -368,16 +369,18 @@ private:
         bool hasRefusedUsers = false;
         for (int count = randomBelow(4) == 0 ? 2 + randomBelow(2) : 1; count > 0; --count) {
             const int roll = randomBelow(20);
-            const Call relay = roll < 11 ? Call::kStartRelay : roll < 19 ? Call::kStopRelay : Call::kRefusedRelay;
+            const Action relay = roll < 11   ? Action::kStartRelay
+                                 : roll < 19 ? Action::kStopRelay
+                                             : Action::kRefusedRelay;
             // One refusal of users at most: of two in a row only the second must be notified, and they are equal.
-            const Call mix = roll < 11                      ? Call::kSetMix
-                             : roll < 18                    ? Call::kCancelMix
-                             : roll < 19 || hasRefusedUsers ? Call::kRefusedMix
-                                                            : Call::kRefusedUsers;
-            hasRefusedUsers = hasRefusedUsers || mix == Call::kRefusedUsers;
+            const Action mix = roll < 11                      ? Action::kSetMix
+                               : roll < 18                    ? Action::kCancelMix
+                               : roll < 19 || hasRefusedUsers ? Action::kRefusedMix
+                                                              : Action::kRefusedUsers;
+            hasRefusedUsers = hasRefusedUsers || mix == Action::kRefusedUsers;
             script.push_back({shortPause(), family == kRelay ? relay : mix});
             if (randomBelow(10) == 0) {
-                script.push_back({shortPause(), Call::kEnterRoom});  // once more: nothing waits for it
+                script.push_back({shortPause(), Action::kEnterRoom});  // once more: nothing waits for it
             }
         }
         return script;
@@ -387,38 +390,36 @@ private:
     std::vector<Step> jointRoundOf(const Slot& slot) {
         const milliseconds pause = shortPause();
         if (!slot.hasStarted && randomBelow(2) == 0) {
-            return {{pause, Call::kCancelMix}, {pause, Call::kStopRelay}};
+            return {{pause, Action::kCancelMix}, {pause, Action::kStopRelay}};
         }
         std::vector<Step> script = {
-            {pause, Call::kEnterRoom}, {milliseconds(0), Call::kSetMix}, {milliseconds(0), Call::kStartRelay}};
+            {pause, Action::kEnterRoom}, {milliseconds(0), Action::kSetMix}, {milliseconds(0), Action::kStartRelay}};
         if (!slot.isInRoom) {
             return script;
         }
         if (randomBelow(2) == 0) {
-            return {{pause, Call::kDrop}, {milliseconds(0), Call::kSetMix}, {pause, Call::kStartRelay}};
+            return {{pause, Action::kDrop}, {milliseconds(0), Action::kSetMix}, {pause, Action::kStartRelay}};
         }
-        script.push_back({pause, Call::kReset});
-        script.push_back({milliseconds(0), Call::kSetMix});
-        script.push_back({pause, Call::kStopRelay});
+        script.push_back({pause, Action::kReset});
+        script.push_back({milliseconds(0), Action::kSetMix});
+        script.push_back({pause, Action::kStopRelay});
         return script;
     }
 
-    void perform(Slot& slot, Call call) {
+    void perform(Slot& slot, Action call) {
         LiveTranscodingAdapter& adapter = *slot.adapter;
         const int number = ++slot.lastNumber;
         const auto outcome = slot.isInRoom ? Operation::kSends : Operation::kWaitsForRoom;
         switch (call) {
-            case Call::kStartRelay: {
-                kstmedia::VexaPublishCDNParamInternal param;
-                param.appId = 1234;
-                param.bizId = 8888;
+            case Action::kStartRelay: {
+                auto param = relayParam();
                 param.url = "rtmp://cdn.example/" + slot.userId + "/" + std::to_string(number);
                 slot.account->beginOperation({oracle::kAddRelay, number, outcome, param.to_string()});
                 slot.hasStarted = true;
                 adapter.startPublishStreamUrl(param);
                 break;
             }
-            case Call::kRefusedRelay: {
+            case Action::kRefusedRelay: {
                 kstmedia::VexaPublishCDNParamInternal param;
                 param.appId = number;
                 slot.account->beginOperation(
@@ -430,7 +431,7 @@ private:
                 adapter.startPublishStreamUrl(param);
                 break;
             }
-            case Call::kStopRelay:
+            case Action::kStopRelay:
                 slot.account->beginOperation(
                     {oracle::kRemoveRelay,
                      number,
@@ -441,16 +442,17 @@ private:
                      false});
                 adapter.stopPublishStreamUrl();
                 break;
-            case Call::kSetMix:
-            case Call::kRefusedMix:
-            case Call::kRefusedUsers: {
-                kstmedia::VexaTranscodingConfigInternal config = mix(number);
+            case Action::kSetMix:
+            case Action::kRefusedMix:
+            case Action::kRefusedUsers: {
+                auto config = mixConfig(2 + randomBelow(4));
+                config.videoBitrate = number;
                 Operation operation{oracle::kStartMix, number, outcome};
-                if (call == Call::kRefusedMix) {
+                if (call == Action::kRefusedMix) {
                     config.bizId = 0;
                     operation.outcome = Operation::kRefused;
                     operation.refusal = {"startRelay", -3324, "setLiveMixTranscoding failure, param is invalid"};
-                } else if (call == Call::kRefusedUsers) {
+                } else if (call == Action::kRefusedUsers) {
                     config.mixUsersArray[0].zOrder = config.mixUsersArray[1].zOrder;
                     operation.outcome = Operation::kRefused;
                     operation.refusal = {"startRelay", -3324, "mixUsersArray is invalid"};
@@ -463,7 +465,7 @@ private:
                 adapter.setLiveMixTranscoding(config);
                 break;
             }
-            case Call::kCancelMix:
+            case Action::kCancelMix:
                 slot.account->beginOperation(
                     {oracle::kCancelMix,
                      number,
@@ -474,40 +476,22 @@ private:
                      false});
                 adapter.stopLiveMixTranscoding();
                 break;
-            case Call::kEnterRoom:
+            case Action::kEnterRoom:
                 slot.account->beginRoomEntry();
                 slot.isInRoom = true;
                 adapter.updateEnterRoomInfo("r1", "key");
                 break;
-            case Call::kReset:
+            case Action::kReset:
                 slot.account->beginReset();
                 slot.isInRoom = false;
                 adapter.resetInfo();
                 break;
-            case Call::kDrop:
+            case Action::kDrop:
                 drop(slot);
                 createAdapter(slot);
                 break;
         }
         slot.account->endCall();
-    }
-
-    kstmedia::VexaTranscodingConfigInternal mix(int number) {
-        kstmedia::VexaTranscodingConfigInternal config;
-        config.appId = 1234;
-        config.bizId = 8888;
-        config.videoWidth = 720;
-        config.videoHeight = 1280;
-        config.videoBitrate = number;
-        const int users = 2 + randomBelow(4);
-        for (int i = 1; i <= users; ++i) {
-            kstmedia::VexaMixUserInternal user;
-            user.userId = "guest" + std::to_string(i);
-            user.rect = {0, 100 * i, 320, 180};
-            user.zOrder = i;
-            config.mixUsersArray.push_back(user);
-        }
-        return config;
     }
 
     Ledger& mLedger;
