@@ -25,7 +25,7 @@
 #include "base/CVexaHttpSendRecv.h"
 #include "base/Json.h"
 #include "platform/Platform.h"
-#include "support/Journal.h"
+#include "support/Poll.h"
 #include "support/ScriptedServer.h"
 
 namespace {
@@ -373,10 +373,7 @@ TEST(HttpsClient, ResponsesOfOneClientAreDeliveredInTheOrderOfTheirArrival) {
         }
         for (std::string request = connection.readRequest(); !request.empty(); request = connection.readRequest()) {
             const int number = request[request.find("number=") + 7] - '0';
-            for (const auto patience = std::chrono::steady_clock::now() + 60s;
-                 next != number && std::chrono::steady_clock::now() < patience;) {
-                std::this_thread::sleep_for(1ms);
-            }
+            pollUntil([&] { return next == number; });
             connection.write(httpResponse(200, "{}"));
             connection.waitUntilRead();
             if (++next > kLast) {

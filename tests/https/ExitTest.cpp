@@ -1,70 +1,32 @@
 // A process may exit at any moment, with requests in flight: without a hang and without a crash. The environment
 // variable VEXALIVE_EXITS is the number of repetitions for each way.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
-#include <thread>
 
+#include "support/ChildProcess.h"
 #include "support/ScriptedServer.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr int kMaxMicroseconds = 60'000;
 
 struct End {
-    int status = -1;  // as waitpid gives it; -1 if the child had to be ended
-    int inFlight = 0;
+    int status;  // as of ChildProcess::awaitExit, which throws if the child hangs
+    int inFlight;
 };
 
-End run(const std::string& program, const std::string& how, const std::string& microseconds) {
-    std::string arguments[] = {program, how, microseconds};
-    char* const list[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(), nullptr};
-    int output[2] = {};
-    if (pipe2(output, O_CLOEXEC) != 0) {
-        return {};
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-    pid_t child = 0;
-    const int failure = posix_spawn(&child, program.c_str(), &actions, nullptr, list, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(output[1]);
-    if (failure != 0) {
-        close(output[0]);
-        return {};
-    }
-    End end;
-    bool hasEnded = false;
-    for (const auto patience = std::chrono::steady_clock::now() + 25s;
-         !hasEnded && std::chrono::steady_clock::now() < patience;) {
-        std::this_thread::sleep_for(1ms);
-        hasEnded = waitpid(child, &end.status, WNOHANG) == child;
-    }
-    if (hasEnded) {
-        char text[16] = {};
-        end.inFlight = read(output[0], text, sizeof text - 1) > 0 ? std::atoi(text) : 0;
-    } else {
-        kill(child, SIGKILL);
-        waitpid(child, &end.status, 0);
-        end.status = -1;
-    }
-    close(output[0]);
-    return end;
+End run(const std::string& how, const std::string& microseconds) {
+    ChildProcess child({EXIT_PROBE, how, microseconds}, {});
+    const int status = child.awaitExit();
+    return {status, std::atoi(child.output().c_str())};
 }
 
 // How often in each of the four ways.
@@ -100,7 +62,7 @@ TEST_P(Exit, EndsAtAnyMomentWithRequestsInFlight) {
     int withRequests = 0;
     for (int i = 0; i < times(); ++i) {
         const int moment = static_cast<int>(random() % kMaxMicroseconds);
-        const End end = run(EXIT_PROBE, GetParam(), std::to_string(moment));
+        const End end = run(GetParam(), std::to_string(moment));
         EXPECT_EQ(0, end.status) << GetParam() << " after " << moment << " us";
         withRequests += end.inFlight > 0;
     }
@@ -114,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(By, Exit, testing::Values("return", "exit", "listener",
 
 TEST(SlowExit, EndsNoThreadOfTheClientMeanwhile) {
     const Service service;
-    EXPECT_EQ(0, run(EXIT_PROBE, "idle", "0").status);
+    EXPECT_EQ(0, run("idle", "0").status);
 }
 
 }  // namespace
