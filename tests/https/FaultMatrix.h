@@ -1,6 +1,6 @@
 // The fault matrix: each of the four kinds of request under each fault, on real sockets.
 //
-// Kinds and faults are data. A cell is one kind under one fault; the oracle derives what it must lead to from the
+// Kinds and faults are data. A case is one kind under one fault; the oracle derives what it must lead to from the
 // responses in the fault's row.
 
 #ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_H
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "FaultMatrixStage.h"
+#include "FaultMatrixEnvironment.h"
 #include "support/Oracle.h"
 #include "support/RoomMember.h"
 
@@ -41,7 +41,7 @@ struct Fault {
 
     const char* name;
     const char* description;
-    std::function<void(Stage& stage)> inject;
+    std::function<void(CaseEnvironment& environment)> inject;
     std::vector<Response> responses;  // one for each send
     int requests;                     // that a server reads whole, of the client under test
     Where where = kLoopback;
@@ -55,22 +55,22 @@ struct Fault {
 // In the order of an exchange.
 const std::vector<Fault>& faults();
 
-struct Cell {
+struct Case {
     const Kind* kind;
     const Fault* fault;
 
     std::string name() const { return std::string(kind->name) + "_" + fault->name; }
 };
 
-inline void PrintTo(const Cell& cell, std::ostream* out) {
-    *out << cell.name();
+inline void PrintTo(const Case& testCase, std::ostream* out) {
+    *out << testCase.name();
 }
 
-std::vector<Cell> cells();
+std::vector<Case> matrixCases();
 
-std::vector<oracle::Notification> expectedCalls(const Cell& cell);
+std::vector<oracle::Notification> expectedCalls(const Case& testCase);
 
-// All cells as a table in Markdown.
+// All cases as a table in Markdown.
 std::string faultTable();
 
 #endif

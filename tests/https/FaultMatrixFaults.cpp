@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Connection = ScriptedServer::Connection;
-using Strike = std::function<void(Stage&)>;
+using Injection = std::function<void(CaseEnvironment&)>;
 
 constexpr int kAttempts = 11;
 constexpr int kAttemptsOfLibrary = 6;       // of a request that the server has not begun
@@ -53,29 +53,29 @@ std::vector<Response> refusedByLibrary(CURLcode reason) {
 
 using OnRequest = std::function<bool(Connection&)>;  // false: closes the connection
 
-Strike onRequest(OnRequest answer) {
-    return [answer = std::move(answer)](Stage& stage) {
-        stage.serve([answer, &stage](Connection& connection) {
+Injection onRequest(OnRequest answer) {
+    return [answer = std::move(answer)](CaseEnvironment& environment) {
+        environment.serve([answer, &environment](Connection& connection) {
             if (connection.handshake()) {
-                while (!stage.readRequest(connection).empty() && answer(connection)) {
+                while (!environment.readRequest(connection).empty() && answer(connection)) {
                 }
             }
         });
     };
 }
 
-Strike answer(const std::string& bytes) {
+Injection answer(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         connection.write(bytes);
         return true;
     });
 }
 
-Strike status(int number, const std::string& headers = "") {
+Injection status(int number, const std::string& headers = "") {
     return answer(httpResponse(number, kPage, headers));
 }
 
-Strike resetAfter(const std::string& bytes) {
+Injection resetAfter(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         connection.write(bytes);
         connection.waitUntilRead();
@@ -84,14 +84,14 @@ Strike resetAfter(const std::string& bytes) {
     });
 }
 
-Strike closeAfter(const std::string& bytes) {
+Injection closeAfter(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         connection.write(bytes);
         return false;
     });
 }
 
-Strike silentAfter(const std::string& bytes) {
+Injection silentAfter(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         connection.write(bytes);
         connection.waitForClient();
@@ -100,7 +100,7 @@ Strike silentAfter(const std::string& bytes) {
 }
 
 // Timeouts are a tenth of the defaults, and so is this second.
-Strike byteBySecond(const std::string& bytes) {
+Injection byteBySecond(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         for (const char byte : bytes) {
             connection.write(std::string(1, byte));
@@ -112,16 +112,16 @@ Strike byteBySecond(const std::string& bytes) {
     });
 }
 
-Strike connect(const ScriptedServer::Script& script) {
-    return [script](Stage& stage) { stage.serve(script); };
+Injection connect(const ScriptedServer::Script& script) {
+    return [script](CaseEnvironment& environment) { environment.serve(script); };
 }
 
-Strike certificate(CertificateFault fault) {
-    return [fault](Stage& stage) { stage.serve({fault}, answering(httpResponse(200, kWell))); };
+Injection certificate(CertificateFault fault) {
+    return [fault](CaseEnvironment& environment) { environment.serve({fault}, answering(httpResponse(200, kWell))); };
 }
 
-void speakAnOldProtocol(Stage& stage) {
-    stage.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpResponse(200, kWell)));
+void speakAnOldProtocol(CaseEnvironment& environment) {
+    environment.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpResponse(200, kWell)));
 }
 
 // Half a record of the server's part.
@@ -135,43 +135,44 @@ void resetTheHandshake(Connection& connection) {
     connection.reset();
 }
 
-Strike http2Answer(std::function<void(Connection&, uint32_t stream)> answer, bool isGoneThen = false) {
-    return [answer = std::move(answer), isGoneThen](Stage& stage) {
+Injection http2Answer(std::function<void(Connection&, uint32_t stream)> answer, bool isGoneThen = false) {
+    return [answer = std::move(answer), isGoneThen](CaseEnvironment& environment) {
         ScriptedServer::Options options;
         options.http2 = true;
-        stage.serve(options, http2::answering([answer, isGoneThen, &stage](Connection& connection, uint32_t stream) {
-                        stage.countUnseen();
-                        answer(connection, stream);
-                        return !isGoneThen;
-                    }));
+        environment.serve(options,
+                          http2::answering([answer, isGoneThen, &environment](Connection& connection, uint32_t stream) {
+                              environment.countUnread();
+                              answer(connection, stream);
+                              return !isGoneThen;
+                          }));
     };
 }
 
 // The first connection that brings a request is dead from then on, though nobody closes it. A client numbers the
 // streams of each connection from 1.
-void fallSilentOnTheFirstConnection(Stage& stage) {
+void fallSilentOnTheFirstConnection(CaseEnvironment& environment) {
     const auto requests = std::make_shared<std::atomic<int>>(0);
     http2Answer([requests](Connection& connection, uint32_t stream) {
         if (++*requests > 1 && stream == 1) {
             connection.write(http2::okHead(stream) + http2::body(stream, kWell, true));
         }
-    })(stage);
+    })(environment);
 }
 
 // ---- Faults of the network ------------------------------------------------------------------------------------------
 
-void refuse(Stage& stage) {
-    stage.serveNobody();
+void refuse(CaseEnvironment& environment) {
+    environment.stopServing();
 }
 
 // Closes the retained connection before the network fails, so that the client notices.
-void loseTheAddress(Stage& stage) {
-    stage.serveNobody();
+void loseTheAddress(CaseEnvironment& environment) {
+    environment.stopServing();
     takeLoopbackAddress();
 }
 
-void loseEverything(Stage& stage) {
-    stage.serveNobody();
+void loseEverything(CaseEnvironment& environment) {
+    environment.stopServing();
     takeLoopbackDown();
 }
 
@@ -187,12 +188,12 @@ public:
         address.sin_port = htons(static_cast<uint16_t>(port));
         const auto* where = reinterpret_cast<const sockaddr*>(&address);
         if (bind(mListener, where, sizeof address) != 0 || listen(mListener, 0) != 0 ||
-            ::connect(mOnlyPlace, where, sizeof address) != 0) {
+            ::connect(mOnlySlot, where, sizeof address) != 0) {
             ADD_FAILURE() << "no full queue";
         }
     }
     ~FullQueue() {
-        close(mOnlyPlace);
+        close(mOnlySlot);
         close(mListener);
     }
     FullQueue(const FullQueue&) = delete;
@@ -200,38 +201,38 @@ public:
 
 private:
     const int mListener = socket(AF_INET, SOCK_STREAM, 0);
-    const int mOnlyPlace = socket(AF_INET, SOCK_STREAM, 0);
+    const int mOnlySlot = socket(AF_INET, SOCK_STREAM, 0);
 };
 
-void letNobodyIn(Stage& stage) {
-    stage.serveNobody();
-    stage.keep(std::make_shared<FullQueue>(stage.port()));
+void acceptNoConnection(CaseEnvironment& environment) {
+    environment.stopServing();
+    environment.own(std::make_shared<FullQueue>(environment.port()));
 }
 
 // ---- Restarts of the server -----------------------------------------------------------------------------------------
 
-void restartBetweenTwoSends(Stage& stage) {
-    answer(httpResponse(200, kWell))(stage);
+void restartBetweenTwoSends(CaseEnvironment& environment) {
+    answer(httpResponse(200, kWell))(environment);
 }
 
 // During a request; the next send is refused, the one after it reaches the new server.
-void restartWithARequestInHand(Stage& stage) {
-    resetAfter("")(stage);
-    stage.hold(2);
-    stage.meanwhile([&stage] {
-        stage.awaitAnswer(1);
-        stage.serveNobody();
-        stage.pass();
-        stage.awaitAnswer(2);
-        answer(httpResponse(200, kWell))(stage);
-        stage.pass();
+void restartWithARequestInHand(CaseEnvironment& environment) {
+    resetAfter("")(environment);
+    environment.hold(2);
+    environment.meanwhile([&environment] {
+        environment.awaitAnswer(1);
+        environment.stopServing();
+        environment.pass();
+        environment.awaitAnswer(2);
+        answer(httpResponse(200, kWell))(environment);
+        environment.pass();
     });
 }
 
 // Holds a request of the kind under test at the server behind nginx until it is released.
 struct BehindNginx {
-    explicit BehindNginx(Stage& stage)
-        : server([this, &stage](Connection& connection) {
+    explicit BehindNginx(CaseEnvironment& environment)
+        : server([this, &environment](Connection& connection) {
               if (!connection.handshake()) {
                   return;
               }
@@ -241,16 +242,16 @@ struct BehindNginx {
                       return;
                   }
                   if (request.find(std::string("/") + Load::kInterfaceName + " ") == std::string::npos) {
-                      stage.count(request);
+                      environment.count(request);
                       arrived.add(true);
-                      letGo.waitFor(1);
+                      released.waitFor(1);
                   }
                   connection.write(httpResponse(200, kWell));
               }
           }) {
-        stage.serveNobody();
-        nginx = std::make_unique<Nginx>(stage.port(), "https", "127.0.0.1:" + std::to_string(server.port()));
-        load = std::make_unique<Load>(stage.port());
+        environment.stopServing();
+        nginx = std::make_unique<Nginx>(environment.port(), "https", "127.0.0.1:" + std::to_string(server.port()));
+        load = std::make_unique<Load>(environment.port());
         load->awaitResponses(100);
     }
 
@@ -263,45 +264,45 @@ struct BehindNginx {
     }
 
     Journal<bool> arrived;
-    Journal<bool> letGo;
+    Journal<bool> released;
     ScriptedServer server;
     std::unique_ptr<Nginx> nginx;
     std::unique_ptr<Load> load;
 };
 
 // Null where there is no nginx.
-BehindNginx* serveBehindNginx(Stage& stage) {
+BehindNginx* serveBehindNginx(CaseEnvironment& environment) {
     if (!Nginx::isInstalled()) {
-        stage.skip("no nginx on this machine");
+        environment.skip("no nginx on this machine");
         return nullptr;
     }
-    const auto scene = std::make_shared<BehindNginx>(stage);
-    stage.keep(scene);
-    return scene.get();
+    const auto server = std::make_shared<BehindNginx>(environment);
+    environment.own(server);
+    return server.get();
 }
 
-void reloadNginx(Stage& stage) {
-    if (BehindNginx* scene = serveBehindNginx(stage)) {
-        stage.meanwhile([scene] {
-            scene->arrived.waitFor(1);
-            scene->nginx->reload();
-            scene->load->awaitResponses(100);
-            scene->letGo.add(true);
+void reloadNginx(CaseEnvironment& environment) {
+    if (BehindNginx* server = serveBehindNginx(environment)) {
+        environment.meanwhile([server] {
+            server->arrived.waitFor(1);
+            server->nginx->reload();
+            server->load->awaitResponses(100);
+            server->released.add(true);
         });
     }
 }
 
-void killNginx(Stage& stage) {
-    if (BehindNginx* scene = serveBehindNginx(stage)) {
-        stage.hold(1);
-        stage.meanwhile([scene, &stage] {
-            scene->arrived.waitFor(1);
-            scene->nginx->killAll();
-            scene->letGo.add(true);
-            stage.awaitAnswer(1);
-            scene->nginx->start();
-            scene->load->awaitResponses(100);
-            stage.pass();
+void killNginx(CaseEnvironment& environment) {
+    if (BehindNginx* server = serveBehindNginx(environment)) {
+        environment.hold(1);
+        environment.meanwhile([server, &environment] {
+            server->arrived.waitFor(1);
+            server->nginx->killAll();
+            server->released.add(true);
+            environment.awaitAnswer(1);
+            server->nginx->start();
+            server->load->awaitResponses(100);
+            environment.pass();
         });
     }
 }
@@ -340,8 +341,9 @@ std::vector<Fault> makeFaults() {
                                                      loseEverything, lost, 0})),
         endingWithin(
             1s, in(Fault::kOwnNetwork, {"BlackholedWhileConnected", "the same on a connection that is open: time-out",
-                                        [](Stage&) { takeLoopbackDown(); }, lost, 0})),
-        connectingWithin(1s, {"ConnectTimeout", "the server accepts no connection: time-out", letNobodyIn, lost, 0}),
+                                        [](CaseEnvironment&) { takeLoopbackDown(); }, lost, 0})),
+        connectingWithin(1s,
+                         {"ConnectTimeout", "the server accepts no connection: time-out", acceptNoConnection, lost, 0}),
 
         // TLS.
         {"CertificateExpired", "the certificate is out of date", certificate(CertificateFault::kExpired), untrusted, 0},

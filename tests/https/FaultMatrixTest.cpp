@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "FaultMatrix.h"
-#include "FaultMatrixCells.h"
+#include "FaultMatrixCases.h"
 #include "base/Json.h"
 #include "base/KstMessageLoop.h"
 #include "base/Version.h"
@@ -49,8 +49,8 @@ const std::vector<Kind>& kinds() {
     return all;
 }
 
-std::vector<Cell> cells() {
-    std::vector<Cell> all;
+std::vector<Case> matrixCases() {
+    std::vector<Case> all;
     for (const Fault& fault : faults()) {
         for (const Kind& kind : kinds()) {
             all.push_back({&kind, &fault});
@@ -59,9 +59,9 @@ std::vector<Cell> cells() {
     return all;
 }
 
-std::vector<oracle::Notification> expectedCalls(const Cell& cell) {
-    const Response& last = cell.fault->responses.back();
-    return oracle::evaluate(cell.kind->request, last.retCode, last.body).notifications;
+std::vector<oracle::Notification> expectedCalls(const Case& testCase) {
+    const Response& last = testCase.fault->responses.back();
+    return oracle::evaluate(testCase.kind->request, last.retCode, last.body).notifications;
 }
 
 std::string faultTable() {
@@ -95,11 +95,12 @@ std::string faultTable() {
     return table;
 }
 
-// ---- A cell ---------------------------------------------------------------------------------------------------------
+// ---- A case
+// -------------------------------------------------------------------------------------------------------------
 
 namespace {
 
-bool isAlone = false;  // this process plays one cell
+bool isAlone = false;  // this process runs one case
 
 Journal<std::chrono::milliseconds>& requestedPauses() {
     static auto& pauses = *new Journal<std::chrono::milliseconds>();
@@ -153,12 +154,12 @@ std::string openingOf(const Kind& kind, const std::string& firstBody, const std:
     return opening;
 }
 
-std::string expectedTrace(const Cell& cell) {
+std::string expectedTrace(const Case& testCase) {
     std::string trace;
     int left = oracle::kMaxRetries;
-    for (const Response& response : cell.fault->responses) {
+    for (const Response& response : testCase.fault->responses) {
         // The stop of a relay prints the counter of its start, which it has set to 0.
-        const bool printsItsOwn = cell.kind->rules().tracedCounter == cell.kind->request;
+        const bool printsItsOwn = testCase.kind->rules().tracedCounter == testCase.kind->request;
         trace += oracle::traceSegment(printsItsOwn ? left : 0, response.retCode, response.body);
         --left;
     }
@@ -179,11 +180,11 @@ std::vector<T> from(size_t first, const std::vector<T>& all) {
 }
 
 // A start goes well, then comes the fault, then the request of the kind under test.
-void play(const Cell& cell) {
-    const Kind& kind = *cell.kind;
-    const Fault& fault = *cell.fault;
+void runCase(const Case& testCase) {
+    const Kind& kind = *testCase.kind;
+    const Fault& fault = *testCase.fault;
     if (fault.where == Fault::kOwnNetwork) {
-        const std::string hindrance = enterNetworkOfItsOwn();
+        const std::string hindrance = enterOwnNetwork();
         if (!hindrance.empty()) {
             GTEST_SKIP() << hindrance;
         }
@@ -191,9 +192,9 @@ void play(const Cell& cell) {
     const TrustInTestAuthority trust(fault);
     const auto reports = std::make_shared<Journal<vexalive::EventReport>>();
     vexalive::setEventSink([reports](const vexalive::EventReport& report) { reports->add(report); });
-    Stage stage(ownPort(), kind.rules().interfaceName,
-                [&kind](const std::string& request) { return isRequestOf(kind, request); });
-    stage.serve(answering(httpResponse(200, R"({"code":0})")));
+    CaseEnvironment environment(ownPort(), kind.rules().interfaceName,
+                                [&kind](const std::string& request) { return isRequestOf(kind, request); });
+    environment.serve(answering(httpResponse(200, R"({"code":0})")));
     Member member(kind.name);
 
     kind.callStart(*member.adapter);
@@ -201,23 +202,23 @@ void play(const Cell& cell) {
     ASSERT_EQ(oracle::evaluate(kind.start, startCode, R"({"code":0})").notifications,
               member.listener->calls.waitFor(1));
     ASSERT_EQ(1u, reports->waitFor(1).size());
-    const size_t earlierSends = stage.sends().size();
+    const size_t earlierSends = environment.sends().size();
     const size_t earlierPauses = requestedPauses().all().size();
 
-    fault.inject(stage);
-    if (!stage.reasonToSkip().empty()) {
-        GTEST_SKIP() << stage.reasonToSkip();
+    fault.inject(environment);
+    if (!environment.reasonToSkip().empty()) {
+        GTEST_SKIP() << environment.reasonToSkip();
     }
     kind.call(*member.adapter);
-    stage.playMeanwhile();
+    environment.runMeanwhile();
     ASSERT_EQ(2u, reports->waitFor(2).size());
 
-    const std::vector<std::string> sends = from(earlierSends, stage.sends());
+    const std::vector<std::string> sends = from(earlierSends, environment.sends());
     ASSERT_EQ(fault.responses.size(), sends.size());
     EXPECT_EQ(scheduleOf(sends.size()), from(earlierPauses, requestedPauses().all()));
-    EXPECT_EQ(expectedCalls(cell), from(1, member.listener->calls.all()));
-    EXPECT_EQ(fault.requests, stage.requests());
-    EXPECT_EQ(0, stage.strangers());
+    EXPECT_EQ(expectedCalls(testCase), from(1, member.listener->calls.all()));
+    EXPECT_EQ(fault.requests, environment.requests());
+    EXPECT_EQ(0, environment.otherRequests());
 
     const vexalive::EventReport report = reports->all()[1];
     const std::string startInformation = kind.isMix() ? kMixThen().to_string() : relayParam().to_string();
@@ -227,12 +228,12 @@ void play(const Cell& cell) {
     EXPECT_EQ(kind.rules().event, report.event);
     EXPECT_EQ(std::string("sdkver:") + kstf_get_sdk_version() + " " + (kind.isStart() ? startInformation : sends[0]),
               report.information);
-    EXPECT_EQ(openingOf(kind, sends[0], report.detail) + expectedTrace(cell), report.detail);
+    EXPECT_EQ(openingOf(kind, sends[0], report.detail) + expectedTrace(testCase), report.detail);
 
     // No retry is pending: each requested pause has led to a send, and each send is complete.
     member.adapter.reset();
     EXPECT_EQ(2u, reports->all().size());
-    EXPECT_EQ(expectedCalls(cell), from(1, member.listener->calls.all()));
+    EXPECT_EQ(expectedCalls(testCase), from(1, member.listener->calls.all()));
 }
 
 // The line that follows the test framework's word.
@@ -242,21 +243,22 @@ std::string reasonIn(const std::string& output) {
     return output.substr(reason, output.find('\n', reason) - reason);
 }
 
-class FaultMatrix : public testing::TestWithParam<Cell> {};
+class FaultMatrix : public testing::TestWithParam<Case> {};
 
 TEST_P(FaultMatrix, MatchesTheOracle) {
     if (isAlone) {
-        play(GetParam());
+        runCase(GetParam());
         return;
     }
-    const CellProcesses::Outcome outcome = CellProcesses::instance().await(GetParam().name());
+    const CaseProcesses::Outcome outcome = CaseProcesses::instance().await(GetParam().name());
     if (outcome.exitCode == kSkipped) {
         GTEST_SKIP() << reasonIn(outcome.output);
     }
     EXPECT_EQ(0, outcome.exitCode) << outcome.output;
 }
 
-INSTANTIATE_TEST_SUITE_P(, FaultMatrix, testing::ValuesIn(cells()), [](const auto& test) { return test.param.name(); });
+INSTANTIATE_TEST_SUITE_P(, FaultMatrix, testing::ValuesIn(matrixCases()),
+                         [](const auto& test) { return test.param.name(); });
 
 TEST(FaultTable, IsInTheDocumentation) {
     std::ifstream file(RELIABILITY_DOCUMENT);
@@ -280,12 +282,12 @@ int main(int argc, char** argv) {
     }
     isAlone = option == kAlone;
     if (!isAlone) {
-        testing::AddGlobalTestEnvironment(&CellProcesses::instance());
+        testing::AddGlobalTestEnvironment(&CaseProcesses::instance());
         return RUN_ALL_TESTS();
     }
     vexalive::initialiseOpenSsl();  // as the platform would, had the test not been first
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    alarm(200);  // a cell that hangs ends as a failure
+    alarm(200);  // a case that hangs ends as a failure
     const int result = RUN_ALL_TESTS();
     return testing::UnitTest::GetInstance()->skipped_test_count() > 0 ? kSkipped : result;
 }

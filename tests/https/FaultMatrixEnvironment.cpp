@@ -1,4 +1,4 @@
-#include "FaultMatrixStage.h"
+#include "FaultMatrixEnvironment.h"
 
 #include <net/if.h>
 #include <netinet/in.h>
@@ -13,34 +13,35 @@
 #include <cstring>
 #include <utility>
 
-Stage::Stage(int port, const std::string& interfaceName, std::function<bool(const std::string&)> isExpected)
+CaseEnvironment::CaseEnvironment(int port, const std::string& interfaceName,
+                                 std::function<bool(const std::string&)> isExpected)
     : mPort(port), mIsExpected(std::move(isExpected)) {
     mExchanges->interfaceName = interfaceName;
     vexalive::setHttpObserver(
         [exchanges = mExchanges](const vexalive::HttpExchange& exchange) { exchanges->observe(exchange); });
 }
 
-Stage::~Stage() {
+CaseEnvironment::~CaseEnvironment() {
     vexalive::setHttpObserver(nullptr);
 }
 
-void Stage::serve(ScriptedServer::Options options, ScriptedServer::Script script) {
+void CaseEnvironment::serve(ScriptedServer::Options options, ScriptedServer::Script script) {
     mServer.reset();
     options.port = mPort;
     mServer = std::make_unique<ScriptedServer>(options, std::move(script));
 }
 
-void Stage::serveNobody() {
+void CaseEnvironment::stopServing() {
     mServer.reset();
 }
 
-void Stage::playMeanwhile() {
+void CaseEnvironment::runMeanwhile() {
     if (mMeanwhile) {
         mMeanwhile();
     }
 }
 
-std::string Stage::readRequest(Connection& connection) {
+std::string CaseEnvironment::readRequest(Connection& connection) {
     std::string request = connection.readRequest();
     if (!request.empty()) {
         count(request);
@@ -48,11 +49,11 @@ std::string Stage::readRequest(Connection& connection) {
     return request;
 }
 
-void Stage::count(const std::string& request) {
-    ++(mIsExpected(request) ? mRequests : mStrangers);
+void CaseEnvironment::count(const std::string& request) {
+    ++(mIsExpected(request) ? mRequests : mOtherRequests);
 }
 
-void Stage::Exchanges::observe(const vexalive::HttpExchange& exchange) {
+void CaseEnvironment::Exchanges::observe(const vexalive::HttpExchange& exchange) {
     if (exchange.interfaceName != interfaceName) {
         return;
     }
@@ -81,7 +82,7 @@ void configureLoopback(unsigned long what, ifreq request) {
 
 }  // namespace
 
-std::string enterNetworkOfItsOwn() {
+std::string enterOwnNetwork() {
     if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
         return std::string("no network namespace is to be had here: ") + std::strerror(errno);
     }

@@ -1,8 +1,8 @@
 // The environment of one case of the fault matrix: the server on the port that the adapter knows, and the delivery of
 // its responses.
 
-#ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_STAGE_H
-#define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_STAGE_H
+#ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_ENVIRONMENT_H
+#define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_ENVIRONMENT_H
 
 #include <atomic>
 #include <functional>
@@ -14,25 +14,26 @@
 #include "support/RoomMember.h"
 #include "support/ScriptedServer.h"
 
-class Stage {
+class CaseEnvironment {
 public:
     using Connection = ScriptedServer::Connection;
 
     // `isExpected` recognises a request of the kind under test.
-    Stage(int port, const std::string& interfaceName, std::function<bool(const std::string& request)> isExpected);
-    ~Stage();
-    Stage(const Stage&) = delete;
-    Stage& operator=(const Stage&) = delete;
+    CaseEnvironment(int port, const std::string& interfaceName,
+                    std::function<bool(const std::string& request)> isExpected);
+    ~CaseEnvironment();
+    CaseEnvironment(const CaseEnvironment&) = delete;
+    CaseEnvironment& operator=(const CaseEnvironment&) = delete;
 
     int port() const { return mPort; }
 
     // Replaces the server. The connections of the previous one are closed.
     void serve(ScriptedServer::Script script) { serve({}, std::move(script)); }
     void serve(ScriptedServer::Options options, ScriptedServer::Script script);
-    void serveNobody();
+    void stopServing();
 
-    // Owned by the stage until the case ends.
-    void keep(std::shared_ptr<void> thing) { mKept.push_back(std::move(thing)); }
+    // Owned by the environment until the case ends.
+    void own(std::shared_ptr<void> object) { mOwned.push_back(std::move(object)); }
 
     // The case cannot run on this machine.
     void skip(const std::string& reason) { mReasonToSkip = reason; }
@@ -40,7 +41,7 @@ public:
 
     // Runs once the operation has been called.
     void meanwhile(std::function<void()> action) { mMeanwhile = std::move(action); }
-    void playMeanwhile();
+    void runMeanwhile();
 
     // Holds the next responses before they reach the adapter; each `pass` releases one.
     void hold(int answers) { mExchanges->toHold = answers; }
@@ -50,15 +51,15 @@ public:
     // Complete requests, counted where the server reads them.
     std::string readRequest(Connection& connection);
     void count(const std::string& request);
-    void countUnseen() { ++mRequests; }
+    void countUnread() { ++mRequests; }
     int requests() const { return mRequests; }
-    int strangers() const { return mStrangers; }
+    int otherRequests() const { return mOtherRequests; }
 
     // The bodies of the kind's sends, as the adapter made them.
     std::vector<std::string> sends() const { return mExchanges->sends.all(); }
 
 private:
-    // Of the kind under test. Shared with the observer, of which a last call may outlive the stage.
+    // Of the kind under test. Shared with the observer, of which a last call may outlive the environment.
     struct Exchanges {
         std::string interfaceName;
         std::atomic<int> toHold{0};
@@ -75,13 +76,13 @@ private:
     std::string mReasonToSkip;
     std::function<void()> mMeanwhile;
     std::atomic<int> mRequests{0};
-    std::atomic<int> mStrangers{0};
+    std::atomic<int> mOtherRequests{0};
     std::unique_ptr<ScriptedServer> mServer;
-    std::vector<std::shared_ptr<void>> mKept;
+    std::vector<std::shared_ptr<void>> mOwned;
 };
 
 // Moves this thread and those that it starts to a network namespace with loopback only. Returns the error, if any.
-std::string enterNetworkOfItsOwn();
+std::string enterOwnNetwork();
 void takeLoopbackDown();     // packets are lost
 void takeLoopbackAddress();  // sends fail at once: network unreachable
 

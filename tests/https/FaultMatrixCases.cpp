@@ -1,4 +1,4 @@
-#include "FaultMatrixCells.h"
+#include "FaultMatrixCases.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -16,7 +16,7 @@
 namespace {
 
 constexpr size_t kWorkingAtOnce = 8;
-constexpr size_t kWaitingAtOnce = 40;  // cells that mostly wait for a time-out
+constexpr size_t kWaitingAtOnce = 40;  // cases that mostly wait for a time-out
 
 // A port of loopback that nobody else is given while this is held, and that refuses until a server listens there.
 class ReservedPort {
@@ -43,8 +43,8 @@ private:
     int mPort = 0;
 };
 
-std::vector<std::string> environmentFor(const Cell& cell, int port) {
-    const std::string host = cell.fault->where == Fault::kUnknownHost ? "no-such-host.invalid" : "127.0.0.1";
+std::vector<std::string> environmentFor(const Case& testCase, int port) {
+    const std::string host = testCase.fault->where == Fault::kUnknownHost ? "no-such-host.invalid" : "127.0.0.1";
     std::vector<std::string> environment = {"VEXALIVE_SERVICE_HOST=" + host + ":" + std::to_string(port),
                                             "OPENSSL_CONF=" OPENSSL_CONFIGURATION};
     for (char** each = environ; *each; ++each) {
@@ -66,11 +66,11 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return pointers;
 }
 
-CellProcesses::Outcome playAlone(const Cell& cell) {
+CaseProcesses::Outcome runAlone(const Case& testCase) {
     const ReservedPort reserved;
     std::vector<std::string> arguments = {"/proc/self/exe", kAlone, "--gtest_color=no",
-                                          "--gtest_filter=FaultMatrix.MatchesTheOracle/" + cell.name()};
-    std::vector<std::string> environment = environmentFor(cell, reserved.port());
+                                          "--gtest_filter=FaultMatrix.MatchesTheOracle/" + testCase.name()};
+    std::vector<std::string> environment = environmentFor(testCase, reserved.port());
     int pipeEnds[2] = {-1, -1};
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
         return {-1, "no pipe"};
@@ -84,7 +84,7 @@ CellProcesses::Outcome playAlone(const Cell& cell) {
                                   pointersTo(environment).data());
     posix_spawn_file_actions_destroy(&actions);
     close(pipeEnds[1]);
-    CellProcesses::Outcome outcome{-1, error == 0 ? "" : "the cell's process could not be started"};
+    CaseProcesses::Outcome outcome{-1, error == 0 ? "" : "the process of the case could not be started"};
     if (error == 0) {
         char bytes[4096];
         for (ssize_t got = 0; (got = read(pipeEnds[0], bytes, sizeof bytes)) > 0;) {
@@ -98,8 +98,8 @@ CellProcesses::Outcome playAlone(const Cell& cell) {
     return outcome;
 }
 
-// The cells of this run, by the name of their test.
-std::set<std::string> cellsToRun() {
+// The cases of this run, by the name of their test.
+std::set<std::string> casesToRun() {
     std::set<std::string> names;
     const testing::UnitTest& unitTest = *testing::UnitTest::GetInstance();
     for (int i = 0; i < unitTest.total_test_suite_count(); ++i) {
@@ -117,48 +117,48 @@ std::set<std::string> cellsToRun() {
 
 }  // namespace
 
-CellProcesses& CellProcesses::instance() {
-    static auto& processes = *new CellProcesses();  // belongs to the test framework
+CaseProcesses& CaseProcesses::instance() {
+    static auto& processes = *new CaseProcesses();  // belongs to the test framework
     return processes;
 }
 
-CellProcesses::Outcome CellProcesses::await(const std::string& cell) {
-    return mOutcomes.at(cell).get_future().get();
+CaseProcesses::Outcome CaseProcesses::await(const std::string& testCase) {
+    return mOutcomes.at(testCase).get_future().get();
 }
 
-void CellProcesses::SetUp() {
-    const std::set<std::string> wanted = cellsToRun();
-    std::vector<Cell> working;
-    std::vector<Cell> waiting;
+void CaseProcesses::SetUp() {
+    const std::set<std::string> wanted = casesToRun();
+    std::vector<Case> working;
+    std::vector<Case> waiting;
     mOutcomes.clear();
-    for (const Cell& cell : cells()) {
-        if (wanted.count(cell.name()) > 0) {
-            mOutcomes[cell.name()];
-            (cell.fault->waits() ? waiting : working).push_back(cell);
+    for (const Case& testCase : matrixCases()) {
+        if (wanted.count(testCase.name()) > 0) {
+            mOutcomes[testCase.name()];
+            (testCase.fault->waits() ? waiting : working).push_back(testCase);
         }
     }
-    playInTurn(std::move(waiting), kWaitingAtOnce);
-    playInTurn(std::move(working), kWorkingAtOnce);
+    runInTurn(std::move(waiting), kWaitingAtOnce);
+    runInTurn(std::move(working), kWorkingAtOnce);
 }
 
-void CellProcesses::playInTurn(std::vector<Cell> cells, size_t atOnce) {
+void CaseProcesses::runInTurn(std::vector<Case> cases, size_t atOnce) {
     struct Queue {
-        std::vector<Cell> cells;
+        std::vector<Case> cases;
         std::atomic<size_t> next{0};
     };
     const auto queue = std::make_shared<Queue>();
-    queue->cells = std::move(cells);
-    for (size_t i = 0; i < std::min(atOnce, queue->cells.size()); ++i) {
+    queue->cases = std::move(cases);
+    for (size_t i = 0; i < std::min(atOnce, queue->cases.size()); ++i) {
         mThreads.emplace_back([this, queue] {
-            for (size_t next = 0; (next = queue->next++) < queue->cells.size();) {
-                const Cell& cell = queue->cells[next];
-                mOutcomes.at(cell.name()).set_value(playAlone(cell));
+            for (size_t next = 0; (next = queue->next++) < queue->cases.size();) {
+                const Case& testCase = queue->cases[next];
+                mOutcomes.at(testCase.name()).set_value(runAlone(testCase));
             }
         });
     }
 }
 
-void CellProcesses::TearDown() {
+void CaseProcesses::TearDown() {
     for (std::thread& thread : mThreads) {
         thread.join();
     }
