@@ -1,17 +1,17 @@
 #include "FaultMatrixCases.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <utility>
+
+#include "support/ChildProcess.h"
 
 namespace {
 
@@ -43,59 +43,31 @@ private:
     int mPort = 0;
 };
 
-std::vector<std::string> environmentFor(const Case& testCase, int port) {
+// Removes the other variables of the tests.
+std::map<std::string, std::string> environmentFor(const Case& testCase, int port) {
     const std::string host = testCase.fault->where == Fault::kUnknownHost ? "no-such-host.invalid" : "127.0.0.1";
-    std::vector<std::string> environment = {"VEXALIVE_SERVICE_HOST=" + host + ":" + std::to_string(port),
-                                            "OPENSSL_CONF=" OPENSSL_CONFIGURATION};
+    std::map<std::string, std::string> environment = {{"VEXALIVE_SERVICE_HOST", host + ":" + std::to_string(port)},
+                                                      {"OPENSSL_CONF", OPENSSL_CONFIGURATION}};
     for (char** each = environ; *each; ++each) {
         const std::string variable = *each;
-        if (variable.rfind("GTEST_", 0) != 0 && variable.rfind("VEXALIVE_", 0) != 0 &&
-            variable.rfind("OPENSSL_CONF=", 0) != 0) {
-            environment.push_back(variable);
+        if (variable.rfind("GTEST_", 0) == 0 || variable.rfind("VEXALIVE_", 0) == 0) {
+            environment.emplace(variable.substr(0, variable.find('=')), "");  // removes it
         }
     }
     return environment;
 }
 
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 CaseProcesses::Outcome runAlone(const Case& testCase) {
     const ReservedPort reserved;
-    std::vector<std::string> arguments = {"/proc/self/exe", kAlone, "--gtest_color=no",
-                                          "--gtest_filter=FaultMatrix.MatchesTheOracle/" + testCase.name()};
-    std::vector<std::string> environment = environmentFor(testCase, reserved.port());
-    int pipeEnds[2] = {-1, -1};
-    if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
-        return {-1, "no pipe"};
+    try {
+        ChildProcess child({"/proc/self/exe", kAlone, "--gtest_color=no",
+                            "--gtest_filter=FaultMatrix.MatchesTheOracle/" + testCase.name()},
+                           environmentFor(testCase, reserved.port()));
+        const int exitCode = child.awaitExit();
+        return {exitCode, child.output() + child.errors()};
+    } catch (const std::runtime_error& error) {
+        return {-1, error.what()};
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDERR_FILENO);
-    pid_t child = 0;
-    const int error = posix_spawn(&child, arguments[0].c_str(), &actions, nullptr, pointersTo(arguments).data(),
-                                  pointersTo(environment).data());
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeEnds[1]);
-    CaseProcesses::Outcome outcome{-1, error == 0 ? "" : "the process of the case could not be started"};
-    if (error == 0) {
-        char bytes[4096];
-        for (ssize_t got = 0; (got = read(pipeEnds[0], bytes, sizeof bytes)) > 0;) {
-            outcome.output.append(bytes, static_cast<size_t>(got));
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-    close(pipeEnds[0]);
-    return outcome;
 }
 
 // The cases of this run, by the name of their test.

@@ -145,47 +145,31 @@ private:
     std::map<std::string, int> mReportsWith;
 };
 
-// Any of the operations. `number` identifies the call.
+// One of the operations; `dice` chooses it.
 void anyOperation(LiveTranscodingAdapter& adapter, const std::shared_ptr<WatchingListener>& listener,
                   unsigned long dice) {
-    switch (dice % 16) {
-        case 0:
-        case 1:
-        case 2:
-            adapter.startPublishStreamUrl(relayParam());
-            break;
-        case 3:
-        case 4:
-            adapter.stopPublishStreamUrl();
-            break;
-        case 5:
-        case 6:
-        case 7:
-            adapter.setLiveMixTranscoding(mixConfig(1 + static_cast<int>(dice / 16 % 4)));
-            break;
-        case 8:
-        case 9:
-            adapter.stopLiveMixTranscoding();
-            break;
-        case 10:
-            adapter.startPublishStreamUrl({});
-            break;
-        case 11:
-            adapter.setLiveMixTranscoding({});
-            break;
-        case 12:
-            adapter.updateEnterRoomInfo("r1", "key");
-            break;
-        case 13:
-            adapter.setLiveTranscodingDelegate(listener);
-            break;
-        case 14:
-            adapter.clear();
-            break;
-        default:
-            adapter.resetInfo();
-            adapter.updateEnterRoomInfo("r1", "key");
-            break;
+    const unsigned long roll = dice % 16;
+    if (roll < 3) {
+        adapter.startPublishStreamUrl(relayParam());
+    } else if (roll < 5) {
+        adapter.stopPublishStreamUrl();
+    } else if (roll < 8) {
+        adapter.setLiveMixTranscoding(mixConfig(1 + static_cast<int>(dice / 16 % 4)));
+    } else if (roll < 10) {
+        adapter.stopLiveMixTranscoding();
+    } else if (roll == 10) {
+        adapter.startPublishStreamUrl({});
+    } else if (roll == 11) {
+        adapter.setLiveMixTranscoding({});
+    } else if (roll == 12) {
+        adapter.updateEnterRoomInfo("r1", "key");
+    } else if (roll == 13) {
+        adapter.setLiveTranscodingDelegate(listener);
+    } else if (roll == 14) {
+        adapter.clear();
+    } else {
+        adapter.resetInfo();
+        adapter.updateEnterRoomInfo("r1", "key");
     }
 }
 

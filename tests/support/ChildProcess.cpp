@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds kTestTimeout(60);
+constexpr std::chrono::seconds kTestTimeout(120);
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
