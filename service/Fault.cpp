@@ -253,6 +253,7 @@ Result<Fault> parseFaultOption(const std::string& text) {
             std::find_if(fields.begin(), fields.end(), [&name](const Field& field) { return field.name == name; });
         if (found == fields.end() || name.size() == word.size()) {
             std::vector<const char*> names;
+            names.reserve(fields.size());
             for (const Field& field : fields) {
                 names.push_back(field.name);
             }

@@ -72,7 +72,7 @@ Result<void> HttpServer::start(const Options& options) {
     if (!options.pem.empty() && !(mTls = makeTls(options.pem))) {
         return failure("the server certificate cannot be used");
     }
-    if (const Result<void> opened = openListener(options); !opened) {
+    if (Result<void> opened = openListener(options); !opened) {
         return opened;
     }
     {

@@ -220,12 +220,12 @@ bool WorkerPool::allowsPublish(const std::string& form) {
 
 // Concurrent callers share one request to the worker.
 std::string WorkerPool::jpegOf(const std::string& streamId) {
-    using Clock = std::chrono::steady_clock;
+    using SteadyClock = std::chrono::steady_clock;
     const WorkerKey key = {WorkerKey::Kind::kMix, streamId};
-    const Clock::time_point started = Clock::now();
-    const Clock::time_point deadline = started + kSnapshotTimeout;
+    const SteadyClock::time_point started = SteadyClock::now();
+    const SteadyClock::time_point deadline = started + kSnapshotTimeout;
     KstMutexLock lock(mMutex);
-    while (Clock::now() < deadline) {
+    while (SteadyClock::now() < deadline) {
         const auto found = mSnapshots.find(key);
         if (found == mSnapshots.end()) {
             break;
@@ -235,7 +235,7 @@ std::string WorkerPool::jpegOf(const std::string& streamId) {
             return snapshot.jpeg;
         }
         if (snapshot.requested <= snapshot.received || snapshot.requested + kSnapshotTimeout < started) {
-            snapshot.requested = Clock::now();
+            snapshot.requested = SteadyClock::now();
             mSupervisor.send(key, json({{"snapshot", {{"width", kSnapshotWidth}}}}).dump());
         }
         mSnapshotChanged.waitUntil(mMutex, deadline);

@@ -224,7 +224,7 @@ TEST_F(Mix, AnAbsentInputShowsAPlaceholderUntilItComes) {
     const Rgb placeholder = viewer.at(480, 180);
     EXPECT_FALSE(placeholder.isNear(kBackground)) << placeholder;
     EXPECT_LT(placeholder.r + placeholder.g + placeholder.b, 3 * 80) << placeholder;
-    EXPECT_TRUE(eventually([this] { return service.mix()["inputs"][1]["error"] != ""; }));
+    EXPECT_TRUE(eventually([this] { return service.mix()["inputs"][1]["error"] != nlohmann::json(""); }));
 
     bob = member(2, "lime", 660);
     EXPECT_TRUE(viewer.comesToShow({{160, 180, kRed}, {480, 180, kLime}}));

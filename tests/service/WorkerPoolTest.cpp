@@ -451,7 +451,7 @@ TEST_F(MediaService, ALackOfDescriptorsIsNotBlamedOnTheOrigin) {
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
     EXPECT_TRUE(isReported) << shown;
     EXPECT_EQ("running", shown["state"]);
-    EXPECT_TRUE(eventually([&] { return origin()["error"] == ""; }));
+    EXPECT_TRUE(eventually([&] { return origin()["error"] == nlohmann::json(""); }));
 }
 
 TEST_F(MediaService, TheOriginQueriesWhoMayPublish) {

@@ -73,7 +73,8 @@ void Account::open(Round& round, Operation operation) {
 void Account::beginOperation(Operation operation) {
     beginCall();
     const std::lock_guard<std::mutex> lock(mMutex);
-    open(roundOf(operation.kind), std::move(operation));
+    Round& round = roundOf(operation.kind);
+    open(round, std::move(operation));
 }
 
 void Account::beginReset() {
