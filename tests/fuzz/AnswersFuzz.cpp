@@ -16,11 +16,10 @@
 #include <optional>
 #include <utility>
 
-#include "Com/LiveTranscodingAdapter.h"
 #include "FakePlatform.h"
 #include "Fuzzing.h"
 #include "VirtualTime.h"
-#include "support/Oracle.h"
+#include "support/RoomMember.h"
 
 namespace {
 
@@ -41,50 +40,7 @@ constexpr const char* kMapKey = "map-key-of-room7";
 constexpr size_t kMaxSteps = 100;
 constexpr size_t kMaxRequests = 60;  // of a scenario; the last of them are left open
 
-class Listener : public ILiveTrancodingDelegate {
-public:
-    void onStartPublishStreamUrl(int code, std::string message) override {
-        record(kAddRelay, code, std::move(message));
-    }
-    void onStopPublishStreamUrl(int code, std::string message) override {
-        record(kRemoveRelay, code, std::move(message));
-    }
-    void onSetLiveMixTranscoding(int code, std::string message) override {
-        record(kStartMix, code, std::move(message));
-    }
-    void onStopLiveMixTranscoding(int code, std::string message) override {
-        record(kCancelMix, code, std::move(message));
-    }
-
-    std::vector<Notification> notifications;
-
-private:
-    void record(Kind kind, int code, std::string message) {
-        notifications.push_back({rulesOf(kind).name, code, std::move(message)});
-    }
-};
-
 // ---- The scenario ---------------------------------------------------------------------------------------------------
-
-kstmedia::VexaPublishCDNParamInternal relay() {
-    kstmedia::VexaPublishCDNParamInternal param;
-    param.appId = 12345;
-    param.bizId = 8888;
-    param.url = "rtmp://cdn.test/live/alice";
-    return param;
-}
-
-kstmedia::VexaTranscodingConfigInternal mix() {
-    kstmedia::VexaTranscodingConfigInternal config;
-    config.appId = 12345;
-    config.bizId = 8888;
-    config.mixUsersArray.resize(2);
-    config.mixUsersArray[0].userId = "alice";
-    config.mixUsersArray[0].zOrder = 2;
-    config.mixUsersArray[1].userId = "bob";
-    config.mixUsersArray[1].pureAudio = true;
-    return config;
-}
 
 class Scenario {
 public:
@@ -99,11 +55,11 @@ public:
         switch (line.empty() ? '\0' : line.front()) {
             case 'A':
                 start(kAddRelay);
-                mAdapter->startPublishStreamUrl(relay());
+                mAdapter->startPublishStreamUrl(relayParam());
                 break;
             case 'M':
                 start(kStartMix);
-                mAdapter->setLiveMixTranscoding(mix());
+                mAdapter->setLiveMixTranscoding(mixConfig());
                 break;
             case 'R':
                 stop(kRemoveRelay);
@@ -231,26 +187,24 @@ private:
         }
     }
 
-    std::optional<size_t> oldestOpenRequest() const {
-        for (size_t i = 0; i < mPlatform.requests.size(); ++i) {
-            if (mPlatform.requests[i].callback) {
-                return i;
-            }
-        }
-        return std::nullopt;
+    // The number of requests if none is open.
+    size_t oldestOpenRequest() const {
+        const auto& requests = mPlatform.requests;
+        const auto isOpen = [](const FakePlatform::Request& request) { return request.callback != nullptr; };
+        return static_cast<size_t>(std::find_if(requests.begin(), requests.end(), isOpen) - requests.begin());
     }
 
     bool answer(int retCode, const std::string& body) {
-        if (!oldestOpenRequest()) {
+        if (oldestOpenRequest() == mSent.size()) {
             VirtualTime::runUntilQuiet();
             compare();
         }
-        const std::optional<size_t> request = oldestOpenRequest();
-        if (!request || mSent.size() > kMaxRequests) {
+        const size_t request = oldestOpenRequest();
+        if (request == mSent.size() || mSent.size() > kMaxRequests) {
             return false;
         }
-        expectAfterAnswer(mSent[*request], retCode, body);
-        mPlatform.respond(*request, retCode, body);
+        expectAfterAnswer(mSent[request], retCode, body);
+        mPlatform.respond(request, retCode, body);
         VirtualTime::runDue();
         compare();
         return true;
@@ -286,7 +240,7 @@ private:
             compareRequest(mPlatform.requests[mSent.size()]);
         }
         require(mFirstSends.empty(), "what is begun is sent");
-        compareTold();
+        compareCalls();
         compareReports();
         for (; mLogSeen < mPlatform.log.size(); ++mLogSeen) {
             requireNoSecretIn(mPlatform.log[mLogSeen].text);
@@ -341,11 +295,11 @@ private:
         mSent.push_back({kind, index, isRetry});
     }
 
-    void compareTold() {
-        const size_t count = mListener ? mListener->notifications.size() : 0;
-        require(count == mExpected.size(), "the listener is called as often as the rules say");
-        for (size_t i = 0; i < count; ++i) {
-            const Notification& call = mListener->notifications[i];
+    void compareCalls() {
+        const std::vector<Call> calls = mListener ? mListener->calls.all() : std::vector<Call>();
+        require(calls.size() == mExpected.size(), "the listener is called as often as the rules say");
+        for (size_t i = 0; i < calls.size(); ++i) {
+            const Call& call = calls[i];
             require(call.operation == mExpected[i].operation && call.code == mExpected[i].code, "the listener's code",
                     call.operation + " " + std::to_string(call.code));
             require(!mExpected[i].message || call.message == mExpected[i].message, "the listener's message",
@@ -354,7 +308,7 @@ private:
         }
         mExpected.clear();
         if (mListener) {
-            mListener->notifications.clear();
+            mListener->calls.clear();
         }
     }
 

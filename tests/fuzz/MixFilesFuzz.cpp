@@ -6,6 +6,7 @@
 #include <string>
 #include <tuple>
 
+#include "Com/LiveRequests.h"
 #include "Com/LiveTranscodingAdapter.h"
 #include "FakePlatform.h"
 #include "Fuzzing.h"
@@ -77,18 +78,11 @@ Json jsonOf(const Config& config) {
                          {"pureAudio", user.pureAudio},
                          {"streamType", user.streamType}});
     }
-    return {{"mode", config.mode},
-            {"appId", config.appId},
-            {"bizId", config.bizId},
-            {"videoWidth", config.videoWidth},
-            {"videoHeight", config.videoHeight},
-            {"videoBitrate", config.videoBitrate},
-            {"videoFramerate", config.videoFramerate},
-            {"videoGOP", config.videoGOP},
-            {"audioSampleRate", config.audioSampleRate},
-            {"audioBitrate", config.audioBitrate},
-            {"audioChannels", config.audioChannels},
-            {"mixUsersArray", users}};
+    Json json = {{"mode", config.mode}, {"mixUsersArray", users}};
+    for (const requests::ConfigField& field : requests::kConfigFields) {
+        json[field.name] = config.*field.value;
+    }
+    return json;
 }
 
 // What the text says, is what was read; and written again, it is read as the same.
@@ -182,12 +176,12 @@ void requireValidation(const Config& config, const std::vector<MixDiagnostic>& d
 void requirePreview(const Config& config, const std::vector<MixDiagnostic>& diagnostics) {
     const auto drawing = drawPreview(config, diagnostics, {"mix.json", "4711", "alice"});
     require(drawing->width() == kPreviewWidth && drawing->height() > 0 && drawing->height() <= kPreviewMaxHeight,
-            "a picture's size is bounded");
+            "a preview's size is bounded");
     const std::string svg = drawing->svg();
     const std::string_view controls("\0\1\2\3\4\5\6\7\b\v\f\x1b", 12);
     require(svg.find_first_of(controls) == std::string::npos && svg.find("&#x") == std::string::npos,
-            "a picture holds no control characters, nor what stands for one", svg);
-    require(endsWith(svg, "</svg>\n"), "a picture is whole", svg.substr(svg.size() - std::min<size_t>(svg.size(), 99)));
+            "a preview holds no control characters, nor what stands for one", svg);
+    require(endsWith(svg, "</svg>\n"), "a preview is whole", svg.substr(svg.size() - std::min<size_t>(svg.size(), 99)));
 }
 
 }  // namespace

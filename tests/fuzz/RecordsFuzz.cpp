@@ -77,6 +77,11 @@ Request readRequest(std::string_view input) {
         text = value;
         lastText = &text;
     };
+    const std::pair<const char*, std::string*> texts[] = {{"url", &request.relay.url},
+                                                          {"localUser", &request.localUser},
+                                                          {"localRoom", &request.localRoom},
+                                                          {"userSig", &request.userSig},
+                                                          {"mapKey", &request.mapKey}};
     auto& users = request.config.mixUsersArray;
     for (const std::string& line : linesOf(input)) {
         std::string_view rest = line;
@@ -86,21 +91,12 @@ Request readRequest(std::string_view input) {
                 request.config.*number.value = numberOf<int32_t>(rest);
             }
         }
-        if (name == "appId") {
-            request.relay.appId = request.config.appId;
-        } else if (name == "bizId") {
-            request.relay.bizId = request.config.bizId;
-        } else if (name == "url") {
-            setText(request.relay.url, rest);
-        } else if (name == "localUser") {
-            setText(request.localUser, rest);
-        } else if (name == "localRoom") {
-            setText(request.localRoom, rest);
-        } else if (name == "userSig") {
-            setText(request.userSig, rest);
-        } else if (name == "mapKey") {
-            setText(request.mapKey, rest);
-        } else if (name == "sdkAppId") {
+        for (const auto& [key, text] : texts) {
+            if (name == key) {
+                setText(*text, rest);
+            }
+        }
+        if (name == "sdkAppId") {
             request.sdkAppId = numberOf<int64_t>(rest);
         } else if (name == "json") {
             request.jsonTexts.emplace_back(rest);
@@ -131,6 +127,8 @@ Request readRequest(std::string_view input) {
             users.back().streamType = numberOf<int32_t>(rest);
         }
     }
+    request.relay.appId = request.config.appId;
+    request.relay.bizId = request.config.bizId;
     return request;
 }
 

@@ -164,7 +164,7 @@ void requireAccepted(const AcceptedRequest& request, const std::string& interfac
     }
 }
 
-void requireJudged(const std::string& interfaceName, const std::string& query, const std::string& body) {
+void requireChecked(const std::string& interfaceName, const std::string& query, const std::string& body) {
     const auto result = checkRequest(interfaceName, query, body, kSuffix);
     if (!result) {
         requireRefusal(result.error(), query, body);
@@ -185,9 +185,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!isInterface(interfaceName)) {
         return 0;  // the service answers 404 before it checks anything
     }
-    requireJudged(interfaceName, query, body);
-    // Where one half is sound, every rule for the other decides.
-    requireJudged(interfaceName, kGoodQuery, body);
-    requireJudged(kRemoveRelayInterface, query, kGoodBody);
+    requireChecked(interfaceName, query, body);
+    // Where one half is valid, every rule for the other decides.
+    requireChecked(interfaceName, kGoodQuery, body);
+    requireChecked(kRemoveRelayInterface, query, kGoodBody);
     return 0;
 }
