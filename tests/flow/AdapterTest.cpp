@@ -146,17 +146,10 @@ TEST_F(AdapterTest, RoomEntryWithNothingWaitingOnlyStores) {
     startRelay();
     EXPECT_THAT(request(0).url, HasSubstr(std::string("&parivMapKey=") + kMapKey));
     EXPECT_THAT(body(0), HasSubstr(kAliceMain));
-}
-
-TEST_F(AdapterTest, EnteringAnotherRoomSendsNothingAnew) {
-    givenInRoom();
-    startRelay();
     startMix();
     respondOk();
     respondOk();
-
     enterRoom("room9", "another-key");
-
     EXPECT_THAT(requests(), SizeIs(2));
 }
 
@@ -259,7 +252,7 @@ TEST_F(AdapterTest, ResetKeepsIdentityRoomIdsAndListener) {
     reset();
     clearRecords();
 
-    stopRelay();
+    begin(kRemoveRelay);
     respondOk();
 
     EXPECT_THAT(request(0).url, HasSubstr("sdkappid=1400123&"));
@@ -367,10 +360,10 @@ TEST_F(AdapterTest, RefusedCallsAreRoutedThisWayAndTheStartsAreReportedWithoutAL
     givenInRoom();
     const auto callAll = [this] {
         callRefused(kAddRelay);
-        stopRelay();
+        begin(kRemoveRelay);
         callRefused(kStartMix);
         startMix(mix({}));
-        cancelMix();
+        begin(kCancelMix);
     };
     callAll();
 
@@ -404,7 +397,7 @@ TEST_F(AdapterTest, ListenerSetAtAnyTimeTakesEffectAtOnce) {
     other->onCall = [&] { mAdapter->setLiveTranscodingDelegate({}); };
 
     respondToAll(0, "");  // ends with two calls
-    cancelMix();
+    begin(kCancelMix);
     respondOk();
 
     EXPECT_THAT(notified(), ElementsAre(Notified{"onStopLiveMixTranscoding", -3324, "recv message nil"}));

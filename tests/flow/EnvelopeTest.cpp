@@ -160,8 +160,8 @@ TEST_F(EnvelopeTest, EventIdsAreConsecutiveOverKindsRetriesAdaptersAndThreads) {
         run();
     })
         .join();
-    cancelMix();
-    stopRelay();
+    begin(kCancelMix);
+    begin(kRemoveRelay);
 
     ASSERT_EQ(requests().size(), 6u);
     for (int i = 0; i < 6; ++i) {

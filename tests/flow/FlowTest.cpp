@@ -46,25 +46,9 @@ std::string filled(std::string format, const std::vector<std::string>& texts) {
     return format;
 }
 
-void RecordingListener::onStartPublishStreamUrl(int errCode, std::string errMsg) {
-    keep("onStartPublishStreamUrl", errCode, std::move(errMsg));
-}
-
-void RecordingListener::onStopPublishStreamUrl(int errCode, std::string errMsg) {
-    keep("onStopPublishStreamUrl", errCode, std::move(errMsg));
-}
-
-void RecordingListener::onSetLiveMixTranscoding(int errCode, std::string errMsg) {
-    keep("onSetLiveMixTranscoding", errCode, std::move(errMsg));
-}
-
-void RecordingListener::onStopLiveMixTranscoding(int errCode, std::string errMsg) {
-    keep("onStopLiveMixTranscoding", errCode, std::move(errMsg));
-}
-
-void RecordingListener::keep(const char* operation, int errCode, std::string errMsg) {
+void RecordingListener::add(const char* operation, int code, const std::string& text) {
     FakePlatform::instance().order.push_back(operation);
-    mNotified.push_back({operation, errCode, std::move(errMsg)});
+    mNotified.push_back({operation, code, text});
     if (onCall) {
         onCall();
     }
@@ -247,18 +231,8 @@ void FlowTest::startRelay(const VexaPublishCDNParamInternal& param) {
     run();
 }
 
-void FlowTest::stopRelay() {
-    mAdapter->stopPublishStreamUrl();
-    run();
-}
-
 void FlowTest::startMix(const VexaTranscodingConfigInternal& config) {
     mAdapter->setLiveMixTranscoding(config);
-    run();
-}
-
-void FlowTest::cancelMix() {
-    mAdapter->stopLiveMixTranscoding();
     run();
 }
 

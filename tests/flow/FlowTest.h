@@ -1,4 +1,4 @@
-// What every scenario about the adapter starts from: an adapter on fakes, a listener that keeps what it is notified,
+// What every scenario about the adapter starts from: an adapter on fakes, a listener that records its calls,
 // and words for what is given, what happens and what is to be seen.
 
 #ifndef VEXALIVE_FLOW_FLOW_TEST_H
@@ -67,15 +67,15 @@ class RecordingListener : public ILiveTrancodingDelegate {
 public:
     explicit RecordingListener(std::vector<Notified>& notified) : mNotified(notified) {}
 
-    void onStartPublishStreamUrl(int errCode, std::string errMsg) override;
-    void onStopPublishStreamUrl(int errCode, std::string errMsg) override;
-    void onSetLiveMixTranscoding(int errCode, std::string errMsg) override;
-    void onStopLiveMixTranscoding(int errCode, std::string errMsg) override;
+    void onStartPublishStreamUrl(int code, std::string text) override { add("onStartPublishStreamUrl", code, text); }
+    void onStopPublishStreamUrl(int code, std::string text) override { add("onStopPublishStreamUrl", code, text); }
+    void onSetLiveMixTranscoding(int code, std::string text) override { add("onSetLiveMixTranscoding", code, text); }
+    void onStopLiveMixTranscoding(int code, std::string text) override { add("onStopLiveMixTranscoding", code, text); }
 
     std::function<void()> onCall;  // what the application does inside the call
 
 private:
-    void keep(const char* operation, int errCode, std::string errMsg);
+    void add(const char* operation, int code, const std::string& text);
 
     std::vector<Notified>& mNotified;
 };
@@ -158,9 +158,7 @@ protected:
     // ---- when
     // Each of these runs all that is due afterwards.
     void startRelay(const kstmedia::VexaPublishCDNParamInternal& param = relay());
-    void stopRelay();
     void startMix(const kstmedia::VexaTranscodingConfigInternal& config = mix());
-    void cancelMix();
     void begin(const Kind& kind);  // the kind's own operation
     void enterRoom(const std::string& roomId = "room7", const std::string& mapKey = kMapKey);
     void reset();

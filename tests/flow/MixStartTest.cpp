@@ -160,7 +160,7 @@ TEST_F(MixStartTest, RefusalsLeaveTheIdsOfTheRunningMix) {
     refused.bizId = 66;
 
     startMix(refused);
-    cancelMix();
+    begin(kCancelMix);
     startMix();
 
     EXPECT_THAT(body(1), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));

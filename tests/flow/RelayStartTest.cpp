@@ -155,7 +155,7 @@ TEST_F(RelayStartTest, StopWhileARetryWaitsLetsItSendTheAddressAndZeroesItsCount
     givenInRoom();
     startRelay();
     respond(kTryAgain, "");
-    stopRelay();
+    begin(kRemoveRelay);
 
     pass(Milliseconds(1000));
 

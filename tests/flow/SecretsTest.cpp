@@ -17,9 +17,9 @@ TEST_F(SecretsTest, SecretsAppearOnlyInAddresses) {
     respondTo(1, 0, "");
     VirtualTime::runUntilQuiet();
     respondToAll(0, "not json");
-    stopRelay();
+    begin(kRemoveRelay);
     respondToAll(1, "");
-    cancelMix();
+    begin(kCancelMix);
     respondToAll(404, R"({"transportError":"refused"})");
     startRelay(relay(""));
     startMix(mix({}));
@@ -30,7 +30,7 @@ TEST_F(SecretsTest, SecretsAppearOnlyInAddresses) {
     respondToAll(0, R"({"code":505,"message":"busy"})");
     reset();
     startMix(mix({audioUser("bob")}));
-    cancelMix();
+    begin(kCancelMix);
     respondToAll(0, R"({"ErrorCode":-1,"ErrorInfo":"down"})");
 
     EXPECT_GT(mPlatform.log.size(), 50u);

@@ -94,18 +94,6 @@ TEST_P(StopTest, StopAfterAStartSendsItsBodyAndReportsItAsInformation) {
     EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 0, kOk)}));
 }
 
-TEST_P(StopTest, StopNeedsNoRoom) {
-    givenSent(start());
-    respondOk();
-    reset();
-    clearRecords();
-
-    begin(kind());
-
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(body(0), stopBody(0, 1000));
-}
-
 TEST_P(StopTest, StopDropsAStartThatWaitsForTheRoomAndIsSentSinceTheIdsAreSet) {
     givenUser();
     begin(start());
@@ -169,22 +157,6 @@ TEST_P(StopTest, IdsRemainSoThatTheNextStopsOfBothFamiliesAreSent) {
     ASSERT_THAT(requests(), SizeIs(3));
     EXPECT_THAT(body(1), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
     EXPECT_THAT(body(2), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
-}
-
-TEST_P(StopTest, OfTwoStopsInQuickSuccessionOneIsSent) {
-    givenInRoom();
-    begin(start());
-    clearRecords();
-
-    call(kind());
-    call(kind());
-    run();
-
-    EXPECT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
-    EXPECT_THAT(log(), SizeIs(2));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
 }
 
 TEST_P(StopTest, StopCalledBehindARoomEntryIsSupersededByTheReissuedStart) {
@@ -281,7 +253,7 @@ class MixCancelTest : public FlowTest {};
 TEST_F(MixCancelTest, CancelLeavesTheInformationOfAMixRetryUnderWay) {
     givenRetrySent(kStartMix);
 
-    cancelMix();
+    begin(kCancelMix);
     respondTo(1, 0, kOk);
 
     EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
