@@ -18,8 +18,6 @@
 namespace vexalive {
 
 using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -205,7 +203,7 @@ TEST(MixFileTest, AnythingButJsonIsAnError) {
         {"{'mode':1e}", "1:11", "expected a digit"},
         {"{'mode':'a", "1:11", "string without its closing quote"},
         {"{'mode':'\\u12g4'}", "1:10", "expected four hexadecimal digits after '\\u'"},
-        {std::string("{'mode':\0 1}", 13), "1:9", "expected a value"},
+        {std::string("{'mode':\0 1}", 12), "1:9", "expected a value"},
         {"\xef\xbb\xbf{}", "1:1", "byte order mark"},
     };
     for (const auto& [text, position, error] : cases) {
@@ -260,7 +258,7 @@ TEST(MixFileTest, NestingIsLimited) {
                 ElementsAre("m:1:73: nested deeper than 64 objects and lists"));
     EXPECT_THAT(errorsIn("{\"mode\":" + std::string(1000000, '[')),
                 ElementsAre("m:1:73: nested deeper than 64 objects and lists"));
-    EXPECT_THAT(errorsIn(std::string(10000000, '[')), ElementsAre("m: is larger than 1048576 bytes"));
+    EXPECT_THAT(errorsIn(std::string(8000000, '[')), ElementsAre("m: is larger than 1048576 bytes"));
 }
 
 // ---- Arbitrary files
