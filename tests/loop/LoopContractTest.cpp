@@ -24,10 +24,8 @@ namespace {
 using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 using testing::UnorderedElementsAre;
 using Hold = LoopDriver::Hold;
 

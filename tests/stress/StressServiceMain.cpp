@@ -50,7 +50,7 @@ public:
 private:
     Fault any() {
         static constexpr Fault::Kind kKinds[] = {
-            Fault::Kind::kDelay, Fault::Kind::kStatus, Fault::Kind::kEmpty,      Fault::Kind::kGarbage,
+            Fault::Kind::kDelay, Fault::Kind::kStatus, Fault::Kind::kEmpty, Fault::Kind::kGarbage,
             Fault::Kind::kCut,   Fault::Kind::kClose,  Fault::Kind::kCode,
         };
         static constexpr int kStatuses[] = {503, 500, 429, 404, 301};
