@@ -23,10 +23,8 @@ protected:
 
     std::string relayBody(size_t number, const std::string& url, int timestamp) {
         return R"({"appid":12345,"dest_stream_url":")" + url + R"(","domain":"8888.push.test","event_id":)" +
-               std::to_string(eventId(number)) +
-               R"(,"interface":"add_relay_stream_url","path":"live","stream_id":"8888_fcbd0847daa9c600a757e0d48049b252")"
-               R"(,"timestamp":)" +
-               std::to_string(timestamp) + R"(,"use_mix_crop_center":1})";
+               std::to_string(eventId(number)) + R"(,"interface":"add_relay_stream_url","path":"live","stream_id":")" +
+               kAliceMain + R"(","timestamp":)" + std::to_string(timestamp) + R"(,"use_mix_crop_center":1})";
     }
 };
 

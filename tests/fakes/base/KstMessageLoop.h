@@ -1,4 +1,4 @@
-// The worker loop in virtual time: the same face as the real one, without a thread and without waiting.
+// The worker loop in virtual time: the same interface as the real one, without a thread and without waiting.
 //
 // For tests only: a target that puts tests/fakes before src on its include path runs the adapter on this loop. Tasks
 // run when the test runs them, through VirtualTime (VirtualTime.h), one at a time on the test's thread and never inside
