@@ -1,5 +1,6 @@
 // What is served to this machine only: the console's port and its guards, and the metrics.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,13 +11,13 @@
 #include "support/ServiceTesting.h"
 
 using namespace servicetesting;
+using namespace std::string_literals;
 using vexalive::LiveServiceOptions;
 
 namespace {
 
 LiveServiceOptions withConsole() {
-    LiveServiceOptions options;
-    options.tls = false;
+    LiveServiceOptions options = plainOptions();
     options.consolePort = 0;
     return options;
 }
@@ -72,15 +73,14 @@ TEST(ConsolePort, OtherWebSitesAreRefused) {
     const std::string address = service->consoleAddress();
     const std::string port = address.substr(address.find(':'));
     httplib::Client console("http://" + address);
-    for (const std::string& host : {"127.0.0.1" + port, "localhost" + port, std::string("localhost"), "[::1]" + port}) {
+    for (const std::string& host : {"127.0.0.1" + port, "localhost" + port, "localhost"s, "[::1]" + port}) {
         EXPECT_EQ(200, statusOf(console, "GET", "/state", {{"Host", host}})) << host;
     }
-    for (const std::string& host : {"evil.test" + port, std::string("evil.test"), "127.0.0.1.evil.test" + port,
-                                    "localhost.evil.test" + port, "[::2]" + port, std::string("10.0.0.1")}) {
+    for (const std::string& host : {"evil.test" + port, "evil.test"s, "127.0.0.1.evil.test" + port,
+                                    "localhost.evil.test" + port, "[::2]" + port, "10.0.0.1"s}) {
         EXPECT_EQ(403, statusOf(console, "GET", "/state", {{"Host", host}})) << host;
     }
-    for (const std::string& origin : {std::string("http://evil.test"), std::string("null"),
-                                      std::string("http://127.0.0.1:1"), "http://evil.test" + port}) {
+    for (const std::string& origin : {"http://evil.test"s, "null"s, "http://127.0.0.1:1"s, "http://evil.test" + port}) {
         EXPECT_EQ(403, statusOf(console, "DELETE", "/faults", {{"Origin", origin}, {"Host", address}})) << origin;
     }
     EXPECT_EQ(200, statusOf(console, "DELETE", "/faults", {{"Origin", "http://" + address}, {"Host", address}}));
@@ -126,8 +126,7 @@ TEST(ConsolePort, AnOccupiedPortIsReported) {
     vexalive::LiveService second(options);
     const auto started = second.start();
     ASSERT_FALSE(started);
-    EXPECT_NE(std::string::npos, started.error().message.find("already in use"))
-        << started.error().message;
+    EXPECT_THAT(started.error().message, testing::HasSubstr("already in use"));
 }
 
 // ---- Metrics --------------------------------------------------------------------------------------------------------
@@ -156,28 +155,19 @@ TEST(Metrics, ListEachWorkerAndEachInputOnce) {
     running.media = {"", {{{WorkerState::kReconnecting, "x", 12, 3, 2, 1}, {input, input}}, 4}};
     snapshot.mixes.emplace_back().request.streamId = "8888_n";
     const std::string text = metricsText(snapshot);
-    const auto occurrences = [&text](const std::string& line) {
-        size_t count = 0;
-        for (size_t at = text.find("\n" + line + "\n"); at != std::string::npos;
-             at = text.find("\n" + line + "\n", at + 1)) {
-            ++count;
-        }
-        return count;
-    };
     const std::string mix = R"({kind="mix",stream_id="8888_m")";
     const std::string labels = R"({kind="mix",stream_id="8888_m",input="a\"\\b\nc")";
+    const std::string origin = "vexalive_origin_state{state=";
     for (const std::string& line :
-         {std::string("vexalive_mixes 1"), std::string("vexalive_relays 0"),
-          std::string("vexalive_origin_state{state=\"running\"} 1"),
-          std::string("vexalive_origin_state{state=\"failed\"} 0"), std::string("vexalive_origin_restarts_total 3"),
-          "vexalive_media_state" + mix + ",state=\"reconnecting\"} 1",
+         {"vexalive_mixes 1"s, "vexalive_relays 0"s, origin + "\"running\"} 1", origin + "\"failed\"} 0",
+          "vexalive_origin_restarts_total 3"s, "vexalive_media_state" + mix + ",state=\"reconnecting\"} 1",
           "vexalive_media_state" + mix + ",state=\"running\"} 0", "vexalive_media_bytes_total" + mix + "} 12",
           "vexalive_media_frames_total" + mix + "} 3", "vexalive_media_dropped_frames_total" + mix + "} 2",
           "vexalive_media_reconnects_total" + mix + "} 1", "vexalive_media_restarts_total" + mix + "} 4",
           "vexalive_media_input_state" + labels + ",state=\"running\"} 1",
           "vexalive_media_input_bytes_total" + labels + "} 5",
           "vexalive_media_input_reconnects_total" + labels + "} 8"}) {
-        EXPECT_EQ(1u, occurrences(line)) << line << " in\n" << text;
+        EXPECT_EQ(1, occurrences(text, "\n" + line + "\n")) << line << " in\n" << text;
     }
     EXPECT_EQ(std::string::npos, text.find("8888_n"));
 }

@@ -9,7 +9,6 @@
 
 using namespace servicetesting;
 using vexalive::Fault;
-using vexalive::LiveServiceOptions;
 
 namespace {
 
@@ -27,13 +26,18 @@ protected:
                              "application/json");
     }
 
+    httplib::Response response(const json& body = addRelayBody()) {
+        const auto result = exchange(body);
+        EXPECT_TRUE(result);
+        return result ? *result : httplib::Response();
+    }
+
     json active() { return json::parse(mService->faultsJson())["active"]; }
 
     void expectNormalResponse() {
-        const auto result = exchange();
-        ASSERT_TRUE(result);
-        EXPECT_EQ(200, result->status);
-        EXPECT_EQ((json{{"code", 0}, {"message", "ok"}}), json::parse(result->body));
+        const httplib::Response result = response();
+        EXPECT_EQ(200, result.status);
+        EXPECT_EQ((json{{"code", 0}, {"message", "ok"}}), json::parse(result.body));
         EXPECT_EQ(1, mService.state()["relays"][0]["requests"]);  // the others were not carried out
     }
 
@@ -41,10 +45,8 @@ protected:
     std::unique_ptr<httplib::Client> mClient = mService.client();
 };
 
-std::string answerOnPlainWire(const json& fault) {
-    LiveServiceOptions options;
-    options.tls = false;
-    RunningService service(options);
+std::string responseOnPlainHttp(const json& fault) {
+    RunningService service(plainOptions());
     const auto client = service.client();
     EXPECT_TRUE(client->Post("/faults", fault.dump(), "application/json"));
     RawConnection connection(service->port());
@@ -55,73 +57,63 @@ std::string answerOnPlainWire(const json& fault) {
 
 }  // namespace
 
-TEST_F(FaultsTest, AStatusWithAnEmptyBodyIsAnswered) {
+TEST_F(FaultsTest, AStatusHasAnEmptyBody) {
     for (const int status : {200, 204, 404, 500, 503, 599}) {
         inject({{"kind", "status"}, {"status", status}});
-        const auto result = exchange();
-        ASSERT_TRUE(result) << status;
-        EXPECT_EQ(status, result->status);
-        EXPECT_EQ("", result->body);
-        EXPECT_FALSE(result->has_header("Location"));
+        const httplib::Response result = response();
+        EXPECT_EQ(status, result.status);
+        EXPECT_EQ("", result.body);
+        EXPECT_FALSE(result.has_header("Location"));
     }
     expectNormalResponse();
 }
 
 TEST_F(FaultsTest, ARedirectNamesAPathThatWouldShowWhoFollowsIt) {
     inject({{"kind", "status"}, {"status", 301}});
-    const auto result = exchange();
-    ASSERT_TRUE(result);
-    EXPECT_EQ(301, result->status);
-    EXPECT_EQ("/redirected", result->get_header_value("Location"));
+    const httplib::Response result = response();
+    EXPECT_EQ(301, result.status);
+    EXPECT_EQ("/redirected", result.get_header_value("Location"));
 }
 
-TEST_F(FaultsTest, AnEmptyAnswerIsGiven) {
+TEST_F(FaultsTest, AnEmptyResponseHasNoBody) {
     inject({{"kind", "empty"}});
-    const auto result = exchange();
-    ASSERT_TRUE(result);
-    EXPECT_EQ(200, result->status);
-    EXPECT_EQ("0", result->get_header_value("Content-Length"));
-    EXPECT_EQ("", result->body);
+    const httplib::Response result = response();
+    EXPECT_EQ(200, result.status);
+    EXPECT_EQ("0", result.get_header_value("Content-Length"));
+    EXPECT_EQ("", result.body);
     expectNormalResponse();
 }
 
 TEST_F(FaultsTest, GarbageIsNoJson) {
     inject({{"kind", "garbage"}});
-    const auto result = exchange();
-    ASSERT_TRUE(result);
-    EXPECT_EQ(200, result->status);
-    EXPECT_FALSE(result->body.empty());
-    EXPECT_FALSE(json::accept(result->body));
+    const httplib::Response result = response();
+    EXPECT_EQ(200, result.status);
+    EXPECT_FALSE(result.body.empty());
+    EXPECT_FALSE(json::accept(result.body));
     expectNormalResponse();
 }
 
-TEST_F(FaultsTest, AHugeAnswerIsJsonOfExactlyTheSizeAskedFor) {
+TEST_F(FaultsTest, AHugeResponseIsJsonOfExactlyTheSizeAskedFor) {
     for (const size_t size : {size_t{64}, size_t{1} << 20, size_t{5'000'001}}) {
         inject({{"kind", "huge"}, {"size", size}});
-        const auto result = exchange();
-        ASSERT_TRUE(result);
-        EXPECT_EQ(size, result->body.size());
-        EXPECT_EQ(0, json::parse(result->body)["code"]);
+        const httplib::Response result = response();
+        EXPECT_EQ(size, result.body.size());
+        EXPECT_EQ(0, json::parse(result.body)["code"]);
     }
     inject({{"kind", "huge"}});
-    const auto result = exchange();
-    ASSERT_TRUE(result);
-    EXPECT_EQ(size_t{2} << 20, result->body.size());
+    EXPECT_EQ(size_t{2} << 20, response().body.size());
     expectNormalResponse();
 }
 
-TEST_F(FaultsTest, AServerCodeIsAnsweredUnderEitherPairOfKeys) {
+TEST_F(FaultsTest, AServerCodeComesUnderEitherPairOfKeys) {
     inject({{"kind", "code"}, {"code", -505}, {"message", "busy"}});
     inject({{"kind", "code"}, {"code", 10017}, {"message", "later"}, {"error_code_keys", true}});
-    const auto first = exchange();
-    const auto second = exchange();
-    ASSERT_TRUE(first && second);
-    EXPECT_EQ((json{{"code", -505}, {"message", "busy"}}), json::parse(first->body));
-    EXPECT_EQ((json{{"ErrorCode", 10017}, {"ErrorInfo", "later"}}), json::parse(second->body));
+    EXPECT_EQ((json{{"code", -505}, {"message", "busy"}}), json::parse(response().body));
+    EXPECT_EQ((json{{"ErrorCode", 10017}, {"ErrorInfo", "later"}}), json::parse(response().body));
     expectNormalResponse();
 }
 
-TEST_F(FaultsTest, ADelayComesBeforeTheTrueAnswer) {
+TEST_F(FaultsTest, ADelayComesBeforeTheNormalResponse) {
     inject({{"kind", "delay"}, {"delay_ms", 150}});
     const auto before = std::chrono::steady_clock::now();
     expectNormalResponse();
@@ -131,25 +123,23 @@ TEST_F(FaultsTest, ADelayComesBeforeTheTrueAnswer) {
 TEST_F(FaultsTest, ADelayMayComeBeforeAnotherFault) {
     inject({{"kind", "status"}, {"status", 502}, {"delay_ms", 150}});
     const auto before = std::chrono::steady_clock::now();
-    const auto result = exchange();
-    ASSERT_TRUE(result);
-    EXPECT_EQ(502, result->status);
+    EXPECT_EQ(502, response().status);
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(150));
 }
 
-TEST(FaultsPlain, ACutAnswerAnnouncesMoreThanItSends) {
-    const std::string answer = answerOnPlainWire({{"kind", "cut"}});
-    const size_t head = answer.find("\r\n\r\n");
-    ASSERT_NE(std::string::npos, head) << answer;
-    const size_t length = answer.find("Content-Length: ");
-    ASSERT_LT(length, head) << answer;
-    const size_t announced = std::stoul(answer.substr(length + 16));
-    EXPECT_EQ(announced / 2, answer.size() - head - 4);
+TEST(FaultsPlain, ACutResponseAnnouncesMoreThanItSends) {
+    const std::string response = responseOnPlainHttp({{"kind", "cut"}});
+    const size_t head = response.find("\r\n\r\n");
+    ASSERT_NE(std::string::npos, head) << response;
+    const size_t length = response.find("Content-Length: ");
+    ASSERT_LT(length, head) << response;
+    const size_t announced = std::stoul(response.substr(length + 16));
+    EXPECT_EQ(announced / 2, response.size() - head - 4);
     EXPECT_GT(announced, 1u);
 }
 
 TEST(FaultsPlain, ACloseSendsNothingAtAll) {
-    EXPECT_EQ("", answerOnPlainWire({{"kind", "close"}}));
+    EXPECT_EQ("", responseOnPlainHttp({{"kind", "close"}}));
 }
 
 TEST_F(FaultsTest, ACutAndACloseEndTheExchangeAndTheServiceGoesOn) {
@@ -171,9 +161,7 @@ TEST_F(FaultsTest, FaultsApplyInOrderEachForItsRequests) {
     const std::pair<json, int> expected[] = {{add, 500}, {remove, 500}, {add, 503},   {remove, 502},
                                              {add, 503}, {add, 503},    {remove, 200}};
     for (const auto& [body, status] : expected) {
-        const auto result = exchange(body);
-        ASSERT_TRUE(result);
-        EXPECT_EQ(status, result->status);
+        EXPECT_EQ(status, response(body).status);
     }
     ASSERT_EQ(1u, active().size());
     EXPECT_EQ(503, active()[0]["status"]);
@@ -181,18 +169,14 @@ TEST_F(FaultsTest, FaultsApplyInOrderEachForItsRequests) {
 
 TEST_F(FaultsTest, WhatWaitsIsShownAndCleared) {
     inject({{"kind", "huge"}, {"size", 100}, {"count", 7}, {"delay_ms", 5}, {"interface", "set_live_mix_transcoding"}});
-    const auto shown = mClient->Get("/faults");
-    ASSERT_TRUE(shown);
     EXPECT_EQ((json{{{"kind", "huge"},
                      {"interface", "set_live_mix_transcoding"},
                      {"count", 7},
                      {"delay_ms", 5},
                      {"size", 100}}}),
-              json::parse(shown->body)["active"]);
+              json::parse(mClient->Get("/faults")->body)["active"]);
 
-    const auto cleared = mClient->Delete("/faults");
-    ASSERT_TRUE(cleared);
-    EXPECT_EQ(200, cleared->status);
+    EXPECT_EQ(200, mClient->Delete("/faults")->status);
     EXPECT_EQ(json::array(), active());
 }
 
@@ -201,9 +185,7 @@ TEST_F(FaultsTest, AnInProcessCallDoesTheSame) {
     fault.kind = Fault::Kind::kStatus;
     fault.status = 429;
     EXPECT_TRUE(mService->inject(fault));
-    const auto result = exchange();
-    ASSERT_TRUE(result);
-    EXPECT_EQ(429, result->status);
+    EXPECT_EQ(429, response().status);
 
     fault.status = 99;
     EXPECT_EQ("status: found 99, must be an integer from 200 to 599", mService->inject(fault).error().message);
@@ -213,7 +195,7 @@ TEST_F(FaultsTest, AnInProcessCallDoesTheSame) {
     expectNormalResponse();
 }
 
-TEST_F(FaultsTest, ABadFaultIs400AndSaysWhy) {
+TEST_F(FaultsTest, ABadFaultIs400WithAReason) {
     const struct {
         std::string body;
         const char* says;

@@ -22,8 +22,7 @@ std::ostream& operator<<(std::ostream& stream, const BytesRow& row) {
 
 std::string repeated(const std::string& text, size_t times) {
     std::string result;
-    result.reserve(text.size() * times);
-    for (size_t time = 0; time < times; ++time) {
+    while (times-- > 0) {
         result += text;
     }
     return result;
@@ -50,9 +49,7 @@ class HostileBytes : public testing::TestWithParam<BytesRow> {};
 }  // namespace
 
 TEST_P(HostileBytes, AreSurvivedOnAPlainConnection) {
-    vexalive::LiveServiceOptions options;
-    options.tls = false;
-    RunningService service(options);
+    RunningService service(plainOptions());
     RawConnection connection(service->port());
     connection.send(GetParam().bytes);
     const std::string status = GetParam().status;
@@ -84,63 +81,64 @@ TEST_P(HostileBytes, AreSurvivedWithinTls) {
     expectService(service);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, HostileBytes,
-    testing::Values(
-        BytesRow{"Nothing", "", ""}, BytesRow{"OneByte", "P", ""},
-        BytesRow{"Noise", std::string("\x00\xff\x16\x03\x01\x7f\x80\r\n\r\n", 11), ""},
-        BytesRow{"Nuls", std::string(100'000, '\0'), ""}, BytesRow{"HalfLine", "POST /v3/live", ""},
-        BytesRow{"HalfHead", kHead + "Content-Le", ""},
-        BytesRow{"HalfBody", kHead + "Content-Length: 100\r\n\r\n{\"interface\":", ""},
-        BytesRow{"NoMethod", " / HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"StrangeMethod", "SULK / HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"StrangeVersion", "GET / HTTP/9.9\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"ManyBlanks", "GET" + std::string(5000, ' ') + "/other HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"LongTarget", "GET /" + std::string(8000, 'a') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
-        BytesRow{"TooLongTarget", "GET /" + std::string(20'000, 'a') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 414"},
-        BytesRow{"TargetOfSlashes", "GET " + std::string(8000, '/') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
-        BytesRow{"TargetOfQuestionMarks", "GET " + std::string(8000, '?') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 4"},
-        BytesRow{"TargetOfAmpersands",
-                 "POST " + kTarget + std::string(8000, '&') + " HTTP/1.1\r\nContent-Length: 0\r\n\r\n", "HTTP/1.1 200"},
-        BytesRow{"PercentAtTheEnd", "GET /%\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"PercentNul", "GET /state%00 HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
-        BytesRow{"LongHeader", kHead + "X: " + std::string(20'000, 'x') + "\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"EndlessLine", "GET / HTTP/1.1\r\nX: " + std::string(4'000'000, 'x'), ""},
-        BytesRow{"EndlessHeaders", kHead + repeated("X: y\r\n", 700'000), ""},
-        BytesRow{"HeaderWithoutColon", "GET /state HTTP/1.1\r\nHello\r\n\r\n", "HTTP/1.1 "},
-        BytesRow{"NegativeLength", kHead + "Content-Length: -1\r\n\r\n{}", "HTTP/1.1 4"},
-        BytesRow{"HugeLength", kHead + "Content-Length: 99999999999999999999\r\n\r\n{}", ""},
-        BytesRow{"TooLongBody", kHead + "Content-Length: 4000000\r\n\r\n" + std::string(4'000'000, ' '), ""},
-        BytesRow{"TwoLengths", kHead + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}", "HTTP/1.1 400"},
-        BytesRow{"TheSameLengthTwice", kHead + "Content-Length: 2\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 400"},
-        BytesRow{"LengthAndChunks",
-                 kHead + "Content-Length: 7\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"NoLength", kHead + "\r\n{}", "HTTP/1.1 411"},
-        BytesRow{"TwoHosts", kHead + "Host: localhost\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 400"},
-        BytesRow{"TwoOrigins",
-                 kHead + "Origin: http://localhost\r\nOrigin: http://evil.test\r\nContent-Length: 2\r\n\r\n{}",
-                 "HTTP/1.1 400"},
-        BytesRow{"TwoTransferEncodings",
-                 kHead + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"PackedTransfer", kHead + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n", "HTTP/1.1 415"},
-        BytesRow{"BadChunks", kHead + "Transfer-Encoding: chunked\r\n\r\nxyz\r\n{}", ""},
-        BytesRow{"EndlessChunk", kHead + "Transfer-Encoding: chunked\r\n\r\nffffffffffffffff\r\n{}", ""},
-        BytesRow{"OneByteChunks",
-                 kHead + "Transfer-Encoding: chunked\r\n\r\n" + repeated("1\r\n \r\n", 800'000) + "0\r\n\r\n", ""},
-        BytesRow{"Multipart",
-                 kHead + "Content-Type: multipart/form-data; boundary=\"\"\r\nContent-Length: 6\r\n\r\n--\r\n--",
-                 "HTTP/1.1 415"},
-        BytesRow{"MultipartAnyCase",
-                 kHead + "content-type: Multipart/Mixed; boundary=x\r\nContent-Length: 5\r\n\r\n--x--", "HTTP/1.1 415"},
-        BytesRow{"CostlyMultipart", costlyMultipart(), "HTTP/1.1 415"},
-        BytesRow{"Form", kHead + "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: 5\r\n\r\n%&=%=",
-                 "HTTP/1.1 200"},
-        BytesRow{"Expectation", kHead + "Expect: 100-continue\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 100"},
-        BytesRow{"Http2Preface", "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", "HTTP/1.1 400"},
-        BytesRow{"TlsHelloCutShort", std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11), ""},
-        BytesRow{"NulsInBody", kHead + "Content-Length: 6\r\n\r\n" + std::string("{\"\0\0\"}", 6), "HTTP/1.1 200"},
-        BytesRow{"DeepBody", kHead + "Content-Length: 1000000\r\n\r\n" + std::string(1'000'000, '['), "HTTP/1.1 200"}),
-    [](const auto& row) { return row.param.name; });
+const BytesRow kRows[] = {
+
+    {"Nothing", "", ""},
+    {"OneByte", "P", ""},
+    {"Noise", std::string("\x00\xff\x16\x03\x01\x7f\x80\r\n\r\n", 11), ""},
+    {"Nuls", std::string(100'000, '\0'), ""},
+    {"HalfLine", "POST /v3/live", ""},
+    {"HalfHead", kHead + "Content-Le", ""},
+    {"HalfBody", kHead + "Content-Length: 100\r\n\r\n{\"interface\":", ""},
+    {"NoMethod", " / HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
+    {"StrangeMethod", "SMILE / HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
+    {"StrangeVersion", "GET / HTTP/9.9\r\n\r\n", "HTTP/1.1 400"},
+    {"ManyBlanks", "GET" + std::string(5000, ' ') + "/other HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
+    {"LongTarget", "GET /" + std::string(8000, 'a') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
+    {"TooLongTarget", "GET /" + std::string(20'000, 'a') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 414"},
+    {"TargetOfSlashes", "GET " + std::string(8000, '/') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
+    {"TargetOfQuestionMarks", "GET " + std::string(8000, '?') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 4"},
+    {"TargetOfAmpersands", "POST " + kTarget + std::string(8000, '&') + " HTTP/1.1\r\nContent-Length: 0\r\n\r\n",
+     "HTTP/1.1 200"},
+    {"PercentAtTheEnd", "GET /%\r\n\r\n", "HTTP/1.1 400"},
+    {"PercentNul", "GET /state%00 HTTP/1.1\r\n\r\n", "HTTP/1.1 404"},
+    {"LongHeader", kHead + "X: " + std::string(20'000, 'x') + "\r\n\r\n", "HTTP/1.1 400"},
+    {"EndlessLine", "GET / HTTP/1.1\r\nX: " + std::string(4'000'000, 'x'), ""},
+    {"EndlessHeaders", kHead + repeated("X: y\r\n", 700'000), ""},
+    {"HeaderWithoutColon", "GET /state HTTP/1.1\r\nHello\r\n\r\n", "HTTP/1.1 "},
+    {"NegativeLength", kHead + "Content-Length: -1\r\n\r\n{}", "HTTP/1.1 4"},
+    {"HugeLength", kHead + "Content-Length: 99999999999999999999\r\n\r\n{}", ""},
+    {"TooLongBody", kHead + "Content-Length: 4000000\r\n\r\n" + std::string(4'000'000, ' '), ""},
+    {"TwoLengths", kHead + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}", "HTTP/1.1 400"},
+    {"TheSameLengthTwice", kHead + "Content-Length: 2\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 400"},
+    {"LengthAndChunks", kHead + "Content-Length: 7\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n",
+     "HTTP/1.1 400"},
+    {"NoLength", kHead + "\r\n{}", "HTTP/1.1 411"},
+    {"TwoHosts", kHead + "Host: localhost\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 400"},
+    {"TwoOrigins", kHead + "Origin: http://localhost\r\nOrigin: http://evil.test\r\nContent-Length: 2\r\n\r\n{}",
+     "HTTP/1.1 400"},
+    {"TwoTransferEncodings", kHead + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+     "HTTP/1.1 400"},
+    {"PackedTransfer", kHead + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n", "HTTP/1.1 415"},
+    {"BadChunks", kHead + "Transfer-Encoding: chunked\r\n\r\nxyz\r\n{}", ""},
+    {"EndlessChunk", kHead + "Transfer-Encoding: chunked\r\n\r\nffffffffffffffff\r\n{}", ""},
+    {"OneByteChunks", kHead + "Transfer-Encoding: chunked\r\n\r\n" + repeated("1\r\n \r\n", 800'000) + "0\r\n\r\n", ""},
+    {"Multipart", kHead + "Content-Type: multipart/form-data; boundary=\"\"\r\nContent-Length: 6\r\n\r\n--\r\n--",
+     "HTTP/1.1 415"},
+    {"MultipartAnyCase", kHead + "content-type: Multipart/Mixed; boundary=x\r\nContent-Length: 5\r\n\r\n--x--",
+     "HTTP/1.1 415"},
+    {"CostlyMultipart", costlyMultipart(), "HTTP/1.1 415"},
+    {"Form",
+     kHead + "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: 5\r\n\r\n%&=%=", "HTTP/1.1 200"},
+    {"Expectation", kHead + "Expect: 100-continue\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 100"},
+    {"Http2Preface", "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", "HTTP/1.1 400"},
+    {"TlsHelloCutShort", std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11), ""},
+    {"NulsInBody", kHead + "Content-Length: 6\r\n\r\n" + std::string("{\"\0\0\"}", 6), "HTTP/1.1 200"},
+    {"DeepBody", kHead + "Content-Length: 1000000\r\n\r\n" + std::string(1'000'000, '['), "HTTP/1.1 200"},
+    {"PackedBody", kHead + "Content-Encoding: gzip\r\nContent-Length: 2\r\n\r\n\x1f\x8b", "HTTP/1.1 415"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Rows, HostileBytes, testing::ValuesIn(kRows), [](const auto& row) { return row.param.name; });
 
 // ---- Ranges ---------------------------------------------------------------------------------------------------------
 
@@ -155,9 +153,7 @@ TEST_P(HostileRange, IsIgnoredWhateverIsSent) {
                                   "99999999999999999999999-",
                                   repeated("0-,", 2700) + "0-"};
     const bool isFault = *GetParam() != '\0';
-    vexalive::LiveServiceOptions options;
-    options.tls = false;
-    RunningService service(options);
+    RunningService service(plainOptions());
     const auto exchange = [&](const std::string& field) {
         if (isFault) {
             EXPECT_EQ(200, service.client()->Post("/faults", GetParam(), "application/json")->status);

@@ -136,6 +136,14 @@ bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds pa
     return true;
 }
 
+int occurrences(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 std::string readAll(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     EXPECT_TRUE(file) << path;
@@ -149,6 +157,12 @@ void writeAll(const std::string& path, const std::string& content) {
 const std::string& sharedStateFolder() {
     static const TemporaryFolder folder;
     return folder.path();
+}
+
+vexalive::LiveServiceOptions plainOptions() {
+    vexalive::LiveServiceOptions options;
+    options.tls = false;
+    return options;
 }
 
 RunningService::RunningService(vexalive::LiveServiceOptions options)

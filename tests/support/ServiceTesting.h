@@ -51,11 +51,15 @@ private:
 bool eventually(const std::function<bool()>& holds,
                 std::chrono::milliseconds patience = std::chrono::milliseconds(20'000));
 
+int occurrences(const std::string& text, const std::string& part);
+
 std::string readAll(const std::string& path);
 void writeAll(const std::string& path, const std::string& content);
 
 // A folder with certificates, made once for all tests of the process.
 const std::string& sharedStateFolder();
+
+vexalive::LiveServiceOptions plainOptions();  // without TLS
 
 // A service that listens when it is constructed.
 class RunningService {
