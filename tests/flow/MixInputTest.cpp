@@ -15,12 +15,12 @@ class MixInputTest : public FlowTest {
 protected:
     void SetUp() override { givenInRoom(); }
 
-    // One user with video for each layer, at ten times its x.
+    // One user with video for each layer; a layer below 100 has ten times its number as x.
     static std::vector<VexaMixUserInternal> usersWithLayers(const std::vector<int>& layers) {
         std::vector<VexaMixUserInternal> users;
         for (const int layer : layers) {
             users.push_back(user("user" + std::to_string(layer), layer));
-            users.back().rect.x = layer * 10;
+            users.back().rect.x = layer % 100 * 10;
         }
         return users;
     }

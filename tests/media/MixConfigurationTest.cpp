@@ -96,7 +96,8 @@ TEST(MixConfiguration, GivesAnAudioOnlyInputNoRectangle) {
     json all = configuration();
     all["inputs"] = {input(true), input(false)};
     all["inputs"][1]["height"] = 0;
-    for (const InputConfiguration& each : readMixConfiguration(all)->inputs) {
+    const auto read = readMixConfiguration(all);
+    for (const InputConfiguration& each : read->inputs) {
         EXPECT_TRUE(each.rectangle.isEmpty());
     }
 }
