@@ -104,7 +104,7 @@ int main() {
     adapter->setLiveTranscodingDelegate(listener);
     adapter->updateUserInfo(1400000000, "the-users-signature", "alice");
 
-    std::cout << "alice asks for a relay and for a mix of three; both wait until she has entered the room" << std::endl;
+    std::cout << "alice requests a relay and a mix of three; both wait until she has entered the room" << std::endl;
     kstmedia::VexaPublishCDNParamInternal relay;
     relay.appId = kAppId;
     relay.bizId = kBizId;
@@ -117,7 +117,7 @@ int main() {
     bool succeeded = listener->wait({kRelay, kMix});
 
     if (succeeded) {
-        std::cout << "carol leaves: alice and bob share the picture" << std::endl;
+        std::cout << "carol leaves: the mix shows alice and bob" << std::endl;
         adapter->setLiveMixTranscoding(mixOf(kTwo));
         succeeded = listener->wait({kMix});
     }

@@ -150,9 +150,9 @@ TEST_F(Example, RoomRelaysAndMixesThreeThenTwoAndEndsBoth) {
 TEST_F(Example, RoomSaysWhatHappensAndAsksBeforeItsEntry) {
     EXPECT_EQ(0, run({EXAMPLE_ROOM})) << mErrors;
     const std::string steps[] = {
-        "alice asks for a relay and for a mix of three; both wait until she has entered the room\n"
+        "alice requests a relay and a mix of three; both wait until she has entered the room\n"
         "alice enters the room: both are sent\n",
-        "carol leaves: alice and bob share the picture\n",
+        "carol leaves: the mix shows alice and bob\n",
         "alice ends the mix and the relay\n",
     };
     size_t at = 0;
