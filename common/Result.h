@@ -7,13 +7,12 @@
 
 namespace vexalive {
 
-/// Why an operation failed, for people: what is wrong, where, what is allowed, and what to do about it.
+/// Why an operation failed, as a message for the user: what is wrong, where, what is allowed, and what to do.
 struct Error {
     std::string message;
 };
 
-/// The value of an operation, or the reason why there is none. `E` is a struct of its own where callers need more than
-/// a message.
+/// The value of an operation, or its error. `E` is another struct where callers need more than a message.
 template <class T, class E = Error>
 using Result = tl::expected<T, E>;
 

@@ -10,13 +10,13 @@ namespace vexalive {
 struct Url {
     std::string scheme;  ///< lower case
     std::string host;    ///< without the brackets of an IPv6 address
-    std::string port;    ///< decimal; empty if the address names none
+    std::string port;    ///< decimal; empty if the address has none
     std::string path;    ///< as sent; "/" if the address has none
     std::string query;   ///< as sent, without its "?"
     bool hasUser = false;
 };
 
-/// Nothing if the text is no absolute address, or one that holds blanks or control characters.
+/// std::nullopt if `text` is not an absolute address, or if it contains spaces or control characters.
 std::optional<Url> parseUrl(const std::string& text);
 
 }  // namespace vexalive

@@ -10,9 +10,9 @@
 namespace vexalive {
 
 enum class WorkerState {
-    kStarting,      ///< nothing has flowed yet
+    kStarting,      ///< no media so far
     kRunning,       ///< media flow
-    kReconnecting,  ///< has run; absent or broken now
+    kReconnecting,  ///< media have flowed; the connection or its media are lost
     kStopping,
     kStopped,
     kFailed,
@@ -27,7 +27,7 @@ const char* nameOf(WorkerState state);
 /// One stream: what a worker sends, or one of its inputs.
 struct StreamStatus {
     WorkerState state = WorkerState::kStarting;
-    std::string error;  ///< the last, for people; empty while it runs
+    std::string error;  ///< message of the last error; empty while it runs
     uint64_t bytes = 0;
     uint64_t frames = 0;      ///< of video; of audio if there is no video
     uint64_t dropped = 0;     ///< frames
@@ -39,7 +39,7 @@ struct InputStatus {
     StreamStatus stream;
 };
 
-/// How a worker process is doing. The worker writes it as one line of JSON, {"status": {…}}, and the service reads it.
+/// The status of a worker process. The worker writes it as one line of JSON, {"status": {…}}; the service reads it.
 struct WorkerStatus {
     StreamStatus output;
     std::vector<InputStatus> inputs;
@@ -48,7 +48,8 @@ struct WorkerStatus {
 /// The value of "status".
 nlohmann::ordered_json toJson(const WorkerStatus& status);
 
-/// Nothing if the value is malformed. Errors and stream ids are cut to 500 bytes; more than 32 inputs are malformed.
+/// std::nullopt if the value is malformed; more than 32 inputs are malformed. Errors and stream ids are truncated to
+/// 500 bytes.
 std::optional<WorkerStatus> parseWorkerStatus(const nlohmann::json& status);
 
 }  // namespace vexalive

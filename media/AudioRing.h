@@ -16,17 +16,17 @@ public:
     static constexpr int64_t kRate = 48000;
     static constexpr size_t kChannels = 2;
 
-    // Whole seconds and the rest are converted apart: the product of both would overflow after two days.
+    // Seconds and the remainder are converted separately: nanoseconds × rate would overflow after two days.
     static int64_t positionOf(int64_t nanoseconds) {
         return nanoseconds / kSecond * kRate + nanoseconds % kSecond * kRate / kSecond;
     }
     static int64_t timeOf(int64_t position) { return position / kRate * kSecond + position % kRate * kSecond / kRate; }
 
-    /// `count` samples of both channels, interleaved, from `position` on. Samples that begin near the end of the last
-    /// ones are joined to them: timestamps are in milliseconds, and the rounding would be heard.
+    /// Stores `count` samples of both channels, interleaved, from `position` on. Samples that begin near the end of the
+    /// previous ones are joined to them: timestamps are rounded to milliseconds, and the gaps would be audible.
     void put(int64_t position, const float* samples, int64_t count);
 
-    /// Adds the samples from `position` on to those in `sum`, `count` at most; those that are missing are silence.
+    /// Adds `count` samples from `position` on to those in `sum`. Missing samples are silence.
     void addTo(float* sum, int64_t position, int64_t count) const;
 
 private:
@@ -36,7 +36,7 @@ private:
 
     float* sampleAt(int64_t position);
 
-    std::vector<float> mSamples;  // a ring; empty until the first samples come
+    std::vector<float> mSamples;  // a ring; empty until the first put()
     int64_t mBegin = 0;
     int64_t mEnd = 0;
 };

@@ -7,8 +7,8 @@ namespace vexalive {
 
 namespace {
 
-constexpr int64_t kMaxBack = 1'000;    // milliseconds; a timestamp that goes back further is of another clock
-constexpr int64_t kMaxAhead = 10'000;  // the same, ahead of the time that has passed
+constexpr int64_t kMaxBack = 1'000;    // milliseconds back; with more, the source's clock has jumped
+constexpr int64_t kMaxAhead = 10'000;  // milliseconds ahead of the elapsed time; with more, the same
 
 unsigned byteAt(std::string_view bytes, size_t position) {
     return position < bytes.size() ? static_cast<unsigned char>(bytes[position]) : 0;

@@ -1,4 +1,4 @@
-// A stream as RTMP carries it: a sequence of FLV tags, whatever the codecs in them.
+// A stream as RTMP carries it: a sequence of FLV tags, with any codecs.
 
 #ifndef VEXALIVE_MEDIA_FLV_STREAM_H
 #define VEXALIVE_MEDIA_FLV_STREAM_H
@@ -12,10 +12,10 @@
 
 namespace vexalive {
 
-/// The first bytes of an FLV stream with audio and video, with the size of the tag before the first: 0.
+/// The header of an FLV stream with audio and video, followed by the "previous tag size" of the first tag: 0.
 extern const std::string_view kFlvHeader;
 
-/// Codec ids, as they stand in a tag and in onMetaData.
+/// Codec ids in a tag and in onMetaData.
 constexpr unsigned kFlvAvc = 7;
 constexpr unsigned kFlvAac = 10;
 
@@ -30,28 +30,28 @@ struct FlvTag {
 
     Kind kind = Kind::kScript;
     int64_t timestamp = 0;  ///< milliseconds
-    std::string bytes;      ///< the whole tag with its trailer; the timestamp in there has no meaning
+    std::string bytes;      ///< the whole tag with its trailer; ignore the timestamp inside
 
-    bool isMedia() const { return kind != Kind::kScript; }  ///< what a server sends of its own are scripts
-    /// Tells a decoder or a player what follows: a sequence header or the metadata. Each connection starts with these.
+    bool isMedia() const { return kind != Kind::kScript; }  ///< a server adds scripts of its own to a stream
+    /// Whether this is a sequence header or the metadata, which a decoder or player needs at the start of a connection.
     bool isStreamHeader() const;
     bool isFrame() const { return isMedia() && !isStreamHeader(); }
     bool isKeyFrame() const;
     unsigned codec() const;  ///< of audio or video
 
-    /// What the decoder gets of AVC or AAC; empty if the tag has none.
+    /// The part of an AVC or AAC tag that the decoder needs; empty for other codecs.
     std::string_view payload() const;
-    /// By how much an AVC frame is shown later than it is decoded, in milliseconds; may be negative.
+    /// The presentation time of an AVC frame minus its decoding time, in milliseconds; may be negative.
     int64_t compositionTime() const;
 
-    /// The tag on the wire with another timestamp, in milliseconds.
+    /// The bytes of the tag with another timestamp, in milliseconds.
     std::string at(int64_t time) const;
 };
 
 /// Splits bytes, in pieces of any size, into tags.
 class FlvReader {
 public:
-    /// False if the bytes are no FLV; nothing more can be read then.
+    /// False if the bytes are not FLV. Do not call it again then.
     bool read(std::string_view piece, const std::function<void(const FlvTag& tag)>& onTag);
 
 private:
@@ -59,14 +59,14 @@ private:
     std::string mRest;
 };
 
-/// Joins the timestamps of a source that reconnects, or whose clock jumps, into one sequence. Timestamps never go back,
-/// and a pause of the source keeps its length. Times are in milliseconds.
+/// Converts the timestamps of a source that reconnects, or whose clock jumps, to one continuous sequence. Timestamps
+/// never decrease. A pause of the source keeps its length. Times are in milliseconds.
 class SteadyTime {
 public:
     /// The next timestamp is from a new connection.
     void beginConnection() { mIsFirst = true; }
 
-    /// `now` by any clock that does not go back.
+    /// The continuous timestamp. `now` is read from any monotonic clock.
     int64_t at(int64_t timestamp, int64_t now);
 
     int64_t last() const { return mLast; }
@@ -79,28 +79,27 @@ private:
     int64_t mLastNow = 0;
 };
 
-/// Lets a source's tags through to a destination while that keeps up. A destination that is too slow, or has just been
-/// connected, gets nothing until the next key frame (or audio frame, if no video comes) and before that the stream
-/// headers. So the queue in front of it is bounded, whatever the tags are.
+/// Passes a source's tags to a destination as long as its queue is short. If the queue is full, or the destination has
+/// just connected, the gate closes: tags are dropped until the next key frame, or audio frame if there is no video. The
+/// gate then sends the stream headers first. This bounds the queue.
 class FlvGate {
 public:
-    static constexpr size_t kMaxQueued = size_t{4} << 20;  ///< bytes; above, the gate closes
-    static constexpr int64_t kVideoTimeout = 3'000;        ///< milliseconds without video; then audio opens the gate
+    static constexpr size_t kMaxQueued = size_t{4} << 20;  ///< bytes; with more, the gate closes
+    static constexpr int64_t kVideoTimeout = 3'000;        ///< milliseconds without video until audio opens the gate
 
-    void forgetHeaders() { mHeaders.clear(); }  ///< the source is connected anew, and sends its own
-    void close() { mIsOpen = false; }           ///< the destination is connected anew
+    void forgetHeaders() { mHeaders.clear(); }  ///< call if the source reconnects: it sends new headers
+    void close() { mIsOpen = false; }           ///< call if the destination reconnects
 
-    /// To be called with each tag of the source, whether there is a destination or not. `now` in milliseconds, by any
-    /// clock.
+    /// Call with each tag of the source, also without a destination. `now` is in milliseconds of any clock.
     void observe(const FlvTag& tag, int64_t now);
 
-    /// Calls `send` with what the destination gets because of `tag`, which was observed last; `queued` bytes wait for
-    /// the destination. False if the tag is dropped.
+    /// Calls `send` for each tag to send: `tag` (the last that was observed), after stream headers if the gate opens.
+    /// `queued` bytes wait for the destination. False if the tag is dropped.
     bool pass(const FlvTag& tag, size_t queued, const std::function<void(const FlvTag& tag)>& send);
 
 private:
     bool mIsOpen = false;
-    std::vector<FlvTag> mHeaders;  // the latest of each kind, in the order in which the kinds came
+    std::vector<FlvTag> mHeaders;  // the latest of each kind; kinds in the order of their first arrival
     int64_t mLastTag = 0;
     int64_t mLastVideo = -kVideoTimeout - 1;
 };

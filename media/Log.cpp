@@ -30,8 +30,8 @@ public:
 
 private:
     KstMutex mMutex;
-    std::chrono::steady_clock::time_point mSecond KST_GUARDED_BY(mMutex);  // when the current second began
-    int mLines KST_GUARDED_BY(mMutex) = 0;                                 // in it
+    std::chrono::steady_clock::time_point mSecond KST_GUARDED_BY(mMutex);  // start of the current second
+    int mLines KST_GUARDED_BY(mMutex) = 0;                                 // in that second
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The worker's log: lines for people, on standard error.
+// The worker's log, on standard error.
 
 #ifndef VEXALIVE_MEDIA_LOG_H
 #define VEXALIVE_MEDIA_LOG_H
@@ -7,7 +7,7 @@
 
 namespace vexalive {
 
-/// Writes one line. Above 10 lines a second, lines are counted and left out. Any thread.
+/// Writes one line. Beyond 10 lines per second, lines are dropped and counted. Any thread.
 void logLine(const std::string& line);
 
 }  // namespace vexalive

@@ -1,4 +1,4 @@
-// Calls on GLib's main loop, the one thread on which a worker makes its decisions.
+// Tasks on GLib's main loop: the thread that controls a worker.
 
 #ifndef VEXALIVE_MEDIA_MAIN_LOOP_H
 #define VEXALIVE_MEDIA_MAIN_LOOP_H
@@ -11,7 +11,7 @@ namespace vexalive {
 /// Calls `task` once, on the main loop. Any thread.
 void callOnMainLoop(std::function<void()> task);
 
-/// A call that is due later. Main loop only. The destructor cancels the call.
+/// Calls a task after a delay. Main loop only. The destructor cancels the call.
 class Timer {
 public:
     Timer() = default;
@@ -19,8 +19,7 @@ public:
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    /// Calls `task` once, after `delay`; a call that was due before is cancelled. `task` may start the timer again or
-    /// destroy it.
+    /// Calls `task` once, after `delay`; cancels a pending call. `task` may start the timer again or destroy it.
     void start(std::chrono::milliseconds delay, std::function<void()> task);
     void cancel();
     bool isActive() const { return mSource != 0; }

@@ -24,10 +24,10 @@ constexpr Number kSampleRate{"output_audio_sample_rate", 48000, 8000, 48000};
 constexpr Number kAudioBitrate{"output_audio_bitrate", 64, 16, 320};
 constexpr Number kChannels{"output_audio_channels", 2, 1, 2};
 
-// Those of AAC, in the range above.
+// The sample rates of AAC, within the range above.
 constexpr int kSampleRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
 
-// The least that the encoder accepts, and the most that a desktop machine can encode.
+// The minimum of the encoder, and the maximum that a desktop machine can encode.
 constexpr int64_t kMinSide = 16;
 constexpr int64_t kMaxSide = 4096;
 
@@ -41,13 +41,13 @@ int nearestSampleRate(int wanted) {
                              [wanted](int a, int b) { return std::abs(a - wanted) < std::abs(b - wanted); });
 }
 
-// Even, since two columns or rows share a sample of colour.
+// Even, since 4:2:0 video has one chroma sample for two columns or rows.
 int readSide(const json& canvas, const char* key) {
     const int64_t side = std::clamp(canvas.at(key).get<int64_t>(), kMinSide, kMaxSide);
     return static_cast<int>(side + side % 2);
 }
 
-// Throws json::exception, as readMix().
+// Throws json::exception, as readMix() does.
 InputConfiguration readInput(const json& fields) {
     InputConfiguration input;
     input.streamId = fields.at("stream_id").get<std::string>();

@@ -1,4 +1,4 @@
-// The desired state of a mix, read from JSON, with every number brought into its range.
+// The desired state of a mix, read from JSON. Numbers are clamped to their ranges.
 
 #ifndef VEXALIVE_MEDIA_MIX_CONFIGURATION_H
 #define VEXALIVE_MEDIA_MIX_CONFIGURATION_H
@@ -13,7 +13,7 @@
 
 namespace vexalive {
 
-/// In pixels of the canvas or of a frame. May reach beyond either.
+/// In pixels of the canvas or of a frame. May extend beyond its edges.
 struct Rectangle {
     int64_t x = 0;
     int64_t y = 0;
@@ -26,7 +26,7 @@ struct Rectangle {
     }
 };
 
-/// The output's video. Any change takes another encoder.
+/// The output's video. Any change requires another encoder.
 struct VideoFormat {
     int width = 0;  ///< even, as is the height
     int height = 0;
@@ -40,7 +40,7 @@ struct VideoFormat {
     }
 };
 
-/// The output's audio. Any change takes another encoder.
+/// The output's audio. Any change requires another encoder.
 struct AudioFormat {
     int sampleRate = 0;
     int bitrate = 0;  ///< kbit/s

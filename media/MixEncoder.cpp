@@ -12,8 +12,8 @@ namespace vexalive {
 
 namespace {
 
-// More threads than needed cost time, and each cuts the frame into another slice.
-constexpr int64_t kPixelsPerThread = 50'000'000;  // a second
+// Superfluous threads cost time, and each thread adds a slice to the frame.
+constexpr int64_t kPixelsPerThread = 50'000'000;  // per second
 constexpr int64_t kMaxThreads = 8;
 
 FlvTag readSequenceHeader(FlvTag::Kind kind, GstSample* sample) {
@@ -22,14 +22,14 @@ FlvTag readSequenceHeader(FlvTag::Kind kind, GstSample* sample) {
     return data ? sequenceHeaderTag(kind, MappedBytes(gst_value_get_buffer(data)).get()) : FlvTag();
 }
 
-// Milliseconds of running time. x264enc shifts its timestamps and its segment by 1000 hours alike.
+// Milliseconds of running time. x264enc shifts both its timestamps and its segment by 1000 hours.
 int64_t timeOf(GstSample* sample) {
     const GstClockTime time = gst_segment_to_running_time(gst_sample_get_segment(sample), GST_FORMAT_TIME,
                                                           GST_BUFFER_PTS(gst_sample_get_buffer(sample)));
     return static_cast<int64_t>(GST_TIME_AS_MSECONDS(time));
 }
 
-// Starts the encoder. Its first sample brings the sequence header.
+// Starts the encoder. The caps of its first sample contain the sequence header.
 std::unique_ptr<Pipeline> play(std::unique_ptr<Pipeline> encoder, FlvTag::Kind kind, MixMuxer::Header description,
                                std::shared_ptr<MixMuxer> muxer) {
     encoder->onSample("out", [kind, description = std::move(description), muxer = std::move(muxer),

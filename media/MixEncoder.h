@@ -11,8 +11,8 @@
 
 namespace vexalive {
 
-/// Encodes the raw frames that its appsrc "in" gets, with running time as timestamps, and puts them into `muxer` on a
-/// streaming thread. Ends after the end of stream at the appsrc.
+/// Encodes the raw frames that its appsrc "in" receives, with running time as timestamps, and puts the encoded frames
+/// into `muxer` on a streaming thread. After the end of stream at the appsrc, the pipeline ends.
 std::unique_ptr<Pipeline> makeEncoder(const VideoFormat& format, std::shared_ptr<MixMuxer> muxer,
                                       Pipeline::Ended ended);
 std::unique_ptr<Pipeline> makeEncoder(const AudioFormat& format, std::shared_ptr<MixMuxer> muxer,

@@ -7,7 +7,7 @@ namespace vexalive {
 void MixFeed::putFrame(VideoFrame frame) {
     const KstMutexLock lock(mMutex);
     mLastPut = Pipeline::runningTime();
-    // Later ones are of an older connection, or from before a jump of the publisher's clock.
+    // Frames with later times are from an older connection, or from before the publisher's clock jumped.
     while (!mFrames.empty() && mFrames.back().presentationTime >= frame.presentationTime) {
         mFrames.pop_back();
     }

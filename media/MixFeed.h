@@ -28,15 +28,15 @@ public:
     void putFrame(VideoFrame frame);
     void putAudio(int64_t presentationTime, const float* samples, int64_t count);
 
-    /// The frame to be shown at `now`, or the first if all are early. False if there is none, or if the last came so
-    /// long ago that the publisher must have stopped: a frozen picture would pass for a live one.
+    /// The frame to show at `now`, or the first if all are early. False if there is none, or if the last one arrived
+    /// more than kFreezeTimeout ago: a frozen frame would look like live video.
     bool frameAt(int64_t now, VideoFrame& frame);
     /// As AudioRing::addTo().
     void addAudio(float* sum, int64_t position, int64_t count) const;
 
 private:
     static constexpr int64_t kFreezeTimeout = 1'100'000'000;
-    static constexpr size_t kMaxFrames = 64;  // 60 a second, as early as MixTimeline lets them come
+    static constexpr size_t kMaxFrames = 64;  // 60 per second for MixTimeline::kMaxLead
 
     mutable KstMutex mMutex;
     std::deque<VideoFrame> mFrames KST_GUARDED_BY(mMutex);  // by presentation time

@@ -12,14 +12,14 @@
 
 namespace vexalive {
 
-/// `codecData` is what the encoder's caps call codec_data.
+/// `codecData` is the field codec_data of the encoder's caps.
 FlvTag sequenceHeaderTag(FlvTag::Kind kind, std::string_view codecData);
 
 /// One frame: length-prefixed H.264 units, or raw AAC.
 FlvTag videoTag(std::string_view frame, bool isKey);
 FlvTag audioTag(std::string_view frame);
 
-/// onMetaData. Without it, some players wait for video that does not come.
+/// onMetaData. Without it, some players of an audio-only stream wait for video.
 FlvTag metadataTag(const std::optional<VideoFormat>& video, const std::optional<AudioFormat>& audio);
 
 }  // namespace vexalive

@@ -17,13 +17,13 @@ namespace vexalive {
 
 namespace {
 
-constexpr std::chrono::milliseconds kIdleTimeout{1'100};  // without media, and the publisher counts as absent
-constexpr std::chrono::seconds kStallTimeout{20};         // without media, and the input reconnects
-constexpr std::chrono::seconds kSteadyTime{5};            // of media, and past failures no longer count
+constexpr std::chrono::milliseconds kIdleTimeout{1'100};  // without media until the publisher counts as absent
+constexpr std::chrono::seconds kStallTimeout{20};         // without media until the input reconnects
+constexpr std::chrono::seconds kSteadyTime{5};            // of media until past failures no longer count
 constexpr int64_t kMillisecond = 1'000'000;
-constexpr int64_t kMaxQueueTime = 1'000 * kMillisecond;  // before the decoder; above, video is dropped to a key frame
-constexpr unsigned kMaxReordered = 16;                   // frames that a decoder may take before the first comes out
-constexpr unsigned kMaxUndecoded = 20;                   // above, it cannot decode them
+constexpr int64_t kMaxQueueTime = 1'000 * kMillisecond;  // before the decoder; then video is dropped to a key frame
+constexpr unsigned kMaxReordered = 16;                   // frames that a decoder may need before its first output
+constexpr unsigned kMaxUndecoded = 20;                   // frames without output until decoding counts as failed
 
 GstRef<GstBuffer> payloadOf(const FlvTag& tag) {
     const std::string_view payload = tag.payload();
@@ -37,7 +37,7 @@ void setCaps(GstElement* appsrc, GstStructure* structure, const FlvTag& sequence
     gst_app_src_set_caps(GST_APP_SRC(appsrc), caps.get());
 }
 
-// Lets a decoder hand out its frames as they lie in its memory, with padding at their edges.
+// Allows a decoder to output frames in its own memory layout, with padding at the edges, which saves a copy.
 GstPadProbeReturn allowPadding(GstPad*, GstPadProbeInfo* info, gpointer) {
     GstQuery* const query = gst_pad_probe_info_get_query(info);
     if (GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) {
@@ -47,7 +47,7 @@ GstPadProbeReturn allowPadding(GstPad*, GstPadProbeInfo* info, gpointer) {
     return GST_PAD_PROBE_HANDLED;
 }
 
-// A stream that does not declare its colour matrix gets that of the mix, as in players. GStreamer would choose one by
+// If a stream does not declare its colour matrix, uses that of the mix, as players do. GStreamer would choose one by
 // the size of the frame.
 GstVideoInfo readInfo(GstSample* sample) {
     const GstStructure* const caps = gst_caps_get_structure(gst_sample_get_caps(sample), 0);
@@ -90,7 +90,7 @@ void putAudio(MixFeed& feed, GstSample* sample) {
 // Passes the frames in the tags to the decoders. Any thread.
 class MixInputStream::Demuxer {
 public:
-    // Frames on their way to older decoders are dropped from now on. Returns the number of the new decoders.
+    // From now on, drops frames that are queued for older decoders. Returns the number of the new decoders.
     unsigned begin(GstElement* video, GstElement* audio) {
         const KstMutexLock lock(mMutex);
         mTimeline = MixTimeline();
@@ -119,7 +119,7 @@ public:
         }
     }
 
-    // Whether a frame on its way to the decoder may pass.
+    // Whether a queued frame is still to be decoded.
     bool mayDecode(unsigned decoders, const GstBuffer* frame) {
         const KstMutexLock lock(mMutex);
         if (decoders != mDecoders) {
@@ -182,7 +182,7 @@ private:
 
     void passAudio(const FlvTag& tag) KST_REQUIRES(mMutex) {
         if (tag.codec() != kFlvAac) {
-            mError = "its audio is not AAC, and is not heard";
+            mError = "its audio is not AAC and is not mixed";
             return;
         }
         if (tag.isStreamHeader()) {
@@ -208,7 +208,7 @@ private:
     GstRef<GstElement> mAudio KST_GUARDED_BY(mMutex);
     bool mIsVideoEnabled KST_GUARDED_BY(mMutex) = false;
     bool mAwaitsKeyFrame KST_GUARDED_BY(mMutex) = true;
-    unsigned mUndecoded KST_GUARDED_BY(mMutex) = 0;  // frames that the decoder has got since its last output
+    unsigned mUndecoded KST_GUARDED_BY(mMutex) = 0;  // frames that the decoder has received since its last output
     uint64_t mDropped KST_GUARDED_BY(mMutex) = 0;
     std::string mError KST_GUARDED_BY(mMutex);
 };
@@ -231,7 +231,7 @@ void MixInputStream::enableVideo(bool isEnabled) {
 
 void MixInputStream::makeDecoders() {
     if (mSource.error() != mDecodingError) {
-        mDecodingError.clear();  // the stream ended since, and another may follow
+        mDecodingError.clear();  // that stream has ended; the next one may be decodable
     }
     mDecoders = std::make_unique<Pipeline>(
         "appsrc name=video format=time max-bytes=8000000 leaky-type=upstream"
@@ -250,14 +250,14 @@ void MixInputStream::makeDecoders() {
     });
     mDecoders->onSample("samples", [feed = mFeed](GstSample* sample) { putAudio(*feed, sample); });
     const unsigned decoders = mDemuxer->begin(mDecoders->find("video"), mDecoders->find("audio"));
-    // Not at the appsrc: the demuxer holds that, and each would keep the other alive.
+    // Not at the appsrc, which the demuxer owns: the two would own each other and never be destroyed.
     mDecoders->onBuffer("parser", "sink", [demuxer = mDemuxer, decoders](const GstBuffer* frame) {
         return demuxer->mayDecode(decoders, frame);
     });
     mDecoders->play();
 }
 
-// The connection stays until the next attempt: often its audio can be decoded.
+// The connection stays open until the next attempt, since often its audio can be decoded.
 void MixInputStream::decodingFailed(const std::string& error) {
     mDecodingError = "it cannot be decoded: " + error;
     mSource.reconnectLater(mDecodingError);
@@ -269,7 +269,7 @@ void MixInputStream::check() {
         return;
     }
     if (mDemuxer->cannotDecode()) {
-        decodingFailed("no picture comes of its video");
+        decodingFailed("the decoder outputs no frames");
     } else if (mSource.isSteady() && mDemuxer->decodes()) {
         mDecodingError.clear();
     }
@@ -292,7 +292,7 @@ InputStatus MixInputStream::status() const {
     if (isNew && !mSource.error().empty()) {
         stream.error = mSource.error();
     } else if (mSource.hasFlowed()) {
-        stream.error = "nothing comes from " + mStreamId;
+        stream.error = "no media from " + mStreamId;
     } else if (!isNew || mSource.progress().connections() > 1) {
         stream.error = absenceOf(mStreamId, hasRun);
     }

@@ -29,7 +29,7 @@ public:
     /// Whether video is decoded.
     void enableVideo(bool isEnabled);
 
-    /// To be called once a second: gives up a connection on which nothing comes, or nothing that can be decoded.
+    /// Call once a second. Closes a connection that receives no media, or no media that can be decoded.
     void check();
     InputStatus status() const;
 
@@ -43,9 +43,9 @@ private:
     const std::string mAddress;
     const std::shared_ptr<MixFeed> mFeed;
     const std::shared_ptr<Demuxer> mDemuxer;  // shared with the streaming threads
-    std::unique_ptr<Pipeline> mDecoders;      // made anew with each connection
+    std::unique_ptr<Pipeline> mDecoders;      // new for each connection
     RtmpSource mSource;
-    std::string mDecodingError;  // empty once all has gone well for a while
+    std::string mDecodingError;  // cleared when the connection has been steady without an error
 };
 
 }  // namespace vexalive

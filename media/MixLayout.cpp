@@ -22,7 +22,8 @@ Span visible(int64_t begin, int64_t length, int64_t canvas) {
     return {from, to - from};
 }
 
-// The part of a frame's width or height that `shown` shows, if the middle `used` pixels of it are spread over `whole`.
+// One dimension of a frame: the middle `used` pixels fill `whole` on the canvas. Returns the pixels that fill `shown`,
+// a part of `whole`.
 Span sourceOf(Span shown, Span whole, double used, int frame) {
     const double scale = used / static_cast<double>(whole.length);
     const double first = (frame - used) / 2 + static_cast<double>(shown.begin - whole.begin) * scale;

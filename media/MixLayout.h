@@ -1,4 +1,4 @@
-// Where an input's video appears on the canvas, and which part of it.
+// Which part of an input's video is shown, and where on the canvas.
 
 #ifndef VEXALIVE_MEDIA_MIX_LAYOUT_H
 #define VEXALIVE_MEDIA_MIX_LAYOUT_H
@@ -12,8 +12,8 @@ struct Placement {
     Rectangle target;  ///< on the canvas, and within it
 };
 
-/// The part of `rectangle` on a canvas of that size; may be empty. All edges are even, since four pixels share their
-/// colour: rectangles that touch still touch.
+/// The part of `rectangle` on a canvas of that size; may be empty. All edges are rounded to even numbers, since four
+/// pixels share a chroma sample. Rectangles that touch still touch.
 Rectangle visiblePart(const Rectangle& rectangle, int canvasWidth, int canvasHeight);
 
 /// `target` is a visible part of `rectangle`, not empty. The frame is stretched to the rectangle; with `cropCenter` it

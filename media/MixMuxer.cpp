@@ -10,9 +10,9 @@ namespace vexalive {
 
 namespace {
 
-constexpr int64_t kMaxHeld = 2000;    // milliseconds of frames; above, they are dropped up to a key frame
+constexpr int64_t kMaxHeld = 2000;    // milliseconds of frames; with more, they are dropped up to a key frame
 constexpr int64_t kMaxAwaited = 300;  // milliseconds that audio waits for video, or video for audio
-constexpr size_t kMaxQueued = 16;     // frames; those that are not in the queue yet can still be dropped
+constexpr size_t kMaxQueued = 16;     // frames in the RtmpQueue, from which the muxer cannot drop frames any more
 
 }  // namespace
 
@@ -38,7 +38,7 @@ void MixMuxer::put(std::shared_ptr<const Header> header, FlvTag tag, int64_t tim
     followConnection();
     Frame frame{std::move(header), std::move(tag), time};
     int64_t& newest = frame.isVideo() ? mNewestVideo : mNewestAudio;
-    // The last frames of an encoder that has been replaced may come too late.
+    // The last frames of a replaced encoder may arrive too late.
     if (time <= newest || (frame.isVideo() && !mExpectsVideo)) {
         drop(frame);
         return;

@@ -2,8 +2,8 @@
 //
 //     encoders ──▶ MixMuxer: ordered by time, bounded ──▶ RtmpQueue
 //
-// Before the first frame of another encoder the destination gets that encoder's header, so encoders can be replaced on
-// one connection.
+// Before the first frame of another encoder, the muxer sends that encoder's header. So an encoder can be replaced while
+// the connection stays.
 
 #ifndef VEXALIVE_MEDIA_MIX_MUXER_H
 #define VEXALIVE_MEDIA_MIX_MUXER_H
@@ -24,7 +24,7 @@ namespace vexalive {
 /// Any thread.
 class MixMuxer {
 public:
-    /// What one encoder makes.
+    /// The format of one encoder's output.
     struct Header {
         FlvTag tag;                        // its sequence header
         std::optional<VideoFormat> video;  // one of the two
@@ -36,7 +36,7 @@ public:
         uint64_t dropped = 0;
     };
 
-    /// `requestKeyFrame` is called, on any thread, when nothing can be sent until a key frame comes. It must not call
+    /// `requestKeyFrame` is called, on any thread, if nothing can be sent before the next key frame. It must not call
     /// the muxer.
     MixMuxer(std::shared_ptr<RtmpQueue> queue, std::function<void()> requestKeyFrame);
 
@@ -73,12 +73,12 @@ private:
     std::deque<Frame> mFrames KST_GUARDED_BY(mMutex);  // by time
     int64_t mNewestVideo KST_GUARDED_BY(mMutex) = INT64_MIN;
     int64_t mNewestAudio KST_GUARDED_BY(mMutex) = INT64_MIN;
-    int64_t mFirst KST_GUARDED_BY(mMutex) = -1;  // the running time that is 0 at the destination
-    int64_t mLast KST_GUARDED_BY(mMutex) = 0;    // timestamp that was sent
+    int64_t mFirst KST_GUARDED_BY(mMutex) = -1;  // the running time of timestamp 0
+    int64_t mLast KST_GUARDED_BY(mMutex) = 0;    // last timestamp sent
     int64_t mLastVideo KST_GUARDED_BY(mMutex) = -1;
     Counts mCounts KST_GUARDED_BY(mMutex);
 
-    // What the destination has got.
+    // What the destination has received.
     unsigned mConnection KST_GUARDED_BY(mMutex) = 0;
     std::shared_ptr<const Header> mVideoHeader KST_GUARDED_BY(mMutex);
     std::shared_ptr<const Header> mAudioHeader KST_GUARDED_BY(mMutex);

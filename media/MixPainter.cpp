@@ -12,7 +12,7 @@ namespace {
 
 constexpr uint32_t kPlaceholder = 0x2b2b2b;  // the colour of an input without a frame
 
-// The pool grows to as many buffers as the encoder holds at a time.
+// The pool grows to the number of buffers that the encoder holds at a time.
 GstRef<GstBufferPool> makePool(GstVideoInfo info) {
     const GstRef<GstCaps> caps(gst_video_info_to_caps(&info));
     GstRef<GstBufferPool> pool(gst_video_buffer_pool_new());
@@ -76,7 +76,7 @@ GstVideoInfo mixVideoInfo(int width, int height) {
     return info;
 }
 
-// Paints the frames of one input; made anew when their format or placement changes.
+// Paints the frames of one input. Replaced when their format or placement changes.
 class MixPainter::Scaler {
 public:
     Scaler(const GstVideoInfo& frame, const GstVideoInfo& canvas, const Placement& placement)
@@ -93,8 +93,8 @@ public:
         }                                                          // range if the matrix differs
         GstVideoInfo to = mixVideoInfo(number(placement.target.width), number(placement.target.height));
         const GstRef<GstBuffer> buffer(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&to), nullptr));
-        gst_video_frame_map(&mScaled, &to, buffer.get(), GST_MAP_READWRITE);  // the frame holds it
-        // Cubic for chroma, too: the default, linear, crashes if a frame is halved from an odd column on.
+        gst_video_frame_map(&mScaled, &to, buffer.get(), GST_MAP_READWRITE);  // takes a reference
+        // Cubic for chroma, too: the default, linear, crashes when it halves a frame from an odd column.
         mConverter = gst_video_converter_new(
             &from, &to,
             gst_structure_new("scaler",                                                                         //

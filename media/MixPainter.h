@@ -1,7 +1,8 @@
-// Composes a frame of the mix: the canvas's colour, and on it the inputs' frames, or a dark grey where there is none.
+// Composes a frame of the mix: the canvas's colour, and on it the inputs' frames, or a dark grey box for an input
+// without a frame.
 //
-// Frames are copied from the decoders' memory straight to the canvas, and scaled on the way if need be. Nothing of the
-// layout is kept from one frame to the next, so a change is applied as a whole.
+// Frames are copied, and scaled if necessary, from the decoders' memory to the canvas. The painter stores no layout
+// between frames, so a change is applied as a whole.
 
 #ifndef VEXALIVE_MEDIA_MIX_PAINTER_H
 #define VEXALIVE_MEDIA_MIX_PAINTER_H
@@ -19,7 +20,7 @@
 
 namespace vexalive {
 
-/// For one thread.
+/// Not thread-safe.
 class MixPainter {
 public:
     struct Layer {
@@ -33,7 +34,7 @@ public:
     /// The size of the frames from now on; both even.
     void setCanvas(int width, int height);
 
-    /// The frame at running time `now`, without a timestamp; null if no buffer is to be had. The last layer is on top.
+    /// The frame at running time `now`, without a timestamp; null if no buffer is available. The last layer is on top.
     GstRef<GstBuffer> paint(uint32_t colour, const std::vector<Layer>& layers, bool cropCenter, int64_t now);
 
 private:

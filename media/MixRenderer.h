@@ -1,5 +1,5 @@
-// Renders the mix in real time: makes each video frame and each piece of audio when it is due, of what the inputs have
-// by then, and passes it to the encoders. Waits for no input, and never stops.
+// Renders the mix in real time: makes each video frame and each block of audio at its time, from the media that the
+// inputs have by then, and passes it to the encoders. It never waits for an input.
 
 #ifndef VEXALIVE_MEDIA_MIX_RENDERER_H
 #define VEXALIVE_MEDIA_MIX_RENDERER_H
@@ -16,7 +16,7 @@
 
 namespace vexalive {
 
-/// All that a frame of the mix depends on. It is replaced as a whole, between two frames.
+/// The state from which the frames of the mix are rendered. It is replaced as a whole, between two frames.
 struct MixScene {
     int width = 0;  ///< of the canvas; 0: no video
     int height = 0;
@@ -36,14 +36,15 @@ public:
     MixRenderer(const MixRenderer&) = delete;
     MixRenderer& operator=(const MixRenderer&) = delete;
 
-    /// From the next frame on. An encoder that the scene no longer has gets the end of its stream. Any thread.
+    /// Replaces the scene from the next frame on. An encoder that the new scene lacks receives the end of stream. Any
+    /// thread.
     void show(std::shared_ptr<const MixScene> scene);
 
     /// Makes the next frame a key frame. Any thread.
     void requestKeyFrame() { mKeyFrameRequested = true; }
 
-    GstRef<GstSample> lastFrame() const;           ///< as the encoder got it; null if there is none. Any thread.
-    uint64_t dropped() const { return mDropped; }  ///< frames that were due and not made, for want of time. Any thread.
+    GstRef<GstSample> lastFrame() const;           ///< as the encoder received it; null if there is none. Any thread.
+    uint64_t dropped() const { return mDropped; }  ///< frames that were skipped for lack of time. Any thread.
 
 private:
     void run();
@@ -60,12 +61,12 @@ private:
     std::vector<std::shared_ptr<const MixScene>> mPendingScenes KST_GUARDED_BY(mMutex);  // the last is to be shown
     GstRef<GstSample> mLastFrame KST_GUARDED_BY(mMutex);
 
-    // Used by the thread only.
+    // Used on the renderer's thread only.
     std::shared_ptr<const MixScene> mScene;
     MixPainter mPainter;
-    int64_t mFrameDue = 0;  // running time, as the next
-    int64_t mAudioDue = 0;
-    int64_t mAudioEnd = 0;  // of the audio that has been made, as a position of AudioRing
+    int64_t mFrameDue = 0;  // running time of the next frame
+    int64_t mAudioDue = 0;  // running time of the next block of audio
+    int64_t mAudioEnd = 0;  // end of the rendered audio, as a position of AudioRing
 
     std::thread mThread;
 };

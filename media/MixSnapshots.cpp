@@ -16,10 +16,10 @@ constexpr int kMinSide = 16;
 
 }  // namespace
 
-// Those that are pending, the oldest first.
+// The pending requests, the oldest first.
 struct MixSnapshots::Requests {
     std::queue<Done> done;
-    unsigned pipeline = 0;  // the number of the current one: the requests of older ones have failed already
+    unsigned pipeline = 0;  // number of the current pipeline; the requests of older ones have failed
 
     void complete(const std::string& jpeg) {
         if (!done.empty()) {

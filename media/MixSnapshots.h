@@ -21,7 +21,8 @@ public:
 
     MixSnapshots();
 
-    /// The image has at most `width` columns. Calls `done` soon, on the main loop, with an empty string on failure.
+    /// Encodes `frame`, scaled down to at most `width` columns. Calls `done` later, on the main loop; with an empty
+    /// string on failure.
     void make(GstSample* frame, int width, Done done);
 
 private:
@@ -31,7 +32,7 @@ private:
     void fail();
 
     const std::shared_ptr<Requests> mRequests;  // shared with tasks from the streaming thread
-    std::unique_ptr<Pipeline> mPipeline;        // for images of this size
+    std::unique_ptr<Pipeline> mPipeline;        // for images of the size below
     int mWidth = 0;
     int mHeight = 0;
 };

@@ -16,15 +16,15 @@ namespace vexalive {
 namespace {
 
 constexpr std::chrono::seconds kCheckInterval{1};
-constexpr std::chrono::seconds kIdleTimeout{3};    // without progress, and the output is not running
-constexpr std::chrono::seconds kStallTimeout{10};  // without progress, and it reconnects
+constexpr std::chrono::seconds kIdleTimeout{3};    // without progress until the output counts as not running
+constexpr std::chrono::seconds kStallTimeout{10};  // without progress until it reconnects
 
 }  // namespace
 
 MixWorker::MixWorker()
     : mSink({"output", kStallTimeout}),
       mMuxer(std::make_shared<MixMuxer>(mSink.queue(), [this] { mRenderer.requestKeyFrame(); })) {
-    // Threads come and go with the inputs. With an arena for each of them, the memory of decoded frames would add up.
+    // Each input starts and ends threads. With a malloc arena for each thread, freed frames would occupy much memory.
     mallopt(M_ARENA_MAX, 2);
 }
 
@@ -60,7 +60,7 @@ Result<void> MixWorker::configure(const nlohmann::json& configuration) {
     return {};
 }
 
-// An input that stays keeps its connection. An input that is listed twice has two.
+// An input that was in the previous configuration keeps its connection. An input that is listed twice has two.
 std::unique_ptr<MixInputStream> MixWorker::findOrMakeInput(const InputConfiguration& configuration) {
     for (std::unique_ptr<MixInputStream>& input : mInputs) {
         if (input && input->streamId() == configuration.streamId && input->address() == configuration.address) {
@@ -80,7 +80,7 @@ void MixWorker::replaceEncoder(Encoder& encoder, const Format& format) {
     mEncoders[number] = std::move(pipeline);
 }
 
-// A replaced encoder ends after its last frame. check() replaces a current one, which ends only by a failure.
+// A replaced encoder ends after its last frame. The current one ends only if it fails; check() then replaces it.
 void MixWorker::encoderEnded(unsigned number, const Result<void>& result) {
     mEncoders.erase(number);
     if (number == mVideoEncoder.number || number == mAudioEncoder.number) {

@@ -1,8 +1,8 @@
-// Makes one stream of several: their video on one canvas, their audio added up.
+// Mixes several streams into one: their video on one canvas, the sum of their audio.
 //
 //     MixInputStream, one each ──▶ its MixFeed ──▶ MixRenderer ──▶ encoders ──▶ MixMuxer ──▶ RtmpSink
 //
-// No stage waits for the one before it, so an input that comes and goes changes the picture and nothing else. An update
+// No stage waits for the one before it, so an input that connects or disconnects does not delay the output. An update
 // makes a new MixScene, which the renderer applies between two frames.
 
 #ifndef VEXALIVE_MEDIA_MIX_WORKER_H
@@ -36,7 +36,7 @@ public:
     void stop(std::function<void()> done) override;
 
 private:
-    // The current encoder of one kind. Those before it live until they have passed on their last frame.
+    // The current encoder of one kind. Replaced encoders live until they have output their last frame.
     struct Encoder {
         unsigned number = 0;  // 0: it has failed
         std::shared_ptr<GstElement> appsrc;
@@ -55,7 +55,7 @@ private:
     MixSnapshots mSnapshots;
     MixConfiguration mConfiguration;
     std::vector<std::unique_ptr<MixInputStream>> mInputs;     // in the order of the configuration
-    std::map<unsigned, std::unique_ptr<Pipeline>> mEncoders;  // all that live, by number
+    std::map<unsigned, std::unique_ptr<Pipeline>> mEncoders;  // by number; includes replaced ones until they end
     unsigned mLastEncoder = 0;
     Encoder mVideoEncoder;
     Encoder mAudioEncoder;

@@ -69,7 +69,7 @@ struct Pipeline::Elements {
 };
 
 int64_t Pipeline::runningTime() {
-    const GstClockTime base = baseTime();  // first: the first call defines it
+    const GstClockTime base = baseTime();  // before the clock is read: the first call sets the base time
     return static_cast<int64_t>(gst_clock_get_time(systemClock()) - base);
 }
 

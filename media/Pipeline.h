@@ -1,5 +1,5 @@
-// A GStreamer pipeline on the system clock. All pipelines of a process share one base time, so a running time means the
-// same in each of them, and media pass from one to the next through appsink and appsrc with their timestamps.
+// A GStreamer pipeline on the system clock. All pipelines of a process share one base time, so running times are
+// comparable: media keep their timestamps when they pass from the appsink of one to the appsrc of another.
 
 #ifndef VEXALIVE_MEDIA_PIPELINE_H
 #define VEXALIVE_MEDIA_PIPELINE_H
@@ -38,7 +38,7 @@ public:
 
 private:
     GstMapInfo mMap{};
-    GstBuffer* const mBuffer;  // null: it could not be mapped, and there are no bytes
+    GstBuffer* const mBuffer;  // null if mapping failed; get() is then empty
 };
 
 /// Main loop only, except where a member says otherwise.
@@ -47,23 +47,22 @@ private:
 /// ownership of what they use.
 class Pipeline {
 public:
-    /// Called once, on the main loop, at the end of the stream or with the first error. The pipeline may be destroyed
-    /// in there.
+    /// Called once, on the main loop, at the end of the stream or with the first error. May destroy the pipeline.
     using Ended = std::function<void(const Result<void>& result)>;
     using OnSample = std::function<void(GstSample* sample)>;
     using OnBuffer = std::function<bool(GstBuffer* buffer)>;
 
-    /// `description` as gst-launch-1.0 takes it. If it is wrong or a plugin is missing, the process exits with status 1
-    /// and the reason on stderr.
+    /// `description` has the syntax of gst-launch-1.0. If it is wrong or a plugin is missing, the process writes the
+    /// reason to stderr and exits with status 1.
     Pipeline(const std::string& description, Ended ended);
 
-    /// Returns at once. Another thread brings the elements down, which may take seconds: a source gets the time to
-    /// complete its handshake.
+    /// Returns at once. Another thread stops the elements, which may take seconds: it waits until a source has
+    /// completed its handshake.
     ~Pipeline();
     Pipeline(const Pipeline&) = delete;
     Pipeline& operator=(const Pipeline&) = delete;
 
-    /// Calls `onSample` for each sample of that appsink, on a streaming thread. Before play().
+    /// Calls `onSample` for each sample of that appsink, on a streaming thread. Call before play().
     void onSample(const char* appsink, OnSample onSample);
     /// Calls `onBuffer` for each buffer that is about to pass the pad, on a streaming thread. If it returns false, the
     /// buffer is dropped.

@@ -12,8 +12,8 @@ namespace vexalive {
 namespace {
 
 constexpr std::chrono::seconds kCheckInterval{1};
-constexpr std::chrono::seconds kIdleTimeout{3};    // without progress, and a side is not running
-constexpr std::chrono::seconds kStallTimeout{20};  // without progress, and a side reconnects
+constexpr std::chrono::seconds kIdleTimeout{3};    // without progress until a side counts as not running
+constexpr std::chrono::seconds kStallTimeout{20};  // without progress until a side reconnects
 
 int64_t millisecondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();

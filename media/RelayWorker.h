@@ -2,7 +2,7 @@
 //
 //     RtmpSource ──▶ tags with steady timestamps ──▶ RtmpSink
 //
-// Each side reconnects by itself: the destination keeps its connection while the source comes and goes.
+// Each side reconnects independently: the destination stays connected while the source reconnects.
 
 #ifndef VEXALIVE_MEDIA_RELAY_WORKER_H
 #define VEXALIVE_MEDIA_RELAY_WORKER_H

@@ -10,7 +10,7 @@ namespace vexalive {
 
 class Retry {
 public:
-    /// 250 ms at first, then twice as long each time, up to 4 s.
+    /// The next pause: 250 ms at first, then twice the previous one, up to 4 s.
     std::chrono::milliseconds next() {
         const std::chrono::milliseconds pause = mPause;
         mPause = std::min(2 * mPause, kMax);

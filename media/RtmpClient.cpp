@@ -116,13 +116,13 @@ void RtmpClient::reconnectLater(const std::string& error) {
     mTimer.start(mRetry.next(), [this] { connect(); });
 }
 
-// A peer that has vanished closes no connection.
+// A peer that disappears does not close its connection, so a timeout is needed.
 void RtmpClient::check() {
     if (!mPipeline) {
         return;
     }
     if (isStalled(mRules.stallTimeout)) {
-        mRetry.reset();  // the timeout was pause enough
+        mRetry.reset();  // the stall timeout was a pause already
         lose(stallError());
     } else if (!mTimer.isActive() && isSteady()) {
         mRetry.reset();

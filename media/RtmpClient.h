@@ -1,5 +1,5 @@
-// A connection to an RTMP server that is made anew whenever it breaks or stalls. RtmpSource and RtmpSink have the same
-// rules for that, and differ in what they call progress.
+// A connection to an RTMP server that reconnects whenever it breaks or stalls. RtmpSource and RtmpSink share these
+// rules; they differ in what counts as progress.
 
 #ifndef VEXALIVE_MEDIA_RTMP_CLIENT_H
 #define VEXALIVE_MEDIA_RTMP_CLIENT_H
@@ -17,26 +17,25 @@
 
 namespace vexalive {
 
-/// What has passed, and when, on the current connection and in all. Any thread.
+/// Counts and times of transferred bytes, for the current connection and in total. Any thread.
 ///
-/// Its lock is the innermost: those of the source, of the object that handles its tags, and of the queue are taken
-/// before it, in this order.
+/// Lock order: the source, the object that handles its tags, the queue, then this.
 class RtmpProgress {
 public:
     /// A connection begins. Returns its number, at least 1: calls with another number have no effect from now on.
     unsigned begin();
     void end();
 
-    /// Bytes have passed. `isMedia`: not only what the protocol needs, so the stream flows.
+    /// Counts transferred bytes. `isMedia`: they are media, not only protocol data.
     void add(unsigned connection, size_t bytes, bool isMedia);
-    /// Nothing was due until now, so the idle time starts anew.
+    /// Restarts the idle time: there was nothing to transfer until now.
     void resetIdleTime(unsigned connection);
 
-    unsigned connections() const;  ///< that have begun
-    bool hasFlowed() const;        ///< on this connection
+    unsigned connections() const;  ///< number of connections that have begun
+    bool hasFlowed() const;        ///< whether media were transferred on this connection
     bool hasEverFlowed() const;
-    std::chrono::milliseconds idleTime() const;  ///< since the last of the media, or since the connection began
-    std::chrono::milliseconds flowTime() const;  ///< from the first to the last of this connection's media
+    std::chrono::milliseconds idleTime() const;  ///< since the last media, or since the connection began
+    std::chrono::milliseconds flowTime() const;  ///< from the first to the last media of this connection
     uint64_t bytes() const;                      ///< on all connections
 
 private:
@@ -55,19 +54,19 @@ private:
 class RtmpClient {
 public:
     struct Rules {
-        std::string name;                         ///< in the log; not an address that may end in a key
-        std::chrono::milliseconds stallTimeout;   ///< without progress; then the connection is made anew
-        std::chrono::milliseconds steadyTime{0};  ///< of media on one connection; then the retry pauses start anew
+        std::string name;                         ///< for the log; not the address, which may contain a key
+        std::chrono::milliseconds stallTimeout;   ///< time without progress until the client reconnects
+        std::chrono::milliseconds steadyTime{0};  ///< time of media on one connection until the retry pauses restart
     };
 
     virtual ~RtmpClient() = default;
     RtmpClient(const RtmpClient&) = delete;
     RtmpClient& operator=(const RtmpClient&) = delete;
 
-    /// Connects, unless that is the address already.
+    /// Connects to the address, unless it is unchanged.
     void setAddress(const std::string& address);
 
-    /// To be called once a second: applies the stall rule.
+    /// Call once a second. Reconnects if the connection has stalled.
     void check();
 
     /// Reconnects after the next retry pause. The connection stays until then.
@@ -77,18 +76,18 @@ public:
     bool isReconnecting() const { return mTimer.isActive(); }
     bool hasFlowed() const { return mProgress->hasFlowed(); }
     bool isSteady() const;
-    const std::string& error() const { return mError; }  ///< why the connection before this one ended
-    uint64_t reconnects() const { return mReconnects; }  ///< without those for a stream that has not begun
+    const std::string& error() const { return mError; }  ///< why the previous connection ended
+    uint64_t reconnects() const { return mReconnects; }  ///< excludes those before the stream has begun
     const RtmpProgress& progress() const { return *mProgress; }
 
 protected:
     explicit RtmpClient(Rules rules) : mRules(std::move(rules)) {}
 
     virtual std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::Ended ended) = 0;
-    virtual void close() {}  ///< the connection is about to end
+    virtual void close() {}  ///< called before the connection ends
     virtual void ended(const Result<void>& result);
     virtual bool isStalled(std::chrono::milliseconds timeout) const;
-    /// Errors for a clean end and a stall. If empty, there is nothing to report: the client just connects again.
+    /// Errors for a clean end and for a stall. If empty, the client reconnects without reporting an error.
     virtual std::string endError() const = 0;
     virtual std::string stallError() const = 0;
 

@@ -65,7 +65,7 @@ RtmpSink::RtmpSink(Rules rules) : RtmpClient(std::move(rules)), mQueue(std::make
 
 std::unique_ptr<Pipeline> RtmpSink::open(const std::string& address, unsigned connection, Pipeline::Ended ended) {
     auto pipeline = std::make_unique<Pipeline>(
-        // sync=false: a sink that waits for the clock never sends anything here.
+        // sync=false: a sink that waits for the clock would send nothing here.
         "appsrc name=tags caps=video/x-flv format=time max-bytes=0 ! rtmp2sink name=sink sync=false async=false",
         std::move(ended));
     g_object_set(pipeline->find("sink"), "location", address.c_str(), nullptr);

@@ -20,17 +20,16 @@ class RtmpQueue {
 public:
     explicit RtmpQueue(std::shared_ptr<RtmpProgress> progress) : mProgress(std::move(progress)) {}
 
-    /// The number of the current connection, 0 for none. Another number than before means a server that knows nothing
-    /// of the stream yet.
+    /// The number of the current connection; 0: none. After a change of the number, send the stream headers again.
     unsigned connection() const;
 
-    size_t bytes() const;   ///< that wait; 0 without a connection
-    size_t frames() const;  ///< the same, in tags
+    size_t bytes() const;   ///< in the queue; 0 without a connection
+    size_t frames() const;  ///< tags in the queue; 0 without a connection
 
     /// Adds a tag, unless that connection has ended.
     void push(unsigned connection, const std::string& tag);
 
-    /// The FLV header is the first that the server gets.
+    /// Begins a connection: sends the FLV header.
     void attach(unsigned connection, GstElement* appsrc);
     void detach();
 
@@ -46,13 +45,13 @@ private:
 
 class RtmpSink final : public RtmpClient {
 public:
-    static constexpr const char* kStalledError = "it takes nothing any more";
+    static constexpr const char* kStalledError = "it accepts no more data";
 
     explicit RtmpSink(Rules rules);
 
     const std::shared_ptr<RtmpQueue>& queue() const { return mQueue; }
 
-    /// Tags wait, and the server has taken none for that long.
+    /// Whether tags are queued and the server has accepted none for that long.
     bool isStalled(std::chrono::milliseconds timeout) const override;
 
     /// Ends the stream at the server, then calls `done`.

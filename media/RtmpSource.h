@@ -2,7 +2,7 @@
 //
 //     rtmp2src ! appsink ──▶ FlvReader ──▶ onTag
 //
-// The origin keeps a connection open while no one publishes, and ends it when the publisher leaves.
+// The origin keeps a connection open while nobody publishes, and closes it when the publisher disconnects.
 
 #ifndef VEXALIVE_MEDIA_RTMP_SOURCE_H
 #define VEXALIVE_MEDIA_RTMP_SOURCE_H
@@ -20,11 +20,11 @@ namespace vexalive {
 class RtmpSource final : public RtmpClient {
 public:
     struct Handlers {
-        /// A connection is about to begin; no tag of an older one comes any more. Main loop.
+        /// Called on the main loop before a connection begins. No tag of an older connection follows.
         std::function<void()> onConnecting;
-        /// Each tag, one at a time, on a streaming thread. `isCounted`: it is a frame of the stream as numbers count
-        /// them, of video, or of audio if there is no video. Called with the source's lock held: it must not call the
-        /// source. May be called for a while after the source has been destroyed: capture shared ownership.
+        /// Called with each tag, one at a time, on a streaming thread. `isCounted`: the tag counts as a frame (of
+        /// video, or of audio if there is no video). The source's lock is held: do not call the source. Calls may still
+        /// follow shortly after the source has been destroyed: capture shared ownership.
         std::function<void(const FlvTag& tag, bool isCounted)> onTag;
     };
 
@@ -32,7 +32,7 @@ public:
 
     void stop() { disconnect(); }
 
-    /// Media have come on this connection, and the last within `timeout`.
+    /// Whether this connection has received media within the last `timeout`.
     bool isFlowing(std::chrono::milliseconds timeout) const;
     uint64_t frames() const;
 
@@ -40,14 +40,14 @@ private:
     class Stream;
 
     std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::Ended ended) override;
-    std::string endError() const override { return hasFlowed() ? "its publisher has left" : ""; }
-    std::string stallError() const override { return hasFlowed() ? "nothing came from it any more" : ""; }
+    std::string endError() const override { return hasFlowed() ? "its publisher has disconnected" : ""; }
+    std::string stallError() const override { return hasFlowed() ? "it sends no more data" : ""; }
 
     const std::function<void()> mOnConnecting;
     const std::shared_ptr<Stream> mStream;  // shared with the streaming threads
 };
 
-/// The error of a source that is connected while no one publishes the stream.
+/// The error of a source that is connected while nobody publishes the stream.
 std::string absenceOf(const std::string& streamId, bool hasRun);
 
 }  // namespace vexalive

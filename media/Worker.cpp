@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds kPollInterval{50};  // between checks for a 
 constexpr std::chrono::milliseconds kStopTimeout{2000};
 constexpr size_t kMaxLineBytes = size_t{1} << 20;
 
-// What is reported at once if it changes.
+// The part of the status that is reported at once if it changes.
 std::string statesOf(const WorkerStatus& status) {
     std::string states = nameOf(status.output.state) + status.output.error;
     for (const InputStatus& input : status.inputs) {
@@ -158,8 +158,7 @@ void Worker::takeSnapshot(int, std::function<void(const std::string& jpeg)> done
     done("");
 }
 
-// Exits without destructors: the streams have ended, the system frees the rest, and a plugin's thread cannot hang the
-// process.
+// Exits without running destructors, so that a plugin's thread cannot block the exit. The streams have ended by then.
 void runWorker(const char* name, Worker& worker) {
     Run(name, worker).start();
     std::_Exit(0);

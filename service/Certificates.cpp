@@ -36,12 +36,12 @@ constexpr size_t kMaxFileBytes = size_t{64} << 10;
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
-struct Pair {
+struct CertifiedKey {
     Certificate certificate{nullptr, &X509_free};
     Key key{nullptr, &EVP_PKEY_free};
 };
 
-// Carries the message for the user out of the functions of this file; prepareCertificates() returns it.
+// The functions of this file throw it with a message for the user; prepareCertificates() returns the message.
 class Failure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -50,7 +50,7 @@ class Failure : public std::runtime_error {
     throw Failure("cannot " + action + " " + path + ": " + std::generic_category().message(error));
 }
 
-// Checks the result of an OpenSSL function, which fails here only without memory or randomness.
+// Checks the result of an OpenSSL function. The functions that are called here fail only without memory or randomness.
 template <class T>
 T* checked(T* object) {
     if (!object) {
@@ -159,7 +159,7 @@ Bio reader(const std::string& pem) {
     return Bio(checked(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))), &BIO_free);
 }
 
-// Null if the text holds none. A key with a password counts as none: there is no user to type it.
+// Null if `pem` contains none. A key with a password counts as none, since nobody could enter the password.
 Certificate readCertificate(const std::string& pem) {
     Certificate certificate(PEM_read_bio_X509(reader(pem).get(), nullptr, nullptr, nullptr), &X509_free);
     ERR_clear_error();
@@ -191,7 +191,7 @@ std::string toPem(EVP_PKEY* key) {
         [&](BIO* memory) { return PEM_write_bio_PKCS8PrivateKey(memory, key, nullptr, nullptr, 0, nullptr, nullptr); });
 }
 
-// ---- Making ---------------------------------------------------------------------------------------------------------
+// ---- Issuing --------------------------------------------------------------------------------------------------------
 
 Key makeKey() {
     return Key(checked(EVP_EC_gen("P-256")), &EVP_PKEY_free);
@@ -199,12 +199,13 @@ Key makeKey() {
 
 using Extensions = std::vector<std::pair<int, std::string>>;
 
-// Signed by `issuer`, or by itself if that is null. Valid from an hour ago, so that a clock slightly off does no harm.
-Pair makePair(const std::string& name, int days, const Extensions& extensions, const Pair* issuer, std::time_t now) {
-    Pair pair;
-    pair.key = makeKey();
-    pair.certificate = Certificate(checked(X509_new()), &X509_free);
-    X509* certificate = pair.certificate.get();
+// Signed by `issuer`, or self-signed if that is null. Valid from one hour ago, to allow for clocks that differ.
+CertifiedKey issue(const std::string& name, int days, const Extensions& extensions, const CertifiedKey* issuer,
+                   std::time_t now) {
+    CertifiedKey issued;
+    issued.key = makeKey();
+    issued.certificate = Certificate(checked(X509_new()), &X509_free);
+    X509* certificate = issued.certificate.get();
     checkDone(X509_set_version(certificate, X509_VERSION_3));
 
     unsigned char serial[16];
@@ -219,7 +220,7 @@ Pair makePair(const std::string& name, int days, const Extensions& extensions, c
                                          reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0));
     X509* issuingCertificate = issuer ? issuer->certificate.get() : certificate;
     checkDone(X509_set_issuer_name(certificate, X509_get_subject_name(issuingCertificate)));
-    checkDone(X509_set_pubkey(certificate, pair.key.get()));
+    checkDone(X509_set_pubkey(certificate, issued.key.get()));
 
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
@@ -229,9 +230,9 @@ Pair makePair(const std::string& name, int days, const Extensions& extensions, c
             checked(X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str())), &X509_EXTENSION_free);
         checkDone(X509_add_ext(certificate, extension.get(), -1));
     }
-    EVP_PKEY* signer = issuer ? issuer->key.get() : pair.key.get();
+    EVP_PKEY* signer = issuer ? issuer->key.get() : issued.key.get();
     checked(X509_sign(certificate, signer, EVP_sha256()) > 0 ? certificate : nullptr);
-    return pair;
+    return issued;
 }
 
 // ---- The names of the server certificate ----------------------------------------------------------------------------
@@ -266,7 +267,7 @@ bool isFor(X509* certificate, const std::string& name) {
 
 // ---- The two certificates -------------------------------------------------------------------------------------------
 
-bool isTrusted(const Pair& server, const Pair& authority, std::time_t when) {
+bool isTrusted(const CertifiedKey& server, const CertifiedKey& authority, std::time_t when) {
     const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(checked(X509_STORE_new()), &X509_STORE_free);
     checkDone(X509_STORE_add_cert(store.get(), authority.certificate.get()));
     const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> context(checked(X509_STORE_CTX_new()),
@@ -280,7 +281,8 @@ bool isTrusted(const Pair& server, const Pair& authority, std::time_t when) {
     return isGood;
 }
 
-bool isUsable(const Pair& server, const Pair& authority, const std::vector<std::string>& names, std::time_t now) {
+bool isUsable(const CertifiedKey& server, const CertifiedKey& authority, const std::vector<std::string>& names,
+              std::time_t now) {
     if (!server.certificate || !server.key || X509_check_private_key(server.certificate.get(), server.key.get()) != 1) {
         ERR_clear_error();
         return false;
@@ -290,19 +292,19 @@ bool isUsable(const Pair& server, const Pair& authority, const std::vector<std::
                        [&server](const std::string& name) { return isFor(server.certificate.get(), name); });
 }
 
-Pair prepareAuthority(const std::string& folder, std::time_t now) {
+CertifiedKey prepareAuthority(const std::string& folder, std::time_t now) {
     const std::string certificateFile = folder + "/ca.pem";
     const std::string keyFile = folder + "/ca-key.pem";
     const std::string remedy =
         ": remove " + certificateFile + " to have a new authority made, which clients then have " + "to trust";
-    Pair authority;
+    CertifiedKey authority;
     if (!exists(certificateFile)) {
-        authority = makePair("vexalive local authority", kAuthorityDays,
-                             {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
-                              {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                              {NID_subject_key_identifier, "hash"}},
-                             nullptr, now);
-        // The key first: the next start repairs a key without its certificate, but not a certificate without its key.
+        authority = issue("vexalive local authority", kAuthorityDays,
+                          {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
+                           {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                           {NID_subject_key_identifier, "hash"}},
+                          nullptr, now);
+        // The key is written first: the next start repairs a key without a certificate, but not the reverse.
         replaceFile(keyFile, toPem(authority.key.get()), Secrecy::kSecret);
         replaceFile(certificateFile, toPem(authority.certificate.get()), Secrecy::kPublic);
         return authority;
@@ -329,8 +331,8 @@ Pair prepareAuthority(const std::string& folder, std::time_t now) {
     return authority;
 }
 
-Pair readServer(const std::string& path) {
-    Pair server;
+CertifiedKey readServer(const std::string& path) {
+    CertifiedKey server;
     if (exists(path)) {
         const std::string pem = readFile(path, Secrecy::kSecret);
         server.certificate = readCertificate(pem);
@@ -339,9 +341,10 @@ Pair readServer(const std::string& path) {
     return server;
 }
 
-Pair prepareServer(const std::string& path, const Pair& authority, const std::string& address, std::time_t now) {
+CertifiedKey prepareServer(const std::string& path, const CertifiedKey& authority, const std::string& address,
+                           std::time_t now) {
     const std::vector<std::string> names = serverNames(address);
-    Pair server = readServer(path);
+    CertifiedKey server = readServer(path);
     if (isUsable(server, authority, names, now)) {
         return server;
     }
@@ -349,14 +352,14 @@ Pair prepareServer(const std::string& path, const Pair& authority, const std::st
     for (const std::string& name : names) {
         alternatives += (alternatives.empty() ? "" : ",") + std::string(isIpAddress(name) ? "IP:" : "DNS:") + name;
     }
-    server = makePair("vexalive local service", kServerDays,
-                      {{NID_basic_constraints, "critical,CA:FALSE"},
-                       {NID_key_usage, "critical,digitalSignature"},
-                       {NID_ext_key_usage, "serverAuth"},
-                       {NID_subject_key_identifier, "hash"},
-                       {NID_authority_key_identifier, "keyid:always"},
-                       {NID_subject_alt_name, alternatives}},
-                      &authority, now);
+    server = issue("vexalive local service", kServerDays,
+                   {{NID_basic_constraints, "critical,CA:FALSE"},
+                    {NID_key_usage, "critical,digitalSignature"},
+                    {NID_ext_key_usage, "serverAuth"},
+                    {NID_subject_key_identifier, "hash"},
+                    {NID_authority_key_identifier, "keyid:always"},
+                    {NID_subject_alt_name, alternatives}},
+                   &authority, now);
     replaceFile(path, toPem(server.certificate.get()) + toPem(server.key.get()), Secrecy::kSecret);
     return server;
 }
@@ -365,7 +368,7 @@ Pair prepareServer(const std::string& path, const Pair& authority, const std::st
 
 std::string defaultStateFolder() {
     const char* state = std::getenv("XDG_STATE_HOME");
-    if (state && *state == '/') {  // a relative one is to be ignored
+    if (state && *state == '/') {  // the XDG rules: ignore a relative path
         return std::string(state) + "/vexalive";
     }
     const char* home = std::getenv("HOME");
@@ -385,8 +388,8 @@ Result<Certificates> prepareCertificates(const std::string& folder, const std::s
                 failOnFile("lock", lockFile, errno);
             }
         }
-        const Pair authority = prepareAuthority(folder, now);
-        const Pair server = prepareServer(folder + "/server.pem", authority, address, now);
+        const CertifiedKey authority = prepareAuthority(folder, now);
+        const CertifiedKey server = prepareServer(folder + "/server.pem", authority, address, now);
         return Certificates{folder + "/ca.pem", toPem(server.certificate.get()) + toPem(server.key.get())};
     } catch (const Failure& error) {
         return failure(error.what());

@@ -13,10 +13,10 @@ struct Certificates {
     std::string serverPem;  ///< certificate and private key
 };
 
-/// Where a service stores its certificates by default; empty if the environment names no home.
+/// Where a service stores its certificates by default; empty if neither XDG_STATE_HOME nor HOME is set.
 std::string defaultStateFolder();
 
-/// Makes what is missing in the service's folder, which only its owner can open:
+/// Creates the missing files in the service's folder, which only its owner can open:
 ///     ca.pem      the certificate of the service's own authority, for clients to trust; 10 years
 ///     ca-key.pem  its private key
 ///     server.pem  the server's certificate and private key; 1 year
@@ -24,7 +24,7 @@ std::string defaultStateFolder();
 /// The server certificate is for localhost, 127.0.0.1 and ::1, and for `address` if that is another numeric address or
 /// a host name. It is renewed when it has less than 30 days left at the time `now`, lacks a name or was not signed by
 /// the authority. The authority is never replaced, since clients trust it. Several processes and threads may call this
-/// at a time for one folder. The error says what is wrong and what to do.
+/// at the same time for one folder.
 Result<Certificates> prepareCertificates(const std::string& folder, const std::string& address, std::time_t now);
 
 }  // namespace vexalive

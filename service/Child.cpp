@@ -26,8 +26,8 @@ struct Pipe {
     Descriptor writing;
 };
 
-// Above the standard streams, so that none of the four pipes is overwritten when the child takes its three.
-Descriptor lifted(int fd) {
+// Moves a descriptor above the standard streams, so that the dup2() calls in the child do not overwrite a pipe.
+Descriptor aboveStandardStreams(int fd) {
     Descriptor given(fd);
     return fd >= kFirstFreeFd ? std::move(given) : Descriptor(::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeFd));
 }
@@ -37,17 +37,17 @@ bool openPipe(Pipe& made) {
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         return false;
     }
-    made.reading = lifted(ends[0]);
-    made.writing = lifted(ends[1]);
+    made.reading = aboveStandardStreams(ends[0]);
+    made.writing = aboveStandardStreams(ends[1]);
     return made.reading.isOpen() && made.writing.isOpen();
 }
 
-void stopBlocking(const Descriptor& descriptor) {
+void setNonBlocking(const Descriptor& descriptor) {
     ::fcntl(descriptor.get(), F_SETFL, ::fcntl(descriptor.get(), F_GETFL) | O_NONBLOCK);
 }
 
-// Runs in the child: only what is allowed between fork and exec in a process with threads.
-[[noreturn]] void become(char* const* arguments, pid_t parent, int input, int output, int errors, int status) {
+// Runs in the child between fork and exec: async-signal-safe functions only.
+[[noreturn]] void execChild(char* const* arguments, pid_t parent, int input, int output, int errors, int status) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) {  // the parent exited before the line above
         ::_exit(1);
@@ -59,7 +59,7 @@ void stopBlocking(const Descriptor& descriptor) {
     ::dup2(input, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
     ::dup2(errors, STDERR_FILENO);
-    ::close_range(kFirstFreeFd, ~0U, CLOSE_RANGE_CLOEXEC);  // descriptors of others, too
+    ::close_range(kFirstFreeFd, ~0U, CLOSE_RANGE_CLOEXEC);  // also those that other code opened without O_CLOEXEC
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -106,7 +106,7 @@ Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& argu
     Pipe input;
     Pipe output;
     Pipe errors;
-    Pipe status;  // of exec: stays empty and is closed on success, else has the errno
+    Pipe status;  // of exec: closed without data on success, otherwise receives the errno
     if (!openPipe(input) || !openPipe(output) || !openPipe(errors) || !openPipe(status)) {
         return failed(localFailure, errno);
     }
@@ -116,8 +116,8 @@ Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& argu
         return failed(localFailure, errno);
     }
     if (pid == 0) {
-        become(texts.data(), parent, input.reading.get(), output.writing.get(), errors.writing.get(),
-               status.writing.get());
+        execChild(texts.data(), parent, input.reading.get(), output.writing.get(), errors.writing.get(),
+                  status.writing.get());
     }
     std::unique_ptr<Child> child(new Child(pid, Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)))));
     if (child->exitFd() < 0) {
@@ -135,9 +135,9 @@ Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& argu
     child->input = std::move(input.writing);
     child->output = std::move(output.reading);
     child->errors = std::move(errors.reading);
-    stopBlocking(child->input);
-    stopBlocking(child->output);
-    stopBlocking(child->errors);
+    setNonBlocking(child->input);
+    setNonBlocking(child->output);
+    setNonBlocking(child->errors);
     return child;
 }
 

@@ -13,17 +13,17 @@
 
 namespace vexalive {
 
-/// An executable file of that name in one of `folders`, separated by colons, or in PATH; empty if there is none.
+/// The path of an executable file in one of `folders` (separated by colons) or in PATH; empty if there is none.
 std::string findProgram(const std::string& name, const std::string& folders);
 
-/// One child process, with its standard streams as pipes. For one thread.
+/// One child process, with its standard streams as pipes. Not thread-safe.
 ///
 /// The kernel kills the child when the thread that started it ends, so one thread starts all children and outlives
 /// them.
 class Child {
 public:
-    /// Runs `arguments[0]`, a path. The child leads a process group of its own, so that a terminal's Ctrl-C reaches
-    /// only this process, and inherits no descriptor but its standard streams.
+    /// Runs `arguments[0]`, a path. The child inherits its standard streams only. It leads a process group of its own,
+    /// so that Ctrl-C in a terminal reaches only this process.
     static Result<std::unique_ptr<Child>> start(const std::vector<std::string>& arguments);
     ~Child();  ///< kills and waits for a child that was not reaped
     Child(const Child&) = delete;
@@ -31,10 +31,10 @@ public:
 
     void signal(int number);
 
-    /// How it exited: "exited with status 1". Nothing while it runs.
+    /// How the child exited: "exited with status 1". std::nullopt while it runs.
     std::optional<std::string> reap();
 
-    /// This side of its standard streams, non-blocking.
+    /// This process's ends of the child's standard streams, non-blocking.
     Descriptor input;
     Descriptor output;
     Descriptor errors;

@@ -1,4 +1,4 @@
-// The console: the web page that shows what the service does. Its files stand in service/console/ and are compiled in.
+// The console: the web page that shows what the service does. Its files are in service/console/ and are compiled in.
 
 #ifndef VEXALIVE_SERVICE_CONSOLE_H
 #define VEXALIVE_SERVICE_CONSOLE_H
@@ -15,7 +15,7 @@ struct ConsoleFile {
     std::string_view content;
 };
 
-// What a browser gets at `path`: "/" is the page, the others are the files that the page uses by their names.
+// The file that is served at `path`: "/" is the page, "/NAME" a file that the page uses. std::nullopt for other paths.
 std::optional<ConsoleFile> consoleFile(const std::string& path);
 
 std::vector<std::string> consolePaths();

@@ -35,7 +35,7 @@ struct KindRow {
     Kind kind;
     const char* name;
     const char* description;
-    std::vector<Field> fields;  // those that only this kind has; the first is the option's KIND=VALUE
+    std::vector<Field> fields;  // specific to this kind; the option KIND=VALUE sets the first
 };
 
 constexpr int64_t kMaxDelayMs = 600'000;
@@ -75,7 +75,7 @@ const KindRow* findKind(const std::string& name) {
     return found == kinds().end() ? nullptr : &*found;
 }
 
-// All fields that a kind uses. Its own come last: a delay of kind "delay" has a narrower range.
+// All fields that a kind uses. Its own come last and override the common ones: the kind "delay" has its own range.
 std::vector<Field> fieldsOf(const KindRow& row) {
     std::vector<Field> fields = {{kInterfaceField, &Fault::interfaceName},
                                  {"count", &Fault::count, 0, 1'000'000},
@@ -147,7 +147,7 @@ void readField(Fields& object, const Field& field, Fault& fault) {
         field.member);
 }
 
-// False if the text is not of the field's type, or a number outside of its range.
+// False if `text` is not of the field's type, or is a number outside its range.
 bool readOption(const std::string& text, const Field& field, Fault& fault) {
     return std::visit(
         [&](const auto member) {
@@ -289,7 +289,7 @@ ordered_json faultKindsJson() {
                 shown["minimum"] = field.min;
                 shown["maximum"] = field.max;
             }
-            if (checkField(Fault(), field)) {  // else it has no default: it is required
+            if (checkField(Fault(), field)) {  // a field whose initial value is invalid is required: it has no default
                 ordered_json defaults;
                 addTo(defaults, field, Fault());
                 shown["default"] = defaults[field.name];

@@ -9,12 +9,13 @@
 
 namespace vexalive {
 
-/// What the service does in place of the normal response. All kinds but kDelay leave the state untouched.
+/// What the service does instead of sending the normal response. Only a request with kDelay changes the service's
+/// state.
 ///
-/// One table in Fault.cpp has the kinds and fields with their names, ranges and descriptions. The members' values here
-/// are the defaults. As JSON, a fault is an object with "kind" and fields: {"kind":"status","status":503,"count":2}.
-/// As an option, it is KIND[=VALUE][,FIELD=VALUE...], where the first VALUE is of the first field that the kind has for
-/// itself: "status=503,count=2".
+/// One table in Fault.cpp has the kinds and fields with their names, ranges and descriptions. The members' initial
+/// values are the defaults. As JSON, a fault is an object with "kind" and fields, for example
+/// {"kind":"status","status":503,"count":2}. As an option, it is KIND[=VALUE][,FIELD=VALUE...], where the first VALUE
+/// sets the kind's own first field: "status=503,count=2".
 struct Fault {
     enum class Kind {
         kDelay,    ///< the normal response, after delayMs
@@ -29,7 +30,7 @@ struct Fault {
     Kind kind = Kind::kDelay;
     std::string interfaceName;           ///< applies to this interface; empty: any of the three
     int count = 1;                       ///< of requests, up to 1,000,000; 0: until cleared
-    int delayMs = 0;                     ///< before whatever `kind` does; 0 to 600,000, of kDelay at least 1
+    int delayMs = 0;                     ///< before the effect of `kind`; 0 to 600,000, for kDelay at least 1
     int status = 503;                    ///< of kStatus; 200 to 599
     size_t size = size_t{2} << 20;       ///< of kHuge; 64 bytes to 1 GiB
     int code = 505;                      ///< of kCode
@@ -40,17 +41,17 @@ struct Fault {
 /// "delay", "status", "empty", "cut", "garbage", "huge", "code" or "close".
 const char* nameOf(Fault::Kind kind);
 
-/// Checks the values that the kind uses. The error names the field, what was found and what is allowed.
+/// Checks the values that the kind uses. The error names the field, the value and the allowed values.
 Result<void> checkFault(const Fault& fault);
 
-/// Reads and checks a fault, from the text of a JSON object or from an option's value.
+/// Parses and checks a fault: a JSON object, or the value of an option.
 Result<Fault> parseFaultJson(const std::string& text);
 Result<Fault> parseFaultOption(const std::string& text);
 
 nlohmann::ordered_json toJson(const Fault& fault);
 
-/// The table: an array of {"kind", "description", "fields"}, where a field has "name", "type", and "minimum", "maximum"
-/// and "default" as far as it has them. It leaves out the fields that every kind has: interface, count and, but for
+/// The table: an array of {"kind", "description", "fields"}. A field has "name", "type" and optionally "minimum",
+/// "maximum" and "default". The fields that every kind has are omitted: interface, count and, except for the kind
 /// "delay", delay_ms.
 nlohmann::ordered_json faultKindsJson();
 

@@ -18,10 +18,10 @@ class FaultQueue {
 public:
     static constexpr size_t kMax = 1000;
 
-    /// An error if the fault is invalid, or if the queue is full.
+    /// Fails if the fault is invalid or the queue is full.
     Result<void> add(const Fault& fault);
 
-    /// The first that applies to the interface, used once more.
+    /// Consumes one use of the first fault that applies to the interface, and returns that fault.
     std::optional<Fault> take(const std::string& interfaceName);
 
     void clear();

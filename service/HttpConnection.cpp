@@ -34,11 +34,11 @@ constexpr int kVersion = 11;                                            // HTTP/
 constexpr boost::beast::string_view kMultipart = "multipart/";
 constexpr size_t kPaddingBytes = size_t{64} << 10;  // sent at a time
 
-// A second one of these could mean something else to a proxy, or to a check, than to the code behind it.
+// A second one of these is refused: a proxy or a check could use the one and the handler the other.
 constexpr const char* kSingleFields[] = {"Host",         "Origin",           "Sec-Fetch-Site",   "Content-Length",
                                          "Content-Type", "Content-Encoding", "Transfer-Encoding"};
 
-HttpResponse refusal(int status, const std::string& message) {
+HttpResponse errorResponse(int status, const std::string& message) {
     HttpResponse response;
     response.status = status;
     response.body = nlohmann::json{{"message", message}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -77,7 +77,7 @@ public:
     }
 
 private:
-    using Refusal = HttpResponse;
+    using ErrorResponse = HttpResponse;
 
     bool awaitRequest() { return !mStream.received().empty() || mStream.receive(Clock::now() + kIdleTimeout); }
 
@@ -89,8 +89,8 @@ private:
         mDeadline = Clock::now() + kRequestTimeout;
         mBytesLeft = kMaxRequestBytes;
         mNeedsMore = false;
-        const Result<HttpRequest, Refusal> request = receiveRequest(parser);
-        // After a refusal it is not known where the next request begins.
+        const Result<HttpRequest, ErrorResponse> request = receiveRequest(parser);
+        // After an error the start of the next request is unknown.
         const bool isKeptAlive = request && parser.keep_alive() && !isLast;
         const bool isHead = parser.get().method() == http::verb::head;
         return send(request ? handle(*request) : request.error(), isKeptAlive, !isHead) && isKeptAlive;
@@ -100,20 +100,20 @@ private:
         try {
             return mHandler(request);
         } catch (const std::exception&) {
-            return refusal(500, "internal error");
+            return errorResponse(500, "internal error");
         }
     }
 
     // ---- Receiving
 
-    Result<HttpRequest, Refusal> receiveRequest(Parser& parser) {
+    Result<HttpRequest, ErrorResponse> receiveRequest(Parser& parser) {
         while (!parser.is_header_done()) {
             if (const auto parsed = parseMore(parser); !parsed) {
                 return refuse(parsed.error());
             }
         }
-        // The fields are read here: what follows a chunked body could add others.
-        Result<HttpRequest, Refusal> request = checkHead(parser.get());
+        // Read the fields now: the trailer of a chunked body could add others.
+        Result<HttpRequest, ErrorResponse> request = checkHead(parser.get());
         if (!request) {
             return request;
         }
@@ -131,7 +131,7 @@ private:
     }
 
     // Parses what has been received; receives more if that was not enough.
-    Result<void, Refusal> parseMore(Parser& parser) {
+    Result<void, ErrorResponse> parseMore(Parser& parser) {
         if ((mNeedsMore || mStream.received().empty()) && !mStream.receive(mDeadline)) {
             return refuse(lostConnection());
         }
@@ -155,7 +155,7 @@ private:
     }
 
     // Checks all but the body, so that a refused body is neither read nor parsed.
-    Result<HttpRequest, Refusal> checkHead(const Parser::value_type& message) const {
+    Result<HttpRequest, ErrorResponse> checkHead(const Parser::value_type& message) const {
         for (const char* const field : kSingleFields) {
             if (message.count(field) > 1) {
                 return refuse(400, "duplicate header field " + std::string(field));
@@ -182,7 +182,7 @@ private:
         }
         const std::vector<std::string>& methods = route->second;
         if (std::find(methods.begin(), methods.end(), request.method) == methods.end()) {
-            Refusal refused = refusal(405, "this path accepts " + joined(methods));
+            ErrorResponse refused = errorResponse(405, "this path accepts " + joined(methods));
             refused.headers["Allow"] = joined(methods);
             return refuse(refused);
         }
@@ -200,9 +200,11 @@ private:
         return request;
     }
 
-    static tl::unexpected<Refusal> refuse(Refusal refused) { return tl::unexpected<Refusal>(std::move(refused)); }
-    static tl::unexpected<Refusal> refuse(int status, const std::string& message) {
-        return refuse(refusal(status, message));
+    static tl::unexpected<ErrorResponse> refuse(ErrorResponse refused) {
+        return tl::unexpected<ErrorResponse>(std::move(refused));
+    }
+    static tl::unexpected<ErrorResponse> refuse(int status, const std::string& message) {
+        return refuse(errorResponse(status, message));
     }
 
     // ---- Sending
@@ -265,7 +267,7 @@ private:
     // Of the request that is being received.
     Clock::time_point mDeadline;
     size_t mBytesLeft = 0;
-    bool mNeedsMore = false;  // the parser cannot go on with what has been received
+    bool mNeedsMore = false;  // the parser needs more bytes than have been received
 };
 
 }  // namespace

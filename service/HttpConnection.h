@@ -8,9 +8,8 @@ namespace vexalive {
 
 /// Serves the HTTP/1.1 requests of one connection, one after the other, until the connection ends.
 ///
-/// It offers what the service needs and no more: a body is sent whole, as it is and with its length (or in chunks);
-/// ranges, compression, forms and upgrades do not exist. Each request is bounded in time and in bytes before the
-/// handler sees it.
+/// It implements what the service needs: complete bodies, with a length or in chunks. It does not support ranges,
+/// compression, forms and upgrades. The time and the bytes of each request are limited before the handler is called.
 void serveConnection(SocketStream& stream, const HttpServer::Routes& routes, const HttpServer::Handler& handler,
                      bool isFromLoopback);
 

@@ -34,7 +34,7 @@ bool isLoopback(const sockaddr_storage& address) {
     return IN6_IS_ADDR_LOOPBACK(&six) || (IN6_IS_ADDR_V4MAPPED(&six) && six.s6_addr[12] == 127);
 }
 
-// Null if the text is not a certificate and its key.
+// Null if `pem` is not a certificate and its key.
 std::shared_ptr<SSL_CTX> makeTls(const std::string& pem) {
     const auto reader = [&pem] {
         return std::unique_ptr<BIO, decltype(&BIO_free)>(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
@@ -165,7 +165,7 @@ void HttpServer::acceptAll() {
         if (socket.isOpen()) {
             accept(std::move(socket), isLoopback(address));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            // Resources return when a connection closes, which may be another process's: so poll.
+            // Out of descriptors or memory. Another process may free them, so poll.
             const auto retryTime = std::chrono::steady_clock::now() + kPollInterval;
             KstMutexLock lock(mMutex);
             if (!mIsStopping) {

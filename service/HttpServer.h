@@ -41,7 +41,7 @@ struct HttpResponse {
     std::string contentType = "application/json";
     std::map<std::string, std::string> headers;  ///< further ones
     std::string body;
-    size_t padding = 0;  ///< so many "x" follow the body, then the tail
+    size_t padding = 0;  ///< number of "x" between body and tail
     std::string tail;
     Delivery delivery = Delivery::kComplete;
 };
@@ -76,7 +76,7 @@ public:
     bool isRunning() const { return mAcceptor.joinable(); }
     uint16_t port() const { return mPort; }
 
-    /// For a handler that has to wait. False if the server is stopped meanwhile.
+    /// Blocks a handler for that time. Returns false at once if the server stops.
     bool pause(std::chrono::milliseconds time);
 
 private:

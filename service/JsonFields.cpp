@@ -20,17 +20,17 @@ const json kEmptyObject = json::object();
 const json kEmptyArray = json::array();
 const json kNull;
 
-// A key as paths show it: cut short, ASCII, and in quotes only if nothing is left of it.
+// A key for a path: truncated, escaped to ASCII, and in quotes only if it is empty.
 std::string shownKey(const std::string& key) {
     const std::string quoted = excerpt(key);
     return quoted.size() == 2 ? quoted : quoted.substr(1, quoted.size() - 2);
 }
 
-// Parses a text without building a value, and stops at what is not allowed: this bounds the cost of a hostile text, and
-// finds equal keys, of which the value has only one.
-class Survey final : public nlohmann::json_sax<json> {
+// Checks syntax, depth and unique keys without building a value, and stops at the first error. This bounds the cost of
+// hostile input and finds duplicate keys, of which a parsed value has only the last.
+class StructureCheck final : public nlohmann::json_sax<json> {
 public:
-    explicit Survey(Validation& validation) : mValidation(validation) {}
+    explicit StructureCheck(Validation& validation) : mValidation(validation) {}
 
     bool null() override { return value(); }
     bool boolean(bool) override { return value(); }
@@ -144,8 +144,8 @@ std::string excerptOf(const json& value) {
 }
 
 json readObject(const std::string& text, Validation& validation) {
-    Survey survey(validation);
-    if (!json::sax_parse(text, &survey)) {
+    StructureCheck check(validation);
+    if (!json::sax_parse(text, &check)) {
         return kEmptyObject;
     }
     json value = json::parse(text, nullptr, false);

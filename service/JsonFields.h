@@ -13,8 +13,8 @@
 
 namespace vexalive {
 
-/// The outcome of a check in many steps: the first refusal counts, and later ones are dropped. What is read after a
-/// refusal has default values, so that a check may go on without asking after each step.
+/// The result of a check in several steps: stores the first refusal and ignores later ones. Values that are read after
+/// a refusal are defaults, so a check need not test for failure after each step.
 class Validation {
 public:
     /// The refusal's message is "FIELD: REASON".
@@ -27,18 +27,18 @@ private:
     std::optional<Refusal> mRefusal;
 };
 
-/// What was found, for a message: cut short, and ASCII whatever it holds.
+/// An invalid value for a message: truncated, and escaped to ASCII.
 std::string excerpt(std::string_view text);  ///< in quotes
 std::string excerptOf(const nlohmann::json& value);
 
 /// "an integer from 0 to 10", or "the integer 0".
 std::string allowedRange(int64_t lowest, int64_t highest);
 
-/// Reads a JSON object that others wrote. Refuses what is no object, nested too deep, or has a key twice; an empty
-/// object then.
+/// Parses an untrusted JSON object. Refuses anything that is not an object, is nested too deep or has a key twice, and
+/// then returns an empty object.
 nlohmann::json readObject(const std::string& text, Validation& validation);
 
-/// Strict reading of one object. The fields that were read are known; refuseOthers() refuses the rest.
+/// Strict reading of one object. Fields that were read are known; refuseOthers() refuses all others.
 class Fields {
 public:
     /// `object` and `validation` must outlive this. `path` names the object in refusals; empty for the top.
@@ -49,7 +49,7 @@ public:
     std::string path(const char* key) const;
     void refuse(int code, const char* key, const std::string& reason);
 
-    // Each refuses a field that is missing, of another type or outside of its range, and returns a default value then.
+    // Each refuses a field that is missing, has another type or is outside its range, and then returns a default value.
     const nlohmann::json& need(const char* key);  ///< of any type
     std::string text(const char* key);
     int64_t integer(const char* key, int64_t lowest, int64_t highest);

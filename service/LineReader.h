@@ -9,26 +9,27 @@
 
 namespace vexalive {
 
-/// Splits the output of a child process into lines. Its bounds limit the cost of a child that floods. For one thread.
+/// Splits the output of a child process into lines. Its bounds limit the cost of a child that writes too much. Not
+/// thread-safe.
 class LineReader {
 public:
     using Clock = std::chrono::steady_clock;
 
     struct Bounds {
         size_t maxLineBytes;  ///< a longer line is omitted
-        int maxLines;         ///< in a second; further ones are omitted
-        size_t maxBytes;      ///< in a second; further ones stay in the pipe
+        int maxLines;         ///< per second; further ones are omitted
+        size_t maxBytes;      ///< per second; further ones stay in the pipe
     };
 
     explicit LineReader(const Bounds& bounds) : mBounds(bounds) {}
 
-    /// Reads what is available and passes on each whole line, without its end. False at the end of the stream.
+    /// Reads the available bytes and calls `onLine` for each complete line. False at the end of the stream.
     bool read(int fd, Clock::time_point now, const std::function<void(const std::string& line)>& onLine);
 
-    /// The time from which read() reads again; in the past if it reads now.
+    /// When read() may read again; in the past unless maxBytes is used up.
     Clock::time_point ready() const;
 
-    /// The line without an end.
+    /// The last, incomplete line.
     std::string takeRest();
 
     /// The number of lines omitted since the last call.

@@ -28,7 +28,7 @@ constexpr const char* kSnapshot = "/snapshot";
 constexpr const char* kFaultsPath = "/faults";
 constexpr const char* kPublish = "/origin/publish";
 
-// What is for this machine only.
+// The paths that only clients on this machine may use.
 HttpServer::Routes localRoutes() {
     HttpServer::Routes result = {{kState, {"GET"}},
                                  {kMetrics, {"GET"}},
@@ -53,12 +53,12 @@ std::string asJson(const ordered_json& value) {
     return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
 
-// For people, too.
-std::string asText(const ordered_json& value) {
+// JSON that is indented for readers.
+std::string asIndentedJson(const ordered_json& value) {
     return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
-// A message of the service's own; those of the three interfaces carry a code, too.
+// The response of a local path: a message without the code that the three interfaces have.
 HttpResponse messageResponse(int status, const std::string& message) {
     HttpResponse response;
     response.status = status;
@@ -190,8 +190,8 @@ struct LiveService::Impl {
     ServiceState state;
     FaultQueue faults;
     std::optional<WorkerPool> media;
-    KstMutex applying;   // with media, the state and the media agree
-    HttpServer console;  // these are the last: their threads use all of the above
+    KstMutex applying;   // a request changes the state and the media as one step
+    HttpServer console;  // the servers are last: their threads use all members above
     HttpServer server;
 };
 
@@ -224,7 +224,7 @@ Result<void> LiveService::Impl::start() {
     return started;
 }
 
-// Starts what the requests need.
+// Starts the media and the console before the first request arrives.
 Result<void> LiveService::Impl::startBackend() {
     HttpServer::Options listening;
     listening.address = "127.0.0.1";
@@ -277,7 +277,7 @@ HttpResponse LiveService::Impl::handleLocal(const HttpRequest& request, bool isT
                                "this path is not for pages of other web sites; its host is localhost or 127.0.0.1");
     }
     if (request.path == kState) {
-        return okResponse(asText(toJson(snapshot())));
+        return okResponse(asIndentedJson(toJson(snapshot())));
     }
     if (request.path == kMetrics) {
         HttpResponse response = okResponse(metricsText(snapshot()));
@@ -328,7 +328,7 @@ std::string LiveService::Impl::faultsJson() const {
     for (const Fault& fault : faults.active()) {
         active.push_back(toJson(fault));
     }
-    return asText({{"active", std::move(active)}, {"kinds", faultKindsJson()}});
+    return asIndentedJson({{"active", std::move(active)}, {"kinds", faultKindsJson()}});
 }
 
 HttpResponse LiveService::Impl::handleInterface(const std::string& interfaceName, const HttpRequest& request) {
@@ -407,7 +407,7 @@ Result<std::string, Refusal> LiveService::Impl::apply(const AcceptedRequest& req
     return applied;
 }
 
-// ---- The public face ------------------------------------------------------------------------------------------------
+// ---- Public interface -----------------------------------------------------------------------------------------------
 
 LiveService::LiveService(LiveServiceOptions options) : mImpl(std::make_unique<Impl>(std::move(options))) {}
 
@@ -444,7 +444,7 @@ const std::string& LiveService::caFile() const {
 }
 
 std::string LiveService::stateJson() const {
-    return asText(toJson(mImpl->snapshot()));
+    return asIndentedJson(toJson(mImpl->snapshot()));
 }
 
 Result<void> LiveService::inject(const Fault& fault) {

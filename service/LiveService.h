@@ -14,19 +14,19 @@ namespace vexalive {
 /// The local live-interface service, for development and tests.
 ///
 /// It serves the three interfaces of the live-interface service over HTTPS, on loopback by default, with a certificate
-/// authority that it creates at first start. It checks every request strictly and says exactly which field is wrong,
-/// holds the state of relays and mixes, and injects faults. With media, it runs an origin to which members publish over
-/// RTMP, and a worker process for each relay and each mix. Used by `vexalive serve` and, in-process, by tests:
+/// authority that it creates at first start. It checks every request strictly, reports which field is wrong, stores the
+/// state of relays and mixes, and injects faults. With media, it runs an origin to which members publish over RTMP, and
+/// a worker process for each relay and each mix. Used by `vexalive serve` and, in-process, by tests:
 ///
 ///     vexalive::LiveService service({});
 ///     const vexalive::Result<void> started = service.start();
 ///     if (!started) { ... started.error().message ... }
 ///     // VEXALIVE_SERVICE_HOST=service.address(), VEXALIVE_CA_FILE=service.caFile()
 ///
-/// docs/openapi.yaml describes the paths. All but the three interfaces are for clients on this machine only, and are
-/// served over plain HTTP, too, on a port of their own.
+/// docs/openapi.yaml describes the paths. All but the three interfaces are for clients on this machine only; the
+/// console port serves them over plain HTTP, too.
 ///
-/// Any thread may call any member, but start() and stop() are for one thread at a time.
+/// Any thread may call any member. Call start() and stop() from one thread at a time.
 class LiveService {
 public:
     explicit LiveService(LiveServiceOptions options);
@@ -37,11 +37,11 @@ public:
     /// Creates or reads the certificates, listens and serves until stop(). Ignores SIGPIPE for the whole process.
     Result<void> start();
 
-    /// Closes all connections and waits for their threads; well under a second, also with idle or delayed ones. With
-    /// media it may take three seconds more, until all processes have ended. The state stays; start() may follow.
+    /// Closes all connections, also idle and delayed ones, and waits for their threads: less than a second. With media,
+    /// it also waits for the processes to exit: up to three seconds more. The state stays; start() may follow.
     void stop();
 
-    /// Where it listens; for after start().
+    /// The port of the three interfaces. Valid after start(), as are the addresses below.
     uint16_t port() const;
     std::string address() const;         ///< "127.0.0.1:49152", "[::1]:49152"
     std::string consoleAddress() const;  ///< "127.0.0.1:49153"; empty if the console has no port of its own
@@ -53,7 +53,7 @@ public:
     /// Relays, mixes, the last 200 requests and the state of the media, as JSON text.
     std::string stateJson() const;
 
-    /// Adds a fault to the queue: each request consumes one use of the first fault that applies to it. An error if the
+    /// Adds a fault to the queue: each request consumes one use of the first fault that applies to it. Fails if the
     /// fault is invalid or the queue is full.
     Result<void> inject(const Fault& fault);
     void clearFaults();

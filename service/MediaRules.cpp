@@ -15,7 +15,7 @@ namespace {
 
 const std::string kRtmpPort = "1935";
 
-// One line, whatever the strings hold.
+// One line: invalid UTF-8 is replaced, and line breaks are escaped.
 std::string asLine(const ordered_json& value) {
     return value.dump(-1, ' ', true, ordered_json::error_handler_t::replace);
 }
@@ -37,8 +37,8 @@ std::string lowerCase(std::string text) {
     return text;
 }
 
-// The same name for all names of this machine.
-std::string plainHost(const std::string& host) {
+// Maps all names and addresses of loopback to one name.
+std::string canonicalHost(const std::string& host) {
     const std::string name = lowerCase(host);
     return name == "localhost" || name == "::1" || name == "0.0.0.0" ? "127.0.0.1" : name;
 }
@@ -95,7 +95,7 @@ Result<void> checkDestination(const std::string& destination, const OriginAddres
     }
     const std::string application = path.substr(1, path.find('/', 1) - 1);
     const std::string port = url->port.empty() ? kRtmpPort : url->port;
-    const bool isOrigin = plainHost(url->host) == plainHost(origin.host) && port == origin.port;
+    const bool isOrigin = canonicalHost(url->host) == canonicalHost(origin.host) && port == origin.port;
     if (isOrigin && (application == "live" || application == "mix")) {
         return failure("the origin's own \"" + application + "\"");
     }

@@ -13,7 +13,7 @@ namespace vexalive {
 std::string relayConfiguration(const AcceptedRequest& request, const std::string& origin);
 std::string mixConfiguration(const AcceptedRequest& request, const std::string& origin);
 
-/// Whether media of a member can be relayed to an address. The error names what is wrong: "no host".
+/// Whether a stream can be relayed to an address. The error is a short reason: "no host".
 Result<void> checkDestination(const std::string& destination, const OriginAddress& origin);
 
 /// The name of the stream in nginx's form-encoded query about a publisher.

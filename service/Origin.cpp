@@ -37,8 +37,8 @@ constexpr std::chrono::milliseconds kCheckTimeout(2000);
 constexpr size_t kHandshakeBytes = 1537;  // of RTMP: a version, then a packet
 constexpr char kRtmpVersion = 3;
 
-// Binds to a free port of 127.0.0.1, so that the system gives it to no other program. A program that sets SO_REUSEADDR,
-// as nginx does, may listen on it.
+// Binds to a free port of 127.0.0.1, so that the system assigns it to no other program. nginx can listen on it because
+// both sockets have SO_REUSEADDR.
 uint16_t reservePort(Descriptor& socket) {
     socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int yes = 1;
@@ -94,7 +94,8 @@ Result<void> Origin::prepare(const std::string& stateFolder) {
     return lockFolder(stateFolder);
 }
 
-// Takes the first folder of a series that no running service has locked. A lock ends with its process.
+// Locks the first of the numbered folders that no running service has locked. The system releases the lock of a process
+// that ends.
 Result<void> Origin::lockFolder(const std::string& stateFolder) {
     for (int number = 1; number <= kMaxFolders; ++number) {
         mFolder = stateFolder + "/origin-" + std::to_string(number);
@@ -127,7 +128,7 @@ std::vector<std::string> Origin::arguments() const {
     return {mNginx, "-p", mFolder + "/", "-c", "nginx.conf", "-e", "stderr"};
 }
 
-// Without a master process, nginx is one process: no other one survives when it is killed.
+// Without a master process, nginx is one process, so killing it leaves no worker of nginx behind.
 std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePort, bool isRoot) {
     const std::string application =
         "            live on;\n"
@@ -229,7 +230,7 @@ bool OriginMonitor::wait(int fd, short events, std::chrono::milliseconds timeout
     return ::poll(watched.data(), watched.size(), static_cast<int>(timeout.count())) > 0 && watched[0].revents == 0;
 }
 
-// The result of the first address that responds as it should, else of the last one.
+// The result of the first address that responds correctly, otherwise of the last address.
 OriginCheck OriginMonitor::check() const {
     OriginCheck result;
     for (const SocketAddress& address : mAddresses) {

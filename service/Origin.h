@@ -22,7 +22,7 @@ struct OriginAddress {
     std::string port;
 };
 
-/// Reads "rtmp://HOST" or "rtmp://HOST:PORT". Nothing if the text is something else.
+/// Parses "rtmp://HOST" or "rtmp://HOST:PORT"; std::nullopt for anything else.
 std::optional<OriginAddress> parseOriginAddress(const std::string& url);
 
 struct SocketAddress {
@@ -33,15 +33,15 @@ struct SocketAddress {
 /// All addresses of the host, at least one.
 Result<std::vector<SocketAddress>> resolve(const OriginAddress& address);
 
-/// The RTMP server to which members publish and from which workers read: nginx with its RTMP module, on loopback. Has a
-/// folder that no other running service uses, and overwrites what an earlier one left there.
+/// The RTMP server to which members publish and from which workers read: nginx with its RTMP module, on loopback. It
+/// has a folder that no other running service uses, and overwrites the files of an earlier service.
 ///
-/// Its applications: "live" accepts what members publish under their stream ids, "mix" the output of mixes, and "cdn",
-/// which stands for a CDN, anything.
+/// Its applications: "live" accepts the streams of members, named by their stream ids; "mix" accepts the output of
+/// mixes; "cdn" replaces a CDN and accepts every stream.
 class Origin {
 public:
-    /// Reserves a folder below `stateFolder` and a free port of 127.0.0.1. Fails, too, if nginx or its module is not
-    /// installed.
+    /// Reserves a folder below `stateFolder` and a free port of 127.0.0.1. Also fails if nginx or its RTMP module is
+    /// not installed.
     Result<void> prepare(const std::string& stateFolder);
 
     /// Writes the configuration. nginx queries `consolePort` before it accepts a publisher.
@@ -73,11 +73,11 @@ std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePor
 
 /// The result of one check of an origin.
 struct OriginCheck {
-    std::string error;          ///< empty if the origin responds as it should
-    bool isLocalFault = false;  ///< this process lacked the means to check; the origin may be fine
+    std::string error;          ///< empty if the origin responds correctly
+    bool isLocalFault = false;  ///< this process could not check, for example without a free descriptor
 };
 
-/// Checks from a thread of its own whether an origin, nginx or a remote one, responds.
+/// Checks on its own thread whether an origin responds: the service's nginx, or a remote one.
 class OriginMonitor {
 public:
     /// Called on that thread after each check: several times a second while the origin does not respond, else once a
@@ -100,7 +100,7 @@ private:
     std::string mName;
     std::vector<SocketAddress> mAddresses;
     Callback mCallback;
-    Descriptor mStop;  // readable once it is to stop
+    Descriptor mStop;  // readable after stop() was called
     std::thread mThread;
 };
 

@@ -12,7 +12,7 @@ struct Refusal {
     int code;             ///< one of the constants below
     std::string field;    ///< a path: "output_param.output_sei", "input_stream_list[2].layout_params.image_layer",
                           ///< "query: sdkappid", "body"
-    std::string message;  ///< the field, what was found (cut short, ASCII) and what is allowed
+    std::string message;  ///< the field, its value (truncated, ASCII) and the allowed values
 
     // None of the codes is one that makes a client retry (1, 3, 505, 10017).
     static constexpr int kQuery = 4001;        ///< the query is incomplete or malformed

@@ -84,8 +84,8 @@ std::vector<Parameter> splitQuery(std::string_view query) {
     return parameters;
 }
 
-// No message shows a secret's value; nor the name of an unknown parameter, which may be the rest of a secret that holds
-// an "&".
+// No message shows the value of a secret, nor the name of an unknown parameter: if a secret contains an "&", the rest
+// of it looks like a parameter.
 void checkQuery(const std::string& query, Validation& validation) {
     const char* const keys[] = {"sdkappid", "random", "usersig", "parivMapKey"};  // spelling is part of the interface
     std::map<std::string_view, std::string_view> values;
@@ -124,7 +124,7 @@ void checkQuery(const std::string& query, Validation& validation) {
     }
 }
 
-// ---- What all bodies share ------------------------------------------------------------------------------------------
+// ---- The fields that all bodies share -------------------------------------------------------------------------------
 
 void expectText(Fields& fields, const char* key, const std::string& expected) {
     const std::string found = fields.text(key);
@@ -222,7 +222,7 @@ int64_t peekInputType(const json& input) {
     return type != layout.end() && type->is_number_integer() ? type->get<int64_t>() : -1;
 }
 
-// A canvas opens the list exactly when there is video to paint on it.
+// The first input is a canvas if and only if the mix has video.
 void checkCanvasPresence(const json& inputs, Validation& validation) {
     const bool hasCanvas = !inputs.empty() && peekInputType(inputs[0]) == kCanvasInput;
     const bool hasVideo = std::any_of(inputs.begin(), inputs.end(),
@@ -310,7 +310,7 @@ void checkStartMix(Fields& body, Fields& output, const json& inputs, AcceptedReq
     request.cropsCenter = body.integer("use_mix_crop_center", 0, 1) == 1;
 }
 
-// The session's own stream alone, as a single layer.
+// A cancel lists one input: the session's own stream, on layer 1.
 void checkCancelMix(const json& inputs, const AcceptedRequest& request, Validation& validation) {
     if (inputs.size() != 1) {
         validation.refuse(Refusal::kValue, "input_stream_list",
@@ -327,7 +327,7 @@ void checkCancelMix(const json& inputs, const AcceptedRequest& request, Validati
     input.refuseOthers();
 }
 
-// One interface starts, updates and cancels. A cancel lacks what the others have.
+// One interface starts, updates and cancels. A cancel lacks the keys of an output that the others have.
 void checkMix(Fields& body, AcceptedRequest& request, Validation& validation) {
     request.streamId = streamId(body, "session_id", request.bizId);
     Fields output = body.object("output_param");

@@ -1,5 +1,5 @@
-// Checks one request to the three interfaces. RequestCheck.cpp has the rules in the order of the checks: the query,
-// what all bodies share, then each body.
+// Checks one request to the three interfaces. RequestCheck.cpp has the rules in the order of the checks: the query, the
+// fields that all bodies share, then each body.
 
 #ifndef VEXALIVE_SERVICE_REQUEST_CHECK_H
 #define VEXALIVE_SERVICE_REQUEST_CHECK_H
@@ -50,7 +50,7 @@ struct AcceptedRequest {
     std::string streamId;                   // of the relay, or the mix's output
     std::string destination;                // kAddRelay
     bool cropsCenter = false;               // kAddRelay, kStartMix
-    std::optional<MixCanvas> canvas;        // kStartMix; none if it is all audio
+    std::optional<MixCanvas> canvas;        // kStartMix; none in an audio-only mix
     std::vector<MixInput> inputs;           // kStartMix; without the canvas
     std::map<std::string, int32_t> output;  // kStartMix; the optional numbers of "output_param", by key
     std::string sei;                        // kStartMix
@@ -61,7 +61,7 @@ struct AcceptedRequest {
 Result<AcceptedRequest, Refusal> checkRequest(const std::string& interfaceName, const std::string& query,
                                               const std::string& body, const std::string& pushDomainSuffix);
 
-/// The query for display: "usersig", "parivMapKey" and all that is not understood are masked.
+/// The query for display: "usersig", "parivMapKey" and unknown or malformed parameters are masked.
 std::string maskQuery(const std::string& query);
 
 }  // namespace vexalive

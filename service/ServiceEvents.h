@@ -9,8 +9,8 @@ namespace vexalive {
 /// One request to one of the three interfaces, with its response, for display.
 struct LiveServiceEvent {
     std::string interfaceName;
-    std::string
-        operation;  ///< "add", "remove", "start", "update", "cancel"; empty if refused or if a fault was injected
+    /// "add", "remove", "start", "update", "cancel"; empty if refused or if a fault was injected.
+    std::string operation;
     int httpStatus = 200;  ///< 0: closed without a response
     int code = 0;          ///< of the response; 0: accepted, or a response that has none
     std::string message;   ///< of the response; never shows a user signature or a map key
@@ -20,11 +20,11 @@ struct LiveServiceEvent {
     std::string fault;     ///< the kind of the injected fault; empty if there was none
 };
 
-/// A change behind the service, for display.
+/// A change of the origin or of a worker, for display.
 struct LiveMediaEvent {
     enum class Kind {
-        kState,           ///< the origin or a worker has another state, or another error
-        kLine,            ///< it wrote a line for people
+        kState,           ///< its state or its error changed
+        kLine,            ///< it wrote a log line
         kRefusedPublish,  ///< the origin was not allowed to accept a publisher
     };
     Kind kind = Kind::kState;

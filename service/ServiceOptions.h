@@ -22,23 +22,23 @@ struct LiveServiceOptions {
     /// fixed at build time.
     std::string pushDomainSuffix;
 
-    /// The console is served on this port of 127.0.0.1, 0 standing for a free one. None: only on the port of the three
-    /// interfaces; with media, a free one is taken.
+    /// The port of 127.0.0.1 that serves the console; 0: a free one. std::nullopt: with media, a free one; otherwise no
+    /// separate port, and the console is served on the port of the three interfaces only.
     std::optional<uint16_t> consolePort;
 
-    /// Carry out relays and mixes, each in a worker process.
+    /// Relay and mix real media, with a worker process for each relay and each mix.
     bool media = false;
-    std::string origin;         ///< "rtmp://HOST:PORT" of a running one; empty: the service starts nginx
+    std::string origin;         ///< "rtmp://HOST:PORT" of a running origin; empty: the service starts nginx
     std::string workerProgram;  ///< empty: the environment's VEXALIVE_MEDIA_WORKER, else vexalive-media beside this
                                 ///< program, in ../libexec/vexalive, or in PATH
 
-    /// Called when the state of media changes, on threads of the service. As `observer`, and it must not make requests
-    /// to this service, which would wait for it.
-    std::function<void(const LiveMediaEvent&)> mediaObserver;
-
-    /// Called just before each response is sent, on the connection's thread, several at a time: it must be thread-safe
-    /// and must not throw. It delays that response while it blocks. It must not call start() or stop().
+    /// Called just before each response is sent, on the connection's thread, on several threads at a time. It must be
+    /// thread-safe and must not throw. It delays that response while it blocks. It must not call start() or stop().
     std::function<void(const LiveServiceEvent&)> observer;
+
+    /// Called when the state of media changes, on threads of the service. The rules of `observer` apply. It must not
+    /// make requests to this service either: they would wait for it.
+    std::function<void(const LiveMediaEvent&)> mediaObserver;
 };
 
 }  // namespace vexalive

@@ -21,7 +21,7 @@ struct ProcessStatus {
 
 /// The media of the origin, a relay or a mix.
 struct MediaSnapshot {
-    std::string address;  ///< of the origin; what the relay plays; where the mix is played from
+    std::string address;  ///< of the origin, of the relay's source, or of the mix's output
     ProcessStatus process;
 };
 

@@ -18,7 +18,7 @@ namespace vexalive {
 class ServiceState {
 public:
     static constexpr size_t kMaxRelays = 1000;
-    static constexpr size_t kMaxMixes = 1000;  ///< with cancelled ones, of which the oldest is dropped for a new one
+    static constexpr size_t kMaxMixes = 1000;  ///< includes cancelled ones; a new mix replaces the oldest cancelled one
     static constexpr size_t kMaxUpdates = 50;  ///< in the history of one mix
     static constexpr size_t kMaxRequests = 200;
     static constexpr size_t kMaxBodyBytes = 8192;  ///< of a recorded body
@@ -26,13 +26,13 @@ public:
     /// Applies a request. Returns the operation: "add", "remove", "start", "update" or "cancel".
     Result<std::string, Refusal> apply(const AcceptedRequest& request);
 
-    /// Sets the record's time and size, and cuts its body.
+    /// Adds a record. Sets its time and body size, and truncates its body.
     void record(RequestRecord record);
 
     /// The running relays and mixes, each as its latest add, start or update.
     std::vector<AcceptedRequest> running() const;
 
-    /// Without what is known of the media.
+    /// Everything except the state of the media.
     ServiceSnapshot snapshot() const;
 
 private:
@@ -43,7 +43,7 @@ private:
     };
     struct Mix {
         bool isRunning = false;
-        uint64_t ended = 0;      // counts the mixes that ended
+        uint64_t ended = 0;      // order of the cancels: a lower number was cancelled earlier
         uint64_t since = 0;      // of the running or last run
         AcceptedRequest latest;  // start or update
         int updates = 0;         // all operations ever

@@ -41,7 +41,7 @@ bool SocketStream::await(int events, Clock::time_point deadline) const {
     }
 }
 
-// Runs the operation until it moves bytes; 0 if it cannot any more. `events` is what a plain socket waits for.
+// Repeats the operation until it transfers bytes; returns 0 on failure. `events` is what a plain socket waits for.
 template <class Operation>
 size_t SocketStream::transfer(Operation operation, int events, Clock::time_point deadline) {
     while (!mIsBroken) {
@@ -114,8 +114,8 @@ void SocketStream::abort() {
     mIsBroken = true;
 }
 
-// The kernel resets a connection that is closed while unread bytes are in it, and the peer may lose a response that is
-// still on its way. So this reads and discards what still arrives.
+// The kernel resets a connection that is closed with unread bytes in its buffer, and the peer may then lose the end of
+// the response. So finish() reads and discards the remaining input.
 void SocketStream::finish() {
     if (!flush()) {
         return;

@@ -25,23 +25,23 @@ public:
     /// The server's side of the TLS handshake, at most 10 s. True at once without TLS.
     bool handshake();
 
-    /// What has arrived and has not been consumed.
+    /// The bytes that have arrived and are not consumed.
     std::string_view received() const { return mReceived; }
     void consume(size_t count) { mReceived.erase(0, count); }
 
-    /// Sends what is queued, then waits for more bytes and appends them to received(), at most 16 KiB. False if the
+    /// Sends the queued bytes, then waits for more bytes and appends them to received(), at most 16 KiB. False if the
     /// deadline has passed, the peer has closed its side, or the connection is broken.
     bool receive(Clock::time_point deadline);
 
-    /// Queues bytes. They are sent by flush(), by receive(), and when there are 64 KiB of them. False if the connection
-    /// is broken, or if the peer has read nothing for 10 s.
+    /// Queues bytes. flush() and receive() send them, and so does send() if at least 64 KiB are queued. False if the
+    /// connection is broken, or if the peer has read nothing for 10 s.
     bool send(std::string_view bytes);
     bool flush();
 
-    /// Sends what is queued and breaks the connection: the peer sees no TLS shutdown.
+    /// Sends the queued bytes and closes the connection without a TLS shutdown.
     void abort();
 
-    /// Sends what is queued, shuts down properly, and gives the peer 1 s to read it.
+    /// Sends the queued bytes, shuts the connection down, and waits up to 1 s until the peer has read them.
     void finish();
 
 private:

@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds kMinRestartDelay(250);
 constexpr int kDoublings = 5;
 constexpr std::chrono::seconds kStableTime(10);  // after which the next failure counts as the first
 constexpr std::chrono::seconds kStopTimeout(3);
-constexpr int kStartTimeoutFactor = 5;  // of the timeout, on top of it: plugins are loaded before the first status
+constexpr int kStartTimeoutFactor = 5;  // extra timeouts before the first status, since plugins are loaded first
 constexpr std::chrono::milliseconds kMaxWait(500);
 constexpr std::chrono::seconds kOmissionInterval(1);
 constexpr size_t kMaxUnsentBytes = size_t{1} << 20;
@@ -59,8 +59,8 @@ struct Supervisor::Job {
     std::string killReason;  // why it was killed; empty if it was not
     int failures = 0;        // in a row
     bool isStopping = false;
-    bool isSuperseded = false;  // another job has its key now
-    std::string restartReason;  // why it was started again; until it runs
+    bool isSuperseded = false;  // another job has this key now
+    std::string restartReason;  // why it was restarted; empty once it runs
     ProcessStatus status;
     std::optional<std::pair<WorkerState, std::string>> published;
 };
@@ -100,7 +100,7 @@ void Supervisor::stop() {
     mThread.join();
 }
 
-// False if there is no thread to run it.
+// False if the supervisor's thread does not run.
 bool Supervisor::post(std::function<void()> command) {
     KstMutexLock lock(mMutex);
     if (!mIsRunning) {
@@ -207,7 +207,7 @@ bool Supervisor::runCommands() {
     return mIsRunning;
 }
 
-// Waits for events or the next deadline, and handles what there is.
+// Waits for events or the next deadline, and handles the events.
 void Supervisor::wait() {
     std::vector<pollfd> watched = {{mWake.get(), POLLIN, 0}};
     Clock::time_point deadline = mNow + kMaxWait;
@@ -242,7 +242,8 @@ void Supervisor::wait() {
     }
 }
 
-// If a wait took far too long, this process was suspended: it could not read the status of its children.
+// If a wait took much longer than planned, this process was suspended and could not read the status of its children. So
+// their timeouts are extended by that time.
 void Supervisor::extendTimeouts(Clock::time_point before) {
     if (mNow > before + 2 * kMaxWait) {
         for (Job& job : mJobs) {
@@ -294,7 +295,7 @@ Supervisor::Job* Supervisor::find(const WorkerKey& key) {
     return found == mJobs.end() ? nullptr : &*found;
 }
 
-// A stopping child of the same key that has to exit before this one may start.
+// The stopping child of the same key that has to exit before this one may start.
 Supervisor::Job* Supervisor::findBlocker(const Job& job) {
     const auto found = std::find_if(mJobs.begin(), mJobs.end(), [&job](const Job& other) {
         return other.key == job.key && other.isStopping && other.child;

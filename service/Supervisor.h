@@ -27,24 +27,24 @@ struct pollfd;
 
 namespace vexalive {
 
-/// The delay before a child that exited by itself is restarted: 0.25, 0.5, 1, 2, 4 and then 8 seconds. `failures`
-/// counts those before this one in a row; a child that has run for 10 seconds begins a new row.
+/// The delay before a child that exited unexpectedly is restarted: 0.25, 0.5, 1, 2, 4 and then 8 seconds. `failures` is
+/// the number of consecutive failures before this one; it restarts at 0 after 10 seconds without a failure.
 std::chrono::milliseconds restartDelay(int failures);
 
 /// Runs child processes, each under a key: starts and configures them, reads their status, restarts those that exit or
 /// hang, and stops them. One thread does all of it.
 ///
-/// A child reads lines of JSON. It writes lines of JSON: {"status": …} (common/WorkerStatus.h) often enough to be known
-/// alive, and responses. Its standard error is lines for people. It has to exit when its input ends.
+/// A child reads lines of JSON. It writes lines of JSON: {"status": …} (common/WorkerStatus.h), at least one in each
+/// timeout, and responses. It writes log lines to its standard error. It has to exit when its input ends.
 class Supervisor {
 public:
     struct Program {
         std::vector<std::string> arguments;       ///< the first is a path
         std::chrono::milliseconds timeout{5000};  ///< without a status, after which the child counts as hung
-        int stopSignal = 0;                       ///< for a child that does not exit at the end of its input
+        int stopSignal = 0;                       ///< for a child that does not exit at the end of its input; 0: none
 
-        /// If set, two children of one key exclude each other: a new one starts when the stopping one has exited, or
-        /// was killed after this time.
+        /// If set, two children of one key never run at the same time: the new one starts when the stopping one has
+        /// exited, and the stopping one is killed after this time.
         std::optional<std::chrono::milliseconds> handover = std::nullopt;
     };
 
@@ -52,9 +52,9 @@ public:
     struct Listener {
         /// The state or its error has changed.
         std::function<void(const WorkerKey& key, const ProcessStatus&)> onState;
-        /// A line for people.
+        /// The child wrote a log line.
         std::function<void(const WorkerKey& key, const std::string& line)> onLine;
-        /// An object that is no status.
+        /// The child wrote a JSON object that is not a status.
         std::function<void(const WorkerKey& key, const nlohmann::json&)> onMessage;
     };
 
@@ -69,7 +69,8 @@ public:
     // Any thread may call these.
 
     /// Starts a child and writes its configuration, one line, to it; or writes the configuration to the running child.
-    /// If the child cannot be started, the key is forgotten. Success also if a restart or a handover is pending.
+    /// Succeeds also if a restart or a handover is pending. Fails if the child cannot be started; the key is then
+    /// removed.
     Result<void> configure(const WorkerKey& key, const Program& program, const std::string& configuration);
     void remove(const WorkerKey& key);                                 ///< stops the child
     void send(const WorkerKey& key, const std::string& line);          ///< lost if the child is not running
@@ -109,7 +110,7 @@ private:
     Descriptor mWake;
     std::thread mThread;
 
-    // Used by the thread only.
+    // Used on the supervisor's thread only.
     std::list<Job> mJobs;
     Clock::time_point mNow;  // when the last wait ended
     bool mIsShuttingDown = false;

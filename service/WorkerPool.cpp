@@ -23,7 +23,7 @@ namespace {
 const WorkerKey kOriginKey = {WorkerKey::Kind::kOrigin, ""};
 constexpr const char* kWorkerName = "vexalive-media";
 constexpr std::chrono::seconds kOriginTimeout(15);
-constexpr std::chrono::milliseconds kHandover(300);  // the origin frees a name when its publisher has exited
+constexpr std::chrono::milliseconds kHandover(300);  // the origin releases a name when its publisher has exited
 constexpr std::chrono::milliseconds kMaxSnapshotAge(250);
 constexpr std::chrono::milliseconds kSnapshotTimeout(1000);
 constexpr int kSnapshotWidth = 640;
@@ -279,8 +279,8 @@ void WorkerPool::handleMessage(const WorkerKey& key, const json& message) {
     }
 }
 
-// The supervisor reports the state of nginx; a check changes it once nginx responds. Of a remote origin, only the
-// checks are known.
+// The supervisor knows whether nginx runs, the monitor whether it responds. The state of a remote origin comes from the
+// monitor alone.
 void WorkerPool::handleCheck(const OriginCheck& check) {
     const std::optional<ProcessStatus> process = originStatus();
     const std::optional<StreamStatus> before = process ? std::optional(process->worker.output) : std::nullopt;

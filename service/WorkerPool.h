@@ -23,7 +23,7 @@ namespace vexalive {
 
 /// The media of the service: the origin, and a worker process for each relay and each mix.
 ///
-/// Any thread may call any member, but prepare(), start() and stop() are for one thread at a time.
+/// Any thread may call any member. Call prepare(), start() and stop() from one thread at a time.
 class WorkerPool {
 public:
     static constexpr size_t kMaxWorkers = 64;
@@ -36,7 +36,7 @@ public:
 
     /// Starts the origin, and a worker for each of `running`.
     Result<void> start(uint16_t consolePort, const std::vector<AcceptedRequest>& running);
-    void endWaits();  ///< each running jpegOf() returns
+    void endWaits();  ///< makes each running jpegOf() return
     void stop();
 
     /// Starts or reconfigures the worker of a relay or mix.

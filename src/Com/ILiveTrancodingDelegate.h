@@ -16,9 +16,9 @@
 /// | 0 | success; the message is "sucess", or empty if the service responded with "ErrorCode" 0 |
 /// | -3321, -3322 | transport error (relay, mix); the message shows the return code of CVexaHttpSendRecv |
 /// | -3323, -3324 | empty or unreadable response, or a refused operation (relay, mix) |
-/// | -200000-c, -300000-c | the service responded with error code c or -c (relay, mix); at least INT32_MIN |
+/// | -200000-c, -300000-c | the service responded with error code c or -c (relay, mix); clamped to INT32_MIN |
 ///
-/// The message of the last row is the service's.
+/// In the last row, the message is the one that the service sent.
 ///
 /// Threads: the outcome of a request is delivered on a thread of the HTTPS client, a refusal on the adapter's worker
 /// thread, and never inside the call of the operation. Calls may run on several threads at once. A listener may block
@@ -26,7 +26,7 @@
 ///
 /// Most requests make one call. Exceptions:
 /// - An empty response makes two: "recv message nil", then "recv message can't parse".
-/// - A start that waits for room entry and a readable response without a code make none.
+/// - A start that waits for room entry makes none, and so does a readable response without a code.
 /// - A superseded operation makes none, with two exceptions. A start with an invalid parameter or configuration is
 ///   refused even if it is superseded. If a retry of a relay stop, a mix or a mix cancel was already sent, its response
 ///   is evaluated and may make a call.

@@ -298,7 +298,7 @@ Evaluation evaluate(int retCode, const std::string& response, int kind) {
     }
     Evaluation evaluation = {0, {}};
     if (response.empty()) {
-        // Goes on, so an empty response makes two notifications.
+        // No return here: an empty response makes two notifications.
         evaluation.notifications.push_back({codes.unreadableError, "recv message nil"});
     }
     const json::Value value = json::Deserialize(response);

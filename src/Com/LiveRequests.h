@@ -27,17 +27,17 @@ namespace vexalive::requests {
 
 // ---- Kinds ----------------------------------------------------------------------------------------------------------
 
-/// One operation of the listener.
+/// A member function of the listener.
 using ListenerCall = void (ILiveTrancodingDelegate::*)(int errCode, std::string errMsg);
 
 /// The listener codes of failures.
 struct ListenerCodes {
     int transportError;
     int unreadableError;  ///< an empty or unreadable response, or a refused call
-    int serverErrorBase;  ///< the service's code c is notified as this less |c|
+    int serverErrorBase;  ///< service code c becomes listener code `serverErrorBase - |c|`
 };
 
-/// What relay requests have in common, or mix requests.
+/// What all relay requests have in common, or all mix requests.
 struct Family {
     ListenerCodes codes;
     int reportEvent;  ///< the event number of room event reports
@@ -48,7 +48,7 @@ inline constexpr Family kMix = {{-3322, -3324, -300000}, 31};
 /// The request kinds, by their numbers.
 enum Kind : int { kAddRelay = 0, kRemoveRelay = 1, kStartMix = 2, kCancelMix = 3 };
 
-/// What the service and the listener see of a request kind.
+/// How a request kind appears to the service and to the listener.
 struct KindRules {
     const Family& family;
     const char* interfaceName;
@@ -64,7 +64,7 @@ const KindRules& rulesOf(int kind);
 // ---- Refusals -------------------------------------------------------------------------------------------------------
 
 /// Why an operation is refused before anything is sent. The listener call does not always match the operation: a
-/// refused relay stop is notified as the end of a mix, a refused mix as the start of a relay.
+/// refused relay stop calls onStopLiveMixTranscoding, a refused mix start calls onStartPublishStreamUrl.
 struct Refusal {
     ListenerCall listenerCall;
     int code;
@@ -102,7 +102,7 @@ inline constexpr ConfigField kConfigFields[] = {
     {"audioChannels", &kstmedia::VexaTranscodingConfigInternal::audioChannels, ConfigField::kOutput,
      "output_audio_channels"},
 };
-/// The value of an output field that is left to the service; the body then has no key for it.
+/// An output field with this value is not sent: the service chooses the value.
 inline constexpr int32_t kNotSet = -1;
 
 /// The highest layer (`zOrder`) of a mix with video; the lowest is 0.
@@ -114,10 +114,10 @@ inline constexpr int32_t kAuxiliaryStream = 2;
 /// Whether a relay parameter has an address and both ids.
 bool isComplete(const kstmedia::VexaPublishCDNParamInternal& param);
 
-/// Whether no field is 0 that must not be: all fields count for a mix with video, only the ids for one of audio alone.
+/// Whether no required field is 0. A mix with video requires all fields, an audio-only mix the two ids.
 bool isComplete(const kstmedia::VexaTranscodingConfigInternal& config, bool isPureAudio);
 
-/// Whether all users contribute audio only; an empty list does.
+/// Whether all users contribute audio only. True for an empty list.
 bool isPureAudio(const std::vector<kstmedia::VexaMixUserInternal>& users);
 
 /// What is wrong with a list of mix users.
@@ -129,7 +129,7 @@ enum class MixUsersError {
 };
 struct MixUsersCheck {
     MixUsersError error = MixUsersError::kNone;
-    int32_t zOrder = 0;  ///< of the first user at fault, where the error is about a layer
+    int32_t zOrder = 0;  ///< of the first invalid user; only for errors about a layer
 };
 MixUsersCheck checkMixUsers(const std::vector<kstmedia::VexaMixUserInternal>& users, bool isPureAudio);
 
@@ -138,14 +138,14 @@ void clear(kstmedia::VexaTranscodingConfigInternal& config);
 
 // ---- Requests -------------------------------------------------------------------------------------------------------
 
-/// Who sends a request: names the local stream and the push domain.
+/// The sender of a request, from which the local stream id and the push domain are built.
 struct Sender {
     int32_t bizId = 0;
     std::string roomId;
     std::string userId;
 };
 
-/// What differs from one body to the next.
+/// The fields that every body has.
 struct Envelope {
     int32_t appId = 0;
     uint32_t timestamp = 0;  ///< seconds since an arbitrary origin
@@ -163,8 +163,8 @@ struct Query {
 /// The address of a request; no value is URL-encoded. `baseUrl` ends with a slash. At most 4094 characters.
 std::string requestUrl(const std::string& baseUrl, const std::string& interfaceName, const Query& query);
 
-/// "<bizId>_<MD5 of ROOM_USER_main>", or "…_aux". A zero byte ends a room or a user, and only the first kMaxStreamName
-/// bytes of the name count.
+/// "<bizId>_<MD5 of ROOM_USER_main>", or "…_aux". A zero byte ends a room or a user. The digest covers the first
+/// kMaxStreamName bytes of the name.
 std::string streamId(int32_t bizId, const std::string& roomId, const std::string& userId, bool isMain);
 inline constexpr size_t kMaxStreamName = 4094;
 
@@ -174,29 +174,29 @@ std::string streamId(const Sender& sender, const kstmedia::VexaMixUserInternal& 
 /// The sender's own main stream.
 std::string streamId(const Sender& sender);
 
-/// The bodies, as JSON. `config` is sent in the order of its list, which is to be sorted before.
+/// The bodies, as JSON. The inputs of `config` are sent in the order of its list: sort the list first.
 std::string addRelayBody(const Envelope& envelope, const Sender& sender, const std::string& destUrl);
 std::string removeRelayBody(const Envelope& envelope, const Sender& sender);
 std::string startMixBody(const Envelope& envelope, const Sender& sender,
                          const kstmedia::VexaTranscodingConfigInternal& config);
 std::string cancelMixBody(const Envelope& envelope, const Sender& sender);
 
-/// The "image_layer" of the first user: 2 above the canvas, 1 in a mix of audio alone. Each further user is one higher.
+/// The "image_layer" of the first user: 2 above the canvas, 1 in an audio-only mix. Each further user is one higher.
 int firstUserLayer(bool isPureAudio);
 
-/// The mix as a trace begins with it: "task_id:…, pureAudioOutputStream:…, stream: " and a JSON object that is shorter
-/// than the body.
+/// The description of a mix that opens its trace: "task_id:…, pureAudioOutputStream:…, stream: " and a JSON object that
+/// is shorter than the body.
 std::string mixDescription(int index, const Sender& sender, const kstmedia::VexaTranscodingConfigInternal& config);
 
 // ---- Responses ------------------------------------------------------------------------------------------------------
 
-/// What the service says in a response: "code" and "message", or "ErrorCode" and "ErrorInfo".
+/// The result in a response: "code" and "message", or "ErrorCode" and "ErrorInfo".
 struct ServiceResult {
     int code;  ///< 0: success
     std::string message;
     const char* successMessage;  ///< what the listener receives if the code is 0
 };
-/// Nothing if the response names no code.
+/// std::nullopt if the response has no code.
 std::optional<ServiceResult> readServiceResult(const json::Value& response);
 
 /// Whether a request of this kind is sent again after this response. `retCode` as in base/CVexaHttpSendRecv.h.
@@ -209,12 +209,12 @@ struct Notification {
 };
 struct Evaluation {
     int result;                               ///< -1 for a transport error or an unreadable response, else 0
-    std::vector<Notification> notifications;  ///< in order; none if the response names no code
+    std::vector<Notification> notifications;  ///< in order; none if the response has no code
 };
 /// Evaluates the last response to a request of this kind.
 Evaluation evaluate(int retCode, const std::string& response, int kind);
 
-/// What one response adds to the trace of its request. `retriesLeft` is the counter that the kind's trace shows.
+/// The part of a request's trace for one response. `retriesLeft` is the counter that the kind's trace shows.
 std::string traceSegment(int retriesLeft, int retCode, const std::string& response);
 
 }  // namespace vexalive::requests

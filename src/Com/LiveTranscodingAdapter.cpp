@@ -113,7 +113,7 @@ constexpr bool kDropsStaleResponse = true;
 
 }  // namespace
 
-// All differences between the kinds. Every unevenness between the rows is meant and part of the contract.
+// All differences between the kinds. The rows differ intentionally: the differences are part of the contract.
 // clang-format off
 const Adapter::Family Adapter::Family::kRelay = {
     requests::kRelay, &Adapter::cdnTaskIndex, &Adapter::retryStartCdnCnt, &Adapter::retryStopCdnCnt};
@@ -435,7 +435,7 @@ int32_t LiveTranscodingAdapter::checkMixConfig(std::vector<VexaMixUserInternal> 
             kstf_log(kRefusal, kSourceFile, __LINE__, __func__, "error: config or config.mixUser can't be null");
             break;
         case requests::MixUsersError::kLayerOutOfRange:
-            // Layer 0 passes although the message says 1.
+            // The message is part of the interface. Layer 0 is valid, too.
             kstf_log(kRefusal, kSourceFile, __LINE__, __func__,
                      "error : zOrder invalid!zOrder = %d.must between 1 and 16!", check.zOrder);
             break;
@@ -475,7 +475,7 @@ bool LiveTranscodingAdapter::dropStale(const Family& family, int32_t index) {
     if (current == index) {
         return false;
     }
-    // The label says cdnTaskIndex for mix work, too.
+    // The label is cdnTaskIndex for mix work, too: it is part of the interface.
     kstf_log(kProgress, kSourceFile, __LINE__, kInTask, "index:%d, cdnTaskIndex:%d", index, current);
     return true;
 }
@@ -551,7 +551,7 @@ bool LiveTranscodingAdapter::useRetry(const RequestKind& kind) {
     return true;
 }
 
-// After the delay, with an address and a body built anew.
+// Sends again after the delay, with a new address and a new body.
 void LiveTranscodingAdapter::retry(const RequestKind& kind, int32_t index, std::string trace) {
     const std::chrono::milliseconds delay(getDelayTime(kRetryBudget - read(kind.retries)));
     mMessageLoop->DelayPostTask(delay, whileAlive([this, &kind, index, trace = std::move(trace)]() mutable {

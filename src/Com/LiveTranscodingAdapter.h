@@ -101,7 +101,7 @@ private:
     struct Family;       // relay work, or mix work
     struct RequestKind;  // one of the four kinds of request
     struct Attempt;      // the first send of a kind, or its retries
-    struct MixSnapshot;  // what the body of a mix is made of
+    struct MixSnapshot;  // the members that the body of a mix needs
 
     // Posting and notifying.
     template <class F>

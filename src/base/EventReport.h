@@ -13,8 +13,8 @@
 ///
 /// `sdkAppId`: low 32 bits of the SDK application id. `reserved`: 0. `roomUser`: room and user, joined by "_".
 /// `eventType`: 10004. `event`: 30 for relays, 31 for mixes. `information`: SDK version and the operation's input.
-/// `detail`: what happened, with up to eleven complete responses. All strings are copied during the call. The result is
-/// ignored.
+/// `detail`: the trace of the request, with up to eleven complete responses. All strings are copied during the call.
+/// The result is ignored.
 ///
 /// Threads: called on the worker thread of each adapter, so on several at once. The adapter waits while it runs.
 int kstReportAvRoomEvt(int sdkAppId, uint64_t reserved, const char* roomUser, int eventType, int event,

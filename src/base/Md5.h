@@ -8,7 +8,7 @@
 
 namespace kstmedia {
 
-/// The digest of the bytes of `text` as 32 lower-case hexadecimal digits; empty if no digest can be computed. Any
+/// The digest of the bytes of `text`, as 32 lower-case hexadecimal digits. Empty if the digest cannot be computed. Any
 /// thread may call.
 std::string getMD5(const std::string& text);
 

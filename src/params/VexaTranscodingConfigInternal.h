@@ -17,7 +17,7 @@ namespace kstmedia {
 /// is left to the service; width and height are sent unchanged. The service defines the units: commonly pixels, kbit/s,
 /// seconds and Hz.
 struct VexaTranscodingConfigInternal {
-    int32_t mode = 0;          ///< the application's own; carried, never read
+    int32_t mode = 0;          ///< for the application; not sent and not checked
     int32_t appId = 0;         ///< CDN application id
     int32_t bizId = 0;         ///< CDN biz id
     int32_t videoWidth = -1;   ///< canvas
@@ -30,8 +30,8 @@ struct VexaTranscodingConfigInternal {
     int32_t audioChannels = -1;
     std::vector<VexaMixUserInternal> mixUsersArray;  ///< the inputs, in the application's order
 
-    /// The numbers, then each user as " mixUser1:[…]", as room event reports show it. Each user's entry is cut at 259
-    /// characters.
+    /// The numbers, then each user as " mixUser1:[…]", as room event reports show it. Each user's entry is truncated to
+    /// 259 characters.
     std::string to_string() const;
 };
 

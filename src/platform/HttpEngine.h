@@ -63,7 +63,7 @@ private:
     CURLM* mMulti = nullptr;
     CURLSH* mShare = nullptr;
     curl_slist* mHeaders = nullptr;
-    std::set<Exchange*> mActive;  // this and the next five: I/O thread only
+    std::set<Exchange*> mActive;  // from here to mLastTimeout: I/O thread only
     std::vector<std::unique_ptr<Exchange>> mPool;
     std::deque<std::unique_ptr<OutgoingRequest>> mPending;  // waiting for the first response
     bool mHasResponse = false;                              // since the I/O started

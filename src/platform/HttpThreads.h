@@ -30,7 +30,7 @@ struct Completion {
     int retCode = 0;
     KstCopyOnWriteBuffer response;
     std::string interfaceName;
-    HttpExchange exchange{};  // for the observer, except for what the fields above hold
+    HttpExchange exchange{};  // for the observer; deliver() fills in the fields that are stored above
 };
 
 class HttpThreads;
@@ -75,7 +75,7 @@ public:
     // For the exit of the process: no further callback begins, and no further I/O.
     void shutDown() KST_EXCLUDES(mMutex);
 
-    // Call after shutDown(), once `io` has been asked to return.
+    // Waits until `io` has returned. Call after shutDown(), and after waking `io`.
     void waitForIo() KST_EXCLUDES(mMutex);
 
 private:

@@ -259,7 +259,7 @@ TEST_F(Mix, AnInputThatFreezesIsReplacedUntilItResumes) {
     bob->signal(SIGSTOP);
     EXPECT_TRUE(viewer.comesToShow({{160, 180, kRed}, {480, 180, kPlaceholder}}));
     EXPECT_TRUE(service.inputReaches(1, "reconnecting"));
-    EXPECT_EQ(service.mix()["inputs"][1]["error"], "nothing comes from " + streamIdOf(2));
+    EXPECT_EQ(service.mix()["inputs"][1]["error"], "no media from " + streamIdOf(2));
     EXPECT_EQ(service.mix()["state"], "running");
     bob->signal(SIGCONT);
     EXPECT_TRUE(viewer.comesToShow({{160, 180, kRed}, {480, 180, kLime}}));

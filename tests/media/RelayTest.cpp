@@ -69,7 +69,7 @@ TEST_F(Relay, OutlivesAPauseOfItsSource) {
     ASSERT_TRUE(eventually([this] { return service.relay()["inputs"][0]["state"] == "reconnecting"; }));
     bob->signal(SIGSTOP);
     EXPECT_TRUE(service.relayReaches("reconnecting", 1)) << service.relay(1);
-    EXPECT_EQ(error(1), "nothing comes from " + streamIdOf(2));
+    EXPECT_EQ(error(1), "no media from " + streamIdOf(2));
     const size_t receivedOfBob = packetsOfBob.video().size();
     bob->signal(SIGCONT);
     EXPECT_TRUE(service.relayReaches("running", 1)) << service.relay(1);
@@ -78,7 +78,7 @@ TEST_F(Relay, OutlivesAPauseOfItsSource) {
     std::this_thread::sleep_until(pauseBegan + kPause);
     const size_t received = packets.video().size();
     EXPECT_EQ(service.relay()["state"], "reconnecting");
-    EXPECT_EQ(error(), "its publisher has left");
+    EXPECT_EQ(error(), "its publisher has disconnected");
     alice = publish(service.memberUrl(1), {"lime", 440});
     EXPECT_TRUE(viewer.comesToShow({{320, 180, kLime}}));
     EXPECT_TRUE(service.relayReaches("running"));
@@ -134,7 +134,7 @@ TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
     EXPECT_TRUE(eventually([this] { return service.relay()["dropped"] > kDropped; })) << service.relay();
     EXPECT_LT(residentKibibytes(), memory + kMaxGrowth);
     EXPECT_TRUE(service.relayReaches("reconnecting")) << service.relay();
-    EXPECT_EQ(error(), "it takes nothing any more");
+    EXPECT_EQ(error(), "it accepts no more data");
     slow.signal(SIGCONT);
     EXPECT_TRUE(service.relayReaches("running")) << service.relay();
     EXPECT_TRUE(packets.awaitVideo(packets.video().size() + 21));
