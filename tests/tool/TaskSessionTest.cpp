@@ -7,103 +7,92 @@ namespace {
 
 using namespace vexalive;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using Lifetime = TaskSession::Lifetime;
-using requests::kAddRelay;
-using requests::kCancelMix;
-using requests::kRemoveRelay;
-using requests::kStartMix;
 
 constexpr const char* kAccepted = R"({"code":0,"message":"ok"})";
 constexpr const char* kRefusal = R"({"code":7,"message":"no"})";
 
-// Feeds a session with events and records what it emits. The start "first" is requested at construction.
+enum Request { kStart, kStop };
+
+// Feeds a session with events. The journal has the events that the session emits, its calls of the adapter as
+// "first()" or "stop()", and its exit status.
 class Scenario {
 public:
+    // The start "first" is requested at construction and is not in the journal.
     explicit Scenario(Lifetime lifetime = Lifetime::kHeld, const TaskType& type = kRelayTask)
-        : mFamily(type.family),
+        : mType(type),
           mSession(
-              type, lifetime, [this] { ++mStops; },
-              [this](OutputEntry entry) { mEntries.push_back(std::move(entry)); }) {
+              type, lifetime, [this] { log("stop()"); },
+              [this](OutputEntry entry) {
+                  log(entry.fields.at("event"));
+                  mEntries.push_back(std::move(entry));
+              }) {
         request("first");
+        EXPECT_EQ(std::exchange(mJournal, ""), "first()");
     }
 
-    void request(const std::string& name) {
-        mSession.start([this, name] { mStarts.push_back(name); });
+    // Each of these returns the scenario, so that a test is one chain of events.
+    Scenario& request(const std::string& name) {
+        mSession.start([this, name] { log(name + "()"); });
+        return *this;
     }
-    void interrupt() { mSession.requestStop("SIGINT"); }
-
-    // The last exchange of the kind, unless there is an id.
-    uint64_t started(requests::Kind kind) {
-        ExchangeEvent event = exchange(HttpExchange::kStarted, ++mLastId);
-        event.kind = kind;
+    Scenario& interrupt() {
+        mSession.requestStop("SIGINT");
+        return *this;
+    }
+    Scenario& on(const SdkEvent& event) {
         mSession.on(event);
-        return mOpen[kind] = event.id;
+        return *this;
     }
-    void responded(requests::Kind kind, int retCode, const std::string& body) {
-        respondedTo(mOpen[kind], retCode, body);
+    Scenario& started(Request request) {
+        ExchangeEvent event = exchange(HttpExchange::kStarted, ++mLastId);
+        event.kind = kindOf(request);
+        mOpen[request] = event.id;
+        return on(event);
     }
-    void respondedTo(uint64_t id, int retCode, const std::string& body) {
+    Scenario& responded(uint64_t id, int retCode, const std::string& body) {
         ExchangeEvent event = exchange(HttpExchange::kCompleted, id);
         event.retCode = retCode;
         event.response = body;
-        mSession.on(event);
+        return on(event);
     }
-    void delivered(requests::Kind kind) { deliveredTo(mOpen[kind]); }
-    void deliveredTo(uint64_t id) { mSession.on(exchange(HttpExchange::kDelivered, id)); }
-    void notified(requests::Kind kind, int code, const std::string& message) {
-        mSession.on(ListenerEvent{kind, {code, message}});
+    Scenario& notified(Request request, int code, const std::string& message) {
+        return on(ListenerEvent{kindOf(request), {code, message}});
     }
-    void reported(const std::string& trace = "trace") {
-        mSession.on(EventReport{1400000001, "4711_alice", 10004, mFamily.reportEvent, "information", trace});
+    Scenario& delivered(uint64_t id) { return on(exchange(HttpExchange::kDelivered, id)); }
+    Scenario& reported(const std::string& trace = "trace") {
+        return on(EventReport{1400000001, "4711_alice", 10004, mType.family.reportEvent, "information", trace});
     }
 
     // The rest of a started exchange whose response decides the task.
-    void accepted(requests::Kind kind) { completed(kind, 0, kAccepted, 0, "sucess"); }
-    void refused(requests::Kind kind) { completed(kind, 0, kRefusal, mFamily.codes.serverErrorBase - 7, "no"); }
-    void completed(requests::Kind kind, int retCode, const std::string& body, int code, const std::string& message) {
-        responded(kind, retCode, body);
-        notified(kind, code, message);
-        delivered(kind);
-        reported();
+    Scenario& completed(Request request, int retCode, const std::string& body, int code, const std::string& message) {
+        const uint64_t id = mOpen[request];
+        return responded(id, retCode, body).notified(request, code, message).delivered(id).reported();
     }
-    // A late attempt of a superseded start: the adapter ignores the response.
-    void ignored(requests::Kind kind, int retCode, const std::string& body) {
-        responded(kind, retCode, body);
-        delivered(kind);
+    Scenario& accepted(Request request) { return completed(request, 0, kAccepted, 0, "sucess"); }
+    Scenario& refused(Request request) {
+        return completed(request, 0, kRefusal, mType.family.codes.serverErrorBase - 7, "no");
+    }
+    // The rest of an exchange that is retried or comes late: the listener is not notified.
+    Scenario& ignored(Request request, int retCode, const std::string& body) {
+        return responded(mOpen[request], retCode, body).delivered(mOpen[request]);
     }
 
     // Whole exchanges.
-    void failAttempt(requests::Kind kind) {
-        started(kind);
-        ignored(kind, 1, "");
-    }
-    void succeed(requests::Kind kind) {
-        started(kind);
-        accepted(kind);
-    }
-    void refuse(requests::Kind kind) {
-        started(kind);
-        refused(kind);
-    }
+    Scenario& failAttempt(Request request) { return started(request).ignored(request, 1, ""); }
+    Scenario& succeed(Request request) { return started(request).accepted(request); }
+    Scenario& refuse(Request request) { return started(request).refused(request); }
 
-    std::vector<std::string> events() const {
-        std::vector<std::string> names;
-        for (const OutputEntry& entry : mEntries) {
-            names.push_back(entry.fields.at("event"));
-        }
-        return names;
+    std::string journal() const {
+        const auto status = mSession.exitStatus();
+        return status ? mJournal + " exit=" + std::to_string(*status) : mJournal;
     }
     const OutputEntry& last(const std::string& event) const {
-        for (size_t i = mEntries.size(); i > 0; --i) {
-            if (mEntries[i - 1].fields.at("event") == event) {
-                return mEntries[i - 1];
-            }
-        }
-        throw std::runtime_error("no entry " + event);
+        const auto found = std::find_if(mEntries.rbegin(), mEntries.rend(),
+                                        [&](const OutputEntry& each) { return each.fields.at("event") == event; });
+        return found == mEntries.rend() ? throw std::runtime_error("no entry " + event) : *found;
     }
-    std::optional<ExitStatus> exitStatus() const { return mSession.exitStatus(); }
-    int stops() const { return mStops; }
-    const std::vector<std::string>& starts() const { return mStarts; }
 
 private:
     static ExchangeEvent exchange(HttpExchange::Phase phase, uint64_t id) {
@@ -112,13 +101,14 @@ private:
         event.id = id;
         return event;
     }
+    void log(const std::string& event) { mJournal += (mJournal.empty() ? "" : " ") + event; }
+    requests::Kind kindOf(Request request) const { return request == kStart ? mType.startKind : mType.stopKind; }
 
-    const requests::Family& mFamily;
-    int mStops = 0;
-    std::vector<std::string> mStarts;
+    const TaskType& mType;
+    std::string mJournal;
     std::vector<OutputEntry> mEntries;
     uint64_t mLastId = 0;
-    std::map<requests::Kind, uint64_t> mOpen;
+    std::map<Request, uint64_t> mOpen;
     TaskSession mSession;
 };
 
@@ -126,39 +116,21 @@ private:
 
 TEST(TaskSession, HoldsAfterTheReportOfASuccessfulStart) {
     Scenario scenario;
-    scenario.started(kAddRelay);
-    scenario.responded(kAddRelay, 0, kAccepted);
-    scenario.notified(kAddRelay, 0, "sucess");
-    scenario.delivered(kAddRelay);
-    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome"));
-
-    scenario.reported();
-
-    EXPECT_EQ(scenario.exitStatus(), std::nullopt);
-    EXPECT_EQ(scenario.stops(), 0);
-    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report", "holding"));
+    scenario.started(kStart).responded(1, 0, kAccepted).notified(kStart, 0, "sucess").delivered(1);
+    EXPECT_EQ(scenario.journal(), "attempt response outcome");
+    EXPECT_EQ(scenario.reported().journal(), "attempt response outcome report holding");
 }
 
 TEST(TaskSession, AReportBeforeTheDeliveryFollowsTheOutcome) {
     Scenario scenario;
-    scenario.started(kAddRelay);
-    scenario.responded(kAddRelay, 0, kRefusal);
-    scenario.notified(kAddRelay, -200007, "no");
-    scenario.reported();
-    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
-
-    scenario.delivered(kAddRelay);
-
-    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
-    EXPECT_EQ(scenario.exitStatus(), kRefused);
+    scenario.started(kStart).responded(1, 0, kRefusal).notified(kStart, -200007, "no").reported();
+    EXPECT_EQ(scenario.journal(), "attempt response outcome report");
+    EXPECT_EQ(scenario.delivered(1).journal(), "attempt response outcome report exit=1");
 }
 
 TEST(TaskSession, EndsAfterASuccessfulStartIfDetached) {
     Scenario scenario(Lifetime::kDetached);
-    scenario.succeed(kAddRelay);
-
-    EXPECT_EQ(scenario.exitStatus(), kSucceeded);
-    EXPECT_EQ(scenario.stops(), 0);
+    EXPECT_EQ(scenario.succeed(kStart).journal(), "attempt response outcome report detached exit=0");
     EXPECT_EQ(scenario.last("detached").text, "the relay keeps running");
 }
 
@@ -166,69 +138,57 @@ TEST(TaskSession, CountsAttemptsAndAnnouncesThePauses) {
     Scenario scenario;
     std::vector<int> pauses;
     for (int attempt = 1; attempt <= 10; ++attempt) {
-        scenario.failAttempt(kAddRelay);
+        scenario.failAttempt(kStart);
         EXPECT_EQ(scenario.last("attempt").fields.at("attempt"), attempt);
         EXPECT_EQ(scenario.last("retry").fields.at("attempt"), attempt + 1);
         pauses.push_back(scenario.last("retry").fields.at("waitMilliseconds"));
     }
     EXPECT_THAT(pauses, ElementsAre(1000, 1000, 2000, 2000, 2000, 5000, 5000, 5000, 5000, 5000));
 
-    scenario.started(kAddRelay);
-    scenario.completed(kAddRelay, 1, "", -3321, "http post return error");
-
+    scenario.started(kStart).completed(kStart, 1, "", -3321, "http post return error");
     EXPECT_EQ(scenario.last("attempt").text, "relay start: attempt 11 of 11: waiting for the response");
     EXPECT_EQ(scenario.last("outcome").fields.at("attempts"), 11);
-    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    EXPECT_THAT(scenario.journal(), EndsWith("attempt response outcome report exit=3"));
 }
 
 TEST(TaskSession, ARefusedStartDeterminesTheStatusWithoutAStop) {
     Scenario scenario;
-    scenario.refuse(kAddRelay);
-
-    EXPECT_EQ(scenario.exitStatus(), kRefused);
-    EXPECT_EQ(scenario.stops(), 0);
+    EXPECT_EQ(scenario.refuse(kStart).journal(), "attempt response outcome report exit=1");
     EXPECT_EQ(scenario.last("outcome").text, "relay start: failed, refused by the service");
-    EXPECT_EQ(scenario.last("outcome").fields.at("listener")[0].at("serviceCode"), 7);
+    EXPECT_EQ(scenario.last("outcome").fields.at("success"), false);
+    EXPECT_EQ(scenario.last("outcome").fields.at("listener").dump(),
+              R"([{"code":-200007,"message":"no","serviceCode":7}])");
+    const auto response = scenario.last("response").fields;
+    EXPECT_EQ(response.at("returnCode"), 0);
+    EXPECT_EQ(response.at("code"), 7);
+    EXPECT_EQ(response.at("message"), "no");
 }
 
 TEST(TaskSession, AnEmptyResponseNotifiesTwiceAndIsOneOutcome) {
     Scenario scenario;
-    scenario.started(kAddRelay);
-    scenario.responded(kAddRelay, 0, "");
-    scenario.notified(kAddRelay, -3323, "recv message nil");
-    scenario.notified(kAddRelay, -3323, "recv message can't parse");
-    scenario.delivered(kAddRelay);
-    scenario.reported();
-
-    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    scenario.started(kStart).responded(1, 0, "").notified(kStart, -3323, "recv message nil");
+    scenario.notified(kStart, -3323, "recv message can't parse").delivered(1).reported();
+    EXPECT_EQ(scenario.journal(), "attempt response outcome report exit=3");
     EXPECT_EQ(scenario.last("outcome").details.size(), 2u);
-    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
 }
 
 TEST(TaskSession, AResponseWithoutACodeEndsWithItsReport) {
     Scenario scenario;
-    scenario.started(kAddRelay);
-    scenario.ignored(kAddRelay, 0, "{}");
-    scenario.reported();
-
-    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    scenario.started(kStart).ignored(kStart, 0, "{}").reported();
+    EXPECT_EQ(scenario.journal(), "attempt response outcome report exit=3");
     EXPECT_EQ(scenario.last("outcome").text, "relay start: failed, the response has no code");
-    EXPECT_THAT(scenario.events(), ElementsAre("attempt", "response", "outcome", "report"));
 }
 
 TEST(TaskSession, AStartThatTheAdapterRefusesIsAnOutcome) {
     Scenario scenario;
-    scenario.notified(kAddRelay, -3323, "startPublishStreamUrl failure, param is invalid");
-    scenario.reported();
-
-    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    scenario.notified(kStart, -3323, "startPublishStreamUrl failure, param is invalid").reported();
+    EXPECT_EQ(scenario.journal(), "outcome report exit=3");
 }
 
 TEST(TaskSession, SplitsTheTraceOfAReportAtEachResponse) {
     Scenario scenario;
-    scenario.notified(kAddRelay, 0, "sucess");
+    scenario.notified(kStart, 0, "sucess");
     scenario.reported("{body} [tryHttp:cnt-10]retCode:1, respData: [tryHttp:cnt-9]retCode:0, respData:{}");
-
     EXPECT_THAT(scenario.last("report").details, ElementsAre("information  information", "detail       {body}",
                                                              "             [tryHttp:cnt-10]retCode:1, respData:",
                                                              "             [tryHttp:cnt-9]retCode:0, respData:{}"));
@@ -238,83 +198,50 @@ TEST(TaskSession, SplitsTheTraceOfAReportAtEachResponse) {
 
 TEST(TaskSession, StopsARunningRelay) {
     Scenario scenario;
-    scenario.succeed(kAddRelay);
-    scenario.interrupt();
-    EXPECT_EQ(scenario.stops(), 1);
-
-    scenario.succeed(kRemoveRelay);
-
-    EXPECT_EQ(scenario.exitStatus(), kSucceeded);
+    scenario.succeed(kStart).interrupt().succeed(kStop);
+    EXPECT_EQ(scenario.journal(),
+              "attempt response outcome report holding stopping stop() attempt response outcome report exit=0");
     EXPECT_EQ(scenario.last("outcome").text, "relay stop: done, the relay is stopped");
     EXPECT_EQ(scenario.last("report").fields.at("request"), "stop");
 }
 
 TEST(TaskSession, AFailedStopDeterminesTheStatus) {
     Scenario scenario;
-    scenario.succeed(kAddRelay);
-    scenario.interrupt();
-    scenario.refuse(kRemoveRelay);
-
-    EXPECT_EQ(scenario.exitStatus(), kRefused);
+    scenario.succeed(kStart).interrupt().refuse(kStop);
+    EXPECT_THAT(scenario.journal(), EndsWith("stop() attempt response outcome report exit=1"));
 }
 
-class StopDuringStart : public ::testing::TestWithParam<Lifetime> {};
-
-TEST_P(StopDuringStart, WaitsForTheResponse) {
-    Scenario scenario(GetParam());
-    scenario.started(kAddRelay);
-    scenario.interrupt();
-    EXPECT_EQ(scenario.stops(), 0);
-
-    scenario.accepted(kAddRelay);
-
-    EXPECT_EQ(scenario.stops(), 1);
-    EXPECT_EQ(scenario.exitStatus(), std::nullopt);
+TEST(StopDuringStart, WaitsForTheResponse) {
+    for (const Lifetime lifetime : {Lifetime::kHeld, Lifetime::kDetached}) {
+        Scenario scenario(lifetime);
+        scenario.started(kStart).interrupt().accepted(kStart);
+        EXPECT_EQ(scenario.journal(), "attempt stopping response outcome report stop()");
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(TaskSession, StopDuringStart, ::testing::Values(Lifetime::kHeld, Lifetime::kDetached));
-
-TEST(TaskSession, AStartThatFailsAfterCtrlCDeterminesTheStatusWithoutAStop) {
+TEST(StopDuringStart, AFailedStartDeterminesTheStatusWithoutAStop) {
     Scenario scenario;
-    scenario.started(kAddRelay);
-    scenario.interrupt();
-    scenario.completed(kAddRelay, 1060, "{}", -3321, "http post return error");
-
-    EXPECT_EQ(scenario.stops(), 0);
-    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    scenario.started(kStart).interrupt().completed(kStart, 1060, "{}", -3321, "http post return error");
+    EXPECT_EQ(scenario.journal(), "attempt stopping response outcome report exit=3");
 }
 
 // The adapter would refuse to stop what it has not sent, and would notify through another operation.
-TEST(TaskSession, AStartThatIsNotYetSentCompletesBeforeItIsStopped) {
+TEST(StopDuringStart, AStartThatIsNotYetSentCompletesBeforeItIsStopped) {
     Scenario scenario;
-    scenario.interrupt();
-    EXPECT_EQ(scenario.stops(), 0);
-
-    scenario.succeed(kAddRelay);
-
-    EXPECT_EQ(scenario.stops(), 1);
+    EXPECT_EQ(scenario.interrupt().succeed(kStart).journal(), "stopping attempt response outcome report stop()");
 }
 
-TEST(TaskSession, AFailedAttemptIsFollowedByTheRequestedStopInsteadOfARetry) {
+TEST(StopDuringStart, AFailedAttemptIsFollowedByTheStopInsteadOfARetry) {
     Scenario scenario;
-    scenario.started(kAddRelay);
-    scenario.interrupt();
-    scenario.ignored(kAddRelay, 1, "");
-
-    EXPECT_EQ(scenario.stops(), 1);
+    scenario.started(kStart).interrupt().ignored(kStart, 1, "");
+    EXPECT_EQ(scenario.journal(), "attempt stopping response retry stop()");
 }
 
 TEST(TaskSession, ASecondCtrlCEndsTheSessionAtOnce) {
     Scenario scenario;
-    scenario.succeed(kAddRelay);
-    scenario.interrupt();
-    scenario.interrupt();
-
-    EXPECT_EQ(scenario.exitStatus(), kInterrupted);
+    scenario.succeed(kStart).interrupt().interrupt().succeed(kStop);
+    EXPECT_EQ(scenario.journal(), "attempt response outcome report holding stopping stop() interrupted exit=130");
     EXPECT_EQ(scenario.last("interrupted").text, "aborted on SIGINT; the relay may still be running");
-    scenario.succeed(kRemoveRelay);
-    EXPECT_THAT(scenario.events(),
-                ElementsAre("attempt", "response", "outcome", "report", "holding", "stopping", "interrupted"));
 }
 
 // ---- A retry of the start that is sent although the stop has begun --------------------------------------------------
@@ -322,68 +249,49 @@ TEST(TaskSession, ASecondCtrlCEndsTheSessionAtOnce) {
 // Starts, fails once, and is stopped while the retry is scheduled.
 class LateAttempt : public ::testing::Test {
 protected:
-    LateAttempt() {
-        mScenario.failAttempt(kAddRelay);
-        mScenario.interrupt();
+    LateAttempt() { mScenario.failAttempt(kStart).interrupt(); }
+
+    void expectJournal(const std::string& afterTheStop) {
+        EXPECT_EQ(mScenario.journal(), "attempt response retry stopping stop() " + afterTheStop);
     }
 
     Scenario mScenario;
 };
 
 TEST_F(LateAttempt, IsNotAwaited) {
-    EXPECT_EQ(mScenario.stops(), 1);
-    mScenario.succeed(kRemoveRelay);
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    mScenario.succeed(kStop);
+    expectJournal("attempt response outcome report exit=0");
 }
 
 TEST_F(LateAttempt, IsShownAsIgnored) {
-    mScenario.failAttempt(kAddRelay);
-
+    mScenario.failAttempt(kStart);
+    expectJournal("attempt response ignored");
     EXPECT_EQ(mScenario.last("ignored").text,
               "relay start: attempt 2 of 11: response ignored, because the stop has begun");
-    EXPECT_EQ(mScenario.exitStatus(), std::nullopt);
 }
 
 TEST_F(LateAttempt, NeedsNoSecondStopIfItEndsBeforeTheStopIsSent) {
-    mScenario.failAttempt(kRemoveRelay);
-    mScenario.failAttempt(kAddRelay);
-    mScenario.succeed(kRemoveRelay);
-
-    EXPECT_EQ(mScenario.stops(), 1);
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    mScenario.failAttempt(kStop).failAttempt(kStart).succeed(kStop);
+    expectJournal("attempt response retry attempt response ignored attempt response outcome report exit=0");
 }
 
 TEST_F(LateAttempt, IsStoppedAgainWhenItEndsAfterTheStop) {
-    mScenario.started(kRemoveRelay);
-    mScenario.started(kAddRelay);
-    mScenario.accepted(kRemoveRelay);
-    EXPECT_EQ(mScenario.stops(), 1);  // the late attempt is still in flight
-    mScenario.ignored(kAddRelay, 0, kAccepted);
-
-    EXPECT_EQ(mScenario.stops(), 2);
-    mScenario.succeed(kRemoveRelay);
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    mScenario.started(kStop).started(kStart).accepted(kStop).ignored(kStart, 0, kAccepted).succeed(kStop);
+    expectJournal(
+        "attempt attempt response outcome report response ignored stopping stop() "
+        "attempt response outcome report exit=0");
 }
 
 TEST_F(LateAttempt, IsStoppedAgainIfTheStopWasRefused) {
-    mScenario.started(kRemoveRelay);
-    mScenario.started(kAddRelay);
-    mScenario.ignored(kAddRelay, 0, kAccepted);
-    mScenario.refused(kRemoveRelay);
-
-    EXPECT_EQ(mScenario.stops(), 2);
-    mScenario.succeed(kRemoveRelay);
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    mScenario.started(kStop).started(kStart).ignored(kStart, 0, kAccepted).refused(kStop).succeed(kStop);
+    expectJournal(
+        "attempt attempt response ignored response outcome report stopping stop() "
+        "attempt response outcome report exit=0");
 }
 
 TEST_F(LateAttempt, NeedsNoSecondStopIfItWasRefused) {
-    mScenario.started(kRemoveRelay);
-    mScenario.started(kAddRelay);
-    mScenario.ignored(kAddRelay, 0, kRefusal);
-    mScenario.accepted(kRemoveRelay);
-
-    EXPECT_EQ(mScenario.stops(), 1);
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    mScenario.started(kStop).started(kStart).ignored(kStart, 0, kRefusal).accepted(kStop);
+    expectJournal("attempt attempt response ignored response outcome report exit=0");
 }
 
 // ---- Updates --------------------------------------------------------------------------------------------------------
@@ -394,156 +302,103 @@ protected:
 };
 
 TEST_F(WatchedMix, AnUpdateOfARunningMixIsSentAtOnce) {
-    mScenario.succeed(kStartMix);
-    mScenario.request("second");
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
-    mScenario.succeed(kStartMix);
-
+    mScenario.succeed(kStart).request("second").succeed(kStart);
+    EXPECT_EQ(mScenario.journal(),
+              "attempt response outcome report holding second() attempt response outcome report holding");
     EXPECT_EQ(mScenario.last("outcome").text, "mix update: done, the mix is running");
     EXPECT_EQ(mScenario.last("attempt").fields.at("attempt"), 1);
     EXPECT_EQ(mScenario.last("report").fields.at("request"), "update");
-    EXPECT_EQ(mScenario.exitStatus(), std::nullopt);
 }
 
-TEST_F(WatchedMix, OnlyTheNewestUpdateWaitsForAnAttemptInFlight) {
-    mScenario.started(kStartMix);
-    mScenario.request("second");
-    mScenario.request("third");
-    mScenario.responded(kStartMix, 0, kAccepted);
-    mScenario.notified(kStartMix, 0, "sucess");
-    mScenario.delivered(kStartMix);
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first"));  // the report is missing
-
-    mScenario.reported();
-
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "third"));
-    EXPECT_EQ(mScenario.events().back(), "report");  // not "holding" in between
+TEST_F(WatchedMix, OnlyTheNewestUpdateWaitsForAnAttemptInFlightAndItsReport) {
+    mScenario.started(kStart).request("second").request("third").accepted(kStart);
+    EXPECT_EQ(mScenario.journal(), "attempt response outcome report third()");
 }
 
 TEST_F(WatchedMix, AnUpdateWaitsForAStartThatIsNotYetSent) {
-    mScenario.request("second");
-
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first"));
+    mScenario.request("second").started(kStart);
+    EXPECT_EQ(mScenario.journal(), "attempt");
 }
 
 TEST_F(WatchedMix, AnUpdateBetweenTwoAttemptsReplacesTheStart) {
-    mScenario.failAttempt(kStartMix);
-    mScenario.request("second");
-
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
+    mScenario.failAttempt(kStart).request("second").succeed(kStart);
+    EXPECT_EQ(mScenario.journal(),
+              "attempt response retry superseded second() attempt response outcome report holding");
     EXPECT_EQ(mScenario.last("superseded").fields.at("request"), "start");
-    mScenario.succeed(kStartMix);
     EXPECT_EQ(mScenario.last("outcome").fields.at("request"), "start");  // no mix was running
     EXPECT_EQ(mScenario.last("outcome").fields.at("attempts"), 1);
 }
 
 TEST_F(WatchedMix, AnUpdateIsSentAgainAfterALateAttemptOfItsPredecessor) {
-    mScenario.failAttempt(kStartMix);
-    mScenario.request("second");
-    const uint64_t late = mScenario.started(kStartMix);
-    const uint64_t own = mScenario.started(kStartMix);
-    mScenario.respondedTo(late, 0, kAccepted);
-    mScenario.notified(kStartMix, 0, "sucess");
-    mScenario.deliveredTo(late);
-    mScenario.reported();
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
-    mScenario.respondedTo(own, 0, kAccepted);
-    mScenario.notified(kStartMix, 0, "sucess");
-    mScenario.deliveredTo(own);
+    constexpr uint64_t kLate = 2;
+    constexpr uint64_t kOwn = 3;
+    mScenario.failAttempt(kStart).request("second").started(kStart).started(kStart);
+    mScenario.responded(kLate, 0, kAccepted).notified(kStart, 0, "sucess").delivered(kLate).reported();
+    mScenario.responded(kOwn, 0, kAccepted).notified(kStart, 0, "sucess").delivered(kOwn);
+    EXPECT_THAT(mScenario.journal(),
+                EndsWith("second() attempt attempt response outcome report response again second()"));
 
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second", "second"));
     mScenario.reported();  // of the superseded second start
     EXPECT_EQ(mScenario.last("report").fields.at("request"), "update");
-    mScenario.succeed(kStartMix);
-    EXPECT_EQ(mScenario.events().back(), "holding");
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second", "second"));
+    EXPECT_THAT(mScenario.succeed(kStart).journal(),
+                EndsWith("again second() report attempt response outcome report holding"));
 }
 
 TEST_F(WatchedMix, ARefusedUpdateDoesNotEndTheMix) {
-    mScenario.succeed(kStartMix);
-    mScenario.request("second");
-    mScenario.refuse(kStartMix);
-
+    mScenario.succeed(kStart).request("second").refuse(kStart);
     EXPECT_EQ(mScenario.last("outcome").text, "mix update: failed, refused by the service");
-    EXPECT_EQ(mScenario.events().back(), "holding");
-    mScenario.interrupt();
-    mScenario.succeed(kCancelMix);
+    EXPECT_THAT(mScenario.journal(), EndsWith("second() attempt response outcome report holding"));
+
+    mScenario.interrupt().succeed(kStop);
     EXPECT_EQ(mScenario.last("outcome").text, "mix cancel: done, the mix is cancelled");
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    EXPECT_THAT(mScenario.journal(), EndsWith("stopping stop() attempt response outcome report exit=0"));
 }
 
 TEST_F(WatchedMix, AFailedStartWaitsForAnotherOne) {
-    mScenario.refuse(kStartMix);
-    EXPECT_EQ(mScenario.exitStatus(), std::nullopt);
+    mScenario.refuse(kStart).request("second").succeed(kStart);
+    EXPECT_EQ(mScenario.journal(),
+              "attempt response outcome report waiting second() attempt response outcome report holding");
     EXPECT_EQ(mScenario.last("waiting").text, "the mix is not running; saved changes are sent; Ctrl-C exits");
-
-    mScenario.request("second");
-    mScenario.succeed(kStartMix);
-
     EXPECT_EQ(mScenario.last("outcome").text, "mix start: done, the mix is running");
-    EXPECT_EQ(mScenario.events().back(), "holding");
 }
 
 TEST_F(WatchedMix, AFailedStartDeterminesTheStatusWithoutACancel) {
-    mScenario.refuse(kStartMix);
-    mScenario.interrupt();
-
-    EXPECT_EQ(mScenario.stops(), 0);
-    EXPECT_EQ(mScenario.exitStatus(), kRefused);
+    mScenario.refuse(kStart).interrupt();
+    EXPECT_EQ(mScenario.journal(), "attempt response outcome report waiting stopping exit=1");
 }
 
 TEST_F(WatchedMix, ACancelWaitsForTheUpdateInFlightAndDropsThePendingOne) {
-    mScenario.succeed(kStartMix);
-    mScenario.request("second");
-    mScenario.started(kStartMix);
-    mScenario.request("third");
-    mScenario.interrupt();
-    EXPECT_EQ(mScenario.stops(), 0);
-
-    mScenario.ignored(kStartMix, 1, "");
-
-    EXPECT_EQ(mScenario.stops(), 1);
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first", "second"));
-    mScenario.succeed(kCancelMix);
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    mScenario.succeed(kStart).request("second").started(kStart).request("third").interrupt();
+    mScenario.ignored(kStart, 1, "").succeed(kStop);
+    EXPECT_THAT(mScenario.journal(),
+                EndsWith("second() attempt stopping response retry stop() attempt response outcome report exit=0"));
 }
 
 TEST_F(WatchedMix, NoUpdateIsAcceptedAfterTheCancelHasBegun) {
-    mScenario.succeed(kStartMix);
-    mScenario.interrupt();
-    mScenario.request("second");
-    mScenario.succeed(kCancelMix);
-
-    EXPECT_THAT(mScenario.starts(), ElementsAre("first"));
-    EXPECT_EQ(mScenario.exitStatus(), kSucceeded);
+    mScenario.succeed(kStart).interrupt().request("second").succeed(kStop);
+    EXPECT_THAT(mScenario.journal(), EndsWith("holding stopping stop() attempt response outcome report exit=0"));
 }
 
 TEST(TaskSession, AFailedStartEndsAHeldMix) {
     Scenario scenario(Lifetime::kHeld, kMixTask);
-    scenario.started(kStartMix);
-    scenario.completed(kStartMix, 0, "nonsense", -3324, "recv message can't parse");
-
-    EXPECT_EQ(scenario.exitStatus(), kNoResponse);
+    scenario.started(kStart).completed(kStart, 0, "nonsense", -3324, "recv message can't parse");
+    EXPECT_EQ(scenario.journal(), "attempt response outcome report exit=3");
 }
 
 // ---- Two sessions side by side --------------------------------------------------------------------------------------
 
 TEST(TaskSession, IgnoresEventsOfTheOtherTaskType) {
-    std::vector<OutputEntry> entries;
-    TaskSession session(
-        kMixTask, Lifetime::kHeld, [] {}, [&entries](OutputEntry entry) { entries.push_back(std::move(entry)); });
-    session.start([] {});
+    Scenario scenario(Lifetime::kHeld, kMixTask);
     for (const auto phase : {HttpExchange::kStarted, HttpExchange::kCompleted, HttpExchange::kDelivered}) {
         ExchangeEvent event{};
         event.phase = phase;
-        event.kind = kAddRelay;
+        event.kind = requests::kAddRelay;
         event.response = kAccepted;
-        session.on(event);
+        scenario.on(event);
     }
-    session.on(ListenerEvent{kAddRelay, {0, "sucess"}});
-    session.on(EventReport{1400000001, "4711_alice", 10004, requests::kRelay.reportEvent, "information", "detail"});
-
-    EXPECT_TRUE(entries.empty());
+    scenario.on(ListenerEvent{requests::kAddRelay, {0, "sucess"}});
+    scenario.on(EventReport{1400000001, "4711_alice", 10004, requests::kRelay.reportEvent, "information", "detail"});
+    EXPECT_EQ(scenario.journal(), "");
 }
 
 }  // namespace

@@ -5,9 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -20,33 +18,47 @@
 #include "service/Fault.h"
 #include "service/LiveService.h"
 #include "support/ChildProcess.h"
+#include "support/ServiceTesting.h"
 
 inline constexpr const char* kSig = "secret-signature";
 inline constexpr const char* kMapKey = "secret-map-key";
 
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using Variables = std::map<std::string, std::string>;
+
+struct Ran {
+    int status;
+    std::string output;
+    std::string errors;
+};
+
+// Runs the tool to its end. It sees only those of its variables that are in `environment`.
+inline Ran runTool(std::vector<std::string> arguments, Variables environment = {}) {
+    for (const char* name :
+         {"SDK_APP_ID", "USER", "SIG", "ROOM", "MAP_KEY", "APP_ID", "BIZ_ID", "CA_FILE", "PUSH_DOMAIN"}) {
+        environment.emplace(std::string("VEXALIVE_") + name, "");
+    }
+    environment.emplace("VEXALIVE_SERVICE_HOST", "127.0.0.1:9");
+    arguments.insert(arguments.begin(), VEXALIVE_TOOL);
+    ChildProcess tool(arguments, environment);
+    const int status = tool.awaitExit();
+    return {status, tool.output(), tool.errors()};
+}
+
+// Each test has a service in this process.
 class ToolTest : public ::testing::Test {
 protected:
     // `command`: the arguments of every run.
-    explicit ToolTest(std::vector<std::string> command) : mArguments(std::move(command)) {
-        std::string pattern = ::testing::TempDir() + "vexalive-tool-XXXXXX";
-        mFolder = mkdtemp(pattern.data());
-        vexalive::LiveServiceOptions options;
-        options.stateFolder = mFolder;
-        mService = std::make_unique<vexalive::LiveService>(options);
-    }
+    explicit ToolTest(std::vector<std::string> command) : mArguments(std::move(command)) {}
     ~ToolTest() override {
-        if (mTool) {
-            EXPECT_THAT(mTool->output() + mTool->errors(), ::testing::Not(::testing::HasSubstr(kSig)));
-            EXPECT_THAT(mTool->output() + mTool->errors(), ::testing::Not(::testing::HasSubstr(kMapKey)));
+        for (const char* secret : {kSig, kMapKey}) {
+            EXPECT_THAT(mTool ? mTool->output() + mTool->errors() : "", Not(HasSubstr(secret)));
         }
-        mTool.reset();
-        mService.reset();
-        std::filesystem::remove_all(mFolder);
     }
 
-    void SetUp() override { ASSERT_TRUE(mService->start()); }
-
-    std::map<std::string, std::string> environment() const {
+    Variables environment() {
         return {{"VEXALIVE_SERVICE_HOST", mService->address()},
                 {"VEXALIVE_CA_FILE", mService->caFile()},
                 {"VEXALIVE_SDK_APP_ID", "1400000001"},
@@ -56,7 +68,7 @@ protected:
                 {"VEXALIVE_MAP_KEY", kMapKey},
                 {"VEXALIVE_APP_ID", "1250"},
                 {"VEXALIVE_BIZ_ID", "3891"},
-                {"VEXALIVE_PUSH_DOMAIN", ""},
+                {"VEXALIVE_PUSH_DOMAIN", servicetesting::kSuffix},
                 {"TERM", "xterm"}};
     }
 
@@ -66,12 +78,11 @@ protected:
         ASSERT_TRUE(parsed && mService->inject(*parsed)) << fault;
     }
 
-    nlohmann::json state() const { return nlohmann::json::parse(mService->stateJson()); }
+    nlohmann::json state() const { return mService.state(); }
     size_t relaysRunning() const { return state().at("relays").size(); }
 
     // Starts the tool with further arguments. `variables` override environment().
-    ChildProcess& start(const std::vector<std::string>& arguments = {},
-                        std::map<std::string, std::string> variables = {},
+    ChildProcess& start(const std::vector<std::string>& arguments = {}, Variables variables = {},
                         ChildProcess::Output output = ChildProcess::kPipes) {
         std::vector<std::string> all = {VEXALIVE_TOOL};
         all.insert(all.end(), mArguments.begin(), mArguments.end());
@@ -92,9 +103,9 @@ protected:
     }
 
     std::vector<std::string> mArguments;
+    const servicetesting::TemporaryFolder mFolder;
+    servicetesting::RunningService mService;
     std::unique_ptr<ChildProcess> mTool;
-    std::string mFolder;
-    std::unique_ptr<vexalive::LiveService> mService;
 };
 
 // The lines of `--json`.
@@ -107,9 +118,26 @@ inline std::vector<nlohmann::json> objects(const std::string& output) {
     return result;
 }
 
+using Fields = std::map<std::string, std::set<std::string>>;
+
+// The documented fields of the events that relays and mixes have in common.
+inline Fields taskFields(Fields more) {
+    more.insert(
+        {{"attempt", {"task", "request", "attempt", "of", "interface", "bytes"}},
+         {"response",
+          {"task", "request", "attempt", "of", "returnCode", "meaning", "httpStatus", "code", "message",
+           "milliseconds"}},
+         {"retry", {"task", "request", "attempt", "of", "waitMilliseconds"}},
+         {"outcome", {"task", "request", "success", "attempts", "outcome", "listener"}},
+         {"report", {"task", "request", "sdkAppId", "roomUser", "reportType", "reportEvent", "information", "detail"}},
+         {"holding", {"task"}},
+         {"stopping", {"task", "why"}},
+         {"end", {"exitStatus"}}});
+    return more;
+}
+
 // The events of `--json`. Expects in each line the documented fields of its event, "event" and "time", and no other.
-inline std::vector<std::string> checkedEvents(const std::string& output,
-                                              const std::map<std::string, std::set<std::string>>& documented) {
+inline std::vector<std::string> checkedEvents(const std::string& output, const Fields& documented) {
     std::vector<std::string> events;
     for (const nlohmann::json& object : objects(output)) {
         events.push_back(object.at("event"));
