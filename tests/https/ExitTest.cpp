@@ -2,12 +2,9 @@
 // variable VEXALIVE_EXITS is the number of repetitions for each way.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
 
@@ -35,22 +32,16 @@ int times() {
     return given ? std::atoi(given) : 25;
 }
 
-// The service for the children, and where they find it.
+// Serves the children, which find the address in their environment.
 class Service {
 public:
     Service() {
-        std::ofstream(mCaFile) << testAuthority().pem();
         setenv("VEXALIVE_SERVICE_HOST", ("127.0.0.1:" + std::to_string(mServer.port())).c_str(), 1);
-        setenv("VEXALIVE_CA_FILE", mCaFile.c_str(), 1);
+        setenv("VEXALIVE_CA_FILE", testAuthorityFile().c_str(), 1);
     }
-    ~Service() { std::filesystem::remove(mCaFile); }
-    Service(const Service&) = delete;
-    Service& operator=(const Service&) = delete;
 
 private:
     ScriptedServer mServer{answering(httpResponse(200, "{\"code\":0}"))};
-    const std::filesystem::path mCaFile =
-        std::filesystem::temp_directory_path() / ("vexalive-exit-test-" + std::to_string(getpid()));
 };
 
 class Exit : public testing::TestWithParam<const char*> {};

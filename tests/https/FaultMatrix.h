@@ -19,13 +19,10 @@ struct Kind {
     const char* name;
     const char* title;
     oracle::Kind request;
-    oracle::Kind start;  // of the same family
-    void (*callStart)(LiveTranscodingAdapter& adapter);
-    void (*call)(LiveTranscodingAdapter& adapter);
 
     const oracle::KindRules& rules() const { return oracle::rulesOf(request); }
     bool isMix() const { return rules().family == oracle::kMix; }
-    bool isStart() const { return request == start; }
+    bool isStart() const { return request == oracle::startOf(request); }
 };
 
 const std::vector<Kind>& kinds();

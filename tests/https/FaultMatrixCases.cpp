@@ -1,24 +1,32 @@
 #include "FaultMatrixCases.h"
 
+#include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <semaphore.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <memory>
+#include <future>
+#include <map>
 #include <set>
 #include <stdexcept>
-#include <utility>
 
+#include "FaultMatrix.h"
 #include "support/ChildProcess.h"
 
 namespace {
 
-constexpr size_t kWorkingAtOnce = 8;
-constexpr size_t kWaitingAtOnce = 40;  // cases that mostly wait for a time-out
+// Limits the number of processes that run at the same time.
+struct Slots {
+    explicit Slots(unsigned count) { sem_init(&free, 0, count); }
+    sem_t free;
+};
+Slots workingSlots(8);
+Slots waitingSlots(40);  // for cases that mostly wait for a timeout
 
-// A port of loopback that nobody else is given while this is held, and that refuses until a server listens there.
+std::map<std::string, std::future<CaseOutcome>> outcomes;  // by case
+
+// Reserves a port of loopback. The port refuses connections until a server listens on it.
 class ReservedPort {
 public:
     ReservedPort() {
@@ -57,7 +65,7 @@ std::map<std::string, std::string> environmentFor(const Case& testCase, int port
     return environment;
 }
 
-CaseProcesses::Outcome runAlone(const Case& testCase) {
+CaseOutcome runAlone(const Case& testCase) {
     const ReservedPort reserved;
     try {
         ChildProcess child({"/proc/self/exe", kAlone, "--gtest_color=no",
@@ -70,18 +78,15 @@ CaseProcesses::Outcome runAlone(const Case& testCase) {
     }
 }
 
-// The cases of this run, by the name of their test.
-std::set<std::string> casesToRun() {
+// The cases to run, by the name of their test.
+std::set<std::string> selectedCases() {
     std::set<std::string> names;
-    const testing::UnitTest& unitTest = *testing::UnitTest::GetInstance();
-    for (int i = 0; i < unitTest.total_test_suite_count(); ++i) {
-        const testing::TestSuite& suite = *unitTest.GetTestSuite(i);
-        for (int j = 0; j < suite.total_test_count(); ++j) {
-            const testing::TestInfo& test = *suite.GetTestInfo(j);
-            const std::string name = test.name();
-            if (test.should_run()) {
-                names.insert(name.substr(name.find('/') + 1));
-            }
+    const testing::TestSuite& suite = *testing::UnitTest::GetInstance()->current_test_suite();
+    for (int i = 0; i < suite.total_test_count(); ++i) {
+        const testing::TestInfo& test = *suite.GetTestInfo(i);
+        const std::string name = test.name();
+        if (test.should_run()) {
+            names.insert(name.substr(name.find('/') + 1));
         }
     }
     return names;
@@ -89,50 +94,21 @@ std::set<std::string> casesToRun() {
 
 }  // namespace
 
-CaseProcesses& CaseProcesses::instance() {
-    static auto& processes = *new CaseProcesses();  // belongs to the test framework
-    return processes;
-}
-
-CaseProcesses::Outcome CaseProcesses::await(const std::string& testCase) {
-    return mOutcomes.at(testCase).get_future().get();
-}
-
-void CaseProcesses::SetUp() {
-    const std::set<std::string> wanted = casesToRun();
-    std::vector<Case> working;
-    std::vector<Case> waiting;
-    mOutcomes.clear();
+void startCases() {
+    const std::set<std::string> selected = selectedCases();
     for (const Case& testCase : matrixCases()) {
-        if (wanted.count(testCase.name()) > 0) {
-            mOutcomes[testCase.name()];
-            (testCase.fault->waits() ? waiting : working).push_back(testCase);
+        if (selected.count(testCase.name()) > 0) {
+            outcomes[testCase.name()] = std::async(std::launch::async, [testCase] {
+                sem_t& free = (testCase.fault->waits() ? waitingSlots : workingSlots).free;
+                sem_wait(&free);
+                CaseOutcome outcome = runAlone(testCase);
+                sem_post(&free);
+                return outcome;
+            });
         }
     }
-    runInTurn(std::move(waiting), kWaitingAtOnce);
-    runInTurn(std::move(working), kWorkingAtOnce);
 }
 
-void CaseProcesses::runInTurn(std::vector<Case> cases, size_t atOnce) {
-    struct Queue {
-        std::vector<Case> cases;
-        std::atomic<size_t> next{0};
-    };
-    const auto queue = std::make_shared<Queue>();
-    queue->cases = std::move(cases);
-    for (size_t i = 0; i < std::min(atOnce, queue->cases.size()); ++i) {
-        mThreads.emplace_back([this, queue] {
-            for (size_t next = 0; (next = queue->next++) < queue->cases.size();) {
-                const Case& testCase = queue->cases[next];
-                mOutcomes.at(testCase.name()).set_value(runAlone(testCase));
-            }
-        });
-    }
-}
-
-void CaseProcesses::TearDown() {
-    for (std::thread& thread : mThreads) {
-        thread.join();
-    }
-    mThreads.clear();
+CaseOutcome awaitCase(const std::string& name) {
+    return outcomes.at(name).get();
 }

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -25,26 +24,18 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Adapter = LiveTranscodingAdapter;
-
-const auto kMixAtFirst = [] { return mixConfig(2); };
-const auto kMixThen = [] { return mixConfig(3); };
+constexpr int kMixUsers = 3;  // of the mix under test; an earlier one has another number
 
 }  // namespace
 
 // ---- The matrix -----------------------------------------------------------------------------------------------------
 
 const std::vector<Kind>& kinds() {
-    static const auto startRelay = [](Adapter& adapter) { adapter.startPublishStreamUrl(relayParam()); };
-    static const auto stopRelay = [](Adapter& adapter) { adapter.stopPublishStreamUrl(); };
-    static const auto startMix = [](Adapter& adapter) { adapter.setLiveMixTranscoding(kMixAtFirst()); };
-    static const auto updateMix = [](Adapter& adapter) { adapter.setLiveMixTranscoding(kMixThen()); };
-    static const auto cancelMix = [](Adapter& adapter) { adapter.stopLiveMixTranscoding(); };
     static const std::vector<Kind> all = {
-        {"RelayStart", "relay start", oracle::kAddRelay, oracle::kAddRelay, startRelay, startRelay},
-        {"RelayStop", "relay stop", oracle::kRemoveRelay, oracle::kAddRelay, startRelay, stopRelay},
-        {"MixStart", "mix start", oracle::kStartMix, oracle::kStartMix, startMix, updateMix},
-        {"MixCancel", "mix cancel", oracle::kCancelMix, oracle::kStartMix, startMix, cancelMix},
+        {"RelayStart", "relay start", oracle::kAddRelay},
+        {"RelayStop", "relay stop", oracle::kRemoveRelay},
+        {"MixStart", "mix start", oracle::kStartMix},
+        {"MixCancel", "mix cancel", oracle::kCancelMix},
     };
     return all;
 }
@@ -95,8 +86,7 @@ std::string faultTable() {
     return table;
 }
 
-// ---- A case
-// -------------------------------------------------------------------------------------------------------------
+// ---- A case ---------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -119,24 +109,13 @@ int ownPort() {
     return std::stoi(host.substr(host.find(':') + 1));
 }
 
-class TrustInTestAuthority {
-public:
-    explicit TrustInTestAuthority(const Fault& fault) {
-        std::ofstream(mFile) << testAuthority().pem();
-        vexalive::HttpOptions options;
-        options.connectTimeout = fault.connectTimeout;
-        options.totalTimeout = fault.totalTimeout;
-        options.caFile = mFile;
-        EXPECT_TRUE(vexalive::setHttpOptions(options));
-    }
-    ~TrustInTestAuthority() { std::filesystem::remove(mFile); }
-    TrustInTestAuthority(const TrustInTestAuthority&) = delete;
-    TrustInTestAuthority& operator=(const TrustInTestAuthority&) = delete;
-
-private:
-    const std::filesystem::path mFile =
-        std::filesystem::temp_directory_path() / ("vexalive-fault-matrix-" + std::to_string(getpid()) + ".pem");
-};
+void configureClient(const Fault& fault) {
+    vexalive::HttpOptions options;
+    options.connectTimeout = fault.connectTimeout;
+    options.totalTimeout = fault.totalTimeout;
+    options.caFile = testAuthorityFile();
+    EXPECT_TRUE(vexalive::setHttpOptions(options));
+}
 
 // The opening of a kind's trace; that of a mix start describes the mix.
 std::string openingOf(const Kind& kind, const std::string& firstBody, const std::string& trace) {
@@ -179,17 +158,16 @@ std::vector<T> from(size_t first, const std::vector<T>& all) {
     return {all.begin() + static_cast<std::ptrdiff_t>(std::min(first, all.size())), all.end()};
 }
 
-// A start goes well, then comes the fault, then the request of the kind under test.
+// Sends a start without a fault, injects the fault, and then sends the request of the kind under test.
 void runCase(const Case& testCase) {
     const Kind& kind = *testCase.kind;
     const Fault& fault = *testCase.fault;
     if (fault.where == Fault::kOwnNetwork) {
-        const std::string hindrance = enterOwnNetwork();
-        if (!hindrance.empty()) {
-            GTEST_SKIP() << hindrance;
+        if (const std::string error = enterOwnNetwork(); !error.empty()) {
+            GTEST_SKIP() << error;
         }
     }
-    const TrustInTestAuthority trust(fault);
+    configureClient(fault);
     const auto reports = std::make_shared<Journal<vexalive::EventReport>>();
     vexalive::setEventSink([reports](const vexalive::EventReport& report) { reports->add(report); });
     CaseEnvironment environment(ownPort(), kind.rules().interfaceName,
@@ -197,10 +175,10 @@ void runCase(const Case& testCase) {
     environment.serve(answering(httpResponse(200, R"({"code":0})")));
     Member member(kind.name);
 
-    kind.callStart(*member.adapter);
+    const oracle::Kind start = oracle::startOf(kind.request);
+    callOperation(*member.adapter, start, kMixUsers - 1);
     const int startCode = fault.isActiveFromTheStart() ? 1 : 0;
-    ASSERT_EQ(oracle::evaluate(kind.start, startCode, R"({"code":0})").notifications,
-              member.listener->calls.waitFor(1));
+    ASSERT_EQ(oracle::evaluate(start, startCode, R"({"code":0})").notifications, member.listener->calls.waitFor(1));
     ASSERT_EQ(1u, reports->waitFor(1).size());
     const size_t earlierSends = environment.sends().size();
     const size_t earlierPauses = requestedPauses().all().size();
@@ -209,7 +187,7 @@ void runCase(const Case& testCase) {
     if (!environment.reasonToSkip().empty()) {
         GTEST_SKIP() << environment.reasonToSkip();
     }
-    kind.call(*member.adapter);
+    callOperation(*member.adapter, kind.request, kMixUsers);
     environment.runMeanwhile();
     ASSERT_EQ(2u, reports->waitFor(2).size());
 
@@ -221,7 +199,7 @@ void runCase(const Case& testCase) {
     EXPECT_EQ(0, environment.otherRequests());
 
     const vexalive::EventReport report = reports->all()[1];
-    const std::string startInformation = kind.isMix() ? kMixThen().to_string() : relayParam().to_string();
+    const std::string startInformation = kind.isMix() ? mixConfig(kMixUsers).to_string() : relayParam().to_string();
     EXPECT_EQ(1400, report.sdkAppId);
     EXPECT_EQ(std::string("r1_") + kind.name, report.roomUser);
     EXPECT_EQ(10004, report.eventType);
@@ -236,21 +214,28 @@ void runCase(const Case& testCase) {
     EXPECT_EQ(expectedCalls(testCase), from(1, member.listener->calls.all()));
 }
 
-// The line that follows the test framework's word.
+// The first line of GTEST_SKIP's message.
 std::string reasonIn(const std::string& output) {
     const std::string word = "Skipped\n";
     const size_t reason = output.find(word) + word.size();
     return output.substr(reason, output.find('\n', reason) - reason);
 }
 
-class FaultMatrix : public testing::TestWithParam<Case> {};
+class FaultMatrix : public testing::TestWithParam<Case> {
+protected:
+    static void SetUpTestSuite() {
+        if (!isAlone) {
+            startCases();
+        }
+    }
+};
 
 TEST_P(FaultMatrix, MatchesTheOracle) {
     if (isAlone) {
         runCase(GetParam());
         return;
     }
-    const CaseProcesses::Outcome outcome = CaseProcesses::instance().await(GetParam().name());
+    const CaseOutcome outcome = awaitCase(GetParam().name());
     if (outcome.exitCode == kSkipped) {
         GTEST_SKIP() << reasonIn(outcome.output);
     }
@@ -282,7 +267,6 @@ int main(int argc, char** argv) {
     }
     isAlone = option == kAlone;
     if (!isAlone) {
-        testing::AddGlobalTestEnvironment(&CaseProcesses::instance());
         return RUN_ALL_TESTS();
     }
     vexalive::initialiseOpenSsl();  // as the platform would, had the test not been first

@@ -3,18 +3,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "Nginx.h"
-#include "base/ServiceAddress.h"
 #include "platform/Platform.h"
 #include "service/LiveService.h"
+#include "support/OwnService.h"
 #include "support/RoomMember.h"
 #include "support/TestCertificates.h"
 
@@ -22,40 +19,10 @@ namespace {
 
 constexpr int kAdapters = 100;
 
-// The request that all adapters send at once.
-struct Start {
-    const char* name;
-    void (*ask)(LiveTranscodingAdapter& adapter);
-    Call notified;
-};
+class ConnectionSharing : public testing::TestWithParam<oracle::Kind> {};
 
-class ConnectionSharing : public testing::TestWithParam<Start> {
-protected:
-    static void SetUpTestSuite() {
-        std::ofstream(caFile()) << testAuthority().pem();
-        vexalive::HttpOptions http;
-        http.caFile = caFile();
-        ASSERT_TRUE(vexalive::setHttpOptions(http));
-        vexalive::setLogSink([](auto&&...) {});
-        vexalive::setEventSink([](auto&&...) {});
-    }
-
-    static void TearDownTestSuite() { std::remove(caFile().c_str()); }
-
-    static std::string caFile() {
-        return testing::TempDir() + "vexalive-sharing-test-" + std::to_string(getpid()) + ".pem";
-    }
-};
-
-INSTANTIATE_TEST_SUITE_P(
-    , ConnectionSharing,
-    testing::Values(Start{"ARelay",
-                          [](LiveTranscodingAdapter& adapter) { adapter.startPublishStreamUrl(relayParam()); },
-                          {"startRelay", 0, "sucess"}},
-                    Start{"AMix",
-                          [](LiveTranscodingAdapter& adapter) { adapter.setLiveMixTranscoding(mixConfig()); },
-                          {"setMix", 0, "sucess"}}),
-    [](const auto& test) { return test.param.name; });
+INSTANTIATE_TEST_SUITE_P(, ConnectionSharing, testing::Values(oracle::kAddRelay, oracle::kStartMix),
+                         [](const auto& test) { return oracle::rulesOf(test.param).name; });
 
 TEST_P(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
     vexalive::LiveServiceOptions options;
@@ -63,18 +30,17 @@ TEST_P(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
     vexalive::LiveService service(options);
     ASSERT_TRUE(service.start());
     ASSERT_TRUE(Nginx::isInstalled());
-    const std::string host = kstf_get_live_service_host();
-    const Nginx nginx(std::stoi(host.substr(host.find(':') + 1)), "http", service.address());
+    const Nginx nginx(ownServicePort(), "http", service.address());
 
     std::vector<std::unique_ptr<Member>> members;
     for (int i = 0; i < kAdapters; ++i) {
         members.push_back(std::make_unique<Member>("u" + std::to_string(i)));
     }
     for (const auto& member : members) {
-        GetParam().ask(*member->adapter);
+        callOperation(*member->adapter, GetParam());
     }
     for (const auto& member : members) {
-        EXPECT_EQ(GetParam().notified, member->listener->calls.waitFor(1).at(0));
+        EXPECT_EQ((Call{oracle::rulesOf(GetParam()).name, 0, "sucess"}), member->listener->calls.waitFor(1).at(0));
     }
 
     const auto lines = nginx.log(kAdapters);
@@ -85,3 +51,12 @@ TEST_P(ConnectionSharing, AHundredAdaptersThatStartAtOnceShareOneConnection) {
 }
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleMock(&argc, argv);
+    vexalive::HttpOptions options;
+    options.caFile = testAuthorityFile();
+    vexalive::setLogSink([](auto&&...) {});
+    vexalive::setEventSink([](auto&&...) {});
+    return vexalive::setHttpOptions(options) ? RUN_ALL_TESTS() : 1;
+}

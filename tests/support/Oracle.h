@@ -36,6 +36,11 @@ constexpr Family familyOf(Kind kind) {
     return kind == kAddRelay || kind == kRemoveRelay ? kRelay : kMix;
 }
 
+// The kind that a request of this kind needs to have been sent before: the start of its family.
+constexpr Kind startOf(Kind kind) {
+    return familyOf(kind) == kRelay ? kAddRelay : kStartMix;
+}
+
 constexpr int kMaxRetries = 10;  // of a request
 constexpr const char* kNotInRoom = "not enterRoom status";
 

@@ -58,6 +58,24 @@ inline kstmedia::VexaTranscodingConfigInternal mixConfig(int users = 2) {
     return config;
 }
 
+// Calls the operation that sends a request of this kind. `users` are the inputs of a mix.
+inline void callOperation(LiveTranscodingAdapter& adapter, oracle::Kind kind, int users = 2) {
+    switch (kind) {
+        case oracle::kAddRelay:
+            adapter.startPublishStreamUrl(relayParam());
+            break;
+        case oracle::kRemoveRelay:
+            adapter.stopPublishStreamUrl();
+            break;
+        case oracle::kStartMix:
+            adapter.setLiveMixTranscoding(mixConfig(users));
+            break;
+        case oracle::kCancelMix:
+            adapter.stopLiveMixTranscoding();
+            break;
+    }
+}
+
 // A member of the room "r1" who has entered it.
 struct Member {
     explicit Member(const std::string& userId, const std::string& userSig = "signature",

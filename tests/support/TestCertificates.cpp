@@ -4,9 +4,12 @@
 #include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 namespace {
 
@@ -86,6 +89,16 @@ std::string TestCertificate::keyPem() const {
 const TestCertificate& testAuthority() {
     static const TestCertificate authority = make({"Trusted test authority", nullptr, -kDay, kDay}, nullptr);
     return authority;
+}
+
+const std::string& testAuthorityFile() {
+    static const struct File {
+        File() { std::ofstream(path) << testAuthority().pem(); }
+        ~File() { std::remove(path.c_str()); }
+        const std::string path =
+            std::filesystem::temp_directory_path() / ("vexalive-test-authority-" + std::to_string(getpid()) + ".pem");
+    } file;
+    return file.path;
 }
 
 TestCertificate makeServerCertificate(CertificateFault fault) {

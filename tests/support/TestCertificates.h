@@ -20,6 +20,9 @@ struct TestCertificate {
 // The authority that the tests trust; the same at every call.
 const TestCertificate& testAuthority();
 
+// The path of a file with the authority's certificate; removed when the process exits.
+const std::string& testAuthorityFile();
+
 enum class CertificateFault { kNone, kExpired, kOtherHost, kSelfSigned, kUnknownAuthority };
 
 // A server's certificate for localhost and 127.0.0.1, good or with one fault.
