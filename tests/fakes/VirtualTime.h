@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <optional>
 
-#include "base/KstMessageLoop.h"
+// Angle brackets search the include path only, which #include_next in that header relies on.
+#include <base/KstMessageLoop.h>
 
 class VirtualTime {
 public:

@@ -10,23 +10,16 @@
 #include <algorithm>
 #include <chrono>
 #include <deque>
-#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
 
-// A task that must not run before its deadline.
-struct DelayTask {
-    std::chrono::steady_clock::time_point deadline;
-    std::function<void()> task;
-};
-
-// The heap's order: the earliest deadline comes to the front. Equal deadlines have no order.
-struct DelayTaskCmp {
-    bool operator()(const DelayTask& a, const DelayTask& b) const { return a.deadline > b.deadline; }
-};
+// The tasks are the real loop's.
+#define KstMessageLoop KstRealMessageLoop
+#include_next "base/KstMessageLoop.h"
+#undef KstMessageLoop
 
 class KstMessageLoop : public std::enable_shared_from_this<KstMessageLoop> {
 public:
@@ -98,14 +91,13 @@ private:
             return {};
         }
         requireOwner();
-        auto packaged = std::make_shared<std::packaged_task<void()>>(std::forward<F>(task));
-        std::future<void> done = packaged->get_future();
-        std::function<void()> entry = [packaged = std::move(packaged)] { (*packaged)(); };
+        KstTask packaged(std::forward<F>(task));
+        std::future<void> done = packaged.future();
         if (delay) {
-            mDelayed.push_back({deadlineAfter(*delay), std::move(entry)});
+            mDelayed.push_back({deadlineAfter(*delay), std::move(packaged)});
             std::push_heap(mDelayed.begin(), mDelayed.end(), DelayTaskCmp());
         } else {
-            mTasks.push_back(std::move(entry));
+            mTasks.push_back(std::move(packaged));
         }
         return done;
     }
@@ -135,13 +127,13 @@ private:
         if (mTasks.empty()) {
             return false;
         }
-        const std::function<void()> task = std::move(mTasks.front());
+        KstTask task = std::move(mTasks.front());
         mTasks.pop_front();
         task();
         return true;
     }
 
-    std::deque<std::function<void()>> mTasks;
+    std::deque<KstTask> mTasks;
     std::vector<DelayTask> mDelayed;
     bool mStopped = false;
 };
