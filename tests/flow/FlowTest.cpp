@@ -25,76 +25,60 @@ using kstmedia::VexaMixUserInternal;
 using kstmedia::VexaPublishCDNParamInternal;
 using kstmedia::VexaTranscodingConfigInternal;
 
-// ---- What is seen ---------------------------------------------------------------------------------------------------
-
-std::ostream& operator<<(std::ostream& out, const Kind& kind) {
-    return out << kind.name;
-}
+// ---- The kinds ------------------------------------------------------------------------------------------------------
 
 std::string nameOfKind(const ::testing::TestParamInfo<Kind>& kind) {
-    return kind.param.name;
+    return rulesOf(kind.param).name;
 }
 
-std::string filled(std::string format, const std::vector<std::string>& texts) {
-    size_t from = 0;
-    for (const std::string& text : texts) {
-        const size_t field = format.find('%', from);
-        const size_t end = format.find_first_of("dsu", field);
-        format.replace(field, end + 1 - field, text);
-        from = field + text.size();
-    }
-    return format;
+namespace {
+
+struct LogNames {
+    const char* function;  // of the first send
+    const char* first;     // begins the lines of the first attempt
+    const char* retry;     // begins those of the retries
+    const char* counter;   // in the lines of the sends
+    const char* retryCounter;
+};
+constexpr LogNames kLogNames[] = {
+    {"addPublishUrlInner", "addPublishUrlInner ", "retryAddPublishUrlInner ", "retryStartCdnCnt", "retryStartCdnCnt"},
+    {"removePublishUrlInner", "removePublishUrlInner ", "retryRemovePublishUrlInner ", "retryStartCdnCnt",
+     "retryStartCdnCnt"},
+    {"startMixStream", "startMixStream ", "retryStartMixStream ", "retryStartMixCnt", "retryStartMixCnt"},
+    {"cancelMixStream", "", "", "retryCancelMixCnt", "retryStartMixCnt"},
+};
+
+}  // namespace
+
+Logged sendLog(Kind kind, int index, int retries, const std::string& body) {
+    const LogNames& names = kLogNames[kind];
+    const bool isRetry = retries > 0;
+    return {2, isRetry ? "operator()" : names.function,
+            (isRetry ? names.retry : names.first) + ("index: " + std::to_string(index)) + ", " +
+                (isRetry ? names.retryCounter : names.counter) + ":" + std::to_string(retries) + ", jsonStr: " + body};
 }
 
-void RecordingListener::add(const char* operation, int code, const std::string& text) {
-    FakePlatform::instance().order.push_back(operation);
-    mNotified.push_back({operation, code, text});
-    if (onCall) {
-        onCall();
-    }
+Logged responseLog(Kind kind, int index, bool isRetry, const std::string& retCode, const std::string& response) {
+    return {2, "operator()",
+            (isRetry ? kLogNames[kind].retry : kLogNames[kind].first) + ("index: " + std::to_string(index)) +
+                ", ret: " + retCode + ", respData: " + response};
 }
-
-// ---- The four kinds -------------------------------------------------------------------------------------------------
-
-// clang-format off
-const Kind kAddRelay = {
-    "AddRelay", true, true, 0, "add_relay_stream_url", "onStartPublishStreamUrl",
-    -3321, -3323, -200000, 30, "addPublishUrlInner",
-    "addPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-    "addPublishUrlInner index: %d, ret: %lu, respData: %s",
-    "retryAddPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-    "retryAddPublishUrlInner index: %d, ret: %lu, respData: %s"};
-
-const Kind kRemoveRelay = {
-    "RemoveRelay", true, false, 1, "remove_relay_stream_url", "onStopPublishStreamUrl",
-    -3321, -3323, -200000, 30, "removePublishUrlInner",
-    "removePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-    "removePublishUrlInner index: %d, ret: %lu, respData: %s",
-    "retryRemovePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
-    "retryRemovePublishUrlInner index: %d, ret: %lu, respData: %s"};
-
-const Kind kStartMix = {
-    "StartMix", false, true, 2, "set_live_mix_transcoding", "onSetLiveMixTranscoding",
-    -3322, -3324, -300000, 31, "startMixStream",
-    "startMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
-    "startMixStream index: %d, ret: %lu, respData: %s",
-    "retryStartMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
-    "retryStartMixStream index: %d, ret: %lu, respData: %s"};
-
-const Kind kCancelMix = {
-    "CancelMix", false, false, 3, "set_live_mix_transcoding", "onStopLiveMixTranscoding",
-    -3322, -3324, -300000, 31, "cancelMixStream",
-    "index: %d, retryCancelMixCnt:%d, jsonStr: %s",
-    "index: %d, ret: %lu, respData: %s",
-    "index: %d, retryStartMixCnt:%d, jsonStr: %s",
-    "index: %d, ret: %lu, respData: %s"};
-
-// clang-format on
 
 // ---- Given ----------------------------------------------------------------------------------------------------------
 
 FlowTest::FlowTest() {
     mPlatform.reset();
+    mListener->during = [this](const Call& call) {
+        mPlatform.order.push_back(call.operation);
+        mNotified.push_back(call);
+        if (onCall) {
+            onCall();
+        }
+    };
+    makeAdapter();
+}
+
+void FlowTest::makeAdapter() {
     mAdapter = std::make_shared<LiveTranscodingAdapter>();
     mAdapter->setLiveTranscodingDelegate(mListener);
 }
@@ -117,10 +101,10 @@ void FlowTest::givenInRoom() {
 }
 
 // A stop is only sent when something was started before.
-void FlowTest::givenSent(const Kind& kind) {
+void FlowTest::givenSent(Kind kind) {
     givenInRoom();
-    if (!kind.isStart) {
-        begin(kind.isRelay ? kAddRelay : kStartMix);
+    if (!isStart(kind)) {
+        begin(startOf(kind));
         respondOk();
         clearRecords();
     }
@@ -128,7 +112,7 @@ void FlowTest::givenSent(const Kind& kind) {
     ASSERT_EQ(requests().size(), 1u);
 }
 
-void FlowTest::givenRetrySent(const Kind& kind) {
+void FlowTest::givenRetrySent(Kind kind) {
     givenSent(kind);
     failAndWaitForRetry();
     ASSERT_EQ(requests().size(), 2u);
@@ -164,8 +148,8 @@ void FlowTest::checkInvariants() const {
         EXPECT_EQ(report.information.rfind("sdkver:9.8.7 ", 0), 0u) << report.information;
         expectNoSecretIn(report.roomUser + report.information + report.detail);
     }
-    for (const Notified& call : mNotified) {
-        expectNoSecretIn(call.message);
+    for (const Call& call : mNotified) {
+        expectNoSecretIn(*call.message);
     }
     for (const FakePlatform::Request& request : mPlatform.requests) {
         expectNoSecretIn(request.body);
@@ -213,17 +197,6 @@ VexaTranscodingConfigInternal FlowTest::mix(std::vector<VexaMixUserInternal> use
     return config;
 }
 
-std::string FlowTest::mixText(const std::string& users) {
-    return "mode:3, appId:12345, bizId:8888, width:720, height:1280, bitrate:1500, fps:20, gop:2, "
-           "audio_samplerate:48000, audio_bitrate:64, audio_channel:2" +
-           users;
-}
-
-std::string FlowTest::mixText() {
-    return mixText(
-        " mixUser1:[userId:alice, roomId:, rect:(x:0-y:0-w:720-h:1280), zOrder:1, pureAudio:0, streamType:0]");
-}
-
 // ---- When -----------------------------------------------------------------------------------------------------------
 
 void FlowTest::startRelay(const VexaPublishCDNParamInternal& param) {
@@ -236,16 +209,29 @@ void FlowTest::startMix(const VexaTranscodingConfigInternal& config) {
     run();
 }
 
-void FlowTest::call(const Kind& kind) {
-    if (kind.isRelay) {
-        kind.isStart ? mAdapter->startPublishStreamUrl(relay()) : mAdapter->stopPublishStreamUrl();
-    } else {
-        kind.isStart ? static_cast<void>(mAdapter->setLiveMixTranscoding(mix())) : mAdapter->stopLiveMixTranscoding();
+void FlowTest::call(Kind kind) {
+    switch (kind) {
+        case kAddRelay:
+            return mAdapter->startPublishStreamUrl(relay());
+        case kRemoveRelay:
+            return mAdapter->stopPublishStreamUrl();
+        case kStartMix:
+            return static_cast<void>(mAdapter->setLiveMixTranscoding(mix()));
+        case kCancelMix:
+            return mAdapter->stopLiveMixTranscoding();
     }
 }
 
-void FlowTest::callRefused(const Kind& start) {
-    if (start.isRelay) {
+void FlowTest::callOther(Kind start) {
+    if (isRelay(start)) {
+        mAdapter->startPublishStreamUrl(relay(kOtherUrl));
+    } else {
+        mAdapter->setLiveMixTranscoding(mix({user("bob", 1)}));
+    }
+}
+
+void FlowTest::callRefused(Kind start) {
+    if (isRelay(start)) {
         mAdapter->startPublishStreamUrl(relay(""));
     } else {
         VexaTranscodingConfigInternal incomplete = mix();
@@ -254,13 +240,9 @@ void FlowTest::callRefused(const Kind& start) {
     }
 }
 
-void FlowTest::begin(const Kind& kind) {
+void FlowTest::begin(Kind kind) {
     call(kind);
     run();
-}
-
-void FlowTest::stopLoop() {
-    VirtualTime::newestLoop().stop();
 }
 
 void FlowTest::enterRoom(const std::string& roomId, const std::string& mapKey) {
@@ -280,12 +262,20 @@ size_t FlowTest::oldestOpenRequest() const {
     return static_cast<size_t>(open - all.begin());
 }
 
+std::vector<Kind> FlowTest::sent() const {
+    std::vector<Kind> kinds;
+    for (const FakePlatform::Request& request : requests()) {
+        kinds.push_back(static_cast<Kind>(request.client));
+    }
+    return kinds;
+}
+
 bool FlowTest::hasOpenRequest() const {
     return oldestOpenRequest() != requests().size();
 }
 
 void FlowTest::respond(int retCode, const std::string& body) {
-    ASSERT_TRUE(hasOpenRequest()) << "there is no open request";
+    ASSERT_TRUE(hasOpenRequest());
     respondTo(oldestOpenRequest(), retCode, body);
 }
 
@@ -296,7 +286,7 @@ void FlowTest::respondTo(size_t request, int retCode, const std::string& body) {
 }
 
 void FlowTest::failAndWaitForRetry() {
-    respond(kTryAgain, "");
+    respond(kRetryable, "");
     VirtualTime::runUntilQuiet();
 }
 
@@ -330,11 +320,6 @@ int FlowTest::eventId(size_t request) const {
     return kFirstEventId + mPlatform.requestsEver - static_cast<int>(requests().size() - request);
 }
 
-std::string FlowTest::traceSegment(int counter, int retCode, const std::string& response) {
-    return " [tryHttp:cnt-" + std::to_string(counter) + "]retCode:" + std::to_string(retCode) +
-           ", respData:" + response;
-}
-
 std::vector<int64_t> FlowTest::delays() const {
     std::vector<int64_t> all;
     for (size_t i = 1; i < requests().size(); ++i) {
@@ -344,9 +329,13 @@ std::vector<int64_t> FlowTest::delays() const {
     return all;
 }
 
-void FlowTest::expectNoEffects() const {
+void FlowTest::expectNeitherNotifiedNorReported() const {
     EXPECT_THAT(notified(), ::testing::IsEmpty());
     EXPECT_THAT(reports(), ::testing::IsEmpty());
+}
+
+void FlowTest::expectNoEffects() const {
+    expectNeitherNotifiedNorReported();
     EXPECT_THAT(log(), ::testing::IsEmpty());
     EXPECT_THAT(requests(), ::testing::SizeIs(0));
 }

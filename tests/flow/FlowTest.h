@@ -1,5 +1,4 @@
-// What every scenario about the adapter starts from: an adapter on fakes, a listener that records its calls,
-// and words for what is given, what happens and what is to be seen.
+// The fixture of the adapter's tests: an adapter on fakes, a listener that records its calls, and operations on both.
 
 #ifndef VEXALIVE_FLOW_FLOW_TEST_H
 #define VEXALIVE_FLOW_FLOW_TEST_H
@@ -14,26 +13,30 @@
 #include <ostream>
 #include <string>
 #include <tuple>
-#include <type_traits>
 #include <vector>
 
 #include "Com/LiveTranscodingAdapter.h"
 #include "FakePlatform.h"
 #include "VirtualTime.h"
 #include "base/KstMessageLoop.h"
+#include "support/Oracle.h"
+#include "support/RoomMember.h"
 
-// One call of the listener.
-struct Notified {
-    std::string operation;
-    int code;
-    std::string message;
-};
+using oracle::kAddRelay;
+using oracle::kCancelMix;
+using oracle::Kind;
+using oracle::kNotInRoom;
+using oracle::kRemoveRelay;
+using oracle::kStartMix;
+using oracle::rulesOf;
+using oracle::traceSegment;
 
 // One room event report, without the arguments that are the same in all of them.
 struct Reported {
     int event;
     std::string information;
     std::string detail;
+    auto members() const { return std::tie(event, information, detail); }
 };
 
 // One log line, without file and line number.
@@ -41,69 +44,37 @@ struct Logged {
     int level;
     std::string function;
     std::string text;
+    auto members() const { return std::tie(level, function, text); }
 };
 
 template <class Record>
-using EnableForRecord = std::enable_if_t<std::is_same_v<Record, Notified> || std::is_same_v<Record, Reported> ||
-                                         std::is_same_v<Record, Logged>>;
-template <class Record, class = EnableForRecord<Record>>
-auto membersOf(const Record& record) {
-    const auto& [first, second, third] = record;
-    return std::tie(first, second, third);
+auto operator==(const Record& a, const Record& b) -> decltype(a.members() == b.members()) {
+    return a.members() == b.members();
 }
-template <class Record, class = EnableForRecord<Record>>
-bool operator==(const Record& a, const Record& b) {
-    return membersOf(a) == membersOf(b);
-}
-template <class Record, class = EnableForRecord<Record>>
-std::ostream& operator<<(std::ostream& out, const Record& record) {
-    return out << ::testing::PrintToString(membersOf(record));
+template <class Record>
+auto operator<<(std::ostream& out, const Record& record) -> decltype(record.members(), out) {
+    return out << ::testing::PrintToString(record.members());
 }
 
-// A printf format with its fields replaced by these texts, in order.
-std::string filled(std::string format, const std::vector<std::string>& texts);
+constexpr bool isRelay(Kind kind) {
+    return oracle::familyOf(kind) == oracle::kRelay;
+}
+constexpr bool isStart(Kind kind) {
+    return kind == kAddRelay || kind == kStartMix;
+}
+constexpr Kind startOf(Kind kind) {
+    return isRelay(kind) ? kAddRelay : kStartMix;
+}
+constexpr Kind stopOf(Kind kind) {
+    return isRelay(kind) ? kRemoveRelay : kCancelMix;
+}
 
-class RecordingListener : public ILiveTrancodingDelegate {
-public:
-    explicit RecordingListener(std::vector<Notified>& notified) : mNotified(notified) {}
-
-    void onStartPublishStreamUrl(int code, std::string text) override { add("onStartPublishStreamUrl", code, text); }
-    void onStopPublishStreamUrl(int code, std::string text) override { add("onStopPublishStreamUrl", code, text); }
-    void onSetLiveMixTranscoding(int code, std::string text) override { add("onSetLiveMixTranscoding", code, text); }
-    void onStopLiveMixTranscoding(int code, std::string text) override { add("onStopLiveMixTranscoding", code, text); }
-
-    std::function<void()> onCall;  // what the application does inside the call
-
-private:
-    void add(const char* operation, int code, const std::string& text);
-
-    std::vector<Notified>& mNotified;
-};
-
-// One kind of request, for the tests that hold for several.
-struct Kind {
-    const char* name;
-    bool isRelay;
-    bool isStart;
-    size_t client;
-    const char* interfaceName;
-    const char* operation;
-    int transportCode;
-    int unreadableCode;
-    int serverBase;
-    int event;
-    const char* sendFunction;
-    const char* sendLog;  // the formats of the log lines
-    const char* responseLog;
-    const char* retrySendLog;
-    const char* retryResponseLog;
-};
-extern const Kind kAddRelay;
-extern const Kind kRemoveRelay;
-extern const Kind kStartMix;
-extern const Kind kCancelMix;
-std::ostream& operator<<(std::ostream& out, const Kind& kind);
+inline const auto kAllKinds = ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix);
 std::string nameOfKind(const ::testing::TestParamInfo<Kind>& kind);
+
+// The log lines of a send, whose first attempt has 0 `retries`, and of a response.
+Logged sendLog(Kind kind, int index, int retries, const std::string& body);
+Logged responseLog(Kind kind, int index, bool isRetry, const std::string& retCode, const std::string& response);
 
 class FlowTest : public ::testing::Test {
 protected:
@@ -115,96 +86,112 @@ protected:
     static constexpr int kAppId = 12345;
     static constexpr int kBizId = 8888;
     static constexpr const char* kUrl = "rtmp://cdn.test/live/alice";
-    // The text of relay(), as reports show it.
-    static constexpr const char* kRelayText = "appId:12345, bizId:8888, url:rtmp://cdn.test/live/alice";
-    // The stream id of user alice in room7 under biz id 8888; the digits are the MD5 digest of room7_alice_main.
+    static constexpr const char* kOtherUrl = "rtmp://cdn.test/live/other";
+    // Stream ids of biz id 8888: the digits are the MD5 digests of room7_alice_main, room7_bob_main, room7_bob_aux and
+    // room9_carol_main.
     static constexpr const char* kAliceMain = "8888_fcbd0847daa9c600a757e0d48049b252";
-    // Digests of room7_bob_main, room7_bob_aux and room9_carol_main.
     static constexpr const char* kBobMain = "8888_b2d700c9449aa7a1002cd7ceaceabdca";
     static constexpr const char* kBobAux = "8888_ce6e4df164874a065e29aa850597c657";
     static constexpr const char* kCarolInRoom9 = "8888_c267e750c1ce9dcf82badee0c60aaef8";
 
     static constexpr const char* kOk = R"({"code":0,"message":"fine"})";
-    static constexpr int kTryAgain = 1;  // the return code that is always retried
-    static constexpr int kFirstEventId =
-        3'487'929;  // of the process: 1,700,000,000,000 ms by 32 bits, in seconds, + 11
+    static constexpr int kRetryable = 1;  // the return code that is always retried
+    // Of the process: 1,700,000,000,000 ms modulo 2^32, in seconds, + 11.
+    static constexpr int kFirstEventId = 3'487'929;
 
     FlowTest();
     ~FlowTest() override;
 
-    // ---- given
+    // ---- Given
+    void makeAdapter();  // in place of the one before
     void givenUser();    // alice
     void givenInRoom();  // alice in room7
     void givenNoListener() { mListener.reset(); }
-    // A request of this kind has been sent, with nothing recorded before it.
-    void givenSent(const Kind& kind);
+    // A request of this kind was sent; no effect before it is recorded.
+    void givenSent(Kind kind);
     // The same, with its first response retried and the first retry sent.
-    void givenRetrySent(const Kind& kind);
+    void givenRetrySent(Kind kind);
     void clearAllButRequests();
-    // Starts the record anew. What was recorded so far is checked for what never may be in it.
+    // Checks the invariants of the effects recorded so far, and forgets these.
     void clearRecords();
 
-    // ---- records
+    // ---- Records
     static kstmedia::VexaPublishCDNParamInternal relay(const std::string& url = kUrl);
     static kstmedia::VexaMixUserInternal user(const std::string& userId, int zOrder);
     static kstmedia::VexaMixUserInternal audioUser(const std::string& userId);
     // A complete configuration with these inputs, for kAppId and kBizId.
     static kstmedia::VexaTranscodingConfigInternal mix(std::vector<kstmedia::VexaMixUserInternal> users);
     static kstmedia::VexaTranscodingConfigInternal mix() { return mix({user("alice", 1)}); }
-    // The text of mix() with these inputs' texts, as reports show it.
-    static std::string mixText(const std::string& users);
-    static std::string mixText();
+    // What reports say of relay() and mix().
+    static std::string startInformation(Kind kind) { return isRelay(kind) ? relay().to_string() : mix().to_string(); }
+    static std::string member(const std::string& key, const std::string& value) {
+        return '"' + key + "\":\"" + value + '"';  // of a JSON object
+    }
 
-    // ---- when
-    // Each of these runs all that is due afterwards.
-    void startRelay(const kstmedia::VexaPublishCDNParamInternal& param = relay());
-    void startMix(const kstmedia::VexaTranscodingConfigInternal& config = mix());
-    void begin(const Kind& kind);  // the kind's own operation
-    void enterRoom(const std::string& roomId = "room7", const std::string& mapKey = kMapKey);
-    void reset();
-    // The kind's own operation, and a start of the kind with a missing field; both without running the task.
-    void call(const Kind& kind);
-    void callRefused(const Kind& start);
-    static void stopLoop();  // of the newest adapter
+    // ---- When
+    // These only post a task: the kind's own operation, another start, and a start with a missing field.
+    void call(Kind kind);
+    void callOther(Kind start);
+    void callRefused(Kind start);
+    // All others run the tasks that are due afterwards.
     void run() { VirtualTime::runDue(); }
     void pass(Milliseconds time) { VirtualTime::advance(time); }
-    // Responds to the oldest request without an response, or one of the requests; and then runs all that is due.
+    void begin(Kind kind);  // the kind's own operation
+    void startRelay(const kstmedia::VexaPublishCDNParamInternal& param = relay());
+    void startMix(const kstmedia::VexaTranscodingConfigInternal& config = mix());
+    void enterRoom(const std::string& roomId = "room7", const std::string& mapKey = kMapKey);
+    void reset();
+    // Responds to the oldest open request.
     void respond(int retCode, const std::string& body);
     void respondOk() { respond(0, kOk); }
     void respondTo(size_t request, int retCode, const std::string& body);
-    // Responds to "try again" and lets the time pass until the retry has been sent.
+    // Fails the oldest open request and waits until its retry has been sent.
     void failAndWaitForRetry();
-    // Responds to every request with these until none comes any more.
+    // Responds to every request until no further one is sent.
     void respondToAll(int retCode, const std::string& body);
 
-    // ---- then
-    const std::vector<Notified>& notified() const { return mNotified; }
+    // ---- Then
+    const std::vector<Call>& notified() const { return mNotified; }
     std::vector<Reported> reports() const;
     std::vector<Logged> log() const;
     const std::vector<FakePlatform::Request>& requests() const { return mPlatform.requests; }
     const FakePlatform::Request& request(size_t number) const { return mPlatform.requests.at(number); }
     const std::string& body(size_t number) const { return request(number).body; }
+    std::vector<Kind> sent() const;  // the kinds of all requests
     bool hasOpenRequest() const;
-    // Of a request since the record began: each request of the process has one more than the one before.
+    // Of a request since the last clearRecords(); consecutive in the process.
     int eventId(size_t request) const;
-    // One response in a trace.
-    static std::string traceSegment(int counter, int retCode, const std::string& response);
-    // When each request was sent, in milliseconds from the one before.
+    // Milliseconds between one request and the next.
     std::vector<int64_t> delays() const;
+    void expectNeitherNotifiedNorReported() const;
     void expectNoEffects() const;
 
     // Runs once, inside the next digest of a stream id.
     inline static std::function<void()> onDigest;
 
     FakePlatform& mPlatform = FakePlatform::instance();
-    std::vector<std::string> mSecrets{kUserSig, kMapKey};  // what may be seen nowhere but in addresses
-    std::vector<Notified> mNotified;
-    std::shared_ptr<RecordingListener> mListener = std::make_shared<RecordingListener>(mNotified);
+    std::vector<std::string> mSecrets{kUserSig, kMapKey};  // allowed in addresses only
+    std::vector<Call> mNotified;
+    std::function<void()> onCall;  // runs inside each listener call
+    std::shared_ptr<Listener> mListener = std::make_shared<Listener>();
     std::shared_ptr<LiveTranscodingAdapter> mAdapter;
 
 private:
     void checkInvariants() const;
     size_t oldestOpenRequest() const;
+};
+
+// For the tests that hold for several kinds.
+class KindTest : public FlowTest, public ::testing::WithParamInterface<Kind> {
+protected:
+    Kind kind() const { return GetParam(); }
+    Kind start() const { return startOf(kind()); }
+    Kind startOfTheOtherFamily() const { return isRelay(kind()) ? kStartMix : kAddRelay; }
+    std::string reportEvent() const { return "report " + std::to_string(rulesOf(kind()).event); }
+    Call succeeded() const { return {rulesOf(kind()).name, 0, "sucess"}; }
+    Call failedWithRetCode1() const {
+        return {rulesOf(kind()).name, rulesOf(kind()).transportCode, "http post return error\uff0c retcode:1"};
+    }
 };
 
 #endif

@@ -11,13 +11,11 @@ using ::testing::SizeIs;
 class RelayStartTest : public FlowTest {
 protected:
     static constexpr const char* kInvalid = "startPublishStreamUrl failure, param is invalid";
-    static constexpr const char* kOtherUrl = "rtmp://cdn.test/live/other";
 
     static VexaPublishCDNParamInternal param(int appId, int bizId, const std::string& url) {
-        VexaPublishCDNParamInternal made;
+        VexaPublishCDNParamInternal made = relay(url);
         made.appId = appId;
         made.bizId = bizId;
-        made.url = url;
         return made;
     }
 
@@ -45,7 +43,7 @@ TEST_F(RelayStartTest, IncompleteParameterIsNotifiedAndReportedAndNothingIsSent)
 
         EXPECT_THAT(log(),
                     ElementsAre(Logged{4, "operator()", "error: url invalid url = " + incomplete.url + ", " + ids}));
-        EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", -3323, kInvalid}));
+        EXPECT_THAT(notified(), ElementsAre(Call{"startRelay", -3323, kInvalid}));
         EXPECT_THAT(reports(), ElementsAre(Reported{30, ids + (", url:" + incomplete.url), kInvalid}));
         EXPECT_THAT(requests(), IsEmpty());
     }
@@ -60,19 +58,16 @@ TEST_F(RelayStartTest, NegativeIdsAreAccepted) {
     EXPECT_THAT(body(0), HasSubstr(R"({"appid":-1,"dest_stream_url":"rtmp://a","domain":"-2.push.test",)"));
 }
 
-TEST_F(RelayStartTest, RefusedParameterLeavesTheStoredOneInForce) {
-    givenInRoom();
-    startRelay();
-    respond(kTryAgain, "");
+TEST_F(RelayStartTest, RefusedParameterDoesNotReplaceTheStoredOne) {
+    givenSent(kAddRelay);
+    respond(kRetryable, "");
 
     startRelay(relay(""));
     pass(Milliseconds(1000));
 
     // The retry of the first start is not checked for its generation and still carries the first address.
-    EXPECT_THAT(body(1), HasSubstr(std::string("\"dest_stream_url\":\"") + kUrl));
+    EXPECT_THAT(body(1), HasSubstr(member("dest_stream_url", kUrl)));
 }
-
-// ---- Superseded before it was sent ----------------------------------------------------------------------------------
 
 TEST_F(RelayStartTest, ParameterIsCopiedInTheCall) {
     givenInRoom();
@@ -85,8 +80,7 @@ TEST_F(RelayStartTest, ParameterIsCopiedInTheCall) {
     EXPECT_THAT(body(0), HasSubstr(kUrl));
 }
 
-// ---- Sent and responded to
-// ---------------------------------------------------------------------------------------------
+// ---- Sent -----------------------------------------------------------------------------------------------------------
 
 TEST_F(RelayStartTest, StartInTheRoomSendsTheRelaysBodyAndReportsIt) {
     givenInRoom();
@@ -95,18 +89,17 @@ TEST_F(RelayStartTest, StartInTheRoomSendsTheRelaysBodyAndReportsIt) {
 
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_EQ(body(0), relayBody(0, kUrl, 1000));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
+    expectNeitherNotifiedNorReported();
 
     respondOk();
 
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onStartPublishStreamUrl", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Call{"startRelay", 0, "sucess"}));
     EXPECT_THAT(reports(),
-                ElementsAre(Reported{30, kRelayText,
+                ElementsAre(Reported{30, relay().to_string(),
                                      body(0) + R"( [tryHttp:cnt-10]retCode:0, respData:{"code":0,"message":"fine"})"}));
 }
 
-TEST_F(RelayStartTest, DestinationOfAnyTextIsSentAsJsonAndReportedWhole) {
+TEST_F(RelayStartTest, DestinationOfAnyCharactersIsSentAsJsonAndReportedWhole) {
     const std::string longUrl = "rtmp://" + std::string(5000, 'u');
     const std::pair<std::string, std::string> cases[] = {
         {"rtmp://h/\"q\" \\b\t\n\x01 é中 %d", R"(rtmp://h/\"q\" \\b\t\n\u0001 é中 %d)"},
@@ -128,12 +121,11 @@ TEST_F(RelayStartTest, DestinationOfAnyTextIsSentAsJsonAndReportedWhole) {
 // ---- Retried --------------------------------------------------------------------------------------------------------
 
 TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
-    givenInRoom();
-    startRelay();
-    respond(kTryAgain, "");
+    givenSent(kAddRelay);
+    respond(kRetryable, "");
     startRelay(relay(kOtherUrl));
     pass(Milliseconds(500));
-    respondTo(1, kTryAgain, "");
+    respondTo(1, kRetryable, "");
     clearRecords();
 
     pass(Milliseconds(1000));
@@ -142,22 +134,17 @@ TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
     EXPECT_EQ(body(0), relayBody(0, kOtherUrl, 1001));
     EXPECT_EQ(body(1), relayBody(1, kOtherUrl, 1001));
     // Both show the counter of the newest start.
-    EXPECT_THAT(
-        log(),
-        ElementsAre(
-            Logged{2, "operator()", "retryAddPublishUrlInner index: 1, retryStartCdnCnt:1, jsonStr: " + body(0)},
-            Logged{2, "operator()", "retryAddPublishUrlInner index: 2, retryStartCdnCnt:1, jsonStr: " + body(1)}));
+    EXPECT_THAT(log(), ElementsAre(sendLog(kAddRelay, 1, 1, body(0)), sendLog(kAddRelay, 2, 1, body(1))));
 }
 
 TEST_F(RelayStartTest, StopWhileARetryWaitsLetsItSendTheAddressAndZeroesItsCounter) {
-    givenInRoom();
-    startRelay();
-    respond(kTryAgain, "");
+    givenSent(kAddRelay);
+    respond(kRetryable, "");
     begin(kRemoveRelay);
 
     pass(Milliseconds(1000));
 
     ASSERT_THAT(requests(), SizeIs(3));
     EXPECT_EQ(body(2), relayBody(2, kUrl, 1001));
-    EXPECT_EQ(log().back().text, "retryAddPublishUrlInner index: 1, retryStartCdnCnt:10, jsonStr: " + body(2));
+    EXPECT_EQ(log().back(), sendLog(kAddRelay, 1, 10, body(2)));
 }

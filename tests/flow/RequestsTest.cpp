@@ -48,26 +48,9 @@ TEST_F(RequestsTest, NumberThatIsNoKindHasTheRelaysCodesAndRetriesNoServiceCode)
     }
 }
 
-TEST_F(RequestsTest, EmptyListOfUsersIsPureAudioAndIsRefusedInEveryMix) {
-    EXPECT_TRUE(requests::isPureAudio({}));
+TEST_F(RequestsTest, EmptyListOfUsersIsRefusedInEveryMix) {
     EXPECT_EQ(requests::checkMixUsers({}, true).error, MixUsersError::kNoUsers);
     EXPECT_EQ(requests::checkMixUsers({}, false).error, MixUsersError::kNoUsers);
-}
-
-TEST_F(RequestsTest, CheckOfTheSameUsersDependsOnTheMix) {
-    EXPECT_EQ(requests::checkMixUsers({user("a", 1), user("b", 1)}, true).error, MixUsersError::kNone);
-    EXPECT_EQ(requests::checkMixUsers({user("a", 1), user("b", 1)}, false).error, MixUsersError::kLayerNotUnique);
-    EXPECT_EQ(requests::checkMixUsers({user("a", 1), user("b", 2)}, false).error, MixUsersError::kNone);
-}
-
-TEST_F(RequestsTest, ClearSetsEveryNumberButTheModeToZeroAndRemovesTheUsers) {
-    kstmedia::VexaTranscodingConfigInternal config = mix();
-
-    requests::clear(config);
-
-    EXPECT_EQ(config.to_string(),
-              "mode:3, appId:0, bizId:0, width:0, height:0, bitrate:0, fps:0, gop:0, audio_samplerate:0, "
-              "audio_bitrate:0, audio_channel:0");
 }
 
 TEST_F(RequestsTest, DescriptionOfAnyIndexIsWhole) {

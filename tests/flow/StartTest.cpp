@@ -8,38 +8,22 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
 
-class StartTest : public FlowTest, public ::testing::WithParamInterface<Kind> {
+class StartTest : public KindTest {
 protected:
-    static constexpr const char* kOtherUrl = "rtmp://cdn.test/live/other";
-
-    const Kind& kind() const { return GetParam(); }
-
-    // A start that differs from that of begin(), without running its task.
-    void callOther() {
-        if (kind().isRelay) {
-            mAdapter->startPublishStreamUrl(relay(kOtherUrl));
-        } else {
-            mAdapter->setLiveMixTranscoding(mix({user("bob", 1)}));
-        }
-    }
-    std::string information() const { return kind().isRelay ? kRelayText : mixText(); }
     std::string otherInformation() const {
-        return kind().isRelay ? relay(kOtherUrl).to_string() : mix({user("bob", 1)}).to_string();
+        return isRelay(kind()) ? relay(kOtherUrl).to_string() : mix({user("bob", 1)}).to_string();
     }
     std::string input() const {
-        return kind().isRelay ? "\"" + std::string(kUrl) + "\""
-                              : R"("input_stream_id":")" + std::string(kAliceMain) + "\"";
+        return isRelay(kind()) ? member("dest_stream_url", kUrl) : member("input_stream_id", kAliceMain);
     }
     std::string otherInput() const {
-        return kind().isRelay ? "\"" + std::string(kOtherUrl) + "\""
-                              : R"("input_stream_id":")" + std::string(kBobMain) + "\"";
+        return isRelay(kind()) ? member("dest_stream_url", kOtherUrl) : member("input_stream_id", kBobMain);
     }
     std::string refusal() const {
-        return kind().isRelay ? "startPublishStreamUrl failure, param is invalid"
-                              : "setLiveMixTranscoding failure, param is invalid";
+        return isRelay(kind()) ? "startPublishStreamUrl failure, param is invalid"
+                               : "setLiveMixTranscoding failure, param is invalid";
     }
-    Notified refused() const { return {"onStartPublishStreamUrl", kind().unreadableCode, refusal()}; }
-    Notified succeeded() const { return {kind().operation, 0, "sucess"}; }
+    Call refused() const { return {"startRelay", rulesOf(kind()).unreadableCode, refusal()}; }
 
     // The log, without the line that classifies a mix.
     std::vector<Logged> logOfTheStart() const {
@@ -48,9 +32,6 @@ protected:
             line = line->text == "bPureAudio:0" ? lines.erase(line) : line + 1;
         }
         return lines;
-    }
-    Logged sendLog(const std::string& index, size_t request) const {
-        return {2, kind().sendFunction, filled(kind().sendLog, {index, "0", body(request)})};
     }
 };
 
@@ -66,9 +47,9 @@ TEST_P(StartTest, RefusalIsNotifiedAndThenReportedOutsideTheRoomToo) {
 
     EXPECT_THAT(notified(), ElementsAre(refused()));
     ASSERT_THAT(reports(), SizeIs(1));
-    EXPECT_EQ(reports()[0].event, kind().event);
+    EXPECT_EQ(reports()[0].event, rulesOf(kind()).event);
     EXPECT_EQ(reports()[0].detail, refusal());
-    EXPECT_THAT(mPlatform.order, ElementsAre("onStartPublishStreamUrl", "report " + std::to_string(kind().event)));
+    EXPECT_THAT(mPlatform.order, ElementsAre("startRelay", reportEvent()));
 }
 
 TEST_P(StartTest, RefusedStartIsStoredNowhere) {
@@ -78,12 +59,12 @@ TEST_P(StartTest, RefusedStartIsStoredNowhere) {
     run();
 
     // Nothing counts as started, so a stop is refused.
-    begin(kind().isRelay ? kRemoveRelay : kCancelMix);
+    begin(stopOf(kind()));
     EXPECT_THAT(requests(), IsEmpty());
-    EXPECT_EQ(notified().back().operation, "onStopLiveMixTranscoding");
+    EXPECT_EQ(notified().back().operation, "stopMix");
 }
 
-TEST_P(StartTest, RefusalLeavesAWaitingStartWaiting) {
+TEST_P(StartTest, RefusalDoesNotDropAWaitingStart) {
     givenUser();
     begin(kind());
     callRefused(kind());
@@ -94,7 +75,7 @@ TEST_P(StartTest, RefusalLeavesAWaitingStartWaiting) {
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_THAT(body(0), HasSubstr(input()));
     respondOk();
-    EXPECT_EQ(reports().back().information, information());
+    EXPECT_EQ(reports().back().information, startInformation(kind()));
 }
 
 TEST_P(StartTest, SupersededIncompleteStartIsStillNotifiedAndReportedWithTheNewestInformation) {
@@ -105,19 +86,19 @@ TEST_P(StartTest, SupersededIncompleteStartIsStillNotifiedAndReportedWithTheNewe
     run();
 
     EXPECT_THAT(notified(), ElementsAre(refused()));
-    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, information(), refusal()}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{rulesOf(kind()).event, startInformation(kind()), refusal()}));
     EXPECT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(logOfTheStart(), ElementsAre(testing::Field(&Logged::level, 4), sendLog("2", 0)));
+    EXPECT_THAT(logOfTheStart(), ElementsAre(testing::Field(&Logged::level, 4), sendLog(kind(), 2, 0, body(0))));
 }
 
 TEST_P(StartTest, ListenerThatStartsAgainFromARefusalIsVisibleInItsReport) {
     givenInRoom();
-    mListener->onCall = [this] { callOther(); };
+    onCall = [this] { callOther(kind()); };
 
     callRefused(kind());
     run();
 
-    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, otherInformation(), refusal()}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{rulesOf(kind()).event, otherInformation(), refusal()}));
     EXPECT_THAT(requests(), SizeIs(1));
 }
 
@@ -127,14 +108,14 @@ TEST_P(StartTest, OfTwoStartsInQuickSuccessionOnlyTheSecondIsSent) {
     givenInRoom();
 
     call(kind());
-    callOther();
+    callOther(kind());
     run();
 
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_THAT(body(0), HasSubstr(otherInput()));
-    EXPECT_THAT(logOfTheStart(), ElementsAre(Logged{2, "operator()", "index:1, cdnTaskIndex:2"}, sendLog("2", 0)));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_THAT(logOfTheStart(),
+                ElementsAre(Logged{2, "operator()", "index:1, cdnTaskIndex:2"}, sendLog(kind(), 2, 0, body(0))));
+    expectNeitherNotifiedNorReported();
 }
 
 TEST_P(StartTest, StartCalledBehindARoomEntryIsSupersededByTheReissuedOne) {
@@ -143,7 +124,7 @@ TEST_P(StartTest, StartCalledBehindARoomEntryIsSupersededByTheReissuedOne) {
     clearRecords();
 
     mAdapter->updateEnterRoomInfo("room7", kMapKey);
-    callOther();
+    callOther(kind());
     run();
 
     EXPECT_EQ(logOfTheStart().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
@@ -158,8 +139,8 @@ TEST_P(StartTest, StartOutsideTheRoomIsReportedAndNotNotified) {
 
     begin(kind());
 
-    EXPECT_THAT(logOfTheStart(), ElementsAre(Logged{kind().isRelay ? 2 : 4, "operator()", "not enterRoom status"}));
-    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, information(), "not enterRoom status"}));
+    EXPECT_THAT(logOfTheStart(), ElementsAre(Logged{isRelay(kind()) ? 2 : 4, "operator()", kNotInRoom}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{rulesOf(kind()).event, startInformation(kind()), kNotInRoom}));
     EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(requests(), IsEmpty());
 }
@@ -174,17 +155,17 @@ TEST_P(StartTest, RoomEntrySendsTheWaitingStartOnceAsANewGeneration) {
 
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_THAT(body(0), HasSubstr(input()));
-    EXPECT_THAT(logOfTheStart(), ElementsAre(sendLog("2", 0)));
+    EXPECT_THAT(logOfTheStart(), ElementsAre(sendLog(kind(), 2, 0, body(0))));
     respondOk();
     EXPECT_THAT(notified(), ElementsAre(succeeded()));
     ASSERT_THAT(reports(), SizeIs(1));
-    EXPECT_EQ(reports()[0].information, information());
+    EXPECT_EQ(reports()[0].information, startInformation(kind()));
 }
 
 TEST_P(StartTest, NewestOfTheWaitingStartsIsSent) {
     givenUser();
     begin(kind());
-    callOther();
+    callOther(kind());
     run();
 
     enterRoom();
@@ -198,7 +179,7 @@ TEST_P(StartTest, NewestOfTheWaitingStartsIsSent) {
 
 TEST_P(StartTest, ListenerThatStartsAgainFromItsCallIsVisibleInTheReport) {
     givenSent(kind());
-    mListener->onCall = [this] { callOther(); };
+    onCall = [this] { callOther(kind()); };
 
     respondOk();
 

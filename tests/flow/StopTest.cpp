@@ -8,24 +8,19 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class StopTest : public FlowTest, public ::testing::WithParamInterface<Kind> {
+class StopTest : public KindTest {
 protected:
-    const Kind& kind() const { return GetParam(); }
-    const Kind& start() const { return kind().isRelay ? kAddRelay : kStartMix; }
-    const Kind& startOfTheOtherFamily() const { return kind().isRelay ? kStartMix : kAddRelay; }
-
     std::string refusal() const {
-        return kind().isRelay ? "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"
-                              : "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before";
+        return isRelay(kind()) ? "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"
+                               : "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before";
     }
-    Notified refused() const { return {"onStopLiveMixTranscoding", kind().unreadableCode, refusal()}; }
-    Notified succeeded() const { return {kind().operation, 0, "sucess"}; }
+    Call refused() const { return {"stopMix", rulesOf(kind()).unreadableCode, refusal()}; }
 
     std::string stopBody(size_t number, int timestamp, const std::string& ownStream = kAliceMain) {
         const std::string head =
             R"({"appid":12345,"domain":"8888.push.test","event_id":)" + std::to_string(eventId(number));
         const std::string tail = R"(","timestamp":)" + std::to_string(timestamp) + "}";
-        if (kind().isRelay) {
+        if (isRelay(kind())) {
             return head + R"(,"interface":"remove_relay_stream_url","path":"live","stream_id":")" + ownStream + tail;
         }
         return head + R"(,"input_stream_list":[{"input_stream_id":")" + ownStream +
@@ -36,7 +31,7 @@ protected:
 
     // The counter in a trace segment: a relay stop shows that of the start.
     std::string segment(int ownCounter, int startCounter, int retCode, const std::string& response) const {
-        return traceSegment(kind().isRelay ? startCounter : ownCounter, retCode, response);
+        return traceSegment(isRelay(kind()) ? startCounter : ownCounter, retCode, response);
     }
 };
 
@@ -85,13 +80,12 @@ TEST_P(StopTest, StopAfterAStartSendsItsBodyAndReportsItAsInformation) {
     givenSent(kind());
 
     EXPECT_EQ(body(0), stopBody(0, 1000));
-    EXPECT_THAT(notified(), IsEmpty());
-    EXPECT_THAT(reports(), IsEmpty());
+    expectNeitherNotifiedNorReported();
 
     respondOk();
 
     EXPECT_THAT(notified(), ElementsAre(succeeded()));
-    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 0, kOk)}));
+    EXPECT_THAT(reports(), ElementsAre(Reported{rulesOf(kind()).event, body(0), segment(10, 0, 0, kOk)}));
 }
 
 TEST_P(StopTest, StopDropsAStartThatWaitsForTheRoomAndIsSentSinceTheIdsAreSet) {
@@ -99,23 +93,21 @@ TEST_P(StopTest, StopDropsAStartThatWaitsForTheRoomAndIsSentSinceTheIdsAreSet) {
     begin(start());
 
     begin(kind());
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(request(0).client, kind().client);
+    ASSERT_THAT(sent(), ElementsAre(kind()));
     clearRecords();
 
     enterRoom();
     expectNoEffects();
 }
 
-TEST_P(StopTest, StartOfTheOtherFamilyKeepsWaitingForTheRoom) {
+TEST_P(StopTest, StartOfTheOtherFamilyStillWaitsForTheRoom) {
     givenUser();
     begin(startOfTheOtherFamily());
 
     begin(kind());
     enterRoom();
 
-    ASSERT_THAT(requests(), SizeIs(2));
-    EXPECT_EQ(request(1).client, startOfTheOtherFamily().client);
+    EXPECT_THAT(sent(), ElementsAre(kind(), startOfTheOtherFamily()));
 }
 
 TEST_P(StopTest, SupersededStopDoesNotDropAWaitingStart) {
@@ -127,8 +119,7 @@ TEST_P(StopTest, SupersededStopDoesNotDropAWaitingStart) {
     run();
     enterRoom();
 
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(request(0).client, start().client);
+    ASSERT_THAT(sent(), ElementsAre(start()));
 }
 
 TEST_P(StopTest, StopAfterOnlyAStartOfTheOtherFamilyIsSentWithItsIds) {
@@ -137,13 +128,12 @@ TEST_P(StopTest, StopAfterOnlyAStartOfTheOtherFamilyIsSentWithItsIds) {
     kstmedia::VexaTranscodingConfigInternal config = mix();
     param.appId = config.appId = 77;
     param.bizId = config.bizId = 66;
-    kind().isRelay ? startMix(config) : startRelay(param);
+    isRelay(kind()) ? startMix(config) : startRelay(param);
     clearRecords();
 
     begin(kind());
 
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(request(0).client, kind().client);
+    ASSERT_THAT(sent(), ElementsAre(kind()));
     EXPECT_THAT(body(0), HasSubstr(R"({"appid":77,"domain":"66.push.test",)"));
 }
 
@@ -169,8 +159,7 @@ TEST_P(StopTest, StopCalledBehindARoomEntryIsSupersededByTheReissuedStart) {
     run();
 
     EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_EQ(request(0).client, start().client);
+    ASSERT_THAT(sent(), ElementsAre(start()));
 }
 
 // ---- Trace and information ------------------------------------------------------------------------------------------
@@ -185,7 +174,8 @@ TEST_P(StopTest, RetryNamesTheUserOfItsTimeWhileTheInformationIsTheFirstBody) {
 
     EXPECT_EQ(body(0), stopBody(0, 1000));
     EXPECT_EQ(body(1), stopBody(1, 1001, kBobMain));
-    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 1, "") + segment(9, 0, 0, kOk)}));
+    EXPECT_THAT(reports(),
+                ElementsAre(Reported{rulesOf(kind()).event, body(0), segment(10, 0, 1, "") + segment(9, 0, 0, kOk)}));
     EXPECT_EQ(mPlatform.reports.at(0).roomUser, "room7_bob");
 }
 
@@ -207,7 +197,7 @@ TEST_P(StopTest, RetrysResponseAfterANewerStopIsReportedWithTheNewersBodyAndCoun
     ASSERT_THAT(requests(), SizeIs(3));
     EXPECT_THAT(notified(), ElementsAre(succeeded()));
     EXPECT_THAT(reports(),
-                ElementsAre(Reported{kind().event, body(2), segment(10, 0, 1, "") + segment(10, 0, 0, kOk)}));
+                ElementsAre(Reported{rulesOf(kind()).event, body(2), segment(10, 0, 1, "") + segment(10, 0, 0, kOk)}));
 }
 
 // The response to a retry of an older stop arrives while the send of the newer one is logged.
@@ -215,7 +205,7 @@ TEST_P(StopTest, InformationIsStoredBeforeTheSendIsLoggedForARelayAndAfterItForA
     givenRetrySent(kind());
     const std::string older = body(0);
     mPlatform.onLog = [this](const FakePlatform::LogLine& line) {
-        if (line.function == kind().sendFunction) {
+        if (line.text.find(", jsonStr: ") != std::string::npos) {
             mPlatform.respond(1, 0, kOk);
         }
     };
@@ -223,23 +213,24 @@ TEST_P(StopTest, InformationIsStoredBeforeTheSendIsLoggedForARelayAndAfterItForA
     begin(kind());
 
     ASSERT_THAT(requests(), SizeIs(3));
-    EXPECT_EQ(reports().at(0).information, kind().isRelay ? body(2) : older);
+    EXPECT_EQ(reports().at(0).information, isRelay(kind()) ? body(2) : older);
 }
 
-TEST_P(StopTest, StartIssuedWhileARetrysResponseIsHandledLeavesItNotifiedAndReported) {
+TEST_P(StopTest, StartIssuedWhileARetrysResponseIsHandledDoesNotStopItsCallAndReport) {
     givenRetrySent(kind());
-    mListener->onCall = [this] { call(start()); };
+    onCall = [this] { call(start()); };
 
     respondOk();
 
     EXPECT_THAT(notified(), ElementsAre(succeeded()));
-    EXPECT_THAT(reports(), ElementsAre(Reported{kind().event, body(0), segment(10, 0, 1, "") + segment(9, 0, 0, kOk)}));
-    EXPECT_EQ(request(2).client, start().client);
+    EXPECT_THAT(reports(),
+                ElementsAre(Reported{rulesOf(kind()).event, body(0), segment(10, 0, 1, "") + segment(9, 0, 0, kOk)}));
+    EXPECT_EQ(sent().at(2), start());
 }
 
 TEST_P(StopTest, ListenerThatStopsAgainChangesTheInformationOnlyOnceTheStopIsSent) {
     givenSent(kind());
-    mListener->onCall = [this] { call(kind()); };
+    onCall = [this] { call(kind()); };
 
     respondOk();
 
@@ -250,13 +241,13 @@ TEST_P(StopTest, ListenerThatStopsAgainChangesTheInformationOnlyOnceTheStopIsSen
 
 class MixCancelTest : public FlowTest {};
 
-TEST_F(MixCancelTest, CancelLeavesTheInformationOfAMixRetryUnderWay) {
+TEST_F(MixCancelTest, CancelDoesNotChangeTheInformationOfAMixRetryInFlight) {
     givenRetrySent(kStartMix);
 
     begin(kCancelMix);
     respondTo(1, 0, kOk);
 
-    EXPECT_THAT(notified(), ElementsAre(Notified{"onSetLiveMixTranscoding", 0, "sucess"}));
+    EXPECT_THAT(notified(), ElementsAre(Call{"setMix", 0, "sucess"}));
     ASSERT_THAT(reports(), SizeIs(1));
-    EXPECT_EQ(reports()[0].information, mixText());
+    EXPECT_EQ(reports()[0].information, mix().to_string());
 }
