@@ -1,8 +1,11 @@
-// Mix configurations for the tests of mix files.
+// What the tests of mix files share.
 
 #ifndef VEXALIVE_TESTS_MIX_MIX_TESTING_H
 #define VEXALIVE_TESTS_MIX_MIX_TESTING_H
 
+#include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 #include <utility>
@@ -15,6 +18,11 @@ namespace vexalive {
 using Config = kstmedia::VexaTranscodingConfigInternal;
 using User = kstmedia::VexaMixUserInternal;
 
+inline std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 inline User user(std::string userId, int32_t zOrder, User::Rect rect = {0, 0, 100, 100}) {
     User user;
     user.userId = std::move(userId);
@@ -23,11 +31,10 @@ inline User user(std::string userId, int32_t zOrder, User::Rect rect = {0, 0, 10
     return user;
 }
 
-inline User audioUser(std::string userId) {
-    User user;
-    user.userId = std::move(userId);
-    user.pureAudio = true;
-    return user;
+inline User audioUser(std::string userId, int32_t zOrder = 0) {
+    User audio = user(std::move(userId), zOrder, {});
+    audio.pureAudio = true;
+    return audio;
 }
 
 // Complete, with a canvas of 1280 by 720.
@@ -53,9 +60,6 @@ inline Config randomMix(std::mt19937& random) {
         return std::uniform_int_distribution<int>(lowest, highest)(random);
     };
     const auto oneIn = [&pick](int many) { return pick(1, many) == 1; };
-    constexpr int32_t kLowest = -2147483647 - 1;
-    constexpr int32_t kHighest = 2147483647;
-
     Config config = mix({});
     config.mode = pick(-2, 2);
     int32_t Config::*const numbers[] = {&Config::appId,        &Config::bizId,           &Config::videoWidth,
@@ -64,7 +68,7 @@ inline Config randomMix(std::mt19937& random) {
                                         &Config::audioChannels};
     for (int32_t Config::*number : numbers) {
         if (oneIn(12)) {
-            const int32_t odd[] = {0, 0, -1, -7, kLowest, kHighest, 1};
+            const int32_t odd[] = {0, 0, -1, -7, INT32_MIN, INT32_MAX, 1};
             config.*number = odd[pick(0, 6)];
         }
     }
@@ -78,19 +82,15 @@ inline Config randomMix(std::mt19937& random) {
         User next = user("user" + std::to_string(pick(0, 9)), isTidy ? 16 - i : pick(-1, 18));
         next.rect = {pick(-300, 1500), pick(-300, 900), pick(-10, 900), pick(-10, 600)};
         if (oneIn(20)) {
-            next.rect = {oneIn(2) ? kLowest : kHighest, kLowest, kHighest, oneIn(2) ? kLowest : kHighest};
+            next.rect = {oneIn(2) ? INT32_MIN : INT32_MAX, INT32_MIN, INT32_MAX, oneIn(2) ? INT32_MIN : INT32_MAX};
         }
         next.pureAudio = isAudio || oneIn(8);
         next.streamType = pick(-1, 3);
         const std::string rooms[] = {"", "", "room", "4712", "<&>", std::string("nu\0l", 4), std::string(3000, 'r')};
         next.roomId = rooms[pick(0, 6)];
-        const std::string names[] = {"",
-                                     "\"q'<b>&",
-                                     "\xd7\xa9\xd7\x9c\xd7\x95\xd7\x9d",
-                                     std::string("a\0b", 3),
-                                     std::string(5000, 'w'),
-                                     "\xff\xfe not UTF-8",
-                                     "two\nlines\t"};
+        const std::string right = "\xd7\xa9\xd7\x9c\xd7\x95\xd7\x9d";  // written from right to left
+        const std::string names[] = {"",     "\"q'<b>&",    right, {"a\0b", 3}, std::string(5000, 'w'),
+                                     "\xff", "two\nlines\t"};
         if (oneIn(4)) {
             next.userId = names[pick(0, 6)];
         }

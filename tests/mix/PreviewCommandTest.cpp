@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "Com/LiveRequests.h"
+#include "tests/mix/MixTesting.h"
 #include "tests/mix/SvgDocument.h"
 #include "tools/Command.h"
 #include "tools/ExitStatus.h"
@@ -50,10 +50,6 @@ protected:
 
     static std::string example(const char* name) { return std::string(EXAMPLES "/") + name + ".json"; }
     std::string in(const std::string& name) const { return mFolder + "/" + name; }
-    static std::string read(const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
 
     const std::string mFolder = testing::TempDir() + "preview_command_test_" + std::to_string(getpid());
     std::string mOut;
@@ -61,33 +57,34 @@ protected:
     std::string mUsage;
 };
 
-TEST_F(PreviewCommandTest, AMixThatWouldBeSentIsDrawnAsSvg) {
+TEST_F(PreviewCommandTest, AMixThatWouldBeSentIsDrawnAsSvgOrPng) {
     EXPECT_EQ(run({example("two-side-by-side"), "-o", in("a.svg")}), kSucceeded);
     EXPECT_EQ(mOut, in("a.svg") + ": drawn; the adapter would send the mix\n");
     EXPECT_EQ(mErr, "");
-    const SvgDocument document(read(in("a.svg")));
+    const SvgDocument document(contentOf(in("a.svg")));
     EXPECT_EQ(document.error(), "");
     EXPECT_THAT(document.texts("title"), ElementsAre("two-side-by-side.json"));
     EXPECT_THAT(document.texts("entry-user"), ElementsAre("alice", "bob"));
-}
 
-TEST_F(PreviewCommandTest, OrAsPng) {
     EXPECT_EQ(run({example("two-side-by-side"), "--output", in("a.png")}), kSucceeded);
-    EXPECT_THAT(read(in("a.png")), StartsWith("\x89PNG"));
+    EXPECT_THAT(contentOf(in("a.png")), StartsWith("\x89PNG"));
 }
 
-TEST_F(PreviewCommandTest, RoomAndUserStandInTheStreamIds) {
-    run({example("two-side-by-side"), "-o", in("a.svg")});
-    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + requests::streamId(3891, "room", "alice", true)));
-
-    run({example("two-side-by-side"), "-o", in("a.svg"), "--room", "4711", "--user", "zoe"});
-    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + requests::streamId(3891, "4711", "zoe", true)));
-    EXPECT_THAT(read(in("a.svg")), HasSubstr(requests::streamId(3891, "4711", "bob", true)));
-
+TEST_F(PreviewCommandTest, RoomAndUserDetermineTheStreamIds) {
+    const auto expectOutputStream = [this](const std::vector<std::string>& options, const char* room,
+                                           const char* user) {
+        std::vector<std::string> arguments = {example("two-side-by-side"), "-o", in("a.svg")};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        run(arguments);
+        const std::string svg = contentOf(in("a.svg"));
+        EXPECT_THAT(svg, HasSubstr("Output stream " + requests::streamId(3891, room, user, true)));
+        EXPECT_THAT(svg, HasSubstr(requests::streamId(3891, room, "bob", true)));
+    };
+    expectOutputStream({}, "room", "alice");
+    expectOutputStream({"--room", "4711", "--user", "zoe"}, "4711", "zoe");
     setenv("VEXALIVE_ROOM", "r", 1);
     setenv("VEXALIVE_USER", "u", 1);
-    run({example("two-side-by-side"), "-o", in("a.svg")});
-    EXPECT_THAT(read(in("a.svg")), HasSubstr("Output stream " + requests::streamId(3891, "r", "u", true)));
+    expectOutputStream({}, "r", "u");
 }
 
 TEST_F(PreviewCommandTest, ARefusedMixIsDrawn) {
@@ -96,7 +93,7 @@ TEST_F(PreviewCommandTest, ARefusedMixIsDrawn) {
     EXPECT_EQ(mErr, example("refused") +
                         ": refused: field mixUsersArray[1].zOrder is 1, the same as that of mixUsersArray[0]\n" +
                         example("refused") + ": warning: field mixUsersArray[2].rect lies partly outside the canvas\n");
-    EXPECT_EQ(SvgDocument(read(in("a.svg"))).ofKind("refusal").size(), 1U);
+    EXPECT_EQ(SvgDocument(contentOf(in("a.svg"))).ofKind("refusal").size(), 1U);
 }
 
 TEST_F(PreviewCommandTest, AnInvalidFileIsReportedAndNotDrawn) {
@@ -111,7 +108,7 @@ TEST_F(PreviewCommandTest, AnInvalidFileIsReportedAndNotDrawn) {
     EXPECT_EQ(mErr, in("none.json") + ": cannot be opened: No such file or directory\n");
 }
 
-TEST_F(PreviewCommandTest, OtherKindsOfPicturesAreWrongUsage) {
+TEST_F(PreviewCommandTest, OtherImageFormatsAreUsageErrors) {
     for (const char* name : {"a.jpg", "a", ".svg", "a.SVG", "a.svg.", "svg"}) {
         EXPECT_EQ(run({example("refused"), "-o", name}), kUsage) << name;
         EXPECT_EQ(mUsage, std::string("-o is \"") + name + "\": must end in .svg or .png");
