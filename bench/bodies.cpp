@@ -1,5 +1,5 @@
-// The texts that are built for each request: a mix of 1 to 16 users, its short form for the report, and the id of one
-// stream. By hand: the same texts, written straight onto the libraries that the platform stands on.
+// The strings that are built for each request: the body and the description of a mix of 1 to 16 users, and a stream id.
+// Handwritten: the same strings, written directly with nlohmann-json and OpenSSL, the libraries of the platform.
 
 #include <openssl/evp.h>
 
@@ -46,11 +46,11 @@ private:
     std::atomic<int> mLastEvent{1'700'000'000};
 };
 
-// ---- By hand --------------------------------------------------------------------------------------------------------
+// ---- Handwritten ----------------------------------------------------------------------------------------------------
 
-class ByHand {
+class Handwritten {
 public:
-    explicit ByHand(int users) : mConfig(SampleMix(users).config) {}
+    explicit Handwritten(int users) : mConfig(SampleMix(users).config) {}
 
     std::string mix() {
         const std::string session = streamIdOf(mRoomId, "u-bodies", true);
@@ -101,7 +101,7 @@ public:
         body["output_param"] = std::move(output);
         body["input_stream_list"] = std::move(inputs);
         body["use_mix_crop_center"] = 1;
-        return textOf(body);
+        return serialize(body);
     }
 
     std::string report() {
@@ -131,7 +131,7 @@ public:
         description["output_param"] = std::move(output);
         description["input_stream_list"] = std::move(inputs);
         return "task_id:" + std::to_string(kTask) + ", pureAudioOutputStream:" + (isAudioOnly() ? "1" : "0") +
-               ", stream: " + textOf(description);
+               ", stream: " + serialize(description);
     }
 
     std::string streamId() { return streamIdOf("4711", "guest-1", true); }
@@ -150,8 +150,10 @@ private:
         return result;
     }
 
-    // Names may hold anything.
-    static std::string textOf(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+    // Names may contain any bytes.
+    static std::string serialize(const json& value) {
+        return value.dump(-1, ' ', false, json::error_handler_t::replace);
+    }
 
     static int secondsSinceStart() {
         timespec now{};
@@ -193,9 +195,9 @@ private:
     std::atomic<int> mLastEvent{1'700'000'000};
 };
 
-// ---- The contest ----------------------------------------------------------------------------------------------------
+// ---- The measurements -----------------------------------------------------------------------------------------------
 
-// Without the two numbers that differ from text to text.
+// Without the two numbers that differ from call to call.
 std::string blanked(std::string text) {
     for (const std::string key : {"\"timestamp\":", "\"event_id\":"}) {
         const size_t at = text.find(key);
@@ -207,9 +209,9 @@ std::string blanked(std::string text) {
     return text;
 }
 
-void requireEqual(const std::string& byAdapter, const std::string& byHand) {
-    if (blanked(byAdapter) != blanked(byHand)) {
-        std::fprintf(stderr, "the texts differ:\n%s\n%s\n", byAdapter.c_str(), byHand.c_str());
+void requireEqual(const std::string& byAdapter, const std::string& handwritten) {
+    if (blanked(byAdapter) != blanked(handwritten)) {
+        std::fprintf(stderr, "the strings differ:\n%s\n%s\n", byAdapter.c_str(), handwritten.c_str());
         std::exit(1);
     }
 }
@@ -235,10 +237,10 @@ double microsecondsOf(Make make) {
 template <class Maker>
 void run() {
     for (const int users : kMixes) {
-        requireEqual(ByAdapter(users).mix(), ByHand(users).mix());
-        requireEqual(ByAdapter(users).report(), ByHand(users).report());
+        requireEqual(ByAdapter(users).mix(), Handwritten(users).mix());
+        requireEqual(ByAdapter(users).report(), Handwritten(users).report());
     }
-    requireEqual(ByAdapter(1).streamId(), ByHand(1).streamId());
+    requireEqual(ByAdapter(1).streamId(), Handwritten(1).streamId());
 
     for (const int users : kMixes) {
         Maker maker(users);
@@ -253,5 +255,5 @@ void run() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::runContender(argc, argv, {{"vexalive", run<ByAdapter>}, {"by_hand", run<ByHand>}});
+    return bench::runContender(argc, argv, {{"vexalive", run<ByAdapter>}, {"handwritten", run<Handwritten>}});
 }

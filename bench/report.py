@@ -21,14 +21,14 @@ def shown(value):
 
 
 def targets(figure):
-    texts = [f"{ratio:g} × {contender}" for contender, ratio in figure.ratios.items()]
-    texts += [f"{contender} + {shown(value)} {figure.unit}" if value else contender
-              for contender, value in figure.beyond.items()]
+    phrases = [f"{ratio:g} × {contender}" for contender, ratio in figure.ratios.items()]
+    phrases += [f"{contender} + {shown(value)} {figure.unit}" if value else contender
+                for contender, value in figure.beyond.items()]
     if figure.ceiling is not None:
-        texts.append(f"{shown(figure.ceiling * figure.scale)} {figure.unit}".strip())
-    if not texts:
+        phrases.append(f"{shown(figure.ceiling * figure.scale)} {figure.unit}".strip())
+    if not phrases:
         return ""
-    return ("at least " if figure.better == MORE else "at most ") + ", ".join(texts)
+    return ("at least " if figure.better == MORE else "at most ") + ", ".join(phrases)
 
 
 def verdict(figure, result):

@@ -1,8 +1,8 @@
-"""What is measured: the rows of the table in docs/performance.md, as data.
+"""The rows of the table in docs/performance.md, as data.
 
 A row has contenders: commands that print lines of the form `figure<TAB>value`. The first contender is `vexalive`; the
-others are its references. A figure has a label and a unit, says whether a lower or a higher value is better, and may
-have a target: a ratio of vexalive to another contender, or an absolute value.
+others are its references. A figure has a label, a unit, the direction in which values are better, and optionally a
+target: a ratio of vexalive to another contender, or an absolute value.
 """
 
 import dataclasses

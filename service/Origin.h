@@ -86,7 +86,7 @@ public:
 
     ~OriginMonitor() { stop(); }
 
-    /// `name` stands for the origin in errors. It responds at one of `addresses`.
+    /// `name` is the name of the origin in errors. The origin responds at one of `addresses`.
     void start(const std::string& name, std::vector<SocketAddress> addresses, Callback callback);
     void stop();
 

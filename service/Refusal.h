@@ -22,7 +22,7 @@ struct Refusal {
     static constexpr int kType = 4005;         ///< a field has the wrong JSON type
     static constexpr int kValue = 4006;        ///< a field's value is not allowed
     static constexpr int kNotRunning = 4007;   ///< nothing to remove or cancel
-    static constexpr int kFull = 4008;         ///< the service holds as many relays or mixes as it can
+    static constexpr int kFull = 4008;         ///< the maximum number of relays or mixes is reached
     static constexpr int kUnsupported = 4009;  ///< with media: a destination that cannot be relayed to
     static constexpr int kUnavailable = 4010;  ///< with media: no worker could be started
 };

@@ -1,5 +1,5 @@
-// What the commands that drive an adapter share: the options that name the service, the user and the room; an adapter
-// that has entered the room; and the event loop of its sessions.
+// Shared by the commands that use an adapter: the options for the service, the user and the room; an adapter that has
+// entered the room; and the event loop of its sessions.
 
 #ifndef VEXALIVE_TOOLS_ADAPTER_RUNNER_H
 #define VEXALIVE_TOOLS_ADAPTER_RUNNER_H
@@ -53,7 +53,7 @@ TaskSession::Lifetime lifetimeOf(const RoomOptions& options);
 // `url` must be an address with a scheme. The error message begins with `option`.
 Result<std::string> validateUrl(const char* option, const std::string& url);
 
-// For one thread; at most one may exist at a time.
+// Not thread-safe. At most one may exist at a time.
 class AdapterRunner {
 public:
     // The adapter enters the room.

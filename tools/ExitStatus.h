@@ -6,7 +6,7 @@ namespace vexalive {
 // The exit statuses of the `vexalive` tool. Scripts rely on them.
 enum ExitStatus {
     kSucceeded = 0,
-    kRefused = 1,        // by the service or, of `preview`, by the adapter; of `serve`: it could not start
+    kRefused = 1,        // refused by the service; preview: the adapter would refuse; serve: could not start
     kUsage = 2,          // an option or a file is missing or wrong; nothing was sent
     kNoResponse = 3,     // the service was not reached, or its response could not be read
     kInterrupted = 130,  // aborted by a second Ctrl-C

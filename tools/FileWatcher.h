@@ -7,7 +7,7 @@
 
 namespace vexalive {
 
-// For one thread.
+// Not thread-safe.
 class FileWatcher {
 public:
     // Watches the file's folder, because many editors save by replacing the file. Throws std::system_error if the

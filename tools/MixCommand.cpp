@@ -22,9 +22,9 @@ namespace {
 constexpr const char* kMixDescription =
     "Mix the streams that a file describes, until Ctrl-C\n"
     "\n"
-    "Asks the live-interface service to mix the streams of several users into one\n"
-    "output stream. Shows each attempt (at most 11, with growing pauses), then waits\n"
-    "until Ctrl-C or SIGTERM cancels the mix. A second Ctrl-C aborts.";
+    "Requests a mix of the streams of several users into one output stream from the\n"
+    "live-interface service. Shows each attempt (at most 11, with growing pauses),\n"
+    "then waits until Ctrl-C or SIGTERM cancels the mix. A second Ctrl-C aborts.";
 
 constexpr const char* kMixFooter =
     "FILE is a mix configuration in JSON; docs/mix-file.md describes the format, and\n"
@@ -73,7 +73,7 @@ struct ValidMix {
     std::vector<std::string> warnings;
 };
 
-// The errors are lines for people; they may contain control characters.
+// Each error is a line for the output; it may contain control characters.
 Result<ValidMix, std::vector<std::string>> loadMix(const std::string& path) {
     const MixFileResult config = readMixFile(path);
     std::vector<std::string> errors;

@@ -19,14 +19,14 @@ class RequiredOption {
 public:
     enum Secrecy { kPublic, kSecret };
 
-    // Declares the option. `meaning` says what the value must be: "the CDN biz id, an integer other than 0". The
-    // strings are literals. The help of a secret recommends the variable.
+    // Declares the option. `meaning` describes the value: "the CDN biz id, an integer other than 0". The strings are
+    // literals. The help of a secret recommends the variable.
     RequiredOption(CLI::App& command, const char* name, const char* variable, const char* meaning,
                    Secrecy secrecy = kPublic);
     RequiredOption(const RequiredOption&) = delete;
     RequiredOption& operator=(const RequiredOption&) = delete;
 
-    // Call after parsing. An error if there is no value or it is empty.
+    // Call after parsing. Fails if the value is missing or empty.
     Result<std::string> value() const;
 
     // The value as a decimal integer from `min` to `max`, but not 0. Not for secrets: an error shows the value.
@@ -48,10 +48,10 @@ private:
     CLI::Option* mOption;
 };
 
-// A decimal integer from `min` to `max`, or nothing.
+// Parses a decimal integer from `min` to `max`; std::nullopt for anything else.
 std::optional<int64_t> readInteger(const std::string& text, int64_t min, int64_t max);
 
-// "; did you mean --biz-id?", or nothing if no candidate is similar.
+// "; did you mean --biz-id?"; empty if no candidate is similar.
 std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates);
 
 // "--app-id" and the like.

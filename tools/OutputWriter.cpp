@@ -151,7 +151,7 @@ void OutputWriter::writeLog(const std::string& line) {
     renderLog(sanitized(line));
 }
 
-// Hides before it cuts: part of a secret would not be recognised.
+// Hides secrets before it truncates: a truncated secret would not be recognised.
 std::string OutputWriter::sanitized(const std::string& text) const {
     return clipped(printable(mSecrets.hide(text)), kMaxLine);
 }

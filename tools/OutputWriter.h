@@ -15,7 +15,7 @@
 
 namespace vexalive {
 
-// One entry in every format: `fields` is its JSON, the rest its lines.
+// One entry for all formats: `fields` is for JSON, the other members are for lines.
 struct OutputEntry {  // NOLINT(bugprone-exception-escape): moving JSON checks its invariant, and never throws
     nlohmann::ordered_json fields;                       // "event" and its fields
     std::string text;                                    // one line; if empty, only JSON shows the entry
@@ -24,8 +24,8 @@ struct OutputEntry {  // NOLINT(bugprone-exception-escape): moving JSON checks i
     std::optional<std::chrono::milliseconds> countdown;  // shown after `text` as "in 5 s"
 };
 
-// For one thread. Accepts any bytes: every format hides the secrets; lines for people escape control characters as
-// "\xNN" and are cut at 1000 columns.
+// Not thread-safe. Accepts any bytes. Every format hides the secrets. Plain and live lines escape control characters as
+// "\xNN" and are truncated at 1000 columns.
 class OutputWriter {
 public:
     // `out` receives the entries, `err` the log lines; both outlive the writer.
@@ -41,7 +41,7 @@ public:
     virtual std::optional<std::chrono::milliseconds> redrawInterval() const { return std::nullopt; }
     virtual void redraw() {}
 
-    // Whether a write to `out` failed, as after the reader of a pipe has exited.
+    // Whether a write to `out` has failed, for example because the reader of a pipe has exited.
     bool isBroken() const { return mIsBroken; }
 
 protected:

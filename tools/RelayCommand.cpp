@@ -14,9 +14,9 @@ namespace {
 constexpr const char* kRelayDescription =
     "Relay a user's stream to a CDN address, until Ctrl-C\n"
     "\n"
-    "Asks the live-interface service to relay the stream of a user in a room to a CDN\n"
-    "address. Shows each attempt (at most 11, with growing pauses), then waits until\n"
-    "Ctrl-C or SIGTERM stops the relay. A second Ctrl-C aborts.";
+    "Requests a relay of a room member's stream to a CDN address from the\n"
+    "live-interface service. Shows each attempt (at most 11, with growing pauses),\n"
+    "then waits until Ctrl-C or SIGTERM stops the relay. A second Ctrl-C aborts.";
 
 constexpr const char* kRelayFooter =
     "The user signature and the map key are secrets. Every user of this machine can\n"

@@ -1,7 +1,7 @@
 // Collects the events of an adapter and of the platform in one queue for the main thread.
 //
-// The SDK calls its listener, the exchange observer, the report sink and the log sink on threads of its own. These only
-// push an event.
+// The SDK calls the listener, the exchange observer, the report sink and the log sink on its own threads. Each only
+// pushes an event.
 
 #ifndef VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
 #define VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
@@ -57,13 +57,13 @@ public:
     SdkEventCollector(const SdkEventCollector&) = delete;
     SdkEventCollector& operator=(const SdkEventCollector&) = delete;
 
-    // For the adapter, which holds it weakly.
+    // For the adapter, which stores a weak reference.
     const std::shared_ptr<ILiveTrancodingDelegate>& listener() const { return mListener; }
 
     EventQueue<SdkEvent>& queue() { return *mQueue; }
 
 private:
-    std::shared_ptr<EventQueue<SdkEvent>> mQueue;  // shared with the hooks: one that is running may outlive this object
+    std::shared_ptr<EventQueue<SdkEvent>> mQueue;  // shared with the hooks: a running hook may outlive this object
     std::shared_ptr<ILiveTrancodingDelegate> mListener;
 };
 

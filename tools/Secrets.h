@@ -11,7 +11,7 @@ class Secrets {
 public:
     void add(const std::string& value);
 
-    // The text with "[hidden]" in place of each value.
+    // Replaces each value in `text` with "[hidden]".
     std::string hide(std::string text) const;
 
 private:

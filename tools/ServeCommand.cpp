@@ -26,9 +26,9 @@ constexpr const char* kServeDescription =
     "Run a local live-interface service on this machine\n"
     "\n"
     "For development and tests: it checks every request strictly, reports which field\n"
-    "is wrong, and holds the state of relays and mixes. With --media, it also relays\n"
-    "and mixes streams. Prints two lines that point programs at it, then a line for\n"
-    "each request, until Ctrl-C or SIGTERM.";
+    "is wrong, and stores the state of relays and mixes. With --media, it also relays\n"
+    "and mixes streams. Prints two export lines for the programs that use it, then a\n"
+    "line for each request, until Ctrl-C or SIGTERM.";
 
 constexpr const char* kFaultHelp =
     "Inject a fault from the start; repeatable. Each request consumes one use of the first fault that applies to it. "
@@ -55,7 +55,7 @@ struct ServeOptions {
     bool json = false;
 };
 
-// As a shell takes it, in quotes only where it needs them.
+// One word for a shell, quoted only if necessary.
 std::string shellWord(const std::string& text) {
     const char* const plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:[]@%+=,";
     if (text.find_first_not_of(plain) == std::string::npos) {

@@ -1,4 +1,4 @@
-// What a response of the service and the notifications of the listener mean, in words and as an exit status.
+// Describes a response of the service and the notifications of the listener, and maps them to an exit status.
 
 #ifndef VEXALIVE_TOOLS_SERVICE_RESPONSE_H
 #define VEXALIVE_TOOLS_SERVICE_RESPONSE_H
@@ -22,7 +22,7 @@ struct ServiceResponse {
     std::string message;            // its "message" or "ErrorInfo"
     std::string transportError;     // the HTTPS client's message if there was no response
 
-    // A whole response without a code ends the task with a report, but does not notify the listener.
+    // A complete response without a code ends the task with a report, but does not notify the listener.
     bool isCodeMissing() const { return retCode == 0 && isReadable && !code; }
     bool isRefusal() const { return retCode == 0 && code && *code != 0; }
 };
@@ -33,13 +33,13 @@ ServiceResponse parseResponse(int retCode, const std::string& body, int httpStat
 // "accepted (code 0: \"ok\")", "HTTP status 404: …".
 std::string describe(const ServiceResponse& response);
 
-// What a listener code means.
+// Describes a listener code.
 std::string describe(const requests::ListenerCodes& codes, const requests::Notification& notification);
 
-// The service's own code, without its sign; nothing unless the listener code says that the service refused.
+// The absolute value of the service's code; std::nullopt if the listener code is not that of a refusal by the service.
 std::optional<int> serviceCode(const requests::ListenerCodes& codes, int listenerCode);
 
-// The outcome of a task: its last notification decides. None means that there was no usable response.
+// The last notification determines the exit status. No notification: there was no usable response.
 ExitStatus exitStatusOf(const requests::ListenerCodes& codes, const std::vector<requests::Notification>& notifications);
 
 }  // namespace vexalive

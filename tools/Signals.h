@@ -12,7 +12,7 @@ namespace vexalive {
 // so that a write to a closed pipe fails instead of ending the process.
 void blockStopSignals();
 
-// Receives the signals that blockStopSignals() blocks. For one thread.
+// Receives the signals that blockStopSignals() blocks. Not thread-safe.
 class StopSignals {
 public:
     StopSignals();

@@ -124,7 +124,7 @@ void TaskSession::onDelivered(Task& task) {
         mHasLateStart = mHasLateStart && !task.response.isRefusal();
         mEmit(attemptEntry(task, "ignored", std::string("response ignored, because the ") + mType.stop + " has begun"));
     } else if (isInFlight(task)) {
-        // The outcome is that of the newer attempt.
+        // A newer attempt is in flight and will have the outcome.
     } else if (task.isDecided() || task.attempts >= kMaxAttempts) {
         finish(task);
     } else {
@@ -213,8 +213,7 @@ void TaskSession::onReport(const EventReport& report) {
     mEmit(std::move(entry));
 }
 
-// ---- Start and stop
-// -----------------------------------------------------------------------------------------------------
+// ---- Start and stop -------------------------------------------------------------------------------------------------
 
 void TaskSession::requestStop(const std::string& why) {
     if (mExitStatus) {

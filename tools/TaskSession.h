@@ -19,7 +19,7 @@
 
 namespace vexalive {
 
-// The words, request kinds and codes of relays, or of mixes.
+// The words of the output, the request kinds and the codes of relays, or of mixes.
 struct TaskType {
     const char* name;  // "relay"
     const char* stop;  // "stop" or "cancel", and its forms
@@ -33,13 +33,13 @@ struct TaskType {
 extern const TaskType kRelayTask;
 extern const TaskType kMixTask;
 
-// For one thread.
+// Not thread-safe.
 class TaskSession {
 public:
     enum class Lifetime {
         kHeld,      // ends when it is stopped, or when the start fails
         kDetached,  // ends when the task is running, or when the start fails
-        kWatched,   // as kHeld, but a failed start does not end it: another one may follow
+        kWatched,   // as kHeld, but a failed start does not end it: another start may follow
     };
 
     // `stop` calls the adapter's stop operation; `emit` receives the progress.
@@ -119,8 +119,8 @@ private:
     Task mStop;
     std::map<uint64_t, Task*> mInFlight;  // exchanges, by id
 
-    // An attempt of a superseded start was still sent and may have reached the service after its successor, which must
-    // therefore be sent again.
+    // An attempt of a superseded start was sent late. It may have reached the service after the newer start or the
+    // stop, so that one has to be sent again.
     bool mHasLateStart = false;
 
     std::optional<ExitStatus> mExitStatus;

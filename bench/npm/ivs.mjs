@@ -1,5 +1,5 @@
-// One call after another that starts a composition of a stage and sends it to a channel, by
-// @aws-sdk/client-ivs-realtime. Its HTTP is Node's https with an agent that keeps connections alive.
+// Calls of @aws-sdk/client-ivs-realtime that start a composition of a stage and send it to a channel. The client uses
+// Node's https with an agent that keeps connections alive.
 
 import assert from 'node:assert/strict';
 import { IVSRealTimeClient, StartCompositionCommand } from '@aws-sdk/client-ivs-realtime';

@@ -1,5 +1,5 @@
-// One call after another that starts a composite of a room and relays it to a CDN address, by livekit-server-sdk. Its
-// HTTP is Node's own fetch, which keeps connections alive.
+// Calls of livekit-server-sdk that start a composite of a room and relay it to a CDN address. The client uses Node's
+// fetch, which keeps connections alive.
 
 import assert from 'node:assert/strict';
 import { EgressClient, EgressStatus, StreamOutput, StreamProtocol } from 'livekit-server-sdk';

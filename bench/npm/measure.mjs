@@ -1,5 +1,5 @@
-// What both clients share: the calls are made one after another, each awaited, and the figures are printed as the other
-// benchmark programs print theirs: name, tab, value.
+// Shared by both clients. Makes the calls one after another, and prints the figures in the format of the other
+// benchmark programs: name, tab, value.
 
 import { readFileSync } from 'node:fs';
 import { performance } from 'node:perf_hooks';
@@ -16,8 +16,8 @@ function cpuMilliseconds() {
   return (user + system) / 1000;
 }
 
-// `makeCall` takes the service's address and gives a function that makes one call; that one throws unless the answer is
-// the one that the service gives.
+// `makeCall` receives the service's address and returns a function that makes one call. That function throws if the
+// response is not the expected one.
 export async function measure(makeCall) {
   const [address, count] = process.argv.slice(2);
   const calls = Number(count);

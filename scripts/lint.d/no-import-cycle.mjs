@@ -1,4 +1,4 @@
-// An ESLint rule: a module must not import itself through others. Follows relative imports only.
+// An ESLint rule against import cycles between modules. Follows relative imports only.
 
 import { existsSync, readFileSync } from "node:fs";
 import { dirname, resolve } from "node:path";

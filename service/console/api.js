@@ -16,7 +16,7 @@ export async function readMessage(response) {
     }
 }
 
-// The response has another status than success.
+// A response whose status is not a success.
 export class ResponseError extends Error {}
 
 async function describeError(response) {

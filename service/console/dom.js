@@ -9,7 +9,7 @@ export function createElement(tag, className = "", text = "") {
     return element;
 }
 
-// Touches the element only if the text differs, so that the user's selection persists.
+// Changes the element only if the text differs, so that the user's selection persists.
 export function setText(element, text) {
     if (element.textContent !== text) {
         element.textContent = text;

@@ -6,8 +6,8 @@ import { formatCount } from "./format.js";
 import { KeyedList } from "./keyed-list.js";
 import { polling } from "./polling.js";
 
-// How to show and read a field, by its type in the service's list of kinds. The service checks the values: the page
-// sends an empty number as null.
+// How to show and read a field, by its type in the service's list of kinds. The service checks the values; an empty
+// number is sent as null, which the service refuses.
 const fieldTypes = {
     integer: { inputType: "number", read: readNumber },
     string: { inputType: "text", read: (input) => input.value },
@@ -18,7 +18,7 @@ function readNumber(input) {
     return input.value === "" ? null : Number(input.value);
 }
 
-// A field without a default is required, and empty at first.
+// A field without a default is required and initially empty.
 function createField({ name, type, default: value = "", minimum, maximum }) {
     const label = createElement("label", `field ${type}`);
     const input = createElement("input");
@@ -75,7 +75,7 @@ function createKind(kind) {
     return { root };
 }
 
-// As in the option --fault of `vexalive serve`: the value of the kind's first field follows the kind.
+// The notation of the option --fault of `vexalive serve`: the value of the kind's first field follows the kind.
 function describeFault(fault, mainField) {
     const { kind, interface: _interface, count: _count, [mainField]: mainValue, ...others } = fault;
     const isSet = ([name, value]) => value !== false && !(name === "delay_ms" && value === 0);

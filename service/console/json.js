@@ -1,8 +1,8 @@
-// Formats JSON for display, and marks the value at a path. Does not touch the page.
+// Formats JSON for display, and marks the value at a path. Does not access the page.
 
-const maxDepth = 16; // what the service reads; deeper JSON is not formatted
+const maxDepth = 16; // the limit of the service; deeper JSON is not formatted
 
-// Returns a list of {text, kind, isMarked}: one value a line, each number and string as in the source. Returns null if
+// Returns a list of {text, kind, isMarked}: one value per line, numbers and strings as in the source. Returns null if
 // the text is not JSON. `markedPath` is a path such as "list[1].width"; "" marks nothing.
 export function formatJson(text, markedPath = "") {
     try {

@@ -28,7 +28,7 @@ export function describeInputs({ canvas, inputs, media }) {
         const isVideo = input.type === "video";
         const colour = isVideo ? videoColours[videos++ % videoColours.length] : audioColour;
         const isVisible = canvas !== null && isVideo && input.width > 0 && input.height > 0;
-        // One stream may be several inputs: the one at the same index is this input's.
+        // A stream may be used by several inputs, so prefer the status at the same index.
         const atIndex = media?.inputs?.[index];
         const status =
             atIndex?.stream_id === input.stream_id

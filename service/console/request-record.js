@@ -1,4 +1,4 @@
-// What a recorded request and its response say. Does not touch the page.
+// Extracts what the page shows from a recorded request and its response. Does not access the page.
 
 const queryErrorCode = 4001; // of responses that reject the query
 
@@ -8,7 +8,7 @@ export function parseResponse(body) {
     try {
         value = JSON.parse(body);
     } catch {
-        // An injected fault may send anything.
+        // The response of an injected fault need not be JSON.
     }
     const code = value?.code ?? value?.ErrorCode;
     const message = value?.message ?? value?.ErrorInfo;

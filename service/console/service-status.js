@@ -1,4 +1,4 @@
-// The head of the page: the connection to the service, its media and its origin; and the banner of a lost connection.
+// The page header: the connection to the service, its media and its origin. Also the banner of a lost connection.
 
 import { announce, byId, setOptionalText, setState, setText } from "./dom.js";
 import { plural } from "./format.js";

@@ -1,4 +1,4 @@
-// The output of a mix as it is now: fetches snapshots and draws them, as long as the user can see them.
+// The current output of a mix: fetches snapshots and draws them while they are visible to the user.
 
 import { readMessage, request } from "./api.js";
 import { setOptionalText, setText } from "./dom.js";
@@ -43,7 +43,7 @@ export class Snapshot {
         document.addEventListener("visibilitychange", () => this.#schedule(), { signal });
     }
 
-    // `absence` says why there is no snapshot if the mix is not running.
+    // `absence` is the reason to show if the mix is not running.
     show(isRunning, absence) {
         const { snapshot, noSnapshot, snapshotCaption, pause } = this.#parts;
         this.#isRunning = isRunning;
@@ -65,7 +65,7 @@ export class Snapshot {
         this.#listeners.abort();
     }
 
-    // To be called whenever one of the conditions may have changed.
+    // Call whenever one of the conditions may have changed.
     #schedule() {
         clearTimeout(this.#timer);
         const isVisible = this.#isInView && !document.hidden;
@@ -109,7 +109,7 @@ export class Snapshot {
         bitmap.close();
     }
 
-    // The last frame remains, with a caption that says so.
+    // The last frame remains; the caption shows the reason.
     #showFailure(reason) {
         const { snapshot, noSnapshot, snapshotCaption } = this.#parts;
         if (this.#isRunning) {

@@ -4,7 +4,7 @@ import { copyText } from "./clipboard.js";
 import { byId } from "./dom.js";
 import { shortenId } from "./format.js";
 
-const hideDelay = 250; // milliseconds, for the pointer's way from the button to the tooltip
+const hideDelay = 250; // milliseconds, for moving the pointer from the button to the tooltip
 
 const tooltip = byId("id-tooltip");
 let tooltipButton = null; // the button that the tooltip belongs to
@@ -42,7 +42,7 @@ function showTooltip(button) {
     placeTooltip();
 }
 
-// Below the button if there is space, else above it; never beyond the window's edges.
+// Below the button if there is space, otherwise above it, and always inside the window.
 function placeTooltip() {
     const anchor = tooltipButton.getBoundingClientRect();
     const { width, height } = tooltip.getBoundingClientRect();

@@ -146,7 +146,7 @@ std::string Serialize(const Value& value) {
 
 Value Deserialize(const std::string& text) {
     if (text.find('\0') != std::string::npos) {
-        return {};  // the library would stop at it and accept what stands before
+        return {};  // the library would stop at it and accept the value before it
     }
     JsonReader reader;
     return Library::sax_parse(text, &reader) ? reader.takeRoot() : Value();

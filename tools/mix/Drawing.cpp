@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kFont = "DejaVu Sans";
 constexpr const char* kMonoFont = "DejaVu Sans Mono";
-constexpr glong kMaxText = 300;  // characters; a longer text is wider than every drawing
+constexpr glong kMaxText = 300;  // characters; a longer string is wider than every drawing
 constexpr const char* kEllipsis = "\u2026";
 constexpr const char* kReplacement = "\ufffd";
 constexpr double kHatchStep = 8;
@@ -31,7 +31,7 @@ struct GObjectUnref {
 template <class T>
 using GObjectPtr = std::unique_ptr<T, GObjectUnref<T>>;
 
-// The beginning of the text, with a replacement for each character that cannot be shown or that XML does not allow.
+// The first kMaxText characters; replaces characters that cannot be shown or that XML does not allow.
 std::string drawable(const std::string& text) {
     const std::unique_ptr<gchar, decltype(&g_free)> valid(
         g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())), g_free);
@@ -72,7 +72,7 @@ std::string escaped(const std::string& text) {
 
 // ---- Measuring ------------------------------------------------------------------------------------------------------
 
-// Lays texts out, with a font map of its own.
+// Computes the layout of strings, with its own font map.
 class Drawing::Ruler {
 public:
     Ruler() : mFonts(pango_cairo_font_map_new()), mContext(pango_font_map_create_context(mFonts.get())) {
@@ -206,7 +206,7 @@ public:
         }
     }
 
-    // textLength keeps the text in its bounds if the viewer has other fonts.
+    // textLength limits the width of the text if the viewer has other fonts.
     void operator()(const TextShape& shape) {
         mSvg += "<text" + attribute("class", shape.name) + number("x", shape.x) + number("y", shape.y) +
                 attribute("font-family", shape.style.mono ? "DejaVu Sans Mono, Menlo, Consolas, monospace"
@@ -309,7 +309,7 @@ private:
         cairo_set_line_width(mCairo, kHatchWidth);
         const auto last = static_cast<int>((box.right() + box.bottom()) / step);
         for (int i = static_cast<int>((box.x + box.y) / step); i <= last; ++i) {
-            const double sum = i * step;  // of x and y, anywhere on the line
+            const double sum = i * step;  // x + y is constant on a hatch line
             cairo_move_to(mCairo, sum - box.y, box.y);
             cairo_line_to(mCairo, sum - box.bottom(), box.bottom());
         }
@@ -322,7 +322,7 @@ private:
 };
 
 std::string Drawing::png() const {
-    // 16 bits a pixel make the file a fifth smaller.
+    // 16 bits per pixel make the file a fifth smaller.
     const std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
         cairo_image_surface_create(CAIRO_FORMAT_RGB16_565, static_cast<int>(std::ceil(mWidth)),
                                    static_cast<int>(std::ceil(mHeight))),

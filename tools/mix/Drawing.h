@@ -1,4 +1,4 @@
-// A list of boxes and texts that is written as SVG or as PNG. Texts are measured when they are placed.
+// A list of boxes and strings that is written as SVG or as PNG. Strings are measured when they are added.
 
 #ifndef VEXALIVE_TOOLS_MIX_DRAWING_H
 #define VEXALIVE_TOOLS_MIX_DRAWING_H
@@ -38,7 +38,7 @@ struct TextStyle {
     bool mono = false;
 };
 
-enum class Anchor { kLeft, kMiddle, kRight };  // the point of a text that is placed
+enum class Anchor { kLeft, kMiddle, kRight };  // the point of a string that is at its x
 
 // Units are pixels; y grows downwards. The page is white. For one thread.
 class Drawing {
@@ -57,14 +57,14 @@ public:
     // `y` is the baseline. Accepts any bytes as text.
     void text(const char* name, double x, double y, const std::string& text, const TextStyle& style,
               Anchor anchor = Anchor::kLeft);
-    // Groups the shapes between both calls; `about` is the title of the group.
+    // open() and close() group the shapes between them; `about` is the title of the group.
     void open(const char* name, const std::string& about);
     void close();
 
     double widthOf(const std::string& text, const TextStyle& style);
-    // The beginning of the text that fits, with "…" if it was cut; empty if not one character fits.
+    // The beginning of the string that fits, with "…" if it is truncated; empty if no character fits.
     std::string fitted(const std::string& text, const TextStyle& style, double width);
-    // Breaks the text at spaces into lines that fit.
+    // Breaks the string at spaces into lines that fit.
     std::vector<std::string> wrapped(const std::string& text, const TextStyle& style, double width);
 
     std::string svg() const;

@@ -138,7 +138,7 @@ private:
     size_t mEnd = 0;  // of the last token
     std::string mName;
     std::string_view mNameSource;
-    Value mRoot{Value::kList, {}, {}, {}, {}, {}};  // holds the text's only value
+    Value mRoot{Value::kList, {}, {}, {}, {}, {}};  // its only child is the parsed value
     std::vector<Value*> mOpen{&mRoot};
 };
 

@@ -17,7 +17,7 @@
 namespace vexalive {
 
 constexpr size_t kMaxMixFile = 1 << 20;   // bytes
-constexpr size_t kMaxMixFileErrors = 20;  // one more error then says how many were omitted
+constexpr size_t kMaxMixFileErrors = 20;  // further ones are omitted; a last error states their number
 
 struct MixFileError {
     size_t line = 0;      // from 1; 0: the error concerns the whole file
@@ -26,7 +26,7 @@ struct MixFileError {
     std::string message;  // "expected …, found …"; may quote the file
 };
 
-// The errors are in the order of the file, and never none.
+// A failed result has at least one error; the errors are in the order of the file.
 using MixFileResult = Result<kstmedia::VexaTranscodingConfigInternal, std::vector<MixFileError>>;
 
 // Accepts any bytes of any length.

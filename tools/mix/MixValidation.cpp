@@ -139,7 +139,7 @@ private:
             if (!warning.empty()) {
                 found.push_back({MixDiagnostic::kWarning, userField(layer->index, "rect"), warning, layer->index});
             }
-            // Invalid layers have no order. Valid ones are at most 17, which bounds the work of visibleParts().
+            // Invalid layers have no order. There are at most 17 valid ones, which bounds the work of visibleParts().
             if (mHasValidLayers) {
                 higher.push_back(area);
             }
@@ -147,7 +147,7 @@ private:
         mDiagnostics.insert(mDiagnostics.end(), found.rbegin(), found.rend());
     }
 
-    // Empty if there is nothing to warn of.
+    // Empty if there is no warning.
     static std::string rectangleWarning(const Area& area, const Area& canvas, const std::vector<Area>& higher) {
         if (area.isEmpty()) {
             return "has no area: its size is " + std::to_string(area.width()) + " x " + std::to_string(area.height());

@@ -26,7 +26,7 @@ constexpr double kStageHeight = 620;
 constexpr double kStagePadding = 18;
 constexpr double kBottom = kPreviewMaxHeight - kMargin;
 constexpr double kBadgeHeight = 20;  // of an image layer number
-constexpr double kLineHeight = 16;   // of small texts
+constexpr double kLineHeight = 16;   // of small type
 constexpr double kEntryHeight = 84;
 constexpr double kMinSide = 1.5;  // of a drawn rectangle
 
@@ -77,7 +77,7 @@ std::string sizeText(int32_t width, int32_t height) {
     return std::to_string(width) + kTimes + std::to_string(height);
 }
 
-// The settings of the output, then those that are left to the service.
+// The settings of the output, then the names of those that the service chooses.
 std::string describeOutput(const Config& config, bool isPureAudio) {
     struct Setting {
         const char* before;
@@ -243,7 +243,7 @@ private:
         return paintLegend(stage.bottom() + 14, hasHatch);
     }
 
-    // The canvas and what surrounds it as far as the inputs need, at most 30 % of its size on each side.
+    // The canvas, and around it as much space as the inputs need: at most 30 % of its size on each side.
     View chooseView(double top) const {
         const int64_t sideways = std::max<int64_t>(1, mCanvas.width() * 3 / 10);
         const int64_t upright = std::max<int64_t>(1, mCanvas.height() * 3 / 10);
@@ -262,7 +262,7 @@ private:
         return {shown, kMargin + (kStageWidth - width * scale) / 2, top, scale};
     }
 
-    // Empty if no part of the input is in the view.
+    // Empty if the view contains no part of the input.
     Area shownArea(const MixLayer& input, const View& view) const {
         const Area area = Area::of(userOf(input).rect);
         return userOf(input).pureAudio || area.isEmpty() ? Area() : intersection(area, view.area);
@@ -302,7 +302,7 @@ private:
         }
         paintBadge(box.x + inset, box.y + inset, std::to_string(input.imageLayer), badgeWidth);
         if (onCanvas.isEmpty()) {
-            return;  // text is unreadable on the hatching
+            return;  // a label is unreadable on the hatching
         }
         const User& user = userOf(input);
         double y = box.y + inset + 15;
