@@ -1,5 +1,5 @@
-// What a program asks of the C library, counted: linking CountedCalls.cpp puts counters before malloc and its kin,
-// through which operator new and the libraries allocate too, and before connect.
+// Counts calls of the C library. Linking CountedCalls.cpp replaces connect and the allocation functions of the malloc
+// family, through which operator new and the libraries allocate, too.
 
 #ifndef VEXALIVE_TESTS_COUNTS_COUNTED_CALLS_H
 #define VEXALIVE_TESTS_COUNTS_COUNTED_CALLS_H

@@ -1,7 +1,7 @@
-// Posts on a task loop, for others to count what the system and the processor do. Prints how often a condition was
-// signalled for them.
+// Posts on a task loop, so that its caller can count system calls and instructions. Prints how often the posts
+// signalled a condition.
 //
-//     loop_probe busy N    N posts while the worker is at work, then all of them run
+//     loop_probe busy N    N posts while the worker is busy; then all of them run
 //     loop_probe idle N    N posts, each to a worker that waits
 
 #include <dlfcn.h>
@@ -49,7 +49,7 @@ int signalsOfAnIdleWorker(int number) {
     std::atomic<int> ran{0};
     for (int i = 1; i <= number; ++i) {
         loop->PostTask([&ran] { ++ran; });
-        // Nothing tells when the worker waits again; sleeping wakes nobody.
+        // No event marks the moment at which the worker waits again. Sleeping signals no condition.
         do {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         } while (ran < i);

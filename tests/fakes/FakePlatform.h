@@ -53,8 +53,7 @@ public:
     // Forgets what was recorded and sets the clocks back to the values below.
     void reset();
 
-    // Responds to a request as the client's delivery thread would. An response may come when the client is gone
-    // already.
+    // Responds to a request as the client's delivery thread would. The client may have been destroyed.
     void respond(size_t request, int retCode, const std::string& body);
 
     std::vector<LogLine> log;

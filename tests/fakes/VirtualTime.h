@@ -21,13 +21,13 @@ public:
 
     static TimePoint now() { return KstMessageLoop::world().now; }
 
-    // Runs all that is due, what these tasks post included. The clock stands still.
+    // Runs all due tasks and the tasks that these post. The clock does not advance.
     static void runDue() {
         while (runOne()) {
         }
     }
 
-    // Lets time pass; each task on the way runs at its own time.
+    // Advances the clock; each task runs at its deadline.
     static void advance(std::chrono::milliseconds by) {
         const TimePoint end = now() + by;
         runDue();
@@ -38,7 +38,7 @@ public:
         KstMessageLoop::world().now = end;
     }
 
-    // Lets time pass until no task is left.
+    // Advances the clock until no task is queued.
     static void runUntilQuiet() {
         runDue();
         for (auto next = nextDeadline(); next; next = nextDeadline()) {

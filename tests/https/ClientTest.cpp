@@ -95,9 +95,9 @@ ScriptedServer::Script onRequest(std::function<void(Connection& connection, cons
 // The body describes the error as JSON without a code: the adapter neither retries it nor evaluates a code.
 void expectExplained(const Reply& reply, int retCode) {
     EXPECT_EQ(retCode, reply.retCode);
-    const json::Value answer = json::Deserialize(reply.body);
-    EXPECT_TRUE(answer.HasKey("transportError")) << reply.body;
-    EXPECT_FALSE(answer.HasKey("code") || answer.HasKey("ErrorCode")) << reply.body;
+    const json::Value description = json::Deserialize(reply.body);
+    EXPECT_TRUE(description.HasKey("transportError")) << reply.body;
+    EXPECT_FALSE(description.HasKey("code") || description.HasKey("ErrorCode")) << reply.body;
 }
 
 // The resolution of "silent.invalid" waits for this.

@@ -1,8 +1,8 @@
-// A program that exits while adapters of every kind of lifetime are at work. Run many times by ExitTest: it must end by
-// itself with the status 0, whatever the moment. Just before, it prints how many requests are in flight.
+// Exits while static, local and leaked adapters send requests. ExitTest runs it many times: it must exit with the
+// status 0 at any moment. Before the exit it prints how many requests are in flight.
 //
 //     exit_probe HOW MICROSECONDS      HOW: return, exit, listener, quick
-//     exit_probe idle 0                exits slowly, with threads of the client that have nothing to do any more
+//     exit_probe idle 0                exits slowly, with idle threads of the client
 
 #include <unistd.h>
 
@@ -38,7 +38,7 @@ long countThreads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// Stands for what a host clears away late: the client's threads must not end meanwhile, for they would use it.
+// A host that destroys its objects late. The client's threads must not end meanwhile: they would use these objects.
 void exitSlowly() {
     const long threads = countThreads();
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // a thread without work would end after a second
@@ -48,13 +48,13 @@ void exitSlowly() {
 }
 
 // Callbacks block until all have begun, so that there are more threads than the client retains.
-int leaveIdleThreads() {
+int exitWithIdleThreads() {
     constexpr int kClients = 4;
     std::atexit(&exitSlowly);  // registered before the first request, so it runs after the client's shutdown
     const std::string url = std::string("https://") + std::getenv("VEXALIVE_SERVICE_HOST") + "/";
     std::atomic<int> begun{0};
     std::promise<void> allBegun;
-    const std::shared_future<void> go(allBegun.get_future());
+    const std::shared_future<void> release(allBegun.get_future());
     std::vector<std::unique_ptr<CVexaHttpSendRecv>> clients;
     for (int i = 0; i < kClients; ++i) {
         clients.push_back(std::make_unique<CVexaHttpSendRecv>());
@@ -63,10 +63,10 @@ int leaveIdleThreads() {
             if (++begun == kClients) {
                 allBegun.set_value();
             }
-            go.wait();
+            release.wait();
         });
     }
-    go.wait();
+    release.wait();
     clients.clear();  // waits for the callbacks
     return countThreads() > kClients ? 0 : 6;
 }
@@ -79,7 +79,7 @@ int main(int argc, char** argv) {
     }
     const char* how = argv[1];
     if (std::strcmp(how, "idle") == 0) {
-        return leaveIdleThreads();
+        return exitWithIdleThreads();
     }
     const std::chrono::microseconds moment(std::atoi(argv[2]));
     vexalive::setLogSink([](auto&&...) {});
@@ -92,25 +92,24 @@ int main(int argc, char** argv) {
     static std::vector<std::unique_ptr<Member>>& leaked = *new std::vector<std::unique_ptr<Member>>();
     std::vector<std::unique_ptr<Member>> local;
     static std::atomic<bool> ready{false};
-    static std::atomic<bool> leaving{false};
+    static std::atomic<bool> exiting{false};
     const bool fromListener = std::strcmp(how, "listener") == 0;
     const auto end = std::chrono::steady_clock::now() + moment;
     const auto work = [&](std::unique_ptr<Member> member) {
         // Each notification starts the next request, so that some are always in flight.
         const std::weak_ptr<LiveTranscodingAdapter> weak = member->adapter;
         member->listener->during = [weak, fromListener, end](const Call& call) {
-            if (fromListener && ready && std::chrono::steady_clock::now() >= end && !leaving.exchange(true)) {
+            if (fromListener && ready && std::chrono::steady_clock::now() >= end && !exiting.exchange(true)) {
                 printInFlight();
                 std::exit(0);
             }
             const auto adapter = weak.lock();
             if (adapter && call.code == 0) {
-                call.operation == "startRelay" ? adapter->startPublishStreamUrl(relayParam())
-                                               : static_cast<void>(adapter->setLiveMixTranscoding(mixConfig()));
+                callOperation(*adapter, call.operation == "startRelay" ? oracle::kAddRelay : oracle::kStartMix);
             }
         };
-        member->adapter->startPublishStreamUrl(relayParam());
-        member->adapter->setLiveMixTranscoding(mixConfig());
+        callOperation(*member->adapter, oracle::kAddRelay);
+        callOperation(*member->adapter, oracle::kStartMix);
         return member;
     };
     staticMember = work(std::make_unique<Member>("static"));
@@ -119,7 +118,7 @@ int main(int argc, char** argv) {
         local.push_back(work(std::make_unique<Member>("local")));
     }
     leaked[0]->adapter->setLiveMixTranscoding({});
-    ready = true;  // what exit() ends must not be in the making meanwhile
+    ready = true;  // exit() must not run during these constructions
     std::this_thread::sleep_for(moment);
     if (fromListener) {
         std::this_thread::sleep_for(std::chrono::seconds(30));  // the listener's exit ends this

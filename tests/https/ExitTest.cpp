@@ -1,5 +1,5 @@
-// A process may exit at any moment, with requests in flight: without a hang and without a crash. The environment
-// variable VEXALIVE_EXITS is the number of repetitions for each way.
+// A process may exit at any moment, with requests in flight: it neither hangs nor crashes. The environment variable
+// VEXALIVE_EXITS is the number of repetitions for each of the four ways to exit.
 
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@ End run(const std::string& how, const std::string& microseconds) {
     return {status, std::atoi(child.output().c_str())};
 }
 
-// How often in each of the four ways.
+// Repetitions for each way to exit.
 int times() {
     const char* given = std::getenv("VEXALIVE_EXITS");
     return given ? std::atoi(given) : 25;

@@ -84,7 +84,7 @@ void configureLoopback(unsigned long what, ifreq request) {
 
 std::string enterOwnNetwork() {
     if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
-        return std::string("no network namespace is to be had here: ") + std::strerror(errno);
+        return std::string("cannot create a network namespace: ") + std::strerror(errno);
     }
     ifreq request{};
     request.ifr_flags = IFF_UP;

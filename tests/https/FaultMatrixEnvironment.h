@@ -39,13 +39,13 @@ public:
     void skip(const std::string& reason) { mReasonToSkip = reason; }
     const std::string& reasonToSkip() const { return mReasonToSkip; }
 
-    // Runs once the operation has been called.
+    // Sets what runs once the operation has been called.
     void meanwhile(std::function<void()> action) { mMeanwhile = std::move(action); }
     void runMeanwhile();
 
     // Holds the next responses before they reach the adapter; each `pass` releases one.
-    void hold(int answers) { mExchanges->toHold = answers; }
-    void awaitAnswer(size_t number) { mExchanges->held.waitFor(number); }  // counted from the first held one
+    void hold(int responses) { mExchanges->toHold = responses; }
+    void awaitResponse(size_t number) { mExchanges->held.waitFor(number); }  // counted from the first held one
     void pass() { mExchanges->passed.add(true); }
 
     // Complete requests, counted where the server reads them.
@@ -59,7 +59,7 @@ public:
     std::vector<std::string> sends() const { return mExchanges->sends.all(); }
 
 private:
-    // Of the kind under test. Shared with the observer, of which a last call may outlive the environment.
+    // Of the kind under test. Shared with the observer, whose last call may outlast the environment.
     struct Exchanges {
         std::string interfaceName;
         std::atomic<int> toHold{0};

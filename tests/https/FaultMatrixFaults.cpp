@@ -23,13 +23,13 @@ using Connection = ScriptedServer::Connection;
 using Injection = std::function<void(CaseEnvironment&)>;
 
 constexpr int kAttempts = 11;
-constexpr int kAttemptsOfLibrary = 6;       // of a request that the server has not begun
+constexpr int kAttemptsOfLibrary = 6;       // of a request that the server has refused to process
 constexpr size_t kLimit = size_t{1} << 20;  // of a response
-const std::string kWell = R"({"code":0,"message":"ok"})";
-const std::string kPage = "<html><body>not what was asked for</body></html>";
+const std::string kSuccess = R"({"code":0,"message":"ok"})";
+const std::string kPage = "<html><body>a page of a proxy</body></html>";
 const std::string kHalf = R"({"code":0,"mess)";
-const std::string kHeadOfWell = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kWell.size()) + "\r\n\r\n";
-const std::string kGzipOfWell(
+const std::string kHeadOfSuccess = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kSuccess.size()) + "\r\n\r\n";
+const std::string kGzipOfSuccess(
     "\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\x03\xab\x56\x4a\xce\x4f\x49\x55\xb2\x32\xd0\x51\xca\x4d"
     "\x2d\x2e\x4e\x4c\x07\xb2\x95\xf2\xb3\x95\x6a\x01\x71\xdb\x33\xee\x19\x00\x00\x00",
     43);
@@ -53,18 +53,18 @@ std::vector<Response> refusedByLibrary(CURLcode reason) {
 
 using OnRequest = std::function<bool(Connection&)>;  // false: closes the connection
 
-Injection onRequest(OnRequest answer) {
-    return [answer = std::move(answer)](CaseEnvironment& environment) {
-        environment.serve([answer, &environment](Connection& connection) {
+Injection onRequest(OnRequest respond) {
+    return [respond = std::move(respond)](CaseEnvironment& environment) {
+        environment.serve([respond, &environment](Connection& connection) {
             if (connection.handshake()) {
-                while (!environment.readRequest(connection).empty() && answer(connection)) {
+                while (!environment.readRequest(connection).empty() && respond(connection)) {
                 }
             }
         });
     };
 }
 
-Injection answer(const std::string& bytes) {
+Injection respond(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         connection.write(bytes);
         return true;
@@ -72,7 +72,7 @@ Injection answer(const std::string& bytes) {
 }
 
 Injection status(int number, const std::string& headers = "") {
-    return answer(httpResponse(number, kPage, headers));
+    return respond(httpResponse(number, kPage, headers));
 }
 
 Injection resetAfter(const std::string& bytes) {
@@ -117,14 +117,15 @@ Injection connect(const ScriptedServer::Script& script) {
 }
 
 Injection certificate(CertificateFault fault) {
-    return [fault](CaseEnvironment& environment) { environment.serve({fault}, answering(httpResponse(200, kWell))); };
+    return
+        [fault](CaseEnvironment& environment) { environment.serve({fault}, answering(httpResponse(200, kSuccess))); };
 }
 
 void speakAnOldProtocol(CaseEnvironment& environment) {
-    environment.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpResponse(200, kWell)));
+    environment.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpResponse(200, kSuccess)));
 }
 
-// Half a record of the server's part.
+// Sends half a record.
 void cutTheHandshake(Connection& connection) {
     connection.readPlain();
     connection.writePlain("\x16\x03\x03");
@@ -135,26 +136,26 @@ void resetTheHandshake(Connection& connection) {
     connection.reset();
 }
 
-Injection http2Answer(std::function<void(Connection&, uint32_t stream)> answer, bool isGoneThen = false) {
-    return [answer = std::move(answer), isGoneThen](CaseEnvironment& environment) {
+Injection http2Respond(std::function<void(Connection&, uint32_t stream)> respond, bool closes = false) {
+    return [respond = std::move(respond), closes](CaseEnvironment& environment) {
         ScriptedServer::Options options;
         options.http2 = true;
         environment.serve(options,
-                          http2::answering([answer, isGoneThen, &environment](Connection& connection, uint32_t stream) {
+                          http2::answering([respond, closes, &environment](Connection& connection, uint32_t stream) {
                               environment.countUnread();
-                              answer(connection, stream);
-                              return !isGoneThen;
+                              respond(connection, stream);
+                              return !closes;
                           }));
     };
 }
 
-// The first connection that brings a request is dead from then on, though nobody closes it. A client numbers the
-// streams of each connection from 1.
+// The first connection with a request gets no response and is not closed. A client numbers the streams of each
+// connection from 1.
 void fallSilentOnTheFirstConnection(CaseEnvironment& environment) {
     const auto requests = std::make_shared<std::atomic<int>>(0);
-    http2Answer([requests](Connection& connection, uint32_t stream) {
+    http2Respond([requests](Connection& connection, uint32_t stream) {
         if (++*requests > 1 && stream == 1) {
-            connection.write(http2::okHead(stream) + http2::body(stream, kWell, true));
+            connection.write(http2::okHead(stream) + http2::body(stream, kSuccess, true));
         }
     })(environment);
 }
@@ -212,19 +213,19 @@ void acceptNoConnection(CaseEnvironment& environment) {
 // ---- Restarts of the server -----------------------------------------------------------------------------------------
 
 void restartBetweenTwoSends(CaseEnvironment& environment) {
-    answer(httpResponse(200, kWell))(environment);
+    respond(httpResponse(200, kSuccess))(environment);
 }
 
 // During a request; the next send is refused, the one after it reaches the new server.
-void restartWithARequestInHand(CaseEnvironment& environment) {
+void restartDuringARequest(CaseEnvironment& environment) {
     resetAfter("")(environment);
     environment.hold(2);
     environment.meanwhile([&environment] {
-        environment.awaitAnswer(1);
+        environment.awaitResponse(1);
         environment.stopServing();
         environment.pass();
-        environment.awaitAnswer(2);
-        answer(httpResponse(200, kWell))(environment);
+        environment.awaitResponse(2);
+        respond(httpResponse(200, kSuccess))(environment);
         environment.pass();
     });
 }
@@ -246,7 +247,7 @@ struct BehindNginx {
                       arrived.add(true);
                       released.waitFor(1);
                   }
-                  connection.write(httpResponse(200, kWell));
+                  connection.write(httpResponse(200, kSuccess));
               }
           }) {
         environment.stopServing();
@@ -270,10 +271,10 @@ struct BehindNginx {
     std::unique_ptr<Load> load;
 };
 
-// Null where there is no nginx.
+// Null if nginx is not installed.
 BehindNginx* serveBehindNginx(CaseEnvironment& environment) {
     if (!Nginx::isInstalled()) {
-        environment.skip("no nginx on this machine");
+        environment.skip("nginx is not installed");
         return nullptr;
     }
     const auto server = std::make_shared<BehindNginx>(environment);
@@ -299,7 +300,7 @@ void killNginx(CaseEnvironment& environment) {
             server->arrived.waitFor(1);
             server->nginx->killAll();
             server->released.add(true);
-            environment.awaitAnswer(1);
+            environment.awaitResponse(1);
             server->nginx->start();
             server->load->awaitResponses(100);
             environment.pass();
@@ -326,28 +327,28 @@ Fault endingWithin(std::chrono::milliseconds time, Fault fault) {
 
 std::vector<Fault> makeFaults() {
     const std::vector<Response> lost = always(1, "");
-    const std::vector<Response> well = once(0, kWell);
+    const std::vector<Response> success = once(0, kSuccess);
     const std::vector<Response> untrusted = refusedByLibrary(CURLE_PEER_FAILED_VERIFICATION);
     const std::string json404 = R"({"code":0,"message":"moved away"})";
     const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
 
     // name, description, how to inject it, responses that the adapter receives, requests that reach a server
     return {
-        // The way there.
+        // The network.
         connectingWithin(1s, in(Fault::kUnknownHost, {"NameNotResolved", "the name is not resolved", refuse, lost, 0})),
         {"Refused", "the connection is refused", refuse, lost, 0},
-        in(Fault::kOwnNetwork, {"Unreachable", "the network knows no way to the address", loseTheAddress, lost, 0}),
-        connectingWithin(1s, in(Fault::kOwnNetwork, {"Blackholed", "what is sent to the address is lost: time-out",
-                                                     loseEverything, lost, 0})),
+        in(Fault::kOwnNetwork, {"Unreachable", "the network is unreachable", loseTheAddress, lost, 0}),
+        connectingWithin(1s, in(Fault::kOwnNetwork,
+                                {"Blackholed", "packets to the address are lost: timeout", loseEverything, lost, 0})),
         endingWithin(
-            1s, in(Fault::kOwnNetwork, {"BlackholedWhileConnected", "the same on a connection that is open: time-out",
+            1s, in(Fault::kOwnNetwork, {"BlackholedWhileConnected", "packets on an open connection are lost: timeout",
                                         [](CaseEnvironment&) { takeLoopbackDown(); }, lost, 0})),
         connectingWithin(1s,
-                         {"ConnectTimeout", "the server accepts no connection: time-out", acceptNoConnection, lost, 0}),
+                         {"ConnectTimeout", "the server accepts no connection: timeout", acceptNoConnection, lost, 0}),
 
         // TLS.
-        {"CertificateExpired", "the certificate is out of date", certificate(CertificateFault::kExpired), untrusted, 0},
-        {"CertificateSelfSigned", "the certificate is signed by itself", certificate(CertificateFault::kSelfSigned),
+        {"CertificateExpired", "the certificate has expired", certificate(CertificateFault::kExpired), untrusted, 0},
+        {"CertificateSelfSigned", "the certificate is self-signed", certificate(CertificateFault::kSelfSigned),
          untrusted, 0},
         {"CertificateOfAnotherHost", "the certificate is another host's", certificate(CertificateFault::kOtherHost),
          untrusted, 0},
@@ -357,7 +358,7 @@ std::vector<Fault> makeFaults() {
          refusedByLibrary(CURLE_SSL_CONNECT_ERROR), 0},
         {"HandshakeCutOff", "closed inside the handshake", connect(cutTheHandshake), lost, 0},
         {"HandshakeReset", "reset inside the handshake", connect(resetTheHandshake), lost, 0},
-        connectingWithin(1s, {"HandshakeTimeout", "the server is silent inside the handshake: time-out",
+        connectingWithin(1s, {"HandshakeTimeout", "the server is silent inside the handshake: timeout",
                               connect([](Connection& connection) { connection.waitForClient(); }), lost, 0}),
 
         // The connection.
@@ -366,35 +367,35 @@ std::vector<Fault> makeFaults() {
         {"ResetInsideHeader", "reset inside the header", resetAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost, kAttempts},
         {"ClosedInsideHeader", "closed inside the header", closeAfter("HTTP/1.1 200 OK\r\nContent-Le"), lost,
          kAttempts},
-        {"ResetAfterHeader", "reset after the header", resetAfter(kHeadOfWell), lost, kAttempts},
-        {"ResetInsideBody", "reset inside the body", resetAfter(kHeadOfWell + kHalf), always(1, kHalf), kAttempts},
-        {"LengthNotKept", "closed before the promised length", closeAfter(kHeadOfWell + kHalf), always(1, kHalf),
+        {"ResetAfterHeader", "reset after the header", resetAfter(kHeadOfSuccess), lost, kAttempts},
+        {"ResetInsideBody", "reset inside the body", resetAfter(kHeadOfSuccess + kHalf), always(1, kHalf), kAttempts},
+        {"BodyTooShort", "closed before the announced length", closeAfter(kHeadOfSuccess + kHalf), always(1, kHalf),
          kAttempts},
-        {"ChunkingBroken", "a chunk that has no length", answer(chunked + "f\r\n" + kHalf + "\r\nno length\r\n"),
+        {"ChunkingBroken", "a chunk that has no length", respond(chunked + "f\r\n" + kHalf + "\r\nno length\r\n"),
          always(1, kHalf), kAttempts},
         endingWithin(1s,
-                     {"TimeoutBeforeFirstByte", "no byte of an answer: time-out", silentAfter(""), lost, kAttempts}),
-        endingWithin(2s, {"TimeoutInsideBody", "silence inside the body: time-out", silentAfter(kHeadOfWell + kHalf),
+                     {"TimeoutBeforeFirstByte", "no byte of a response: timeout", silentAfter(""), lost, kAttempts}),
+        endingWithin(2s, {"TimeoutInsideBody", "silence inside the body: timeout", silentAfter(kHeadOfSuccess + kHalf),
                           always(1, kHalf), kAttempts}),
-        endingWithin(
-            1s, {"ByteASecond", "a byte a second: time-out", byteBySecond(httpResponse(200, kWell)), lost, kAttempts}),
-        {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, well, 1},
-        {"RestartedWithARequestInHand",
-         "the server dies with the request, is gone for one send, and is back",
-         restartWithARequestInHand,
-         {{1, ""}, {1, ""}, {0, kWell}},
+        endingWithin(1s, {"ByteASecond", "a byte a second: timeout", byteBySecond(httpResponse(200, kSuccess)), lost,
+                          kAttempts}),
+        {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, success, 1},
+        {"RestartedDuringARequest",
+         "the server crashes during the request, refuses the next send and is restarted",
+         restartDuringARequest,
+         {{1, ""}, {1, ""}, {0, kSuccess}},
          2},
 
         // The response.
-        {"Informational", "a 103 before the answer",
-         answer("HTTP/1.1 103 Early Hints\r\n\r\n" + httpResponse(200, kWell)), well, 1},
-        {"InformationalOnly", "a 103 and no answer", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost, kAttempts},
-        {"Status204", "204", answer("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), kAttempts},
+        {"Informational", "a 103 before the response",
+         respond("HTTP/1.1 103 Early Hints\r\n\r\n" + httpResponse(200, kSuccess)), success, 1},
+        {"InformationalOnly", "a 103 and no response", closeAfter("HTTP/1.1 103 Early Hints\r\n\r\n"), lost, kAttempts},
+        {"Status204", "204", respond("HTTP/1.1 204 No Content\r\n\r\n"), always(0, ""), kAttempts},
         {"Status301", "301 to another host, with a page", status(301, "Location: https://elsewhere.invalid/\r\n"),
          always(301, kPage), kAttempts},
         {"Status401", "401 with a page", status(401), always(401, kPage), kAttempts},
         {"Status404", "404 with a page", status(404), always(404, kPage), kAttempts},
-        {"Status404Json", "404 with JSON", answer(httpResponse(404, json404)), once(404, json404), 1},
+        {"Status404Json", "404 with JSON", respond(httpResponse(404, json404)), once(404, json404), 1},
         {"Status408", "408", status(408), always(1, kPage), kAttempts},
         {"Status425", "425", status(425), always(1, kPage), kAttempts},
         {"Status429", "429", status(429), always(1, kPage), kAttempts},
@@ -402,57 +403,59 @@ std::vector<Fault> makeFaults() {
         {"Status502", "502", status(502), always(1, kPage), kAttempts},
         {"Status503", "503", status(503), always(1, kPage), kAttempts},
         {"Status504", "504", status(504), always(1, kPage), kAttempts},
-        {"Empty", "an empty answer", answer(httpResponse(200, "")), always(0, ""), kAttempts},
-        {"NotJson", "an answer that is not JSON", status(200), always(0, kPage), kAttempts},
-        {"Gzip", "an answer packed with gzip", answer(httpResponse(200, kGzipOfWell, "Content-Encoding: gzip\r\n")),
-         always(0, kGzipOfWell), kAttempts},
-        {"OverTheLimit", "an answer announced longer than the limit",
-         answer(httpResponse(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
-        {"OverTheLimitInChunks", "an answer that grows beyond the limit",
-         answer(chunked + "100001\r\n" + std::string(kLimit + 1, 'x') + "\r\n0\r\n\r\n"),
+        {"Empty", "an empty response", respond(httpResponse(200, "")), always(0, ""), kAttempts},
+        {"NotJson", "a response that is not JSON", status(200), always(0, kPage), kAttempts},
+        {"Gzip", "a response compressed with gzip",
+         respond(httpResponse(200, kGzipOfSuccess, "Content-Encoding: gzip\r\n")), always(0, kGzipOfSuccess),
+         kAttempts},
+        {"OverTheLimit", "a response whose announced length is over the limit",
+         respond(httpResponse(200, std::string(kLimit + 1, 'x'))), refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
+        {"OverTheLimitInChunks", "a response that grows over the limit",
+         respond(chunked + "100001\r\n" + std::string(kLimit + 1, 'x') + "\r\n0\r\n\r\n"),
          refusedByLibrary(CURLE_FILESIZE_EXCEEDED), 1},
-        {"ServerRefuses", "a code of the service", answer(httpResponse(200, R"({"code":-77,"message":"no such app"})")),
+        {"ServerRefuses", "a code of the service",
+         respond(httpResponse(200, R"({"code":-77,"message":"no such app"})")),
          once(0, R"({"code":-77,"message":"no such app"})"), 1},
-        {"NoCode", "JSON without a code", answer(httpResponse(200, "{}")), once(0, "{}"), 1},
+        {"NoCode", "JSON without a code", respond(httpResponse(200, "{}")), once(0, "{}"), 1},
 
         // HTTP/2.
         {"Http2StreamReset", "HTTP/2: RST_STREAM before the header",
-         http2Answer([](Connection& connection, uint32_t stream) {
+         http2Respond([](Connection& connection, uint32_t stream) {
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
          lost, kAttempts},
         {"Http2StreamRefused", "HTTP/2: RST_STREAM that refuses the request",
-         http2Answer([](Connection& connection, uint32_t stream) {
+         http2Respond([](Connection& connection, uint32_t stream) {
              connection.write(http2::resetStream(stream, http2::kRefusedStream));
          }),
          lost, kAttempts * kAttemptsOfLibrary},
         {"Http2StreamResetInsideBody", "HTTP/2: RST_STREAM inside the body",
-         http2Answer([](Connection& connection, uint32_t stream) {
+         http2Respond([](Connection& connection, uint32_t stream) {
              connection.write(http2::okHead(stream) + http2::body(stream, kHalf, false));
              connection.waitUntilRead();
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
          always(1, kHalf), kAttempts},
-        {"Http2GoAwayBeforeAnswer", "HTTP/2: GOAWAY that leaves the request out",
-         http2Answer([](Connection& connection, uint32_t) { connection.write(http2::goAway(0, http2::kNoError)); },
-                     true),
+        {"Http2GoAwayBeforeResponse", "HTTP/2: GOAWAY that excludes the request",
+         http2Respond([](Connection& connection, uint32_t) { connection.write(http2::goAway(0, http2::kNoError)); },
+                      true),
          lost, kAttempts},
-        {"Http2GoAwayAndAnswer", "HTTP/2: GOAWAY that lets the request be answered",
-         http2Answer([](Connection& connection, uint32_t stream) {
+        {"Http2GoAwayAndResponse", "HTTP/2: GOAWAY that includes the request, and its response",
+         http2Respond([](Connection& connection, uint32_t stream) {
              connection.write(http2::goAway(stream, http2::kNoError) + http2::okHead(stream) +
-                              http2::body(stream, kWell, true));
+                              http2::body(stream, kSuccess, true));
          }),
-         well, 1},
+         success, 1},
         endingWithin(3s, {"Http2ConnectionDead",
-                          "HTTP/2: a connection that is dead and not closed: time-out",
+                          "HTTP/2: a connection that is silent and not closed: timeout",
                           fallSilentOnTheFirstConnection,
-                          {{1, ""}, {0, kWell}},
+                          {{1, ""}, {0, kSuccess}},
                           2}),
-        {"NginxReloaded", "HTTP/2: nginx reloads under load, with the request in hand", reloadNginx, well, 1},
+        {"NginxReloaded", "HTTP/2: nginx reloads under load, with the request in flight", reloadNginx, success, 1},
         {"NginxKilled",
-         "HTTP/2: nginx is killed under load with the request in hand, and started again",
+         "HTTP/2: nginx is killed under load with the request in flight, and restarted",
          killNginx,
-         {{1, ""}, {0, kWell}},
+         {{1, ""}, {0, kSuccess}},
          2},
     };
 }

@@ -51,8 +51,8 @@ std::string goAway(uint32_t lastStream, uint32_t error) {
     return frame(kGoAway, 0, 0, bigEndian(lastStream, 4) + bigEndian(error, 4));
 }
 
-ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection&, uint32_t)> answer) {
-    return [answer = std::move(answer)](ScriptedServer::Connection& connection) {
+ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection&, uint32_t)> respond) {
+    return [respond = std::move(respond)](ScriptedServer::Connection& connection) {
         if (!connection.handshake()) {
             return;
         }
@@ -73,7 +73,7 @@ ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection&,
             at += kFrameHead + numberAt(bytes, at, 3);
             if (type == kSettings && !(flags & kAcknowledged)) {
                 connection.write(frame(kSettings, kAcknowledged, 0, ""));
-            } else if ((type == kData || type == kHeaders) && (flags & kEndStream) && !answer(connection, stream)) {
+            } else if ((type == kData || type == kHeaders) && (flags & kEndStream) && !respond(connection, stream)) {
                 return;
             }
         }

@@ -16,13 +16,13 @@ constexpr uint32_t kInternalError = 2;
 constexpr uint32_t kRefusedStream = 7;
 
 // Frames.
-std::string okHead(uint32_t stream);  // status 200, and a body to come
+std::string okHead(uint32_t stream);  // status 200, without the end of the stream
 std::string body(uint32_t stream, const std::string& text, bool isLast);
 std::string resetStream(uint32_t stream, uint32_t error);
 std::string goAway(uint32_t lastStream, uint32_t error);
 
-// Handshakes, then calls `answer` for each complete request. Closes the connection if that returns false.
-ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection& connection, uint32_t stream)> answer);
+// Handshakes, then calls `respond` for each complete request. Closes the connection if that returns false.
+ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection& connection, uint32_t stream)> respond);
 
 }  // namespace http2
 

@@ -97,7 +97,7 @@ void Nginx::start() {
     const std::string log = folder + "error.log";
     mMaster = fork();
     if (mMaster == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);  // outlives no test
+        prctl(PR_SET_PDEATHSIG, SIGTERM);  // ends with the test
         execl(kProgram, kProgram, "-p", folder.c_str(), "-c", "nginx.conf", "-e", log.c_str(), nullptr);
         _exit(127);
     }
@@ -107,7 +107,7 @@ void Nginx::start() {
 void Nginx::reload() {
     const std::vector<pid_t> before = workers();
     kill(mMaster, SIGHUP);
-    waitUntil("a new worker is there", [&] {
+    waitUntil("a new worker has started", [&] {
         const std::vector<pid_t> now = workers();
         return std::any_of(now.begin(), now.end(), [&](pid_t worker) {
             return std::find(before.begin(), before.end(), worker) == before.end();
@@ -122,7 +122,7 @@ void Nginx::killAll() {
         kill(worker, SIGKILL);
     }
     waitpid(mMaster, nullptr, 0);
-    waitUntil("it is gone", [this] { return !isServed(mPort); });
+    waitUntil("it has stopped", [this] { return !isServed(mPort); });
 }
 
 std::vector<std::string> Nginx::log(size_t requests) const {

@@ -26,7 +26,7 @@ public:
     Nginx& operator=(const Nginx&) = delete;
 
     void start();
-    void reload();  // returns when a new worker process is there
+    void reload();  // returns when a new worker process has started
     void killAll();
 
     // "CONNECTION PROTOCOL STATUS" of each request, once that many are complete.
@@ -40,7 +40,7 @@ private:
     pid_t mMaster = 0;
 };
 
-// Clients that send without a pause, each its next request when the last one is complete.
+// Clients that send without a pause: each sends its next request when the previous one is complete.
 class Load {
 public:
     static constexpr const char* kInterfaceName = "load";

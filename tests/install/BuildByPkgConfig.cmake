@@ -1,4 +1,4 @@
-# Builds one source with what pkg-config says of vexalive, and runs it.
+# Builds one source with the flags that pkg-config prints for vexalive, and runs it.
 #
 # COMPILER, FLAGS, PKG_CONFIG; PC_DIRECTORY: where vexalive.pc was installed; SOURCE, PROGRAM.
 

@@ -30,13 +30,13 @@ private:
 
 // Calls a function when it is destroyed. Movable, not copyable.
 template <class F>
-class AtTheEnd {
+class OnDestruction {
 public:
-    explicit AtTheEnd(F function) : mFunction(std::move(function)) {}
-    AtTheEnd(AtTheEnd&& other) noexcept
+    explicit OnDestruction(F function) : mFunction(std::move(function)) {}
+    OnDestruction(OnDestruction&& other) noexcept
         : mFunction(std::move(other.mFunction)), mArmed(std::exchange(other.mArmed, false)) {}
-    AtTheEnd& operator=(AtTheEnd&&) = delete;
-    ~AtTheEnd() {
+    OnDestruction& operator=(OnDestruction&&) = delete;
+    ~OnDestruction() {
         if (mArmed) {
             mFunction();
         }

@@ -53,7 +53,7 @@ bool awaitNoThreadSince(const std::set<std::string>& before) {
     return pollUntil([&] { return threadsSince(before).empty(); });
 }
 
-// Waits until posts are refused, so that a stop on another thread is known to be under way.
+// Waits until posts are refused: a stop on another thread has begun.
 void awaitRefusal(KstMessageLoop& loop) {
     while (loop.PostTask([] {}).valid()) {
         std::this_thread::yield();
@@ -173,7 +173,7 @@ TEST_F(KstMessageLoopTest, StopFromAnotherThreadLetsTheRunningTaskEndAndWaitsFor
     const std::vector<std::string> entries = journal.all();
     EXPECT_THAT(entries, UnorderedElementsAre("task ends", "~queued", "~delayed", "stop returns"));
     EXPECT_EQ(entries.front(), "task ends");
-    EXPECT_EQ(entries.back(), "stop returns") << "nothing of the queue is left when it does";
+    EXPECT_EQ(entries.back(), "stop returns") << "the queue is empty by then";
 }
 
 TEST_F(KstMessageLoopTest, StopsFromManyThreadsAndTheWorkerAllReturnAndEveryTaskIsDestroyedOnce) {
@@ -261,7 +261,7 @@ TEST_F(KstMessageLoopTest, PostsRacingWithStopEachRunOnceOrAreDestroyedUnrunAndN
             posters.emplace_back([&, poster] {
                 ++posting;
                 for (int i = 0; i < kTasks; ++i) {
-                    auto task = [&counts, end = AtTheEnd([&counts] { ++counts.destroyed; })] {
+                    auto task = [&counts, end = OnDestruction([&counts] { ++counts.destroyed; })] {
                         counts.ranAfterStop = counts.ranAfterStop || counts.stopped;
                         ++counts.ran;
                     };
@@ -275,7 +275,7 @@ TEST_F(KstMessageLoopTest, PostsRacingWithStopEachRunOnceOrAreDestroyedUnrunAndN
         while (posting == 0) {
             std::this_thread::yield();
         }
-        // Stops come from outside and, in every other round, from the worker itself.
+        // This thread stops the loop; in every other round the worker does so, too.
         if (round % 2 == 0) {
             racing->PostTask([&racing] { racing->stop(); });
         }

@@ -42,8 +42,7 @@ protected:
         return loop->DelayPostTask(delay, [this, name] { journal.add(name); });
     }
 
-    // Lets `sequence.size()` entries come, within `time` on the loop's clock; they must be these, and no more may be
-    // due.
+    // Lets the loop run for `time` on its clock, until it has nothing to do; requires these entries and no others.
     void expectRun(const std::vector<std::string>& sequence, milliseconds time = {}) {
         ASSERT_TRUE(LoopDriver::run(journal, sequence.size(), time));
         LoopDriver::settle(*loop);
@@ -168,7 +167,7 @@ TEST_F(LoopContractTest, ANegativeDelayIsADeadlineInThePast) {
     expectRun({"ages ago", "ages ago", "two seconds ago", "a second ago", "now"});
 }
 
-// Takes time to package: its move constructor lasts 30 ms on the loop's clock.
+// Its move constructor lasts 30 ms on the loop's clock, so that packaging it takes time.
 struct SlowToPackage {
     explicit SlowToPackage(Journal<std::string>& target) : journal(&target) {}
     SlowToPackage(SlowToPackage&& other) noexcept : journal(other.journal), packaged(other.packaged) {
@@ -306,7 +305,7 @@ TEST_F(LoopContractTest, ATaskPostedByATaskRunsBehindThoseAlreadyQueued) {
 }
 
 TEST_F(LoopContractTest, TheDestructorOfATaskThatRanMayPost) {
-    auto postsWhenDestroyed = AtTheEnd([this] {
+    auto postsWhenDestroyed = OnDestruction([this] {
         postEntry("posted");
         postEntryDelayed(milliseconds(1), "posted delayed");
     });
@@ -317,7 +316,7 @@ TEST_F(LoopContractTest, TheDestructorOfATaskThatRanMayPost) {
 TEST_F(LoopContractTest, TheDestructorOfATaskThatRanMayStop) {
     {
         const Hold hold(*loop);
-        loop->PostTask([this, end = AtTheEnd([this] { loop->stop(); })] { journal.add("ran"); });
+        loop->PostTask([this, end = OnDestruction([this] { loop->stop(); })] { journal.add("ran"); });
         post("unrun");
     }
     ASSERT_TRUE(LoopDriver::run(journal, 2));
@@ -388,7 +387,7 @@ TEST_F(LoopContractTest, TheDestructorOfATaskThatIsNotRunMayPostAndStop) {
         Journal<std::string> outcome;
         const WatchedLoop stopped;
         const auto end = [&] {
-            return AtTheEnd([&] {
+            return OnDestruction([&] {
                 const bool isAccepted =
                     stopped->PostTask([] {}).valid() || stopped->DelayPostTask(milliseconds(0), [] {}).valid();
                 stopped->stop();
@@ -434,7 +433,7 @@ TEST_F(LoopContractTest, ALoopThatLosesItsLastReferenceInItsOwnTaskIsDestroyedOn
     {
         const Hold hold(*loop);
         KstMessageLoop& itself = *loop;
-        itself.PostTask([this, &worker, owner = loop.take()]() mutable {
+        itself.PostTask([this, &worker, owner = loop.release()]() mutable {
             worker = std::this_thread::get_id();
             owner->stop();
             owner.reset();

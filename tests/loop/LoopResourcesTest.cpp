@@ -59,7 +59,7 @@ TEST_F(LoopResourcesTest, AnImmediatePostAllocatesThePackagedTaskOnceTheQueueHas
     EXPECT_LE(used, (kPosts - 1) * kPackagedTask + 1);
 }
 
-TEST_F(LoopResourcesTest, AQueueThatEmptiesAndFillsAgainKeepsItsRoom) {
+TEST_F(LoopResourcesTest, AQueueThatEmptiesAndFillsAgainRetainsItsCapacity) {
     constexpr size_t kRounds = 16;
     constexpr size_t kGrowth = 2 * 10;  // what waits and what runs, each from nothing to kPosts
     size_t used = 0;
@@ -91,7 +91,7 @@ TEST_F(LoopResourcesTest, ARefusedPostAllocatesNothing) {
 
 TEST(LoopThreadDeathTest, AWorkerThatCannotBeStartedEndsTheProcess) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    // Without a handler on the way, as in the adapter and its threads.
+    // noexcept, since neither the adapter nor its threads handle the exception.
     const auto post = []() noexcept {
         const auto loop = std::make_shared<KstMessageLoop>();
         refuseThreads = true;

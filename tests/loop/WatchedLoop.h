@@ -17,11 +17,11 @@
 class WatchedLoop {
 public:
     WatchedLoop() {
-        std::promise<std::thread::id> gone;
-        mGone = gone.get_future();
-        mLoop.reset(new KstMessageLoop, [gone = std::move(gone)](KstMessageLoop* last) mutable {
+        std::promise<std::thread::id> ended;
+        mEnded = ended.get_future();
+        mLoop.reset(new KstMessageLoop, [ended = std::move(ended)](KstMessageLoop* last) mutable {
             delete last;
-            gone.set_value(std::this_thread::get_id());
+            ended.set_value(std::this_thread::get_id());
         });
     }
 
@@ -29,7 +29,7 @@ public:
         if (mLoop) {
             mLoop->stop();
         }
-        if (mGone.valid()) {
+        if (mEnded.valid()) {
             awaitEnd();
         }
     }
@@ -40,22 +40,22 @@ public:
     KstMessageLoop* operator->() const { return mLoop.get(); }
     KstMessageLoop& operator*() const { return *mLoop; }
 
-    // The reference held here, for another owner.
-    std::shared_ptr<KstMessageLoop> take() { return std::move(mLoop); }
+    // Passes the reference on to another owner.
+    std::shared_ptr<KstMessageLoop> release() { return std::move(mLoop); }
 
     // Releases the loop and waits until it is destroyed; returns the thread that destroyed it.
     std::thread::id awaitEnd() {
         mLoop.reset();
-        if (mGone.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        if (mEnded.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
             ADD_FAILURE() << "the loop does not end";
             return {};
         }
-        return mGone.get();
+        return mEnded.get();
     }
 
 private:
     std::shared_ptr<KstMessageLoop> mLoop;
-    std::future<std::thread::id> mGone;
+    std::future<std::thread::id> mEnded;
 };
 
 #endif

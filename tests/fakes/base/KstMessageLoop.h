@@ -47,7 +47,7 @@ public:
         return enqueue(delay, std::forward<F>(task));
     }
 
-    // What the worker would do until the loop is stopped or has nothing left to wait for: runs the tasks and moves the
+    // Does the worker's job until the loop is stopped or has no delayed task: runs the tasks and moves the
     // clock to each deadline.
     void Loop() {
         const std::weak_ptr<KstMessageLoop> alive = weak_from_this();

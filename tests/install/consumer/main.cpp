@@ -16,7 +16,7 @@
 
 namespace {
 
-// Keeps the first outcome of a relay start.
+// Stores the first outcome of a relay start.
 class Listener : public ILiveTrancodingDelegate {
 public:
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override {
@@ -40,7 +40,7 @@ std::string outcomeOfAnEmptyRelay() {
     return listener->outcome();
 }
 
-// Of a request to a port where nobody listens.
+// Of a request to a port that refuses connections.
 int returnCodeOfARefusedRequest() {
     std::promise<int> code;
     std::future<int> arrived = code.get_future();
@@ -54,9 +54,9 @@ int returnCodeOfARefusedRequest() {
 int failures = 0;
 
 template <class T>
-void expect(const char* what, const T& seen, const T& expected) {
-    const bool met = seen == expected;
-    std::cout << (met ? "ok   " : "FAIL ") << what << ": " << seen << "\n";
+void expect(const char* what, const T& actual, const T& expected) {
+    const bool met = actual == expected;
+    std::cout << (met ? "ok   " : "FAIL ") << what << ": " << actual << "\n";
     failures += met ? 0 : 1;
 }
 

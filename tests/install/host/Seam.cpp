@@ -1,4 +1,4 @@
-// The SDK's facilities as a small host might have them: every answer is a success, and nothing leaves the process.
+// The SDK's facilities of a small host: every response is a success, and nothing leaves the process.
 
 #include "Seam.h"
 
@@ -63,12 +63,12 @@ void CVexaHttpSendRecv::sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::
     sent.push_back(url + " " + std::string(reinterpret_cast<const char*>(body.cdata()), body.size()));
     deliveries.emplace_back([callback = std::move(callback)] {
         const std::string text = "{\"code\":0}";
-        KstCopyOnWriteBuffer answer(reinterpret_cast<const uint8_t*>(text.data()), text.size());
-        callback(CVexaHttpSendRecv::kSuccess, answer);
+        KstCopyOnWriteBuffer response(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+        callback(CVexaHttpSendRecv::kSuccess, response);
     });
 }
 
-// ---- JSON: objects of numbers, plain texts and objects ----
+// ---- JSON: objects of numbers, strings without escapes and objects ----
 
 std::string json::Serialize(const Value& value) {
     if (const int64_t* integer = value.asInteger()) {

@@ -1,4 +1,4 @@
-// What the host's facilities have seen, for its main program.
+// What the adapter has sent and reported through the host's facilities.
 
 #ifndef HOST_SEAM_H
 #define HOST_SEAM_H
@@ -12,7 +12,7 @@ std::vector<std::string> awaitReports(size_t count);
 // The addresses and bodies sent so far, each as "address body".
 std::vector<std::string> requests();
 
-// Waits for the threads that deliver answers; nothing may be sent any more.
+// Waits for the threads that deliver responses; call after the last request.
 void endDeliveries();
 
 #endif

@@ -12,8 +12,8 @@ namespace {
 
 class Listener : public ILiveTrancodingDelegate {
 public:
-    void onStartPublishStreamUrl(int errCode, std::string errMsg) override { keep(mStarted, errCode, errMsg); }
-    void onStopPublishStreamUrl(int errCode, std::string errMsg) override { keep(mStopped, errCode, errMsg); }
+    void onStartPublishStreamUrl(int errCode, std::string errMsg) override { store(mStarted, errCode, errMsg); }
+    void onStopPublishStreamUrl(int errCode, std::string errMsg) override { store(mStopped, errCode, errMsg); }
     void onSetLiveMixTranscoding(int, std::string) override {}
     void onStopLiveMixTranscoding(int, std::string) override {}
 
@@ -21,7 +21,7 @@ public:
     std::string stopped() { return mStopped.get_future().get(); }
 
 private:
-    static void keep(std::promise<std::string>& outcome, int errCode, const std::string& errMsg) {
+    static void store(std::promise<std::string>& outcome, int errCode, const std::string& errMsg) {
         outcome.set_value(std::to_string(errCode) + " " + errMsg);
     }
 
@@ -31,9 +31,9 @@ private:
 
 int failures = 0;
 
-void expectStart(const char* what, const std::string& seen, const std::string& expected) {
-    const bool met = seen.compare(0, expected.size(), expected) == 0;
-    std::printf("%s %s: %s\n", met ? "ok  " : "FAIL", what, seen.c_str());
+void expectStart(const char* what, const std::string& actual, const std::string& expected) {
+    const bool met = actual.compare(0, expected.size(), expected) == 0;
+    std::printf("%s %s: %s\n", met ? "ok  " : "FAIL", what, actual.c_str());
     failures += met ? 0 : 1;
 }
 

@@ -41,7 +41,7 @@ public:
         std::promise<void> mOpen;
     };
 
-    // Lets the loop run until the journal has `count` entries, which should not take longer than `time` on its clock.
+    // Waits until the journal has `count` entries; false on a timeout.
     static bool run(Journal<std::string>& journal, size_t count, std::chrono::milliseconds /*time*/ = {}) {
         return journal.await(count);
     }

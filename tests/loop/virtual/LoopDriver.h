@@ -1,4 +1,4 @@
-// Drives the virtual-time loop for the contract's tests: tasks run, and time passes, when this says so.
+// Drives the virtual-time loop for the contract's tests: this class runs the tasks and advances the time.
 
 #ifndef VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
 #define VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
