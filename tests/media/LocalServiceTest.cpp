@@ -32,8 +32,8 @@ int processesWith(const std::string& mark) {
 TEST(LocalService, RefusesAPublisherUnderAWrongIdWithAReason) {
     const LocalService service;
     const auto stranger = publish(service.origin() + "/live/alice", {"red", 440});
-    EXPECT_TRUE(eventually([&] { return stranger->hasEnded(); }));
-    ASSERT_TRUE(eventually([&] { return !service.refusals().empty(); }));
+    EXPECT_TRUE(pollUntil([&] { return stranger->hasEnded(); }));
+    ASSERT_TRUE(pollUntil([&] { return !service.refusals().empty(); }));
     EXPECT_NE(service.refusals()[0].find("alice"), std::string::npos) << service.refusals()[0];
     const auto alice = publish(service.memberUrl(1), {"red", 440});
     EXPECT_TRUE(Viewer(service.memberUrl(1)).comesToShow({{320, 180, kRed}}));
@@ -48,15 +48,13 @@ TEST(LocalService, LeavesNoProcessWhenItIsKilled) {
     ASSERT_TRUE(service.awaitOutput("VEXALIVE_CA_FILE")) << service.errors();
     std::string address = service.output();
     address = address.substr(address.find("VEXALIVE_SERVICE_HOST=") + 22);
-    httplib::Client client("https://" + address.substr(0, address.find('"')));
-    client.set_ca_cert_path(folder.path() + "/state/ca.pem");
-    client.enable_server_certificate_verification(false);
+    HttpClient client("https://" + address.substr(0, address.find('"')), folder.path() + "/state/ca.pem");
     EXPECT_EQ(servicetesting::post(client, mixBody({{1, 0, 0, 640, 360}}))["code"], 0);
     EXPECT_EQ(servicetesting::post(client, relayBody(2, "rtmp://127.0.0.1:9/cdn/nobody"))["code"], 0);
-    ASSERT_TRUE(eventually([&] { return processesWith(mark) == 4; })) << processesWith(mark);  // nginx and two workers
+    ASSERT_TRUE(pollUntil([&] { return processesWith(mark) == 4; })) << processesWith(mark);  // nginx and two workers
     service.sendSignal(SIGKILL);
     service.awaitExit();
-    EXPECT_TRUE(eventually([&] { return processesWith(mark) == 0; })) << processesWith(mark);
+    EXPECT_TRUE(pollUntil([&] { return processesWith(mark) == 0; })) << processesWith(mark);
 }
 
 TEST(LocalService, ServesMetrics) {

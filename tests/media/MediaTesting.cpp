@@ -143,11 +143,11 @@ struct LocalService::Log {
 };
 
 LocalService::LocalService() : mLog(std::make_shared<Log>()), mService(mLog->options()), mClient(mService.client()) {
-    EXPECT_TRUE(eventually([this] { return state()["service"]["origin"]["state"] == "running"; })) << state();
+    EXPECT_TRUE(pollUntil([this] { return state()["service"]["origin"]["state"] == "running"; })) << state();
 }
 
 int LocalService::post(const json& body) {
-    return servicetesting::post(*mClient, body)["code"];
+    return servicetesting::post(mClient, body)["code"];
 }
 
 json LocalService::mediaOf(const char* list, size_t index) const {
@@ -156,20 +156,19 @@ json LocalService::mediaOf(const char* list, size_t index) const {
 }
 
 bool LocalService::mixReaches(const std::string& state) const {
-    return eventually([&] { return mix()["state"] == state; });
+    return pollUntil([&] { return mix()["state"] == state; });
 }
 
 bool LocalService::inputReaches(size_t index, const std::string& state) const {
-    return eventually([&] { return mix()["inputs"][index]["state"] == state; });
+    return pollUntil([&] { return mix()["inputs"][index]["state"] == state; });
 }
 
 bool LocalService::relayReaches(const std::string& state, size_t index) const {
-    return eventually([&] { return relay(index)["state"] == state; });
+    return pollUntil([&] { return relay(index)["state"] == state; });
 }
 
-std::string LocalService::get(const std::string& path) const {
-    const auto response = mClient->Get(path);
-    return response ? response->body : "";
+std::string LocalService::get(const std::string& path) {
+    return mClient.get(path).body;
 }
 
 std::vector<std::string> LocalService::refusals() const {
@@ -298,7 +297,7 @@ bool Viewer::shows(const std::vector<Pixel>& pixels) const {
 }
 
 bool Viewer::comesToShow(const std::vector<Pixel>& pixels) const {
-    return eventually([&] { return shows(pixels); });
+    return pollUntil([&] { return shows(pixels); });
 }
 
 void Viewer::expectChange(std::vector<Pixel> before, std::vector<Pixel> after) {
@@ -329,7 +328,7 @@ size_t Listener::read(std::string_view output) {
 }
 
 bool Listener::comesToHear(const std::vector<int>& tones) const {
-    return eventually([&] {
+    return pollUntil([&] {
         const std::lock_guard<std::mutex> lock(mMutex);
         return mTones == tones && mEqualPieces >= 5;
     });
@@ -376,7 +375,7 @@ std::vector<Probe::Record> Probe::records(const std::string& kind) const {
 }
 
 bool Probe::awaitVideo(size_t count) const {
-    return eventually([&] { return video().size() >= count; });
+    return pollUntil([&] { return video().size() >= count; });
 }
 
 double Probe::longestGap(const std::vector<Record>& records) {

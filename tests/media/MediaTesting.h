@@ -24,7 +24,6 @@
 
 namespace mediatesting {
 
-using servicetesting::eventually;
 using servicetesting::json;
 using servicetesting::streamIdOf;
 
@@ -65,7 +64,7 @@ public:
     std::string origin() const { return state()["service"]["origin"]["address"]; }
     std::string memberUrl(int number) const { return origin() + "/live/" + streamIdOf(number); }
     std::string mixUrl() const { return origin() + "/mix/" + streamIdOf(1); }
-    std::string get(const std::string& path) const;  // as a browser
+    std::string get(const std::string& path);  // as a browser
     void injectFault(const vexalive::Fault& fault) { mService->inject(fault); }
     std::vector<std::string> refusals() const;  // the log lines of refused publishers
 
@@ -78,7 +77,7 @@ private:
 
     std::shared_ptr<Log> mLog;
     servicetesting::RunningService mService;
-    std::unique_ptr<httplib::Client> mClient;
+    HttpClient mClient;
 };
 
 // An RTMP server that the local service does not manage.

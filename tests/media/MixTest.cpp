@@ -46,7 +46,7 @@ json withOutput(json body, const OutputSettings& output) {
 void expectOutput(const Probe& probe, const OutputSettings& output, size_t skipped = 0) {
     std::vector<Probe::Record> frames;
     std::vector<size_t> keys;
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(pollUntil([&] {
         frames.clear();
         keys.clear();
         const std::vector<Probe::Record> all = probe.video();
@@ -212,7 +212,7 @@ TEST_F(Mix, AMixOfAudioAloneHasNoVideo) {
     start({{1, 0, 0, 0, 0, true}, {2, 0, 0, 0, 0, true}});
     const Probe packets(service.mixUrl());
     EXPECT_TRUE(Listener(service.mixUrl()).comesToHear({440, 660}));
-    EXPECT_TRUE(eventually([&] { return packets.audio().size() > 20; }));
+    EXPECT_TRUE(pollUntil([&] { return packets.audio().size() > 20; }));
     EXPECT_TRUE(packets.video().empty());
 }
 
@@ -224,7 +224,7 @@ TEST_F(Mix, AnAbsentInputShowsAPlaceholderUntilItComes) {
     const Rgb placeholder = viewer.at(480, 180);
     EXPECT_FALSE(placeholder.isNear(kBackground)) << placeholder;
     EXPECT_LT(placeholder.r + placeholder.g + placeholder.b, 3 * 80) << placeholder;
-    EXPECT_TRUE(eventually([this] { return service.mix()["inputs"][1]["error"] != nlohmann::json(""); }));
+    EXPECT_TRUE(pollUntil([this] { return service.mix()["inputs"][1]["error"] != nlohmann::json(""); }));
 
     bob = member(2, "lime", 660);
     EXPECT_TRUE(viewer.comesToShow({{160, 180, kRed}, {480, 180, kLime}}));
@@ -239,7 +239,7 @@ TEST_F(Mix, AnInputThatIsKilledIsReplacedAndComesBackInAnotherSize) {
     ASSERT_TRUE(viewer.comesToShow({{160, 180, kRed}, {480, 180, kLime}}));
 
     bob.reset();
-    EXPECT_TRUE(eventually([&] { return !viewer.shows({{480, 180, kLime}}); }));
+    EXPECT_TRUE(pollUntil([&] { return !viewer.shows({{480, 180, kLime}}); }));
     EXPECT_TRUE(service.inputReaches(1, "reconnecting"));
     EXPECT_TRUE(viewer.shows({{160, 180, kRed}}));
 
@@ -288,7 +288,7 @@ TEST_F(Mix, TheOutputFollowsItsSettingsOnOneConnection) {
     EXPECT_TRUE(listener.comesToHear({440}));
     ASSERT_EQ(service.post(withOutput(mixBody(inputs), third)), 0);
     size_t skipped = 0;  // frames at the rate of before
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(pollUntil([&] {
         const auto frames = probe.video();
         skipped = frames.size();
         return frames[skipped - 1].time - frames[skipped - 2].time < 1.0 / third.frameRate + kRounding;
@@ -297,7 +297,7 @@ TEST_F(Mix, TheOutputFollowsItsSettingsOnOneConnection) {
     EXPECT_LE(probe.longestVideoGap(), 2.0 / second.frameRate + kRounding);
 
     ASSERT_EQ(service.post(withOutput(mixBody({{1, 0, 0, 0, 0, true}}), third)), 0);
-    EXPECT_TRUE(eventually([&] { return probe.audio().back().time > probe.video().back().time + 1; }));
+    EXPECT_TRUE(pollUntil([&] { return probe.audio().back().time > probe.video().back().time + 1; }));
     const size_t received = probe.video().size();
     ASSERT_EQ(service.post(withOutput(mixBody(inputs), first)), 0);
     EXPECT_TRUE(probe.awaitVideo(received + 16));
@@ -314,8 +314,8 @@ TEST_F(Mix, ACancelEndsTheStreamAndItsProcess) {
     ASSERT_TRUE(viewer.comesToShow({{320, 180, kRed}}));
     ASSERT_EQ(LocalService::children("vexalive-media").size(), 1U);
     ASSERT_EQ(service.post(servicetesting::cancelMixBody()), 0);
-    EXPECT_TRUE(eventually([&] { return viewer.hasEnded(); }));
-    EXPECT_TRUE(eventually([] { return LocalService::children("vexalive-media").empty(); }));
+    EXPECT_TRUE(pollUntil([&] { return viewer.hasEnded(); }));
+    EXPECT_TRUE(pollUntil([] { return LocalService::children("vexalive-media").empty(); }));
     EXPECT_TRUE(service.mixReaches("stopped")) << service.mix();
 }
 
@@ -327,7 +327,7 @@ TEST_F(Mix, AWorkerThatIsKilledIsRestartedWithItsLatestLayout) {
     const std::vector<pid_t> workers = LocalService::children("vexalive-media");
     ASSERT_EQ(workers.size(), 1U);
     ::kill(workers[0], SIGKILL);
-    ASSERT_TRUE(eventually([this] { return service.mix()["restarts"] == 1; })) << service.mix();
+    ASSERT_TRUE(pollUntil([this] { return service.mix()["restarts"] == 1; })) << service.mix();
     EXPECT_TRUE(Viewer(service.mixUrl()).comesToShow({{320, 180, kLime}}));
 }
 
@@ -337,12 +337,12 @@ TEST_F(Mix, AnOriginThatIsKilledComesBackAndTheMixWithIt) {
     const std::vector<pid_t> origins = LocalService::children("nginx");
     ASSERT_EQ(origins.size(), 1U);
     ::kill(origins[0], SIGKILL);
-    ASSERT_TRUE(eventually([this] {
+    ASSERT_TRUE(pollUntil([this] {
         json origin = service.state()["service"]["origin"];
         return origin["restarts"] == 1 && origin["state"] == "running";
     })) << service.state();
     alice = member(1, "blue");
-    ASSERT_TRUE(eventually([this] { return service.mix()["reconnects"] > 0; })) << service.mix();
+    ASSERT_TRUE(pollUntil([this] { return service.mix()["reconnects"] > 0; })) << service.mix();
     ASSERT_TRUE(service.mixReaches("running")) << service.mix();
     EXPECT_TRUE(Viewer(service.mixUrl()).comesToShow({{320, 180, kBlue}}));
     EXPECT_EQ(service.mix()["restarts"], 0);
@@ -353,10 +353,10 @@ TEST_F(Mix, ASnapshotShowsTheOutput) {
     ASSERT_TRUE(service.inputReaches(0, "running") && service.inputReaches(1, "running"));
     const servicetesting::TemporaryFolder folder;
     const std::string file = folder.path() + "/snapshot.jpg";
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(pollUntil([&] {
         servicetesting::writeAll(file, service.get("/snapshot?mix=" + streamIdOf(1)));
         const Viewer image(file);
-        return eventually([&] { return image.hasEnded(); }) && image.shows({{160, 180, kRed}, {480, 180, kLime}});
+        return pollUntil([&] { return image.hasEnded(); }) && image.shows({{160, 180, kRed}, {480, 180, kLime}});
     }));
     EXPECT_NE(service.get("/snapshot?mix=" + streamIdOf(9)).find("message"), std::string::npos);
 }

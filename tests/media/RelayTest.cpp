@@ -37,7 +37,7 @@ long residentKibibytes() {
 }
 
 bool awaitBoth(const Probe& packets) {
-    return eventually([&] { return packets.video().size() > 20 && !packets.audio().empty(); });
+    return pollUntil([&] { return packets.video().size() > 20 && !packets.audio().empty(); });
 }
 
 TEST_F(Relay, CarriesTheStreamUnchanged) {
@@ -49,8 +49,8 @@ TEST_F(Relay, CarriesTheStreamUnchanged) {
     EXPECT_EQ(service.relay()["dropped"], 0);
 
     ASSERT_EQ(service.post(removeBody(1)), 0);
-    EXPECT_TRUE(eventually([&] { return viewer.hasEnded(); }));
-    EXPECT_TRUE(eventually([] { return LocalService::children("vexalive-media").empty(); }));
+    EXPECT_TRUE(pollUntil([&] { return viewer.hasEnded(); }));
+    EXPECT_TRUE(pollUntil([] { return LocalService::children("vexalive-media").empty(); }));
 }
 
 // The pause is longer than servers retain a publisher that sends nothing. Another publisher freezes meanwhile.
@@ -66,7 +66,7 @@ TEST_F(Relay, OutlivesAPauseOfItsSource) {
 
     alice.reset();
     const auto pauseBegan = std::chrono::steady_clock::now();
-    ASSERT_TRUE(eventually([this] { return service.relay()["inputs"][0]["state"] == "reconnecting"; }));
+    ASSERT_TRUE(pollUntil([this] { return service.relay()["inputs"][0]["state"] == "reconnecting"; }));
     bob->signal(SIGSTOP);
     EXPECT_TRUE(service.relayReaches("reconnecting", 1)) << service.relay(1);
     EXPECT_EQ(error(1), "no media from " + streamIdOf(2));
@@ -103,7 +103,7 @@ TEST_F(Relay, ReconnectsToADestinationThatWasKilled) {
     server.signal(SIGKILL);
     EXPECT_TRUE(service.relayReaches("reconnecting")) << service.relay();
     EXPECT_NE(error(), "");
-    EXPECT_TRUE(eventually([&] { return before.hasEnded(); }));
+    EXPECT_TRUE(pollUntil([&] { return before.hasEnded(); }));
     server.start();
     ASSERT_TRUE(service.relayReaches("running")) << service.relay();
     EXPECT_EQ(error(), "");
@@ -131,7 +131,7 @@ TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
     const long memory = residentKibibytes();
 
     slow.signal(SIGSTOP);
-    EXPECT_TRUE(eventually([this] { return service.relay()["dropped"] > kDropped; })) << service.relay();
+    EXPECT_TRUE(pollUntil([this] { return service.relay()["dropped"] > kDropped; })) << service.relay();
     EXPECT_LT(residentKibibytes(), memory + kMaxGrowth);
     EXPECT_TRUE(service.relayReaches("reconnecting")) << service.relay();
     EXPECT_EQ(error(), "it accepts no more data");
@@ -152,7 +152,7 @@ TEST_F(Relay, ADestinationThatIsAbsentDisturbsNoOther) {
     add(2, cdn("bob"));
     const Probe packets(cdn("bob"));
     EXPECT_TRUE(Viewer(cdn("bob")).comesToShow({{320, 180, kLime}}));
-    ASSERT_TRUE(eventually([this] { return service.relay()["reconnects"] > 1; })) << service.relay();
+    ASSERT_TRUE(pollUntil([this] { return service.relay()["reconnects"] > 1; })) << service.relay();
     EXPECT_EQ(service.relay()["state"], "reconnecting");
     EXPECT_NE(error(), "");
     EXPECT_TRUE(packets.awaitVideo(41));

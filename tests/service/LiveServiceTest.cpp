@@ -15,29 +15,17 @@
 
 using namespace servicetesting;
 using testing::HasSubstr;
+using testing::Not;
 using vexalive::LiveService;
 using vexalive::LiveServiceEvent;
 using vexalive::LiveServiceOptions;
-
-namespace {
-
-json withStream(json body, int number) {
-    body["stream_id"] = streamIdOf(number);
-    return body;
-}
-
-}  // namespace
 
 // ---- Responses and state --------------------------------------------------------------------------------------------
 
 TEST(LiveService, ARelayIsAddedMovedAndRemoved) {
     RunningService service;
-    const auto client = service.client();
-
-    EXPECT_EQ((json{{"code", 0}, {"message", "ok"}}), post(*client, addRelayBody()));
-    json moved = addRelayBody();
-    moved["dest_stream_url"] = "srt://cdn.test:9000";
-    post(*client, moved);
+    EXPECT_EQ((json{{"code", 0}, {"message", "ok"}}), service.post(addRelayBody()));
+    service.post(relayOf(1, "srt://cdn.test:9000"));
     const json relays = service.state()["relays"];
     ASSERT_EQ(1u, relays.size());
     EXPECT_EQ(ownStreamId(), relays[0]["stream_id"]);
@@ -45,47 +33,45 @@ TEST(LiveService, ARelayIsAddedMovedAndRemoved) {
     EXPECT_EQ(1234, relays[0]["appid"]);
     EXPECT_EQ(2, relays[0]["requests"]);
 
-    EXPECT_EQ(0, post(*client, removeRelayBody())["code"]);
+    EXPECT_EQ(0, service.post(removeRelayBody())["code"]);
     EXPECT_TRUE(service.state()["relays"].empty());
-    const json refused = post(*client, removeRelayBody());
+    const json refused = service.post(removeRelayBody());
     EXPECT_EQ(4007, refused["code"]);
     EXPECT_THAT(refused["message"], HasSubstr("not being relayed"));
 }
 
 TEST(LiveService, AMixIsStartedUpdatedAndCancelled) {
     RunningService service;
-    const auto client = service.client();
-    const json never = post(*client, cancelMixBody());
-    EXPECT_EQ(4007, never["code"]);
-    EXPECT_THAT(never["message"], HasSubstr("no running mix"));
+    const json refused = service.post(cancelMixBody());
+    EXPECT_EQ(4007, refused["code"]);
+    EXPECT_THAT(refused["message"], HasSubstr("no running mix"));
 
-    EXPECT_EQ(0, post(*client, videoMixBody())["code"]);
+    EXPECT_EQ(0, service.post(videoMixBody())["code"]);
     EXPECT_EQ(1280, service.state()["mixes"][0]["canvas"]["width"]);
-    EXPECT_EQ(0, post(*client, audioMixBody())["code"]);
-    json mix = service.state()["mixes"][0];
+    EXPECT_EQ(0, service.post(audioMixBody())["code"]);
+    const json mix = service.state()["mixes"][0];
     EXPECT_TRUE(mix["running"]);
     EXPECT_TRUE(mix["canvas"].is_null());
     EXPECT_EQ("audio", mix["inputs"][0]["type"]);
     EXPECT_EQ(1500, mix["output"]["output_stream_bitrate"]);
 
-    EXPECT_EQ(0, post(*client, cancelMixBody())["code"]);
-    mix = service.state()["mixes"][0];
-    EXPECT_FALSE(mix["running"]);
-    ASSERT_EQ(3u, mix["history"].size());
-    EXPECT_EQ("start", mix["history"][0]["operation"]);
-    EXPECT_EQ("update", mix["history"][1]["operation"]);
-    EXPECT_EQ("cancel", mix["history"][2]["operation"]);
-    EXPECT_EQ(4007, post(*client, cancelMixBody())["code"]);
-
-    EXPECT_EQ(0, post(*client, videoMixBody())["code"]);
-    EXPECT_EQ("start", service.state()["mixes"][0]["history"][3]["operation"]);
+    EXPECT_EQ(0, service.post(cancelMixBody())["code"]);
+    EXPECT_FALSE(service.state()["mixes"][0]["running"]);
+    EXPECT_EQ(4007, service.post(cancelMixBody())["code"]);
+    EXPECT_EQ(0, service.post(videoMixBody())["code"]);
+    std::vector<std::string> operations;
+    const json state = service.state();
+    for (const json& entry : state["mixes"][0]["history"]) {
+        operations.push_back(entry["operation"]);
+    }
+    EXPECT_EQ((std::vector<std::string>{"start", "update", "cancel", "start"}), operations);
 }
 
-TEST(LiveService, ARefusedRequestLeavesTheStateAndIsRemembered) {
+TEST(LiveService, ARefusedRequestIsRecordedAndDoesNotChangeTheState) {
     RunningService service;
     json body = addRelayBody();
     body["appid"] = 0;
-    EXPECT_EQ((json{{"code", 4006}, {"message", "appid: found 0, must not be 0"}}), post(*service.client(), body));
+    EXPECT_EQ((json{{"code", 4006}, {"message", "appid: found 0, must not be 0"}}), service.post(body));
 
     const json state = service.state();
     EXPECT_TRUE(state["relays"].empty());
@@ -106,7 +92,6 @@ TEST(LiveService, NeitherSignatureNorMapKeyIsShownAnywhere) {
         shown += event.message + event.field;
     };
     RunningService service(options);
-    const auto client = service.client();
     const std::string queries[] = {
         "sdkappid=1&random=1&usersig=T0psecretA&parivMapKey=T0psecretB",
         "sdkappid=1&random=1&usersig=T0psecretA&T0psecretC=1&parivMapKey=T0psecretB",
@@ -114,28 +99,23 @@ TEST(LiveService, NeitherSignatureNorMapKeyIsShownAnywhere) {
         "random=1&usersig=T0psecretA&parivMapKey=T0psecretB&usersig=T0psecretC",
     };
     for (const std::string& query : queries) {
-        shown += post(*client, addRelayBody(), query).dump();
+        shown += service.post(addRelayBody(), query).dump();
     }
-    const auto lost = client->Post("/v3/liveinterface/other?" + queries[0], "{}", "application/json");
-    ASSERT_TRUE(lost);
-    EXPECT_EQ(404, lost->status);
-    const auto state = client->Get("/state");
-    ASSERT_TRUE(state);
-    shown += lost->body + state->body;
+    const HttpResponse lost = service.client().post("/v3/liveinterface/other?" + queries[0], "{}");
+    EXPECT_EQ(404, lost.status);
+    shown += lost.body + service.client().get("/state").body;
 
-    EXPECT_NE(std::string::npos, shown.find("usersig=***&parivMapKey=***"));
-    EXPECT_EQ(std::string::npos, shown.find("T0psecret"));
+    EXPECT_THAT(shown, HasSubstr("usersig=***&parivMapKey=***"));
+    EXPECT_THAT(shown, Not(HasSubstr("T0psecret")));
 }
 
 TEST(LiveService, TheStateIsServedAsJson) {
     RunningService service;
-    const auto client = service.client();
-    post(*client, addRelayBody());
-    const auto state = client->Get("/state");
-    ASSERT_TRUE(state);
-    EXPECT_EQ(200, state->status);
-    EXPECT_EQ("application/json", state->get_header_value("Content-Type"));
-    EXPECT_EQ(service.state(), json::parse(state->body));
+    service.post(addRelayBody());
+    HttpResponse state = service.client().get("/state");
+    EXPECT_EQ(200, state.status);
+    EXPECT_EQ("application/json", state.headers["Content-Type"]);
+    EXPECT_EQ(service.state(), json::parse(state.body));
 }
 
 TEST(LiveService, TheObserverReceivesEachResponse) {
@@ -147,15 +127,11 @@ TEST(LiveService, TheObserverReceivesEachResponse) {
         events.push_back(event);
     };
     RunningService service(options);
-    const auto client = service.client();
 
-    post(*client, addRelayBody());
-    post(*client, cancelMixBody());
-    vexalive::Fault fault;
-    fault.kind = vexalive::Fault::Kind::kCode;
-    fault.code = 505;
-    ASSERT_TRUE(service->inject(fault));
-    post(*client, videoMixBody());
+    service.post(addRelayBody());
+    service.post(cancelMixBody());
+    ASSERT_TRUE(service->inject(*vexalive::parseFaultOption("code=505")));
+    service.post(videoMixBody());
 
     const std::lock_guard<std::mutex> lock(mutex);
     ASSERT_EQ(3u, events.size());
@@ -182,9 +158,9 @@ TEST(LiveService, ThePushDomainComesFromTheEnvironmentUnlessGiven) {
 
     json body = addRelayBody();
     body["domain"] = "8888.from.the.environment";
-    httplib::Client first("http://" + fromEnvironment.address());
+    HttpClient first("http://" + fromEnvironment.address());
     EXPECT_EQ(0, post(first, body)["code"]);
-    httplib::Client second("http://" + builtIn.address());
+    HttpClient second("http://" + builtIn.address());
     EXPECT_EQ(4006, post(second, body)["code"]);
     body["domain"] = "8888.livepush.vexa.example";
     EXPECT_EQ(0, post(second, body)["code"]);
@@ -211,33 +187,27 @@ TEST(LiveService, AnUnknownPathIs404AndAWrongMethod405AsJson) {
         {"PATCH", "/faults", 405},
         {"OPTIONS", "/faults", 405},
     };
+    HttpClient client = service.client();
     for (const auto& row : rows) {
-        const auto client = service.client();
-        httplib::Request request;
-        request.method = row.method;
-        request.path = row.path;
-        const httplib::Result result = client->send(request);
-        ASSERT_TRUE(result) << row.method << row.path;
-        EXPECT_EQ(row.status, result->status) << row.method << row.path;
-        EXPECT_TRUE(json::parse(result->body)["message"].is_string()) << row.method << row.path;
-        EXPECT_EQ(row.status == 405, result->has_header("Allow"));
+        SCOPED_TRACE(std::string(row.method) + row.path);
+        const HttpResponse response = client.send(row.method, row.path);
+        EXPECT_EQ(row.status, response.status);
+        EXPECT_TRUE(json::parse(response.body)["message"].is_string());
+        EXPECT_EQ(row.status == 405 ? 1u : 0u, response.headers.count("Allow"));
     }
 }
 
 TEST(LiveService, ABodyOverOneMebibyteIs413AndOneOfThatSizeIsRead) {
     RunningService service;
-    const std::string target = std::string("/v3/liveinterface/add_relay_stream_url?") + kGoodQuery;
     const std::string largest((size_t{1} << 20), ' ');
-    auto client = service.client();
-    const auto read = client->Post(target, largest, "application/json");
-    ASSERT_TRUE(read);
-    EXPECT_EQ(200, read->status);
-    EXPECT_EQ(4002, json::parse(read->body)["code"]);
+    HttpClient client = service.client();
+    const HttpResponse read = client.post(targetOf(addRelayBody()), largest);
+    EXPECT_EQ(200, read.status);
+    EXPECT_EQ(4002, json::parse(read.body)["code"]);
 
-    const auto refused = client->Post(target, largest + " ", "application/json");
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(413, refused->status);
-    EXPECT_TRUE(json::parse(refused->body)["message"].is_string());
+    const HttpResponse refused = client.post(targetOf(addRelayBody()), largest + " ");
+    EXPECT_EQ(413, refused.status);
+    EXPECT_TRUE(json::parse(refused.body)["message"].is_string());
 }
 
 TEST(LiveService, PlainHttpWorksWithoutAnyCertificate) {
@@ -245,7 +215,7 @@ TEST(LiveService, PlainHttpWorksWithoutAnyCertificate) {
     LiveServiceOptions options = plainOptions();
     options.stateFolder = folder.path() + "/unused";
     RunningService service(options);
-    EXPECT_EQ(0, post(*service.client(), addRelayBody())["code"]);
+    EXPECT_EQ(0, service.post(addRelayBody())["code"]);
     EXPECT_EQ("", service->caFile());
     EXPECT_NE(0, ::access(options.stateFolder.c_str(), F_OK));
 }
@@ -256,18 +226,15 @@ TEST(LiveService, AClientThatDoesNotTrustTheAuthorityIsNotServed) {
     options.stateFolder = folder.path();
     RunningService other(options);
     RunningService service;
-    const auto client = service.client();
-    client->set_ca_cert_path(other->caFile());
-    const auto result = client->Get("/state");
-    EXPECT_FALSE(result);
-    EXPECT_EQ(httplib::Error::SSLServerVerification, result.error());
+    EXPECT_THAT(HttpClient("https://" + service->address(), other->caFile()).get("/state").error,
+                HasSubstr("certificate"));
 }
 
-TEST(LiveService, OnlyTls12AndLaterIsSpoken) {
+TEST(LiveService, OnlyTls12AndLaterIsAccepted) {
     RunningService service;
-    const auto handshakes = [&service](int lowest, int highest) {
+    const auto handshakes = [&service](int min, int max) {
         const RawConnection connection(service->port());
-        return RawTls(connection, lowest, highest).handshake();
+        return RawTls(connection, min, max).handshake();
     };
     EXPECT_FALSE(handshakes(TLS1_VERSION, TLS1_1_VERSION));
     EXPECT_TRUE(handshakes(TLS1_2_VERSION, TLS1_2_VERSION));
@@ -281,17 +248,14 @@ TEST(LiveService, ManyRequestsShareOneConnection) {
     RawConnection connection(service->port());
     constexpr int kRequests = 50;
     for (int number = 1; number <= kRequests; ++number) {
-        connection.send(rawRequest("POST", std::string("/v3/liveinterface/add_relay_stream_url?") + kGoodQuery,
-                                   withStream(addRelayBody(), number).dump()));
+        connection.send(rawRequest("POST", targetOf(addRelayBody()), relayOf(number).dump()));
     }
     connection.endSending();
-    const std::string answers = connection.readToEnd();
-
-    EXPECT_EQ(kRequests, occurrences(answers, "HTTP/1.1 200"));
+    EXPECT_EQ(kRequests, occurrences(connection.readToEnd(), "HTTP/1.1 200"));
     EXPECT_EQ(static_cast<size_t>(kRequests), service.state()["relays"].size());
 }
 
-TEST(LiveService, TwoHundredConnectionsAreKeptOpenAndServed) {
+TEST(LiveService, TwoHundredConnectionsStayOpenAndAreServed) {
     constexpr int kThreads = 8;
     constexpr int kClientsEach = 25;
     RunningService service;
@@ -302,17 +266,16 @@ TEST(LiveService, TwoHundredConnectionsAreKeptOpenAndServed) {
     threads.reserve(kThreads);
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&, thread] {
-            std::vector<std::unique_ptr<httplib::Client>> clients;
-            for (int each = 0; each < kClientsEach; ++each) {
+            std::vector<HttpClient> clients;
+            for (int number = thread * kClientsEach; number < (thread + 1) * kClientsEach; ++number) {
                 clients.push_back(service.client());
-                accepted +=
-                    post(*clients.back(), withStream(addRelayBody(), thread * kClientsEach + each))["code"] == 0;
+                accepted += post(clients.back(), relayOf(number))["code"] == 0;
             }
             ::pthread_barrier_wait(&allAreOpen);
             int number = thread * kClientsEach;
-            for (const auto& client : clients) {
-                accepted += post(*client, withStream(removeRelayBody(), number++))["code"] == 0;
-                EXPECT_TRUE(client->is_socket_open());
+            for (HttpClient& client : clients) {
+                accepted += post(client, removalOf(number++))["code"] == 0;
+                EXPECT_TRUE(client.hasReusedConnection());
             }
         });
     }
@@ -326,39 +289,27 @@ TEST(LiveService, TwoHundredConnectionsAreKeptOpenAndServed) {
 
 // ---- Start and stop -------------------------------------------------------------------------------------------------
 
+// The subject is the time limit of stop().
 TEST(LiveService, AStopTakesAtMostThreeSecondsWhateverRuns) {
     RunningService service(plainOptions());
-    std::vector<std::unique_ptr<httplib::Client>> idle;
+    std::vector<HttpClient> idle;
     for (int number = 0; number < 20; ++number) {
         idle.push_back(service.client());
-        post(*idle.back(), withStream(addRelayBody(), number));
+        post(idle.back(), relayOf(number));
     }
     RunningService secure;
     const RawConnection silent(secure->port());  // has not begun its handshake
-    const std::string target = std::string("/v3/liveinterface/add_relay_stream_url?") + kGoodQuery;
+    const std::string target = targetOf(addRelayBody());
     RawConnection halfSent(service->port());
     halfSent.send("POST " + target + " HTTP/1.1\r\nContent-Length: 100\r\n\r\n{");
-    const auto untilApplied = [&service] {
-        while (!json::parse(service->faultsJson())["active"].empty()) {
-            std::this_thread::yield();
-        }
-    };
-    vexalive::Fault huge;
-    huge.kind = vexalive::Fault::Kind::kHuge;
-    huge.size = size_t{1} << 30;
-    ASSERT_TRUE(service->inject(huge));
+    const auto isApplied = [&service] { return json::parse(service->faultsJson())["active"].empty(); };
+    ASSERT_TRUE(service->inject(*vexalive::parseFaultOption("huge=1073741824")));
     RawConnection unread(service->port());  // does not read its response
     unread.send(rawRequest("POST", target, "{}"));
-    untilApplied();
-    vexalive::Fault delay;
-    delay.delayMs = 600'000;
-    ASSERT_TRUE(service->inject(delay));
-    std::thread waiting([&service] {
-        const auto client = service.client();
-        client->set_read_timeout(60);
-        EXPECT_FALSE(client->Post("/v3/liveinterface/add_relay_stream_url", "", "application/json"));
-    });
-    untilApplied();
+    ASSERT_TRUE(pollUntil(isApplied));
+    ASSERT_TRUE(service->inject(*vexalive::parseFaultOption("delay=600000")));
+    std::thread waiting([&] { EXPECT_EQ(0, service.client().post(target, "").status); });
+    EXPECT_TRUE(pollUntil(isApplied));
 
     const auto before = std::chrono::steady_clock::now();
     service->stop();
@@ -367,16 +318,16 @@ TEST(LiveService, AStopTakesAtMostThreeSecondsWhateverRuns) {
     waiting.join();
 
     EXPECT_LT(duration, std::chrono::seconds(3));
-    EXPECT_FALSE(idle[0]->Get("/state"));
+    EXPECT_EQ(0, idle[0].get("/state").status);
 }
 
 TEST(LiveService, StopMayComeTwiceAndStartAgainKeepsTheState) {
     RunningService service;
-    post(*service.client(), addRelayBody());
+    service.post(addRelayBody());
     service->stop();
     service->stop();
     ASSERT_TRUE(service->start());
-    EXPECT_EQ(0, post(*service.client(), removeRelayBody())["code"]);
+    EXPECT_EQ(0, service.post(removeRelayBody())["code"]);
     EXPECT_THAT(service->start().error().message, HasSubstr("already running"));
 }
 
@@ -424,7 +375,7 @@ TEST(LiveService, ListensOnIpv6AndItsCertificateIsForThatAddressAndTheName) {
     }
     EXPECT_EQ("[::1]:" + std::to_string(service.port()), service.address());
     for (const char* name : {"::1", "127.0.0.1", "localhost", "example.test"}) {
-        const RawConnection connection(service.port(), true);
+        const RawConnection connection(service.port(), "::1");
         RawTls tls(connection);
         tls.trust(service.caFile(), name);
         EXPECT_EQ(std::string("example.test") != name, tls.handshake()) << name;

@@ -1,5 +1,6 @@
-// Child processes that behave and that do not, and what becomes of them.
+// Child processes, with and without faults, and the lines that they write.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -75,7 +76,7 @@ protected:
 
     // The fake worker reports how many configurations it has had, its process and the last one.
     bool reports(const std::string& name, const std::string& text) const {
-        return eventually([&] { return errorOf(name).find(text) != std::string::npos; });
+        return pollUntil([&] { return errorOf(name).find(text) != std::string::npos; });
     }
 
     ProcessStatus statusOf(const std::string& name) const {
@@ -92,14 +93,10 @@ protected:
     std::string configure(const std::string& name, const std::string& line) { return configure(name, worker(), line); }
 
     bool isEmptySoon() {
-        return eventually([this] { return mSupervisor.count() == 0; });
+        return pollUntil([this] { return mSupervisor.count() == 0; });
     }
 
-    pid_t pidOf(const std::string& name) const {
-        const std::string error = errorOf(name);
-        const size_t at = error.find(" of ");
-        return at == std::string::npos ? 0 : std::atoi(error.c_str() + at + 4);
-    }
+    pid_t pidOf(const std::string& name) const { return parseWorkerReport(errorOf(name)).pid; }
 
     std::vector<std::string> linesOf(const std::string& name) {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -211,7 +208,7 @@ TEST_F(SupervisorTest, AKilledChildIsStartedAgainWithItsLastConfiguration) {
 TEST_F(SupervisorTest, AChildThatKeepsCrashingIsRestartedAfterGrowingDelaysAndItsLastLineIsReported) {
     const auto begun = Clock::now();
     configure("one", configurationFor("dead"));
-    ASSERT_TRUE(eventually([&] { return statusOf("one").restarts == 3; }));
+    ASSERT_TRUE(pollUntil([&] { return statusOf("one").restarts == 3; }));
     EXPECT_GE(Clock::now() - begun, 250ms + 500ms + 1000ms);
     EXPECT_EQ("the process was killed by signal 9, Killed: about to crash", errorOf("one"));
 
@@ -221,7 +218,7 @@ TEST_F(SupervisorTest, AChildThatKeepsCrashingIsRestartedAfterGrowingDelaysAndIt
 
 TEST_F(SupervisorTest, ANewConfigurationEndsTheDelay) {
     configure("one", configurationFor("dead"));
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(pollUntil([&] {
         const ProcessStatus status = statusOf("one");
         return status.restarts == 3 && status.worker.output.state == WorkerState::kReconnecting;
     }));
@@ -239,10 +236,10 @@ TEST_F(SupervisorTest, AChildThatIgnoresTheEndOfItsInputIsKilledAndItsKeyIsFreeA
     mSupervisor.remove(key("one"));
     ASSERT_EQ("", configure("one", configurationFor("0001")));
     EXPECT_EQ(2u, mSupervisor.count());
-    ASSERT_TRUE(eventually([&] { return pidOf("one") != deaf && pidOf("one") != 0; }));
+    ASSERT_TRUE(pollUntil([&] { return pidOf("one") != deaf && pidOf("one") != 0; }));
     ASSERT_EQ(0, ::kill(deaf, 0));
 
-    ASSERT_TRUE(eventually([&] { return mSupervisor.count() == 1; }));
+    ASSERT_TRUE(pollUntil([&] { return mSupervisor.count() == 1; }));
     EXPECT_GE(Clock::now() - begun, 2900ms);
     EXPECT_LT(Clock::now() - begun, 6s);
     EXPECT_EQ(-1, ::kill(deaf, 0));
@@ -259,7 +256,7 @@ TEST_F(SupervisorTest, WithAHandoverAChildStartsWhenTheStoppingOneHasExitedOrWas
     mSupervisor.remove(key("one"));
     ASSERT_EQ("", configure("one", program, configurationFor("dead")));
     ASSERT_EQ("", configure("one", program, configurationFor("0001")));  // does not end the wait
-    ASSERT_TRUE(eventually([&] { return pidOf("one") != deaf && pidOf("one") != 0; }));
+    ASSERT_TRUE(pollUntil([&] { return pidOf("one") != deaf && pidOf("one") != 0; }));
     EXPECT_EQ(-1, ::kill(deaf, 0));
     EXPECT_GE(Clock::now() - begun, 300ms);
     EXPECT_LT(Clock::now() - begun, 2s);
@@ -289,15 +286,15 @@ TEST_F(SupervisorTest, AChildWithoutAStatusCountsAsHungAndIsRestarted) {
     configure("silent", worker(300ms), configurationFor("cafe"));
     configure("well", worker(300ms), configurationFor("0001"));  // says something every 100 ms
     ASSERT_TRUE(reports("silent", "sent no status for 300 ms"));
-    ASSERT_TRUE(eventually([&] { return statusOf("silent").restarts >= 1; }));
+    ASSERT_TRUE(pollUntil([&] { return statusOf("silent").restarts >= 1; }));
     EXPECT_EQ(0u, statusOf("well").restarts);
 }
 
 TEST_F(SupervisorTest, MalformedLinesAreCountedAndReportedAndDoNoHarm) {
     configure("one", configurationFor("bead"));
     ASSERT_TRUE(reports("one", "configuration 1"));
-    EXPECT_TRUE(eventually([&] { return counted("one", "malformed lines of its output: ") == 6; }));
-    EXPECT_TRUE(eventually([&] { return counted("one", "output that were too long or too many: ") == 1; }));
+    EXPECT_TRUE(pollUntil([&] { return counted("one", "malformed lines of its output: ") == 6; }));
+    EXPECT_TRUE(pollUntil([&] { return counted("one", "output that were too long or too many: ") == 1; }));
     EXPECT_EQ(0u, statusOf("one").restarts);
 }
 
@@ -308,8 +305,8 @@ TEST_F(SupervisorTest, FloodsCostLittleAndDisturbNoOther) {
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
     configure("well", configurationFor("0001"));
     ASSERT_TRUE(reports("well", "configuration 1"));
-    ASSERT_TRUE(eventually([&] { return counted("lines", "omitted lines: ") > 0; }));
-    ASSERT_TRUE(eventually([&] { return counted("statuses", "too many: ") > 0; }));
+    ASSERT_TRUE(pollUntil([&] { return counted("lines", "omitted lines: ") > 0; }));
+    ASSERT_TRUE(pollUntil([&] { return counted("statuses", "too many: ") > 0; }));
     std::this_thread::sleep_for(2s);
     timespec after{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
@@ -322,7 +319,7 @@ TEST_F(SupervisorTest, FloodsCostLittleAndDisturbNoOther) {
 TEST_F(SupervisorTest, MessagesArePassedOnAndAStatusFromOutsideCountsAsOne) {
     configure("one", configurationFor("0001"));
     mSupervisor.send(key("one"), R"({"snapshot":{"width":640}})");
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(pollUntil([&] {
         const std::lock_guard<std::mutex> lock(mMutex);
         return !mMessages.empty();
     }));
@@ -335,7 +332,7 @@ TEST_F(SupervisorTest, MessagesArePassedOnAndAStatusFromOutsideCountsAsOne) {
     }
     EXPECT_EQ(0u, statusOf("server").restarts);
     EXPECT_EQ(WorkerState::kRunning, streamOf("server").state);
-    EXPECT_TRUE(eventually([&] { return statusOf("server").restarts > 0; }));
+    EXPECT_TRUE(pollUntil([&] { return statusOf("server").restarts > 0; }));
 }
 
 TEST_F(SupervisorTest, AStopSignalEndsWhatDoesNotReadItsInput) {
@@ -397,7 +394,7 @@ TEST(SuspendedSupervisor, BlamesNoChildForThat) {
     }
     EXPECT_EQ(0u, server().restarts);
     EXPECT_EQ(WorkerState::kRunning, server().worker.output.state);
-    EXPECT_TRUE(eventually([&] { return server().restarts == 1; }));  // now it is silent
+    EXPECT_TRUE(pollUntil([&] { return server().restarts == 1; }));  // now it is silent
 }
 
 // ---- A child's surroundings -----------------------------------------------------------------------------------------

@@ -1,19 +1,14 @@
 // The service with media and fake workers: how it configures them, and what it reports.
 
-#include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <openssl/evp.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <mutex>
-#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -22,10 +17,13 @@
 #include "service/LiveService.h"
 #include "service/MediaRules.h"
 #include "service/WorkerPool.h"
+#include "support/Journal.h"
+#include "support/ScriptedServer.h"
 #include "support/ServiceTesting.h"
 
 using namespace servicetesting;
 using namespace std::chrono_literals;
+using testing::HasSubstr;
 using vexalive::AcceptedRequest;
 using vexalive::LiveMediaEvent;
 using vexalive::LiveServiceOptions;
@@ -33,143 +31,93 @@ using vexalive::WorkerPool;
 
 namespace {
 
-// Accepts connections and greets as an RTMP server does, until it is told to be mute.
-class HandshakeServer {
-public:
-    HandshakeServer() : mSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(0, ::bind(mSocket, reinterpret_cast<sockaddr*>(&address), length));
-        EXPECT_EQ(0, ::listen(mSocket, 16));
-        EXPECT_EQ(0, ::getsockname(mSocket, reinterpret_cast<sockaddr*>(&address), &length));
-        mUrl = "rtmp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-        mThread = std::thread([this] { serve(); });
-    }
-    ~HandshakeServer() {
-        ::shutdown(mSocket, SHUT_RDWR);
-        mThread.join();
-        ::close(mSocket);
-    }
-    const std::string& url() const { return mUrl; }
-    void stopResponding() { mIsSilent = true; }
-    int handshakes() const { return mHandshakes; }
-
-private:
-    void serve() {
-        for (int client = 0; (client = ::accept4(mSocket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-            char handshake[1537];
-            ::recv(client, handshake, sizeof handshake, MSG_WAITALL);
-            if (!mIsSilent) {
-                ::send(client, "\x03", 1, MSG_NOSIGNAL);
-            }
-            ::close(client);
-            ++mHandshakes;
-        }
-    }
-
-    const int mSocket;
-    std::string mUrl;
-    std::atomic<bool> mIsSilent{false};
-    std::atomic<int> mHandshakes{0};
-    std::thread mThread;
-};
-
 class MediaService : public ::testing::Test {
 protected:
     LiveServiceOptions options() {
         LiveServiceOptions result;
         result.tls = false;
         result.media = true;
-        result.origin = mOrigin.url();
+        result.origin = mOriginUrl;
         result.workerProgram = FAKE_WORKER;
-        result.mediaObserver = [this](const LiveMediaEvent& event) {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            mEvents.push_back(event);
-        };
+        result.mediaObserver = [this](const LiveMediaEvent& event) { mEvents.add(event); };
         return result;
     }
 
-    bool hasEvent(LiveMediaEvent::Kind kind, const std::string& subject, const std::string& text) {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        for (const LiveMediaEvent& event : mEvents) {
-            if (event.kind == kind && event.subject == subject &&
-                (event.state == text || event.text.find(text) != std::string::npos)) {
-                return true;
+    // Waits for an event with this state or with this part of a text.
+    bool hasEvent(LiveMediaEvent::Kind kind, const std::string& subject, const std::string& text) const {
+        const auto matches = [&](const LiveMediaEvent& event) {
+            return event.kind == kind && event.subject == subject &&
+                   (event.state == text || event.text.find(text) != std::string::npos);
+        };
+        return !mEvents.waitFor(1, matches).empty();
+    }
+
+    static WorkerReport reportOf(const json& media) {
+        return parseWorkerReport(media.is_null() ? "" : media["error"].get<std::string>());
+    }
+    static json configurationIn(const json& media) { return reportOf(media).configuration; }
+
+    // Starts a relay whose worker ignores the end of its input.
+    static pid_t startStuckRelay(const RunningService& service) {
+        service.post(relayOf(1, "rtmp://cdn.test/live/babe"));
+        pid_t worker = 0;
+        EXPECT_TRUE(pollUntil([&] {
+            worker = reportOf(service.state()["relays"][0]["media"]).pid;
+            return worker != 0;
+        }));
+        return worker;
+    }
+
+    // An origin that handshakes as an RTMP server does.
+    std::atomic<bool> mIsOriginSilent{false};
+    ScriptedServer mOrigin{[this](ScriptedServer::Connection& connection) {
+        constexpr size_t kHandshakeBytes = 1537;
+        for (size_t received = 0; received < kHandshakeBytes;) {
+            const std::string bytes = connection.readPlain();
+            if (bytes.empty()) {
+                return;
             }
+            received += bytes.size();
         }
-        return false;
-    }
-
-    static json relayOf(int number, const std::string& destination = "rtmp://cdn.test/live/one") {
-        json body = addRelayBody();
-        body["stream_id"] = streamIdOf(number);
-        body["dest_stream_url"] = destination;
-        return body;
-    }
-
-    // What the worker says that it was told.
-    static json configurationIn(const json& media) {
-        const std::string error = media.is_null() ? "" : media["error"].get<std::string>();
-        const size_t start = error.find(": {");
-        return start == std::string::npos ? json::object() : json::parse(error.substr(start + 2));
-    }
-
-    static pid_t workerOf(const json& media) {
-        const std::string error = media.is_null() ? "" : media["error"].get<std::string>();
-        const size_t at = error.find(" of ");
-        return at == std::string::npos ? 0 : std::atoi(error.c_str() + at + 4);
-    }
-
-    HandshakeServer mOrigin;
-    std::mutex mMutex;
-    std::vector<LiveMediaEvent> mEvents;
+        if (!mIsOriginSilent) {
+            connection.writePlain("\x03");
+        }
+    }};
+    const std::string mOriginUrl = "rtmp://127.0.0.1:" + std::to_string(mOrigin.port());
+    Journal<LiveMediaEvent> mEvents;
 };
-
-// Which of its pictures the fake worker gave.
-int numberOf(const std::string& picture) {
-    std::string text(picture.size() / 3 * 4 + 1, '\0');
-    EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                    reinterpret_cast<const unsigned char*>(picture.data()), static_cast<int>(picture.size()));
-    return std::atoi(text.c_str() + 4) - 1000;
-}
-
-AcceptedRequest mixRequest() {
-    AcceptedRequest request;
-    request.kind = AcceptedRequest::Kind::kStartMix;
-    request.streamId = streamIdOf(1);
-    request.cropsCenter = true;
-    request.canvas = vexalive::MixCanvas{1280, 720, "0x00ff00"};
-    request.inputs = {{streamIdOf(2), false, 2, 640, 360, -10, 20}, {streamIdOf(3), true, 3, 0, 0, 0, 0}};
-    request.output = {{"output_stream_bitrate", 1500}, {"output_audio_channels", -1}};
-    return request;
-}
 
 }  // namespace
 
 // ---- Configurations -------------------------------------------------------------------------------------------------
 
-TEST(MediaRules, AMixConfigurationIsComplete) {
-    const std::string line = vexalive::mixConfiguration(mixRequest(), "rtmp://127.0.0.1:1935");
-    const json expected = json::parse(R"({"mix":{
+TEST(MediaRules, AMixRequestBecomesAConfiguration) {
+    const auto configurationOf = [](const json& body) {
+        const auto request = vexalive::checkRequest(interfaceOf(body), kGoodQuery, body.dump(), kSuffix);
+        return json::parse(vexalive::mixConfiguration(request.value(), "rtmp://127.0.0.1:1935"))["mix"];
+    };
+    json body = videoMixBody();
+    body["input_stream_list"][1]["layout_params"]["location_x"] = -10;
+    body["output_param"]["output_audio_channels"] = -1;
+    EXPECT_EQ(json::parse(R"({
         "destination":"rtmp://127.0.0.1:1935/mix/8888_00000000000000000000000000000001","crop_center":true,
-        "canvas":{"width":1280,"height":720,"color":"0x00ff00"},
-        "inputs":[{"stream_id":"8888_00000000000000000000000000000002",
+        "canvas":{"width":1280,"height":720,"color":"0x000000"},
+        "inputs":[{"stream_id":"8888_00000000000000000000000000000001",
+                   "source":"rtmp://127.0.0.1:1935/live/8888_00000000000000000000000000000001",
+                   "audio_only":false,"layer":2,"x":-10,"y":20,"width":320,"height":240},
+                  {"stream_id":"8888_00000000000000000000000000000002",
                    "source":"rtmp://127.0.0.1:1935/live/8888_00000000000000000000000000000002",
-                   "audio_only":false,"layer":2,"x":-10,"y":20,"width":640,"height":360},
-                  {"stream_id":"8888_00000000000000000000000000000003",
-                   "source":"rtmp://127.0.0.1:1935/live/8888_00000000000000000000000000000003",
-                   "audio_only":true,"layer":3,"x":0,"y":0,"width":0,"height":0}],
-        "output":{"output_stream_bitrate":1500,"output_audio_channels":-1}}})");
-    EXPECT_EQ(expected, json::parse(line));
+                   "audio_only":true,"layer":3,"x":10,"y":20,"width":320,"height":240}],
+        "output":{"output_stream_bitrate":1500,"output_stream_gop":2,"output_stream_frame_rate":20,
+                  "output_audio_sample_rate":48000,"output_audio_bitrate":64,"output_audio_channels":-1}})"),
+              configurationOf(body));
 
-    AcceptedRequest audio = mixRequest();
-    audio.canvas.reset();
-    audio.output.clear();
-    const json mix = json::parse(vexalive::mixConfiguration(audio, "rtmp://h:1"))["mix"];
-    EXPECT_TRUE(mix["canvas"].is_null());
-    EXPECT_EQ(json::object(), mix["output"]);
+    // Without video and without the optional fields of the output.
+    json audio = audioMixBody();
+    audio["output_param"] = {{"output_stream_id", ownStreamId()}, {"output_stream_type", 0}, {"output_sei", "{}"}};
+    EXPECT_TRUE(configurationOf(audio)["canvas"].is_null());
+    EXPECT_EQ(2u, configurationOf(audio)["inputs"].size());
+    EXPECT_EQ(json::object(), configurationOf(audio)["output"]);
 }
 
 TEST(MediaRules, AConfigurationIsOneLineWhateverTheAddressContains) {
@@ -240,93 +188,73 @@ TEST(MediaRules, AnAddressToRelayToHasAHostAnApplicationAndAStreamAndIsNotWhereM
 
 TEST_F(MediaService, ARelayIsStartedMovedAndRemoved) {
     RunningService service(options());
-    const auto client = service.client();
-    ASSERT_EQ(0, post(*client, relayOf(1))["code"]);
-    ASSERT_TRUE(eventually([&] { return service.state()["relays"][0]["media"]["state"] == "running"; }));
+    ASSERT_EQ(0, service.post(relayOf(1))["code"]);
+    ASSERT_TRUE(pollUntil([&] { return service.state()["relays"][0]["media"]["state"] == "running"; }));
     json relay = service.state()["relays"][0];
-    EXPECT_EQ(mOrigin.url() + "/live/" + streamIdOf(1), relay["source"]);
+    EXPECT_EQ(mOriginUrl + "/live/" + streamIdOf(1), relay["source"]);
     EXPECT_EQ((json{{"source", relay["source"]}, {"destination", "rtmp://cdn.test/live/one"}}),
               configurationIn(relay["media"]));
     EXPECT_EQ(1000, relay["media"]["bytes"]);
     EXPECT_EQ(0, relay["media"]["restarts"]);
 
-    ASSERT_EQ(0, post(*client, relayOf(1, "rtmp://cdn.test/live/two"))["code"]);
-    EXPECT_TRUE(eventually([&] {
+    ASSERT_EQ(0, service.post(relayOf(1, "rtmp://cdn.test/live/two"))["code"]);
+    EXPECT_TRUE(pollUntil([&] {
         return configurationIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/two";
     }));
-    ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
+    ASSERT_EQ(0, service.post(removeRelayBody())["code"]);
     EXPECT_TRUE(service.state()["relays"].empty());
-    EXPECT_TRUE(eventually([&] { return hasEvent(LiveMediaEvent::Kind::kState, "relay", "stopped"); }));
+    EXPECT_TRUE(hasEvent(LiveMediaEvent::Kind::kState, "relay", "stopped"));
 }
 
 TEST_F(MediaService, AMixIsStartedUpdatedAndCancelled) {
     RunningService service(options());
-    const auto client = service.client();
-    ASSERT_EQ(0, post(*client, videoMixBody())["code"]);
-    ASSERT_TRUE(
-        eventually([&] { return configurationIn(service.state()["mixes"][0]["media"])["canvas"].is_object(); }));
-    EXPECT_EQ(mOrigin.url() + "/mix/" + ownStreamId(), service.state()["mixes"][0]["play"]);
-    ASSERT_EQ(0, post(*client, audioMixBody())["code"]);
-    ASSERT_TRUE(eventually([&] { return configurationIn(service.state()["mixes"][0]["media"])["canvas"].is_null(); }));
-    ASSERT_EQ(0, post(*client, cancelMixBody())["code"]);
-    EXPECT_TRUE(eventually([&] { return service.state()["mixes"][0]["media"]["state"] == "stopped"; }));
+    ASSERT_EQ(0, service.post(videoMixBody())["code"]);
+    ASSERT_TRUE(pollUntil([&] { return configurationIn(service.state()["mixes"][0]["media"])["canvas"].is_object(); }));
+    EXPECT_EQ(mOriginUrl + "/mix/" + ownStreamId(), service.state()["mixes"][0]["play"]);
+    ASSERT_EQ(0, service.post(audioMixBody())["code"]);
+    ASSERT_TRUE(pollUntil([&] { return configurationIn(service.state()["mixes"][0]["media"])["canvas"].is_null(); }));
+    ASSERT_EQ(0, service.post(cancelMixBody())["code"]);
+    EXPECT_TRUE(pollUntil([&] { return service.state()["mixes"][0]["media"]["state"] == "stopped"; }));
     EXPECT_FALSE(service.state()["mixes"][0]["running"]);
 }
 
-TEST_F(MediaService, ARelayThatIsAddedAgainRunsSoonAndInOneWorker) {
+TEST_F(MediaService, ARelayThatIsAddedAgainRunsInAnotherWorkerAfterTheStuckOneWasKilled) {
     RunningService service(options());
-    const auto client = service.client();
-    post(*client, relayOf(1, "rtmp://cdn.test/live/babe"));  // does not end when it is asked to
-    ASSERT_TRUE(eventually([&] { return workerOf(service.state()["relays"][0]["media"]) != 0; }));
-    const pid_t stuck = workerOf(service.state()["relays"][0]["media"]);
-    const auto begun = std::chrono::steady_clock::now();
-    ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
-    ASSERT_EQ(0, post(*client, relayOf(1))["code"]);
-    ASSERT_TRUE(eventually([&] {
+    const pid_t stuck = startStuckRelay(service);
+    ASSERT_EQ(0, service.post(removeRelayBody())["code"]);
+    ASSERT_EQ(0, service.post(relayOf(1))["code"]);
+    ASSERT_TRUE(pollUntil([&] {
         return configurationIn(service.state()["relays"][0]["media"])["destination"] == "rtmp://cdn.test/live/one";
     }));
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, 2s);
     EXPECT_NE(0, ::kill(stuck, 0));
 }
 
 TEST_F(MediaService, OnlyRtmpDestinationsAreAcceptedAndNoLoops) {
     RunningService service(options());
-    const auto client = service.client();
-    const std::string live = mOrigin.url() + "/live/" + ownStreamId();
-    for (const std::string& url :
-         {std::string("srt://cdn.test:9000"), std::string("rtmps://cdn.test/live/x"), std::string("http://cdn.test/x"),
-          std::string("rtmp:///live/x"), std::string("rtmp://:1935/live/x"), std::string("RTMP://cdn.test/live"),
-          std::string("rtmp://cdn.test/live"), live}) {
-        const json answer = post(*client, relayOf(1, url));
-        EXPECT_EQ(4009, answer["code"]) << url;
-        EXPECT_NE(std::string::npos, answer["message"].get<std::string>().find("must be an address such as \"rtmp://"));
+    for (const std::string& url : {std::string("srt://cdn.test:9000"), mOriginUrl + "/live/" + ownStreamId()}) {
+        const json refused = service.post(relayOf(1, url));
+        EXPECT_EQ(4009, refused["code"]) << url;
+        EXPECT_THAT(refused["message"], HasSubstr("must be an address such as \"rtmp://"));
+        EXPECT_EQ("dest_stream_url", service.state()["requests"].back()["refused_field"]);
     }
-    const json state = service.state();
-    EXPECT_TRUE(state["relays"].empty());
-    for (const json& request : state["requests"]) {
-        EXPECT_EQ("dest_stream_url", request["refused_field"]);
-    }
-    EXPECT_EQ(0, post(*client, relayOf(1, mOrigin.url() + "/cdn/x"))["code"]);
+    EXPECT_TRUE(service.state()["relays"].empty());
+    EXPECT_EQ(0, service.post(relayOf(1, mOriginUrl + "/cdn/x"))["code"]);
 }
 
 TEST_F(MediaService, SixtyFourWorkersRunWithoutTheStoppingOnes) {
     RunningService service(options());
-    const auto client = service.client();
-    post(*client, relayOf(1, "rtmp://cdn.test/live/babe"));  // does not end when it is asked to
-    ASSERT_TRUE(eventually([&] { return workerOf(service.state()["relays"][0]["media"]) != 0; }));
-    const pid_t stuck = workerOf(service.state()["relays"][0]["media"]);
+    const pid_t stuck = startStuckRelay(service);
     for (size_t number = 2; number <= WorkerPool::kMaxWorkers; ++number) {
-        ASSERT_EQ(0, post(*client, relayOf(static_cast<int>(number)))["code"]) << number;
+        ASSERT_EQ(0, service.post(relayOf(static_cast<int>(number)))["code"]) << number;
     }
-    const json refused = post(*client, relayOf(1000));
-    EXPECT_EQ(4008, refused["code"]);
-    EXPECT_EQ(4008, post(*client, videoMixBody())["code"]);
-    EXPECT_EQ(0, post(*client, relayOf(5, "rtmp://cdn.test/live/moved"))["code"]);  // no further one
+    EXPECT_EQ(4008, service.post(relayOf(1000))["code"]);
+    EXPECT_EQ(4008, service.post(videoMixBody())["code"]);
+    EXPECT_EQ(0, service.post(relayOf(5, "rtmp://cdn.test/live/moved"))["code"]);  // needs no further worker
     EXPECT_EQ(WorkerPool::kMaxWorkers, service.state()["relays"].size());
-    ASSERT_EQ(0, post(*client, removeRelayBody())["code"]);
-    EXPECT_EQ(0, post(*client, relayOf(1000))["code"]);
+    ASSERT_EQ(0, service.post(removeRelayBody())["code"]);
+    EXPECT_EQ(0, service.post(relayOf(1000))["code"]);
     EXPECT_EQ(0, ::kill(stuck, SIGKILL));
-    EXPECT_EQ(4008, post(*client, relayOf(1))["code"]);
+    EXPECT_EQ(4008, service.post(relayOf(1))["code"]);
 }
 
 TEST_F(MediaService, AWorkerThatCannotBeStartedRefusesTheRequest) {
@@ -336,9 +264,9 @@ TEST_F(MediaService, AWorkerThatCannotBeStartedRefusesTheRequest) {
     writeAll(broken.workerProgram, "#!/no/such/interpreter\n");
     ASSERT_EQ(0, ::chmod(broken.workerProgram.c_str(), 0700));
     RunningService service(broken);
-    const json answer = post(*service.client(), relayOf(1));
-    EXPECT_EQ(4010, answer["code"]);
-    EXPECT_NE(std::string::npos, answer["message"].get<std::string>().find("cannot run " + broken.workerProgram));
+    const json refused = service.post(relayOf(1));
+    EXPECT_EQ(4010, refused["code"]);
+    EXPECT_THAT(refused["message"], HasSubstr("cannot run " + broken.workerProgram));
     EXPECT_TRUE(service.state()["relays"].empty());
 }
 
@@ -360,13 +288,12 @@ TEST_F(MediaService, AStartFailsWithWhatIsMissing) {
 
 TEST_F(MediaService, AStartAfterAStopRestartsAllWorkers) {
     RunningService service(options());
-    post(*service.client(), relayOf(1));
-    post(*service.client(), videoMixBody());
-    const std::string console = service->consoleAddress();
+    service.post(relayOf(1));
+    service.post(videoMixBody());
     service->stop();
     EXPECT_EQ(service.state()["relays"][0]["media"]["state"], "stopped");
     ASSERT_TRUE(service->start());
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(pollUntil([&] {
         const json state = service.state();
         return configurationIn(state["relays"][0]["media"]).contains("source") &&
                configurationIn(state["mixes"][0]["media"])["inputs"] == 2;
@@ -378,11 +305,9 @@ TEST_F(MediaService, ConcurrentRequestsKeepStateAndWorkersConsistent) {
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 6; ++thread) {
         threads.emplace_back([&service, thread] {
-            const auto client = service.client();
             for (int round = 0; round < 10; ++round) {
-                json remove = removeRelayBody();
-                remove["stream_id"] = streamIdOf(1 + round % 3);
-                post(*client, (thread + round) % 3 == 0 ? remove : relayOf(1 + round % 3));
+                const int number = 1 + round % 3;
+                service.post((thread + round) % 3 == 0 ? removalOf(number) : relayOf(number));
             }
         });
     }
@@ -399,38 +324,31 @@ TEST_F(MediaService, ConcurrentRequestsKeepStateAndWorkersConsistent) {
 
 TEST_F(MediaService, AnOriginThatStopsRespondingIsReported) {
     RunningService service(options());
-    ASSERT_TRUE(eventually([&] { return service.state()["service"]["origin"]["state"] == "running"; }));
-    EXPECT_EQ(mOrigin.url(), service.state()["service"]["origin"]["address"]);
-    mOrigin.stopResponding();
-    ASSERT_TRUE(eventually([&] { return service.state()["service"]["origin"]["state"] == "reconnecting"; }));
-    EXPECT_EQ(mOrigin.url() + " does not respond as an RTMP server does",
-              service.state()["service"]["origin"]["error"]);
+    ASSERT_TRUE(pollUntil([&] { return service.state()["service"]["origin"]["state"] == "running"; }));
+    EXPECT_EQ(mOriginUrl, service.state()["service"]["origin"]["address"]);
+    mIsOriginSilent = true;
+    ASSERT_TRUE(pollUntil([&] { return service.state()["service"]["origin"]["state"] == "reconnecting"; }));
+    EXPECT_EQ(mOriginUrl + " does not respond as an RTMP server does", service.state()["service"]["origin"]["error"]);
     EXPECT_TRUE(hasEvent(LiveMediaEvent::Kind::kState, "origin", "running"));
-    EXPECT_TRUE(eventually([&] { return hasEvent(LiveMediaEvent::Kind::kState, "origin", "reconnecting"); }));
+    EXPECT_TRUE(hasEvent(LiveMediaEvent::Kind::kState, "origin", "reconnecting"));
 }
 
 TEST_F(MediaService, AnOriginIsCheckedAtEachOfItsAddresses) {
     std::vector<vexalive::SocketAddress> addresses;
-    for (const std::string& url : {std::string("rtmp://127.0.0.1:1"), mOrigin.url()}) {
+    for (const std::string& url : {std::string("rtmp://127.0.0.1:1"), mOriginUrl}) {
         const auto found = vexalive::resolve(*vexalive::parseOriginAddress(url));
         ASSERT_TRUE(found && found->size() == 1u);
         addresses.push_back(found->front());
     }
-    std::vector<std::string> errors;
-    vexalive::OriginMonitor monitor;
-    monitor.start("rtmp://both", addresses, [&](const vexalive::OriginCheck& check) {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        errors.push_back(check.error);
-    });
-    const auto isReported = [&](const std::string& text) {
-        return eventually([&] {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            return !errors.empty() && errors.back() == text;
-        });
+    Journal<std::string> errors;
+    const auto isReported = [&errors](const std::string& text) {
+        return !errors.waitFor(1, [&text](const std::string& error) { return error == text; }).empty();
     };
+    vexalive::OriginMonitor monitor;
+    monitor.start("rtmp://both", addresses, [&](const vexalive::OriginCheck& check) { errors.add(check.error); });
     EXPECT_TRUE(isReported(""));
-    EXPECT_EQ("", errors.front());
-    mOrigin.stopResponding();
+    EXPECT_EQ("", errors.all().front());
+    mIsOriginSilent = true;
     EXPECT_TRUE(isReported("rtmp://both does not respond as an RTMP server does"));
     monitor.stop();
 }
@@ -438,88 +356,80 @@ TEST_F(MediaService, AnOriginIsCheckedAtEachOfItsAddresses) {
 TEST_F(MediaService, ALackOfDescriptorsIsNotBlamedOnTheOrigin) {
     RunningService service(options());
     const auto origin = [&service] { return service.state()["service"]["origin"]; };
-    ASSERT_TRUE(eventually([&] { return origin()["state"] == "running"; }));
-    const int handshakes = mOrigin.handshakes();
-    ASSERT_TRUE(eventually([&] { return mOrigin.handshakes() > handshakes; }));  // the next one comes in a second
+    ASSERT_TRUE(pollUntil([&] { return origin()["state"] == "running"; }));
+    const int handshakes = mOrigin.accepted();
+    ASSERT_TRUE(pollUntil([&] { return mOrigin.accepted() > handshakes; }));  // the next one comes in a second
     rlimit before{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
     const rlimit none = {3, before.rlim_max};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
-    const bool isReported = eventually(
-        [&] { return origin()["error"] == "this service cannot check " + mOrigin.url() + ": Too many open files"; });
+    const bool isReported = pollUntil(
+        [&] { return origin()["error"] == "this service cannot check " + mOriginUrl + ": Too many open files"; });
     const json shown = origin();
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
     EXPECT_TRUE(isReported) << shown;
     EXPECT_EQ("running", shown["state"]);
-    EXPECT_TRUE(eventually([&] { return origin()["error"] == nlohmann::json(""); }));
+    EXPECT_TRUE(pollUntil([&] { return origin()["error"] == nlohmann::json(""); }));
 }
 
 TEST_F(MediaService, TheOriginQueriesWhoMayPublish) {
     RunningService service(options());
-    httplib::Client console("http://" + service->consoleAddress());
-    const auto ask = [&console](const std::string& form) {
-        const auto result = console.Post("/origin/publish", form, "application/x-www-form-urlencoded");
-        return result ? result->status : 0;
+    const auto statusFor = [&service](const std::string& form) {
+        return service.console().post("/origin/publish", form, "application/x-www-form-urlencoded").status;
     };
-    EXPECT_EQ(200, ask("app=live&call=publish&addr=127.0.0.1&name=" + ownStreamId()));
-    EXPECT_EQ(403, ask("app=live&call=publish&name=alice"));
+    EXPECT_EQ(200, statusFor("app=live&call=publish&addr=127.0.0.1&name=" + ownStreamId()));
+    EXPECT_EQ(403, statusFor("app=live&call=publish&name=alice"));
     EXPECT_TRUE(hasEvent(LiveMediaEvent::Kind::kRefusedPublish, "origin", "found \"alice\""));
 }
 
-// ---- Pictures -------------------------------------------------------------------------------------------------------
+// ---- Snapshots ------------------------------------------------------------------------------------------------------
 
-TEST_F(MediaService, ConcurrentClientsGetFreshSnapshots) {
+// The subject is a timer: a snapshot is up to 250 ms old.
+TEST_F(MediaService, ConcurrentClientsShareSnapshotsThatAreRenewedFourTimesASecond) {
     RunningService service(options());
-    post(*service.client(), videoMixBody());
-    const auto pictureNow = [&service] {
-        httplib::Client console("http://" + service->consoleAddress());
-        const auto result = console.Get("/snapshot?mix=" + ownStreamId());
-        if (!result || result->status != 200) {
-            return std::string("none");
-        }
-        EXPECT_EQ("image/jpeg", result->get_header_value("Content-Type"));
-        EXPECT_EQ("no-store", result->get_header_value("Cache-Control"));
-        return result->body;
-    };
-    EXPECT_EQ("\xff\xd8\xff\xd7\x4d\x35", pictureNow());
-    std::mutex mutex;
-    std::set<std::string> seen;
+    service.post(videoMixBody());
+    const auto snapshot = [&service] { return service.console().get("/snapshot?mix=" + ownStreamId()); };
+    HttpResponse first = snapshot();
+    EXPECT_EQ("image/jpeg", first.headers["Content-Type"]);
+    EXPECT_EQ("no-store", first.headers["Cache-Control"]);
+    EXPECT_EQ("\xff\xd8\xff\xd7\x4d\x35", first.body);
+    Journal<std::string> received;
     std::vector<std::thread> threads;
-    const auto begun = std::chrono::steady_clock::now();
+    const auto end = std::chrono::steady_clock::now() + 1s;
     for (int thread = 0; thread < 8; ++thread) {
         threads.emplace_back([&] {
-            while (std::chrono::steady_clock::now() < begun + 1s) {
-                const std::string picture = pictureNow();
-                const std::lock_guard<std::mutex> lock(mutex);
-                seen.insert(picture);
+            while (std::chrono::steady_clock::now() < end) {
+                const HttpResponse response = snapshot();
+                received.add(response.status == 200 ? response.body : "none");
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(0u, seen.count("none"));
-    EXPECT_GE(seen.size(), 3u);
-    EXPECT_LE(seen.size(), 6u);  // four a second, however many ask
-    for (const std::string& picture : seen) {
-        EXPECT_LE(numberOf(picture), 8) << "the worker was asked for each who asked";
-    }
+    const std::vector<std::string> all = received.all();
+    const std::set<std::string> distinct(all.begin(), all.end());
+    EXPECT_EQ(0u, distinct.count("none"));
+    EXPECT_GE(distinct.size(), 3u);
+    EXPECT_LE(distinct.size(), 6u);
+    service.post(videoMixBody());  // the worker's next status counts all snapshots that it has written
+    ASSERT_TRUE(pollUntil([&] { return reportOf(service.state()["mixes"][0]["media"]).configurations == 2; }));
+    EXPECT_LE(service.state()["mixes"][0]["media"]["frames"], 8);
 }
 
 TEST_F(MediaService, AMissingSnapshotIs404) {
     RunningService service(options());
-    post(*service.client(), relayOf(1));
-    httplib::Client console("http://" + service->consoleAddress());
+    service.post(relayOf(1));
     for (const char* path : {"/snapshot", "/snapshot?mix=", "/snapshot?mix=none", "/snapshot?other=1"}) {
-        const auto result = console.Get(path);
-        ASSERT_TRUE(result) << path;
-        EXPECT_EQ(404, result->status) << path;
-        EXPECT_TRUE(json::parse(result->body)["message"].is_string()) << path;
+        const HttpResponse response = service.console().get(path);
+        EXPECT_EQ(404, response.status) << path;
+        EXPECT_TRUE(json::parse(response.body)["message"].is_string()) << path;
     }
 }
 
+// The subject is a timer: without the end of the mix, the request would wait for a second.
 TEST_F(MediaService, ASnapshotRequestEndsWithTheMixAndWithTheService) {
-    const std::string id = streamIdOf(0xb11d);  // its worker gives no picture
+    const std::string id = streamIdOf(0xb11d);  // its worker writes no snapshot
     json start = videoMixBody();
     json cancel = cancelMixBody();
     for (json* const body : {&start, &cancel}) {
@@ -527,26 +437,19 @@ TEST_F(MediaService, ASnapshotRequestEndsWithTheMixAndWithTheService) {
         (*body)["output_param"]["output_stream_id"] = id;
     }
     cancel["input_stream_list"][0]["input_stream_id"] = id;
-    for (const std::string& how : {std::string("cancel"), std::string("stop"), std::string("destruction")}) {
-        std::optional<RunningService> service(std::in_place, options());
-        const auto client = service->client();
-        ASSERT_EQ(0, post(*client, start)["code"]);
-        std::chrono::steady_clock::time_point answered;
-        std::thread asking([&, address = (*service)->consoleAddress()] {
-            httplib::Client console("http://" + address);
-            console.Get("/snapshot?mix=" + id);
-            answered = std::chrono::steady_clock::now();
-        });
-        std::this_thread::sleep_for(100ms);
+    for (const bool isCancelled : {true, false}) {
+        RunningService service(options());
+        ASSERT_EQ(0, service.post(start)["code"]);
+        HttpClient console = service.console();
+        std::thread client([&] { console.get("/snapshot?mix=" + id); });
+        EXPECT_TRUE(pollUntil([&] { return service.state()["mixes"][0]["media"]["frames"] == 1; }));
         const auto begun = std::chrono::steady_clock::now();
-        if (how == "cancel") {
-            EXPECT_EQ(0, post(*client, cancel)["code"]);
-        } else if (how == "stop") {
-            (*service)->stop();
+        if (isCancelled) {
+            EXPECT_EQ(0, service.post(cancel)["code"]);
         } else {
-            service.reset();
+            service->stop();
         }
-        asking.join();
-        EXPECT_LT(answered - begun, 600ms) << how;  // else it waits for a second
+        client.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - begun, 600ms) << isCancelled;
     }
 }

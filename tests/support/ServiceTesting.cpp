@@ -1,7 +1,6 @@
 #include "support/ServiceTesting.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,7 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <thread>
+#include <sstream>
 #include <utility>
 
 namespace servicetesting {
@@ -48,30 +47,13 @@ json userInput(int number, int type, int layer) {
               {"location_y", 20}}}};
 }
 
-json canvasInput() {
-    return {{"input_stream_id", "canvas1"},
-            {"layout_params",
-             {{"image_layer", 1},
-              {"input_type", 3},
-              {"image_width", 1280},
-              {"image_height", 720},
-              {"location_x", 0},
-              {"location_y", 0},
-              {"color", "0x000000"}}}};
-}
-
 json mixBody(json inputs) {
     json body = commonFields("set_live_mix_transcoding");
     body["session_id"] = ownStreamId();
-    body["output_param"] = {{"output_stream_id", ownStreamId()},
-                            {"output_stream_type", 0},
-                            {"output_stream_bitrate", 1500},
-                            {"output_stream_gop", 2},
-                            {"output_stream_frame_rate", 20},
-                            {"output_audio_sample_rate", 48000},
-                            {"output_audio_bitrate", 64},
-                            {"output_audio_channels", 2},
-                            {"output_sei", "{}"}};
+    body["output_param"] = json::parse(R"({
+        "output_stream_type":0,"output_stream_bitrate":1500,"output_stream_gop":2,"output_stream_frame_rate":20,
+        "output_audio_sample_rate":48000,"output_audio_bitrate":64,"output_audio_channels":2,"output_sei":"{}"})");
+    body["output_param"]["output_stream_id"] = ownStreamId();
     body["input_stream_list"] = std::move(inputs);
     body["use_mix_crop_center"] = 1;
     return body;
@@ -80,21 +62,32 @@ json mixBody(json inputs) {
 }  // namespace
 
 json addRelayBody() {
+    return relayOf(1);
+}
+
+json relayOf(int number, const std::string& destination) {
     json body = commonFields("add_relay_stream_url");
-    body["stream_id"] = ownStreamId();
-    body["dest_stream_url"] = "rtmp://cdn.test/live/one";
+    body["stream_id"] = streamIdOf(number);
+    body["dest_stream_url"] = destination;
     body["use_mix_crop_center"] = 1;
     return body;
 }
 
 json removeRelayBody() {
+    return removalOf(1);
+}
+
+json removalOf(int number) {
     json body = commonFields("remove_relay_stream_url");
-    body["stream_id"] = ownStreamId();
+    body["stream_id"] = streamIdOf(number);
     return body;
 }
 
 json videoMixBody() {
-    return mixBody({canvasInput(), userInput(1, 0, 2), userInput(2, 4, 3)});
+    const json canvas = json::parse(R"({"input_stream_id":"canvas1","layout_params":{
+        "input_type":3,"image_layer":1,"image_width":1280,"image_height":720,"location_x":0,"location_y":0,
+        "color":"0x000000"}})");
+    return mixBody({canvas, userInput(1, 0, 2), userInput(2, 4, 3)});
 }
 
 json audioMixBody() {
@@ -123,17 +116,6 @@ TemporaryFolder::TemporaryFolder() {
 TemporaryFolder::~TemporaryFolder() {
     std::error_code ignored;
     std::filesystem::remove_all(mPath, ignored);
-}
-
-bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds patience) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
 }
 
 int occurrences(const std::string& text, const std::string& part) {
@@ -175,29 +157,39 @@ RunningService::RunningService(vexalive::LiveServiceOptions options)
     EXPECT_TRUE(started) << started.error().message;
 }
 
-std::unique_ptr<httplib::Client> RunningService::client() {
-    auto client = std::make_unique<httplib::Client>((mTls ? "https://" : "http://") + mService.address());
-    if (mTls) {
-        client->set_ca_cert_path(mService.caFile());
-        client->enable_server_certificate_verification(true);
-    }
-    client->set_keep_alive(true);
-    client->set_tcp_nodelay(true);
-    client->set_connection_timeout(20);
-    client->set_read_timeout(20);
-    client->set_url_encode(false);
-    return client;
+HttpClient RunningService::client() const {
+    return mTls ? HttpClient("https://" + mService.address(), mService.caFile())
+                : HttpClient("http://" + mService.address());
 }
 
-json post(httplib::Client& client, const json& body, const std::string& query) {
-    const std::string target = "/v3/liveinterface/" + interfaceOf(body) + "?" + query;
-    const httplib::Result result = client.Post(target, body.dump(), "application/json");
-    if (!result) {
-        ADD_FAILURE() << "no answer: " << httplib::to_string(result.error());
-        return {};
+HttpClient RunningService::console() const {
+    return HttpClient("http://" + mService.consoleAddress());
+}
+
+json RunningService::post(const json& body, const std::string& query) const {
+    HttpClient connection = client();
+    return servicetesting::post(connection, body, query);
+}
+
+json post(HttpClient& client, const json& body, const std::string& query) {
+    const HttpResponse response = client.post(targetOf(body, query), body.dump());
+    EXPECT_EQ(200, response.status) << response.error;
+    return json::parse(response.body, nullptr, false);
+}
+
+WorkerReport parseWorkerReport(const std::string& error) {
+    std::istringstream words(error);
+    std::string word, configuration;
+    WorkerReport report;
+    if (words >> word >> report.configurations >> word >> report.pid && std::getline(words, configuration)) {
+        report.configuration = json::parse(configuration.substr(configuration.find('{')));
+        return report;
     }
-    EXPECT_EQ(200, result->status);
-    return json::parse(result->body, nullptr, false);
+    return {};
+}
+
+std::string targetOf(const json& body, const std::string& query) {
+    return "/v3/liveinterface/" + interfaceOf(body) + "?" + query;
 }
 
 std::string rawRequest(const std::string& method, const std::string& target, const std::string& body) {
@@ -206,21 +198,15 @@ std::string rawRequest(const std::string& method, const std::string& target, con
            std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-RawConnection::RawConnection(uint16_t port, bool isIpv6)
-    : mSocket(::socket(isIpv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    timeval patience{20, 0};
-    ::setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    ::setsockopt(mSocket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    sockaddr_in four{};
-    four.sin_family = AF_INET;
-    four.sin_port = htons(port);
-    four.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sockaddr_in6 six{};
-    six.sin6_family = AF_INET6;
-    six.sin6_port = htons(port);
-    six.sin6_addr = in6addr_loopback;
-    EXPECT_EQ(0, isIpv6 ? ::connect(mSocket, reinterpret_cast<const sockaddr*>(&six), sizeof six)
-                        : ::connect(mSocket, reinterpret_cast<const sockaddr*>(&four), sizeof four));
+RawConnection::RawConnection(uint16_t port, const char* host) {
+    addrinfo* found = nullptr;
+    EXPECT_EQ(0, ::getaddrinfo(host, std::to_string(port).c_str(), nullptr, &found));
+    mSocket = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const timeval timeout{20, 0};
+    ::setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(mSocket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    EXPECT_EQ(0, ::connect(mSocket, found->ai_addr, found->ai_addrlen));
+    ::freeaddrinfo(found);
 }
 
 RawConnection::~RawConnection() {
@@ -231,7 +217,7 @@ void RawConnection::send(const std::string& bytes) {
     for (size_t sent = 0; sent < bytes.size();) {
         const ssize_t count = ::send(mSocket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (count <= 0) {
-            return;  // the service has had enough, which is for the test to judge
+            return;  // the service has closed the connection
         }
         sent += static_cast<size_t>(count);
     }
@@ -241,23 +227,21 @@ void RawConnection::endSending() {
     ::shutdown(mSocket, SHUT_WR);
 }
 
-std::string RawConnection::readToEnd() {
+std::string RawConnection::read(size_t size) {
     std::string received;
     char buffer[4096];
-    for (;;) {
-        const ssize_t count = ::recv(mSocket, buffer, sizeof buffer, 0);
-        if (count <= 0) {
-            return received;
-        }
+    ssize_t count = 0;
+    while (received.size() < size && (count = ::recv(mSocket, buffer, sizeof buffer, 0)) > 0) {
         received.append(buffer, static_cast<size_t>(count));
     }
+    return received;
 }
 
-RawTls::RawTls(const RawConnection& connection, int lowestVersion, int highestVersion)
+RawTls::RawTls(const RawConnection& connection, int minVersion, int maxVersion)
     : mContext(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free), mTls(nullptr, &SSL_free) {
-    SSL_CTX_set_security_level(mContext.get(), 0);  // else this side would not offer old versions
-    SSL_CTX_set_min_proto_version(mContext.get(), lowestVersion);
-    SSL_CTX_set_max_proto_version(mContext.get(), highestVersion);
+    SSL_CTX_set_security_level(mContext.get(), 0);  // the default level excludes old versions
+    SSL_CTX_set_min_proto_version(mContext.get(), minVersion);
+    SSL_CTX_set_max_proto_version(mContext.get(), maxVersion);
     mTls.reset(SSL_new(mContext.get()));
     SSL_set_fd(mTls.get(), connection.socket());
 }

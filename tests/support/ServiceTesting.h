@@ -1,20 +1,19 @@
-// What the tests of the local service share: well-formed requests, a folder of their own, a running service, and two
-// clients, one that speaks HTTPS and one that sends whatever bytes it is given.
+// What the tests of the local service share: valid requests, a temporary folder, a running service, and a client that
+// sends any bytes.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_SERVICE_TESTING_H
 #define VEXALIVE_TESTS_SUPPORT_SERVICE_TESTING_H
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <openssl/ssl.h>
 
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "service/LiveService.h"
+#include "support/HttpClient.h"
+#include "support/Poll.h"
 
 namespace servicetesting {
 
@@ -27,9 +26,11 @@ constexpr const char* kGoodQuery = "sdkappid=1400&random=42&usersig=signature&pa
 std::string streamIdOf(int number);
 std::string ownStreamId();  // streamIdOf(1)
 
-// Accepted as they stand.
+// Valid requests, of ownStreamId() or of streamIdOf(number).
 json addRelayBody();
+json relayOf(int number, const std::string& destination = "rtmp://cdn.test/live/one");
 json removeRelayBody();
+json removalOf(int number);
 json videoMixBody();  // a canvas, a video user, an audio user
 json audioMixBody();  // two audio users
 json cancelMixBody();
@@ -47,16 +48,12 @@ private:
     std::string mPath;
 };
 
-// Looks again and again, for 20 seconds if not notified otherwise; false if it never held.
-bool eventually(const std::function<bool()>& holds,
-                std::chrono::milliseconds patience = std::chrono::milliseconds(20'000));
-
 int occurrences(const std::string& text, const std::string& part);
 
 std::string readAll(const std::string& path);
 void writeAll(const std::string& path, const std::string& content);
 
-// A folder with certificates, made once for all tests of the process.
+// The state folder of all services of this process, so that they share their certificates.
 const std::string& sharedStateFolder();
 
 vexalive::LiveServiceOptions plainOptions();  // without TLS
@@ -68,43 +65,57 @@ public:
     vexalive::LiveService* operator->() { return &mService; }
     json state() const { return json::parse(mService.stateJson()); }
 
-    // An HTTPS client, or HTTP if the service is plain, that keeps its connection and checks the certificate.
-    std::unique_ptr<httplib::Client> client();
+    HttpClient client() const;   // of the service's port
+    HttpClient console() const;  // of the console's port
+
+    // A request on a connection of its own.
+    json post(const json& body, const std::string& query = kGoodQuery) const;
 
 private:
     bool mTls;
     vexalive::LiveService mService;
 };
 
-// What came back from one of the interfaces. The test fails if nothing did.
-json post(httplib::Client& client, const json& body, const std::string& query = kGoodQuery);
+// The response of the interface that `body` names. The test fails unless it is HTTP 200.
+json post(HttpClient& client, const json& body, const std::string& query = kGoodQuery);
 
-// One request on one connection, as a plain text.
+// What a fake worker reports as the error of its status.
+struct WorkerReport {
+    int configurations = 0;  // how many it has received
+    pid_t pid = 0;
+    json configuration = json::object();  // the last one; of a mix, its canvas and the number of its inputs
+};
+WorkerReport parseWorkerReport(const std::string& error);  // empty if `error` is another one
+
+std::string targetOf(const json& body, const std::string& query = kGoodQuery);
+
+// An HTTP request, as bytes.
 std::string rawRequest(const std::string& method, const std::string& target, const std::string& body);
 
-// A TCP connection to 127.0.0.1, or to ::1. Waits end after 20 seconds with what there is.
+// A TCP connection. Calls that block return after 20 seconds.
 class RawConnection {
 public:
-    explicit RawConnection(uint16_t port, bool isIpv6 = false);
+    explicit RawConnection(uint16_t port, const char* host = "127.0.0.1");
     ~RawConnection();
     RawConnection(const RawConnection&) = delete;
     RawConnection& operator=(const RawConnection&) = delete;
     int socket() const { return mSocket; }
     void send(const std::string& bytes);
     void endSending();
-    std::string readToEnd();
+    std::string readToEnd() { return read(std::string::npos); }
+    std::string read(size_t size);  // that many bytes or more; fewer at the end of the connection
 
 private:
     int mSocket;
 };
 
-// TLS on a connection, which must outlive it. Unlike a Client it shows what happens below HTTP.
+// TLS on a connection, which must outlive it.
 class RawTls {
 public:
-    // Versions as in TLS1_2_VERSION.
-    explicit RawTls(const RawConnection& connection, int lowestVersion = 0, int highestVersion = 0);
+    // Versions as in TLS1_2_VERSION; 0 is OpenSSL's default.
+    explicit RawTls(const RawConnection& connection, int minVersion = 0, int maxVersion = 0);
 
-    // Trust only `caFile`, and only for the host name or numeric address `name`.
+    // Trusts only `caFile`, and only for the host name or numeric address `name`.
     void trust(const std::string& caFile, const std::string& name);
     bool handshake();
     void send(const std::string& bytes);
