@@ -17,6 +17,7 @@ namespace vexalive {
 /// {"kind":"status","status":503,"count":2}. As an option, it is KIND[=VALUE][,FIELD=VALUE...], where the first VALUE
 /// sets the kind's own first field: "status=503,count=2".
 struct Fault {
+    /// The effect of a fault.
     enum class Kind {
         kDelay,    ///< the normal response, after delayMs
         kStatus,   ///< an HTTP status with an empty body; 301, 302, 303, 307 and 308 redirect to /redirected
@@ -27,7 +28,7 @@ struct Fault {
         kCode,     ///< HTTP 200 with `code` and `message`
         kClose,    ///< the connection is closed without a response
     };
-    Kind kind = Kind::kDelay;
+    Kind kind = Kind::kDelay;            ///< determines which of the fields below are used
     std::string interfaceName;           ///< applies to this interface; empty: any of the three
     int count = 1;                       ///< of requests, up to 1,000,000; 0: until cleared
     int delayMs = 0;                     ///< before the effect of `kind`; 0 to 600,000, for kDelay at least 1

@@ -29,6 +29,7 @@ namespace vexalive {
 /// Any thread may call any member. Call start() and stop() from one thread at a time.
 class LiveService {
 public:
+    /// Starts nothing. start() reports invalid options.
     explicit LiveService(LiveServiceOptions options);
     ~LiveService();  ///< stops
     LiveService(const LiveService&) = delete;
@@ -56,6 +57,7 @@ public:
     /// Adds a fault to the queue: each request consumes one use of the first fault that applies to it. Fails if the
     /// fault is invalid or the queue is full.
     Result<void> inject(const Fault& fault);
+    /// Removes all active faults.
     void clearFaults();
 
     /// {"active": [...], "kinds": [...]}: the active faults, and the kinds that inject() accepts, as JSON text.

@@ -8,7 +8,7 @@ namespace vexalive {
 
 /// One request to one of the three interfaces, with its response, for display.
 struct LiveServiceEvent {
-    std::string interfaceName;
+    std::string interfaceName;  ///< for example "add_relay_stream_url"
     /// "add", "remove", "start", "update", "cancel"; empty if refused or if a fault was injected.
     std::string operation;
     int httpStatus = 200;  ///< 0: closed without a response
@@ -22,17 +22,18 @@ struct LiveServiceEvent {
 
 /// A change of the origin or of a worker, for display.
 struct LiveMediaEvent {
+    /// What happened.
     enum class Kind {
         kState,           ///< its state or its error changed
         kLine,            ///< it wrote a log line
         kRefusedPublish,  ///< the origin was not allowed to accept a publisher
     };
-    Kind kind = Kind::kState;
-    std::string subject;    ///< "origin", "relay" or "mix"
-    std::string streamId;   ///< relayed, mixed, or refused
-    std::string state;      ///< kState: "starting", "running", "reconnecting", "stopping", "stopped" or "failed"
-    std::string text;       ///< the last error, the line, or the reason of the refusal
-    uint64_t restarts = 0;  ///< kState: of the process
+    Kind kind = Kind::kState;  ///< what happened
+    std::string subject;       ///< "origin", "relay" or "mix"
+    std::string streamId;      ///< relayed, mixed, or refused
+    std::string state;         ///< kState: "starting", "running", "reconnecting", "stopping", "stopped" or "failed"
+    std::string text;          ///< the last error, the line, or the reason of the refusal
+    uint64_t restarts = 0;     ///< kState: of the process
 };
 
 }  // namespace vexalive

@@ -10,6 +10,7 @@
 
 namespace vexalive {
 
+/// The options of a LiveService. The defaults suit tests: loopback, free ports, no media.
 struct LiveServiceOptions {
     std::string address = "127.0.0.1";  ///< a numeric address or a name of this machine
     uint16_t port = 0;                  ///< 0: a free one

@@ -34,9 +34,15 @@ Value Deserialize(const std::string& text);
 /// time.
 class Value {
 public:
+    /// The type of a value. A number without fraction and exponent is kInteger if it fits into 64 bits, otherwise
+    /// kReal.
     enum Type { kNull = 0, kBool, kInteger, kReal, kString, kArray, kObject };
 
+    /// Null.
     Value() = default;
+
+    /// @{
+    /// A value of the argument's type. The value owns a copy. Strings may contain any bytes; `text` must not be null.
     Value(bool value) : mData(value) {}
     Value(int value) : mData(int64_t{value}) {}
     Value(int64_t value) : mData(value) {}
@@ -45,8 +51,11 @@ public:
     Value(std::string text) : mData(std::make_shared<const std::string>(std::move(text))) {}
     Value(Array array);
     Value(Object object);
+    /// @}
 
+    /// The type of the value.
     Type type() const { return static_cast<Type>(mData.index()); }
+    /// Whether the value is null.
     bool isNull() const { return type() == kNull; }
 
     /// True if this is an object that has the key.
@@ -67,9 +76,8 @@ public:
     /// A string unchanged; null as the empty string; anything else serialized.
     std::string ToString() const;
 
-    /// @name Contents, for a serializer
-    /// Null if the value has another type. Valid as long as a copy of this value lives.
     /// @{
+    /// The contents, for a serializer. Null if the value has another type. Valid as long as a copy of this value lives.
     const bool* asBool() const { return std::get_if<bool>(&mData); }
     const int64_t* asInteger() const { return std::get_if<int64_t>(&mData); }
     const double* asReal() const { return std::get_if<double>(&mData); }
@@ -94,7 +102,9 @@ private:
 /// Builds an array. Not for several threads at once.
 class Array {
 public:
+    /// Appends a value.
     void push_back(Value value) { mItems.push_back(std::move(value)); }
+    /// The values in order. Valid as long as the array lives and is not changed.
     const std::vector<Value>& items() const { return mItems; }
 
 private:
@@ -104,10 +114,13 @@ private:
 /// Builds an object. Not for several threads at once.
 class Object {
 public:
+    /// @{
     /// The member of that name; inserts null if it is missing.
     Value& operator[](const char* key) { return mMembers[key]; }
     Value& operator[](const std::string& key) { return mMembers[key]; }
+    /// @}
 
+    /// The members by name, in ascending byte order. Valid as long as the object lives and is not changed.
     const std::map<std::string, Value>& members() const { return mMembers; }
 
 private:

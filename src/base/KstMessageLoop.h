@@ -22,6 +22,8 @@
 class KstTask {
 public:
     KstTask() = default;
+
+    /// Packages `task`, a callable without arguments. Moves or copies it.
     template <class F, class = std::enable_if_t<!std::is_same<std::decay_t<F>, KstTask>::value>>
     KstTask(F&& task) : mTask(std::forward<F>(task)) {}
 
@@ -37,12 +39,13 @@ private:
 
 /// A task that must not run before its deadline.
 struct DelayTask {
-    std::chrono::steady_clock::time_point deadline;
-    KstTask task;
+    std::chrono::steady_clock::time_point deadline;  ///< the task runs at this time or later
+    KstTask task;                                    ///< owned
 };
 
 /// Orders the heap so that the earliest deadline is at the front. Equal deadlines have no order.
 struct DelayTaskCmp {
+    /// Whether `a` is due later than `b`.
     bool operator()(const DelayTask& a, const DelayTask& b) const { return a.deadline > b.deadline; }
 };
 

@@ -1,9 +1,7 @@
 /// @file
 /// A mutex with annotations for clang's thread-safety analysis.
 ///
-/// KST_GUARDED_BY names the mutex that guards a member; KST_REQUIRES names the mutex that a function's caller holds,
-/// and KST_EXCLUDES the one that it must not hold. clang's -Wthread-safety rejects code that violates them. Other
-/// compilers ignore the annotations.
+/// clang's -Wthread-safety rejects code that violates the annotations. Other compilers ignore them.
 
 #ifndef VEXALIVE_BASE_MUTEX_H
 #define VEXALIVE_BASE_MUTEX_H
@@ -12,14 +10,19 @@
 #include <condition_variable>
 #include <mutex>
 
+/// @cond
 #if defined(__clang__)
 #define KST_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
 #define KST_THREAD_ATTRIBUTE(x)
 #endif
+/// @endcond
 
+/// The mutex guards the member.
 #define KST_GUARDED_BY(mutex) KST_THREAD_ATTRIBUTE(guarded_by(mutex))
+/// The caller of the function holds these mutexes.
 #define KST_REQUIRES(...) KST_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+/// The caller of the function holds none of these mutexes.
 #define KST_EXCLUDES(...) KST_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 
 /// A std::mutex with annotations. Not recursive.

@@ -11,12 +11,12 @@ namespace kstmedia {
 
 /// A mix user. The record itself checks nothing.
 struct VexaMixUserInternal {
-    /// Position and size on the canvas, in pixels.
+    /// Position and size on the canvas, in pixels. The origin is the top left corner.
     struct Rect {
-        int32_t x = 0;
-        int32_t y = 0;
-        int32_t w = 0;
-        int32_t h = 0;
+        int32_t x = 0;  ///< left edge
+        int32_t y = 0;  ///< top edge
+        int32_t w = 0;  ///< width
+        int32_t h = 0;  ///< height
     };
 
     std::string userId;      ///< whose stream is mixed

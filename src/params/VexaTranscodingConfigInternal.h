@@ -17,17 +17,17 @@ namespace kstmedia {
 /// is left to the service; width and height are sent unchanged. The service defines the units: commonly pixels, kbit/s,
 /// seconds and Hz.
 struct VexaTranscodingConfigInternal {
-    int32_t mode = 0;          ///< for the application; not sent and not checked
-    int32_t appId = 0;         ///< CDN application id
-    int32_t bizId = 0;         ///< CDN biz id
-    int32_t videoWidth = -1;   ///< canvas
-    int32_t videoHeight = -1;  ///< canvas
-    int32_t videoBitrate = -1;
-    int32_t videoFramerate = -1;
-    int32_t videoGOP = -1;  ///< key-frame interval
-    int32_t audioSampleRate = -1;
-    int32_t audioBitrate = -1;
-    int32_t audioChannels = -1;
+    int32_t mode = 0;                                ///< for the application; not sent and not checked
+    int32_t appId = 0;                               ///< CDN application id
+    int32_t bizId = 0;                               ///< CDN biz id
+    int32_t videoWidth = -1;                         ///< width of the canvas, in pixels
+    int32_t videoHeight = -1;                        ///< height of the canvas, in pixels
+    int32_t videoBitrate = -1;                       ///< kbit/s
+    int32_t videoFramerate = -1;                     ///< frames per second
+    int32_t videoGOP = -1;                           ///< key-frame interval, in seconds
+    int32_t audioSampleRate = -1;                    ///< Hz
+    int32_t audioBitrate = -1;                       ///< kbit/s
+    int32_t audioChannels = -1;                      ///< 1 or 2
     std::vector<VexaMixUserInternal> mixUsersArray;  ///< the inputs, in the application's order
 
     /// The numbers, then each user as " mixUser1:[…]", as room event reports show it. Each user's entry is truncated to

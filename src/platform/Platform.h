@@ -46,14 +46,14 @@ using LogSink =
 /// registered before the first line, or one that writes to standard error.
 void setLogSink(LogSink sink);
 
-/// A room event report; fields as in base/EventReport.h.
+/// A room event report: the arguments of kstReportAvRoomEvt() in base/EventReport.h. Owns its strings.
 struct EventReport {
-    int sdkAppId;
-    std::string roomUser;
-    int eventType;
-    int event;
-    std::string information;
-    std::string detail;
+    int sdkAppId;             ///< Low 32 bits of the SDK application id.
+    std::string roomUser;     ///< Room and user, joined by "_".
+    int eventType;            ///< 10004.
+    int event;                ///< 30 for relays, 31 for mixes.
+    std::string information;  ///< SDK version and the operation's input.
+    std::string detail;       ///< The trace of the request, with its responses.
 };
 
 /// Receives a room event report; `report` is valid during the call.
@@ -64,12 +64,13 @@ void setEventSink(EventSink sink);
 
 /// One phase of an HTTPS exchange, for a progress display or metrics. Never contains the URL, which carries secrets.
 struct HttpExchange {
+    /// The phases of an exchange, in this order. An exchange that is dropped at process exit has the first one only.
     enum Phase {
         kStarted,    ///< The client has the request; on the sending thread.
         kCompleted,  ///< The result is known, the callback has not begun; on the delivery thread.
         kDelivered,  ///< The callback has returned, or the client no longer exists; on the delivery thread.
     };
-    Phase phase;
+    Phase phase;                        ///< The phase that has begun.
     uint64_t id;                        ///< Number of the exchange in the process, from 1.
     std::string_view interfaceName;     ///< Last segment of the URL's path; valid during the call.
     size_t bytesSent;                   ///< Length of the request body.
