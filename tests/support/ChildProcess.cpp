@@ -15,11 +15,10 @@ namespace {
 
 constexpr std::chrono::seconds kTestTimeout(120);
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
+std::vector<char*> pointers(std::vector<std::string>& strings) {
     std::vector<char*> result;
-    result.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        result.push_back(text.data());
+    for (std::string& string : strings) {
+        result.push_back(string.data());
     }
     result.push_back(nullptr);
     return result;
@@ -27,9 +26,9 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 std::vector<std::string> merged(std::map<std::string, std::string> environment) {
     for (char** entry = environ; *entry; ++entry) {
-        const std::string text = *entry;
-        const size_t equals = text.find('=');
-        environment.emplace(text.substr(0, equals), text.substr(equals + 1));
+        const std::string variable = *entry;
+        const size_t equals = variable.find('=');
+        environment.emplace(variable.substr(0, equals), variable.substr(equals + 1));
     }
     std::vector<std::string> result;
     for (const auto& [name, value] : environment) {
@@ -83,10 +82,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
         posix_spawn_file_actions_adddup2(&files, outputEnds[1], 1);
         posix_spawn_file_actions_adddup2(&files, errorEnds[1], 2);
     }
-    std::vector<std::string> argumentTexts = arguments;
-    std::vector<std::string> environmentTexts = merged(environment);
+    std::vector<std::string> argumentStrings = arguments;
+    std::vector<std::string> environmentStrings = merged(environment);
     const int failure = posix_spawn(&mPid, arguments.front().c_str(), &files, &attributes,
-                                    pointers(argumentTexts).data(), pointers(environmentTexts).data());
+                                    pointers(argumentStrings).data(), pointers(environmentStrings).data());
     posix_spawn_file_actions_destroy(&files);
     posix_spawnattr_destroy(&attributes);
     for (const int end : childEnds) {
@@ -108,42 +107,39 @@ ChildProcess::~ChildProcess() {
     }
 }
 
-// False once both have ended, or after kTestTimeout of silence.
+// False when both have ended, or if nothing arrives for kTestTimeout.
 bool ChildProcess::readSome() {
     pollfd sources[] = {{mOutputFd, POLLIN, 0}, {mErrorsFd, POLLIN, 0}};  // one below 0 is skipped
     if ((mOutputFd < 0 && mErrorsFd < 0) || poll(sources, 2, std::chrono::milliseconds(kTestTimeout).count()) <= 0) {
         return false;
     }
-    const auto take = [](const pollfd& source, int& fd, std::string& text) {
+    const auto receive = [](const pollfd& source, int& fd, std::string& received) {
         if (source.revents == 0) {
             return;
         }
         char piece[4096];
         const ssize_t length = read(fd, piece, sizeof piece);
         if (length > 0) {
-            text.append(piece, static_cast<size_t>(length));
+            received.append(piece, static_cast<size_t>(length));
         } else {
             close(fd);
             fd = -1;
         }
     };
-    take(sources[0], mOutputFd, mOutput);
-    take(sources[1], mErrorsFd, mErrors);
+    receive(sources[0], mOutputFd, mOutput);
+    receive(sources[1], mErrorsFd, mErrors);
     return true;
 }
 
 bool ChildProcess::awaitOutput(const std::string& text, int times) {
-    const auto found = [this, &text] {
-        int count = 0;
-        for (size_t at = mOutput.find(text); at != std::string::npos; at = mOutput.find(text, at + text.size())) {
-            ++count;
+    for (size_t begin = 0; times > 0; --times) {
+        size_t found = std::string::npos;
+        while ((found = mOutput.find(text, begin)) == std::string::npos) {
+            if (!readSome()) {
+                return false;
+            }
         }
-        return count;
-    };
-    while (found() < times) {
-        if (!readSome()) {
-            return false;
-        }
+        begin = found + text.size();
     }
     return true;
 }

@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
-// For one thread. Waits end after a minute, which fails whatever waited.
+// For one thread. A wait ends without success after two minutes without output.
 class ChildProcess {
 public:
     enum Output { kPipes, kTerminal };
     static constexpr int kTerminalColumns = 60;
 
     // Starts the program. `environment` adds to this process's own; an empty value removes the variable. On a terminal,
-    // which becomes the child's controlling one, standard error goes where standard output goes.
+    // which becomes the child's controlling one, standard error is a part of standard output.
     ChildProcess(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment,
                  Output output = kPipes);
     ~ChildProcess();  // a child that still runs is killed
@@ -31,7 +31,7 @@ public:
     // As if typed at the terminal.
     void type(const std::string& keys) const;
 
-    // No one reads standard output any more.
+    // Closes this end of standard output: writes to it fail.
     void closeOutput();
 
     // Reads all output to its end; the exit status, or 1000 and the number of the signal that ended it.

@@ -14,31 +14,16 @@ constexpr int kMaxDepth = 512;  // of a readable response
 constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
 constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
 
-int depthOf(const std::string& text) {
-    int depth = 0;
-    int deepest = 0;
-    bool isInString = false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (isInString) {
-            i += c == '\\';
-            isInString = c != '"';
-        } else if (c == '"') {
-            isInString = true;
-        } else if (c == '{' || c == '[') {
-            deepest = std::max(deepest, ++depth);
-        } else if (c == '}' || c == ']') {
-            --depth;
-        }
-    }
-    return deepest;
-}
-
 // None if it is unreadable, or "null".
 std::optional<Json> parse(const std::string& response) {
-    const Json parsed = Json::parse(response, nullptr, false);
-    if (parsed.is_discarded() || parsed.is_null() || response.find('\0') != std::string::npos ||
-        depthOf(response) > kMaxDepth) {
+    bool isTooDeep = false;
+    const auto checkDepth = [&isTooDeep](int outerLevels, Json::parse_event_t event, const Json&) {
+        const bool isStart = event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start;
+        isTooDeep = isTooDeep || (isStart && outerLevels >= kMaxDepth);
+        return true;
+    };
+    const Json parsed = Json::parse(response, checkDepth, false);
+    if (parsed.is_discarded() || parsed.is_null() || isTooDeep || response.find('\0') != std::string::npos) {
         return std::nullopt;
     }
     return parsed;

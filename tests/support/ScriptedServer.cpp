@@ -7,11 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <utility>
 
 namespace {
@@ -31,18 +31,19 @@ std::string inHex(const sockaddr_in& address) {
     return text;
 }
 
-// True if bytes from `from` to `to` are still under way, or wait to be read. Both ends are this machine's.
-bool bytesWait(const sockaddr_in& from, const sockaddr_in& to) {
-    constexpr const char* kNone = "00000000";
-    const std::string sender = inHex(from);
-    const std::string receiver = inHex(to);
+// True if bytes from `from` to `to` are in flight or wait to be read. Both ends are on this machine.
+bool isDataPending(const sockaddr_in& from, const sockaddr_in& to) {
+    // Columns: number, local address, remote address, state, and the sizes of both queues as "SEND:RECEIVE".
+    const std::string sender = inHex(from) + " " + inHex(to) + " ";
+    const std::string receiver = inHex(to) + " " + inHex(from) + " ";
+    constexpr size_t kStateSize = 3;
+    constexpr size_t kQueueSize = 8;
+    const std::string none(kQueueSize, '0');
     std::ifstream table("/proc/thread-self/net/tcp");
     for (std::string line; std::getline(table, line);) {
-        std::string number, local, remote, state, queues;
-        std::istringstream(line) >> number >> local >> remote >> state >> queues;
-        const size_t colon = queues.find(':');
-        if ((local == sender && remote == receiver && queues.substr(0, colon) != kNone) ||
-            (local == receiver && remote == sender && queues.substr(colon + 1) != kNone)) {
+        const size_t queues = line.find(':') + 2 + sender.size() + kStateSize;
+        if ((line.find(sender) != line.npos && line.compare(queues, kQueueSize, none) != 0) ||
+            (line.find(receiver) != line.npos && line.compare(queues + kQueueSize + 1, kQueueSize, none) != 0)) {
             return true;
         }
     }
@@ -74,13 +75,18 @@ ScriptedServer::Connection::~Connection() {
     }
 }
 
-bool ScriptedServer::Connection::handshake() {
+// False if the server stops.
+bool ScriptedServer::Connection::awaitBytes() const {
     while (!readable(mSocket)) {
         if (mStopping) {
             return false;
         }
     }
-    return SSL_accept(mSsl) == 1;
+    return true;
+}
+
+bool ScriptedServer::Connection::handshake() {
+    return awaitBytes() && SSL_accept(mSsl) == 1;
 }
 
 std::string ScriptedServer::Connection::readRequest() {
@@ -103,37 +109,24 @@ std::string ScriptedServer::Connection::readRequest() {
 }
 
 std::string ScriptedServer::Connection::read() {
-    while (SSL_pending(mSsl) == 0 && !readable(mSocket)) {
-        if (mStopping) {
-            return {};
-        }
-    }
     char bytes[4096];
-    const int got = SSL_read(mSsl, bytes, sizeof bytes);
-    return got > 0 ? std::string(bytes, static_cast<size_t>(got)) : std::string();
+    const int size = SSL_pending(mSsl) > 0 || awaitBytes() ? SSL_read(mSsl, bytes, sizeof bytes) : 0;
+    return size > 0 ? std::string(bytes, static_cast<size_t>(size)) : std::string();
 }
 
 void ScriptedServer::Connection::write(const std::string& bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size() && !mStopping) {
-        const size_t left = bytes.size() - sent;
-        const int wrote = SSL_write(mSsl, bytes.data() + sent, static_cast<int>(left < 65536 ? left : 65536));
-        if (wrote <= 0) {
+    constexpr size_t kPiece = 65536;  // between two pieces, a stop of the server is noticed
+    for (size_t at = 0; at < bytes.size() && !mStopping; at += kPiece) {
+        if (SSL_write(mSsl, bytes.data() + at, static_cast<int>(std::min(kPiece, bytes.size() - at))) <= 0) {
             return;
         }
-        sent += static_cast<size_t>(wrote);
     }
 }
 
 std::string ScriptedServer::Connection::readPlain() {
-    while (!readable(mSocket)) {
-        if (mStopping) {
-            return {};
-        }
-    }
     char bytes[4096];
-    const ssize_t got = recv(mSocket, bytes, sizeof bytes, 0);
-    return got > 0 ? std::string(bytes, static_cast<size_t>(got)) : std::string();
+    const ssize_t size = awaitBytes() ? recv(mSocket, bytes, sizeof bytes, 0) : 0;
+    return size > 0 ? std::string(bytes, static_cast<size_t>(size)) : std::string();
 }
 
 void ScriptedServer::Connection::writePlain(const std::string& bytes) {
@@ -153,17 +146,8 @@ void ScriptedServer::Connection::waitUntilRead() {
     socklen_t size = sizeof own;
     getsockname(mSocket, reinterpret_cast<sockaddr*>(&own), &size);
     getpeername(mSocket, reinterpret_cast<sockaddr*>(&client), &size);
-    while (!mStopping && bytesWait(own, client)) {
+    while (!mStopping && isDataPending(own, client)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-}
-
-void ScriptedServer::Connection::waitForClient() {
-    while (!mStopping) {
-        char byte = 0;
-        if (readable(mSocket) && recv(mSocket, &byte, 1, 0) <= 0) {
-            return;
-        }
     }
 }
 
@@ -212,9 +196,7 @@ ScriptedServer::ScriptedServer(const Options& options, Script script)
 ScriptedServer::~ScriptedServer() {
     mStopping = true;
     mAcceptor.join();
-    for (Running& connection : mConnections) {
-        connection.thread.join();
-    }
+    mConnections.clear();
     close(mListener);
     SSL_CTX_free(mContext);
 }
@@ -238,22 +220,13 @@ void ScriptedServer::acceptAll() {
             continue;
         }
         ++mAccepted;
-        // A finished thread holds its stack until it is joined.
-        mConnections.remove_if([](Running& connection) {
-            if (connection.ended) {
-                connection.thread.join();
-                return true;
-            }
-            return false;
+        mConnections.remove_if([](const std::future<void>& connection) {
+            return connection.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
         });
-        Running& running = mConnections.emplace_back();
-        running.thread = std::thread([this, accepted, &running] {
-            {
-                Connection connection(accepted, mContext, mStopping);
-                mScript(connection);
-            }
-            running.ended = true;
-        });
+        mConnections.push_back(std::async(std::launch::async, [this, accepted] {
+            Connection connection(accepted, mContext, mStopping);
+            mScript(connection);
+        }));
     }
 }
 

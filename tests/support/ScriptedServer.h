@@ -1,5 +1,4 @@
-// A TLS server on loopback that runs a script of the test on each connection, down to the bytes: for faults that no
-// correct server has.
+// A TLS server on loopback that runs a script of the test on each connection, and so can send any bytes.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_SCRIPTED_SERVER_H
 #define VEXALIVE_TESTS_SUPPORT_SCRIPTED_SERVER_H
@@ -9,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <list>
 #include <string>
 #include <thread>
@@ -36,10 +36,12 @@ public:
         void writePlain(const std::string& bytes);                // past TLS
         void reset();                                             // RST instead of an orderly end
         void waitUntilRead();                                     // until the client has read everything
-        void waitForClient();                                     // until the client closes, or the server stops
-        bool clientClosesWithin(std::chrono::milliseconds time);  // as waitForClient, but no longer than that
+        bool clientClosesWithin(std::chrono::milliseconds time);  // true also if the server stops
+        void waitForClient() { clientClosesWithin(std::chrono::hours(1)); }
 
     private:
+        bool awaitBytes() const;
+
         int mSocket;
         SSL* mSsl;
         std::atomic<bool>& mStopping;
@@ -50,11 +52,11 @@ public:
     struct Options {
         CertificateFault fault = CertificateFault::kNone;
         int highestProtocol = 0;  // TLS1_1_VERSION, …; 0 for the library's highest
-        bool http2 = false;       // what is agreed upon in the handshake; the script has to speak it
+        bool http2 = false;       // negotiated in the handshake; the script has to speak it
         int port = 0;             // 0 for a free one
     };
 
-    // Listens; each connection runs `script` on a thread of its own, after no handshake.
+    // Listens; each connection runs `script` on a thread of its own. The script handshakes.
     explicit ScriptedServer(Script script) : ScriptedServer(Options(), std::move(script)) {}
     ScriptedServer(const Options& options, Script script);
     ~ScriptedServer();
@@ -66,11 +68,6 @@ public:
     int accepted() const { return mAccepted; }
 
 private:
-    struct Running {
-        std::atomic<bool> ended{false};
-        std::thread thread;
-    };
-
     void acceptAll();
 
     const Script mScript;
@@ -80,7 +77,7 @@ private:
     int mPort = 0;
     std::atomic<int> mAccepted{0};
     std::atomic<bool> mStopping{false};
-    std::list<Running> mConnections;  // the acceptor's while it runs
+    std::list<std::future<void>> mConnections;  // used by mAcceptor while it runs
     std::thread mAcceptor;
 };
 

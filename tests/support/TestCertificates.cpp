@@ -27,15 +27,15 @@ void addExtension(X509* certificate, int nid, const char* value) {
     X509_EXTENSION_free(extension);
 }
 
-struct Wanted {
+struct Content {
     const char* name;
     const char* alternativeNames;  // null for an authority
-    long fromSeconds;
-    long toSeconds;
+    long notBefore;                // seconds from now
+    long notAfter;
 };
 
 // Signed by `authority`, or by itself if that is null.
-TestCertificate make(const Wanted& wanted, const TestCertificate* authority) {
+TestCertificate make(const Content& content, const TestCertificate* authority) {
     static long serial = 0;
     TestCertificate made;
     made.key.reset(EVP_EC_gen("P-256"), EVP_PKEY_free);
@@ -44,15 +44,15 @@ TestCertificate make(const Wanted& wanted, const TestCertificate* authority) {
     require(made.key && certificate, "key");
     X509_set_version(certificate, X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), ++serial);
-    X509_gmtime_adj(X509_getm_notBefore(certificate), wanted.fromSeconds);
-    X509_gmtime_adj(X509_getm_notAfter(certificate), wanted.toSeconds);
+    X509_gmtime_adj(X509_getm_notBefore(certificate), content.notBefore);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), content.notAfter);
     X509_set_pubkey(certificate, made.key.get());
     X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>(wanted.name), -1, -1, 0);
+                               reinterpret_cast<const unsigned char*>(content.name), -1, -1, 0);
     const TestCertificate& issuer = authority ? *authority : made;
     X509_set_issuer_name(certificate, X509_get_subject_name(issuer.certificate.get()));
-    if (wanted.alternativeNames) {
-        addExtension(certificate, NID_subject_alt_name, wanted.alternativeNames);
+    if (content.alternativeNames) {
+        addExtension(certificate, NID_subject_alt_name, content.alternativeNames);
     } else {
         addExtension(certificate, NID_basic_constraints, "critical,CA:TRUE");
         addExtension(certificate, NID_key_usage, "critical,keyCertSign,cRLSign");
@@ -102,19 +102,15 @@ const std::string& testAuthorityFile() {
 }
 
 TestCertificate makeServerCertificate(CertificateFault fault) {
-    switch (fault) {
-        case CertificateFault::kExpired:
-            return make({"expired", kLoopback, -2 * kDay, -kDay}, &testAuthority());
-        case CertificateFault::kOtherHost:
-            return make({"other host", "DNS:elsewhere.example", -kDay, kDay}, &testAuthority());
-        case CertificateFault::kSelfSigned:
-            return make({"self signed", kLoopback, -kDay, kDay}, nullptr);
-        case CertificateFault::kUnknownAuthority: {
-            const TestCertificate stranger = make({"Unknown test authority", nullptr, -kDay, kDay}, nullptr);
-            return make({"by a stranger", kLoopback, -kDay, kDay}, &stranger);
-        }
-        case CertificateFault::kNone:
-            break;
+    const bool isExpired = fault == CertificateFault::kExpired;
+    const char* const names = fault == CertificateFault::kOtherHost ? "DNS:elsewhere.example" : kLoopback;
+    const Content content = {"test server", names, isExpired ? -2 * kDay : -kDay, isExpired ? -kDay : kDay};
+    if (fault == CertificateFault::kSelfSigned) {
+        return make(content, nullptr);
     }
-    return make({"good", kLoopback, -kDay, kDay}, &testAuthority());
+    if (fault == CertificateFault::kUnknownAuthority) {
+        const TestCertificate unknown = make({"Unknown test authority", nullptr, -kDay, kDay}, nullptr);
+        return make(content, &unknown);
+    }
+    return make(content, &testAuthority());
 }
