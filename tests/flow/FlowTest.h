@@ -62,9 +62,6 @@ constexpr bool isRelay(Kind kind) {
 constexpr bool isStart(Kind kind) {
     return kind == kAddRelay || kind == kStartMix;
 }
-constexpr Kind startOf(Kind kind) {
-    return isRelay(kind) ? kAddRelay : kStartMix;
-}
 constexpr Kind stopOf(Kind kind) {
     return isRelay(kind) ? kRemoveRelay : kCancelMix;
 }
