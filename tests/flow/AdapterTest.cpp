@@ -367,11 +367,25 @@ TEST_F(AdapterTest, ListenerMayCallEveryOperation) {
     EXPECT_THAT(sent(), ElementsAre(kAddRelay, kAddRelay, kStartMix));
 }
 
-class NoListenerTest : public KindTest {};
+class CallTest : public KindTest {};
 
-INSTANTIATE_TEST_SUITE_P(Kinds, NoListenerTest, kAllKinds, nameOfKind);
+INSTANTIATE_TEST_SUITE_P(Kinds, CallTest, kAllKinds, nameOfKind);
 
-TEST_P(NoListenerTest, RequestIsRetriedAndReportedAfterTheListenerIsDestroyed) {
+TEST_P(CallTest, OperationCalledBehindARoomEntryIsSupersededByTheReissuedStart) {
+    givenUser();
+    begin(start());
+    clearRecords();
+
+    mAdapter->updateEnterRoomInfo("room7", kMapKey);
+    call(kind());
+    run();
+
+    EXPECT_EQ(log().at(kind() == kStartMix ? 1 : 0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
+    ASSERT_THAT(sent(), ElementsAre(start()));
+    EXPECT_EQ(log().back(), sendLog(start(), 3, 0, body(0)));
+}
+
+TEST_P(CallTest, RequestIsRetriedAndReportedAfterTheListenerIsDestroyed) {
     givenSent(kind());
 
     givenNoListener();

@@ -169,17 +169,6 @@ TEST_F(EnvelopeTest, EventIdsAreConsecutiveOverKindsRetriesAdaptersAndThreads) {
     }
 }
 
-TEST_F(EnvelopeTest, DomainIsTheBizIdAndThePushDomain) {
-    givenInRoom();
-    kstmedia::VexaPublishCDNParamInternal param = relay();
-    param.bizId = -77;
-
-    startRelay(param);
-
-    EXPECT_THAT(body(0), HasSubstr(R"("domain":"-77.push.test",)"));
-    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"-77_fcbd0847daa9c600a757e0d48049b252",)"));
-}
-
 TEST_F(EnvelopeTest, RoomAndUserAreThoseOfTheMomentOfSending) {
     givenSent(kAddRelay);
     respond(kRetryable, "");

@@ -29,6 +29,7 @@ using oracle::kNotInRoom;
 using oracle::kRemoveRelay;
 using oracle::kStartMix;
 using oracle::rulesOf;
+using oracle::startOf;
 using oracle::traceSegment;
 
 // One room event report, without the arguments that are the same in all of them.

@@ -56,6 +56,7 @@ TEST_F(RelayStartTest, NegativeIdsAreAccepted) {
 
     EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(body(0), HasSubstr(R"({"appid":-1,"dest_stream_url":"rtmp://a","domain":"-2.push.test",)"));
+    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"-2_fcbd0847daa9c600a757e0d48049b252",)"));
 }
 
 TEST_F(RelayStartTest, RefusedParameterDoesNotReplaceTheStoredOne) {

@@ -41,20 +41,6 @@ TEST_P(RetryTest, RequestThatFailsElevenTimesEndsWithOneCallAndOneReportOfAllRes
     EXPECT_THAT(reports()[0].detail, EndsWith(trace));
 }
 
-TEST_P(RetryTest, LastOfElevenResponsesMaySucceed) {
-    givenSent(kind());
-    for (int i = 0; i < 10; ++i) {
-        failAndWaitForRetry();
-    }
-
-    respondOk();
-
-    EXPECT_THAT(requests(), SizeIs(11));
-    EXPECT_THAT(notified(), ElementsAre(succeeded()));
-    ASSERT_THAT(reports(), SizeIs(1));
-    EXPECT_THAT(reports()[0].detail, EndsWith(traceSegment(traced(1), 1, "") + traceSegment(traced(0), 0, kOk)));
-}
-
 TEST_P(RetryTest, WorkOfTheOtherFamilyChangesNothing) {
     givenSent(kind());
     respond(1, "");

@@ -118,20 +118,6 @@ TEST_P(StartTest, OfTwoStartsInQuickSuccessionOnlyTheSecondIsSent) {
     expectNeitherNotifiedNorReported();
 }
 
-TEST_P(StartTest, StartCalledBehindARoomEntryIsSupersededByTheReissuedOne) {
-    givenUser();
-    begin(kind());
-    clearRecords();
-
-    mAdapter->updateEnterRoomInfo("room7", kMapKey);
-    callOther(kind());
-    run();
-
-    EXPECT_EQ(logOfTheStart().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
-    ASSERT_THAT(requests(), SizeIs(1));
-    EXPECT_THAT(body(0), HasSubstr(input()));
-}
-
 // ---- Before room entry ----------------------------------------------------------------------------------------------
 
 TEST_P(StartTest, StartOutsideTheRoomIsReportedAndNotNotified) {

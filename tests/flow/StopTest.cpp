@@ -149,19 +149,6 @@ TEST_P(StopTest, IdsRemainSoThatTheNextStopsOfBothFamiliesAreSent) {
     EXPECT_THAT(body(2), HasSubstr(R"({"appid":12345,"domain":"8888.push.test",)"));
 }
 
-TEST_P(StopTest, StopCalledBehindARoomEntryIsSupersededByTheReissuedStart) {
-    givenUser();
-    begin(start());
-    clearRecords();
-
-    mAdapter->updateEnterRoomInfo("room7", kMapKey);
-    call(kind());
-    run();
-
-    EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
-    ASSERT_THAT(sent(), ElementsAre(start()));
-}
-
 // ---- Trace and information ------------------------------------------------------------------------------------------
 
 TEST_P(StopTest, RetryNamesTheUserOfItsTimeWhileTheInformationIsTheFirstBody) {
