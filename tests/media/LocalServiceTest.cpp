@@ -1,4 +1,4 @@
-// The local service as a whole: who may publish, which processes a killed service leaves, and the metrics.
+// The local service as a whole: who may publish, and which processes a killed service leaves.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -50,21 +50,11 @@ TEST(LocalService, LeavesNoProcessWhenItIsKilled) {
     address = address.substr(address.find("VEXALIVE_SERVICE_HOST=") + 22);
     HttpClient client("https://" + address.substr(0, address.find('"')), folder.path() + "/state/ca.pem");
     EXPECT_EQ(servicetesting::post(client, mixBody({{1, 0, 0, 640, 360}}))["code"], 0);
-    EXPECT_EQ(servicetesting::post(client, relayBody(2, "rtmp://127.0.0.1:9/cdn/nobody"))["code"], 0);
+    EXPECT_EQ(servicetesting::post(client, relayOf(2, "rtmp://127.0.0.1:9/cdn/nobody"))["code"], 0);
     ASSERT_TRUE(pollUntil([&] { return processesWith(mark) == 4; })) << processesWith(mark);  // nginx and two workers
     service.sendSignal(SIGKILL);
     service.awaitExit();
     EXPECT_TRUE(pollUntil([&] { return processesWith(mark) == 0; })) << processesWith(mark);
-}
-
-TEST(LocalService, ServesMetrics) {
-    LocalService service;
-    const auto alice = publish(service.memberUrl(1), {"red", 440});
-    ASSERT_EQ(service.post(relayBody(1, service.origin() + "/cdn/alice")), 0);
-    ASSERT_TRUE(service.relayReaches("running")) << service.relay();
-    const std::string metrics = service.get("/metrics");
-    EXPECT_NE(metrics.find("# TYPE vexalive_"), std::string::npos) << metrics;
-    EXPECT_NE(metrics.find(streamIdOf(1)), std::string::npos) << metrics;
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 //
 //     media_soak SECONDS SAMPLES.csv
 //
-// Every ten seconds it notes the memory, descriptors and threads of the service, its workers and its origin. At the end
+// Every ten seconds it records the memory, descriptors and threads of the workers and of the origin. At the end
 // the median of the last third of the samples is compared with that of the first third. The exit status is 0 if nothing
 // has grown, no worker was restarted, and the mix did not reconnect.
 
@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -27,26 +28,18 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kBetweenSamples{10};
 constexpr int kMembers = 4;
 constexpr const char* kColours[] = {"red", "lime", "blue", "yellow"};
-// The most that memory may grow: the allocators of three workers settle slowly.
-constexpr double kMaxGrowth = 1.1;
-constexpr long kMaxMoreDescriptors = 4;
-constexpr long kMaxMoreThreads = 4;
 
-struct Sample {
-    long seconds = 0;
-    long kibibytes = 0;  // resident, of all processes
-    long descriptors = 0;
-    long threads = 0;
-    long processes = 0;
+// What is measured of all workers and the origin, and how much it may grow. The allocators of three workers settle
+// slowly.
+struct Quantity {
+    const char* name;
+    double maxFactor;
+    double maxMore;
 };
+constexpr Quantity kQuantities[] = {{"kibibytes", 1.1, 0}, {"descriptors", 1, 4}, {"threads", 1, 4}};
+using Sample = std::array<double, std::size(kQuantities)>;
 
-long descriptorsOf(pid_t pid) {
-    std::error_code error;
-    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd", error);
-    return error ? 0 : static_cast<long>(std::distance(begin(all), end(all)));
-}
-
-// The workers and the origin, without this process, which has FFmpeg's pipes and frames as well.
+// Without this process, which has FFmpeg's pipes and frames as well.
 std::vector<pid_t> measuredProcesses() {
     std::vector<pid_t> all = LocalService::children("vexalive-media");
     for (const pid_t origin : LocalService::children("nginx")) {
@@ -55,24 +48,26 @@ std::vector<pid_t> measuredProcesses() {
     return all;
 }
 
-Sample measure(Clock::time_point start) {
-    Sample sample;
-    sample.seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
+Sample measure() {
+    Sample sum{};
     for (const pid_t pid : measuredProcesses()) {
-        ++sample.processes;
-        sample.kibibytes += processField(pid, "VmRSS");
-        sample.threads += processField(pid, "Threads");
-        sample.descriptors += descriptorsOf(pid);
+        std::error_code error;
+        const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(pid) + "/fd", error);
+        sum[0] += static_cast<double>(processField(pid, "VmRSS"));
+        sum[1] += error ? 0 : static_cast<double>(std::distance(begin(descriptors), end(descriptors)));
+        sum[2] += static_cast<double>(processField(pid, "Threads"));
     }
-    return sample;
+    return sum;
 }
 
-long median(std::vector<Sample> samples, size_t from, size_t to, long Sample::*member) {
-    const auto begin = samples.begin() + static_cast<std::ptrdiff_t>(from);
-    const auto end = samples.begin() + static_cast<std::ptrdiff_t>(to);
-    const auto half = begin + (end - begin) / 2;
-    std::nth_element(begin, half, end, [member](const Sample& a, const Sample& b) { return a.*member < b.*member; });
-    return *half.*member;
+// Of one quantity, in the samples from `begin` on.
+double median(const std::vector<Sample>& samples, size_t begin, size_t count, size_t quantity) {
+    std::vector<double> values;
+    for (size_t i = begin; i < begin + count; ++i) {
+        values.push_back(samples[i][quantity]);
+    }
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(count / 2), values.end());
+    return values[count / 2];
 }
 
 class Scenario {
@@ -85,8 +80,8 @@ public:
 
     bool begin() {
         return mService.post(mixBody({{1, 0, 0, 640, 360}})) == 0 &&
-               mService.post(relayBody(1, mService.origin() + "/cdn/one")) == 0 &&
-               mService.post(relayBody(2, "rtmp://127.0.0.1:9/cdn/nobody")) == 0 && mService.mixReaches("running");
+               mService.post(relayOf(1, mService.origin() + "/cdn/one")) == 0 &&
+               mService.post(relayOf(2, "rtmp://127.0.0.1:9/cdn/nobody")) == 0 && mService.mixReaches("running");
     }
 
     void act() {
@@ -145,7 +140,7 @@ private:
         fault.kind = vexalive::Fault::Kind::kCode;
         mService.injectFault(fault);
         mService.post(mixBody({{1, 0, 0, 640, 360}}));
-        mService.post(relayBody(2, from(0, 1) == 0 ? "rtmp://127.0.0.1:9/cdn/nobody" : mService.origin() + "/cdn/two"));
+        mService.post(relayOf(2, from(0, 1) == 0 ? "rtmp://127.0.0.1:9/cdn/nobody" : mService.origin() + "/cdn/two"));
         ++faults;
     }
 
@@ -164,7 +159,10 @@ int soak(std::chrono::seconds time, const char* file) {
     }
     const std::vector<pid_t> processes = measuredProcesses();
     std::ofstream table(file);
-    table << "seconds,kibibytes,descriptors,threads,processes\n";
+    table << "seconds";
+    for (const Quantity& each : kQuantities) {
+        table << ',' << each.name;
+    }
     std::vector<Sample> samples;
     const auto start = Clock::now();
     for (auto next = start + kBetweenSamples; Clock::now() < start + time;) {
@@ -172,35 +170,32 @@ int soak(std::chrono::seconds time, const char* file) {
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
         if (Clock::now() >= next) {
             next += kBetweenSamples;
-            samples.push_back(measure(start));
-            const Sample& now = samples.back();
-            table << now.seconds << ',' << now.kibibytes << ',' << now.descriptors << ',' << now.threads << ','
-                  << now.processes << std::endl;
+            samples.push_back(measure());
+            table << '\n' << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
+            for (const double each : samples.back()) {
+                table << ',' << each;
+            }
+            table.flush();
         }
     }
-    if (samples.size() < 3) {
+    const size_t third = samples.size() / 3;
+    if (third == 0) {
         std::fprintf(stderr, "too short to compare: half a minute at least\n");
         return 1;
     }
 
     const json mix = scenario.service().mix();
-    const bool hasSameProcesses = measuredProcesses() == processes;
-    const size_t third = samples.size() / 3;
-    const auto first = [&](long Sample::*member) { return median(samples, 0, third, member); };
-    const auto last = [&](long Sample::*member) {
-        return median(samples, samples.size() - third, samples.size(), member);
-    };
-    std::printf("updates %d, losses of inputs %d, faults %d\n", scenario.updates, scenario.losses, scenario.faults);
-    std::printf("memory    %ld -> %ld KiB\ndescriptors %ld -> %ld\nthreads   %ld -> %ld\n", first(&Sample::kibibytes),
-                last(&Sample::kibibytes), first(&Sample::descriptors), last(&Sample::descriptors),
-                first(&Sample::threads), last(&Sample::threads));
-    std::printf("mix: %s\n", mix.dump().c_str());
-    const bool isStable = scenario.updates > 0 && hasSameProcesses && mix["restarts"] == 0 && mix["reconnects"] == 0 &&
-                          mix["state"] == "running";
-    const bool isFlat =
-        last(&Sample::threads) <= first(&Sample::threads) + kMaxMoreThreads &&
-        static_cast<double>(last(&Sample::kibibytes)) <= kMaxGrowth * static_cast<double>(first(&Sample::kibibytes)) &&
-        last(&Sample::descriptors) <= first(&Sample::descriptors) + kMaxMoreDescriptors;
+    std::printf("updates %d, losses of inputs %d, faults %d\nmix: %s\n", scenario.updates, scenario.losses,
+                scenario.faults, mix.dump().c_str());
+    bool isFlat = true;
+    for (size_t i = 0; i < std::size(kQuantities); ++i) {
+        const double first = median(samples, 0, third, i);
+        const double last = median(samples, samples.size() - third, third, i);
+        std::printf("%s %.0f -> %.0f\n", kQuantities[i].name, first, last);
+        isFlat = isFlat && last <= kQuantities[i].maxFactor * first + kQuantities[i].maxMore;
+    }
+    const bool isStable = scenario.updates > 0 && measuredProcesses() == processes && mix["restarts"] == 0 &&
+                          mix["reconnects"] == 0 && mix["state"] == "running";
     std::printf(
         "%s\n%s\n",
         isStable ? "no process was restarted, and the mix did not reconnect" : "A PROCESS OR CONNECTION WAS LOST",

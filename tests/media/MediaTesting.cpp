@@ -1,9 +1,7 @@
 #include "MediaTesting.h"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <utility>
 
@@ -51,65 +50,39 @@ std::vector<int> tonesOf(const std::vector<int16_t>& piece) {
     return tones;
 }
 
-json inputOf(const Input& input, int layer) {
-    return {{"input_stream_id", streamIdOf(input.member)},
-            {"layout_params",
-             {{"input_type", input.audioOnly ? 4 : 0},
-              {"image_layer", layer},
-              {"image_width", input.width},
-              {"image_height", input.height},
-              {"location_x", input.x},
-              {"location_y", input.y}}}};
-}
-
 }  // namespace
 
 // ---- Programs -------------------------------------------------------------------------------------------------------
 
-Program::Program(const std::vector<std::string>& arguments, OnOutput onOutput) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
+Program::Program(std::vector<std::string> arguments, OnOutput onOutput) {
+    arguments[0] = vexalive::findProgram(arguments[0], "");
+    auto child = vexalive::Child::start(arguments);
+    if (!child) {
+        ADD_FAILURE() << child.error().message;
         std::abort();
     }
-    mOutput = ends[0];
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    ::posix_spawn_file_actions_adddup2(&actions, ends[1], 1);
-    std::vector<char*> words;
-    words.reserve(arguments.size() + 1);
-    for (const std::string& argument : arguments) {
-        words.push_back(const_cast<char*>(argument.c_str()));
-    }
-    words.push_back(nullptr);
-    const int failure = ::posix_spawnp(&mPid, words[0], &actions, nullptr, words.data(), environ);
-    EXPECT_EQ(failure, 0) << arguments[0];
-    mPid = failure == 0 ? mPid : -1;
-    ::posix_spawn_file_actions_destroy(&actions);
-    ::close(ends[1]);
+    mChild = std::move(*child);
     mReader = std::thread([this, onOutput = std::move(onOutput)] {
+        pollfd sources[] = {{mChild->output.get(), POLLIN, 0}, {mChild->errors.get(), POLLIN, 0}};
         std::vector<char> bytes(size_t{1} << 20);
         std::string output;
-        for (ssize_t count = 0; (count = ::read(mOutput, bytes.data(), bytes.size())) > 0;) {
-            output.append(bytes.data(), static_cast<size_t>(count));
-            output.erase(0, onOutput(output));
+        for (ssize_t count = -1; count != 0;) {
+            ::poll(sources, std::size(sources), -1);
+            const ssize_t errors = ::read(sources[1].fd, bytes.data(), bytes.size());
+            std::cerr << std::string_view(bytes.data(), errors > 0 ? static_cast<size_t>(errors) : 0);
+            count = ::read(sources[0].fd, bytes.data(), bytes.size());
+            if (count > 0) {
+                output.append(bytes.data(), static_cast<size_t>(count));
+                output.erase(0, onOutput(output));
+            }
         }
         mHasEnded = true;
     });
 }
 
 Program::~Program() {
-    if (mPid > 0) {
-        ::kill(mPid, SIGKILL);
-        ::waitpid(mPid, nullptr, 0);
-    }
+    mChild->signal(SIGKILL);
     mReader.join();
-    ::close(mOutput);
-}
-
-void Program::signal(int number) const {
-    ASSERT_GT(mPid, 0);
-    ::kill(mPid, number);
 }
 
 long processField(pid_t pid, const std::string& name) {
@@ -144,10 +117,6 @@ struct LocalService::Log {
 
 LocalService::LocalService() : mLog(std::make_shared<Log>()), mService(mLog->options()), mClient(mService.client()) {
     EXPECT_TRUE(pollUntil([this] { return state()["service"]["origin"]["state"] == "running"; })) << state();
-}
-
-int LocalService::post(const json& body) {
-    return servicetesting::post(mClient, body)["code"];
 }
 
 json LocalService::mediaOf(const char* list, size_t index) const {
@@ -234,13 +203,8 @@ std::unique_ptr<Program> publish(const std::string& url, const TestStream& strea
     return std::make_unique<Program>(command);
 }
 
-bool Rgb::isNear(const Rgb& other) const {
-    const auto isClose = [](int one, int another) { return std::abs(one - another) <= 32; };
-    return isClose(r, other.r) && isClose(g, other.g) && isClose(b, other.b);
-}
-
-std::ostream& operator<<(std::ostream& out, const Rgb& colour) {
-    return out << "rgb(" << colour.r << ", " << colour.g << ", " << colour.b << ")";
+bool isNear(const Rgb& one, const Rgb& other) {
+    return std::equal(one.begin(), one.end(), other.begin(), [](int a, int b) { return std::abs(a - b) <= 32; });
 }
 
 Viewer::Viewer(const std::string& url, int width, int height) : mWidth(width), mHeight(height) {
@@ -272,23 +236,11 @@ size_t Viewer::read(std::string_view output) {
     return consumed;
 }
 
-Rgb Viewer::at(int x, int y) const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return pixel(x, y);
-}
-
-Rgb Viewer::pixel(int x, int y) const {
-    if (mFrame.empty()) {
-        return {-1, -1, -1};
-    }
-    const auto* bytes =
-        reinterpret_cast<const unsigned char*>(mFrame.data()) + (static_cast<ptrdiff_t>(y) * mWidth + x) * 3;
-    return {bytes[0], bytes[1], bytes[2]};
-}
-
 bool Viewer::matches(const std::vector<Pixel>& pixels) const {
-    return std::all_of(pixels.begin(), pixels.end(),
-                       [this](const Pixel& each) { return pixel(each.x, each.y).isNear(each.colour); });
+    return !mFrame.empty() && std::all_of(pixels.begin(), pixels.end(), [this](const Pixel& each) {
+        const auto* bytes = reinterpret_cast<const unsigned char*>(mFrame.data()) + (each.y * mWidth + each.x) * 3;
+        return isNear({bytes[0], bytes[1], bytes[2]}, each.colour);
+    });
 }
 
 bool Viewer::shows(const std::vector<Pixel>& pixels) const {
@@ -327,7 +279,7 @@ size_t Listener::read(std::string_view output) {
     return consumed;
 }
 
-bool Listener::comesToHear(const std::vector<int>& tones) const {
+bool Listener::comesToDetect(const std::vector<int>& tones) const {
     return pollUntil([&] {
         const std::lock_guard<std::mutex> lock(mMutex);
         return mTones == tones && mEqualPieces >= 5;
@@ -404,21 +356,16 @@ json mixBody(const std::vector<Input>& inputs, const std::string& colour) {
         list.push_back(canvas);
     }
     for (const Input& input : inputs) {
-        list.push_back(inputOf(input, static_cast<int>(list.size()) + 1));
+        list.push_back({{"input_stream_id", streamIdOf(input.member)},
+                        {"layout_params",
+                         {{"input_type", input.audioOnly ? 4 : 0},
+                          {"image_layer", list.size() + 1},
+                          {"image_width", input.width},
+                          {"image_height", input.height},
+                          {"location_x", input.x},
+                          {"location_y", input.y}}}});
     }
     body["input_stream_list"] = list;
-    return body;
-}
-
-json relayBody(int member, const std::string& destination) {
-    json body = servicetesting::addRelayBody();
-    body.update({{"stream_id", streamIdOf(member)}, {"dest_stream_url", destination}});
-    return body;
-}
-
-json removeBody(int member) {
-    json body = servicetesting::removeRelayBody();
-    body["stream_id"] = streamIdOf(member);
     return body;
 }
 

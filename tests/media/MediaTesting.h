@@ -1,11 +1,12 @@
-// What the tests on real media share: the local service with its origin, publishers, and viewers that check pixels,
-// tones and packets. Publishers and viewers are FFmpeg's programs, which share no code with the media workers.
+// The local service with its origin, publishers, and viewers that check pixels, tones and packets. Publishers and
+// viewers are FFmpeg's programs, which share no code with the media workers.
 
 #ifndef VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
 #define VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
 
 #include <sys/types.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -25,25 +26,25 @@
 namespace mediatesting {
 
 using servicetesting::json;
+using servicetesting::relayOf;
 using servicetesting::streamIdOf;
 
-// A program whose output is read as it arrives. The destructor kills it.
+// A program whose output is read as it arrives. Its errors go to standard error. The destructor kills it.
 class Program {
 public:
     // Called on a separate thread with all output that has not been consumed yet; returns how many bytes it consumed.
     using OnOutput = std::function<size_t(std::string_view output)>;
     explicit Program(
-        const std::vector<std::string>& arguments, OnOutput onOutput = [](auto all) { return all.size(); });
+        std::vector<std::string> arguments, OnOutput onOutput = [](auto all) { return all.size(); });
     ~Program();
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    void signal(int number) const;
+    void signal(int number) const { mChild->signal(number); }
     bool hasEnded() const { return mHasEnded; }  // and all its output has been read
 
 private:
-    pid_t mPid = -1;
-    int mOutput = -1;
+    std::unique_ptr<vexalive::Child> mChild;
     std::atomic<bool> mHasEnded{false};
     std::thread mReader;
 };
@@ -53,7 +54,7 @@ class LocalService {
 public:
     LocalService();
 
-    int post(const json& body);  // returns the "code" of the response
+    int post(const json& body) { return servicetesting::post(mClient, body)["code"]; }
     json state() const { return mService.state(); }
     // The "media" of the first mix, or of a relay, which are listed by stream id.
     json mix() const { return mediaOf("mixes", 0); }
@@ -107,13 +108,8 @@ struct TestStream {
 };
 std::unique_ptr<Program> publish(const std::string& url, const TestStream& stream);
 
-struct Rgb {
-    int r = 0;
-    int g = 0;
-    int b = 0;
-    bool isNear(const Rgb& other) const;
-};
-std::ostream& operator<<(std::ostream& out, const Rgb& colour);
+using Rgb = std::array<int, 3>;
+bool isNear(const Rgb& one, const Rgb& other);
 constexpr Rgb kRed{254, 0, 0};
 constexpr Rgb kLime{0, 255, 0};
 constexpr Rgb kBlue{0, 0, 254};
@@ -131,15 +127,13 @@ public:
 
     int frames() const { return locked(mFrames); }
     bool hasEnded() const { return mProgram->hasEnded(); }
-    Rgb at(int x, int y) const;                          // of the latest frame, as the next
-    bool shows(const std::vector<Pixel>& pixels) const;  // all of them
+    bool shows(const std::vector<Pixel>& pixels) const;  // all of them, in the latest frame
     bool comesToShow(const std::vector<Pixel>& pixels) const;
 
     // From now on, each frame has to show all of `before` or all of `after`.
     void expectChange(std::vector<Pixel> before, std::vector<Pixel> after);
-    int firstChanged() const {
-        return locked(mFirstChanged);
-    }                                           // the number of the first frame that showed `after`; 0: none
+    // The number of the first frame that showed `after`; 0: none.
+    int firstChanged() const { return locked(mFirstChanged); }
     int torn() const { return locked(mTorn); }  // how many frames showed neither
 
 private:
@@ -148,8 +142,7 @@ private:
         return value;
     }
     size_t read(std::string_view output);
-    Rgb pixel(int x, int y) const;  // under mMutex, as the next
-    bool matches(const std::vector<Pixel>& pixels) const;
+    bool matches(const std::vector<Pixel>& pixels) const;  // under mMutex
 
     const int mWidth;
     const int mHeight;
@@ -168,7 +161,7 @@ class Listener {
 public:
     explicit Listener(const std::string& url);
     // Five pieces in a row have exactly these of the tones 440, 660, 880 and 1320 Hz.
-    bool comesToHear(const std::vector<int>& tones) const;
+    bool comesToDetect(const std::vector<int>& tones) const;
 
 private:
     size_t read(std::string_view output);
@@ -223,8 +216,6 @@ struct Input {
     bool audioOnly = false;
 };
 json mixBody(const std::vector<Input>& inputs, const std::string& colour = "0x204060");
-json relayBody(int member, const std::string& destination);
-json removeBody(int member);
 
 // Random layouts, the same in each run.
 class RandomLayouts {

@@ -166,7 +166,7 @@ TEST_F(MixTool, AfterTwentySavesInASecondTheLastValidOneApplies) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the tested rate of saves
     }
 
-    EXPECT_TRUE(servicetesting::eventually([this] { return mix().at("canvas").at("width") == 1019; }));
+    EXPECT_TRUE(pollUntil([this] { return mix().at("canvas").at("width") == 1019; }));
     interruptAndExpectSuccess();
     const nlohmann::json history = mix().at("history");
     EXPECT_EQ(history.at(history.size() - 1).at("operation"), "cancel");

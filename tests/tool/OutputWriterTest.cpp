@@ -11,23 +11,16 @@ using namespace vexalive;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-class MemoryFile {
-public:
-    MemoryFile() : mFile(open_memstream(&mText, &mSize)) {}
-    ~MemoryFile() {
-        std::fclose(mFile);
-        std::free(mText);
+// A temporary file.
+struct File : std::unique_ptr<FILE, decltype(&std::fclose)> {
+    File() : unique_ptr(std::tmpfile(), &std::fclose) {}
+    std::string text() const {
+        std::string all(static_cast<size_t>(std::ftell(get())), '\0');
+        std::rewind(get());
+        all.resize(std::fread(all.data(), 1, all.size(), get()));
+        std::fseek(get(), 0, SEEK_END);
+        return all;
     }
-    FILE* file() { return mFile; }
-    std::string text() {
-        std::fflush(mFile);
-        return std::string(mText, mSize);
-    }
-
-private:
-    char* mText = nullptr;
-    size_t mSize = 0;
-    FILE* mFile;
 };
 
 class OutputWriterTest : public ::testing::Test {
@@ -35,7 +28,7 @@ protected:
     std::unique_ptr<OutputWriter> writer(OutputFormat format) {
         Secrets secrets;
         secrets.add("hush-hush");
-        return makeOutputWriter(format, secrets, mOut.file(), mErr.file());
+        return makeOutputWriter(format, secrets, mOut.get(), mErr.get());
     }
 
     static OutputEntry entry(const std::string& text) {
@@ -44,16 +37,15 @@ protected:
         entry.text = text;
         return entry;
     }
-    static OutputEntry transient(const std::string& text,
-                                 std::optional<std::chrono::milliseconds> countdown = std::nullopt) {
+    static OutputEntry transient(const std::string& text, std::optional<std::chrono::milliseconds> countdown = {}) {
         OutputEntry result = entry(text);
         result.transient = true;
         result.countdown = countdown;
         return result;
     }
 
-    MemoryFile mOut;
-    MemoryFile mErr;
+    File mOut;
+    File mErr;
 };
 
 TEST_F(OutputWriterTest, PlainWritesALineForEachEntryWithItsDetails) {
@@ -143,7 +135,7 @@ TEST_F(OutputWriterTest, NoFormatShowsASecret) {
 TEST_F(OutputWriterTest, IsBrokenAfterAFailedWrite) {
     const std::unique_ptr<FILE, decltype(&std::fclose)> full(std::fopen("/dev/full", "w"), &std::fclose);
     ASSERT_NE(full, nullptr);
-    const auto plain = makeOutputWriter(OutputFormat::kPlain, Secrets(), full.get(), mErr.file());
+    const auto plain = makeOutputWriter(OutputFormat::kPlain, Secrets(), full.get(), mErr.get());
     EXPECT_FALSE(plain->isBroken());
     plain->write(entry("text"));
     EXPECT_TRUE(plain->isBroken());

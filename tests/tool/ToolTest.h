@@ -18,6 +18,7 @@
 #include "service/Fault.h"
 #include "service/LiveService.h"
 #include "support/ChildProcess.h"
+#include "support/Poll.h"
 #include "support/ServiceTesting.h"
 
 inline constexpr const char* kSig = "secret-signature";
