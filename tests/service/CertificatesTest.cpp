@@ -1,5 +1,6 @@
 // The files of the state folder: permissions, reuse and renewal.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/bio.h>
 #include <openssl/pem.h>
@@ -9,28 +10,22 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <optional>
-#include <thread>
+#include <set>
 #include <vector>
 
 #include "service/Certificates.h"
 #include "support/ServiceTesting.h"
 
 using namespace servicetesting;
+using testing::HasSubstr;
 using vexalive::Certificates;
 
 namespace {
 
 constexpr std::time_t kDay = 86'400;
-
-// The error, empty if there was none.
-std::string prepare(const std::string& folder, Certificates& certificates, std::time_t now = std::time(nullptr),
-                    const std::string& address = "127.0.0.1") {
-    const auto prepared = vexalive::prepareCertificates(folder, address, now);
-    certificates = prepared.value_or(Certificates());
-    return prepared ? "" : prepared.error().message;
-}
 
 mode_t permissionsOf(const std::string& path) {
     struct stat status {};
@@ -53,17 +48,27 @@ int daysBetween(const ASN1_TIME* from, const ASN1_TIME* to) {
     return days;
 }
 
-bool isSignedBy(X509* certificate, X509* authority) {
-    return X509_verify(certificate, X509_get0_pubkey(authority)) == 1;
-}
-
 class Certificate : public testing::Test {
 protected:
+    // Fills mMade. Returns the error, if there is one.
+    std::string prepare(std::time_t now = std::time(nullptr), const std::string& address = "127.0.0.1") {
+        return prepare(mFolder, now, address);
+    }
+    std::string prepare(const std::string& folder, std::time_t now, const std::string& address) {
+        const auto prepared = vexalive::prepareCertificates(folder, address, now);
+        mMade = prepared.value_or(Certificates());
+        return prepared ? "" : prepared.error().message;
+    }
+    X509Pointer server() const { return certificateIn(mMade.serverPem); }
+    X509Pointer authority() const { return certificateIn(readAll(mCaFile)); }
+    bool isSigned() const { return X509_verify(server().get(), X509_get0_pubkey(authority().get())) == 1; }
+
     const TemporaryFolder mTemporary;
     const std::string mFolder = mTemporary.path() + "/state/vexalive";
     const std::string mCaFile = mFolder + "/ca.pem";
     const std::string mKeyFile = mFolder + "/ca-key.pem";
     const std::string mServerFile = mFolder + "/server.pem";
+    const std::string mOtherFolder = mTemporary.path() + "/other";
     Certificates mMade;
 };
 
@@ -71,7 +76,7 @@ protected:
 
 TEST_F(Certificate, FilesWithKeysAreForTheirOwnerOnlyWhateverTheUmask) {
     const mode_t before = ::umask(0);
-    const std::string error = prepare(mFolder, mMade);
+    const std::string error = prepare();
     ::umask(before);
 
     EXPECT_EQ("", error);
@@ -85,61 +90,45 @@ TEST_F(Certificate, FilesWithKeysAreForTheirOwnerOnlyWhateverTheUmask) {
 }
 
 TEST_F(Certificate, TheAuthorityLastsTenYearsAndTheServerOne) {
-    ASSERT_EQ("", prepare(mFolder, mMade));
-
-    const X509Pointer authority = certificateIn(readAll(mCaFile));
-    const X509Pointer server = certificateIn(mMade.serverPem);
-    ASSERT_TRUE(authority && server);
-    EXPECT_EQ(3650, daysBetween(X509_get0_notBefore(authority.get()), X509_get0_notAfter(authority.get())));
-    EXPECT_EQ(365, daysBetween(X509_get0_notBefore(server.get()), X509_get0_notAfter(server.get())));
-    EXPECT_EQ(1, X509_check_ca(authority.get()));
-    EXPECT_EQ(0, X509_check_ca(server.get()));
-    EXPECT_TRUE(isSignedBy(server.get(), authority.get()));
-    EXPECT_EQ(EVP_PKEY_EC, EVP_PKEY_get_base_id(X509_get0_pubkey(server.get())));
-    EXPECT_EQ(1, X509_check_host(server.get(), "localhost", 0, 0, nullptr));
-    EXPECT_EQ(1, X509_check_ip_asc(server.get(), "127.0.0.1", 0));
-    EXPECT_EQ(1, X509_check_ip_asc(server.get(), "::1", 0));
-    EXPECT_EQ(0, X509_check_host(server.get(), "example.test", 0, 0, nullptr));
+    ASSERT_EQ("", prepare());
+    const X509Pointer ca = authority();
+    const X509Pointer leaf = server();
+    ASSERT_TRUE(ca && leaf);
+    EXPECT_EQ(3650, daysBetween(X509_get0_notBefore(ca.get()), X509_get0_notAfter(ca.get())));
+    EXPECT_EQ(365, daysBetween(X509_get0_notBefore(leaf.get()), X509_get0_notAfter(leaf.get())));
+    EXPECT_EQ(1, X509_check_ca(ca.get()));
+    EXPECT_EQ(0, X509_check_ca(leaf.get()));
+    EXPECT_TRUE(isSigned());
+    EXPECT_EQ(EVP_PKEY_EC, EVP_PKEY_get_base_id(X509_get0_pubkey(leaf.get())));
+    EXPECT_EQ(1, X509_check_host(leaf.get(), "localhost", 0, 0, nullptr));
+    EXPECT_EQ(1, X509_check_ip_asc(leaf.get(), "127.0.0.1", 0));
+    EXPECT_EQ(1, X509_check_ip_asc(leaf.get(), "::1", 0));
+    EXPECT_EQ(0, X509_check_host(leaf.get(), "example.test", 0, 0, nullptr));
 }
 
-TEST_F(Certificate, LaterStartsUseTheSameFiles) {
-    ASSERT_EQ("", prepare(mFolder, mMade));
-    const std::string authority = readAll(mCaFile);
-    const std::string server = readAll(mServerFile);
-
-    Certificates again;
-    ASSERT_EQ("", prepare(mFolder, again));
-
-    EXPECT_EQ(authority, readAll(mCaFile));
-    EXPECT_EQ(server, readAll(mServerFile));
-    EXPECT_EQ(server, again.serverPem);
-}
-
-TEST_F(Certificate, AServerCertificateAboutToExpireIsRenewedUnderTheSameAuthority) {
+TEST_F(Certificate, LaterStartsUseTheSameFilesUntilTheServersIsAboutToExpire) {
     const std::time_t now = std::time(nullptr);
-    ASSERT_EQ("", prepare(mFolder, mMade, now - 300 * kDay));
-    const std::string authority = readAll(mCaFile);
-    const std::string server = readAll(mServerFile);
+    ASSERT_EQ("", prepare(now - 300 * kDay));
+    const std::string ca = readAll(mCaFile);
+    const std::string first = readAll(mServerFile);
+    ASSERT_EQ("", prepare(now));
+    EXPECT_EQ(first, mMade.serverPem);
+    EXPECT_EQ(first, readAll(mServerFile));
 
-    Certificates unchanged;
-    ASSERT_EQ("", prepare(mFolder, unchanged, now));
-    EXPECT_EQ(server, unchanged.serverPem);
-    Certificates renewed;
-    ASSERT_EQ("", prepare(mFolder, renewed, now + 40 * kDay));
-
-    EXPECT_EQ(authority, readAll(mCaFile));
-    EXPECT_NE(server, renewed.serverPem);
-    EXPECT_EQ(renewed.serverPem, readAll(mServerFile));
+    ASSERT_EQ("", prepare(now + 40 * kDay));
+    EXPECT_EQ(ca, readAll(mCaFile));
+    EXPECT_NE(first, mMade.serverPem);
+    EXPECT_EQ(mMade.serverPem, readAll(mServerFile));
     EXPECT_EQ(0600u, permissionsOf(mServerFile));
-    EXPECT_TRUE(isSignedBy(certificateIn(renewed.serverPem).get(), certificateIn(authority).get()));
+    EXPECT_TRUE(isSigned());
 }
 
 TEST_F(Certificate, AServerFileThatIsForeignDamagedOrMissingIsReplaced) {
-    Certificates foreign;
-    ASSERT_EQ("", prepare(mTemporary.path() + "/other", foreign));
-    ASSERT_EQ("", prepare(mFolder, mMade));
+    ASSERT_EQ("", prepare(mOtherFolder, std::time(nullptr), "127.0.0.1"));
+    const std::string foreign = mMade.serverPem;
+    ASSERT_EQ("", prepare());
     const std::string whole = readAll(mServerFile);
-    const std::optional<std::string> contents[] = {foreign.serverPem,
+    const std::optional<std::string> contents[] = {foreign,
                                                    "",
                                                    "not PEM",
                                                    whole.substr(0, whole.size() / 2),
@@ -147,28 +136,25 @@ TEST_F(Certificate, AServerFileThatIsForeignDamagedOrMissingIsReplaced) {
                                                    std::nullopt};
     for (const auto& content : contents) {
         content ? writeAll(mServerFile, *content) : static_cast<void>(std::filesystem::remove(mServerFile));
-        EXPECT_EQ("", prepare(mFolder, mMade));
+        EXPECT_EQ("", prepare());
         EXPECT_EQ(mMade.serverPem, readAll(mServerFile));
-        EXPECT_NE(foreign.serverPem, mMade.serverPem);
-        EXPECT_NE(std::string::npos, mMade.serverPem.find("PRIVATE KEY"));
-        EXPECT_TRUE(isSignedBy(certificateIn(mMade.serverPem).get(), certificateIn(readAll(mCaFile)).get()));
+        EXPECT_NE(foreign, mMade.serverPem);
+        EXPECT_THAT(mMade.serverPem, HasSubstr("PRIVATE KEY"));
+        EXPECT_TRUE(isSigned());
     }
 }
 
 TEST_F(Certificate, AnotherAddressIsAddedToTheNames) {
-    ASSERT_EQ("", prepare(mFolder, mMade));
-    EXPECT_EQ(0, X509_check_ip_asc(certificateIn(mMade.serverPem).get(), "127.0.0.2", 0));
-
-    Certificates further;
-    ASSERT_EQ("", prepare(mFolder, further, std::time(nullptr), "127.0.0.2"));
-    EXPECT_EQ(1, X509_check_ip_asc(certificateIn(further.serverPem).get(), "127.0.0.2", 0));
-    EXPECT_EQ(1, X509_check_ip_asc(certificateIn(further.serverPem).get(), "127.0.0.1", 0));
+    ASSERT_EQ("", prepare());
+    EXPECT_EQ(0, X509_check_ip_asc(server().get(), "127.0.0.2", 0));
+    ASSERT_EQ("", prepare(std::time(nullptr), "127.0.0.2"));
+    EXPECT_EQ(1, X509_check_ip_asc(server().get(), "127.0.0.2", 0));
+    EXPECT_EQ(1, X509_check_ip_asc(server().get(), "127.0.0.1", 0));
 }
 
 TEST_F(Certificate, AnUnusableAuthorityIsReportedWithARemedyAndNeverReplaced) {
-    const std::string other = mTemporary.path() + "/other";
-    ASSERT_EQ("", prepare(other, mMade));
     const std::time_t now = std::time(nullptr);
+    ASSERT_EQ("", prepare(mOtherFolder, now, "127.0.0.1"));
     const struct {
         std::string file;
         std::optional<std::string> content;  // none: removed
@@ -180,63 +166,63 @@ TEST_F(Certificate, AnUnusableAuthorityIsReportedWithARemedyAndNeverReplaced) {
         {mCaFile, "not PEM", 0600, now, "ca.pem is damaged", "remove"},
         {mKeyFile, "not PEM", 0600, now, "ca-key.pem is damaged", "remove"},
         {mKeyFile, std::nullopt, 0, now, "ca-key.pem is missing", "remove"},
-        {mKeyFile, readAll(other + "/ca-key.pem"), 0600, now, "does not belong to", "remove"},
+        {mKeyFile, readAll(mOtherFolder + "/ca-key.pem"), 0600, now, "does not belong to", "remove"},
         {mServerFile, std::nullopt, 0, now + 3650 * kDay, "expired", "remove"},
-        {mKeyFile, readAll(other + "/ca-key.pem"), 0640, now, "can be read by others", "chmod 600"},
+        {mKeyFile, readAll(mOtherFolder + "/ca-key.pem"), 0640, now, "can be read by others", "chmod 600"},
     };
     for (const auto& row : rows) {
         std::filesystem::remove_all(mFolder);
-        ASSERT_EQ("", prepare(mFolder, mMade));
+        ASSERT_EQ("", prepare());
         ASSERT_EQ(0, ::unlink(row.file.c_str()));
         if (row.content) {
             writeAll(row.file, *row.content);
             ASSERT_EQ(0, ::chmod(row.file.c_str(), row.mode));
         }
         const std::string authority = row.file == mCaFile ? "not PEM" : readAll(mCaFile);
-        const std::string error = prepare(mFolder, mMade, row.now);
-        EXPECT_NE(std::string::npos, error.find(row.error)) << error;
-        EXPECT_NE(std::string::npos, error.find(row.remedy)) << error;
+        const std::string error = prepare(row.now);
+        EXPECT_THAT(error, HasSubstr(row.error));
+        EXPECT_THAT(error, HasSubstr(row.remedy));
         EXPECT_EQ(authority, readAll(mCaFile));
     }
 }
 
-TEST_F(Certificate, AKeyWithoutItsCertificateIsAnInterruptedStartAndMadeAnew) {
-    ASSERT_EQ("", prepare(mFolder, mMade));
+TEST_F(Certificate, AKeyWithoutItsCertificateIsReplaced) {
+    ASSERT_EQ("", prepare());
     ASSERT_EQ(0, ::unlink(mCaFile.c_str()));
-    EXPECT_EQ("", prepare(mFolder, mMade));
-    EXPECT_TRUE(isSignedBy(certificateIn(mMade.serverPem).get(), certificateIn(readAll(mCaFile)).get()));
+    EXPECT_EQ("", prepare());
+    EXPECT_TRUE(isSigned());
 }
 
 TEST_F(Certificate, AFolderThatCannotBeMadeIsReportedByName) {
     const std::string file = mTemporary.path() + "/file";
     writeAll(file, "");
     for (const std::string& folder : {file, file + "/below"}) {
-        const std::string error = prepare(folder, mMade);
-        EXPECT_NE(std::string::npos, error.find(file)) << error;
-        EXPECT_NE(std::string::npos, error.find("Not a directory")) << error;
+        const std::string error = prepare(folder, std::time(nullptr), "127.0.0.1");
+        EXPECT_THAT(error, HasSubstr(file));
+        EXPECT_THAT(error, HasSubstr("Not a directory"));
     }
 }
 
-TEST_F(Certificate, StartsAtTheSameTimeAgreeOnOnePair) {
-    constexpr size_t kStarts = 8;
-    std::vector<Certificates> made(kStarts);
-    std::vector<std::string> errors(kStarts);
-    std::vector<std::thread> threads;
-    for (size_t each = 0; each < kStarts; ++each) {
-        threads.emplace_back([&, each] { errors[each] = prepare(mFolder, made[each]); });
+TEST_F(Certificate, ConcurrentStartsAgreeOnOnePair) {
+    std::vector<std::future<vexalive::Result<Certificates>>> starts;
+    for (int start = 0; start < 8; ++start) {
+        starts.push_back(std::async(std::launch::async, [this] {
+            return vexalive::prepareCertificates(mFolder, "127.0.0.1", std::time(nullptr));
+        }));
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+    std::set<std::string> pems;
+    for (auto& start : starts) {
+        mMade = start.get().value();
+        pems.insert(mMade.serverPem);
     }
-    for (size_t each = 0; each < kStarts; ++each) {
-        EXPECT_EQ("", errors[each]);
-        EXPECT_EQ(made[0].serverPem, made[each].serverPem);
-    }
-    EXPECT_TRUE(isSignedBy(certificateIn(made[0].serverPem).get(), certificateIn(readAll(mCaFile)).get()));
+    EXPECT_EQ(1u, pems.size());
+    EXPECT_TRUE(isSigned());
 }
 
 TEST(StateFolder, FollowsTheEnvironment) {
-    const auto set = [](const char* name, const char* value) { value ? ::setenv(name, value, 1) : ::unsetenv(name); };
+    const auto set = [](const char* name, const std::optional<std::string>& value) {
+        value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
+    };
     const auto valueOf = [](const char* name) {
         const char* value = std::getenv(name);
         return value ? std::optional<std::string>(value) : std::nullopt;
@@ -244,18 +230,18 @@ TEST(StateFolder, FollowsTheEnvironment) {
     const auto state = valueOf("XDG_STATE_HOME");
     const auto home = valueOf("HOME");
     const struct {
-        const char* state;
-        const char* home;
+        std::optional<std::string> state;
+        std::optional<std::string> home;
         const char* folder;
     } rows[] = {{"/somewhere", "/home/someone", "/somewhere/vexalive"},
                 {"relative", "/home/someone", "/home/someone/.local/state/vexalive"},
-                {nullptr, "/home/someone", "/home/someone/.local/state/vexalive"},
-                {nullptr, nullptr, ""}};
+                {std::nullopt, "/home/someone", "/home/someone/.local/state/vexalive"},
+                {std::nullopt, std::nullopt, ""}};
     for (const auto& row : rows) {
         set("XDG_STATE_HOME", row.state);
         set("HOME", row.home);
         EXPECT_EQ(row.folder, vexalive::defaultStateFolder());
     }
-    set("XDG_STATE_HOME", state ? state->c_str() : nullptr);
-    set("HOME", home ? home->c_str() : nullptr);
+    set("XDG_STATE_HOME", state);
+    set("HOME", home);
 }

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -359,14 +358,13 @@ TEST_F(MediaService, ALackOfDescriptorsIsNotBlamedOnTheOrigin) {
     ASSERT_TRUE(pollUntil([&] { return origin()["state"] == "running"; }));
     const int handshakes = mOrigin.accepted();
     ASSERT_TRUE(pollUntil([&] { return mOrigin.accepted() > handshakes; }));  // the next one comes in a second
-    rlimit before{};
-    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
-    const rlimit none = {3, before.rlim_max};
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
-    const bool isReported = pollUntil(
-        [&] { return origin()["error"] == "this service cannot check " + mOriginUrl + ": Too many open files"; });
-    const json shown = origin();
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+    bool isReported = false;
+    json shown;
+    withoutDescriptors([&] {
+        isReported = pollUntil(
+            [&] { return origin()["error"] == "this service cannot check " + mOriginUrl + ": Too many open files"; });
+        shown = origin();
+    });
     EXPECT_TRUE(isReported) << shown;
     EXPECT_EQ("running", shown["state"]);
     EXPECT_TRUE(pollUntil([&] { return origin()["error"] == nlohmann::json(""); }));

@@ -1,6 +1,7 @@
 #include "support/ServiceTesting.h"
 
 #include <netdb.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -134,6 +135,15 @@ std::string readAll(const std::string& path) {
 
 void writeAll(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+void withoutDescriptors(const std::function<void()>& action) {
+    rlimit before{};
+    EXPECT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    const rlimit none = {3, before.rlim_max};
+    EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+    action();
+    EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
 }
 
 const std::string& sharedStateFolder() {

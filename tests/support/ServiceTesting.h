@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -52,6 +53,9 @@ int occurrences(const std::string& text, const std::string& part);
 
 std::string readAll(const std::string& path);
 void writeAll(const std::string& path, const std::string& content);
+
+// Calls `action` while this process can open no file.
+void withoutDescriptors(const std::function<void()>& action);
 
 // The state folder of all services of this process, so that they share their certificates.
 const std::string& sharedStateFolder();
