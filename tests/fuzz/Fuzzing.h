@@ -1,4 +1,4 @@
-// What the fuzzing targets share: how a broken rule ends the run, and how bytes become readable steps.
+// Shared by the fuzz targets: reports a broken rule, and splits an input into lines and words.
 
 #ifndef VEXALIVE_FUZZ_FUZZING_H
 #define VEXALIVE_FUZZ_FUZZING_H
@@ -15,17 +15,17 @@
 
 namespace fuzzing {
 
-// Ends the process, and so makes the input a find, where `rule` does not hold. `seen` is shown with it.
-inline void require(bool holds, const char* rule, std::string_view seen = {}) {
+// Prints `rule` and `value` and aborts, which makes the input a failure, unless `holds`.
+inline void require(bool holds, const char* rule, std::string_view value = {}) {
     if (holds) {
         return;
     }
-    std::fprintf(stderr, "== broken: %s\n%.*s\n", rule, static_cast<int>(std::min<size_t>(seen.size(), 20'000)),
-                 seen.data());
+    std::fprintf(stderr, "== broken: %s\n%.*s\n", rule, static_cast<int>(std::min<size_t>(value.size(), 20'000)),
+                 value.data());
     std::abort();
 }
 
-// The lines of an input. One that begins with a blank goes on with the line before, so that a line may hold any bytes.
+// The lines of an input. A line that begins with a blank continues the one before, so that a line may hold any bytes.
 inline std::vector<std::string> linesOf(std::string_view input) {
     std::vector<std::string> lines;
     while (!input.empty()) {
@@ -40,14 +40,14 @@ inline std::vector<std::string> linesOf(std::string_view input) {
     return lines;
 }
 
-// Takes everything up to the first blank away from `line`, and the blank.
+// Removes the first word and the blank behind it from `line`.
 inline std::string_view takeWord(std::string_view& line) {
     const std::string_view word = line.substr(0, line.find(' '));
     line.remove_prefix(std::min(word.size() + 1, line.size()));
     return word;
 }
 
-// As much of it as is a number; 0 if nothing is, or if it is too large.
+// The number at the start; 0 if there is none, or if it is too large.
 template <class Integer>
 Integer numberOf(std::string_view text) {
     Integer number = 0;
@@ -55,7 +55,7 @@ Integer numberOf(std::string_view text) {
     return number;
 }
 
-// As much of it as a C string shows.
+// The part before the first zero byte.
 inline std::string upToZero(std::string_view text) {
     return std::string(text.substr(0, text.find('\0')));
 }

@@ -1,13 +1,12 @@
-// Any records: how reports show them, and the bodies and addresses that the adapter makes of them.
+// Any records: their strings in reports, and the bodies and addresses that the adapter makes of them.
 //
 // An input sets fields, one a line:
 //
 //   appId 7              a number of the relay and of the mix; all others are the mix's
 //   url rtmp://cdn/a     the relay's
-//   user alice           the next of the mix's users; room, rect X Y W H, zOrder, pureAudio and streamType are then its
-//   localUser, localRoom, sdkAppId, userSig, mapKey      of the one who asks
-//   times 300            repeats the text set last, up to 8 KiB
-//   json {"a":1}         a text that is read and written again
+//   user alice           adds a user to the mix; room, rect X Y W H, zOrder, pureAudio and streamType then set its
+//   fields localUser, localRoom, sdkAppId, userSig, mapKey      of the sender times 300            repeats the string
+//   set last, up to 8 KiB json {"a":1}         a string that is parsed and serialized
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -27,7 +26,7 @@ using Relay = kstmedia::VexaPublishCDNParamInternal;
 using Config = kstmedia::VexaTranscodingConfigInternal;
 using User = kstmedia::VexaMixUserInternal;
 
-constexpr size_t kMaxPiece = 259;       // of a record's text
+constexpr size_t kMaxPiece = 259;       // of a record's string
 constexpr size_t kMaxFormatted = 4094;  // of an address, or of a name whose digest is a stream id
 constexpr size_t kMaxRepeated = 8 << 10;
 constexpr size_t kMaxUsers = 40;
@@ -38,7 +37,16 @@ struct Number {
     int32_t Record::*value;
 };
 
-// In the order in which reports show them, with the names that these use.
+template <class Record, size_t size>
+void setNumber(Record& record, const Number<Record> (&numbers)[size], std::string_view name, std::string_view value) {
+    for (const Number<Record>& number : numbers) {
+        if (name == number.name) {
+            record.*number.value = numberOf<int32_t>(value);
+        }
+    }
+}
+
+// In the order and with the names of reports.
 constexpr Number<Config> kNumbers[] = {
     {"mode", &Config::mode},
     {"appId", &Config::appId},
@@ -51,6 +59,11 @@ constexpr Number<Config> kNumbers[] = {
     {"audio_samplerate", &Config::audioSampleRate},
     {"audio_bitrate", &Config::audioBitrate},
     {"audio_channel", &Config::audioChannels},
+};
+
+constexpr Number<User> kUserNumbers[] = {
+    {"zOrder", &User::zOrder},
+    {"streamType", &User::streamType},
 };
 
 constexpr Number<Config> kOutputs[] = {
@@ -86,11 +99,7 @@ Request readRequest(std::string_view input) {
     for (const std::string& line : linesOf(input)) {
         std::string_view rest = line;
         const std::string_view name = takeWord(rest);
-        for (const auto& number : kNumbers) {
-            if (name == number.name) {
-                request.config.*number.value = numberOf<int32_t>(rest);
-            }
-        }
+        setNumber(request.config, kNumbers, name, rest);
         for (const auto& [key, text] : texts) {
             if (name == key) {
                 setText(*text, rest);
@@ -102,8 +111,7 @@ Request readRequest(std::string_view input) {
             request.jsonTexts.emplace_back(rest);
         } else if (name == "times" && lastText) {
             const std::string once = *lastText;
-            for (int times = numberOf<int>(rest); times > 1 && !once.empty() && lastText->size() < kMaxRepeated;
-                 --times) {
+            for (int n = numberOf<int>(rest); n > 1 && !once.empty() && lastText->size() < kMaxRepeated; --n) {
                 *lastText += once;
             }
         } else if (name == "user" && users.size() < kMaxUsers) {
@@ -119,12 +127,10 @@ Request readRequest(std::string_view input) {
             for (int32_t* side : {&rect.x, &rect.y, &rect.w, &rect.h}) {
                 *side = numberOf<int32_t>(takeWord(rest));
             }
-        } else if (name == "zOrder") {
-            users.back().zOrder = numberOf<int32_t>(rest);
         } else if (name == "pureAudio") {
             users.back().pureAudio = rest == "1";
-        } else if (name == "streamType") {
-            users.back().streamType = numberOf<int32_t>(rest);
+        } else {
+            setNumber(users.back(), kUserNumbers, name, rest);
         }
     }
     request.relay.appId = request.config.appId;
@@ -132,7 +138,7 @@ Request readRequest(std::string_view input) {
     return request;
 }
 
-// ---- What reports show ----------------------------------------------------------------------------------------------
+// ---- Reports --------------------------------------------------------------------------------------------------------
 
 std::string textOf(const Relay& relay) {
     return "appId:" + std::to_string(relay.appId) + ", bizId:" + std::to_string(relay.bizId) + ", url:" + relay.url;
@@ -157,35 +163,11 @@ std::string textOf(const Config& config) {
     return text;
 }
 
-// ---- What is sent ---------------------------------------------------------------------------------------------------
-
-bool isAccepted(const Relay& relay) {
-    return !relay.url.empty() && relay.appId != 0 && relay.bizId != 0;
-}
+// ---- Requests -------------------------------------------------------------------------------------------------------
 
 bool isAudio(const Config& config) {
     return std::all_of(config.mixUsersArray.begin(), config.mixUsersArray.end(),
                        [](const User& user) { return user.pureAudio; });
-}
-
-bool isAccepted(const Config& config) {
-    const auto& users = config.mixUsersArray;
-    if (config.appId == 0 || config.bizId == 0 || users.empty()) {
-        return false;
-    }
-    if (isAudio(config)) {
-        return true;
-    }
-    uint32_t layers = 0;
-    for (const User& user : users) {
-        if (user.zOrder < 0 || user.zOrder > 16 || (layers >> user.zOrder & 1) != 0) {
-            return false;
-        }
-        layers |= uint32_t{1} << user.zOrder;
-    }
-    return std::all_of(std::begin(kNumbers), std::end(kNumbers), [&config](const auto& number) {
-        return number.value == &Config::mode || config.*number.value != 0;
-    });
 }
 
 std::string streamId(int32_t bizId, const std::string& room, const std::string& user, const char* stream) {
@@ -196,11 +178,11 @@ std::string streamId(int32_t bizId, const std::string& room, const std::string& 
 Json readBody(const std::string& body) {
     Json read = Json::parse(body, nullptr, false);
     require(read.is_object(), "a body is a JSON object", body);
-    require(json::Serialize(json::Deserialize(body)) == body, "a body that is read and written stays", body);
+    require(json::Serialize(json::Deserialize(body)) == body, "parsing and serializing do not change a body", body);
     return read;
 }
 
-// What JSON makes of bytes that may not be UTF-8.
+// With U+FFFD for bytes that are not UTF-8.
 Json inJson(const std::string& text) {
     return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
 }
@@ -216,14 +198,14 @@ public:
     void sendRelay() {
         const Relay& relay = mRequest.relay;
         mAdapter->startPublishStreamUrl(relay);
-        if (!isAccepted(relay)) {
-            requireRefusal(textOf(relay));
+        if (isRefused()) {
+            requireReport(textOf(relay));
             return;
         }
         const Json body = sent("add_relay_stream_url", relay.appId, relay.bizId);
         requireText(body, "stream_id", localId(relay.bizId));
         require(body["dest_stream_url"] == inJson(relay.url), "the destination", body.dump());
-        requireReport(textOf(relay));
+        complete(textOf(relay));
         mAdapter->stopPublishStreamUrl();
         requireText(sent("remove_relay_stream_url", relay.appId, relay.bizId), "stream_id", localId(relay.bizId));
     }
@@ -231,8 +213,8 @@ public:
     void sendMix() {
         const Config& config = mRequest.config;
         mAdapter->setLiveMixTranscoding(config);
-        if (!isAccepted(config)) {
-            requireRefusal(textOf(config));
+        if (isRefused()) {
+            requireReport(textOf(config));
             return;
         }
         const Json body = sent("set_live_mix_transcoding", config.appId, config.bizId);
@@ -245,7 +227,7 @@ public:
                     output.dump());
         }
         requireInputs(body["input_stream_list"]);
-        requireReport(textOf(config));
+        complete(textOf(config));
         mAdapter->stopLiveMixTranscoding();
         const Json cancel = sent("set_live_mix_transcoding", config.appId, config.bizId);
         requireText(cancel["output_param"], "output_stream_id", localId(config.bizId));
@@ -254,10 +236,10 @@ public:
 private:
     std::string localId(int32_t bizId) const { return streamId(bizId, mRequest.localRoom, mRequest.localUser, "main"); }
 
-    // The body of the one request that was sent now.
+    // The body of the only request.
     Json sent(const std::string& interfaceName, int32_t appId, int32_t bizId) {
         VirtualTime::runDue();
-        require(mPlatform.requests.size() == 1, "what is accepted is sent");
+        require(mPlatform.requests.size() == 1, "an accepted operation is sent");
         const FakePlatform::Request& request = mPlatform.requests.front();
         const std::string start = "https://live.test:8443/v3/liveinterface/" + interfaceName +
                                   "?sdkappid=" + std::to_string(static_cast<int32_t>(mRequest.sdkAppId)) + "&random=";
@@ -265,7 +247,7 @@ private:
             "&usersig=" + upToZero(mRequest.userSig) + "&parivMapKey=" + upToZero(mRequest.mapKey);
         require(startsWith(request.url, start), "the address", request.url);
         const std::string random = request.url.substr(start.size(), request.url.find('&', start.size()) - start.size());
-        require(request.url == (start + random + secrets).substr(0, kMaxFormatted), "the address, as far as it goes",
+        require(request.url == (start + random + secrets).substr(0, kMaxFormatted), "the rest of the address",
                 request.url);
         const Json body = readBody(request.body);
         requireText(body, "interface", interfaceName);
@@ -301,18 +283,22 @@ private:
         }
     }
 
-    void requireReport(const std::string& text) {
+    bool isRefused() {
+        VirtualTime::runDue();
+        return mPlatform.requests.empty();
+    }
+
+    void complete(const std::string& information) {
         mPlatform.respond(0, 0, R"({"code":0})");
-        requireRefusal(text);
+        requireReport(information);
         mPlatform.requests.clear();
     }
 
-    // Whatever was refused or answered is reported with the text of its record.
-    void requireRefusal(const std::string& text) {
+    void requireReport(const std::string& information) {
         VirtualTime::runDue();
         require(mPlatform.reports.size() == 1, "there is one report");
         const FakePlatform::Report& report = mPlatform.reports.front();
-        require(report.information == upToZero("sdkver:9.8.7 " + text), "a report shows the record",
+        require(report.information == upToZero("sdkver:9.8.7 " + information), "a report shows the record",
                 report.information);
         mPlatform.reports.clear();
     }
@@ -328,10 +314,10 @@ void readAndWriteJson(const std::string& text) {
         return;
     }
     const std::string written = json::Serialize(value);
-    require(Json::accept(written), "what is written is JSON", written);
+    require(Json::accept(written), "a serialized value is JSON", written);
     const json::Value again = json::Deserialize(written);
-    require(json::Serialize(again) == written, "what is written stays when it is read and written", written);
-    require(again.type() == value.type() && again.ToInt() == value.ToInt(), "what is written means the same", written);
+    require(json::Serialize(again) == written, "serializing is idempotent", written);
+    require(again.type() == value.type() && again.ToInt() == value.ToInt(), "serializing keeps the value", written);
 }
 
 }  // namespace

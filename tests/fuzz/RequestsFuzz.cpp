@@ -1,4 +1,4 @@
-// Any request to the local service: its check, and how its query is shown.
+// Any request to the local service: its check, and the masking of its query.
 //
 // The first line of an input is the interface, the second the query; all that follows is the body.
 
@@ -21,7 +21,7 @@ constexpr const char* kGoodBody =
     R"({"interface":"remove_relay_stream_url","timestamp":1000,"event_id":7,"appid":12345,"path":"live",)"
     R"("domain":"8888.push.test","stream_id":"8888_0123456789abcdef0123456789abcdef"})";
 constexpr size_t kMaxMessage = 16 << 10;  // the path of a field may be 16 names of 48 characters, each escaped
-constexpr size_t kMinSecret = 12;         // that is hardly part of a message by chance
+constexpr size_t kMinSecret = 12;         // long enough not to be part of a message by chance
 
 std::string_view takeLine(std::string_view& input) {
     const std::string_view line = input.substr(0, input.find('\n'));
@@ -40,7 +40,7 @@ std::vector<std::string_view> piecesOf(std::string_view query) {
     return pieces;
 }
 
-// Each parameter is masked whole, or shows a number that was there for all to see.
+// Each parameter is masked, or is the number of one that is no secret.
 void requireMasked(const std::string& query) {
     const std::string masked = maskQuery(query);
     const std::vector<std::string_view> given = piecesOf(query);
@@ -93,8 +93,8 @@ void requireRefusal(const Refusal& refusal, const std::string& query, std::strin
     require(refusal.code >= Refusal::kQuery && refusal.code <= Refusal::kValue, "a refusal's code", refusal.message);
     require(!refusal.field.empty(), "a refusal names a field", refusal.message);
     require(startsWith(refusal.message, refusal.field + ": ") && refusal.message.size() > refusal.field.size() + 2,
-            "a refusal says why", refusal.message);
-    require(isPlainAscii(refusal.message), "a refusal can be shown", refusal.message);
+            "a refusal gives a reason", refusal.message);
+    require(isPlainAscii(refusal.message), "a refusal is printable", refusal.message);
     require(refusal.message.size() <= kMaxMessage, "a refusal is short", refusal.message);
     for (const std::string& secret : secretsOf(query)) {
         // A secret may look like a part of the body or of the rest of the query.
@@ -122,9 +122,9 @@ void requireStartMix(const AcceptedRequest& request, const Json& body) {
         require(isStreamId(input.streamId, request.bizId), "an input's stream id", input.streamId);
         require(static_cast<size_t>(input.layer) == i + canvas + 1, "layers count up from 1");
         require(input.width >= 0 && input.height >= 0, "an input's size");
-        require(body["input_stream_list"][i + canvas]["layout_params"]["location_x"] == input.x, "an input's place");
+        require(body["input_stream_list"][i + canvas]["layout_params"]["location_x"] == input.x, "an input's position");
     }
-    require(hasVideo == request.canvas.has_value(), "there is a canvas exactly where there is video");
+    require(hasVideo == request.canvas.has_value(), "there is a canvas if and only if there is video");
     if (request.canvas) {
         const std::string& colour = request.canvas->color;
         require(request.canvas->width >= 1 && request.canvas->height >= 1, "the canvas's size");
@@ -151,7 +151,7 @@ void requireAccepted(const AcceptedRequest& request, const std::string& interfac
     require(interfaceName == expected && body["interface"] == expected, "the interface", text);
     require(request.appId != 0 && body["appid"] == request.appId, "the application id", text);
     require(request.bizId != 0 && body["domain"] == std::to_string(request.bizId) + "." + kSuffix, "the domain", text);
-    require(body["path"] == "live" && body["event_id"] != 0 && body["timestamp"] >= 0, "what all bodies share", text);
+    require(body["path"] == "live" && body["event_id"] != 0 && body["timestamp"] >= 0, "the common fields", text);
     require(isStreamId(request.streamId, request.bizId), "the stream id", text);
     require(body[isMix ? "session_id" : "stream_id"] == request.streamId, "the stream id is the body's", text);
     if (request.kind == Kind::kAddRelay) {
@@ -183,10 +183,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     requireMasked(query);
     if (!isInterface(interfaceName)) {
-        return 0;  // the service answers 404 before it checks anything
+        return 0;  // the service responds with 404 before it checks anything
     }
     requireChecked(interfaceName, query, body);
-    // Where one half is valid, every rule for the other decides.
+    // One half is valid, so that the rules for the other decide.
     requireChecked(interfaceName, kGoodQuery, body);
     requireChecked(kRemoveRelayInterface, query, kGoodBody);
     return 0;

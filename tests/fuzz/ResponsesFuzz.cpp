@@ -2,18 +2,17 @@
 //
 // An input is a scenario with one step in each line:
 //
-//   A   a relay is started      R   it is stopped      E   the room is entered     N   the listener goes
-//   M   a mix is started        C   it is cancelled    X   the room is left        T   five seconds pass
-//   0 {"code":0}    the oldest open request gets this return code and body; if none is open, time passes
-//                   until one is
-//   *               the last response again, until no request comes any more
+//   A   start a relay     R   stop it      E   enter the room    N   destroy the listener
+//   M   start a mix       C   cancel it    X   reset             T   wait for five seconds
+//   0 {"code":0}    respond to the oldest open request with this return code and body; if none is open, wait for one
+//   *               repeat the last response until no further request is sent
 
 #include <array>
 #include <chrono>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
+#include <string>
 #include <utility>
 
 #include "FakePlatform.h"
@@ -74,7 +73,7 @@ public:
                 mAdapter->updateEnterRoomInfo("room7", kMapKey);
                 break;
             case 'X':
-                leaveRoom();
+                reset();
                 mAdapter->resetInfo();
                 break;
             case 'N':
@@ -84,25 +83,25 @@ public:
                 VirtualTime::advance(Milliseconds(5000));
                 break;
             case '*':
-                while (answer(mLastCode, mLastBody)) {
+                while (respond(mLastCode, mLastBody)) {
                 }
                 break;
             default:
                 mLastCode = numberOf<int>(takeWord(line));
                 mLastBody = line;
-                answer(mLastCode, mLastBody);
+                respond(mLastCode, mLastBody);
                 break;
         }
         VirtualTime::runDue();
         compare();
     }
 
-    // Answers nothing more.
+    // Leaves the open requests without a response.
     void end() {
         VirtualTime::runUntilQuiet();
         compare();
-        for (const Retry& retry : mRetries) {
-            require(isStale(retry.kind, retry.index) && !rulesOf(retry.kind).sendsStaleRetry, "each retry is sent");
+        for (const Sent& retry : mRetries) {
+            require(isStale(retry) && !rulesOf(retry.kind).sendsStaleRetry, "each retry is sent");
         }
         mAdapter.reset();
         require(VirtualTime::queuedTasks() + VirtualTime::delayedTasks() == 0, "no task outlives the adapter");
@@ -111,32 +110,28 @@ public:
 private:
     struct Sent {
         Kind kind;
-        int index;
+        int index;  // the generation of its operation
         bool isRetry;
-    };
-    struct Retry {
-        Kind kind;
-        int index;
-        VirtualTime::TimePoint due;
+        VirtualTime::TimePoint due;  // of a retry
     };
     struct Task {
-        int sends = 0;
-        int reports = 0;
         std::string firstBody;
-        std::string answers;  // of the trace
+        std::string responses;  // of the trace
+        int sends = 0;
+        bool isReported = false;
     };
     struct Report {
         int event;
-        std::string detail;               // whole, or
-        const Task* mixStart;             // what it ends with, and
-        std::string mixStartDescription;  // begins with
+        std::string opener;  // of the trace; of a mix start only its begin
+        std::string responses;
+        bool isMixStart;
     };
 
-    Task& taskOf(Kind kind, int index) { return mTasks[{rulesOf(kind).family, index}]; }
+    Task& taskOf(const Sent& sent) { return mTasks[{rulesOf(sent.kind).family, sent.index}]; }
 
-    bool isStale(Kind kind, int index) const { return index != mGenerations[rulesOf(kind).family]; }
+    bool isStale(const Sent& sent) const { return sent.index != mGenerations[rulesOf(sent.kind).family]; }
 
-    // ---- What is to come
+    // ---- Expected effects
 
     void supersede(size_t family) {
         ++mGenerations[family];
@@ -151,7 +146,7 @@ private:
         if (mIsInRoom) {
             mFirstSends.push_back(kind);
         } else {
-            mReports.push_back({rulesOf(kind).event, oracle::kNotInRoom, nullptr, ""});
+            mReports.push_back({rulesOf(kind).event, oracle::kNotInRoom, "", false});
         }
     }
 
@@ -175,7 +170,7 @@ private:
         }
     }
 
-    void leaveRoom() {
+    void reset() {
         mIsInRoom = mPending[0] = mPending[1] = false;
         supersede(0);
         supersede(1);
@@ -194,7 +189,7 @@ private:
         return static_cast<size_t>(std::find_if(requests.begin(), requests.end(), isOpen) - requests.begin());
     }
 
-    bool answer(int retCode, const std::string& body) {
+    bool respond(int retCode, const std::string& body) {
         if (oldestOpenRequest() == mSent.size()) {
             VirtualTime::runUntilQuiet();
             compare();
@@ -203,107 +198,82 @@ private:
         if (request == mSent.size() || mSent.size() > kMaxRequests) {
             return false;
         }
-        expectAfterAnswer(mSent[request], retCode, body);
+        expectAfterResponse(mSent[request], retCode, body);
         mPlatform.respond(request, retCode, body);
         VirtualTime::runDue();
         compare();
         return true;
     }
 
-    void expectAfterAnswer(const Sent& sent, int retCode, const std::string& body) {
+    void expectAfterResponse(const Sent& sent, int retCode, const std::string& body) {
         const oracle::KindRules& rules = rulesOf(sent.kind);
-        if (isStale(sent.kind, sent.index) && (!sent.isRetry || rules.dropsStaleRetry)) {
+        if (isStale(sent) && (!sent.isRetry || rules.dropsStaleRetry)) {
             return;
         }
-        Task& task = taskOf(sent.kind, sent.index);
-        task.answers += oracle::traceSegment(mCounters[rules.tracedCounter], retCode, body);
+        Task& task = taskOf(sent);
+        task.responses += oracle::traceSegment(mCounters[rules.tracedCounter], retCode, body);
         const oracle::Evaluation evaluation = oracle::evaluate(sent.kind, retCode, body);
         if (evaluation.isRetryable && mCounters[sent.kind] > 0) {
-            const int retry = oracle::kMaxRetries + 1 - mCounters[sent.kind]--;
-            mRetries.push_back({sent.kind, sent.index, VirtualTime::now() + Milliseconds(oracle::retryPause(retry))});
+            const Milliseconds pause(oracle::retryPause(oracle::kMaxRetries + 1 - mCounters[sent.kind]--));
+            mRetries.push_back({sent.kind, sent.index, true, VirtualTime::now() + pause});
             return;
         }
         expectNotifications(evaluation.notifications);
-        require(++task.reports == 1, "a finished task is reported once");
-        if (sent.kind == kStartMix) {
-            mReports.push_back({rules.event, "", &task, "task_id:" + std::to_string(sent.index) + ", "});
-        } else {
-            const std::string opener = sent.kind == kAddRelay ? task.firstBody : "";
-            mReports.push_back({rules.event, upToZero(opener + task.answers), nullptr, ""});
-        }
+        require(!std::exchange(task.isReported, true), "a finished task is reported once");
+        const bool isMixStart = sent.kind == kStartMix;
+        const std::string opener = isMixStart               ? "task_id:" + std::to_string(sent.index) + ", "
+                                   : sent.kind == kAddRelay ? task.firstBody
+                                                            : "";
+        mReports.push_back({rules.event, opener, task.responses, isMixStart});
     }
 
-    // ---- What has come
+    // ---- Actual effects
 
     void compare() {
         while (mSent.size() < mPlatform.requests.size()) {
             compareRequest(mPlatform.requests[mSent.size()]);
         }
-        require(mFirstSends.empty(), "what is begun is sent");
+        require(mFirstSends.empty(), "each operation is sent");
         compareCalls();
         compareReports();
-        for (; mLogSeen < mPlatform.log.size(); ++mLogSeen) {
-            requireNoSecretIn(mPlatform.log[mLogSeen].text);
+        for (const FakePlatform::LogLine& line : mPlatform.log) {
+            requireNoSecretIn(line.text);
         }
+        mPlatform.log.clear();
     }
 
-    // The index of the send that this line logs; none for another line.
-    static std::optional<int> indexOfSend(const std::string& line) {
-        const size_t index = line.find("index: ");
-        const size_t end = line.find(", retry", index);
-        if (index > sizeof "retryRemovePublishUrlInner" || end == std::string::npos ||
-            line.find_first_not_of("0123456789", index + 7) != end) {
-            return std::nullopt;
-        }
-        return numberOf<int>(std::string_view(line).substr(index + 7));
-    }
-
-    int indexOfNextSend() {
-        for (; mLogRead < mPlatform.log.size(); ++mLogRead) {
-            if (const auto index = indexOfSend(mPlatform.log[mLogRead].text)) {
-                ++mLogRead;
-                return *index;
-            }
-        }
-        require(false, "each send is logged");
-        return 0;
-    }
-
+    // A first send runs with its operation, so it precedes each retry.
     void compareRequest(const FakePlatform::Request& request) {
         const Kind kind = static_cast<Kind>(request.client);
-        const int index = indexOfNextSend();
-        Task& task = taskOf(kind, index);
-        const bool isRetry = task.sends > 0;
-        require(++task.sends <= oracle::kMaxRetries + 1, "a request is sent 11 times at most");
-        if (isRetry) {
-            const auto retry = std::find_if(mRetries.begin(), mRetries.end(), [&](const Retry& planned) {
-                return planned.kind == kind && planned.index == index;
+        Sent sent{kind, mGenerations[rulesOf(kind).family], mFirstSends.empty(), request.sentAt};
+        if (sent.isRetry) {
+            const auto retry = std::find_if(mRetries.begin(), mRetries.end(), [&](const Sent& planned) {
+                return planned.kind == kind && planned.due == request.sentAt &&
+                       (rulesOf(kind).sendsStaleRetry || !isStale(planned));
             });
-            require(retry != mRetries.end(), "nothing is sent again without a reason");
-            require(retry->due == request.sentAt, "a retry is sent at its time");
+            require(retry != mRetries.end(), "a request is repeated for a reason and at its time");
+            sent = *retry;
             mRetries.erase(retry);
         } else {
-            require(!mFirstSends.empty() && mFirstSends.front() == kind && !isStale(kind, index),
-                    "nothing is sent that was not begun");
+            require(mFirstSends.front() == kind, "operations are sent in their order");
             mFirstSends.erase(mFirstSends.begin());
             mCounters[kind] = oracle::kMaxRetries;
-            task.firstBody = request.body;
+            taskOf(sent).firstBody = request.body;
         }
+        require(++taskOf(sent).sends <= oracle::kMaxRetries + 1, "a request is sent 11 times at most");
         require(Json::accept(request.body), "a body is JSON", request.body);
         requireNoSecretIn(request.body);
         require(request.url.find(kUserSig) != std::string::npos, "an address holds the signature", request.url);
-        mSent.push_back({kind, index, isRetry});
+        mSent.push_back(sent);
     }
 
     void compareCalls() {
         const std::vector<Call> calls = mListener ? mListener->calls.all() : std::vector<Call>();
-        require(calls.size() == mExpected.size(), "the listener is called as often as the rules say");
+        require(calls.size() == mExpected.size(), "the number of listener calls");
         for (size_t i = 0; i < calls.size(); ++i) {
             const Call& call = calls[i];
-            require(call.operation == mExpected[i].operation && call.code == mExpected[i].code, "the listener's code",
-                    call.operation + " " + std::to_string(call.code));
-            require(!mExpected[i].message || call.message == mExpected[i].message, "the listener's message",
-                    *call.message);
+            require(call == mExpected[i], "the listener's call",
+                    call.operation + " " + std::to_string(call.code) + " " + *call.message);
             requireNoSecretIn(*call.message);
         }
         mExpected.clear();
@@ -313,32 +283,31 @@ private:
     }
 
     void compareReports() {
-        require(mPlatform.reports.size() == mReports.size(), "there are as many reports as the rules say");
+        require(mPlatform.reports.size() == mReports.size(), "the number of reports");
         for (size_t i = 0; i < mReports.size(); ++i) {
             const FakePlatform::Report& report = mPlatform.reports[i];
             const Report& expected = mReports[i];
             require(report.event == expected.event, "a report's event", report.detail);
-            if (expected.mixStart) {
-                const std::string end = upToZero(expected.mixStart->answers);
-                require(startsWith(report.detail, expected.mixStartDescription) && endsWith(report.detail, end),
+            if (expected.isMixStart) {
+                const std::string end = upToZero(expected.responses);
+                require(startsWith(report.detail, expected.opener) && endsWith(report.detail, end),
                         "a mix start's trace", report.detail);
                 const size_t brace = report.detail.find('{');
                 require(Json::accept(report.detail.substr(brace, report.detail.size() - end.size() - brace)),
                         "a mix start's description is JSON", report.detail);
             } else {
-                require(report.detail == expected.detail, "a report's trace", report.detail);
+                require(report.detail == upToZero(expected.opener + expected.responses), "a report's trace",
+                        report.detail);
             }
-            requireNoSecretIn(report.roomUser);
-            requireNoSecretIn(report.information);
-            requireNoSecretIn(report.detail);
+            requireNoSecretIn(report.roomUser + report.information + report.detail);
         }
         mReports.clear();
         mPlatform.reports.clear();
     }
 
     static void requireNoSecretIn(const std::string& text) {
-        require(text.find(kUserSig) == std::string::npos, "the signature is shown nowhere", text);
-        require(text.find(kMapKey) == std::string::npos, "the map key is shown nowhere", text);
+        require(text.find(kUserSig) == std::string::npos, "the signature appears in addresses only", text);
+        require(text.find(kMapKey) == std::string::npos, "the map key appears in addresses only", text);
     }
 
     FakePlatform& mPlatform = FakePlatform::instance();
@@ -347,22 +316,19 @@ private:
     int mLastCode = 0;
     std::string mLastBody;
 
-    // As the rules have it.
+    // The state that the rules imply.
     bool mIsInRoom = false;
     bool mIsAnythingStarted = false;
     std::array<bool, 2> mPending{};
     std::array<int, 2> mGenerations{};
     std::array<int, 4> mCounters{};
     std::map<std::pair<size_t, int>, Task> mTasks;
-    std::vector<Retry> mRetries;
+    std::vector<Sent> mRetries;  // in the order in which they were posted
     std::vector<Kind> mFirstSends;
     std::vector<Notification> mExpected;
     std::vector<Report> mReports;
 
-    // As they came.
     std::vector<Sent> mSent;
-    size_t mLogSeen = 0;
-    size_t mLogRead = 0;
 };
 
 }  // namespace
@@ -370,7 +336,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     if (input.find(kUserSig) != std::string_view::npos || input.find(kMapKey) != std::string_view::npos) {
-        return 0;  // what an answer holds may be shown
+        return 0;  // responses may appear in logs and reports
     }
     Scenario scenario;
     std::vector<std::string> lines = linesOf(input);
