@@ -416,9 +416,9 @@ TEST(HttpsClient, ACallbackMaySendAgain) {
     ScriptedServer server(answering(httpResponse(200, "{}")));
     CVexaHttpSendRecv client;
     Gate done;
-    int left = 10;
+    int remaining = 10;
     std::function<void(int, KstCopyOnWriteBuffer&)> again = [&](int, KstCopyOnWriteBuffer&) {
-        if (--left == 0) {
+        if (--remaining == 0) {
             done.open();
             return;
         }

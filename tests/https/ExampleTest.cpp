@@ -63,8 +63,8 @@ protected:
     std::vector<std::pair<std::string, int>> requests() const {
         std::vector<std::pair<std::string, int>> all;
         for (const json& request : mState.at("requests")) {
-            const json answer = json::parse(request.at("answer").get<std::string>());
-            all.emplace_back(request.at("interface"), answer.at("code"));
+            const json response = json::parse(request.at("answer").get<std::string>());
+            all.emplace_back(request.at("interface"), response.at("code"));
         }
         return all;
     }
@@ -98,20 +98,20 @@ TEST_F(Example, RelayIsAddedAndRemoved) {
     EXPECT_THAT(mState.at("relays"), IsEmpty());
 }
 
-TEST_F(Example, RelayEndsWithOneIfItIsRefused) {
+TEST_F(Example, RelayExitsWithOneIfItIsRefused) {
     refuse(kAddRelay, 1);
     EXPECT_EQ(1, run({EXAMPLE_RELAY, "rtmp://cdn.example/live/stream"}));
     EXPECT_EQ("-200077 on request\n", mOutput);
     EXPECT_THAT(requests(), ElementsAre(Pair(kAddRelay, 77)));
 }
 
-TEST_F(Example, RelayEndsWithOneIfItIsGivenNoAddress) {
+TEST_F(Example, RelayExitsWithOneWithoutAnAddress) {
     EXPECT_EQ(1, run({EXAMPLE_RELAY}));
     EXPECT_EQ("-3323 startPublishStreamUrl failure, param is invalid\n", mOutput);
     EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(Example, RoomRelaysAndMixesThreeThenTwoAndEndsBoth) {
+TEST_F(Example, RoomRequestsARelayAndAMixBeforeItsEntryUpdatesTheMixAndEndsBoth) {
     EXPECT_EQ(0, run({EXAMPLE_ROOM})) << mErrors;
 
     const auto all = requests();
@@ -132,7 +132,6 @@ TEST_F(Example, RoomRelaysAndMixesThreeThenTwoAndEndsBoth) {
     }
     EXPECT_THAT(history, ElementsAre(Pair("start", 3), Pair("update", 2), Pair("cancel", testing::_)));
 
-    // The last layout: alice on the left, bob on the right.
     EXPECT_EQ(json({{"width", 1280}, {"height", 720}, {"color", "0x000000"}}), mix.at("canvas"));
     const auto half = [](const char* user, int layer, int x) {
         return json{{"stream_id", streamOf(user)},
@@ -145,10 +144,8 @@ TEST_F(Example, RoomRelaysAndMixesThreeThenTwoAndEndsBoth) {
     };
     EXPECT_EQ(json::array({half("alice", 2, 0), half("bob", 3, 640)}), mix.at("inputs"));
     EXPECT_EQ(json({{"output_stream_bitrate", 1500}, {"output_stream_frame_rate", 15}}), mix.at("output"));
-}
 
-TEST_F(Example, RoomSaysWhatHappensAndAsksBeforeItsEntry) {
-    EXPECT_EQ(0, run({EXAMPLE_ROOM})) << mErrors;
+    // The output, and the log of the SDK with the two requests that waited for the room.
     const std::string steps[] = {
         "alice requests a relay and a mix of three; both wait until she has entered the room\n"
         "alice enters the room: both are sent\n",
@@ -164,11 +161,10 @@ TEST_F(Example, RoomSaysWhatHappensAndAsksBeforeItsEntry) {
          {"  relay: done\n", "  mix: done\n", "  end of the relay: done\n", "  end of the mix: done\n"}) {
         EXPECT_THAT(mOutput, HasSubstr(outcome));
     }
-    // The SDK's log: the two that waited.
     EXPECT_THAT(mErrors, testing::ContainsRegex("not enterRoom status(.|\n)*not enterRoom status"));
 }
 
-TEST_F(Example, RoomEndsWithOneIfTheMixIsRefusedAndLeavesNothingRunning) {
+TEST_F(Example, RoomExitsWithOneIfTheMixIsRefusedAndEndsTheOther) {
     refuse(kSetMix, 1);
     EXPECT_EQ(1, run({EXAMPLE_ROOM}));
     EXPECT_THAT(mOutput, HasSubstr("  mix: failed with -300077, on request\n"));
@@ -179,7 +175,7 @@ TEST_F(Example, RoomEndsWithOneIfTheMixIsRefusedAndLeavesNothingRunning) {
     EXPECT_THAT(mState.at("relays"), IsEmpty());
 }
 
-TEST_F(Example, RoomEndsWithOneIfTheRelayIsRefusedAndLeavesNothingRunning) {
+TEST_F(Example, RoomExitsWithOneIfTheRelayIsRefusedAndEndsTheOther) {
     refuse(kAddRelay, 1);
     EXPECT_EQ(1, run({EXAMPLE_ROOM}));
     EXPECT_THAT(mOutput, HasSubstr("  relay: failed with -200077, on request\n"));

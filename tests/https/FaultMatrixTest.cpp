@@ -135,12 +135,12 @@ std::string openingOf(const Kind& kind, const std::string& firstBody, const std:
 
 std::string expectedTrace(const Case& testCase) {
     std::string trace;
-    int left = oracle::kMaxRetries;
+    int attemptsLeft = oracle::kMaxRetries;
     for (const Response& response : testCase.fault->responses) {
         // The stop of a relay prints the counter of its start, which it has set to 0.
         const bool printsItsOwn = testCase.kind->rules().tracedCounter == testCase.kind->request;
-        trace += oracle::traceSegment(printsItsOwn ? left : 0, response.retCode, response.body);
-        --left;
+        trace += oracle::traceSegment(printsItsOwn ? attemptsLeft : 0, response.retCode, response.body);
+        --attemptsLeft;
     }
     return trace.c_str();  // a report's text ends at a zero byte
 }

@@ -1,4 +1,4 @@
-// The three parameter records: value semantics and the strings that task reports carry.
+// The three parameter records: the strings that task reports contain.
 
 #include <gtest/gtest.h>
 
@@ -36,7 +36,7 @@ VexaMixUserInternal alice() {
     return user;
 }
 
-// The configuration whose numbers render as kHead; without users.
+// Without users it renders as kHead.
 VexaTranscodingConfigInternal portraitMix() {
     VexaTranscodingConfigInternal config;
     config.appId = 12345;
@@ -52,7 +52,7 @@ VexaTranscodingConfigInternal portraitMix() {
     return config;
 }
 
-// What the users render as: all that follows the head.
+// The rendered users: the part after the head.
 std::string entriesOf(const std::vector<VexaMixUserInternal>& users) {
     VexaTranscodingConfigInternal config = portraitMix();
     config.mixUsersArray = users;
@@ -92,7 +92,7 @@ TEST(TranscodingConfigTest, RendersEachNumberUnderItsOwnLabel) {
               "audio_bitrate:10, audio_channel:11");
 }
 
-TEST(TranscodingConfigTest, LeavesTheMediaNumbersToTheServiceWhenFresh) {
+TEST(TranscodingConfigTest, RendersTheMediaNumbersOfAFreshRecordAsMinusOne) {
     EXPECT_EQ(VexaTranscodingConfigInternal().to_string(),
               "mode:0, appId:0, bizId:0, width:-1, height:-1, bitrate:-1, fps:-1, gop:-1, audio_samplerate:-1, "
               "audio_bitrate:-1, audio_channel:-1");
@@ -145,27 +145,27 @@ TEST(TranscodingConfigTest, AFreshUserWithoutNamesRendersTheShortestEntry) {
     EXPECT_EQ(entry.size(), 89u);
 }
 
-TEST(TranscodingConfigTest, AnEntryOfExactly259CharactersIsWholeAndALongerOneLosesItsBracket) {
+TEST(TranscodingConfigTest, AnEntryOfExactly259CharactersIsWholeAndALongerOneIsTruncated) {
     const std::string whole = entriesOf({userNamed(std::string(kEntryLimit - 89, 'u'))});
     EXPECT_EQ(whole.size(), kEntryLimit);
     EXPECT_EQ(whole.substr(whole.size() - 13), "streamType:0]");
-    const std::string cut = entriesOf({userNamed(std::string(kEntryLimit - 88, 'u'))});
-    EXPECT_EQ(cut.size(), kEntryLimit);
-    EXPECT_EQ(cut.substr(cut.size() - 12), "streamType:0");
+    const std::string truncated = entriesOf({userNamed(std::string(kEntryLimit - 88, 'u'))});
+    EXPECT_EQ(truncated.size(), kEntryLimit);
+    EXPECT_EQ(truncated.substr(truncated.size() - 12), "streamType:0");
 }
 
-TEST(TranscodingConfigTest, ALongUserOrRoomIdIsCutAndTheNextEntryFollowsDirectly) {
+TEST(TranscodingConfigTest, ALongUserOrRoomIdIsTruncatedAndTheNextEntryFollowsDirectly) {
     const std::string bob =
         " mixUser2:[userId:bob, roomId:, rect:(x:0-y:0-w:0-h:0), zOrder:0, pureAudio:0, streamType:0]";
     EXPECT_EQ(entriesOf({userNamed(std::string(1000, 'u')), userNamed("bob")}),
               " mixUser1:[userId:" + std::string(kEntryLimit - 18, 'u') + bob);
-    VexaMixUserInternal far = userNamed("u");
-    far.roomId = std::string(1000, 'r');
-    EXPECT_EQ(entriesOf({far, userNamed("bob")}),
+    VexaMixUserInternal user = userNamed("u");
+    user.roomId = std::string(1000, 'r');
+    EXPECT_EQ(entriesOf({user, userNamed("bob")}),
               " mixUser1:[userId:u, roomId:" + std::string(kEntryLimit - 28, 'r') + bob);
 }
 
-TEST(TranscodingConfigTest, ACutEntryAtTheEndIsFollowedByNothing) {
+TEST(TranscodingConfigTest, ATruncatedEntryAtTheEndIsFollowedByNothing) {
     const std::string entries = entriesOf({alice(), userNamed(std::string(300, 'u'))});
     EXPECT_EQ(entries, entriesOf({alice()}) + " mixUser2:[userId:" + std::string(kEntryLimit - 18, 'u'));
 }
@@ -177,7 +177,7 @@ TEST(TranscodingConfigTest, TheNamesOfAUserEndAtTheirFirstZeroByteAndKeepPercent
               " mixUser1:[userId:100%s%n, roomId:, rect:(x:0-y:0-w:0-h:0), zOrder:0, pureAudio:0, streamType:0]");
 }
 
-TEST(TranscodingConfigTest, RenderingLeavesTheRecordAsItWas) {
+TEST(TranscodingConfigTest, RenderingDoesNotChangeTheRecord) {
     VexaTranscodingConfigInternal config = portraitMix();
     config.mixUsersArray = {userNamed(std::string(400, 'u'))};
     EXPECT_EQ(config.to_string(), config.to_string());
