@@ -17,11 +17,12 @@ Placement place(const Rectangle& rectangle, int width, int height, bool cropCent
 }
 
 TEST(MixLayout, ClipsARectangleAtTheCanvas) {
-    const std::pair<Rectangle, Rectangle> cases[] = {{{-100, 700, 300, 300}, {0, 700, 200, 20}},
-                                                     {{-4000, -4000, 9000, 9000}, {0, 0, 1280, 720}},
-                                                     {{10, 10, INT32_MAX, INT32_MAX}, {10, 10, 1270, 710}},
-                                                     {{3, 0, 98, 100}, {2, 0, 98, 100}},       // these two touch, and
-                                                     {{101, 0, 98, 100}, {100, 0, 98, 100}}};  // still do
+    const std::pair<Rectangle, Rectangle> cases[] = {
+        {{-100, 700, 300, 300}, {0, 700, 200, 20}},
+        {{-4000, -4000, 9000, 9000}, {0, 0, 1280, 720}},
+        {{10, 10, INT32_MAX, INT32_MAX}, {10, 10, 1270, 710}},
+        {{3, 0, 98, 100}, {2, 0, 98, 100}},       // these two are adjacent, before
+        {{101, 0, 98, 100}, {100, 0, 98, 100}}};  // and after
     for (const auto& [rectangle, visible] : cases) {
         EXPECT_EQ(visiblePart(rectangle, 1280, 720), visible);
     }

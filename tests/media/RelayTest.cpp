@@ -83,7 +83,7 @@ TEST_F(Relay, OutlivesAPauseOfItsSource) {
     EXPECT_TRUE(viewer.comesToShow({{320, 180, kLime}}));
     EXPECT_TRUE(service.relayReaches("running"));
     EXPECT_TRUE(packets.awaitVideo(received + 21));
-    EXPECT_GT(packets.longestVideoGap(), 10);  // the pause keeps its length
+    EXPECT_GT(packets.longestVideoGap(), 10);  // the pause has its length in the output, too
     for (const Probe* each : {&packets, &packetsOfBob}) {
         EXPECT_FALSE(each->hasEnded());
         EXPECT_TRUE(each->isMonotonic());

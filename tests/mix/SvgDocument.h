@@ -18,13 +18,12 @@ struct SvgElement {
     std::string text;
     std::vector<std::string> groups;  // the titles of the groups around it, from outside
 
-    const std::string& attribute(const char* attributeName) const {
-        static const std::string kNone;
+    std::string attribute(const char* attributeName) const {
         const auto found = attributes.find(attributeName);
-        return found == attributes.end() ? kNone : found->second;
+        return found == attributes.end() ? "" : found->second;
     }
     double number(const char* attributeName) const { return g_ascii_strtod(attribute(attributeName).c_str(), nullptr); }
-    const std::string& kind() const { return attribute("class"); }
+    std::string kind() const { return attribute("class"); }
 };
 
 class SvgDocument {
@@ -32,13 +31,34 @@ public:
     explicit SvgDocument(const std::string& svg) {
         GMarkupParser parser{};
         parser.start_element = [](GMarkupParseContext*, const gchar* name, const gchar** names, const gchar** values,
-                                  gpointer self,
-                                  GError**) { static_cast<SvgDocument*>(self)->start(name, names, values); };
-        parser.end_element = [](GMarkupParseContext*, const gchar* name, gpointer self, GError**) {
-            static_cast<SvgDocument*>(self)->end(name);
+                                  gpointer document, GError**) {
+            auto& self = *static_cast<SvgDocument*>(document);
+            if (std::string(name) == "g") {
+                self.mGroups.emplace_back();
+            }
+            self.mOpen.push_back(self.mElements.size());
+            SvgElement& element = self.mElements.emplace_back(SvgElement{name, {}, "", self.mGroups});
+            for (; *names; ++names, ++values) {
+                element.attributes[*names] = *values;
+            }
         };
-        parser.text = [](GMarkupParseContext*, const gchar* text, gsize length, gpointer self, GError**) {
-            static_cast<SvgDocument*>(self)->add(std::string(text, length));
+        parser.end_element = [](GMarkupParseContext*, const gchar* name, gpointer document, GError**) {
+            auto& self = *static_cast<SvgDocument*>(document);
+            self.mOpen.pop_back();
+            if (std::string(name) == "g") {
+                self.mGroups.pop_back();
+            }
+        };
+        parser.text = [](GMarkupParseContext*, const gchar* text, gsize length, gpointer document, GError**) {
+            auto& self = *static_cast<SvgDocument*>(document);
+            if (self.mOpen.empty()) {
+                return;  // between the XML declaration and the first element
+            }
+            SvgElement& element = self.mElements[self.mOpen.back()];
+            element.text.append(text, length);
+            if (element.name == "title") {
+                self.mGroups.back().append(text, length);
+            }
         };
         GMarkupParseContext* context = g_markup_parse_context_new(&parser, {}, this, nullptr);
         GError* error = nullptr;
@@ -69,36 +89,6 @@ public:
     }
 
 private:
-    void start(const std::string& name, const gchar** names, const gchar** values) {
-        SvgElement element;
-        element.name = name;
-        for (; *names; ++names, ++values) {
-            element.attributes[*names] = *values;
-        }
-        if (name == "g") {
-            mGroups.emplace_back();
-        }
-        element.groups = mGroups;
-        mOpen.push_back(mElements.size());
-        mElements.push_back(element);
-    }
-    void add(const std::string& text) {
-        if (mOpen.empty()) {
-            return;  // between the XML declaration and the first element
-        }
-        SvgElement& element = mElements[mOpen.back()];
-        element.text += text;
-        if (element.name == "title") {
-            mGroups.back() += text;
-        }
-    }
-    void end(const std::string& name) {
-        mOpen.pop_back();
-        if (name == "g") {
-            mGroups.pop_back();
-        }
-    }
-
     std::vector<size_t> mOpen;  // of mElements, from outside
     std::vector<SvgElement> mElements;
     std::vector<std::string> mGroups;
