@@ -114,7 +114,7 @@ StreamStatus RelayWorker::sourceStatus() const {
     }
     status.state = status.reconnects > 0 || status.frames > 0 ? WorkerState::kReconnecting : WorkerState::kStarting;
     if (mSource.hasFlowed()) {
-        status.error = "nothing comes from " + mStreamId;
+        status.error = "no media from " + mStreamId;
     } else {
         status.error = mSource.error().empty() ? absenceOf(mStreamId, status.frames > 0) : mSource.error();
     }
