@@ -354,7 +354,7 @@ std::vector<Fault> makeFaults() {
          untrusted, 0},
         {"CertificateOfUnknownAuthority", "the certificate's authority is unknown",
          certificate(CertificateFault::kUnknownAuthority), untrusted, 0},
-        {"ProtocolTooOld", "the server speaks nothing newer than TLS 1.1", speakAnOldProtocol,
+        {"ProtocolTooOld", "the server supports TLS 1.1 at most", speakAnOldProtocol,
          refusedByLibrary(CURLE_SSL_CONNECT_ERROR), 0},
         {"HandshakeCutOff", "closed inside the handshake", connect(cutTheHandshake), lost, 0},
         {"HandshakeReset", "reset inside the handshake", connect(resetTheHandshake), lost, 0},

@@ -1,7 +1,8 @@
 """The adapter's sources and the public headers compile without exceptions and type information, each on its own, and
 read no header but the project's and those of the compiler and the C library.
 
-Usage: headers.py SRC COMPILER. The package database names the package of a header; without one the check is skipped (77).
+Usage: headers.py SRC COMPILER. The package database names the package of a header; without one the check is skipped
+(exit status 77).
 """
 
 import pathlib
