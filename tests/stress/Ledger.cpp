@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "base/KstMessageLoop.h"
-#include "base/Md5.h"
 #include "base/Version.h"
 
 using namespace oracle;
@@ -15,57 +13,88 @@ using Cause = KstMessageLoop::Cause;
 
 namespace {
 
-constexpr int kSdkAppId = 1400;
-constexpr const char* kSegment = " [tryHttp:cnt-";
+constexpr int kAccountShift = 32;  // a cause has the number of its account, plus one, in its high half
 
-// Removes `expected` from the front of `text`. A zero byte ends both: reports are C strings.
-bool consume(std::string_view& text, const std::string& expected, bool& isCut) {
-    const size_t length = std::min(expected.find('\0'), expected.size());
-    isCut = length != expected.size();
-    if (text.substr(0, length) != std::string_view(expected).substr(0, length)) {
+thread_local std::shared_ptr<Exchange> tDelivered;  // the exchange whose callback runs on this thread
+
+bool isStart(Kind kind) {
+    return kind == kAddRelay || kind == kStartMix;
+}
+
+// Reports are C strings.
+std::string upToZero(const std::string& text) {
+    return text.c_str();
+}
+
+bool endsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+int expectedReports(const Operation& operation) {
+    switch (operation.outcome) {
+        case Operation::kSends:
+            return operation.finished;
+        case Operation::kWaitsForRoom:
+            return 1;
+        case Operation::kRefused:
+            return isStart(operation.kind) ? operation.notified : 0;
+    }
+    return 0;
+}
+
+// Whether more has happened than may. A request may be counted before the retry that leads to it, and a report before
+// its response, but not after all responses are counted.
+bool isExceeded(const Operation& operation) {
+    return operation.notified > 1 ||
+           (operation.responses == operation.requests &&
+            (operation.reported > expectedReports(operation) || operation.requests > 1 + operation.retries));
+}
+
+// Whether no further event must happen.
+bool isComplete(const Operation& operation) {
+    const bool isSuperseded = operation.state != Operation::kCurrent;
+    if (operation.reported < expectedReports(operation) || operation.responses != operation.requests) {
         return false;
     }
-    text.remove_prefix(length);
-    return true;
-}
-
-bool consume(std::string_view& text, const std::string& expected) {
-    bool isCut = false;
-    return consume(text, expected, isCut) && !isCut;
-}
-
-int consumeNumber(std::string_view& text) {
-    size_t length = 0;
-    int number = 0;
-    for (; length < text.size() && length < 9 && text[length] >= '0' && text[length] <= '9'; ++length) {
-        number = number * 10 + (text[length] - '0');
+    if (operation.outcome == Operation::kRefused) {
+        return operation.notified > 0 || (isSuperseded && !isStart(operation.kind));
     }
-    text.remove_prefix(length);
-    return length == 0 ? -1 : number;
+    if (operation.outcome == Operation::kWaitsForRoom) {
+        return true;
+    }
+    const bool mayBeDropped = isSuperseded && (operation.requests == 0 || !rulesOf(operation.kind).sendsStaleRetry);
+    return (operation.finished > 0 || isSuperseded) && (operation.requests > operation.retries || mayBeDropped);
+}
+
+std::string describe(const Operation& operation) {
+    static constexpr const char* kOutcomes[] = {"sent", "waiting for the room", "refused"};
+    const auto count = [](const char* name, int number) {
+        return std::string(", ") + name + ' ' + std::to_string(number);
+    };
+    return std::string("\n    ") + rulesOf(operation.kind).name + ' ' + kOutcomes[operation.outcome] +
+           (operation.state == Operation::kCurrent ? "" : ", superseded") + count("requests", operation.requests) +
+           count("responses", operation.responses) + count("retries posted", operation.retries) +
+           count("finished", operation.finished) + count("refusals", operation.notified) +
+           count("reports", operation.reported) + ", trace:" + operation.trace.substr(0, 2000);
 }
 
 }  // namespace
 
 // ---- For the driver -------------------------------------------------------------------------------------------------
 
-Account::Account(Ledger& ledger, std::string userId) : mLedger(ledger), mUserId(std::move(userId)) {}
-
-// What the adapter does for the call, on any thread, has this cause.
 void Account::beginCall() {
-    static std::atomic<uint64_t> lastCause{0};
-    Cause::current().id = ++lastCause;
+    static std::atomic<uint32_t> calls{0};
+    Cause::current().id = (uint64_t{mNumber} + 1) << kAccountShift | ++calls;
 }
 
 void Account::supersede(Round& round) {
-    if (!round.operations.empty() && round.operations.back().supersedingBegan == 0) {
-        round.operations.back().supersedingBegan = ++mNow;
+    if (!round.operations.empty() && round.operations.back().state == Operation::kCurrent) {
+        round.operations.back().state = Operation::kBeingSuperseded;
     }
-    ++round.generation;
 }
 
 void Account::open(Round& round, Operation operation) {
     supersede(round);
-    operation.generation = round.generation;
     operation.cause = Cause::current().id;
     round.operations.push_back(std::move(operation));
 }
@@ -73,8 +102,7 @@ void Account::open(Round& round, Operation operation) {
 void Account::beginOperation(Operation operation) {
     beginCall();
     const std::lock_guard<std::mutex> lock(mMutex);
-    Round& round = roundOf(operation.kind);
-    open(round, std::move(operation));
+    open(mRounds[familyOf(operation.kind)], std::move(operation));
 }
 
 void Account::beginReset() {
@@ -90,11 +118,7 @@ void Account::beginRoomEntry() {
     const std::lock_guard<std::mutex> lock(mMutex);
     for (Round& round : mRounds) {
         if (!round.operations.empty() && round.operations.back().outcome == Operation::kWaitsForRoom) {
-            Operation again = round.operations.back();
-            again.outcome = Operation::kSends;
-            again.supersedingBegan = again.supersedingEnded = 0;
-            again.reported = 0;
-            open(round, std::move(again));
+            open(round, {round.operations.back().kind, Operation::kSends, round.operations.back().information});
         }
     }
 }
@@ -104,8 +128,8 @@ void Account::endCall() {
     const std::lock_guard<std::mutex> lock(mMutex);
     for (Round& round : mRounds) {
         for (Operation& operation : round.operations) {
-            if (operation.supersedingBegan != 0 && operation.supersedingEnded == 0) {
-                operation.supersedingEnded = ++mNow;
+            if (operation.state == Operation::kBeingSuperseded) {
+                operation.state = Operation::kSuperseded;
             }
         }
     }
@@ -127,7 +151,7 @@ void Account::endDrop() {
     mIsDropped = false;
     for (Round& round : mRounds) {
         mLedger.abandoned += static_cast<int64_t>(round.operations.size());
-        for (const auto& exchange : round.exchanges) {
+        for (const auto& exchange : round.open) {
             exchange->isAbandoned = true;
         }
         round = Round();
@@ -136,90 +160,46 @@ void Account::endDrop() {
 
 void Account::abandonRound(Family family) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    Round& round = mRounds[family];
-    mLedger.lost += static_cast<int64_t>(round.operations.size());
-    violation("lost", "a round did not complete", round);
-}
-
-// ---- Lookup ---------------------------------------------------------------------------------------------------------
-
-Operation* Account::find(Round& round, uint64_t cause) {
-    const auto found = std::find_if(round.operations.begin(), round.operations.end(),
-                                    [&](const Operation& each) { return each.cause == cause; });
-    return found == round.operations.end() ? nullptr : &*found;
-}
-
-// No other operation has changed the retry counters.
-bool Account::hasOneOperation(const Round& round) {
-    return round.operations.size() == 1 && round.operations[0].supersedingBegan == 0;
-}
-
-Exchange* Account::next(Round& round, const Exchange& exchange) {
-    const auto found =
-        std::find_if(round.exchanges.begin(), round.exchanges.end(), [&](const std::shared_ptr<Exchange>& each) {
-            return each->cause == exchange.cause && each->attempt == exchange.attempt + 1;
-        });
-    return found == round.exchanges.end() ? nullptr : found->get();
-}
-
-std::string Account::describe(const Round& round) const {
-    std::string text;
-    for (const Operation& each : round.operations) {
-        text += std::string("\n      ") + rulesOf(each.kind).name + " number " + std::to_string(each.number) +
-                " cause " + std::to_string(each.cause) + " outcome " + std::to_string(each.outcome) + " superseded " +
-                std::to_string(each.supersedingBegan) + ".." + std::to_string(each.supersedingEnded) + " notified " +
-                std::to_string(each.notified) + " reported " + std::to_string(each.reported);
-    }
-    for (const auto& each : round.exchanges) {
-        text += std::string("\n      sent ") + rulesOf(each->kind).name + " cause " + std::to_string(each->cause) +
-                " attempt " + std::to_string(each->attempt) + " retCode " + std::to_string(each->retCode) +
-                (each->isCompleted ? " completed" : "") + (each->isDelivered ? " delivered" : "") +
-                (each->isRetried ? " retried" : "") + " notified " + std::to_string(each->notified.size()) +
-                (each->isReported ? " reported" : "") + " \"" + each->response.substr(0, 60) + "\"";
-    }
-    return text;
-}
-
-void Account::violation(const char* rule, const std::string& what, const Round& round) {
-    mLedger.reportViolation(rule, mUserId + ": " + what + describe(round));
+    violation(Ledger::kLost, "the round did not complete", family);
 }
 
 // ---- For the hooks --------------------------------------------------------------------------------------------------
 
-std::shared_ptr<Exchange> Account::sent(uint64_t id, Kind kind, uint64_t cause, std::string body) {
+Operation* Account::find(Family family, uint64_t cause) {
+    std::vector<Operation>& operations = mRounds[family].operations;
+    const auto found = std::find_if(operations.begin(), operations.end(),
+                                    [&](const Operation& operation) { return operation.cause == cause; });
+    return found == operations.end() ? nullptr : &*found;
+}
+
+// No other operation of the round changes the retry counters, the configuration or the information of reports.
+bool Account::isAlone(const Operation& operation) const {
+    return operation.state == Operation::kCurrent && mRounds[familyOf(operation.kind)].operations.size() == 1;
+}
+
+void Account::violation(int rule, const std::string& what, Family family) {
+    std::string text = "user" + std::to_string(mNumber) + ": " + what;
+    for (const Operation& operation : mRounds[family].operations) {
+        text += describe(operation);
+    }
+    mLedger.reportViolation(rule, text);
+}
+
+std::shared_ptr<Exchange> Account::sent(Family family, uint64_t cause, const std::string& body) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    Round& round = roundOf(kind);
-    auto exchange = std::make_shared<Exchange>(Exchange{id, kind, cause, 0, std::move(body)});
-    const Exchange* previous = nullptr;
-    for (const auto& each : round.exchanges) {
-        if (each->cause == cause) {
-            previous = each.get();
-            ++exchange->attempt;
-        }
+    Operation* const operation = find(family, cause);
+    if (!operation || operation->outcome != Operation::kSends) {
+        violation(Ledger::kDoubled, "no operation explains the request " + body, family);
+        return nullptr;
     }
-    ++mNow;
-    round.exchanges.push_back(exchange);
-    const Operation* operation = find(round, cause);
-    if (!operation || operation->kind != kind || operation->outcome != Operation::kSends ||
-        exchange->attempt > kMaxRetries ||
-        (previous &&
-         (!previous->isCompleted || !previous->notified.empty() || (previous->isDelivered && !previous->isRetried)))) {
-        ++mLedger.doubled;
-        violation("doubled", "no operation explains this request: " + exchange->body, round);
-        return exchange;
+    const auto exchange = std::make_shared<Exchange>(Exchange{this, operation->kind, cause, operation->requests++});
+    if (exchange->attempt == 0 && operation->kind == kAddRelay) {
+        operation->trace = body;
     }
-    if (previous && !rulesOf(kind).sendsStaleRetry && operation->supersedingEnded != 0 &&
-        operation->supersedingEnded < previous->completedAt) {
-        ++mLedger.wrong;
-        violation("wrong", "a stale retry was sent", round);
+    if (exchange->attempt == 0 && operation->information.empty()) {
+        operation->information = body;
     }
-    const std::string number = std::to_string(operation->number);
-    if (!previous && ((kind == kAddRelay && exchange->body.find("/" + number + "\"") == std::string::npos) ||
-                      (kind == kStartMix &&
-                       exchange->body.find("\"output_stream_bitrate\":" + number + ",") == std::string::npos))) {
-        ++mLedger.wrong;
-        violation("wrong", "the body is not that of operation " + number + ": " + exchange->body, round);
-    }
+    mRounds[family].open.push_back(exchange);
     return exchange;
 }
 
@@ -228,260 +208,142 @@ void Account::completed(Exchange& exchange, int retCode, std::string response) {
     exchange.retCode = retCode;
     exchange.response = std::move(response);
     exchange.isCompleted = true;
-    exchange.isLate = exchange.isAbandoned;
-    exchange.completedAt = ++mNow;
-}
-
-void Account::delivered(const std::shared_ptr<Exchange>& exchange, int retries, int reports) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    exchange->isDelivered = true;
-    exchange->isRetried = retries > 0;
-    ++mNow;
-    Round& round = roundOf(exchange->kind);
-    if (retries + reports > (exchange->isLate ? 0 : 1)) {
-        ++mLedger.doubled;
-        violation("doubled", "a response was evaluated twice, or after the end of its adapter", round);
-    }
-    if (!exchange->isAbandoned) {
-        checkDelivered(round, *exchange, retries, reports);
-        completeIfDone(familyOf(exchange->kind));
+    Operation* const operation = find(familyOf(exchange.kind), exchange.cause);
+    if (operation && !exchange.isAbandoned) {
+        exchange.isStale = operation->state == Operation::kSuperseded;
+        const int attemptsLeft = exchange.kind == kRemoveRelay ? 0 : kMaxRetries - exchange.attempt;
+        operation->trace += traceSegment(attemptsLeft, retCode, exchange.response);
     }
 }
 
-// One response is dropped, retried or final.
-void Account::checkDelivered(Round& round, Exchange& exchange, int retries, int reports) {
-    const Operation* operation = find(round, exchange.cause);
-    if (!operation) {
-        return;  // sent() has reported the violation
-    }
-    const auto wrong = [&](const char* what) {
-        ++mLedger.wrong;
-        violation("wrong",
-                  std::string(what) + ", attempt " + std::to_string(exchange.attempt) + " of cause " +
-                      std::to_string(exchange.cause),
-                  round);
-    };
+// The error in the handling of one response, or null. It is dropped, retried or finished.
+const char* Account::errorOf(const Operation& operation, const Exchange& exchange, int retries, int reports) const {
     const bool isDroppedIfStale = exchange.attempt == 0 || rulesOf(exchange.kind).dropsStaleRetry;
-    const bool isFresh = operation->supersedingBegan == 0;
-    const bool isStale = operation->supersedingEnded != 0 && operation->supersedingEnded < exchange.completedAt;
-    if (retries + reports == 0) {
-        if (!exchange.notified.empty()) {
-            wrong("the listener was notified of a dropped response");
-        } else if (!mIsDropped && (isFresh || !isDroppedIfStale)) {
-            wrong("a response was dropped that is not stale");
-        }
-        return;
-    }
-    if (isDroppedIfStale && isStale) {
-        wrong("a stale response was evaluated");
-    }
+    const bool isCurrent = operation.state == Operation::kCurrent && !mIsDropped;
     const Evaluation evaluation = evaluate(exchange.kind, exchange.retCode, exchange.response);
+    if (retries + reports > 1) {
+        return "a response was handled twice";
+    }
+    if (reports == 0 && !exchange.notified.empty()) {
+        return "the listener was called for a response that is not final";
+    }
+    if (retries + reports == 0) {
+        const bool mayBeDropped = mIsDropped || (isDroppedIfStale && !isCurrent);
+        return mayBeDropped ? nullptr : "a response was dropped that is not stale";
+    }
+    if (isDroppedIfStale && exchange.isStale) {
+        return "a stale response was not dropped";
+    }
     if (retries > 0) {
-        ++mLedger.retries;
         // A stale request may use an attempt of the newer request of its kind.
-        if (!evaluation.isRetryable || (exchange.attempt >= kMaxRetries && isFresh) || !exchange.notified.empty()) {
-            wrong("a final response was retried");
-        }
-        return;
+        const bool mayBeRetried = evaluation.isRetryable && (exchange.attempt < kMaxRetries || !isCurrent);
+        return mayBeRetried ? nullptr : "a final response was retried";
     }
-    if (evaluation.isRetryable && exchange.attempt < kMaxRetries && hasOneOperation(round)) {
-        wrong("retries were left");
+    if (evaluation.isRetryable && exchange.attempt < kMaxRetries && isAlone(operation)) {
+        return "a retry was skipped";
     }
-    mLedger.exhausted += evaluation.isRetryable && exchange.attempt == kMaxRetries;
-    if (!(exchange.notified == evaluation.notifications)) {
-        wrong("the notifications do not match the response");
-    }
-    if (next(round, exchange)) {
-        wrong("a finished request was sent again");
-    }
+    return exchange.notified == evaluation.notifications ? nullptr : "the listener calls do not match the response";
 }
 
-void Account::notified(Exchange* exchange, Notification call) {
+void Account::delivered(const Exchange& exchange, int retries, int reports) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    const Family family = familyOf(exchange.kind);
+    Operation* const operation = find(family, exchange.cause);
+    if (exchange.isAbandoned || !operation) {
+        return;
+    }
+    std::vector<std::shared_ptr<Exchange>>& open = mRounds[family].open;
+    ++operation->responses;
+    operation->retries += retries;
+    operation->finished += reports;
+    mLedger.retries += retries;
+    mLedger.exhausted += reports > 0 && exchange.attempt == kMaxRetries &&
+                         evaluate(exchange.kind, exchange.retCode, exchange.response).isRetryable;
+    if (const char* const error = errorOf(*operation, exchange, retries, reports)) {
+        violation(Ledger::kWrong, error, family);
+    }
+    open.erase(std::find_if(open.begin(), open.end(), [&](const auto& each) { return each.get() == &exchange; }));
+    completeIfDone(family);
+}
+
+void Account::notified(Exchange* exchange, uint64_t cause, Notification call) {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (exchange && !exchange->isAbandoned) {
         exchange->notified.push_back(std::move(call));
         return;
     }
-    for (Round& round : mRounds) {
-        for (Operation& operation : round.operations) {
-            if (operation.outcome == Operation::kRefused && operation.notified == 0 && operation.refusal == call) {
-                operation.notified = 1;
-                completeIfDone(familyOf(operation.kind));
-                return;
+    for (const Family family : {kRelay, kMix}) {
+        Operation* const operation = find(family, cause);
+        if (operation && !exchange && operation->outcome == Operation::kRefused) {
+            const Kind shown = isStart(operation->kind) ? kAddRelay : kCancelMix;
+            ++operation->notified;
+            if (call.operation != rulesOf(shown).name || call.code != rulesOf(operation->kind).unreadableCode) {
+                violation(Ledger::kWrong, "a refusal as " + call.operation + ' ' + std::to_string(call.code), family);
             }
+            completeIfDone(family);
+            return;
         }
     }
-    ++mLedger.doubled;
-    mLedger.reportViolation("doubled", mUserId + ": no event explains the listener call " + call.operation + " " +
-                                           std::to_string(call.code) + " " + call.message.value_or(""));
+    violation(Ledger::kDoubled,
+              "no operation explains the listener call " + call.operation + ' ' + std::to_string(call.code), kRelay);
 }
 
-void Account::reported(const vexalive::EventReport& report) {
+void Account::reported(uint64_t cause, const vexalive::EventReport& report) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    const Family family = report.event == 30 ? kRelay : kMix;
-    Round& round = mRounds[family];
-    if (report.sdkAppId != kSdkAppId || report.eventType != 10004 || (report.event != 30 && report.event != 31)) {
-        ++mLedger.wrong;
-        violation("wrong", "a report with other numbers", round);
-    }
-    if (matchReport(round, report)) {
-        completeIfDone(family);
+    const Family family = report.event == rulesOf(kAddRelay).event ? kRelay : kMix;
+    Operation* const operation = find(family, cause);
+    if (!operation) {
+        violation(Ledger::kDoubled, "no operation explains the report " + report.detail, family);
         return;
     }
-    ++mLedger.doubled;
-    violation("doubled", "no event explains the report " + report.information + " | " + report.detail, round);
-}
-
-// Finds the operation that the report ends. Its information is that of the kind at that moment: the operation's own, or
-// that of a later one.
-bool Account::matchReport(Round& round, const vexalive::EventReport& report) {
-    const auto isInformationFrom = [&](const Operation& first) {
-        const std::string version = std::string("sdkver:") + kstf_get_sdk_version() + " ";
-        for (const Operation* each = &first; each <= &round.operations.back(); ++each) {
-            std::string information = each->information;
-            for (const auto& exchange : round.exchanges) {
-                if (exchange->cause == each->cause && exchange->attempt == 0 && information.empty()) {
-                    information = exchange->body;
-                }
-            }
-            if (each->kind == first.kind && report.information == version + information) {
-                return true;
-            }
-        }
-        return false;
-    };
-
-    for (Operation& operation : round.operations) {
-        const bool isRefusal = operation.outcome == Operation::kRefused && operation.isReported &&
-                               operation.notified == 1 && report.detail == operation.refusal.message;
-        const bool isDeferral = operation.outcome == Operation::kWaitsForRoom && report.detail == kNotInRoom;
-        if (operation.reported == 0 && (isRefusal || isDeferral) && isInformationFrom(operation)) {
-            operation.reported = 1;
-            return true;
-        }
+    ++operation->reported;
+    const std::string expected =
+        upToZero(operation->outcome == Operation::kWaitsForRoom ? kNotInRoom : operation->trace);
+    const bool isTraceRight = operation->outcome == Operation::kRefused || operation->kind == kStartMix
+                                  ? endsWith(report.detail, expected)
+                                  : report.detail == expected;
+    const bool isInformationRight =
+        report.information == std::string("sdkver:") + kstf_get_sdk_version() + " " + operation->information;
+    if (report.event != rulesOf(operation->kind).event || report.eventType != 10004 || report.sdkAppId != 1400 ||
+        !endsWith(report.roomUser, "_user" + std::to_string(mNumber)) ||
+        (isAlone(*operation) && !(isTraceRight && isInformationRight))) {
+        violation(Ledger::kWrong, "the report " + report.information + " | " + report.detail, family);
     }
-    for (const auto& exchange : round.exchanges) {
-        const Operation* operation = find(round, exchange->cause);
-        if (operation && !exchange->notified.empty() && !exchange->isReported && isInformationFrom(*operation) &&
-            explains(round, *exchange, report.detail)) {
-            exchange->isReported = true;
-            return true;
-        }
-    }
-    return false;
-}
-
-// Whether `trace` consists of its opening and the responses up to `last`, each with the attempts that were left.
-bool Account::explains(Round& round, const Exchange& last, const std::string& trace) {
-    std::string_view rest(trace);
-    if (last.kind == kStartMix) {
-        // Describes the configuration of that moment, which a later cancel has emptied.
-        const bool isEmptied = !hasOneOperation(round) && trace.find("\"input_stream_list\":[]") != std::string::npos;
-        if (!consume(rest, "task_id:" + std::to_string(find(round, last.cause)->generation) +
-                               ", pureAudioOutputStream:" + (isEmptied ? "1" : "0") + ", stream: {")) {
-            return false;
-        }
-        const size_t segment = rest.find(kSegment);
-        rest.remove_prefix(std::min(segment, rest.size()));
-    }
-    for (const auto& exchange : round.exchanges) {
-        if (exchange->cause != last.cause || exchange->attempt > last.attempt) {
-            continue;
-        }
-        if (exchange->attempt == 0 && last.kind == kAddRelay && !consume(rest, exchange->body)) {
-            return false;
-        }
-        std::string_view counter = rest.substr(0, rest.find(']'));
-        if (!consume(counter, kSegment)) {
-            return false;
-        }
-        const int attemptsLeft = consumeNumber(counter);
-        if (hasOneOperation(round) ? attemptsLeft != (last.kind == kRemoveRelay ? 0 : kMaxRetries - exchange->attempt)
-                                   : attemptsLeft < 0 || attemptsLeft > kMaxRetries) {
-            return false;
-        }
-        bool isCut = false;
-        if (!consume(rest, traceSegment(attemptsLeft, exchange->retCode, exchange->response), isCut)) {
-            return false;
-        }
-        if (isCut) {
-            break;
-        }
-    }
-    return rest.empty();
+    completeIfDone(family);
 }
 
 // ---- The end of a round ---------------------------------------------------------------------------------------------
 
-bool Account::isComplete(Round& round) {
-    if (!round.isScriptDone || mIsDropped) {
-        return false;
-    }
-    for (const auto& exchange : round.exchanges) {
-        const Operation* operation = find(round, exchange->cause);
-        const bool mayEndHere =
-            !rulesOf(exchange->kind).sendsStaleRetry && operation && operation->supersedingBegan != 0;
-        if (!exchange->isDelivered || (!exchange->notified.empty() && !exchange->isReported) ||
-            (exchange->isRetried && !mayEndHere && !next(round, *exchange))) {
-            return false;
-        }
-    }
-    for (const Operation& operation : round.operations) {
-        const bool isLast = &operation == &round.operations.back();
-        if (operation.outcome == Operation::kWaitsForRoom && operation.reported != 1) {
-            return false;
-        }
-        if (operation.outcome == Operation::kRefused &&
-            (operation.reported != (operation.isReported ? operation.notified : 0) ||
-             (operation.notified == 0 && (isLast || operation.refusedEvenIfStale)))) {
-            return false;
-        }
-        if (operation.outcome == Operation::kSends && isLast &&
-            std::none_of(round.exchanges.begin(), round.exchanges.end(), [&](const std::shared_ptr<Exchange>& each) {
-                return each->cause == operation.cause && each->isReported;
-            })) {
-            return false;
-        }
-    }
-    return true;
-}
-
 void Account::completeIfDone(Family family) {
     Round& round = mRounds[family];
-    if (!isComplete(round)) {
+    if (mIsDropped) {
         return;
     }
-    for (const Operation& operation : round.operations) {
-        ++mLedger.operations;
-        mLedger.refused += operation.outcome == Operation::kRefused;
-        mLedger.deferred += operation.outcome == Operation::kWaitsForRoom;
-        mLedger.superseded += operation.outcome == Operation::kSends && &operation != &round.operations.back();
+    if (std::any_of(round.operations.begin(), round.operations.end(), isExceeded)) {
+        violation(Ledger::kDoubled, "more requests, reports or listener calls than the responses explain", family);
     }
-    for (const auto& exchange : round.exchanges) {
-        mLedger.succeeded += !exchange->notified.empty() && exchange->notified.back().code == 0;
+    if (!round.isScriptDone || !std::all_of(round.operations.begin(), round.operations.end(), isComplete)) {
+        return;
     }
-    round.operations = {};  // releases the memory
-    round.exchanges = {};
-    round.isScriptDone = false;
-    mLedger.onRoundCompleted(*this, family);
+    mLedger.operations += static_cast<int64_t>(round.operations.size());
+    round = Round();
+    mLedger.onRoundCompleted(mNumber, family);
 }
 
 // ---- All accounts ---------------------------------------------------------------------------------------------------
 
-thread_local Ledger::Delivery Ledger::tCurrentDelivery;
-
-std::shared_ptr<Account> Ledger::openAccount(const std::string& userId) {
-    const auto account = std::make_shared<Account>(*this, userId);
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mByUser[userId] = account;
-    mByStream["8888_" + kstmedia::getMD5("r1_" + userId + "_main")] = account;
-    return account;
+Ledger::Ledger(size_t accounts, std::function<void(size_t account, Family family)> onCompleted)
+    : onRoundCompleted(std::move(onCompleted)) {
+    for (size_t number = 0; number < accounts; ++number) {
+        mAccounts.push_back(std::make_unique<Account>(*this, number));
+    }
 }
 
-void Ledger::reportViolation(const char* rule, const std::string& what) {
-    constexpr int kMaxPrinted = 20;
-    if (++mViolations <= kMaxPrinted) {
-        std::fprintf(stderr, "%s: %s\n", rule, what.c_str());
+void Ledger::reportViolation(int rule, const std::string& what) {
+    constexpr int kMaxPrinted = 20;  // of each rule
+    static constexpr const char* kNames[] = {"lost", "doubled", "wrong"};
+    if (++violations[static_cast<size_t>(rule)] <= kMaxPrinted) {
+        std::fprintf(stderr, "%s: %s\n", kNames[rule], what.c_str());
     }
 }
 
@@ -490,81 +352,65 @@ size_t Ledger::inFlight() {
     return mInFlight.size();
 }
 
+Account* Ledger::accountOf(uint64_t cause) {
+    const uint64_t number = cause >> kAccountShift;
+    if (number == 0) {
+        reportViolation(kWrong, "a request, report or listener call without a cause");
+        return nullptr;
+    }
+    return mAccounts[number - 1].get();
+}
+
 void Ledger::installHooks() {
     vexalive::setHttpObserver([this](const HttpExchange& exchange) { observe(exchange); });
     vexalive::setEventSink([this](const vexalive::EventReport& report) {
-        std::shared_ptr<Account> account;
-        {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            for (const std::string room : {"r1_", "_"}) {  // the room has no name before it is first entered
-                if (report.roomUser.compare(0, room.size(), room) == 0 && !account) {
-                    const auto found = mByUser.find(report.roomUser.substr(room.size()));
-                    account = found == mByUser.end() ? nullptr : found->second;
-                }
-            }
-        }
-        if (account) {
-            account->reported(report);
-        } else {
-            ++wrong;
-            reportViolation("wrong", "a report of an unknown user: " + report.roomUser);
+        if (Account* const account = accountOf(Cause::current().id)) {
+            account->reported(Cause::current().id, report);
         }
     });
     vexalive::setLogSink([](auto&&...) {});
 }
 
+void Ledger::notified(Notification call) {
+    if (tDelivered) {
+        tDelivered->account->notified(tDelivered.get(), tDelivered->cause, std::move(call));
+    } else if (Account* const account = accountOf(Cause::current().id)) {
+        account->notified(nullptr, Cause::current().id, std::move(call));
+    }
+}
+
 void Ledger::observe(const HttpExchange& exchange) {
+    Cause& cause = Cause::current();
     if (exchange.phase == HttpExchange::kStarted) {
-        const std::string body(exchange.body);
-        const nlohmann::json fields = nlohmann::json::parse(body);
-        const Kind kind = exchange.interfaceName == "add_relay_stream_url"      ? kAddRelay
-                          : exchange.interfaceName == "remove_relay_stream_url" ? kRemoveRelay
-                          : fields.contains("use_mix_crop_center")              ? kStartMix
-                                                                                : kCancelMix;
-        std::shared_ptr<Account> account;
-        {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            account = mByStream.at(fields.at(familyOf(kind) == kRelay ? "stream_id" : "session_id"));
+        ++requests;
+        const Family family = exchange.interfaceName == rulesOf(kStartMix).interfaceName ? kMix : kRelay;
+        Account* const account = accountOf(cause.id);
+        const auto sent = account ? account->sent(family, cause.id, std::string(exchange.body)) : nullptr;
+        if (sent && exchange.interfaceName != rulesOf(sent->kind).interfaceName) {
+            reportViolation(kWrong, "a request to another interface: " + std::string(exchange.interfaceName));
         }
-        ++started;
-        Delivery delivery{account, account->sent(exchange.id, kind, Cause::current().id, body)};
         const std::lock_guard<std::mutex> lock(mMutex);
-        mInFlight[exchange.id] = std::move(delivery);
+        mInFlight[exchange.id] = sent;
         return;
     }
     const bool isCompleted = exchange.phase == HttpExchange::kCompleted;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         const auto found = mInFlight.find(exchange.id);
-        if (found == mInFlight.end() || found->second.exchange->isCompleted == isCompleted) {
-            ++doubled;
-            reportViolation("doubled", "an exchange ended twice, or was never sent");
+        if (found == mInFlight.end() || (found->second && found->second->isCompleted == isCompleted)) {
+            reportViolation(kDoubled, "an exchange ended twice, or was never sent");
             return;
         }
-        tCurrentDelivery = found->second;
+        tDelivered = found->second;
         if (!isCompleted) {
             mInFlight.erase(found);
         }
     }
-    Cause& cause = Cause::current();
-    if (isCompleted) {
-        tCurrentDelivery.account->completed(*tCurrentDelivery.exchange, exchange.retCode,
-                                            std::string(exchange.response));
-        cause = {tCurrentDelivery.exchange->cause, 0, 0};
-    } else {
-        ++delivered;
-        const Delivery ended = std::exchange(tCurrentDelivery, {});
-        ended.account->delivered(ended.exchange, cause.delayedPosts, cause.posts);
+    if (tDelivered && isCompleted) {
+        tDelivered->account->completed(*tDelivered, exchange.retCode, std::string(exchange.response));
+        cause = {tDelivered->cause, 0, 0};
+    } else if (const auto ended = std::exchange(tDelivered, nullptr)) {
+        ended->account->delivered(*ended, cause.delayedPosts, cause.posts);
         cause = {};
     }
-}
-
-void LedgerListener::notified(Notification call) {
-    if (mIsClosed) {
-        ++mLedger.doubled;
-        mLedger.reportViolation("doubled",
-                                mAccount->userId() + ": the listener was called after the end of its adapter");
-        return;
-    }
-    mAccount->notified(Ledger::tCurrentDelivery.exchange.get(), std::move(call));
 }

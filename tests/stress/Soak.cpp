@@ -1,38 +1,35 @@
-// Runs many adapters in one process for minutes against a service with injected faults, and compares what they do with
-// the oracle.
-//
-//     soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]
+// Runs many adapters in one process against a service with injected faults, and compares their behaviour with the
+// oracle.
 //
 // Exits with 0 if no rule was violated: no operation lost or doubled, none with another outcome than its rules give,
 // no request incomplete, and, in a run of five minutes or more, memory, threads and descriptors that do not grow. These
-// are looked at every half minute, when all work has come to its end and none begins.
+// are sampled every half minute, when all adapters are idle.
 
 #include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <queue>
 #include <random>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "Com/LiveTranscodingAdapter.h"
 #include "Ledger.h"
 #include "StressService.h"
+#include "support/Poll.h"
 #include "support/RoomMember.h"
 
 namespace {
@@ -40,53 +37,28 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr double kOperationsInARound = 1.6;  // about
+constexpr double kOperationsInARound = 1.6;  // on average
 constexpr int kRoundsBetweenJointOnes = 40;
-constexpr std::chrono::milliseconds kTimeout(20000);  // of a request: a busy machine is no fault of the service's
+constexpr std::chrono::seconds kRequestTimeout(20);  // longer than a busy machine delays a response
 constexpr std::chrono::seconds kSampleInterval(30);
-constexpr auto kRoundTimeout = std::chrono::seconds(300);  // with a round, before it counts as lost
-constexpr double kFlatPercent = 1.0;                       // of memory
-constexpr double kFlat = 10;                               // threads, or descriptors
+constexpr std::chrono::seconds kRoundTimeout(150);  // after which a round counts as lost
+constexpr double kMaxRisePercent = 1.0;             // of memory
+constexpr double kMaxRise = 10;                     // of threads, and of descriptors
 
 struct Options {
     int seconds = 600;
     int adapters = 1000;
-    double rate = 750;  // operations a second to aim at
+    double rate = 750;  // operations a second
     unsigned seed = 1;
     std::string samples;
 };
-
-Options optionsFrom(int argc, char** argv) {
-    Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string name = argv[i];
-        if (name == "--seconds") {
-            options.seconds = std::atoi(argv[i + 1]);
-        } else if (name == "--adapters") {
-            options.adapters = std::atoi(argv[i + 1]);
-        } else if (name == "--rate") {
-            options.rate = std::atof(argv[i + 1]);
-        } else if (name == "--seed") {
-            options.seed = static_cast<unsigned>(std::atoi(argv[i + 1]));
-        } else if (name == "--samples") {
-            options.samples = argv[i + 1];
-        } else {
-            argc = 0;
-        }
-    }
-    if (argc % 2 == 0 || options.seconds < 1 || options.adapters < 1 || options.rate <= 0) {
-        std::fprintf(stderr, "soak [--seconds N] [--adapters N] [--rate N] [--seed N] [--samples FILE]\n");
-        std::exit(2);
-    }
-    return options;
-}
 
 // ---- Resources of the idle process ----------------------------------------------------------------------------------
 
 struct Sample {
     double second;
     double allocated;  // KiB that the program has allocated
-    double resident;   // KiB that the system counts: those, what lies between them, stacks and code
+    double resident;   // KiB that the system counts
     double threads;
     double descriptors;
     double operations;
@@ -98,7 +70,7 @@ double countEntries(const char* folder) {
 }
 
 Sample sampleNow(double second, const Ledger& ledger) {
-    malloc_trim(0);  // back to the system with what is only held ready
+    malloc_trim(0);  // returns unused memory to the system
     long pages = 0;
     long resident = 0;
     std::ifstream("/proc/self/statm") >> pages >> resident;
@@ -111,7 +83,7 @@ Sample sampleNow(double second, const Ledger& ledger) {
             static_cast<double>(ledger.operations)};
 }
 
-// How much a straight line through the samples from `first` on rises, in units and in percent of its mean.
+// The rise of a straight line through the samples from second `first` on, in units and in percent of its mean.
 struct Rise {
     double units = 0;
     double percent = 0;
@@ -139,64 +111,49 @@ Rise riseOf(double Sample::*figure, const std::vector<Sample>& samples, double f
 
 // ---- The driver: one thread that calls all adapters -----------------------------------------------------------------
 
-enum class Action {
-    kStartRelay,
-    kRefusedRelay,
-    kStopRelay,
-    kSetMix,
-    kRefusedMix,
-    kRefusedUsers,
-    kCancelMix,
-    kEnterRoom,
-    kReset,
-    kDrop,
-};
+enum class Action { kStart, kRefusedStart, kStop, kEnterRoom, kReset, kDrop };
 
 struct Step {
     milliseconds pause;  // before it
-    Action call;
+    Action action;
+    Family family;
 };
 
-// One adapter after another under the same name.
+// One adapter after another of the same user.
 struct Slot {
     struct Lane {
         bool isBusy = false;
-        int epoch = 0;  // of its rounds: appointments made before are void
+        int epoch = 0;  // of its rounds: earlier appointments are void
         Clock::time_point since;
+        std::vector<Step> script;  // the remaining steps, the next one last; that of a joint round is the relay's
     };
-    std::string userId;
-    std::shared_ptr<Account> account;
-    std::shared_ptr<LedgerListener> listener;
-    std::shared_ptr<LiveTranscodingAdapter> adapter;
-    std::array<Lane, 2> lanes;
-    std::array<std::vector<Step>, 2>
-        scripts;  // the remaining steps, the next one last; that of a joint round is the relay's
+    size_t number;
+    Account* account;
+    std::shared_ptr<Listener> listener{};
+    std::shared_ptr<LiveTranscodingAdapter> adapter{};
+    std::array<Lane, 2> lanes{};
     bool isJointRound = false;
     bool needsJointRound = false;
     bool isInRoom = false;
     bool hasStarted = false;  // a relay or a mix, ever
-    int lastNumber = 0;
+    int lastNumber = 0;       // of its operations; makes parameters unique
+
+    std::string userId() const { return "user" + std::to_string(number); }
 };
 
 class Driver {
 public:
-    Driver(Ledger& ledger, const Options& options)
-        : mLedger(ledger), mOptions(options), mRandom(options.seed), mSlots(static_cast<size_t>(options.adapters)) {
-        mLedger.onRoundCompleted = [this](Account& account, Family family) {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            mSettled.push_back({&account, family});
-            mWork.notify_one();
-        };
-        for (size_t i = 0; i < mSlots.size(); ++i) {
-            Slot& slot = mSlots[i];
-            slot.userId = "user" + std::to_string(i);
-            slot.account = mLedger.openAccount(slot.userId);
-            mSlotOf[slot.account.get()] = &slot;
+    explicit Driver(const Options& options) : mOptions(options), mRandom(options.seed) {
+        for (size_t number = 0; number < static_cast<size_t>(options.adapters); ++number) {
+            Slot& slot = mSlots.emplace_back(Slot{number, &mLedger.account(number)});
             createAdapter(slot);
             scheduleRound(slot, kRelay);
             scheduleRound(slot, kMix);
         }
+        mLedger.installHooks();
     }
+
+    Ledger& ledger() { return mLedger; }
 
     // Runs until the time is over and every round is complete; pauses regularly to take a sample.
     std::vector<Sample> run() {
@@ -222,14 +179,14 @@ public:
             if (!mAppointments.empty()) {
                 wake = std::min(wake, mAppointments.top().when);
             }
-            std::vector<std::pair<Account*, Family>> settled;
+            std::vector<std::pair<size_t, Family>> settled;
             {
                 std::unique_lock<std::mutex> lock(mMutex);
                 mWork.wait_until(lock, wake, [this] { return !mSettled.empty(); });
                 settled.swap(mSettled);
             }
-            for (const auto& [account, family] : settled) {
-                Slot& slot = *mSlotOf.at(account);
+            for (const auto& [number, family] : settled) {
+                Slot& slot = mSlots[number];
                 slot.lanes[family].isBusy = false;
                 scheduleRound(slot, family);
             }
@@ -258,9 +215,13 @@ private:
 
     void createAdapter(Slot& slot) {
         slot.adapter = std::make_shared<LiveTranscodingAdapter>();
-        slot.listener = std::make_shared<LedgerListener>(mLedger, slot.account);
+        slot.listener = std::make_shared<Listener>();
+        slot.listener->during = [this, &calls = slot.listener->calls](const Call& call) {
+            mLedger.notified(call);
+            calls.clear();  // bounds the memory
+        };
         slot.adapter->setLiveTranscodingDelegate(slot.listener);
-        slot.adapter->updateUserInfo(1400, "signature", slot.userId);
+        slot.adapter->updateUserInfo(1400, "signature", slot.userId());
         slot.isInRoom = slot.hasStarted = false;
     }
 
@@ -272,7 +233,6 @@ private:
         while (!adapter.expired()) {
             std::this_thread::sleep_for(milliseconds(1));
         }
-        slot.listener->close();
         slot.account->endDrop();
     }
 
@@ -287,7 +247,7 @@ private:
                 Slot::Lane& lane = slot.lanes[family];
                 if (lane.isBusy && Clock::now() - lane.since > kRoundTimeout) {
                     slot.account->abandonRound(family);
-                    lane.isBusy = false;  // for good: there is no next appointment
+                    lane.isBusy = false;  // without a further appointment
                 }
             }
         }
@@ -320,13 +280,13 @@ private:
     void beginRound(Slot& slot, Family family) {
         slot.needsJointRound = slot.needsJointRound || !slot.isInRoom || randomBelow(kRoundsBetweenJointOnes) == 0;
         if (!slot.needsJointRound) {
-            slot.scripts[family] = scriptOf(family);
+            slot.lanes[family].script = scriptOf(family);
             markBusy(slot, family);
             performStep(slot, family);
         } else if (!slot.lanes[kRelay].isBusy && !slot.lanes[kMix].isBusy) {
             slot.isJointRound = true;
             slot.needsJointRound = false;
-            slot.scripts[kRelay] = jointRoundOf(slot);
+            slot.lanes[kRelay].script = jointRoundOf(slot);
             markBusy(slot, kRelay);
             markBusy(slot, kMix);
             performStep(slot, kRelay);
@@ -341,13 +301,13 @@ private:
     }
 
     void performStep(Slot& slot, Family family) {
-        std::vector<Step>& script = slot.scripts[family];
-        const Action call = script.back().call;
+        std::vector<Step>& script = slot.lanes[family].script;
+        const Step step = script.back();
         script.pop_back();
-        perform(slot, call);
+        perform(slot, step);
         if (!script.empty()) {
             mAppointments.push({Clock::now() + script.back().pause, &slot, family, slot.lanes[family].epoch});
-        } else if (call == Action::kDrop) {
+        } else if (step.action == Action::kDrop) {
             slot.lanes[kRelay].isBusy = slot.lanes[kMix].isBusy = false;
             slot.isJointRound = false;
             scheduleRound(slot, kRelay);
@@ -366,146 +326,107 @@ private:
     // One operation, or a few of which each makes the one before stale.
     std::vector<Step> scriptOf(Family family) {
         std::vector<Step> script;
-        bool hasRefusedUsers = false;
         for (int count = randomBelow(4) == 0 ? 2 + randomBelow(2) : 1; count > 0; --count) {
             const int roll = randomBelow(20);
-            const Action relay = roll < 11   ? Action::kStartRelay
-                                 : roll < 19 ? Action::kStopRelay
-                                             : Action::kRefusedRelay;
-            // One refusal of users at most: of two in a row only the second must be notified, and they are equal.
-            const Action mix = roll < 11                      ? Action::kSetMix
-                               : roll < 18                    ? Action::kCancelMix
-                               : roll < 19 || hasRefusedUsers ? Action::kRefusedMix
-                                                              : Action::kRefusedUsers;
-            hasRefusedUsers = hasRefusedUsers || mix == Action::kRefusedUsers;
-            script.push_back({shortPause(), family == kRelay ? relay : mix});
+            const Action action = roll < 11 ? Action::kStart : roll < 19 ? Action::kStop : Action::kRefusedStart;
+            script.push_back({shortPause(), action, family});
             if (randomBelow(10) == 0) {
-                script.push_back({shortPause(), Action::kEnterRoom});  // once more: nothing waits for it
+                script.push_back({shortPause(), Action::kEnterRoom, family});  // no start waits for it
             }
         }
         return script;
     }
 
-    // A round that involves relay and mix. Steps are in reverse order.
+    // A round of both families. The steps are in reverse order.
     std::vector<Step> jointRoundOf(const Slot& slot) {
         const milliseconds pause = shortPause();
+        const milliseconds none(0);
         if (!slot.hasStarted && randomBelow(2) == 0) {
-            return {{pause, Action::kCancelMix}, {pause, Action::kStopRelay}};
+            return {{pause, Action::kStop, kMix}, {pause, Action::kStop, kRelay}};
         }
         std::vector<Step> script = {
-            {pause, Action::kEnterRoom}, {milliseconds(0), Action::kSetMix}, {milliseconds(0), Action::kStartRelay}};
+            {pause, Action::kEnterRoom, kRelay}, {none, Action::kStart, kMix}, {none, Action::kStart, kRelay}};
         if (!slot.isInRoom) {
             return script;
         }
         if (randomBelow(2) == 0) {
-            return {{pause, Action::kDrop}, {milliseconds(0), Action::kSetMix}, {pause, Action::kStartRelay}};
+            return {{pause, Action::kDrop, kRelay}, {none, Action::kStart, kMix}, {pause, Action::kStart, kRelay}};
         }
-        script.push_back({pause, Action::kReset});
-        script.push_back({milliseconds(0), Action::kSetMix});
-        script.push_back({pause, Action::kStopRelay});
+        script.push_back({pause, Action::kReset, kRelay});
+        script.push_back({none, Action::kStart, kMix});
+        script.push_back({pause, Action::kStop, kRelay});
         return script;
     }
 
-    void perform(Slot& slot, Action call) {
-        LiveTranscodingAdapter& adapter = *slot.adapter;
-        const int number = ++slot.lastNumber;
-        const auto outcome = slot.isInRoom ? Operation::kSends : Operation::kWaitsForRoom;
-        switch (call) {
-            case Action::kStartRelay: {
-                auto param = relayParam();
-                param.url = "rtmp://cdn.example/" + slot.userId + "/" + std::to_string(number);
-                slot.account->beginOperation({oracle::kAddRelay, number, outcome, param.to_string()});
+    void perform(Slot& slot, const Step& step) {
+        Account& account = *slot.account;
+        switch (step.action) {
+            case Action::kStart:
+                start(slot, step.family, slot.isInRoom ? Operation::kSends : Operation::kWaitsForRoom);
                 slot.hasStarted = true;
-                adapter.startPublishStreamUrl(param);
                 break;
-            }
-            case Action::kRefusedRelay: {
-                kstmedia::VexaPublishCDNParamInternal param;
-                param.appId = number;
-                slot.account->beginOperation(
-                    {oracle::kAddRelay,
-                     number,
-                     Operation::kRefused,
-                     param.to_string(),
-                     {"startRelay", -3323, "startPublishStreamUrl failure, param is invalid"}});
-                adapter.startPublishStreamUrl(param);
+            case Action::kRefusedStart:
+                start(slot, step.family, Operation::kRefused);
                 break;
-            }
-            case Action::kStopRelay:
-                slot.account->beginOperation(
-                    {oracle::kRemoveRelay,
-                     number,
-                     slot.hasStarted ? Operation::kSends : Operation::kRefused,
-                     "",
-                     {"stopMix", -3323,
-                      "stopPublishStreamUrl error, appid = 0, should call startPublishStreamUrl before"},
-                     false});
-                adapter.stopPublishStreamUrl();
-                break;
-            case Action::kSetMix:
-            case Action::kRefusedMix:
-            case Action::kRefusedUsers: {
-                auto config = mixConfig(2 + randomBelow(4));
-                config.videoBitrate = number;
-                Operation operation{oracle::kStartMix, number, outcome};
-                if (call == Action::kRefusedMix) {
-                    config.bizId = 0;
-                    operation.outcome = Operation::kRefused;
-                    operation.refusal = {"startRelay", -3324, "setLiveMixTranscoding failure, param is invalid"};
-                } else if (call == Action::kRefusedUsers) {
-                    config.mixUsersArray[0].zOrder = config.mixUsersArray[1].zOrder;
-                    operation.outcome = Operation::kRefused;
-                    operation.refusal = {"startRelay", -3324, "mixUsersArray is invalid"};
-                    operation.refusedEvenIfStale = false;
-                } else {
-                    slot.hasStarted = true;
-                }
-                operation.information = config.to_string();
-                slot.account->beginOperation(operation);
-                adapter.setLiveMixTranscoding(config);
-                break;
-            }
-            case Action::kCancelMix:
-                slot.account->beginOperation(
-                    {oracle::kCancelMix,
-                     number,
-                     slot.hasStarted ? Operation::kSends : Operation::kRefused,
-                     "",
-                     {"stopMix", -3324,
-                      "stopLiveMixTranscoding error, appid = 0, should call startMixTranscoding before"},
-                     false});
-                adapter.stopLiveMixTranscoding();
+            case Action::kStop:
+                account.beginOperation({step.family == kRelay ? oracle::kRemoveRelay : oracle::kCancelMix,
+                                        slot.hasStarted ? Operation::kSends : Operation::kRefused, ""});
+                step.family == kRelay ? slot.adapter->stopPublishStreamUrl() : slot.adapter->stopLiveMixTranscoding();
                 break;
             case Action::kEnterRoom:
-                slot.account->beginRoomEntry();
+                account.beginRoomEntry();
                 slot.isInRoom = true;
-                adapter.updateEnterRoomInfo("r1", "key");
+                slot.adapter->updateEnterRoomInfo("r1", "key");
                 break;
             case Action::kReset:
-                slot.account->beginReset();
+                account.beginReset();
                 slot.isInRoom = false;
-                adapter.resetInfo();
+                slot.adapter->resetInfo();
                 break;
             case Action::kDrop:
                 drop(slot);
                 createAdapter(slot);
                 break;
         }
-        slot.account->endCall();
+        account.endCall();
     }
 
-    Ledger& mLedger;
+    // The operation's number is part of the information and, if it is sent, of the request.
+    void start(Slot& slot, Family family, Operation::Outcome outcome) {
+        const int number = ++slot.lastNumber;
+        const bool isRefused = outcome == Operation::kRefused;
+        if (family == kRelay) {
+            auto param = relayParam();
+            param.url = "rtmp://cdn.example/" + slot.userId() + "/" + std::to_string(number);
+            param.bizId = isRefused ? 0 : param.bizId;
+            slot.account->beginOperation({oracle::kAddRelay, outcome, param.to_string()});
+            slot.adapter->startPublishStreamUrl(param);
+        } else {
+            auto config = mixConfig(2 + randomBelow(4));
+            config.videoBitrate = number;
+            config.bizId = isRefused ? 0 : config.bizId;
+            slot.account->beginOperation({oracle::kStartMix, outcome, config.to_string()});
+            slot.adapter->setLiveMixTranscoding(config);
+        }
+    }
+
     const Options mOptions;
     std::mt19937 mRandom;
-    std::vector<Slot> mSlots;
-    std::unordered_map<Account*, Slot*> mSlotOf;
+    std::deque<Slot> mSlots;
     std::priority_queue<Appointment> mAppointments;
     bool mIsClosing = false;
     bool mIsPausing = false;  // no round begins until all have ended
 
     std::mutex mMutex;
     std::condition_variable mWork;
-    std::vector<std::pair<Account*, Family>> mSettled;
+    std::vector<std::pair<size_t, Family>> mSettled;
+
+    // The platform's threads may still use it at exit.
+    Ledger& mLedger = *new Ledger(static_cast<size_t>(mOptions.adapters), [this](size_t number, Family family) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mSettled.push_back({number, family});
+        mWork.notify_one();
+    });
 };
 
 void allowDescriptors() {
@@ -522,33 +443,37 @@ long long count(const std::atomic<int64_t>& figure) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Options options = optionsFrom(argc, argv);
+    Options options;
+    CLI::App app("Runs many adapters against a service with injected faults");
+    app.add_option("--seconds", options.seconds)->check(CLI::PositiveNumber)->capture_default_str();
+    app.add_option("--adapters", options.adapters)->check(CLI::PositiveNumber)->capture_default_str();
+    app.add_option("--rate", options.rate, "operations a second")->check(CLI::PositiveNumber)->capture_default_str();
+    app.add_option("--seed", options.seed)->capture_default_str();
+    app.add_option("--samples", options.samples, "write the samples to this file");
+    CLI11_PARSE(app, argc, argv);
+
     allowDescriptors();
     StressService service("random", options.seed);
     vexalive::HttpOptions httpOptions;
     httpOptions.caFile = service.caFile();
-    httpOptions.connectTimeout = httpOptions.totalTimeout = kTimeout;
+    httpOptions.connectTimeout = httpOptions.totalTimeout = kRequestTimeout;
     vexalive::setHttpOptions(httpOptions);
 
     std::printf("%d adapters for %d s, seed %u\n", options.adapters, options.seconds, options.seed);
-    static Ledger& ledger = *new Ledger();  // the platform's threads may still use it at exit
-    ledger.installHooks();
-    Driver driver(ledger, options);
+    Driver driver(options);
+    Ledger& ledger = driver.ledger();
     const std::vector<Sample> samples = driver.run();
     driver.dropAll();
-    for (const auto patience = Clock::now() + kRoundTimeout; ledger.inFlight() > 0 && Clock::now() < patience;) {
-        std::this_thread::sleep_for(milliseconds(10));
-    }
-    const auto incomplete = static_cast<long long>(ledger.inFlight());
+    pollUntil([&] { return ledger.inFlight() == 0; }, kRoundTimeout);
+    const size_t incomplete = ledger.inFlight();
 
-    std::printf("operations %lld: succeeded %lld, refused %lld, waited for the room %lld, superseded %lld\n",
-                count(ledger.operations), count(ledger.succeeded), count(ledger.refused), count(ledger.deferred),
-                count(ledger.superseded));
-    std::printf("of adapters dropped meanwhile %lld\n", count(ledger.abandoned));
-    std::printf("requests %lld, completed %lld, of which retried %lld; failed eleven times %lld\n",
-                count(ledger.started), count(ledger.delivered), count(ledger.retries), count(ledger.exhausted));
-    std::printf("lost %lld, doubled %lld, wrong %lld, incomplete %lld\n", count(ledger.lost), count(ledger.doubled),
-                count(ledger.wrong), incomplete);
+    std::printf("operations %lld, and %lld of adapters destroyed meanwhile\n", count(ledger.operations),
+                count(ledger.abandoned));
+    std::printf("requests %lld, retries %lld, requests that failed eleven times %lld\n", count(ledger.requests),
+                count(ledger.retries), count(ledger.exhausted));
+    const std::array<int, 3> violations = {ledger.violations[0], ledger.violations[1], ledger.violations[2]};
+    std::printf("lost %d, doubled %d, wrong %d, incomplete %zu\n", violations[Ledger::kLost],
+                violations[Ledger::kDoubled], violations[Ledger::kWrong], incomplete);
 
     const double first = std::min(120.0, options.seconds / 5.0);
     const Rise memory = riseOf(&Sample::allocated, samples, first);
@@ -558,8 +483,8 @@ int main(int argc, char** argv) {
     const Sample& last = samples.back();
     std::printf("from second %.0f on: memory %+.2f %% (resident %+.2f %%), threads %+.1f, descriptors %+.1f\n", first,
                 memory.percent, resident.percent, threads.units, descriptors.units);
-    std::printf("at the last rest: %.1f MiB (resident %.1f MiB), %.0f threads, %.0f descriptors\n",
-                last.allocated / 1024, last.resident / 1024, last.threads, last.descriptors);
+    std::printf("at the end: %.1f MiB (resident %.1f MiB), %.0f threads, %.0f descriptors\n", last.allocated / 1024,
+                last.resident / 1024, last.threads, last.descriptors);
     if (!options.samples.empty()) {
         std::ofstream file(options.samples);
         file << "second,allocated,resident,threads,descriptors,operations\n";
@@ -568,12 +493,12 @@ int main(int argc, char** argv) {
                  << each.descriptors << ',' << each.operations << '\n';
         }
     }
-    const bool grows =
-        options.seconds >= 300 && (memory.percent > kFlatPercent || threads.units > kFlat || descriptors.units > kFlat);
+    const bool grows = options.seconds >= 300 &&
+                       (memory.percent > kMaxRisePercent || threads.units > kMaxRise || descriptors.units > kMaxRise);
     if (grows) {
-        std::printf("something grows\n");
+        std::printf("memory, threads or descriptors grow\n");
     }
-    const bool isClean = ledger.violations() == 0 && incomplete == 0 && !grows && ledger.operations > 0;
+    const bool isClean = violations == std::array<int, 3>{} && incomplete == 0 && !grows && ledger.operations > 0;
     std::printf("%s\n", isClean ? "no rule was violated" : "A RULE WAS VIOLATED");
     return isClean ? 0 : 1;
 }
