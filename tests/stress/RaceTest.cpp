@@ -1,6 +1,6 @@
 // Adapters that several threads and their listeners call, and that are destroyed at any point: no listener call follows
-// the destruction, no resource remains, every request completes once, and the last operation is carried out. Which of
-// two calls supersedes the other is chance. Meant for ThreadSanitizer and AddressSanitizer above all.
+// the destruction, no resource remains, every request completes once, and the last operation is executed. Which of
+// two concurrent calls supersedes the other is not determined. Mainly for ThreadSanitizer and AddressSanitizer.
 
 #include <gtest/gtest.h>
 
@@ -26,12 +26,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// ---- Adapters whose end is watched ----------------------------------------------------------------------------------
+// ---- Adapters whose destruction is observed -------------------------------------------------------------------------
 
-std::atomic<int> living{0};
-std::atomic<int> callsAfterTheEnd{0};
+std::atomic<int> adaptersAlive{0};
+std::atomic<int> callsAfterDestruction{0};
 
-class WatchingListener : public ILiveTrancodingDelegate {
+class CountingListener : public ILiveTrancodingDelegate {
 public:
     void onStartPublishStreamUrl(int, std::string) override { notified(); }
     void onStopPublishStreamUrl(int, std::string) override { notified(); }
@@ -40,11 +40,11 @@ public:
 
     std::function<void()> during;
     std::atomic<int> calls{0};
-    std::atomic<bool> adapterIsGone{false};
+    std::atomic<bool> isAdapterDestroyed{false};
 
 private:
     void notified() {
-        callsAfterTheEnd += adapterIsGone;
+        callsAfterDestruction += isAdapterDestroyed;
         ++calls;
         if (during) {
             during();
@@ -55,14 +55,14 @@ private:
 using AdapterPointer = std::shared_ptr<LiveTranscodingAdapter>;
 
 // The thread that drops the last reference destroys it: its listener is not called from that moment on.
-AdapterPointer makeAdapter(const std::shared_ptr<WatchingListener>& listener, const std::string& userId) {
-    ++living;
+AdapterPointer makeAdapter(const std::shared_ptr<CountingListener>& listener, const std::string& userId) {
+    ++adaptersAlive;
     const AdapterPointer adapter(new LiveTranscodingAdapter(),
                                  [notified = listener](LiveTranscodingAdapter* itself) mutable {
-                                     notified->adapterIsGone = true;
+                                     notified->isAdapterDestroyed = true;
                                      delete itself;
                                      notified.reset();  // it may own an object that owns this function
-                                     --living;
+                                     --adaptersAlive;
                                  });
     adapter->setLiveTranscodingDelegate(listener);
     adapter->updateUserInfo(1400, "signature", userId);
@@ -83,9 +83,9 @@ protected:
         const char* given = std::getenv("VEXALIVE_SEED");
         mSeed = given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
         std::printf("VEXALIVE_SEED=%u\n", mSeed);
-        callsAfterTheEnd = 0;
+        callsAfterDestruction = 0;
         vexalive::setHttpObserver([this](const vexalive::HttpExchange& exchange) {
-            happened();
+            countEvent();
             const std::lock_guard<std::mutex> lock(mMutex);
             int& phases = mPhases[exchange.id];
             mMisplaced += phases != exchange.phase;
@@ -93,9 +93,9 @@ protected:
             mOpen += exchange.phase == vexalive::HttpExchange::kStarted;
             mOpen -= exchange.phase == vexalive::HttpExchange::kDelivered;
         });
-        vexalive::setLogSink([this](auto&&...) { happened(); });
+        vexalive::setLogSink([this](auto&&...) { countEvent(); });
         vexalive::setEventSink([this](const vexalive::EventReport& report) {
-            happened();
+            countEvent();
             const std::lock_guard<std::mutex> lock(mMutex);
             for (auto& [text, count] : mReportsWith) {
                 count += (report.roomUser + "\n" + report.detail).find(text) != std::string::npos;
@@ -104,39 +104,39 @@ protected:
     }
 
     ~Races() override {
-        awaitNone(living);
+        awaitNone(adaptersAlive);
         awaitNone(mOpen);
         vexalive::setHttpObserver(nullptr);
         vexalive::setLogSink(nullptr);
         vexalive::setEventSink(nullptr);
-        EXPECT_EQ(0, callsAfterTheEnd);
+        EXPECT_EQ(0, callsAfterDestruction);
         const std::lock_guard<std::mutex> lock(mMutex);
         EXPECT_EQ(0, mMisplaced);
         EXPECT_FALSE(mPhases.empty());
     }
 
-    void happened() {
-        if (mLeft > 0 && --mLeft == 0) {
-            mAtLast();
+    void countEvent() {
+        if (mEventsLeft > 0 && --mEventsLeft == 0) {
+            mAfterEvents();
         }
     }
 
-    // Waits for the report that `operation` makes, with this text in it, which none had before.
+    // Waits for the first report that contains this text, which `operation` makes.
     template <class F>
     void awaitReportWith(const std::string& text, F operation) {
         const auto reports = [&] {
             const std::lock_guard<std::mutex> lock(mMutex);
             return mReportsWith[text];
         };
-        EXPECT_EQ(0, reports()) << text;  // is looked for from here on
+        EXPECT_EQ(0, reports()) << text;  // counted from now on
         operation();
         EXPECT_TRUE(pollUntil([&] { return reports() > 0; })) << text;
     }
 
     unsigned mSeed;
-    std::atomic<int> mOpen{0};  // requests
-    std::atomic<int> mLeft{0};  // things to happen before mAtLast, once
-    std::function<void()> mAtLast;
+    std::atomic<int> mOpen{0};        // requests
+    std::atomic<int> mEventsLeft{0};  // until mAfterEvents is called
+    std::function<void()> mAfterEvents;
 
 private:
     std::mutex mMutex;
@@ -145,31 +145,28 @@ private:
     std::map<std::string, int> mReportsWith;
 };
 
-// One of the operations; `dice` chooses it.
-void anyOperation(LiveTranscodingAdapter& adapter, const std::shared_ptr<WatchingListener>& listener,
+// One of the operations, chosen by `dice`.
+void anyOperation(LiveTranscodingAdapter& adapter, const std::shared_ptr<CountingListener>& listener,
                   unsigned long dice) {
-    const unsigned long roll = dice % 16;
-    if (roll < 3) {
-        adapter.startPublishStreamUrl(relayParam());
-    } else if (roll < 5) {
-        adapter.stopPublishStreamUrl();
-    } else if (roll < 8) {
-        adapter.setLiveMixTranscoding(mixConfig(1 + static_cast<int>(dice / 16 % 4)));
-    } else if (roll < 10) {
-        adapter.stopLiveMixTranscoding();
-    } else if (roll == 10) {
-        adapter.startPublishStreamUrl({});
-    } else if (roll == 11) {
-        adapter.setLiveMixTranscoding({});
-    } else if (roll == 12) {
-        adapter.updateEnterRoomInfo("r1", "key");
-    } else if (roll == 13) {
-        adapter.setLiveTranscodingDelegate(listener);
-    } else if (roll == 14) {
-        adapter.clear();
-    } else {
-        adapter.resetInfo();
-        adapter.updateEnterRoomInfo("r1", "key");
+    using namespace oracle;
+    static constexpr Kind kKinds[] = {kAddRelay, kAddRelay, kAddRelay, kRemoveRelay, kRemoveRelay,
+                                      kStartMix, kStartMix, kStartMix, kCancelMix,   kCancelMix};
+    switch (const unsigned long roll = dice % 16) {
+        case 10:
+            return adapter.startPublishStreamUrl({});
+        case 11:
+            return static_cast<void>(adapter.setLiveMixTranscoding({}));
+        case 12:
+            return adapter.updateEnterRoomInfo("r1", "key");
+        case 13:
+            return adapter.setLiveTranscodingDelegate(listener);
+        case 14:
+            return adapter.clear();
+        case 15:
+            adapter.resetInfo();
+            return adapter.updateEnterRoomInfo("r1", "key");
+        default:
+            return callOperation(adapter, kKinds[roll], 1 + static_cast<int>(dice / 16 % 4));
     }
 }
 
@@ -177,7 +174,7 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
     struct Slot {
         std::mutex mutex;
         AdapterPointer adapter;
-        std::shared_ptr<WatchingListener> listener;
+        std::shared_ptr<CountingListener> listener;
     };
     constexpr size_t kSlots = 16;
     constexpr int kThreads = 4;
@@ -189,7 +186,7 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
         const std::lock_guard<std::mutex> lock(slots[index].mutex);
         return std::make_pair(slots[index].adapter, slots[index].listener);
     };
-    const auto put = [&](size_t index, AdapterPointer adapter, std::shared_ptr<WatchingListener> listener) {
+    const auto put = [&](size_t index, AdapterPointer adapter, std::shared_ptr<CountingListener> listener) {
         Slot& slot = slots[index];
         const std::lock_guard<std::mutex> lock(slot.mutex);
         slot.adapter.swap(adapter);
@@ -198,7 +195,7 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
     std::atomic<int> reentered{0};
     std::atomic<bool> isEnding{false};
     const std::function<void(size_t)> replace = [&](size_t index) {
-        const auto listener = std::make_shared<WatchingListener>();
+        const auto listener = std::make_shared<CountingListener>();
         listener->during = [&, index] {
             std::mt19937 random(++seed);
             if (isEnding) {
@@ -244,30 +241,30 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
     for (size_t i = 0; i < kSlots; ++i) {
         put(i, nullptr, nullptr);
     }
-    awaitNone(living);
+    awaitNone(adaptersAlive);
     awaitNone(mOpen);
     EXPECT_GT(reentered, 0);
     std::printf("%d listener calls called again\n", reentered.load());
 }
 
 // Drops the adapter inside a log line, an exchange's phase, a report or a listener call, on the thread that it runs on.
-TEST_F(Races, AnAdapterMayBeDroppedAtTheNthThingThatHappens) {
-    constexpr int kThings = 60;
+TEST_F(Races, AdapterMayBeDroppedAtTheNthEvent) {
+    constexpr int kEvents = 60;
     std::mutex mutex;
     AdapterPointer owner;
     std::atomic<bool> isDropped{false};
-    mAtLast = [&] {
-        AdapterPointer dropped;  // goes after the lock
+    mAfterEvents = [&] {
+        AdapterPointer dropped;  // destroyed after the lock is released
         const std::lock_guard<std::mutex> lock(mutex);
         dropped.swap(owner);
         isDropped = true;
     };
-    for (int n = 1; n <= kThings; ++n) {
-        const auto listener = std::make_shared<WatchingListener>();
+    for (int n = 1; n <= kEvents; ++n) {
+        const auto listener = std::make_shared<CountingListener>();
         AdapterPointer adapter = makeAdapter(listener, "u-dropped");
-        // Each call leads to the next, so that there is an nth thing.
+        // Each call leads to the next, so that there is an nth event.
         listener->during = [this, calls = listener.get(), weak = std::weak_ptr<LiveTranscodingAdapter>(adapter)] {
-            happened();
+            countEvent();
             if (const AdapterPointer itself = weak.lock()) {
                 anyOperation(*itself, nullptr, calls->calls % 2 == 0 ? 0 : 10);
                 anyOperation(*itself, nullptr, calls->calls % 4 == 0 ? 5 : 8);
@@ -278,20 +275,20 @@ TEST_F(Races, AnAdapterMayBeDroppedAtTheNthThingThatHappens) {
             owner = adapter;
             isDropped = false;
         }
-        mLeft = n;
+        mEventsLeft = n;
         adapter->startPublishStreamUrl(relayParam());
         adapter->setLiveMixTranscoding(mixConfig());
         adapter.reset();
-        EXPECT_TRUE(pollUntil([&] { return isDropped.load(); })) << "after " << n << " things";
-        mLeft = 0;
-        mAtLast();
-        awaitNone(living);
+        EXPECT_TRUE(pollUntil([&] { return isDropped.load(); })) << "after " << n << " events";
+        mEventsLeft = 0;
+        mAfterEvents();
+        awaitNone(adaptersAlive);
     }
 }
 
-TEST_F(Races, TheLastOfManyThreadsCallsIsCarriedOut) {
+TEST_F(Races, LastCallOfManyThreadsIsExecuted) {
     for (int round = 0; round < 20; ++round) {
-        const auto listener = std::make_shared<WatchingListener>();
+        const auto listener = std::make_shared<CountingListener>();
         const AdapterPointer adapter = makeAdapter(listener, "u-many");
         std::vector<std::thread> threads;
         for (unsigned i = 0; i < 4; ++i) {
@@ -318,9 +315,9 @@ TEST_F(Races, TheLastOfManyThreadsCallsIsCarriedOut) {
     }
 }
 
-TEST_F(Races, AnAdapterCalledFromItsOwnListenerGoesOnForAsLongAsItIsCalled) {
+TEST_F(Races, AdapterMayBeCalledFromItsOwnListenerAgainAndAgain) {
     constexpr int kCalls = 200;
-    const auto listener = std::make_shared<WatchingListener>();
+    const auto listener = std::make_shared<CountingListener>();
     AdapterPointer adapter = makeAdapter(listener, "u-reentered");
     Journal<bool> done;
     const std::weak_ptr<LiveTranscodingAdapter> weak = adapter;
@@ -337,36 +334,36 @@ TEST_F(Races, AnAdapterCalledFromItsOwnListenerGoesOnForAsLongAsItIsCalled) {
     adapter->startPublishStreamUrl(relayParam());
     EXPECT_FALSE(done.waitFor(1).empty());
     adapter.reset();
-    awaitNone(living);
+    awaitNone(adaptersAlive);
 }
 
-TEST_F(Races, AListenerThatBlocksUntilOthersHaveGoneOnHoldsUpNobody) {
+TEST_F(Races, BlockedListenerDoesNotDelayOtherAdapters) {
     constexpr int kBlocks = 40;
     constexpr int kMeanwhile = 4;  // starts of the others
     std::atomic<int> others{0};
     std::atomic<bool> isOver{false};
     Journal<bool> done;
     std::vector<AdapterPointer> adapters;
-    // Each goes on by starting again from its listener.
-    const auto go = [&](const std::string& userId, std::function<bool()> isToGoOn) {
-        const auto listener = std::make_shared<WatchingListener>();
+    // Each adapter starts again from its listener.
+    const auto startAgain = [&](const std::string& userId, std::function<bool()> isToContinue) {
+        const auto listener = std::make_shared<CountingListener>();
         adapters.push_back(makeAdapter(listener, userId));
-        listener->during = [isToGoOn = std::move(isToGoOn), weak = std::weak_ptr(adapters.back())] {
+        listener->during = [isToContinue = std::move(isToContinue), weak = std::weak_ptr(adapters.back())] {
             const AdapterPointer itself = weak.lock();
-            if (isToGoOn() && itself) {
+            if (isToContinue() && itself) {
                 itself->startPublishStreamUrl(relayParam());
             }
         };
         adapters.back()->startPublishStreamUrl(relayParam());
     };
     for (const char* userId : {"u-busy", "u-busy-too"}) {
-        go(userId, [&] {
+        startAgain(userId, [&] {
             ++others;
             return !isOver;
         });
     }
     int blocks = 0;
-    go("u-blocked", [&] {
+    startAgain("u-blocked", [&] {
         const int enough = others + kMeanwhile;
         EXPECT_TRUE(pollUntil([&] { return others >= enough; })) << "in call " << blocks;
         isOver = ++blocks == kBlocks || others < enough;
@@ -378,7 +375,7 @@ TEST_F(Races, AListenerThatBlocksUntilOthersHaveGoneOnHoldsUpNobody) {
     EXPECT_FALSE(done.waitFor(1).empty());
     awaitNone(mOpen);
     adapters.clear();
-    awaitNone(living);
+    awaitNone(adaptersAlive);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// A process without free descriptors or threads, or with a listener that blocks. Each test needs a
-// process of its own: the engine of the platform starts once.
+// A process without free descriptors or threads, or with a callback that blocks. Each test needs a process of its own,
+// since the engine of the platform starts once.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -50,25 +50,25 @@ std::shared_ptr<Journal<int>> observeRetCodes() {
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------------
 
-// All descriptors of the process but a few, until destroyed.
-class Hoard {
+// Leaves `free` descriptors to the process until destroyed.
+class DescriptorShortage {
 public:
-    explicit Hoard(size_t left) {
+    explicit DescriptorShortage(size_t free) {
         getrlimit(RLIMIT_NOFILE, &mBefore);
-        rlimit tight = mBefore;
-        tight.rlim_cur = std::min<rlim_t>(128, mBefore.rlim_cur);
-        setrlimit(RLIMIT_NOFILE, &tight);
-        for (int taken = open("/dev/null", O_RDONLY); taken >= 0; taken = dup(mTaken.front())) {
-            mTaken.push_back(taken);
+        rlimit limit = mBefore;
+        limit.rlim_cur = std::min<rlim_t>(128, mBefore.rlim_cur);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        for (int next = open("/dev/null", O_RDONLY); next >= 0; next = dup(mOpen.front())) {
+            mOpen.push_back(next);
         }
-        for (; left > 0 && !mTaken.empty(); --left) {
-            close(mTaken.back());
-            mTaken.pop_back();
+        for (; free > 0 && !mOpen.empty(); --free) {
+            close(mOpen.back());
+            mOpen.pop_back();
         }
     }
 
-    ~Hoard() {
-        for (const int each : mTaken) {
+    ~DescriptorShortage() {
+        for (const int each : mOpen) {
             close(each);
         }
         setrlimit(RLIMIT_NOFILE, &mBefore);
@@ -76,26 +76,25 @@ public:
 
 private:
     rlimit mBefore{};
-    std::vector<int> mTaken;
+    std::vector<int> mOpen;
 };
 
 class Descriptors : public testing::TestWithParam<size_t> {};
 
-// The first request of the process finds so many descriptors free: it starts the engine, opens a socket, reads the
-// authorities.
-TEST_P(Descriptors, AFirstRequestThatFindsTooFewIsTriedAgainAndWorkResumesWithThem) {
-    const StressService service("good");
+// The first request of the process needs descriptors to start the engine, open a socket and read the authorities.
+TEST_P(Descriptors, FirstRequestWithoutEnoughDescriptorsIsRetriedAndSucceeds) {
+    const StressService service("none");
     trust(service);
     const auto retCodes = observeRetCodes();
-    Member member("u-poor");
+    Member member("u-first");
     {
-        const Hoard hoard(GetParam());
+        const DescriptorShortage shortage(GetParam());
         member.adapter->startPublishStreamUrl(relayParam());
-        const std::vector<int> seen = retCodes->waitFor(1);
-        ASSERT_FALSE(seen.empty());
-        std::printf("with %zu descriptors left: retCode %d\n", GetParam(), seen[0]);
-        EXPECT_TRUE(seen[0] == CVexaHttpSendRecv::kSuccess || seen[0] == CVexaHttpSendRecv::kRetryable);
-        if (seen[0] == CVexaHttpSendRecv::kRetryable) {
+        const std::vector<int> observed = retCodes->waitFor(1);
+        ASSERT_FALSE(observed.empty());
+        std::printf("with %zu descriptors left: retCode %d\n", GetParam(), observed[0]);
+        EXPECT_TRUE(observed[0] == CVexaHttpSendRecv::kSuccess || observed[0] == CVexaHttpSendRecv::kRetryable);
+        if (observed[0] == CVexaHttpSendRecv::kRetryable) {
             EXPECT_EQ(CVexaHttpSendRecv::kRetryable, retCodes->waitFor(2).back());
         }
     }
@@ -106,7 +105,7 @@ TEST_P(Descriptors, AFirstRequestThatFindsTooFewIsTriedAgainAndWorkResumesWithTh
 INSTANTIATE_TEST_SUITE_P(Left, Descriptors, testing::Values(0, 1, 2, 3, 4, 5, 6));
 
 // The service responds slowly, so that more requests are in flight than there can be connections.
-TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
+TEST(Descriptors, ConcurrentRequestsShareTwoDescriptors) {
     const StressService service("slow");
     trust(service);
     Member first("u-first");
@@ -117,7 +116,7 @@ TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
     constexpr size_t kMembers = 64;
     std::vector<std::unique_ptr<Member>> members;
     {
-        const Hoard hoard(2);
+        const DescriptorShortage shortage(2);
         for (size_t i = 0; i < kMembers; ++i) {
             members.push_back(std::make_unique<Member>("u-" + std::to_string(i)));
             members.back()->adapter->startPublishStreamUrl(relayParam());
@@ -127,18 +126,18 @@ TEST(Descriptors, ManyRequestsAtOnceShareWhatIsLeft) {
     for (const auto& member : members) {
         EXPECT_EQ((std::vector<Call>{{"startRelay", 0, "sucess"}}), member->listener->calls.waitFor(1));
     }
-    const std::vector<int> seen = retCodes->all();
-    const auto retried = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kRetryable));
-    const auto succeeded = std::count(seen.begin(), seen.end(), static_cast<int>(CVexaHttpSendRecv::kSuccess));
+    const std::vector<int> observed = retCodes->all();
+    const auto retried = std::count(observed.begin(), observed.end(), static_cast<int>(CVexaHttpSendRecv::kRetryable));
+    const auto succeeded = std::count(observed.begin(), observed.end(), static_cast<int>(CVexaHttpSendRecv::kSuccess));
     std::printf("%zd succeeded, %zd retried\n", succeeded, retried);
     EXPECT_GT(retried, 0);
-    EXPECT_EQ(static_cast<std::ptrdiff_t>(seen.size()), succeeded + retried);
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(observed.size()), succeeded + retried);
     vexalive::setHttpObserver(nullptr);
 }
 
 // ---- Threads --------------------------------------------------------------------------------------------------------
 
-// The adapter's first request, with so many threads to be had: its worker, and two of the HTTPS client.
+// The adapter's first request starts three threads: its worker and two of the HTTPS client.
 void startWithThreads(int allowed) noexcept {
     vexalive::setLogSink([](auto&&...) {});
     const auto adapter = std::make_shared<LiveTranscodingAdapter>();
@@ -149,7 +148,7 @@ void startWithThreads(int allowed) noexcept {
     std::this_thread::sleep_for(kTestTimeout);  // ended by the death of the process
 }
 
-TEST(ThreadsDeathTest, AWorkerOrAFirstThreadOfTheClientThatCannotBeStartedEndsTheProcess) {
+TEST(ThreadsDeathTest, ProcessAbortsIfAWorkerOrAFirstThreadOfTheClientCannotBeStarted) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     for (const int allowed : {0, 1, 2}) {
         EXPECT_EXIT(startWithThreads(allowed), testing::KilledBySignal(SIGABRT), "terminate called") << allowed;
@@ -157,8 +156,8 @@ TEST(ThreadsDeathTest, AWorkerOrAFirstThreadOfTheClientThatCannotBeStartedEndsTh
 }
 
 // Once two threads exist, the lack of another only delays responses.
-TEST(Threads, AnswersStillComeWhenNoFurtherThreadCanBeStarted) {
-    const StressService service("good");
+TEST(Threads, ResponsesArriveIfNoFurtherThreadCanBeStarted) {
+    const StressService service("none");
     trust(service);
     std::vector<std::unique_ptr<Member>> members;
     for (int i = 0; i < 8; ++i) {
@@ -187,9 +186,9 @@ size_t residentBytes() {
 }
 
 // The complete responses of all requests wait behind a callback that blocks.
-TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsReportedOnce) {
-    constexpr size_t kAnswers = 96;
-    constexpr size_t kAnswerBytes = (size_t{1} << 20) - 1;
+TEST(Memory, LargeResponsesWaitForABlockedCallbackAndEachIsDeliveredOnce) {
+    constexpr size_t kResponses = 96;
+    constexpr size_t kResponseBytes = (size_t{1} << 20) - 1;
     const StressService service("large");
     trust(service);
     const std::string url =
@@ -199,31 +198,31 @@ TEST(Memory, LargeAnswersWaitForACallbackThatBlocksAndEachIsReportedOnce) {
 
     Journal<size_t> sizes;
     Journal<bool> entered;
-    Journal<bool> leave;
+    Gate unblock;
     std::map<size_t, int> notified;
     const size_t before = residentBytes();
     {
         CVexaHttpSendRecv client;
-        for (size_t i = 0; i < kAnswers; ++i) {
-            client.sendHttpsRequest(body, url, [&, i](int, KstCopyOnWriteBuffer& answer) {
+        for (size_t i = 0; i < kResponses; ++i) {
+            client.sendHttpsRequest(body, url, [&, i](int, KstCopyOnWriteBuffer& response) {
                 ++notified[i];  // one callback at a time
                 entered.add(true);
-                leave.waitFor(1);
-                sizes.add(answer.size());
+                unblock.pass();
+                sizes.add(response.size());
             });
         }
         ASSERT_FALSE(entered.waitFor(1).empty());
         // Only the memory shows that the last response has arrived.
-        pollUntil([&] { return residentBytes() >= before + kAnswers * kAnswerBytes; }, 60s);
-        std::printf("%zu answers of 1 MiB behind one blocked callback: %.1f MiB more\n", kAnswers,
+        pollUntil([&] { return residentBytes() >= before + kResponses * kResponseBytes; }, 60s);
+        std::printf("%zu responses of 1 MiB behind one blocked callback: %.1f MiB more\n", kResponses,
                     static_cast<double>(residentBytes() - before) / (1 << 20));
-        leave.add(true);
-        EXPECT_EQ(kAnswers, sizes.waitFor(kAnswers).size());
+        unblock.open();
+        EXPECT_EQ(kResponses, sizes.waitFor(kResponses).size());
     }
     for (const size_t each : sizes.all()) {
-        EXPECT_EQ(kAnswerBytes, each);
+        EXPECT_EQ(kResponseBytes, each);
     }
-    EXPECT_EQ(kAnswers, notified.size());
+    EXPECT_EQ(kResponses, notified.size());
     std::printf("after the last callback: %.1f MiB more\n", static_cast<double>(residentBytes() - before) / (1 << 20));
 }
 

@@ -1,19 +1,20 @@
-// The local service of the stress tests, with faults injected at random or as chosen. In its own process, since its
-// memory would hide that of the adapters.
+// The local service of the stress tests, with injected faults. In its own process, since its memory would hide that of
+// the adapters.
 
 #ifndef VEXALIVE_STRESS_STRESS_SERVICE_H
 #define VEXALIVE_STRESS_STRESS_SERVICE_H
 
-#include <sys/types.h>
-
 #include <filesystem>
+#include <memory>
 #include <string>
+
+#include "support/ChildProcess.h"
 
 class StressService {
 public:
     // Starts the program stress_service on ownServicePort() and waits until it listens; ends this process if it does
-    // not. `manner`: "random", "good", "slow" or "large".
-    explicit StressService(const std::string& manner, unsigned seed = 1);
+    // not. `faults`: "random", "none", "slow" or "large".
+    explicit StressService(const std::string& faults, unsigned seed = 1);
     ~StressService();
     StressService(const StressService&) = delete;
     StressService& operator=(const StressService&) = delete;
@@ -22,9 +23,8 @@ public:
 
 private:
     std::filesystem::path mFolder;
+    std::unique_ptr<ChildProcess> mProcess;
     std::string mCaFile;
-    pid_t mChild = 0;
-    int mInput = -1;  // the service ends when this is closed
 };
 
 #endif

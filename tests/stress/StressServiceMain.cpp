@@ -1,13 +1,15 @@
-// The local service until its standard input ends.
+// The local service until its parent ends.
 //
-//     stress_service PORT SEED FOLDER random|good|slow|large
+//     stress_service PORT SEED FOLDER random|none|slow|large
 //
-// It injects faults at random, or none, or responds slowly, or sends responses that almost reach the client's limit.
-// Prints the file of its certificate authority once it listens.
+// It injects random faults, or none, or responds slowly, or sends responses just below the client's limit. Prints the
+// file of its certificate authority once it listens.
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,12 +31,12 @@ constexpr int kRequestsBetweenOutages = 15'000;
 constexpr int kOutage = 1'500;  // requests to one interface: enough for some to fail eleven times
 constexpr const char* kInterfaces[] = {"add_relay_stream_url", "remove_relay_stream_url", "set_live_mix_transcoding"};
 
-class Whims {
+class RandomFaults {
 public:
-    explicit Whims(unsigned seed) : mRandom(seed) {}
+    explicit RandomFaults(unsigned seed) : mRandom(seed) {}
 
-    // The fault for the next request, chosen at each response.
-    void follow(LiveService& service) {
+    // Chooses the fault of the next request; called at each response.
+    void injectNext(LiveService& service) {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (++mRequests % kRequestsBetweenOutages == 0) {
             Fault outage;
@@ -74,17 +76,18 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (argc != 5) {
         return 2;
     }
-    Whims whims(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
+    RandomFaults faults(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
     std::atomic<LiveService*> itself{nullptr};
     LiveServiceOptions options;
     options.port = static_cast<uint16_t>(std::atoi(argv[1]));
     options.stateFolder = argv[3];
     options.pushDomainSuffix = "livepush.vexa.example";
     if (std::strcmp(argv[4], "random") == 0) {
-        options.observer = [&](const LiveServiceEvent&) { whims.follow(*itself.load()); };
+        options.observer = [&](const LiveServiceEvent&) { faults.injectNext(*itself.load()); };
     }
     LiveService service(options);
     itself = &service;
@@ -105,8 +108,6 @@ int main(int argc, char** argv) {
     }
     std::printf("%s\n", service.caFile().c_str());
     std::fflush(stdout);
-    char letter = 0;
-    while (read(STDIN_FILENO, &letter, 1) > 0) {
-    }
+    pause();
     return 0;
 }

@@ -9,11 +9,11 @@ import sys
 
 WIDTH, HEIGHT, LEFT, RIGHT, TOP, GAP = 720, 110, 70, 20, 36, 34
 FIGURES = [
-    ("memory asked for, MiB", lambda row: float(row["allocated"]) / 1024),
-    ("memory resident, MiB", lambda row: float(row["resident"]) / 1024),
+    ("allocated memory, MiB", lambda row: float(row["allocated"]) / 1024),
+    ("resident memory, MiB", lambda row: float(row["resident"]) / 1024),
     ("threads", lambda row: float(row["threads"])),
     ("descriptors", lambda row: float(row["descriptors"])),
-    ("operations done, thousands", lambda row: float(row["operations"]) / 1000),
+    ("completed operations, thousands", lambda row: float(row["operations"]) / 1000),
 ]
 
 
