@@ -18,7 +18,7 @@ public:
         const KstMutexLock lock(mMutex);
         if (now >= mSecond + std::chrono::seconds(1)) {
             if (mLines > kMaxLinesPerSecond) {
-                std::fprintf(stderr, "%d more lines were left out\n", mLines - kMaxLinesPerSecond);
+                std::fprintf(stderr, "dropped %d more lines\n", mLines - kMaxLinesPerSecond);
             }
             mSecond = now;
             mLines = 0;

@@ -25,7 +25,7 @@ public:
             return;
         }
         if (!mReader.read(bytes, [this](const FlvTag& tag) KST_REQUIRES(mMutex) { handle(tag); })) {
-            logLine("the origin sent what is no FLV");
+            logLine("the origin sent data that is not FLV");
             mReader = FlvReader();
         }
     }

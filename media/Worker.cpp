@@ -80,7 +80,7 @@ private:
             mInput.erase(0, end + 1);
         }
         if (mInput.size() > kMaxLineBytes) {
-            logLine("a line of more than " + std::to_string(kMaxLineBytes) + " bytes on stdin: left out");
+            logLine("a line of more than " + std::to_string(kMaxLineBytes) + " bytes on stdin was dropped");
             mInput.clear();
         }
         return G_SOURCE_CONTINUE;

@@ -53,7 +53,7 @@ void addSample(std::ostringstream& text, const std::string& name, const Labels& 
     text << (labels.empty() ? "" : "}") << ' ' << value << '\n';
 }
 
-// One sample for each state, of which one is 1.
+// One sample for each state: 1 for the current state, 0 for the others.
 void addStates(std::ostringstream& text, const std::string& name, const Labels& labels, WorkerState state) {
     for (const WorkerState each : kWorkerStates) {
         Labels all = labels;
@@ -108,9 +108,9 @@ std::string metricsText(const ServiceSnapshot& snapshot) {
     }
 
     std::ostringstream text;
-    addHead(text, "vexalive_relays", "gauge", "Relays that were asked for.");
+    addHead(text, "vexalive_relays", "gauge", "Requested relays.");
     addSample(text, "vexalive_relays", {}, snapshot.relays.size());
-    addHead(text, "vexalive_mixes", "gauge", "Mixes that were asked for and not cancelled.");
+    addHead(text, "vexalive_mixes", "gauge", "Requested mixes that are not cancelled.");
     addSample(text, "vexalive_mixes", {}, runningMixes);
     if (snapshot.origin) {
         addHead(text, "vexalive_origin_state", "gauge", "1 at the state of the origin.");

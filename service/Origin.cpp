@@ -139,7 +139,7 @@ std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePor
         "            publish_notify on;\n";
     const std::string dropsIdle = "            drop_idle_publisher 10s;\n";  // "cdn" has relays whose source pauses
     std::ostringstream text;
-    text << "# Written anew by the service each time it starts.\n"
+    text << "# The service overwrites this file each time it starts.\n"
          << "load_module " << kModule << ";\n"
          << (isRoot ? "user root;\n" : "") << "daemon off;\n"
          << "master_process off;\n"

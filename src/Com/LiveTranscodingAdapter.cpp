@@ -74,7 +74,7 @@ struct LiveTranscodingAdapter::RequestKind {
     requests::Kind number;
     const Family& family;
     std::shared_ptr<CVexaHttpSendRecv> LiveTranscodingAdapter::*client;
-    int32_t LiveTranscodingAdapter::*retries;        // left
+    int32_t LiveTranscodingAdapter::*retries;        // remaining
     int32_t LiveTranscodingAdapter::*tracedCounter;  // the one that the trace prints
     std::string (*buildBody)(LiveTranscodingAdapter& self);
     void (LiveTranscodingAdapter::*retryEntry)(int index, std::string trace);

@@ -26,7 +26,7 @@ public:
 
     /// Return codes from here on are this plus a CURLcode: another attempt will fail as well. The certificate was
     /// refused, the URL is malformed, or the response exceeds the limit. The response is then a JSON object whose only
-    /// key is "transportError", with a description for people.
+    /// key is "transportError", with a description.
     static constexpr int kTransportErrorBase = 1000;
 
     /// Receives the result of one request: `retCode` is one of the codes above, or an HTTP status from 100 to 999 as it
@@ -38,7 +38,7 @@ public:
     /// Starts no thread and opens no socket before the first request.
     CVexaHttpSendRecv();
 
-    /// Lets requests in flight end without a callback: none begins after the destructor has returned. Waits for a
+    /// Requests in flight end without a callback: none begins after the destructor has returned. Waits for a
     /// callback of this client that runs on another thread; does not wait if called inside a callback.
     ~CVexaHttpSendRecv();
 

@@ -135,8 +135,8 @@ void HttpThreads::waitForIo() {
 void HttpThreads::run() {
     KstMutexLock lock(mMutex);
     for (bool wasIdle = true;;) {
-        // A thread that delivers a response usually returns for the next one soon. So a thread that was idle leaves the
-        // next response to it for kWatchTimeout; a thread that comes from work delivers it at once.
+        // A thread that delivers a response usually returns for the next one soon. So a thread that was idle waits for
+        // it for kWatchTimeout; a thread that has just worked delivers the next response at once.
         const bool isBeingDrained = wasIdle && mDelivering > 0 && Clock::now() < mLastDequeued + kWatchTimeout;
         if (mIsIoRequested && !mIsIoRunning && !mShuttingDown) {
             mIsIoRequested = false;

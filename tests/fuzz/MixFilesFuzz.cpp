@@ -91,13 +91,13 @@ void requireRead(const Config& config, std::string_view text) {
     require(given.is_object(), "an accepted file is a JSON object", text);
     const Json read = jsonOf(config);
     for (const auto& [key, value] : given.items()) {
-        require(key == "mixUsersArray" || read[key] == value, "a field is read as it stands", key);
+        require(key == "mixUsersArray" || read[key] == value, "a field is read unchanged", key);
     }
     const Json& users = given["mixUsersArray"];
     require(users.size() == config.mixUsersArray.size(), "each user is read", text);
     for (size_t i = 0; i < users.size(); ++i) {
         for (const auto& [key, value] : users[i].items()) {
-            require(read["mixUsersArray"][i][key] == value, "a user's field is read as it stands", key);
+            require(read["mixUsersArray"][i][key] == value, "a user's field is read unchanged", key);
         }
     }
     const MixFileResult again = readMix(read.dump());
