@@ -180,7 +180,7 @@ std::string streamId(Fields& fields, const char* key, int32_t bizId) {
 
 // ---- Relay ----------------------------------------------------------------------------------------------------------
 
-// A scheme, "://" and something after it, without blanks and control characters.
+// A scheme, "://" and something after it, without spaces and control characters.
 bool isUrl(std::string_view url) {
     const size_t colon = url.find("://");
     if (colon == std::string_view::npos || colon == 0 || colon + 3 == url.size() || !isLetter(url[0])) {

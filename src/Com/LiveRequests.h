@@ -53,8 +53,8 @@ struct KindRules {
     const Family& family;
     const char* interfaceName;
     ListenerCall listenerCall;  ///< receives the outcome
-    bool (*isRetriedCode)(
-        int64_t magnitude);  ///< whether a response with this code, given without its sign, is retried
+    /// Whether a response with this service code, given without its sign, is retried.
+    bool (*isRetriedCode)(int64_t magnitude);
 };
 
 /// The rules of a kind. A number that is no kind has the rules of kRemoveRelay: the relay's codes, and no service code

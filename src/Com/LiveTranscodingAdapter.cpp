@@ -361,7 +361,7 @@ int32_t LiveTranscodingAdapter::setLiveMixTranscoding(const VexaTranscodingConfi
         kstf_log(kProgress, kSourceFile, __LINE__, kInTask, "bPureAudio:%d", bPureAudio);
         // As for a relay, the fields are checked before the generation; the users are checked after it.
         if (!requests::isComplete(config, bPureAudio)) {
-            // The 17 blanks are part of the interface.
+            // The 17 spaces are part of the interface.
             kstf_log(kRefusal, kSourceFile, __LINE__, kInTask,
                      "setLiveMixTranscoding error: param invalid, appId:%d, bizId:%d, videoWidth:%d, videoHeight:%d, "
                      "videoBitrate:%d, videoFramerate:%d, videoGOP:%d,                 audioSampleRate:%d, "
