@@ -8,37 +8,30 @@ using vexalive::clipped;
 using vexalive::printable;
 using vexalive::utf8Prefix;
 
-TEST(Printable, LeavesUtf8AsItStands) {
-    EXPECT_EQ(printable("plain, é, 漢字, 😀"), "plain, é, 漢字, 😀");
+TEST(Printable, EscapesAllThatIsNotAVisibleCharacter) {
+    const std::pair<std::string_view, std::string_view> rows[] = {
+        {"plain, é, 漢字, 😀", "plain, é, 漢字, 😀"},
+        {"a\x1b[2Jb\r\n\x7f", "a\\x1b[2Jb\\x0d\\x0a\\x7f"},
+        {"\u009b2J", "\\xc2\\x9b2J"},
+        {"\u2028", "\\xe2\\x80\\xa8"},
+        {std::string_view("\0", 1), "\\x00"},
+        {"\u202a\u202e", "\\xe2\\x80\\xaa\\xe2\\x80\\xae"},  // direction of writing
+        {"\u2066\u2069", "\\xe2\\x81\\xa6\\xe2\\x81\\xa9"},
+        {"\u200e\u200f\u061c", "\\xe2\\x80\\x8e\\xe2\\x80\\x8f\\xd8\\x9c"},
+        {"\u200d\u2010\u2065\u206a", "\u200d\u2010\u2065\u206a"},  // the neighbours of these
+        {"\xff", "\\xff"},
+        {"\xc0\x80", "\\xc0\\x80"},           // overlong
+        {"\xed\xa0\x80", "\\xed\\xa0\\x80"},  // a surrogate
+        {"\xe6\xbc", "\\xe6\\xbc"},           // incomplete
+        {"\uffff\U0001fffe", "\\xef\\xbf\\xbf\\xf0\\x9f\\xbf\\xbe"},
+    };
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(expected, printable(text));
+    }
 }
 
-TEST(Printable, EscapesControlCharacters) {
-    EXPECT_EQ(printable("a\x1b[2Jb\r\n\x7f"), "a\\x1b[2Jb\\x0d\\x0a\\x7f");
-    EXPECT_EQ(printable("\u009b2J"), "\\xc2\\x9b2J");
-    EXPECT_EQ(printable("\u2028"), "\\xe2\\x80\\xa8");
-    EXPECT_EQ(printable(std::string_view("\0", 1)), "\\x00");
-}
-
-TEST(Printable, EscapesWhatChangesTheDirectionOfWriting) {
-    EXPECT_EQ(printable("\u202a\u202e"), "\\xe2\\x80\\xaa\\xe2\\x80\\xae");
-    EXPECT_EQ(printable("\u2066\u2069"), "\\xe2\\x81\\xa6\\xe2\\x81\\xa9");
-    EXPECT_EQ(printable("\u200e\u200f\u061c"), "\\xe2\\x80\\x8e\\xe2\\x80\\x8f\\xd8\\x9c");
-    EXPECT_EQ(printable("\u200d\u2010\u2065\u206a"), "\u200d\u2010\u2065\u206a");  // the neighbours
-}
-
-TEST(Printable, EscapesBytesThatAreNoCharacter) {
-    EXPECT_EQ(printable("\xff"), "\\xff");
-    EXPECT_EQ(printable("\xc0\x80"), "\\xc0\\x80");           // overlong
-    EXPECT_EQ(printable("\xed\xa0\x80"), "\\xed\\xa0\\x80");  // a surrogate
-    EXPECT_EQ(printable("\xe6\xbc"), "\\xe6\\xbc");           // cut off
-    EXPECT_EQ(printable("\uffff\U0001fffe"), "\\xef\\xbf\\xbf\\xf0\\x9f\\xbf\\xbe");
-}
-
-TEST(Clipped, LeavesATextThatFits) {
+TEST(Clipped, EndsALongerStringWithDots) {
     EXPECT_EQ(clipped("12345", 5), "12345");
-}
-
-TEST(Clipped, EndsALongerOneWithDots) {
     EXPECT_EQ(clipped("123456", 5), "12...");
     EXPECT_EQ(clipped("123456", 2), "..");
     EXPECT_EQ(clipped("123456", 0), "");

@@ -117,17 +117,6 @@ TEST(ConsolePort, PagesOfOtherSitesCannotEmbedIt) {
     }
 }
 
-TEST(ConsolePort, AnOccupiedPortIsReported) {
-    RunningService service(withConsole());
-    LiveServiceOptions options = withConsole();
-    const std::string address = service->consoleAddress();
-    options.consolePort = static_cast<uint16_t>(std::stoi(address.substr(address.find(':') + 1)));
-    vexalive::LiveService second(options);
-    const auto started = second.start();
-    ASSERT_FALSE(started);
-    EXPECT_THAT(started.error().message, HasSubstr("already in use"));
-}
-
 // ---- Metrics --------------------------------------------------------------------------------------------------------
 
 TEST(Metrics, AreServedAsText) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "service/LiveService.h"
+#include "support/Journal.h"
 #include "support/ServiceTesting.h"
 
 using namespace servicetesting;
@@ -119,13 +120,9 @@ TEST(LiveService, TheStateIsServedAsJson) {
 }
 
 TEST(LiveService, TheObserverReceivesEachResponse) {
-    std::mutex mutex;
-    std::vector<LiveServiceEvent> events;
+    Journal<LiveServiceEvent> journal;
     LiveServiceOptions options;
-    options.observer = [&](const LiveServiceEvent& event) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event);
-    };
+    options.observer = [&journal](const LiveServiceEvent& event) { journal.add(event); };
     RunningService service(options);
 
     service.post(addRelayBody());
@@ -133,7 +130,7 @@ TEST(LiveService, TheObserverReceivesEachResponse) {
     ASSERT_TRUE(service->inject(*vexalive::parseFaultOption("code=505")));
     service.post(videoMixBody());
 
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::vector<LiveServiceEvent> events = journal.all();
     ASSERT_EQ(3u, events.size());
     EXPECT_EQ("add_relay_stream_url", events[0].interfaceName);
     EXPECT_EQ("add", events[0].operation);
@@ -262,26 +259,19 @@ TEST(LiveService, TwoHundredConnectionsStayOpenAndAreServed) {
     pthread_barrier_t allAreOpen;
     ASSERT_EQ(0, ::pthread_barrier_init(&allAreOpen, nullptr, kThreads));
     std::atomic<int> accepted{0};
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([&, thread] {
-            std::vector<HttpClient> clients;
-            for (int number = thread * kClientsEach; number < (thread + 1) * kClientsEach; ++number) {
-                clients.push_back(service.client());
-                accepted += post(clients.back(), relayOf(number))["code"] == 0;
-            }
-            ::pthread_barrier_wait(&allAreOpen);
-            int number = thread * kClientsEach;
-            for (HttpClient& client : clients) {
-                accepted += post(client, removalOf(number++))["code"] == 0;
-                EXPECT_TRUE(client.hasReusedConnection());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runConcurrently(kThreads, [&](int thread) {
+        std::vector<HttpClient> clients;
+        for (int number = thread * kClientsEach; number < (thread + 1) * kClientsEach; ++number) {
+            clients.push_back(service.client());
+            accepted += post(clients.back(), relayOf(number))["code"] == 0;
+        }
+        ::pthread_barrier_wait(&allAreOpen);
+        int number = thread * kClientsEach;
+        for (HttpClient& client : clients) {
+            accepted += post(client, removalOf(number++))["code"] == 0;
+            EXPECT_TRUE(client.hasReusedConnection());
+        }
+    });
     ::pthread_barrier_destroy(&allAreOpen);
     EXPECT_EQ(2 * kThreads * kClientsEach, accepted);
     EXPECT_TRUE(service.state()["relays"].empty());
@@ -336,32 +326,33 @@ TEST(LiveService, AStartThatFailsReportsWhy) {
     const std::string file = folder.path() + "/file";
     writeAll(file, "");
     RunningService other;
-    const std::string port = std::to_string(other->port());
+    const std::string inUse = "port " + std::to_string(other->port()) + " of 127.0.0.1: it is already in use";
     const struct {
         const char* address;
         uint16_t port;
         bool tls;
+        std::optional<uint16_t> consolePort;
         std::string stateFolder;
-        std::vector<std::string> error;
+        std::string error;
     } rows[] = {
-        {"127.0.0.1", other->port(), true, sharedStateFolder(), {"port " + port, "already in use"}},
-        {"192.0.2.1", 0, true, sharedStateFolder(), {"192.0.2.1"}},
-        {"no such host", 0, true, sharedStateFolder(), {"no such host"}},
-        {"0.0.0.0", 0, false, "", {"loopback only"}},
-        {"127.0.0.1", 0, true, file, {file}},
+        {"127.0.0.1", other->port(), true, std::nullopt, sharedStateFolder(), inUse},
+        {"127.0.0.1", 0, true, other->port(), sharedStateFolder(), inUse},
+        {"192.0.2.1", 0, true, std::nullopt, sharedStateFolder(), "192.0.2.1"},
+        {"no such host", 0, true, std::nullopt, sharedStateFolder(), "no such host"},
+        {"0.0.0.0", 0, false, std::nullopt, "", "loopback only"},
+        {"127.0.0.1", 0, true, std::nullopt, file, file},
     };
     for (const auto& row : rows) {
         LiveServiceOptions options;
         options.address = row.address;
         options.port = row.port;
         options.tls = row.tls;
+        options.consolePort = row.consolePort;
         options.stateFolder = row.stateFolder;
         LiveService service(options);
         const auto started = service.start();
         ASSERT_FALSE(started) << row.address;
-        for (const std::string& part : row.error) {
-            EXPECT_THAT(started.error().message, HasSubstr(part));
-        }
+        EXPECT_THAT(started.error().message, HasSubstr(row.error));
     }
 }
 

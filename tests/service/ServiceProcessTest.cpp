@@ -104,18 +104,14 @@ TEST_F(ServiceProcess, StopsItsProcessesOnSigterm) {
     EXPECT_EQ("SIGTERM", event("stopped")["why"]);
 }
 
-TEST_F(ServiceProcess, ReportsARefusedPublisher) {
-    EXPECT_EQ(403, publish("alice"));
-    const json refused = event("publish");
-    EXPECT_EQ("alice", refused["streamId"]);
-    EXPECT_EQ(0u, refused["refused"].get<std::string>().find("found \"alice\" as the name of the stream"));
-}
-
-TEST_F(ServiceProcess, OmitsAndCountsLinesWhileItsOutputIsNotRead) {
+TEST_F(ServiceProcess, ReportsRefusedPublishersAndOmitsAndCountsLinesWhileItsOutputIsNotRead) {
     constexpr int kPublishes = 2500;
     for (int number = 0; number < kPublishes; ++number) {
         ASSERT_EQ(403, publish("alice"));
     }
+    const json refused = event("publish");
+    EXPECT_EQ("alice", refused["streamId"]);
+    EXPECT_EQ(0u, refused["refused"].get<std::string>().find("found \"alice\" as the name of the stream"));
     const int omitted = event("omitted")["lines"];
     EXPECT_EQ(1u, events("omitted").size());
     const int written = static_cast<int>(events("publish").size());

@@ -351,23 +351,17 @@ TEST_F(SupervisorTest, ManyThreadsMayConfigureAndAStopLeavesNoProcess) {
     mSupervisor.stop();
     const size_t before = openDescriptors();
     ASSERT_TRUE(mSupervisor.start());
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 8; ++thread) {
-        threads.emplace_back([this, thread] {
-            for (int round = 0; round < 12; ++round) {
-                const std::string name = std::to_string((thread + round) % 5);  // shared with other threads
-                configure(name, configurationFor(round % 4 == 3 ? "dead" : "0001"));
-                mSupervisor.status(key(name));
-                mSupervisor.send(key(name), R"({"snapshot":{"width":1}})");
-                if (round % 2 == 1) {
-                    mSupervisor.remove(key(name));
-                }
+    runConcurrently(8, [this](int thread) {
+        for (int round = 0; round < 12; ++round) {
+            const std::string name = std::to_string((thread + round) % 5);  // shared with other threads
+            configure(name, configurationFor(round % 4 == 3 ? "dead" : "0001"));
+            mSupervisor.status(key(name));
+            mSupervisor.send(key(name), R"({"snapshot":{"width":1}})");
+            if (round % 2 == 1) {
+                mSupervisor.remove(key(name));
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        }
+    });
     startStuckWorker(worker());
 
     const auto begun = Clock::now();

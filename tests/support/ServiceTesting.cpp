@@ -10,9 +10,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <sstream>
 #include <utility>
+#include <vector>
 
 namespace servicetesting {
 
@@ -135,6 +137,13 @@ std::string readAll(const std::string& path) {
 
 void writeAll(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+void runConcurrently(int count, const std::function<void(int thread)>& action) {
+    std::vector<std::future<void>> threads;
+    for (int thread = 0; thread < count; ++thread) {
+        threads.push_back(std::async(std::launch::async, action, thread));
+    }
 }
 
 void withoutDescriptors(const std::function<void()>& action) {

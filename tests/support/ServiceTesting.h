@@ -54,6 +54,9 @@ int occurrences(const std::string& text, const std::string& part);
 std::string readAll(const std::string& path);
 void writeAll(const std::string& path, const std::string& content);
 
+// Calls `action` with 0 to count - 1, each on a thread of its own, and waits for all.
+void runConcurrently(int count, const std::function<void(int thread)>& action);
+
 // Calls `action` while this process can open no file.
 void withoutDescriptors(const std::function<void()>& action);
 
