@@ -265,6 +265,15 @@ TEST(PreviewTest, AsManyInputsAsTheAdapterAcceptsAreAllListed) {
     EXPECT_THAT(document.texts("more"), IsEmpty());
 }
 
+TEST(PreviewTest, LongNamesAreCutToTheirWidth) {
+    User guest = user(std::string(5000, 'w'), 1, {0, 0, 640, 720});
+    guest.roomId = std::string(5000, 'r');
+    const SvgDocument document = preview(mix({guest}));
+    EXPECT_THAT(document.texts("user"), ElementsAre(testing::EndsWith("\u2026")));
+    EXPECT_THAT(document.texts("fact"), ElementsAre("main stream", testing::EndsWith("\u2026")));
+    EXPECT_THAT(document.texts("entry-stream"), ElementsAre(testing::EndsWith("\u2026")));
+}
+
 TEST(PreviewTest, ThePngHasTheSizeOfTheSvg) {
     const auto drawing = drawn(mix({user("a", 1)}));
     const std::string png = drawing->png();

@@ -214,8 +214,8 @@ TEST(TaskSession, AFailedStopDeterminesTheStatus) {
 TEST(StopDuringStart, WaitsForTheResponse) {
     for (const Lifetime lifetime : {Lifetime::kHeld, Lifetime::kDetached}) {
         Scenario scenario(lifetime);
-        scenario.started(kStart).interrupt().accepted(kStart);
-        EXPECT_EQ(scenario.journal(), "attempt stopping response outcome report stop()");
+        scenario.failAttempt(kStart).started(kStart).interrupt().accepted(kStart);
+        EXPECT_EQ(scenario.journal(), "attempt response retry attempt stopping response outcome report stop()");
     }
 }
 
