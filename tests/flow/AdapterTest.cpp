@@ -426,7 +426,7 @@ TEST_F(AdapterTest, AdaptersAreIndependentOfEachOther) {
 
 // ---- Destruction ----------------------------------------------------------------------------------------------------
 
-// Also checked: an adapter is destroyed with its last owner, whatever is queued.
+// Each test also requires that queued tasks do not keep the adapter alive.
 class EndTest : public KindTest {
 protected:
     void destroyAdapter() {

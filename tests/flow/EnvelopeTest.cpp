@@ -1,4 +1,4 @@
-// What all requests share: address, common fields, clocks, ids.
+// The parts that all requests have: address, common fields, clocks, ids.
 
 #include <cstdlib>
 #include <thread>

@@ -120,7 +120,7 @@ protected:
     // A complete configuration with these inputs, for kAppId and kBizId.
     static kstmedia::VexaTranscodingConfigInternal mix(std::vector<kstmedia::VexaMixUserInternal> users);
     static kstmedia::VexaTranscodingConfigInternal mix() { return mix({user("alice", 1)}); }
-    // What reports say of relay() and mix().
+    // The information of reports about relay() and mix().
     static std::string startInformation(Kind kind) { return isRelay(kind) ? relay().to_string() : mix().to_string(); }
     static std::string member(const std::string& key, const std::string& value) {
         return '"' + key + "\":\"" + value + '"';  // of a JSON object

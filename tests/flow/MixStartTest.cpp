@@ -1,7 +1,5 @@
 // Starting and updating a mix.
 
-#include <cstring>
-
 #include "Com/LiveRequests.h"
 #include "FlowTest.h"
 
@@ -21,23 +19,17 @@ protected:
 
     void SetUp() override { givenInRoom(); }
 
-    // Sets this number to 0 and expects a refusal that logs all numbers.
+    // Sets this number to 0 and expects a refusal.
     void expectRefusedWithout(const ConfigField& missing, VexaTranscodingConfigInternal config) {
         SCOPED_TRACE(missing.name);
         config.*missing.value = 0;
-        std::string line = "setLiveMixTranscoding error: param invalid, ";
-        for (const ConfigField& field : kConfigFields) {
-            line += std::string(field.name) + ":" + std::to_string(config.*field.value) + ",";
-            line += std::string(std::strcmp(field.name, "videoGOP") == 0 ? 17 : 1, ' ');
-        }
-        line.pop_back();
         clearRecords();
         startMix(config);
         EXPECT_THAT(notified(), ElementsAre(Call{"startRelay", -3324, kInvalid}));
         EXPECT_THAT(reports(), ElementsAre(Reported{31, config.to_string(), kInvalid}));
         EXPECT_THAT(mPlatform.order, ElementsAre("startRelay", "report 31"));
         ASSERT_THAT(log(), SizeIs(2));
-        EXPECT_EQ(log()[1], (Logged{4, "operator()", line}));
+        EXPECT_EQ(log()[1].level, 4);
     }
 };
 
@@ -51,12 +43,13 @@ TEST_F(MixStartTest, VideoMixNeedsAllTenNumbers) {
     }
 }
 
-TEST_F(MixStartTest, RefusalsLineKeepsItsRunOfSeventeenBlanksAndItsLastComma) {
+TEST_F(MixStartTest, RefusalsLineShowsAllNumbersWithItsRunOfSeventeenBlanksAndItsLastComma) {
     VexaTranscodingConfigInternal config = mix();
     config.videoGOP = 0;
 
     startMix(config);
 
+    EXPECT_EQ(log().at(1).function, "operator()");
     EXPECT_EQ(log().at(1).text,
               "setLiveMixTranscoding error: param invalid, appId:12345, bizId:8888, videoWidth:720, videoHeight:1280, "
               "videoBitrate:1500, videoFramerate:20, videoGOP:0,                 audioSampleRate:48000, "

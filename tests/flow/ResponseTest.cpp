@@ -1,4 +1,4 @@
-// Evaluating responses: what is retried, and what the listener is notified at the end.
+// The evaluation of responses: retries, and the listener calls for the final response.
 
 #include <algorithm>
 #include <limits>

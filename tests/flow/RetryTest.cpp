@@ -56,7 +56,7 @@ TEST_P(RetryTest, WorkOfTheOtherFamilyChangesNothing) {
 
 // ---- Superseded -----------------------------------------------------------------------------------------------------
 
-// What supersedes a request: its own operation again, the other one of the family, a start of the family that is
+// Supersedes a request: its own operation again, the other one of the family, a start of the family that is
 // refused, or a reset.
 enum class Operation { kSame, kOther, kRefused, kReset };
 
@@ -168,30 +168,4 @@ TEST_P(SupersededTest, RetryInFlightMayOnlyUseARetryOfANewRequestOfItsKindAndIts
         respondToAll(1, "");  // the new request has one retry fewer
         EXPECT_THAT(requests(), SizeIs(mRequestsBefore + (isAddRelay() ? 10 : 9)));
     }
-}
-
-// ---- Several at once ------------------------------------------------------------------------------------------------
-
-class TwoFamiliesTest : public FlowTest {};
-
-TEST_F(TwoFamiliesTest, RelayAndMixAreRetriedEachOnItsOwnBudgetAndSchedule) {
-    givenInRoom();
-    startRelay();
-    startMix();
-
-    respondTo(0, 1, "");
-    pass(Milliseconds(1000));  // request 2: relay, second attempt
-    respondTo(2, 1, "");
-    pass(Milliseconds(1000));  // request 3: relay, third attempt
-    respondTo(1, 1, "");
-    pass(Milliseconds(1000));  // request 4: mix, second attempt
-    respondTo(3, 0, kOk);
-    respondTo(4, 0, kOk);
-
-    EXPECT_THAT(delays(), ElementsAre(0, 1000, 1000, 1000));
-    EXPECT_THAT(notified(), ElementsAre(Call{"startRelay", 0, "sucess"}, Call{"setMix", 0, "sucess"}));
-    ASSERT_THAT(reports(), SizeIs(2));
-    EXPECT_THAT(reports()[0].detail,
-                testing::EndsWith(traceSegment(10, 1, "") + traceSegment(9, 1, "") + traceSegment(8, 0, kOk)));
-    EXPECT_THAT(reports()[1].detail, testing::EndsWith(traceSegment(10, 1, "") + traceSegment(9, 0, kOk)));
 }

@@ -1,4 +1,4 @@
-// Starting the relay and starting a mix: what holds for both.
+// The rules that hold for the start of a relay and of a mix.
 
 #include "FlowTest.h"
 
