@@ -89,7 +89,7 @@ ordered_json requestJson(const RequestRecord& request) {
     return {
         {"time", isoTime(request.time)}, {"interface", request.interfaceName},    {"query", request.query},
         {"body", request.body},          {"body_bytes", request.bodyBytes},       {"http_status", request.httpStatus},
-        {"answer", request.response},    {"refused_field", request.refusedField}, {"fault", request.fault}};
+        {"response", request.response},  {"refused_field", request.refusedField}, {"fault", request.fault}};
 }
 
 template <class Value>

@@ -16,16 +16,16 @@ export function parseResponse(body) {
 }
 
 // Returns which part of the request was refused: "query", "body" or "" for none.
-export function refusedPart({ refused_field: field, answer }) {
+export function refusedPart({ refused_field: field, response }) {
     if (!field) {
         return "";
     }
-    return parseResponse(answer).code === queryErrorCode ? "query" : "body";
+    return parseResponse(response).code === queryErrorCode ? "query" : "body";
 }
 
 // Returns the message of the response without the field's name.
-export function refusalReason({ refused_field: field, answer }) {
-    const message = parseResponse(answer).message ?? "";
+export function refusalReason({ refused_field: field, response }) {
+    const message = parseResponse(response).message ?? "";
     return message.startsWith(`${field}: `) ? message.slice(field.length + 2) : message;
 }
 
@@ -44,12 +44,12 @@ export function formatQuery(query, refusedField = "") {
 }
 
 // Returns [outcome, description]; the outcome is "accepted", "refused" or "fault".
-export function outcomeOf({ refused_field: field, fault, answer, http_status: status }) {
+export function outcomeOf({ refused_field: field, fault, response, http_status: status }) {
     if (fault && fault !== "delay") {
         return ["fault", `fault: ${fault}`];
     }
     const delay = fault ? ", after a delay" : "";
-    const { code } = parseResponse(answer);
+    const { code } = parseResponse(response);
     if (field || code) {
         return ["refused", (field ? `refused: ${field}` : `refused with code ${code}`) + delay];
     }

@@ -22,7 +22,7 @@ function renderBody(body, isTruncated, refusedField, reason) {
 }
 
 function fillDetails(details, request) {
-    const { query, body, body_bytes: bodyBytes, answer, refused_field: field } = request;
+    const { query, body, body_bytes: bodyBytes, response, refused_field: field } = request;
     const part = refusedPart(request);
     const reason = refusalReason(request);
     if (part) {
@@ -34,7 +34,7 @@ function fillDetails(details, request) {
     details.append(
         createPart("Query", query, renderPieces(formatQuery(query, part === "query" ? field : ""), reason)),
         createPart(title, body, renderBody(body, isTruncated, part === "body" ? field : "", reason)),
-        createPart("Response", answer, renderBody(answer, false, "", "")),
+        createPart("Response", response, renderBody(response, false, "", "")),
     );
 }
 
@@ -42,7 +42,7 @@ function fillDetails(details, request) {
 function createRequest(request) {
     const { root, ...parts } = instantiateTemplate("request");
     const [outcome, description] = outcomeOf(request);
-    const { code } = parseResponse(request.answer);
+    const { code } = parseResponse(request.response);
     setText(parts.time, timeOfDay(request.time));
     parts.time.dateTime = request.time;
     setText(parts.interface, request.interface);

@@ -15,7 +15,7 @@ test("a phone scrolls the page vertically only", async () => {
         requestOf(70, {
             query: longText,
             body: { [longText]: longText, list: [[[[[[[[[longText]]]]]]]]] },
-            answer: longText,
+            response: longText,
             interface: longText,
         }),
     );

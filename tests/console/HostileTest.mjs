@@ -56,14 +56,14 @@ test("external strings appear as text, never as markup", async () => {
                 interface: hostile,
                 query: hostile,
                 body: hostile,
-                answer: hostile,
+                response: hostile,
                 fault: hostile,
                 refused_field: hostile,
             }),
             requestOf(1, {
                 body: { [hostile]: hostile },
                 refused_field: hostile,
-                answer: JSON.stringify({ code: 4006, message: hostile }),
+                response: JSON.stringify({ code: 4006, message: hostile }),
             }),
         ],
     });

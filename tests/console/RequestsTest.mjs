@@ -14,10 +14,10 @@ test("requests are listed latest first", async () => {
             requests: [
                 requestOf(0),
                 refusedOf(1, "appid", "found 0, must not be 0", 4006),
-                requestOf(2, { fault: "close", http_status: 0, answer: "" }),
+                requestOf(2, { fault: "close", http_status: 0, response: "" }),
                 requestOf(3, {
                     fault: "code",
-                    answer: '{"ErrorCode":505,"ErrorInfo":"on request"}',
+                    response: '{"ErrorCode":505,"ErrorInfo":"on request"}',
                     interface: "set_live_mix_transcoding",
                 }),
                 requestOf(4, { fault: "delay" }),
@@ -68,7 +68,7 @@ test("a body that is truncated, not JSON, too deep or empty is shown unformatted
                 requestOf(0, { body: truncated, body_bytes: 70000 }),
                 requestOf(1, { body: "{not json" }),
                 requestOf(2, { body: deep }),
-                requestOf(3, { body: "", answer: "" }),
+                requestOf(3, { body: "", response: "" }),
             ],
         });
     for (const [index, body, title] of [

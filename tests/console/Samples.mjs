@@ -115,7 +115,7 @@ export function requestOf(second, change = {}) {
         query: "sdkappid=1400000001&random=42&usersig=***&parivMapKey=***",
         body_bytes: Buffer.byteLength(body),
         http_status: 200,
-        answer: '{"code":0,"message":"ok"}',
+        response: '{"code":0,"message":"ok"}',
         refused_field: "",
         fault: "",
         ...change,
@@ -125,7 +125,7 @@ export function requestOf(second, change = {}) {
 
 export function refusedOf(second, field, reason, code, change = {}) {
     return requestOf(second, {
-        answer: JSON.stringify({ code, message: `${field}: ${reason}` }),
+        response: JSON.stringify({ code, message: `${field}: ${reason}` }),
         refused_field: field,
         ...change,
     });
@@ -212,7 +212,7 @@ export function busyState() {
                 4006,
                 { body: relayBody({ domain: "8888.example" }) },
             ),
-            requestOf(9, { http_status: 503, answer: "", fault: "status" }),
+            requestOf(9, { http_status: 503, response: "", fault: "status" }),
             refusedOf(
                 20,
                 "input_stream_list[1].layout_params.image_width",

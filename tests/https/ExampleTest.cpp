@@ -63,7 +63,7 @@ protected:
     std::vector<std::pair<std::string, int>> requests() const {
         std::vector<std::pair<std::string, int>> all;
         for (const json& request : mState.at("requests")) {
-            const json response = json::parse(request.at("answer").get<std::string>());
+            const json response = json::parse(request.at("response").get<std::string>());
             all.emplace_back(request.at("interface"), response.at("code"));
         }
         return all;

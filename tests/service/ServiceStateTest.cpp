@@ -81,6 +81,6 @@ TEST(ServiceState, OnlyTheLatestRequestsAreListedAndLongBodiesAreCut) {
     }
     const json requests = json(toJson(state.snapshot()))["requests"];
     ASSERT_EQ(ServiceState::kMaxRequests, requests.size());
-    EXPECT_EQ("3", requests.front()["answer"]);
+    EXPECT_EQ("3", requests.front()["response"]);
     EXPECT_EQ(ServiceState::kMaxBodyBytes + 100, requests.front()["body_bytes"]);
 }
