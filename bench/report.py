@@ -22,8 +22,7 @@ def shown(value):
 
 def targets(figure):
     phrases = [f"{ratio:g} × {contender}" for contender, ratio in figure.ratios.items()]
-    phrases += [f"{contender} + {shown(value)} {figure.unit}" if value else contender
-                for contender, value in figure.beyond.items()]
+    phrases += [f"{contender} + {shown(value)} {figure.unit}" for contender, value in figure.beyond.items()]
     if figure.ceiling is not None:
         phrases.append(f"{shown(figure.ceiling * figure.scale)} {figure.unit}".strip())
     if not phrases:
@@ -34,8 +33,10 @@ def targets(figure):
 def verdict(figure, result):
     if not targets(figure):
         return ""
-    missed = [each if each != US else "" for each in result["missed"]]
-    return "met" if not missed else f"**missed** {', '.join(missed)}".strip()
+    if not result["missed"]:
+        return "met"
+    references = [each for each in result["missed"] if each != US]
+    return "**missed**" + (f" for {', '.join(references)}" if references else "")
 
 
 def cell(figure, result, contender):
@@ -55,7 +56,8 @@ def table(results):
         if not any(each["row"] == row.name for each in results):
             continue
         others = [each for each in row.contenders if each != US]
-        lines += [f"### {row.title}", "", f"| | {US} | " + "".join(f"{each} | " for each in others) + "target | |",
+        lines += [f"### {row.title}", "",
+                  f"| figure | {US} | " + "".join(f"{each} | " for each in others) + "target | result |",
                   "|---|" + "---:|" * (1 + len(others)) + "---|---|"]
         for figure in row.figures:
             result = by_key[row.name, figure.key]

@@ -54,33 +54,34 @@ USERS = (1, 2, 4, 8, 16)
 ROWS = [
     Row(
         "loop",
-        "Post a task, with its future",
+        "Post a task and return its future",
         program("loop", "vexalive", "asio", "libuv", "floor"),
         [
-            Figure("tasks_per_second_1_poster", "1 thread posts", "million/s", 1e-6, MORE,
+            Figure("tasks_per_second_1_poster", "tasks posted by 1 thread", "million/s", 1e-6, MORE,
                    {"asio": 1.2, "libuv": 1.0, "floor": 1.0}),
-            Figure("tasks_per_second_4_posters", "4 threads post", "million/s", 1e-6, MORE,
+            Figure("tasks_per_second_4_posters", "tasks posted by 4 threads", "million/s", 1e-6, MORE,
                    {"asio": 1.2, "libuv": 1.0, "floor": 1.0}),
-            Figure("latency_us_p50", "post to run, idle, p50", ratios={"asio": 1.0, "libuv": 1.0}, **MICROSECONDS),
-            Figure("latency_us_p99", "post to run, idle, p99", noisy=True, **MICROSECONDS),
+            Figure("latency_us_p50", "idle loop: from post to start of task, p50",
+                   ratios={"asio": 1.0, "libuv": 1.0}, **MICROSECONDS),
+            Figure("latency_us_p99", "idle loop: from post to start of task, p99", noisy=True, **MICROSECONDS),
             Figure("allocations_per_post", "allocations per post", ceiling=2.0),
         ],
         rounds=51,
     ),
     Row(
         "timer",
-        "Post a delayed task, one pending",
+        "Post a delayed task while one is pending",
         program("timers", "vexalive", "asio", "libuv", part="one"),
         [
             Figure("insert_ns_1_pending", "insert", "ns", ratios={"asio": 1.0, "libuv": 1.0}),
-            Figure("insert_ns_earliest", "insert that becomes the earliest and wakes the worker", "ns",
+            Figure("insert_ns_earliest", "insert of the earliest task; wakes the worker", "ns",
                    ratios={"asio": 1.0, "libuv": 1.0}),
         ],
         rounds=81,
     ),
     Row(
         "timers",
-        "Post a delayed task, many pending",
+        "Post a delayed task while many are pending",
         program("timers", "vexalive", "asio", "libuv", part="many"),
         [
             Figure(f"insert_ns_{pending}_pending", f"insert, {pending:,} pending", "ns",
@@ -91,7 +92,7 @@ ROWS = [
     ),
     Row(
         "late",
-        "Lateness of a delayed task",
+        "How late a delayed task starts",
         program("timers", "vexalive", "asio", "libuv", part="late"),
         [
             Figure("lateness_us_p50", "p50", ratios={"libuv": 1.0}, beyond={"asio": 0}, constants=("asio",),
@@ -105,23 +106,24 @@ ROWS = [
     ),
     Row(
         "request",
-        "One relay start on a warm connection",
+        "One relay start on an open connection",
         program("request", "vexalive", "easy", "multi"),
         [
-            Figure("cpu_us_per_request", "CPU, user and system", ratios={"multi": 1.3, "easy": 1.7}, **MICROSECONDS),
-            Figure("wall_us_p50", "call to listener, p50", beyond={"easy": 80}, **MICROSECONDS),
-            Figure("wall_us_p99", "call to listener, p99", noisy=True, **MICROSECONDS),
+            Figure("cpu_us_per_request", "CPU time, user and system", ratios={"multi": 1.3, "easy": 1.7},
+                   **MICROSECONDS),
+            Figure("wall_us_p50", "from the start call to the listener call, p50", beyond={"easy": 80}, **MICROSECONDS),
+            Figure("wall_us_p99", "from the start call to the listener call, p99", noisy=True, **MICROSECONDS),
         ],
         rounds=31,
         separate_processors=True,
     ),
     Row(
         "concurrent_start",
-        "1,000 adapters start at the same time, no connection yet",
+        "1,000 adapters start relays at the same time, without an open connection",
         program("concurrent_start", "vexalive", "multi"),
         [
-            Figure("wall_ms", "until the last listener call", "ms", ratios={"multi": 1.3}),
-            Figure("cpu_ms", "CPU, user and system", "ms"),
+            Figure("wall_ms", "from the first start call to the last listener call", "ms", ratios={"multi": 1.3}),
+            Figure("cpu_ms", "CPU time, user and system", "ms"),
             Figure("connections", "connections", ceiling=1),
             Figure("threads", "threads"),
             Figure("resident_bytes_each", "memory per adapter, with its thread", ratios={"multi": 1.3}, **BYTES_IN_KIB),
@@ -130,12 +132,12 @@ ROWS = [
     ),
     Row(
         "idle",
-        "An idle adapter, one of 10,000",
+        "One unused adapter, mean of 10,000",
         program("idle", "vexalive"),
         [
             Figure("bytes_per_adapter", "memory", ceiling=4096, **BYTES_IN_KIB),
-            Figure("construct_us", "to construct", **MICROSECONDS),
-            Figure("destroy_us", "to destroy", **MICROSECONDS),
+            Figure("construct_us", "time to construct", **MICROSECONDS),
+            Figure("destroy_us", "time to destroy", **MICROSECONDS),
             Figure("threads_added", "threads", ceiling=0),
             Figure("descriptors_added", "descriptors", ceiling=0),
         ],
@@ -143,40 +145,42 @@ ROWS = [
     ),
     Row(
         "bodies",
-        "Request bodies and ids",
+        "Build a request body, a description or an id",
         program("bodies", "vexalive", "handwritten"),
         [
             *(
-                Figure(f"mix_us_{users}_user{'s' if users > 1 else ''}", f"body, mix of {users}",
-                       ratios={"handwritten": 1.0}, **MICROSECONDS)
+                Figure(f"mix_us_{users}_user{'s' if users > 1 else ''}",
+                       f"body of a mix of {users} user{'s' if users > 1 else ''}", ratios={"handwritten": 1.0},
+                       **MICROSECONDS)
                 for users in USERS
             ),
-            Figure("report_us_16_users", "description, mix of 16", ratios={"handwritten": 1.0}, **MICROSECONDS),
+            Figure("report_us_16_users", "description of a mix of 16 users", ratios={"handwritten": 1.0},
+                   **MICROSECONDS),
             Figure("stream_id_us", "stream id", ratios={"handwritten": 1.0}, **MICROSECONDS),
         ],
         rounds=15,
     ),
     Row(
         "size",
-        "Size",
+        "Size of the code",
         {"vexalive": ["{python}", "bench/size.py", "{build}"]},
         [
-            Figure("adapter_text_bytes", "code of vexalive::adapter", ceiling=160 * 1024, **BYTES_IN_KIB),
+            Figure("adapter_text_bytes", "text sections of vexalive::adapter", ceiling=160 * 1024, **BYTES_IN_KIB),
             Figure("program_bytes", "examples/relay.cpp, linked and stripped", ceiling=1 << 20, **BYTES_IN_KIB),
         ],
         rounds=1,
     ),
     Row(
         "cold",
-        "A whole process with one relay start",
+        "A process that makes one relay start and exits",
         {
             "vexalive": ["{build}/bench/bench_cold", "vexalive"],
             "curl": ["curl", "-sS", "--http2", "--cacert", "{ca}", "-H", "Content-Type: application/json", "-o",
                      "/dev/null", "--data", "{body}", "{url}"],
         },
         [
-            Figure("wall_ms", "wall", "ms", ratios={"curl": 1.2}),
-            Figure("cpu_ms", "CPU, user and system", "ms"),
+            Figure("wall_ms", "elapsed time", "ms", ratios={"curl": 1.2}),
+            Figure("cpu_ms", "CPU time, user and system", "ms"),
             Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
         ],
         rounds=101,
@@ -192,9 +196,9 @@ ROWS = [
                       "{server_pid}"],
         },
         [
-            Figure("requests_per_second", "requests", "thousand/s", 1e-3, MORE),
-            Figure("latency_us_p99", "p99", "ms", 1e-3, noisy=True),
-            Figure("server_cpu_us_per_request", "server CPU per request", **MICROSECONDS),
+            Figure("requests_per_second", "throughput, requests", "thousand/s", 1e-3, MORE),
+            Figure("latency_us_p99", "latency, p99", "ms", 1e-3, noisy=True),
+            Figure("server_cpu_us_per_request", "CPU time of the server per request", **MICROSECONDS),
         ],
         rounds=25,
     ),
@@ -207,12 +211,12 @@ ROWS = [
             "client-ivs-realtime": ["node", "{build}/npm/ivs.mjs", "https://{address}", "1000"],
         },
         [
-            Figure("cpu_us_per_request", "CPU, user and system", "µs",
+            Figure("cpu_us_per_request", "CPU time, user and system", "µs",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}),
-            Figure("wall_us_p50", "wall, p50", "µs"),
+            Figure("wall_us_p50", "elapsed time, p50", "µs"),
             Figure("peak_resident_bytes", "memory, peak, with shared libraries",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
-            Figure("anonymous_bytes", "memory, private",
+            Figure("anonymous_bytes", "memory, anonymous pages",
                    ratios={"livekit-server-sdk": 0.1, "client-ivs-realtime": 0.1}, **BYTES_IN_MIB),
         ],
         rounds=19,
@@ -227,9 +231,9 @@ ROWS = [
             for each in ("vexalive", "ffmpeg")
         },
         [
-            Figure("cpu_percent", "CPU, of one processor", "%", ratios={"ffmpeg": 1.5}),
+            Figure("cpu_percent", "CPU use, of one processor", "%", ratios={"ffmpeg": 1.5}),
             Figure("peak_resident_bytes", "memory, peak", **BYTES_IN_MIB),
-            Figure("first_frame_ms", "response to first frame", "ms", ceiling=2000, noisy=True),
+            Figure("first_frame_ms", "from the response to the first frame", "ms", ceiling=2000, noisy=True),
         ],
         rounds=5,
         keep_awake=True,
