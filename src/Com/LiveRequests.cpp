@@ -21,12 +21,12 @@ using kstmedia::VexaPublishCDNParamInternal;
 using kstmedia::VexaTranscodingConfigInternal;
 using Delegate = ILiveTrancodingDelegate;
 
-// "input_type"
+// The values of "input_type".
 constexpr int kVideoInput = 0;
 constexpr int kCanvasInput = 3;
 constexpr int kAudioInput = 4;
 
-// printf into a string of at most 4094 characters; the format itself if it cannot be printed.
+// Formats as printf does; truncates the result to 4094 characters. Returns `format` itself if vsnprintf() fails.
 #if defined(__GNUC__)
 __attribute__((format(printf, 1, 2)))
 #endif
@@ -57,7 +57,7 @@ constexpr KindRules kRules[] = {
     {kMix, "set_live_mix_transcoding", &Delegate::onStopLiveMixTranscoding, retriesNoCode},
 };
 
-// The fields of every body.
+// The fields that all bodies share.
 json::Object commonFields(Kind kind, const Envelope& envelope, const Sender& sender) {
     json::Object fields;
     fields["interface"] = rulesOf(kind).interfaceName;
@@ -76,7 +76,8 @@ json::Object mixInput(std::string streamId, json::Object layout) {
     return input;
 }
 
-// "input_stream_list": the canvas if there is video, then the users in their order. A description has no sizes.
+// Builds "input_stream_list": the canvas if there is video, then the users in their order. A body has sizes, a
+// mixDescription() has none.
 json::Array mixInputs(const Sender& sender, const VexaTranscodingConfigInternal& config, bool hasSizes) {
     const bool pure = isPureAudio(config.mixUsersArray);
     json::Array inputs;
@@ -298,7 +299,7 @@ Evaluation evaluate(int retCode, const std::string& response, int kind) {
     }
     Evaluation evaluation = {0, {}};
     if (response.empty()) {
-        // No return here: an empty response makes two notifications.
+        // No return here: an empty response causes two notifications (intended, prescribed by the interface).
         evaluation.notifications.push_back({codes.unreadableError, "recv message nil"});
     }
     const json::Value value = json::Deserialize(response);

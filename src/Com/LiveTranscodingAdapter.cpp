@@ -1,5 +1,6 @@
-// In this order: what differs between the kinds (one table), identity and room, the four public operations, the engine
-// that sends, receives and retries, and the report. The rules of bodies, refusals and responses are in LiveRequests.h.
+// The sections, in this order: the table of request kinds, posting and notifying, identity and room, the public relay
+// and mix operations, the engine that sends, receives and retries requests, and the room event report. The rules of
+// bodies, refusals and responses are in LiveRequests.h.
 
 #include "Com/LiveTranscodingAdapter.h"
 
@@ -27,15 +28,15 @@ namespace requests = vexalive::requests;
 namespace {
 
 constexpr const char* kSourceFile = "LiveTranscodingAdapter.cpp";
-constexpr const char* kInTask = "operator()";  // the function name of a line logged in a posted task or a callback
+constexpr const char* kInTask = "operator()";  // function name in log lines of posted tasks and callbacks
 constexpr int kProgress = 2;                   // log levels
 constexpr int kRefusal = 4;
 
 constexpr int kRoomEventType = 10004;
 constexpr const char* kNotInRoom = "not enterRoom status";
 
-// The service's base URL, built when the program starts, or earlier if an adapter is at work before main. Never
-// destroyed, since a worker may still send while the process exits.
+// The service's base URL. It is built during static initialisation: by CGI_VEXALIVE_SERVER below, or earlier if another
+// static object uses an adapter first. Never destroyed, since a worker may still send while the process exits.
 struct ServerUrl {
     ServerUrl() { get(); }
     static const std::string& get() {
@@ -48,9 +49,8 @@ const ServerUrl CGI_VEXALIVE_SERVER;
 
 }  // namespace
 
-// ---- What differs ---------------------------------------------------------------------------------------------------
+// ---- Request kinds --------------------------------------------------------------------------------------------------
 
-// Relay work and mix work.
 struct LiveTranscodingAdapter::Family {
     const requests::Family& rules;
     int32_t LiveTranscodingAdapter::*generation;
@@ -61,28 +61,27 @@ struct LiveTranscodingAdapter::Family {
     static const Family kMix;
 };
 
-// The first send of a request, or its retries.
 struct LiveTranscodingAdapter::Attempt {
-    const char* function;     // the function name of the send's log line
-    const char* sendLog;      // shows the index, the retries made and the body
-    const char* responseLog;  // shows the index, the return code and the response
-    bool dropsStaleResponse;  // a response whose generation is over
+    const char* function;     // function name in the log line of the send
+    const char* sendLog;      // format of that line; arguments: generation, number of retries so far, body
+    const char* responseLog;  // format of the response's log line; arguments: generation, return code, response
+    bool dropsStaleResponse;  // whether a response of an older generation is ignored
 };
 
-// One kind of request.
 struct LiveTranscodingAdapter::RequestKind {
     requests::Kind number;
     const Family& family;
     std::shared_ptr<CVexaHttpSendRecv> LiveTranscodingAdapter::*client;
-    int32_t LiveTranscodingAdapter::*retries;        // remaining
-    int32_t LiveTranscodingAdapter::*tracedCounter;  // the one that the trace prints
+    int32_t LiveTranscodingAdapter::*retries;        // counter of the remaining retries
+    int32_t LiveTranscodingAdapter::*tracedCounter;  // retry counter that the trace shows
     std::string (*buildBody)(LiveTranscodingAdapter& self);
     void (LiveTranscodingAdapter::*retryEntry)(int index, std::string trace);
-    std::string LiveTranscodingAdapter::*information;  // of the report
+    std::string LiveTranscodingAdapter::*information;  // string of the room event report
+    // What `information` holds: the operation's parameter, or the first body, stored before or after it is logged.
     enum Stores { kParameter, kBodyBeforeLog, kBodyAfterLog } storesInformation;
-    bool opensTraceWithBody;                                           // with the first one
-    std::string (LiveTranscodingAdapter::*opensTraceWith)(int index);  // called at the first response; may be null
-    bool dropsStaleRetry;                                              // checks the generation before it sends again
+    bool traceStartsWithBody;                                           // with the body of the first send
+    std::string (LiveTranscodingAdapter::*buildTraceStart)(int index);  // called at the first response; may be null
+    bool dropsStaleRetry;                                               // whether a stale retry is not sent
     Attempt first;
     Attempt retry;
 
@@ -94,7 +93,7 @@ struct LiveTranscodingAdapter::RequestKind {
     static const RequestKind kCancelMix;
 };
 
-// Taken under one lock, so that nothing mixes two rooms.
+// All members are copied under one lock, so that they belong to the same room.
 struct LiveTranscodingAdapter::MixSnapshot {
     requests::Sender sender;
     VexaTranscodingConfigInternal config;
@@ -104,8 +103,8 @@ namespace {
 
 using Adapter = LiveTranscodingAdapter;
 
-constexpr bool kTraceOpensEmpty = false;
-constexpr bool kBodyOpensTrace = true;
+constexpr bool kTraceStartsEmpty = false;
+constexpr bool kTraceStartsWithBody = true;
 constexpr bool kSendsStaleRetry = false;
 constexpr bool kDropsStaleRetry = true;
 constexpr bool kEvaluatesStaleResponse = false;
@@ -113,7 +112,8 @@ constexpr bool kDropsStaleResponse = true;
 
 }  // namespace
 
-// All differences between the kinds. The rows differ intentionally: the differences are part of the contract.
+// All differences between the kinds. The rows differ in odd ways (a relay stop traces the counter of relay starts, for
+// example). This is intended and prescribed by the interface.
 // clang-format off
 const Adapter::Family Adapter::Family::kRelay = {
     requests::kRelay, &Adapter::cdnTaskIndex, &Adapter::retryStartCdnCnt, &Adapter::retryStopCdnCnt};
@@ -125,7 +125,7 @@ const Adapter::RequestKind Adapter::RequestKind::kAddRelay = {
     &Adapter::mStartCdnHttp, &Adapter::retryStartCdnCnt, /* traced */ &Adapter::retryStartCdnCnt,
     [](Adapter& self) { return self.getAddPublisherData(self.mPublishCDNParam.url); },
     &Adapter::retryAddPublishUrlInner,
-    &Adapter::mStartCdnInfo, kParameter, kBodyOpensTrace, nullptr, kSendsStaleRetry,
+    &Adapter::mStartCdnInfo, kParameter, kTraceStartsWithBody, nullptr, kSendsStaleRetry,
     {"addPublishUrlInner",
      "addPublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
      "addPublishUrlInner index: %d, ret: %lu, respData: %s",
@@ -141,7 +141,7 @@ const Adapter::RequestKind Adapter::RequestKind::kRemoveRelay = {
     &Adapter::mStopCdnHttp, &Adapter::retryStopCdnCnt, /* traced */ &Adapter::retryStartCdnCnt,
     [](Adapter& self) { return self.getRemovePublisherData(); },
     &Adapter::retryRemovePublishUrlInner,
-    &Adapter::mStopCdnInfo, kBodyBeforeLog, kTraceOpensEmpty, nullptr, kDropsStaleRetry,
+    &Adapter::mStopCdnInfo, kBodyBeforeLog, kTraceStartsEmpty, nullptr, kDropsStaleRetry,
     {"removePublishUrlInner",
      "removePublishUrlInner index: %d, retryStartCdnCnt:%d, jsonStr: %s",
      "removePublishUrlInner index: %d, ret: %lu, respData: %s",
@@ -157,7 +157,7 @@ const Adapter::RequestKind Adapter::RequestKind::kStartMix = {
     &Adapter::mStartMixHttp, &Adapter::retryStartMixCnt, /* traced */ &Adapter::retryStartMixCnt,
     [](Adapter& self) { return self.getMixPostData(); },
     &Adapter::retryStartMixStream,
-    &Adapter::mStartMixInfo, kParameter, kTraceOpensEmpty, &Adapter::getReportMixPostData, kDropsStaleRetry,
+    &Adapter::mStartMixInfo, kParameter, kTraceStartsEmpty, &Adapter::getReportMixPostData, kDropsStaleRetry,
     {"startMixStream",
      "startMixStream index: %d, retryStartMixCnt:%d, jsonStr: %s",
      "startMixStream index: %d, ret: %lu, respData: %s",
@@ -173,7 +173,7 @@ const Adapter::RequestKind Adapter::RequestKind::kCancelMix = {
     &Adapter::mCancelMixHttp, &Adapter::retryCancelMixCnt, /* traced */ &Adapter::retryCancelMixCnt,
     [](Adapter& self) { return self.getCancelMixPostData(); },
     &Adapter::retryCancelMixStream,
-    &Adapter::mCancelMixInfo, kBodyAfterLog, kTraceOpensEmpty, nullptr, kDropsStaleRetry,
+    &Adapter::mCancelMixInfo, kBodyAfterLog, kTraceStartsEmpty, nullptr, kDropsStaleRetry,
     {"cancelMixStream",
      "index: %d, retryCancelMixCnt:%d, jsonStr: %s",
      "index: %d, ret: %lu, respData: %s",
@@ -187,7 +187,8 @@ const Adapter::RequestKind Adapter::RequestKind::kCancelMix = {
 
 // ---- Posting and notifying ------------------------------------------------------------------------------------------
 
-// `work` for another thread and a later time. It does nothing once the adapter is destroyed, and does not own it.
+// Wraps `work` for a later call on another thread. The wrapper holds a weak reference to the adapter. It calls `work`
+// only if the adapter still exists.
 template <class F>
 auto LiveTranscodingAdapter::whileAlive(F work) {
     const std::shared_ptr<LiveTranscodingAdapter> self = weak_from_this().lock();
@@ -295,7 +296,7 @@ void LiveTranscodingAdapter::startPublishStreamUrl(const VexaPublishCDNParamInte
         mStartCdnInfo.swap(information);
     }
     post([this, param, index] {
-        // The parameter is checked before the generation: a superseded start is refused, too.
+        // The parameter is checked before the generation: an invalid start is refused even if it is superseded.
         if (!requests::isComplete(param)) {
             kstf_log(kRefusal, kSourceFile, __LINE__, kInTask, "error: url invalid url = %s, appId:%d, bizId:%d",
                      param.url.c_str(), param.appId, param.bizId);
@@ -359,7 +360,7 @@ int32_t LiveTranscodingAdapter::setLiveMixTranscoding(const VexaTranscodingConfi
         };
         const bool bPureAudio = isPureAudioStream(config.mixUsersArray);
         kstf_log(kProgress, kSourceFile, __LINE__, kInTask, "bPureAudio:%d", bPureAudio);
-        // As for a relay, the fields are checked before the generation; the users are checked after it.
+        // As in a relay start, the fields are checked before the generation. The users are checked after it.
         if (!requests::isComplete(config, bPureAudio)) {
             // The 17 spaces are part of the interface.
             kstf_log(kRefusal, kSourceFile, __LINE__, kInTask,
@@ -459,7 +460,7 @@ void LiveTranscodingAdapter::sortMixConfig() {
 
 // ---- Generations ----------------------------------------------------------------------------------------------------
 
-// Makes all earlier work of the family stale and ends its retries; returns the number of the new generation.
+// Makes all earlier work of the family stale and ends its retries. Returns the number of the new generation.
 int32_t LiveTranscodingAdapter::supersede(const Family& family) {
     guarded(family.startCounter) = 0;
     guarded(family.stopCounter) = 0;
@@ -475,7 +476,7 @@ bool LiveTranscodingAdapter::dropStale(const Family& family, int32_t index) {
     if (current == index) {
         return false;
     }
-    // The label is cdnTaskIndex for mix work, too: it is part of the interface.
+    // The label is cdnTaskIndex for mix work, too (intended, prescribed by the interface).
     kstf_log(kProgress, kSourceFile, __LINE__, kInTask, "index:%d, cdnTaskIndex:%d", index, current);
     return true;
 }
@@ -496,7 +497,7 @@ void LiveTranscodingAdapter::sendFirst(const RequestKind& kind, int32_t index) {
     if (kind.storesInformation == RequestKind::kBodyAfterLog) {
         storeInformation(kind, body);
     }
-    send(kind, kind.first, index, url, body, kind.opensTraceWithBody ? body : std::string());
+    send(kind, kind.first, index, url, body, kind.traceStartsWithBody ? body : std::string());
 }
 
 void LiveTranscodingAdapter::storeInformation(const RequestKind& kind, std::string body) {
@@ -521,15 +522,15 @@ void LiveTranscodingAdapter::send(const RequestKind& kind, const Attempt& attemp
                            }));
 }
 
-// On the delivery thread: retries the request or ends it.
+// Runs on the client's delivery thread. Retries the request or ends it.
 void LiveTranscodingAdapter::receive(const RequestKind& kind, const Attempt& attempt, int32_t index, std::string trace,
                                      int retCode, const KstCopyOnWriteBuffer& response) {
     if (attempt.dropsStaleResponse && isStale(kind.family, index)) {
         return;
     }
     std::string respData(reinterpret_cast<const char*>(response.cdata()), response.size());
-    if (kind.opensTraceWith && &attempt == &kind.first) {
-        trace = (this->*kind.opensTraceWith)(index);
+    if (kind.buildTraceStart && &attempt == &kind.first) {
+        trace = (this->*kind.buildTraceStart)(index);
     }
     trace += requests::traceSegment(read(kind.tracedCounter), retCode, respData);
     kstf_log(kProgress, kSourceFile, __LINE__, kInTask, attempt.responseLog, index,
@@ -551,7 +552,7 @@ bool LiveTranscodingAdapter::useRetry(const RequestKind& kind) {
     return true;
 }
 
-// Sends again after the delay, with a new address and a new body.
+// Sends the request again after the delay, with a new URL and a new body.
 void LiveTranscodingAdapter::retry(const RequestKind& kind, int32_t index, std::string trace) {
     const std::chrono::milliseconds delay(getDelayTime(kRetryBudget - read(kind.retries)));
     mMessageLoop->DelayPostTask(delay, whileAlive([this, &kind, index, trace = std::move(trace)]() mutable {
@@ -613,7 +614,7 @@ int LiveTranscodingAdapter::responeRequest(int retCode, std::string respData, in
     return evaluation.result;
 }
 
-// ---- What every request shares --------------------------------------------------------------------------------------
+// ---- Values of every request ----------------------------------------------------------------------------------------
 
 std::string LiveTranscodingAdapter::getServerUrl(std::string interfaceName) {
     return requests::requestUrl(CGI_VEXALIVE_SERVER.get(), interfaceName,
@@ -686,7 +687,7 @@ LiveTranscodingAdapter::MixSnapshot LiveTranscodingAdapter::mixSnapshot() {
 
 // ---- The report -----------------------------------------------------------------------------------------------------
 
-// The information is the member's value at this moment.
+// Reports the information that the member holds now. A newer operation may have replaced it since the request was sent.
 void LiveTranscodingAdapter::report(const RequestKind& kind, std::string detail) {
     reportTaskInfo(kind.family.rules.reportEvent, read(kind.information), std::move(detail));
 }

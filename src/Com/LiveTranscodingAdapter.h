@@ -1,6 +1,6 @@
 /// @file
-/// The main class of the library. It requests from the cloud's live-interface service to relay the local user's stream
-/// to a CDN address, and to mix several members' streams into one.
+/// The main class of the library. It sends requests to the live-interface service in the cloud. The service relays the
+/// local user's stream to a CDN address, and mixes the streams of several room members into one.
 ///
 /// @code
 ///     auto adapter = std::make_shared<LiveTranscodingAdapter>();
@@ -37,22 +37,28 @@ struct Sender;
 /// The order of mix inputs: lower layers first. Any thread.
 bool LiveTranscodingAdapterSortFun(const kstmedia::VexaMixUserInternal& a, const kstmedia::VexaMixUserInternal& b);
 
-/// Relays and mixes the streams of one room. No operation waits: each but clear() and setLiveTranscodingDelegate()
-/// posts a task to the adapter's own worker thread, and the first task starts this thread. The listener receives the
-/// outcome (ILiveTrancodingDelegate.h). A request that fails is sent again on the schedule of base/RetrySchedule.h.
+/// Relays and mixes the streams of one room. No operation blocks. Each operation except clear() and
+/// setLiveTranscodingDelegate() posts a task to the adapter's own worker thread; the first task starts this thread. The
+/// listener receives the outcome (ILiveTrancodingDelegate.h). If a request fails temporarily, the adapter sends it
+/// again on the schedule of base/RetrySchedule.h.
 ///
-/// Room event reports (base/EventReport.h): the final response to a request makes one. So do a start that is refused
-/// and a start before room entry; the latter makes another one when it ends. A refused stop or cancel makes none.
+/// A start, an update, a stop or a cancel supersedes earlier relay work or earlier mix work: the adapter drops the
+/// earlier tasks that have not begun, and ignores the responses to earlier requests. ILiveTrancodingDelegate.h lists
+/// the exceptions.
 ///
-/// Ownership: the adapter must be owned by a shared pointer. An operation that posts aborts the process if the adapter
-/// is not, or if it is being destroyed. The last reference may be dropped anywhere, also inside a listener call. A task
-/// or a response that is being handled at that moment holds the adapter until it is done and may still call the
-/// listener; then the adapter is destroyed on that thread, and no further call follows.
+/// Room event reports (base/EventReport.h): the adapter reports the final response to each request, each refused start
+/// and each start before room entry. A start before room entry is reported a second time when its request ends. A
+/// refused stop or cancel is not reported.
 ///
-/// Threads: call the operations from one thread at a time; listener calls may call them, too. Calls from several
-/// threads are safe, but it is then undetermined which of them supersedes the other.
+/// Ownership: the adapter must be owned by a shared pointer. An operation that posts a task aborts the process if the
+/// adapter is not owned by one, or if the adapter is being destroyed. The last reference may be released anywhere, also
+/// inside a listener call. If a thread is running a task or handling a response at that moment, this thread finishes it
+/// first; it may still call the listener. Then it destroys the adapter. No listener call follows.
 ///
-/// Code that derives from the class must be compiled without run-time type information, as the class is.
+/// Threads: call the operations from one thread at a time; listener functions may call them, too. Concurrent calls are
+/// safe, but their order is then undetermined: either of two calls may supersede the other.
+///
+/// Derived classes must be compiled with -fno-rtti, as this class is.
 class LiveTranscodingAdapter : public std::enable_shared_from_this<LiveTranscodingAdapter> {
 public:
     /// Starts no thread and opens no socket.
@@ -64,44 +70,46 @@ public:
     LiveTranscodingAdapter(const LiveTranscodingAdapter&) = delete;
     LiveTranscodingAdapter& operator=(const LiveTranscodingAdapter&) = delete;
 
-    /// Leaves the room: supersedes all work, drops starts that wait for room entry and clears the stored parameter and
-    /// configuration. Identity, room id and listener remain.
+    /// Exits the room: supersedes all work, drops starts that wait for room entry, and clears the stored relay
+    /// parameter and mix configuration. Identity, room id and listener remain.
     void resetInfo();
 
     /// Sets the identity of the local user. All values are accepted, also 0 and empty strings.
     void updateUserInfo(int64_t sdkAppId, std::string userSig, std::string userId);
 
-    /// Enters a room and sends the starts that wait for it, the relay first. All values are accepted.
+    /// Enters a room. Sends the starts that wait for room entry, the relay start first. All values are accepted.
     void updateEnterRoomInfo(std::string roomId, std::string privateMapKey);
 
-    /// Sets the listener at once; a call that has begun still reaches the previous one. The adapter holds a weak
-    /// reference. An expired or empty listener is skipped.
+    /// Sets the listener at once. A call that has begun still reaches the previous listener. The adapter holds a weak
+    /// reference. If the reference is expired or empty, the adapter makes no listener calls.
     void setLiveTranscodingDelegate(std::weak_ptr<ILiveTrancodingDelegate> delegate);
 
     /// Clears the stored mix configuration at once; sends nothing.
     void clear();
 
-    /// Relays the local user's main stream to `param.url`; before room entry the start waits. Supersedes earlier relay
-    /// work. Outcome and refusal: onStartPublishStreamUrl.
+    /// Relays the local user's main stream to `param.url`. Before room entry, the start waits. Supersedes earlier relay
+    /// work. onStartPublishStreamUrl receives the outcome or the refusal.
     void startPublishStreamUrl(const kstmedia::VexaPublishCDNParamInternal& param);
 
-    /// Ends the relay. Supersedes earlier relay work and drops a start that waits for room entry. Outcome:
-    /// onStopPublishStreamUrl. Refused through onStopLiveMixTranscoding if nothing was ever started.
+    /// Ends the relay. Supersedes earlier relay work and drops a relay start that waits for room entry.
+    /// onStopPublishStreamUrl receives the outcome. If nothing was ever started, the stop is refused;
+    /// onStopLiveMixTranscoding receives the refusal (intended, prescribed by the interface).
     void stopPublishStreamUrl();
 
-    /// Starts a mix or changes the running one; before room entry it waits. Supersedes earlier mix work. Outcome:
-    /// onSetLiveMixTranscoding; refusal: onStartPublishStreamUrl. Always returns 0.
+    /// Starts a mix or updates the running mix. Before room entry, the start waits. Supersedes earlier mix work.
+    /// onSetLiveMixTranscoding receives the outcome. onStartPublishStreamUrl receives a refusal (intended, prescribed
+    /// by the interface). Always returns 0.
     int32_t setLiveMixTranscoding(const kstmedia::VexaTranscodingConfigInternal& config);
 
-    /// Ends the mix. Supersedes earlier mix work and drops a configuration that waits for room entry. Outcome:
-    /// onStopLiveMixTranscoding, also if it is refused because nothing was ever started.
+    /// Ends the mix. Supersedes earlier mix work and drops a mix start that waits for room entry.
+    /// onStopLiveMixTranscoding receives the outcome, or the refusal if nothing was ever started.
     void stopLiveMixTranscoding();
 
 private:
-    struct Family;       // relay work, or mix work
-    struct RequestKind;  // one of the four kinds of request
-    struct Attempt;      // the first send of a kind, or its retries
-    struct MixSnapshot;  // the members that the body of a mix needs
+    struct Family;       // the members that all relay operations share, or all mix operations
+    struct RequestKind;  // the properties of one of the four kinds of request
+    struct Attempt;      // the properties of the first send of a request, or of its retries
+    struct MixSnapshot;  // a copy of the members that the body of a mix needs
 
     // Posting and notifying.
     template <class F>
@@ -111,7 +119,8 @@ private:
     void notify(void (ILiveTrancodingDelegate::*call)(int, std::string), int errCode, std::string errMsg);
     void notify(const vexalive::requests::Refusal& refusal);
 
-    // Access by member pointer, as the tables name members: guarded() requires the lock, read() takes it.
+    // Access by pointer to member, since the tables of Family and RequestKind refer to members: guarded() requires the
+    // lock, read() acquires it.
     template <class T>
     T& guarded(T LiveTranscodingAdapter::*member) KST_REQUIRES(mMutex) {
         return this->*member;
@@ -122,7 +131,7 @@ private:
         return guarded(member);
     }
 
-    // Generations.
+    // Generations: each operation of a family starts a new generation. Work of an older one is stale.
     int32_t supersede(const Family& family) KST_REQUIRES(mMutex);
     bool isStale(const Family& family, int32_t index);
     bool dropStale(const Family& family, int32_t index);
@@ -163,7 +172,7 @@ private:
     int32_t checkMixConfig(std::vector<kstmedia::VexaMixUserInternal> users, bool bPureAudio);
     void sortMixConfig();
 
-    // What every request shares.
+    // Values of every request.
     std::string getServerUrl(std::string interfaceName);
     vexalive::requests::Envelope nextEnvelope();
     vexalive::requests::Sender sender() KST_EXCLUDES(mMutex);
@@ -177,8 +186,8 @@ private:
     void reportTaskInfo(int event, std::string information, std::string detail);
 
     // The mutex is a leaf: it is never held while the listener, the HTTPS client, the loop, the log or the report is
-    // called. Of the members below, those that it does not guard are constant after construction (clients, loop) or
-    // belong to the worker thread.
+    // called. Of the members that it does not guard, the clients and the loop are constant after construction; the
+    // others are used on the worker thread only.
     KstMutex mMutex;
 
     std::shared_ptr<CVexaHttpSendRecv> mStartCdnHttp;
@@ -189,7 +198,7 @@ private:
     std::string mUserId KST_GUARDED_BY(mMutex);
     int64_t mSdkAppId = 0;
     int32_t mBizId KST_GUARDED_BY(mMutex) = 0;
-    int32_t mAppId = 0;  // 0: nothing was ever started
+    int32_t mAppId = 0;  // of the latest accepted start; 0 if no start was ever accepted
     std::string mUserSig;
     std::string mPrivateMapKey;
     kstmedia::VexaTranscodingConfigInternal mTranscodingConfig KST_GUARDED_BY(mMutex);

@@ -1,8 +1,8 @@
 /// @file
 /// The HTTPS client: posts a body to a URL and reports the response.
 ///
-/// The adapter owns one per kind of request. The default implementation is platform/CVexaHttpSendRecv.cpp on libcurl. A
-/// host with its own HTTPS stack defines these members itself.
+/// The adapter owns one client per kind of request. The default implementation is platform/CVexaHttpSendRecv.cpp on
+/// libcurl. A host with its own HTTPS stack defines the member functions of this class itself.
 
 #ifndef VEXALIVE_BASE_CVEXA_HTTP_SEND_RECV_H
 #define VEXALIVE_BASE_CVEXA_HTTP_SEND_RECV_H
@@ -13,7 +13,7 @@
 
 #include "base/KstCopyOnWriteBuffer.h"
 
-/// Sends HTTPS POST requests. Any thread may call any member; the destructor excludes all other calls.
+/// Sends HTTPS POST requests. Any thread may call any member function, but none while the destructor runs.
 class CVexaHttpSendRecv {
 public:
     /// Return code: a whole response with a 2xx status has arrived.
@@ -24,22 +24,22 @@ public:
     /// 429, 500, 502, 503 or 504.
     static constexpr int kRetryable = 1;
 
-    /// Return codes from here on are this plus a CURLcode: another attempt will fail as well. The certificate was
-    /// refused, the URL is malformed, or the response exceeds the limit. The response is then a JSON object whose only
-    /// key is "transportError", with a description.
+    /// A return code of at least this value is this value plus a CURLcode: another attempt would fail, too. For
+    /// example, the certificate was refused, the URL is malformed, or the response exceeds the limit. The response is
+    /// then a JSON object whose only key is "transportError", with a description.
     static constexpr int kTransportErrorBase = 1000;
 
-    /// Receives the result of one request: `retCode` is one of the codes above, or an HTTP status from 100 to 999 as it
-    /// is. `response` is the response body, as far as it arrived, for every code. Runs on a delivery thread of the
-    /// client's implementation, never inside sendHttpsRequest(). It may block, send again, or destroy the client. It
-    /// must not throw.
+    /// Receives the result of one request. `retCode` is one of the codes above. For every HTTP status that they do not
+    /// cover, it is the status itself, 100 to 999. `response` is the part of the response body that arrived. The
+    /// callback runs on a delivery thread of the client's implementation, never inside sendHttpsRequest(). It may
+    /// block, send again, or destroy the client. It must not throw.
     using Callback = std::function<void(int retCode, KstCopyOnWriteBuffer& response)>;
 
     /// Starts no thread and opens no socket before the first request.
     CVexaHttpSendRecv();
 
-    /// Requests in flight end without a callback: none begins after the destructor has returned. Waits for a
-    /// callback of this client that runs on another thread; does not wait if called inside a callback.
+    /// Requests in flight end without a callback: no callback begins after the destructor has returned. Waits for a
+    /// callback of this client that runs on another thread. Does not wait if called inside a callback.
     ~CVexaHttpSendRecv();
 
     CVexaHttpSendRecv(const CVexaHttpSendRecv&) = delete;
@@ -47,9 +47,9 @@ public:
 
     /// Posts `body` as application/json to `url`. Never blocks.
     ///
-    /// While the client lives, `callback` is called exactly once. Callbacks of one client run one at a time, in the
-    /// order in which the exchanges ended. Errors are reported through `callback`, a `url` that is not https included.
-    /// @param body  shared, not copied.
+    /// While the client exists, `callback` is called exactly once. Callbacks of one client run one at a time, in the
+    /// order in which the exchanges ended. `callback` receives all errors, also that `url` is not https.
+    /// @param body  the client shares its bytes and does not copy them.
     /// @param callback  may be empty; owned by the client, and destroyed after its call.
     void sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::string& url, Callback callback);
 

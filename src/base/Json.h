@@ -1,7 +1,7 @@
 /// @file
-/// JSON values, as far as the adapter needs them.
+/// The JSON values that the adapter needs.
 ///
-/// This header implements the values. A library serializes and parses them; the default is platform/Json.cpp.
+/// This header implements the values. The default implementation of Serialize() and Deserialize() is platform/Json.cpp.
 
 #ifndef VEXALIVE_BASE_JSON_H
 #define VEXALIVE_BASE_JSON_H
@@ -99,7 +99,7 @@ private:
         mData;
 };
 
-/// Builds an array. Not for several threads at once.
+/// Builds an array. Not thread-safe.
 class Array {
 public:
     /// Appends a value.
@@ -111,7 +111,7 @@ private:
     std::vector<Value> mItems;
 };
 
-/// Builds an object. Not for several threads at once.
+/// Builds an object. Not thread-safe.
 class Object {
 public:
     /// @{

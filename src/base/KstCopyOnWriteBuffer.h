@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-/// Copies the bytes once, at construction; copies of the buffer share them. Threads may use copies at the same time.
+/// Copies the bytes once, at construction. Copies of the buffer share them. Several threads may use copies at once.
 class KstCopyOnWriteBuffer {
 public:
     /// An empty buffer.

@@ -79,7 +79,8 @@ void KstMessageLoop::Loop() {
     }
 }
 
-// Appends the due tasks to the queue, earliest deadline first. So neither kind of task starves the other.
+// Appends the due delayed tasks to the queue, earliest deadline first. So delayed and immediate tasks do not starve
+// each other.
 void KstMessageLoop::collectDueTasks() {
     if (mDelayed.empty()) {
         return;
@@ -94,7 +95,8 @@ void KstMessageLoop::collectDueTasks() {
 
 void KstMessageLoop::stop() {
     std::shared_ptr<std::thread> worker;
-    std::vector<KstTask> tasks;  // destroyed at the end without the lock: their destructors may post or stop
+    // The tasks are destroyed at the end of this function, without the lock: their destructors may post or call stop().
+    std::vector<KstTask> tasks;
     std::vector<DelayTask> delayed;
     {
         KstMutexLock lock(mMutex);
@@ -108,14 +110,14 @@ void KstMessageLoop::stop() {
         return;
     }
     if (worker->get_id() == std::this_thread::get_id()) {
-        mBatch.resize(mNext);  // destroys the rest, too, without running it
+        mBatch.resize(mNext);  // destroys the dequeued tasks that have not begun
         worker->detach();
     } else {
         worker->join();
     }
 }
 
-// Deadlines that the clock cannot represent become its first or last one.
+// The time `delay` from now, clamped to what the clock can represent.
 std::chrono::steady_clock::time_point KstMessageLoop::deadlineAfter(std::chrono::milliseconds delay) {
     using std::chrono::milliseconds;
     using Clock = std::chrono::steady_clock;

@@ -18,7 +18,7 @@
 
 #include "base/Mutex.h"
 
-/// A packaged task, whose state only its future shares. Call it at most once. Movable, not copyable.
+/// A posted task: a callable and its future. Call it at most once. Movable, not copyable.
 class KstTask {
 public:
     KstTask() = default;
@@ -40,7 +40,7 @@ private:
 /// A task that must not run before its deadline.
 struct DelayTask {
     std::chrono::steady_clock::time_point deadline;  ///< the task runs at this time or later
-    KstTask task;                                    ///< owned
+    KstTask task;
 };
 
 /// Orders the heap so that the earliest deadline is at the front. Equal deadlines have no order.
@@ -49,8 +49,9 @@ struct DelayTaskCmp {
     bool operator()(const DelayTask& a, const DelayTask& b) const { return a.deadline > b.deadline; }
 };
 
-/// Must be owned by a shared pointer: posting otherwise aborts the process. The first post starts the thread; stop()
-/// ends it. Any thread may call any member function except Loop().
+/// A queue of tasks and the worker thread that runs them. The first post starts the thread; stop() ends it. The loop
+/// must be owned by a shared pointer; otherwise a post aborts the process. Any thread may call any member function
+/// except Loop().
 class KstMessageLoop : public std::enable_shared_from_this<KstMessageLoop> {
 public:
     /// Starts no thread.
@@ -62,26 +63,27 @@ public:
     KstMessageLoop(const KstMessageLoop&) = delete;
     KstMessageLoop& operator=(const KstMessageLoop&) = delete;
 
-    /// Queues `task` behind all tasks posted before; the worker thread runs it. Never waits for the worker.
+    /// Queues `task` behind all tasks that were posted before. The worker thread runs it. Never waits for the worker.
     ///
-    /// If the worker thread cannot be started, the call throws std::system_error while it holds the lock. The loop is
-    /// unusable afterwards: let the exception end the process.
+    /// If the worker thread cannot be started, the call throws std::system_error and leaves the loop's mutex locked.
+    /// The loop is then unusable: let the exception end the process.
     /// @param task  a callable without arguments that must not throw. Moved or copied into the queue.
-    /// @return a future that becomes ready when the task has run; dropping it does not wait. After stop() it is not
-    /// valid(), and the task is destroyed without running. The future of a task that stop() destroys may become ready.
+    /// @return a future that becomes ready when the task has run. Its destructor does not wait. After stop(),
+    /// PostTask() destroys the task without running it and returns a future that is not valid(). If stop() destroys a
+    /// queued task, the future of that task may become ready.
     template <class F>
     std::future<void> PostTask(F&& task);
 
-    /// As PostTask(), once `delay` has passed on the steady clock since the task was packaged. A negative delay is a
-    /// deadline in the past: due tasks run in the order of their deadlines.
+    /// As PostTask(), but the task runs no earlier than `delay` after the call, by the steady clock. Due tasks run in
+    /// the order of their deadlines. A negative delay is a deadline in the past.
     template <class F>
     std::future<void> DelayPostTask(std::chrono::milliseconds delay, F&& task);
 
     /// The body of the worker thread: returns after stop().
     void Loop();
 
-    /// Ends the worker thread: refuses further posts, destroys the tasks that have not begun and waits for the one that
-    /// runs. Does not wait if called on the worker thread. May be called several times; only the first call waits.
+    /// Ends the worker thread: refuses further posts, destroys the tasks that have not begun, and waits for the running
+    /// task. Does not wait if called on the worker thread. May be called several times; only the first call waits.
     void stop();
 
 private:
@@ -96,7 +98,7 @@ private:
     std::shared_ptr<std::thread> mWorker KST_GUARDED_BY(mMutex);
     std::vector<KstTask> mTasks KST_GUARDED_BY(mMutex);
     std::vector<DelayTask> mDelayed KST_GUARDED_BY(mMutex);
-    bool mIdle KST_GUARDED_BY(mMutex) = false;  // the worker waits, and no notification is pending
+    bool mIdle KST_GUARDED_BY(mMutex) = false;  // the worker waits, and no notifyOne() is pending
     std::atomic<bool> mStopped{false};
     std::vector<KstTask> mBatch;  // worker thread only: the tasks that it has dequeued
     size_t mNext = 0;             // worker thread only: the next task in mBatch

@@ -1,5 +1,6 @@
 /// @file
-/// The SDK's log. The default implementation is platform/Log.cpp on spdlog, or the host's sink (platform/Platform.h).
+/// The SDK's log. The default implementation is platform/Log.cpp. It passes each line to the host's sink
+/// (platform/Platform.h) if one is set, else to spdlog.
 
 #ifndef VEXALIVE_BASE_LOG_H
 #define VEXALIVE_BASE_LOG_H

@@ -40,7 +40,7 @@ private:
     std::mutex mMutex;
 };
 
-/// Locks a KstMutex for a scope. May be unlocked and locked again in between; the destructor unlocks if it is locked.
+/// Locks a KstMutex for a scope, as std::unique_lock does: the owner may call unlock() and lock() within the scope.
 class KST_THREAD_ATTRIBUTE(scoped_lockable) KstMutexLock {
 public:
     explicit KstMutexLock(KstMutex& mutex) KST_THREAD_ATTRIBUTE(acquire_capability(mutex)) : mMutex(mutex) {
@@ -78,7 +78,7 @@ public:
         lock.release();
     }
 
-    /// As wait(), until `deadline` at the latest; false once that has passed.
+    /// As wait(), but returns at `deadline` at the latest. Returns false if the deadline has passed.
     bool waitUntil(KstMutex& mutex, std::chrono::steady_clock::time_point deadline) KST_REQUIRES(mutex) {
         std::unique_lock<std::mutex> lock(mutex.mMutex, std::adopt_lock);
         const std::cv_status status = mCondition.wait_until(lock, deadline);

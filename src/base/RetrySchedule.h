@@ -1,12 +1,12 @@
 /// @file
-/// When a request that failed is sent again. The adapter follows this schedule; a progress display can show it.
+/// When the adapter sends a failed request again. A progress display can show this schedule.
 
 #ifndef VEXALIVE_BASE_RETRY_SCHEDULE_H
 #define VEXALIVE_BASE_RETRY_SCHEDULE_H
 
 #include <cstdint>
 
-/// The most retries that follow a first send. A request is thus sent at most kRetryBudget + 1 times.
+/// The maximum number of retries of a request. A request is thus sent at most kRetryBudget + 1 times.
 constexpr int32_t kRetryBudget = 10;
 
 /// The delay before retry `n`, in milliseconds. The adapter counts retries from 1, so it never uses the entry for 0.

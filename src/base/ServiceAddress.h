@@ -11,7 +11,7 @@
 /// The service as "host" or "host:port".
 const char* kstf_get_live_service_host();
 
-/// The part of a push domain that follows the biz id and a dot.
+/// SUFFIX in the push domain "BIZID.SUFFIX".
 const char* kstf_get_push_domain_suffix();
 
 #endif

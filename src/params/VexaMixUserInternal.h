@@ -9,7 +9,7 @@
 
 namespace kstmedia {
 
-/// A mix user. The record itself checks nothing.
+/// A mix user. The struct does not check its values; the adapter does.
 struct VexaMixUserInternal {
     /// Position and size on the canvas, in pixels. The origin is the top left corner.
     struct Rect {
@@ -19,10 +19,10 @@ struct VexaMixUserInternal {
         int32_t h = 0;  ///< height
     };
 
-    std::string userId;      ///< whose stream is mixed
-    std::string roomId;      ///< that user's room; empty means the local user's
-    Rect rect;               ///< sent as given: neither scaled nor clipped
-    int32_t zOrder = 0;      ///< layer, 0 to 16, unique among the inputs of a mix with video; higher is nearer
+    std::string userId;      ///< the user whose stream is mixed
+    std::string roomId;      ///< the room of that user; if empty, the local user's room
+    Rect rect;               ///< sent unchanged, neither scaled nor clipped
+    int32_t zOrder = 0;      ///< layer; a higher one covers a lower one; with video 0 to 16, different for each user
     bool pureAudio = false;  ///< this input contributes audio only
     int32_t streamType = 0;  ///< 2: the user's auxiliary stream; any other value: the main stream
 };

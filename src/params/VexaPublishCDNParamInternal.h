@@ -9,7 +9,7 @@
 
 namespace kstmedia {
 
-/// The parameter of a relay. A relay starts only if no field is 0 or empty; the record itself checks nothing.
+/// The parameter of a relay. The struct does not check its values; the adapter refuses a field that is 0 or empty.
 struct VexaPublishCDNParamInternal {
     int32_t appId = 0;  ///< CDN application id
     int32_t bizId = 0;  ///< CDN biz id

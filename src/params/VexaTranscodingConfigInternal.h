@@ -12,12 +12,12 @@
 
 namespace kstmedia {
 
-/// The configuration of a mix. The record itself checks nothing. For a mix with video no number except `mode` may be 0;
-/// for a mix of audio only, `appId` and `bizId` may not. A bitrate, frame rate, GOP, sample rate or channel count of -1
-/// is left to the service; width and height are sent unchanged. The service defines the units: commonly pixels, kbit/s,
-/// seconds and Hz.
+/// The configuration of a mix. The struct does not check its values; the adapter does. In a mix with video, no number
+/// except `mode` may be 0. In an audio-only mix, `appId` and `bizId` may not be 0. If a bitrate, frame rate, GOP,
+/// sample rate or channel count is -1, it is not sent, and the service chooses the value. Width and height are sent
+/// unchanged. The service defines the units; those below are the usual ones.
 struct VexaTranscodingConfigInternal {
-    int32_t mode = 0;                                ///< for the application; not sent and not checked
+    int32_t mode = 0;                                ///< for the application's own use; not sent and not checked
     int32_t appId = 0;                               ///< CDN application id
     int32_t bizId = 0;                               ///< CDN biz id
     int32_t videoWidth = -1;                         ///< width of the canvas, in pixels
