@@ -7,8 +7,10 @@ namespace vexalive {
 
 namespace {
 
-constexpr int64_t kMaxBack = 1'000;    // milliseconds back; with more, the source's clock has jumped
-constexpr int64_t kMaxAhead = 10'000;  // milliseconds ahead of the elapsed time; with more, the same
+// Milliseconds. The source's clock has jumped if a timestamp is further behind the last one, or further ahead of the
+// time that has elapsed since.
+constexpr int64_t kMaxBack = 1'000;
+constexpr int64_t kMaxAhead = 10'000;
 
 unsigned byteAt(std::string_view bytes, size_t position) {
     return position < bytes.size() ? static_cast<unsigned char>(bytes[position]) : 0;
@@ -60,7 +62,7 @@ int64_t FlvTag::compositionTime() const {
     return value < 0x800000 ? value : value - 0x1000000;
 }
 
-std::string FlvTag::at(int64_t time) const {
+std::string FlvTag::withTimestamp(int64_t time) const {
     std::string result = bytes;
     const auto value = static_cast<uint32_t>(time);
     const int shifts[] = {16, 8, 0, 24};
@@ -104,13 +106,13 @@ bool FlvReader::read(std::string_view piece, const std::function<void(const FlvT
     return true;
 }
 
-int64_t SteadyTime::at(int64_t timestamp, int64_t now) {
+int64_t SteadyTime::convert(int64_t timestamp, int64_t now) {
     const int64_t ahead = timestamp + mOffset - mLast;
-    mIsFirst = mIsFirst || ahead < -kMaxBack || ahead > now - mLastNow + kMaxAhead;
-    if (mIsFirst) {
+    mNeedsOffset = mNeedsOffset || ahead < -kMaxBack || ahead > now - mLastNow + kMaxAhead;
+    if (mNeedsOffset) {
         const int64_t begin = mHasBegun ? mLast + std::max<int64_t>(now - mLastNow, 1) : 0;
         mOffset = begin - timestamp;
-        mIsFirst = false;
+        mNeedsOffset = false;
         mHasBegun = true;
     }
     mLast = std::max(mLast, timestamp + mOffset);

@@ -1,4 +1,4 @@
-// A stream as RTMP carries it: a sequence of FLV tags, with any codecs.
+// A stream in the form that RTMP transports: a sequence of FLV tags. The codecs do not matter.
 
 #ifndef VEXALIVE_MEDIA_FLV_STREAM_H
 #define VEXALIVE_MEDIA_FLV_STREAM_H
@@ -20,24 +20,25 @@ constexpr unsigned kFlvAvc = 7;
 constexpr unsigned kFlvAac = 10;
 
 struct FlvTag {
-    enum class Kind : uint8_t { kAudio = 8, kVideo = 9, kScript = 18 };  // the types on the wire
-    enum class Packet : uint8_t { kSequenceHeader = 0, kFrame = 1 };     // of AVC and AAC
-    enum class FrameType : uint8_t { kKey = 1, kInter = 2 };             // of video
-    static constexpr size_t kHeaderSize = 11;  // type, size (3), timestamp (3, then its highest byte), stream id (3)
-    static constexpr size_t kVideoHeaderSize = 5;  // frame type and codec, packet, composition time (3)
-    static constexpr size_t kAudioHeaderSize = 2;  // codec, packet
-    static constexpr size_t kTrailerSize = 4;      // the tag's size
+    enum class Kind : uint8_t { kAudio = 8, kVideo = 9, kScript = 18 };  // the tag types of FLV
+    enum class Packet : uint8_t { kSequenceHeader = 0, kFrame = 1 };     // the packet types of AVC and AAC
+    enum class FrameType : uint8_t { kKey = 1, kInter = 2 };             // the frame types of video
+    // Sizes in bytes. The comments list the fields; a number is the size of a field of more than one byte.
+    static constexpr size_t kHeaderSize = 11;      // type, size (3), timestamp (3), its highest byte, stream id (3)
+    static constexpr size_t kVideoHeaderSize = 5;  // frame type with codec, packet type, composition time (3)
+    static constexpr size_t kAudioHeaderSize = 2;  // codec, packet type
+    static constexpr size_t kTrailerSize = 4;      // the tag's size (4)
 
     Kind kind = Kind::kScript;
     int64_t timestamp = 0;  ///< milliseconds
-    std::string bytes;      ///< the whole tag with its trailer; ignore the timestamp inside
+    std::string bytes;      ///< the whole tag with its trailer; use `timestamp`, not the one in these bytes
 
-    bool isMedia() const { return kind != Kind::kScript; }  ///< a server adds scripts of its own to a stream
-    /// Whether this is a sequence header or the metadata, which a decoder or player needs at the start of a connection.
+    bool isMedia() const { return kind != Kind::kScript; }  ///< audio or video; servers insert their own script tags
+    /// Whether the tag is a sequence header or the metadata. A decoder or player needs them first on each connection.
     bool isStreamHeader() const;
     bool isFrame() const { return isMedia() && !isStreamHeader(); }
     bool isKeyFrame() const;
-    unsigned codec() const;  ///< of audio or video
+    unsigned codec() const;  ///< the codec id; of audio and video tags only
 
     /// The part of an AVC or AAC tag that the decoder needs; empty for other codecs.
     std::string_view payload() const;
@@ -45,63 +46,68 @@ struct FlvTag {
     int64_t compositionTime() const;
 
     /// The bytes of the tag with another timestamp, in milliseconds.
-    std::string at(int64_t time) const;
+    std::string withTimestamp(int64_t time) const;
 };
 
-/// Splits bytes, in pieces of any size, into tags.
+/// Splits a byte stream, which arrives in pieces of any size, into tags.
 class FlvReader {
 public:
-    /// False if the bytes are not FLV. Do not call it again then.
+    /// Calls `onTag` for each tag that `piece` completes. Returns false if the stream is not FLV; do not call it again
+    /// then.
     bool read(std::string_view piece, const std::function<void(const FlvTag& tag)>& onTag);
 
 private:
     bool mHasHeader = false;
-    std::string mRest;
+    std::string mRest;  // the begin of an incomplete tag
 };
 
-/// Converts the timestamps of a source that reconnects, or whose clock jumps, to one continuous sequence. Timestamps
-/// never decrease. A pause of the source keeps its length. Times are in milliseconds.
+/// Converts the timestamps of a source to one continuous sequence, although the source may reconnect and its clock may
+/// jump. The converted timestamps never decrease. A pause of the source keeps its length. Times are in milliseconds.
 class SteadyTime {
 public:
-    /// The next timestamp is from a new connection.
-    void beginConnection() { mIsFirst = true; }
+    /// Call before the first timestamp of each new connection.
+    void beginConnection() { mNeedsOffset = true; }
 
-    /// The continuous timestamp. `now` is read from any monotonic clock.
-    int64_t at(int64_t timestamp, int64_t now);
+    /// Converts a timestamp. `now` is the current time of any monotonic clock.
+    int64_t convert(int64_t timestamp, int64_t now);
 
-    int64_t last() const { return mLast; }
+    int64_t last() const { return mLast; }  ///< the last converted timestamp
 
 private:
-    bool mIsFirst = true;
+    bool mNeedsOffset = true;
     bool mHasBegun = false;
-    int64_t mOffset = 0;
-    int64_t mLast = 0;
-    int64_t mLastNow = 0;
+    int64_t mOffset = 0;   // added to the source's timestamps
+    int64_t mLast = 0;     // the last converted timestamp
+    int64_t mLastNow = 0;  // the time of that conversion
 };
 
-/// Passes a source's tags to a destination as long as its queue is short. If the queue is full, or the destination has
-/// just connected, the gate closes: tags are dropped until the next key frame, or audio frame if there is no video. The
-/// gate then sends the stream headers first. This bounds the queue.
+/// Passes a source's tags to a destination as long as the destination's queue is short.
+///
+/// The gate closes if the queue is full or the destination has just connected. It opens at the next key frame, or at
+/// the next audio frame if there is no video, and then sends the stream headers first. A closed gate drops tags, so the
+/// queue stays bounded.
 class FlvGate {
 public:
-    static constexpr size_t kMaxQueued = size_t{4} << 20;  ///< bytes; with more, the gate closes
-    static constexpr int64_t kVideoTimeout = 3'000;        ///< milliseconds without video until audio opens the gate
+    static constexpr size_t kMaxQueued = size_t{4} << 20;  ///< bytes; the gate closes above this limit
+    static constexpr int64_t kVideoTimeout = 3'000;        ///< after so many ms without video, audio opens the gate
 
     void forgetHeaders() { mHeaders.clear(); }  ///< call if the source reconnects: it sends new headers
     void close() { mIsOpen = false; }           ///< call if the destination reconnects
 
-    /// Call with each tag of the source, also without a destination. `now` is in milliseconds of any clock.
+    /// Call with each tag of the source, even while no destination is connected. `now` is the current time in
+    /// milliseconds of any monotonic clock.
     void observe(const FlvTag& tag, int64_t now);
 
-    /// Calls `send` for each tag to send: `tag` (the last that was observed), after stream headers if the gate opens.
-    /// `queued` bytes wait for the destination. False if the tag is dropped.
+    /// Sends or drops `tag`, which must be the tag of the last observe(). Calls `send` for each tag to send: if the
+    /// gate opens, for the stream headers first. `queued` is the number of bytes in the destination's queue. Returns
+    /// false if `tag` is dropped.
     bool pass(const FlvTag& tag, size_t queued, const std::function<void(const FlvTag& tag)>& send);
 
 private:
     bool mIsOpen = false;
-    std::vector<FlvTag> mHeaders;  // the latest of each kind; kinds in the order of their first arrival
-    int64_t mLastTag = 0;
-    int64_t mLastVideo = -kVideoTimeout - 1;
+    std::vector<FlvTag> mHeaders;             // the latest of each kind; kinds in the order of their first arrival
+    int64_t mLastTag = 0;                     // time of the last tag
+    int64_t mLastVideo = -kVideoTimeout - 1;  // time of the last video tag
 };
 
 }  // namespace vexalive

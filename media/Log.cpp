@@ -16,11 +16,11 @@ public:
     void write(const std::string& line) {
         const auto now = std::chrono::steady_clock::now();
         const KstMutexLock lock(mMutex);
-        if (now >= mSecond + std::chrono::seconds(1)) {
+        if (now >= mIntervalBegin + std::chrono::seconds(1)) {
             if (mLines > kMaxLinesPerSecond) {
                 std::fprintf(stderr, "dropped %d more lines\n", mLines - kMaxLinesPerSecond);
             }
-            mSecond = now;
+            mIntervalBegin = now;
             mLines = 0;
         }
         if (++mLines <= kMaxLinesPerSecond) {
@@ -30,8 +30,9 @@ public:
 
 private:
     KstMutex mMutex;
-    std::chrono::steady_clock::time_point mSecond KST_GUARDED_BY(mMutex);  // start of the current second
-    int mLines KST_GUARDED_BY(mMutex) = 0;                                 // in that second
+    std::chrono::steady_clock::time_point mIntervalBegin
+        KST_GUARDED_BY(mMutex);             // begin of the current interval of 1 s
+    int mLines KST_GUARDED_BY(mMutex) = 0;  // in that interval
 };
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 namespace vexalive {
 
-/// Writes one line. Beyond 10 lines per second, lines are dropped and counted. Any thread.
+/// Writes one line, up to 10 lines per second. Further lines are dropped; their number is logged. Any thread.
 void logLine(const std::string& line);
 
 }  // namespace vexalive

@@ -10,11 +10,11 @@ void callOnMainLoop(std::function<void()> task) {
     using Task = std::function<void()>;
     g_idle_add_full(
         G_PRIORITY_DEFAULT,
-        [](gpointer held) -> gboolean {
-            (*static_cast<Task*>(held))();
+        [](gpointer userData) -> gboolean {
+            (*static_cast<Task*>(userData))();
             return G_SOURCE_REMOVE;
         },
-        new Task(std::move(task)), [](gpointer held) { delete static_cast<Task*>(held); });
+        new Task(std::move(task)), [](gpointer userData) { delete static_cast<Task*>(userData); });
 }
 
 void Timer::start(std::chrono::milliseconds delay, std::function<void()> task) {

@@ -1,4 +1,4 @@
-// Tasks on GLib's main loop: the thread that controls a worker.
+// Runs tasks on GLib's main loop. The thread of the main loop controls the worker.
 
 #ifndef VEXALIVE_MEDIA_MAIN_LOOP_H
 #define VEXALIVE_MEDIA_MAIN_LOOP_H
@@ -19,7 +19,7 @@ public:
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    /// Calls `task` once, after `delay`; cancels a pending call. `task` may start the timer again or destroy it.
+    /// Cancels a pending call, then calls `task` once after `delay`. `task` may start the timer again or destroy it.
     void start(std::chrono::milliseconds delay, std::function<void()> task);
     void cancel();
     bool isActive() const { return mSource != 0; }
@@ -27,7 +27,7 @@ public:
 private:
     static int onDue(void* timer);
 
-    unsigned mSource = 0;  // GLib's id; 0: none
+    unsigned mSource = 0;  // GLib's id of the pending call; 0: none
     std::function<void()> mTask;
 };
 

@@ -10,7 +10,7 @@ using nlohmann::json;
 
 namespace {
 
-// A number of the output: its default, for a field that is absent or not positive, and its range.
+// A numeric field of "output". `fallback` is used if the field is missing or not positive.
 struct Number {
     const char* key;
     int fallback;
@@ -24,10 +24,10 @@ constexpr Number kSampleRate{"output_audio_sample_rate", 48000, 8000, 48000};
 constexpr Number kAudioBitrate{"output_audio_bitrate", 64, 16, 320};
 constexpr Number kChannels{"output_audio_channels", 2, 1, 2};
 
-// The sample rates of AAC, within the range above.
+// The sample rates of AAC that are in the range of kSampleRate.
 constexpr int kSampleRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
 
-// The minimum of the encoder, and the maximum that a desktop machine can encode.
+// Width and height in pixels: the encoder's minimum, and the maximum that a desktop computer can encode in real time.
 constexpr int64_t kMinSide = 16;
 constexpr int64_t kMaxSide = 4096;
 
@@ -41,13 +41,13 @@ int nearestSampleRate(int wanted) {
                              [wanted](int a, int b) { return std::abs(a - wanted) < std::abs(b - wanted); });
 }
 
-// Even, since 4:2:0 video has one chroma sample for two columns or rows.
+// Rounds up to an even number: 4:2:0 video has one chroma sample for two columns or rows.
 int readSide(const json& canvas, const char* key) {
     const int64_t side = std::clamp(canvas.at(key).get<int64_t>(), kMinSide, kMaxSide);
     return static_cast<int>(side + side % 2);
 }
 
-// Throws json::exception, as readMix() does.
+// Throws json::exception, like readMix().
 InputConfiguration readInput(const json& fields) {
     InputConfiguration input;
     input.streamId = fields.at("stream_id").get<std::string>();

@@ -1,4 +1,4 @@
-// The desired state of a mix, read from JSON. Numbers are clamped to their ranges.
+// The configuration of a mix, read from JSON. Numbers are clamped to their ranges.
 
 #ifndef VEXALIVE_MEDIA_MIX_CONFIGURATION_H
 #define VEXALIVE_MEDIA_MIX_CONFIGURATION_H
@@ -13,7 +13,7 @@
 
 namespace vexalive {
 
-/// In pixels of the canvas or of a frame. May extend beyond its edges.
+/// An area of the canvas or of a frame, in pixels. It may extend beyond the edges of the canvas.
 struct Rectangle {
     int64_t x = 0;
     int64_t y = 0;
@@ -26,13 +26,13 @@ struct Rectangle {
     }
 };
 
-/// The output's video. Any change requires another encoder.
+/// The format of the output's video. Each change requires a new encoder.
 struct VideoFormat {
-    int width = 0;  ///< even, as is the height
+    int width = 0;  ///< even, like the height
     int height = 0;
     int frameRate = 0;   ///< frames per second
     int bitrate = 0;     ///< kbit/s
-    int keySeconds = 0;  ///< from one key frame to the next
+    int keySeconds = 0;  ///< seconds from one key frame to the next
 
     bool operator==(const VideoFormat& other) const {
         return width == other.width && height == other.height && frameRate == other.frameRate &&
@@ -40,10 +40,10 @@ struct VideoFormat {
     }
 };
 
-/// The output's audio. Any change requires another encoder.
+/// The format of the output's audio. Each change requires a new encoder.
 struct AudioFormat {
-    int sampleRate = 0;
-    int bitrate = 0;  ///< kbit/s
+    int sampleRate = 0;  ///< Hz
+    int bitrate = 0;     ///< kbit/s
     int channels = 0;
 
     bool operator==(const AudioFormat& other) const {
@@ -54,20 +54,20 @@ struct AudioFormat {
 struct InputConfiguration {
     std::string streamId;
     std::string address;
-    int64_t layer = 0;
-    Rectangle rectangle;  ///< empty: audio only
+    int64_t layer = 0;    ///< a higher layer covers a lower one
+    Rectangle rectangle;  ///< on the canvas; empty: the input has audio only
 };
 
 struct MixConfiguration {
     std::string destination;
-    std::optional<VideoFormat> video;  ///< none: the output has audio only
+    std::optional<VideoFormat> video;  ///< nullopt: the output has audio only
     uint32_t colour = 0;               ///< of the canvas: 0xRRGGBB
-    bool cropCenter = false;
+    bool cropCenter = false;           ///< crop frames to their rectangle; false: stretch them
     AudioFormat audio;
     std::vector<InputConfiguration> inputs;
 };
 
-/// Fails if a field has the wrong type or is missing; those of "output" have defaults.
+/// Fails if a field has the wrong type or is missing. The fields of "output" have defaults and may be missing.
 Result<MixConfiguration> readMixConfiguration(const nlohmann::json& configuration);
 
 }  // namespace vexalive

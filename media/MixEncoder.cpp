@@ -12,8 +12,8 @@ namespace vexalive {
 
 namespace {
 
-// Superfluous threads cost time, and each thread adds a slice to the frame.
-constexpr int64_t kPixelsPerThread = 50'000'000;  // per second
+// The number of encoder threads grows with the pixel rate: a thread too many costs time, and each adds a slice.
+constexpr int64_t kPixelsPerThread = 50'000'000;  // pixels per second
 constexpr int64_t kMaxThreads = 8;
 
 FlvTag readSequenceHeader(FlvTag::Kind kind, GstSample* sample) {
@@ -22,14 +22,15 @@ FlvTag readSequenceHeader(FlvTag::Kind kind, GstSample* sample) {
     return data ? sequenceHeaderTag(kind, MappedBytes(gst_value_get_buffer(data)).get()) : FlvTag();
 }
 
-// Milliseconds of running time. x264enc shifts both its timestamps and its segment by 1000 hours.
+// In milliseconds of running time. The segment is needed because x264enc shifts both its timestamps and its segment by
+// 1000 hours.
 int64_t timeOf(GstSample* sample) {
     const GstClockTime time = gst_segment_to_running_time(gst_sample_get_segment(sample), GST_FORMAT_TIME,
                                                           GST_BUFFER_PTS(gst_sample_get_buffer(sample)));
     return static_cast<int64_t>(GST_TIME_AS_MSECONDS(time));
 }
 
-// Starts the encoder. The caps of its first sample contain the sequence header.
+// Starts the encoder. The sequence header is in the caps of the encoder's first sample.
 std::unique_ptr<Pipeline> play(std::unique_ptr<Pipeline> encoder, FlvTag::Kind kind, MixMuxer::Header description,
                                std::shared_ptr<MixMuxer> muxer) {
     encoder->onSample("out", [kind, description = std::move(description), muxer = std::move(muxer),
@@ -51,7 +52,7 @@ std::unique_ptr<Pipeline> play(std::unique_ptr<Pipeline> encoder, FlvTag::Kind k
 }  // namespace
 
 std::unique_ptr<Pipeline> makeEncoder(const VideoFormat& format, std::shared_ptr<MixMuxer> muxer,
-                                      Pipeline::Ended ended) {
+                                      Pipeline::OnEnded onEnded) {
     const std::string bitrate = std::to_string(format.bitrate);
     const std::string keyFrames = std::to_string(format.keySeconds * format.frameRate);
     const int64_t pixels = int64_t{format.width} * format.height * format.frameRate;
@@ -62,7 +63,7 @@ std::unique_ptr<Pipeline> makeEncoder(const VideoFormat& format, std::shared_ptr
             threads + " bitrate=" + bitrate + " key-int-max=" + keyFrames +
             " ! video/x-h264,stream-format=avc,alignment=au"
             " ! appsink name=out sync=false async=false",
-        std::move(ended));
+        std::move(onEnded));
     GstVideoInfo info = mixVideoInfo(format.width, format.height);
     const GstRef<GstCaps> caps(gst_video_info_to_caps(&info));
     gst_app_src_set_caps(GST_APP_SRC(pipeline->find("in")), caps.get());
@@ -72,7 +73,7 @@ std::unique_ptr<Pipeline> makeEncoder(const VideoFormat& format, std::shared_ptr
 }
 
 std::unique_ptr<Pipeline> makeEncoder(const AudioFormat& format, std::shared_ptr<MixMuxer> muxer,
-                                      Pipeline::Ended ended) {
+                                      Pipeline::OnEnded onEnded) {
     const std::string rate = std::to_string(format.sampleRate);
     const std::string channels = std::to_string(format.channels);
     const std::string bitrate = std::to_string(format.bitrate * 1000);
@@ -84,7 +85,7 @@ std::unique_ptr<Pipeline> makeEncoder(const AudioFormat& format, std::shared_ptr
                                                rate + ",channels=" + channels + " ! avenc_aac bitrate=" + bitrate +
                                                " ! audio/mpeg,mpegversion=4,stream-format=raw"
                                                " ! appsink name=out sync=false async=false",
-                                           std::move(ended)),
+                                           std::move(onEnded)),
                 FlvTag::Kind::kAudio, std::move(description), std::move(muxer));
 }
 

@@ -1,4 +1,4 @@
-// The encoders of a mix. Each is a pipeline of its own, so it can be replaced between two frames.
+// The encoders of a mix. Each encoder has its own pipeline, so it can be replaced between two frames.
 
 #ifndef VEXALIVE_MEDIA_MIX_ENCODER_H
 #define VEXALIVE_MEDIA_MIX_ENCODER_H
@@ -11,12 +11,13 @@
 
 namespace vexalive {
 
-/// Encodes the raw frames that its appsrc "in" receives, with running time as timestamps, and puts the encoded frames
-/// into `muxer` on a streaming thread. After the end of stream at the appsrc, the pipeline ends.
+/// Returns an encoder that is already playing. It encodes the raw frames that its appsrc "in" receives, whose
+/// timestamps are running time. It puts the encoded frames into `muxer`, on a streaming thread. When the appsrc
+/// receives the end of stream, the encoder outputs its last frames and calls `onEnded`.
 std::unique_ptr<Pipeline> makeEncoder(const VideoFormat& format, std::shared_ptr<MixMuxer> muxer,
-                                      Pipeline::Ended ended);
+                                      Pipeline::OnEnded onEnded);
 std::unique_ptr<Pipeline> makeEncoder(const AudioFormat& format, std::shared_ptr<MixMuxer> muxer,
-                                      Pipeline::Ended ended);
+                                      Pipeline::OnEnded onEnded);
 
 }  // namespace vexalive
 

@@ -7,7 +7,7 @@ namespace vexalive {
 void MixFeed::putFrame(VideoFrame frame) {
     const KstMutexLock lock(mMutex);
     mLastPut = Pipeline::runningTime();
-    // Frames with later times are from an older connection, or from before the publisher's clock jumped.
+    // Queued frames with later times come from an older connection, or from before the publisher's clock jumped.
     while (!mFrames.empty() && mFrames.back().presentationTime >= frame.presentationTime) {
         mFrames.pop_back();
     }

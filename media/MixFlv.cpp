@@ -7,7 +7,7 @@ namespace vexalive {
 
 namespace {
 
-// AMF types.
+// AMF type markers.
 constexpr char kAmfString = 2;
 constexpr char kAmfArray = 8;
 constexpr std::string_view kAmfObjectEnd{"\0\0\x09", 3};
@@ -36,7 +36,7 @@ FlvTag makeVideoTag(FlvTag::FrameType frame, FlvTag::Packet packet, std::string_
 }
 
 FlvTag makeAudioTag(FlvTag::Packet packet, std::string_view payload) {
-    // 44 kHz, 16 bits, stereo: fixed for AAC, whose sequence header has the actual values.
+    // 0x0f means 44 kHz, 16 bits, stereo. FLV prescribes it for AAC; the actual values are in the sequence header.
     const auto format = static_cast<char>(kFlvAac << 4 | 0x0f);
     return makeTag(FlvTag::Kind::kAudio, std::string{format, static_cast<char>(packet)}, payload);
 }

@@ -1,4 +1,4 @@
-// The mix's output as FLV tags: H.264 and AAC.
+// Builds the FLV tags of a mix's output: H.264 and AAC.
 
 #ifndef VEXALIVE_MEDIA_MIX_FLV_H
 #define VEXALIVE_MEDIA_MIX_FLV_H
@@ -12,14 +12,14 @@
 
 namespace vexalive {
 
-/// `codecData` is the field codec_data of the encoder's caps.
+/// `codecData` is the value of "codec_data" in the encoder's caps.
 FlvTag sequenceHeaderTag(FlvTag::Kind kind, std::string_view codecData);
 
-/// One frame: length-prefixed H.264 units, or raw AAC.
+/// `frame` is one encoded frame: length-prefixed H.264 NAL units, or raw AAC.
 FlvTag videoTag(std::string_view frame, bool isKey);
 FlvTag audioTag(std::string_view frame);
 
-/// onMetaData. Without it, some players of an audio-only stream wait for video.
+/// The onMetaData tag. Without it, some players of an audio-only stream wait for video.
 FlvTag metadataTag(const std::optional<VideoFormat>& video, const std::optional<AudioFormat>& audio);
 
 }  // namespace vexalive

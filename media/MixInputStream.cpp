@@ -17,13 +17,14 @@ namespace vexalive {
 
 namespace {
 
-constexpr std::chrono::milliseconds kIdleTimeout{1'100};  // without media until the publisher counts as absent
-constexpr std::chrono::seconds kStallTimeout{20};         // without media until the input reconnects
-constexpr std::chrono::seconds kSteadyTime{5};            // of media until past failures no longer count
+constexpr std::chrono::milliseconds kIdleTimeout{1'100};  // time without media until the publisher counts as absent
+constexpr std::chrono::seconds kStallTimeout{20};         // time without media until the input reconnects
+constexpr std::chrono::seconds kSteadyTime{5};            // time with media until the retry pauses restart
 constexpr int64_t kMillisecond = 1'000'000;
-constexpr int64_t kMaxQueueTime = 1'000 * kMillisecond;  // before the decoder; then video is dropped to a key frame
-constexpr unsigned kMaxReordered = 16;                   // frames that a decoder may need before its first output
-constexpr unsigned kMaxUndecoded = 20;                   // frames without output until decoding counts as failed
+// If a frame has waited longer for the decoder, video is dropped until the next key frame.
+constexpr int64_t kMaxQueueTime = 1'000 * kMillisecond;
+constexpr unsigned kMaxReordered = 16;  // number of frames that a decoder may need before its first output
+constexpr unsigned kMaxUndecoded = 20;  // after so many frames without output, decoding has failed
 
 GstRef<GstBuffer> payloadOf(const FlvTag& tag) {
     const std::string_view payload = tag.payload();
@@ -47,8 +48,8 @@ GstPadProbeReturn allowPadding(GstPad*, GstPadProbeInfo* info, gpointer) {
     return GST_PAD_PROBE_HANDLED;
 }
 
-// If a stream does not declare its colour matrix, uses that of the mix, as players do. GStreamer would choose one by
-// the size of the frame.
+// Reads the format of a decoded frame. If the stream does not declare its colour matrix, the mix's matrix is used, as
+// players do. GStreamer would choose a matrix by the size of the frame.
 GstVideoInfo readInfo(GstSample* sample) {
     const GstStructure* const caps = gst_caps_get_structure(gst_sample_get_caps(sample), 0);
     int width = 0;
@@ -87,10 +88,10 @@ void putAudio(MixFeed& feed, GstSample* sample) {
 
 }  // namespace
 
-// Passes the frames in the tags to the decoders. Any thread.
+// Passes the frames in FLV tags to the decoders. Any thread.
 class MixInputStream::Demuxer {
 public:
-    // From now on, drops frames that are queued for older decoders. Returns the number of the new decoders.
+    // Registers new decoders and returns their id. mayDecode() drops the frames that are queued for older decoders.
     unsigned begin(GstElement* video, GstElement* audio) {
         const KstMutexLock lock(mMutex);
         mTimeline = MixTimeline();
@@ -198,13 +199,14 @@ private:
     }
 
     int64_t timeOf(MixTimeline::Kind kind, const FlvTag& tag) KST_REQUIRES(mMutex) {
-        return std::max<int64_t>(mTimeline.at(kind, tag.timestamp * kMillisecond, Pipeline::runningTime()), 0);
+        return std::max<int64_t>(mTimeline.toRunningTime(kind, tag.timestamp * kMillisecond, Pipeline::runningTime()),
+                                 0);
     }
 
     mutable KstMutex mMutex;
-    unsigned mDecoders KST_GUARDED_BY(mMutex) = 0;
+    unsigned mDecoders KST_GUARDED_BY(mMutex) = 0;  // id of the current decoders; 0: none yet
     MixTimeline mTimeline KST_GUARDED_BY(mMutex);
-    GstRef<GstElement> mVideo KST_GUARDED_BY(mMutex);  // the decoders' appsrc elements
+    GstRef<GstElement> mVideo KST_GUARDED_BY(mMutex);  // the appsrc elements of the decoders
     GstRef<GstElement> mAudio KST_GUARDED_BY(mMutex);
     bool mIsVideoEnabled KST_GUARDED_BY(mMutex) = false;
     bool mAwaitsKeyFrame KST_GUARDED_BY(mMutex) = true;
@@ -231,7 +233,7 @@ void MixInputStream::enableVideo(bool isEnabled) {
 
 void MixInputStream::makeDecoders() {
     if (mSource.error() != mDecodingError) {
-        mDecodingError.clear();  // that stream has ended; the next one may be decodable
+        mDecodingError.clear();  // the stream with that error has ended; the new stream may be decodable
     }
     mDecoders = std::make_unique<Pipeline>(
         "appsrc name=video format=time max-bytes=8000000 leaky-type=upstream"
@@ -250,14 +252,15 @@ void MixInputStream::makeDecoders() {
     });
     mDecoders->onSample("samples", [feed = mFeed](GstSample* sample) { putAudio(*feed, sample); });
     const unsigned decoders = mDemuxer->begin(mDecoders->find("video"), mDecoders->find("audio"));
-    // Not at the appsrc, which the demuxer owns: the two would own each other and never be destroyed.
+    // The probe is not on the appsrc: the probe owns the demuxer, and the demuxer owns the appsrc. They would never be
+    // destroyed.
     mDecoders->onBuffer("parser", "sink", [demuxer = mDemuxer, decoders](const GstBuffer* frame) {
         return demuxer->mayDecode(decoders, frame);
     });
     mDecoders->play();
 }
 
-// The connection stays open until the next attempt, since often its audio can be decoded.
+// The connection stays open until the next attempt, because its audio can often be decoded.
 void MixInputStream::decodingFailed(const std::string& error) {
     mDecodingError = "it cannot be decoded: " + error;
     mSource.reconnectLater(mDecodingError);
@@ -294,7 +297,7 @@ InputStatus MixInputStream::status() const {
     } else if (mSource.hasFlowed()) {
         stream.error = "no media from " + mStreamId;
     } else if (!isNew || mSource.progress().connections() > 1) {
-        stream.error = absenceOf(mStreamId, hasRun);
+        stream.error = absenceError(mStreamId, hasRun);
     }
     return {mStreamId, stream};
 }

@@ -1,6 +1,6 @@
-// One input of a mix: receives a stream from the origin, decodes it, and puts the media into its feed.
+// One input of a mix: receives a stream from the origin, decodes it, and puts the media into its MixFeed.
 //
-//     RtmpSource ── tags, given presentation times ──▶ appsrc ! h264parse ! avdec_h264 ! appsink ──▶ MixFeed
+//     RtmpSource ── tags with presentation times ────▶ appsrc ! h264parse ! avdec_h264 ! appsink ──▶ MixFeed
 //                                                      appsrc ! aacparse ! avdec_aac ! … ! appsink ──▶
 
 #ifndef VEXALIVE_MEDIA_MIX_INPUT_STREAM_H
@@ -26,10 +26,10 @@ public:
     const std::string& address() const { return mAddress; }
     const std::shared_ptr<MixFeed>& feed() const { return mFeed; }
 
-    /// Whether video is decoded.
+    /// Sets whether video is decoded. Audio always is.
     void enableVideo(bool isEnabled);
 
-    /// Call once a second. Closes a connection that receives no media, or no media that can be decoded.
+    /// Call once per second. Reconnects if the connection receives no media, or no media that can be decoded.
     void check();
     InputStatus status() const;
 
@@ -45,7 +45,7 @@ private:
     const std::shared_ptr<Demuxer> mDemuxer;  // shared with the streaming threads
     std::unique_ptr<Pipeline> mDecoders;      // new for each connection
     RtmpSource mSource;
-    std::string mDecodingError;  // cleared when the connection has been steady without an error
+    std::string mDecodingError;  // cleared when a connection has been steady without an error
 };
 
 }  // namespace vexalive

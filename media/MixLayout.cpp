@@ -22,9 +22,9 @@ Span visible(int64_t begin, int64_t length, int64_t canvas) {
     return {from, to - from};
 }
 
-// One dimension of a frame: the middle `used` pixels fill `whole` on the canvas. Returns the pixels that fill `shown`,
-// a part of `whole`.
-Span sourceOf(Span shown, Span whole, double used, int frame) {
+// Handles one dimension, width or height. The middle `used` pixels of the frame fill `whole` on the canvas. Returns the
+// pixels of the frame that fill `shown`, a part of `whole`.
+Span sourceSpan(Span shown, Span whole, double used, int frame) {
     const double scale = used / static_cast<double>(whole.length);
     const double first = (frame - used) / 2 + static_cast<double>(shown.begin - whole.begin) * scale;
     const double last = first + static_cast<double>(shown.length) * scale;
@@ -51,8 +51,8 @@ Placement placeFrame(const Rectangle& rectangle, const Rectangle& target, int fr
         usedWidth = std::min(usedWidth, usedHeight * aspect);
         usedHeight = std::min(usedHeight, frameWidth / aspect);
     }
-    const Span across = sourceOf({target.x, target.width}, {rectangle.x, rectangle.width}, usedWidth, frameWidth);
-    const Span down = sourceOf({target.y, target.height}, {rectangle.y, rectangle.height}, usedHeight, frameHeight);
+    const Span across = sourceSpan({target.x, target.width}, {rectangle.x, rectangle.width}, usedWidth, frameWidth);
+    const Span down = sourceSpan({target.y, target.height}, {rectangle.y, rectangle.height}, usedHeight, frameHeight);
     return {{across.begin, down.begin, across.length, down.length}, target};
 }
 

@@ -12,12 +12,13 @@ struct Placement {
     Rectangle target;  ///< on the canvas, and within it
 };
 
-/// The part of `rectangle` on a canvas of that size; may be empty. All edges are rounded to even numbers, since four
-/// pixels share a chroma sample. Rectangles that touch still touch.
+/// The part of `rectangle` that is on the canvas; may be empty. All edges are rounded down to even numbers, since four
+/// pixels share a chroma sample. Rectangles that touched before still touch.
 Rectangle visiblePart(const Rectangle& rectangle, int canvasWidth, int canvasHeight);
 
-/// `target` is a visible part of `rectangle`, not empty. The frame is stretched to the rectangle; with `cropCenter` it
-/// keeps its aspect ratio, fills the rectangle, and is cropped evenly on both sides.
+/// Finds the part of a frame that fills `target`, the visible part of `rectangle`, which must not be empty. Without
+/// `cropCenter`, the frame is stretched to the rectangle. With `cropCenter`, the frame keeps its aspect ratio, fills
+/// the rectangle, and is cropped equally on two opposite sides.
 Placement placeFrame(const Rectangle& rectangle, const Rectangle& target, int frameWidth, int frameHeight,
                      bool cropCenter);
 

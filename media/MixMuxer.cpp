@@ -10,9 +10,9 @@ namespace vexalive {
 
 namespace {
 
-constexpr int64_t kMaxHeld = 2000;    // milliseconds of frames; with more, they are dropped up to a key frame
+constexpr int64_t kMaxHeld = 2000;    // milliseconds of held frames; if more are held, frames are dropped
 constexpr int64_t kMaxAwaited = 300;  // milliseconds that audio waits for video, or video for audio
-constexpr size_t kMaxQueued = 16;     // frames in the RtmpQueue, from which the muxer cannot drop frames any more
+constexpr size_t kMaxQueued = 16;     // frames in the RtmpQueue; few, since the muxer cannot drop frames from it
 
 }  // namespace
 
@@ -23,7 +23,7 @@ void MixMuxer::expectVideo(bool isExpected) {
     const KstMutexLock lock(mMutex);
     if (mExpectsVideo && !isExpected) {
         mAwaitsKeyFrame = false;
-        mVideoHeader.reset();  // the next frame sends the metadata of a stream without video
+        mVideoHeader.reset();  // metadata without video is sent before the next frame
         mAudioHeader.reset();
         const auto from =
             std::remove_if(mFrames.begin(), mFrames.end(), [](const Frame& frame) { return frame.isVideo(); });
@@ -38,7 +38,7 @@ void MixMuxer::put(std::shared_ptr<const Header> header, FlvTag tag, int64_t tim
     followConnection();
     Frame frame{std::move(header), std::move(tag), time};
     int64_t& newest = frame.isVideo() ? mNewestVideo : mNewestAudio;
-    // The last frames of a replaced encoder may arrive too late.
+    // The last frames of a replaced encoder may arrive after frames of the new encoder.
     if (time <= newest || (frame.isVideo() && !mExpectsVideo)) {
         drop(frame);
         return;
@@ -85,7 +85,7 @@ void MixMuxer::dropIfFull() {
     const auto isKeyFrame = [](const Frame& frame) { return frame.tag.isKeyFrame(); };
     const auto last = std::find_if(mFrames.rbegin(), mFrames.rend(), isKeyFrame);
     auto end = last == mFrames.rend() ? mFrames.begin() : std::prev(last.base());
-    if (end == mFrames.begin()) {  // no key frame, or only the first
+    if (end == mFrames.begin()) {  // no frame, or only the first one, is a key frame
         end = mFrames.end();
         mAwaitsKeyFrame = mExpectsVideo;
     }
@@ -132,10 +132,10 @@ void MixMuxer::sendFrame(const Frame& frame) {
         sent = frame.header;
         const FlvTag metadata = metadataTag(mVideoHeader ? mVideoHeader->video : std::nullopt,
                                             mAudioHeader ? mAudioHeader->audio : std::nullopt);
-        mQueue->push(mConnection, metadata.at(mLast));
-        mQueue->push(mConnection, frame.header->tag.at(mLast));
+        mQueue->push(mConnection, metadata.withTimestamp(mLast));
+        mQueue->push(mConnection, frame.header->tag.withTimestamp(mLast));
     }
-    mQueue->push(mConnection, frame.tag.at(mLast));
+    mQueue->push(mConnection, frame.tag.withTimestamp(mLast));
     mCounts.frames += isCounted(frame) ? 1 : 0;
 }
 

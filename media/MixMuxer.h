@@ -2,8 +2,8 @@
 //
 //     encoders ──▶ MixMuxer: ordered by time, bounded ──▶ RtmpQueue
 //
-// Before the first frame of another encoder, the muxer sends that encoder's header. So an encoder can be replaced while
-// the connection stays.
+// Before the first frame of a new encoder, the muxer sends that encoder's header. An encoder can therefore be replaced
+// while the connection stays open.
 
 #ifndef VEXALIVE_MEDIA_MIX_MUXER_H
 #define VEXALIVE_MEDIA_MIX_MUXER_H
@@ -26,23 +26,23 @@ class MixMuxer {
 public:
     /// The format of one encoder's output.
     struct Header {
-        FlvTag tag;                        // its sequence header
-        std::optional<VideoFormat> video;  // one of the two
-        std::optional<AudioFormat> audio;
+        FlvTag tag;                        ///< the sequence header
+        std::optional<VideoFormat> video;  ///< set if the encoder is for video
+        std::optional<AudioFormat> audio;  ///< set if the encoder is for audio
     };
-    /// Frames of video, or of audio if the mix has no video.
+    /// Counts video frames, or audio frames if the mix has no video.
     struct Counts {
         uint64_t frames = 0;
         uint64_t dropped = 0;
     };
 
-    /// `requestKeyFrame` is called, on any thread, if nothing can be sent before the next key frame. It must not call
-    /// the muxer.
+    /// Calls `requestKeyFrame`, on any thread, if no frame can be sent before the next key frame. `requestKeyFrame`
+    /// must not call the muxer.
     MixMuxer(std::shared_ptr<RtmpQueue> queue, std::function<void()> requestKeyFrame);
 
-    /// Whether audio has to wait for video frames.
+    /// Sets whether the output has video. If it has, audio frames wait for the video frames of the same time.
     void expectVideo(bool isExpected);
-    /// `time` in milliseconds of running time.
+    /// Adds an encoded frame. `time` is running time in milliseconds.
     void put(std::shared_ptr<const Header> header, FlvTag tag, int64_t time);
     Counts counts() const;
 
@@ -70,15 +70,15 @@ private:
     mutable KstMutex mMutex;
     bool mExpectsVideo KST_GUARDED_BY(mMutex) = false;
     bool mAwaitsKeyFrame KST_GUARDED_BY(mMutex) = false;
-    std::deque<Frame> mFrames KST_GUARDED_BY(mMutex);  // by time
-    int64_t mNewestVideo KST_GUARDED_BY(mMutex) = INT64_MIN;
+    std::deque<Frame> mFrames KST_GUARDED_BY(mMutex);         // in the order of `time`
+    int64_t mNewestVideo KST_GUARDED_BY(mMutex) = INT64_MIN;  // `time` of the newest video frame
     int64_t mNewestAudio KST_GUARDED_BY(mMutex) = INT64_MIN;
-    int64_t mFirst KST_GUARDED_BY(mMutex) = -1;  // the running time of timestamp 0
-    int64_t mLast KST_GUARDED_BY(mMutex) = 0;    // last timestamp sent
-    int64_t mLastVideo KST_GUARDED_BY(mMutex) = -1;
+    int64_t mFirst KST_GUARDED_BY(mMutex) = -1;      // `time` of timestamp 0 of the output; -1: nothing sent yet
+    int64_t mLast KST_GUARDED_BY(mMutex) = 0;        // timestamp of the last frame that was sent
+    int64_t mLastVideo KST_GUARDED_BY(mMutex) = -1;  // timestamp of the last video frame that was sent
     Counts mCounts KST_GUARDED_BY(mMutex);
 
-    // What the destination has received.
+    // The connection, and the last headers that were sent on it.
     unsigned mConnection KST_GUARDED_BY(mMutex) = 0;
     std::shared_ptr<const Header> mVideoHeader KST_GUARDED_BY(mMutex);
     std::shared_ptr<const Header> mAudioHeader KST_GUARDED_BY(mMutex);

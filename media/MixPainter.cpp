@@ -12,7 +12,7 @@ namespace {
 
 constexpr uint32_t kPlaceholder = 0x2b2b2b;  // the colour of an input without a frame
 
-// The pool grows to the number of buffers that the encoder holds at a time.
+// The pool has no size limit. It grows to the number of buffers that the encoder holds at the same time.
 GstRef<GstBufferPool> makePool(GstVideoInfo info) {
     const GstRef<GstCaps> caps(gst_video_info_to_caps(&info));
     GstRef<GstBufferPool> pool(gst_video_buffer_pool_new());
@@ -23,8 +23,8 @@ GstRef<GstBufferPool> makePool(GstVideoInfo info) {
     return pool;
 }
 
-// BT.601, limited range.
-std::array<int, 3> yuvOf(uint32_t colour) {
+// Converts RGB to BT.601 YUV of limited range.
+std::array<int, 3> toYuv(uint32_t colour) {
     const double red = (colour >> 16 & 0xff) / 255.0;
     const double green = (colour >> 8 & 0xff) / 255.0;
     const double blue = (colour & 0xff) / 255.0;
@@ -39,7 +39,7 @@ uint8_t* lineOf(GstVideoFrame& frame, int plane, int64_t x, int64_t y) {
 }
 
 void fill(GstVideoFrame& frame, const Rectangle& area, uint32_t colour) {
-    const std::array<int, 3> yuv = yuvOf(colour);
+    const std::array<int, 3> yuv = toYuv(colour);
     for (int plane = 0; plane < 3; ++plane) {
         const int subsampling = plane == 0 ? 1 : 2;
         for (int64_t y = area.y / subsampling; y < (area.y + area.height) / subsampling; ++y) {
@@ -76,7 +76,7 @@ GstVideoInfo mixVideoInfo(int width, int height) {
     return info;
 }
 
-// Paints the frames of one input. Replaced when their format or placement changes.
+// Paints the frames of one input. A scaler is replaced when the format or the placement of the frames changes.
 class MixPainter::Scaler {
 public:
     Scaler(const GstVideoInfo& frame, const GstVideoInfo& canvas, const Placement& placement)
@@ -89,12 +89,13 @@ public:
         const auto number = [](int64_t value) { return static_cast<gint>(value); };
         GstVideoInfo from = frame;
         if (colours.range != canvas.colorimetry.range && colours.matrix == canvas.colorimetry.matrix) {
-            from.colorimetry.matrix = GST_VIDEO_COLOR_MATRIX_FCC;  // nearly the same: the converter only converts the
-        }                                                          // range if the matrix differs
+            // The converter converts the range only if the matrices differ. FCC is nearly the same matrix as BT.601.
+            from.colorimetry.matrix = GST_VIDEO_COLOR_MATRIX_FCC;
+        }
         GstVideoInfo to = mixVideoInfo(number(placement.target.width), number(placement.target.height));
         const GstRef<GstBuffer> buffer(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&to), nullptr));
         gst_video_frame_map(&mScaled, &to, buffer.get(), GST_MAP_READWRITE);  // takes a reference
-        // Cubic for chroma, too: the default, linear, crashes when it halves a frame from an odd column.
+        // Chroma needs the cubic method: the default, linear, crashes when it halves a frame from an odd column.
         mConverter = gst_video_converter_new(
             &from, &to,
             gst_structure_new("scaler",                                                                         //

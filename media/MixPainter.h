@@ -1,8 +1,8 @@
-// Composes a frame of the mix: the canvas's colour, and on it the inputs' frames, or a dark grey box for an input
-// without a frame.
+// Composes the video frames of the mix: the background colour, and on it the inputs' frames. An input without a frame
+// is shown as a dark grey box.
 //
-// Frames are copied, and scaled if necessary, from the decoders' memory to the canvas. The painter stores no layout
-// between frames, so a change is applied as a whole.
+// Frames are copied, and scaled if necessary, from the decoders' memory to the canvas. Each call of paint() receives
+// the complete layout, so a change of the layout never applies to a part of a frame.
 
 #ifndef VEXALIVE_MEDIA_MIX_PAINTER_H
 #define VEXALIVE_MEDIA_MIX_PAINTER_H
@@ -31,10 +31,11 @@ public:
     MixPainter();
     ~MixPainter();
 
-    /// The size of the frames from now on; both even.
+    /// Sets the size of the next frames. Both numbers must be even.
     void setCanvas(int width, int height);
 
-    /// The frame at running time `now`, without a timestamp; null if no buffer is available. The last layer is on top.
+    /// Returns the frame for running time `now`, without a timestamp, or null if no buffer is available. The last layer
+    /// is on top.
     GstRef<GstBuffer> paint(uint32_t colour, const std::vector<Layer>& layers, bool cropCenter, int64_t now);
 
 private:
@@ -45,7 +46,7 @@ private:
     std::map<const MixFeed*, std::unique_ptr<Scaler>> mScalers;
 };
 
-/// The video format of the canvas, and of decoded frames unless their stream declares another colorimetry.
+/// The video format of the canvas. Decoded frames have it too, unless their stream declares another colorimetry.
 GstVideoInfo mixVideoInfo(int width, int height);
 
 }  // namespace vexalive

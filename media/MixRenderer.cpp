@@ -10,8 +10,8 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kAudioInterval = kSecond / 50;
-constexpr int64_t kMaxBehind = kSecond;  // lateness; with more, video frames and audio are skipped
-constexpr guint64 kMaxQueued = 20;       // frames that wait for an encoder
+constexpr int64_t kMaxBehind = kSecond;  // video frames and audio that are later than this are skipped
+constexpr guint64 kMaxQueued = 20;       // maximum number of frames that wait for an encoder
 
 GstAppSrc* appsrcOf(const std::shared_ptr<GstElement>& encoder) {
     return GST_APP_SRC(encoder.get());

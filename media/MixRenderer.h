@@ -1,5 +1,5 @@
-// Renders the mix in real time: makes each video frame and each block of audio at its time, from the media that the
-// inputs have by then, and passes it to the encoders. It never waits for an input.
+// Renders the mix in real time. When a video frame or a block of audio is due, the renderer makes it from the media
+// that the inputs have received by then, and passes it to the encoder. It never waits for an input.
 
 #ifndef VEXALIVE_MEDIA_MIX_RENDERER_H
 #define VEXALIVE_MEDIA_MIX_RENDERER_H
@@ -20,13 +20,13 @@ namespace vexalive {
 struct MixScene {
     int width = 0;  ///< of the canvas; 0: no video
     int height = 0;
-    int frameRate = 0;
-    uint32_t colour = 0;
+    int frameRate = 0;    ///< frames per second
+    uint32_t colour = 0;  ///< of the canvas: 0xRRGGBB
     bool cropCenter = false;
     std::vector<MixPainter::Layer> layers;  ///< the last is on top
     std::vector<std::shared_ptr<MixFeed>> audio;
-    std::shared_ptr<GstElement> videoEncoder;  ///< its appsrc
-    std::shared_ptr<GstElement> audioEncoder;
+    std::shared_ptr<GstElement> videoEncoder;  ///< the appsrc of the video encoder; null: no video
+    std::shared_ptr<GstElement> audioEncoder;  ///< the appsrc of the audio encoder
 };
 
 class MixRenderer {
@@ -36,14 +36,15 @@ public:
     MixRenderer(const MixRenderer&) = delete;
     MixRenderer& operator=(const MixRenderer&) = delete;
 
-    /// Replaces the scene from the next frame on. An encoder that the new scene lacks receives the end of stream. Any
-    /// thread.
+    /// Replaces the scene from the next frame on. An encoder that is not in the new scene receives the end of stream.
+    /// Any thread.
     void show(std::shared_ptr<const MixScene> scene);
 
     /// Makes the next frame a key frame. Any thread.
     void requestKeyFrame() { mKeyFrameRequested = true; }
 
-    GstRef<GstSample> lastFrame() const;           ///< as the encoder received it; null if there is none. Any thread.
+    /// The last frame, as it was passed to the encoder; null if there is none. Any thread.
+    GstRef<GstSample> lastFrame() const;
     uint64_t dropped() const { return mDropped; }  ///< frames that were skipped for lack of time. Any thread.
 
 private:
@@ -58,7 +59,8 @@ private:
     mutable KstMutex mMutex;
     KstCondition mStopRequested;
     bool mIsStopping KST_GUARDED_BY(mMutex) = false;
-    std::vector<std::shared_ptr<const MixScene>> mPendingScenes KST_GUARDED_BY(mMutex);  // the last is to be shown
+    // In the order of show(). All are applied before the next frame.
+    std::vector<std::shared_ptr<const MixScene>> mPendingScenes KST_GUARDED_BY(mMutex);
     GstRef<GstSample> mLastFrame KST_GUARDED_BY(mMutex);
 
     // Used on the renderer's thread only.

@@ -16,10 +16,10 @@ constexpr int kMinSide = 16;
 
 }  // namespace
 
-// The pending requests, the oldest first.
+// The pending requests.
 struct MixSnapshots::Requests {
-    std::queue<Done> done;
-    unsigned pipeline = 0;  // number of the current pipeline; the requests of older ones have failed
+    std::queue<Done> done;  // the oldest request first
+    unsigned pipeline = 0;  // id of the current pipeline; all requests to older pipelines have failed
 
     void complete(const std::string& jpeg) {
         if (!done.empty()) {
@@ -52,8 +52,8 @@ void MixSnapshots::makePipeline(int width, int height) {
     mWidth = width;
     mHeight = height;
     mPipeline = std::make_unique<Pipeline>(
-        // Through RGB: a JPEG's samples range from 0 to 255, those of video from 16 to 235, and neither the converter
-        // nor jpegenc converts one to the other by itself.
+        // The video is converted through RGB. JPEG samples range from 0 to 255, video samples from 16 to 235. Without
+        // the detour, neither the converter nor jpegenc converts the range.
         "appsrc name=in format=time max-bytes=0"
         " ! videoconvertscale n-threads=1"
         " ! video/x-raw,format=RGB,pixel-aspect-ratio=1/1"

@@ -32,7 +32,7 @@ private:
     void fail();
 
     const std::shared_ptr<Requests> mRequests;  // shared with tasks from the streaming thread
-    std::unique_ptr<Pipeline> mPipeline;        // for images of the size below
+    std::unique_ptr<Pipeline> mPipeline;        // encodes images of mWidth × mHeight pixels
     int mWidth = 0;
     int mHeight = 0;
 };

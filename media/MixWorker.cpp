@@ -16,15 +16,16 @@ namespace vexalive {
 namespace {
 
 constexpr std::chrono::seconds kCheckInterval{1};
-constexpr std::chrono::seconds kIdleTimeout{3};    // without progress until the output counts as not running
-constexpr std::chrono::seconds kStallTimeout{10};  // without progress until it reconnects
+constexpr std::chrono::seconds kIdleTimeout{3};    // time without progress until the output counts as not running
+constexpr std::chrono::seconds kStallTimeout{10};  // time without progress until the output reconnects
 
 }  // namespace
 
 MixWorker::MixWorker()
     : mSink({"output", kStallTimeout}),
       mMuxer(std::make_shared<MixMuxer>(mSink.queue(), [this] { mRenderer.requestKeyFrame(); })) {
-    // Each input starts and ends threads. With a malloc arena for each thread, freed frames would occupy much memory.
+    // Each input starts and ends threads. If each thread had its own malloc arena, freed frames would occupy much
+    // memory.
     mallopt(M_ARENA_MAX, 2);
 }
 
@@ -60,7 +61,8 @@ Result<void> MixWorker::configure(const nlohmann::json& configuration) {
     return {};
 }
 
-// An input that was in the previous configuration keeps its connection. An input that is listed twice has two.
+// Returns the existing object of an input that was in the previous configuration, so its connection stays open. An
+// input that is listed twice has two objects.
 std::unique_ptr<MixInputStream> MixWorker::findOrMakeInput(const InputConfiguration& configuration) {
     for (std::unique_ptr<MixInputStream>& input : mInputs) {
         if (input && input->streamId() == configuration.streamId && input->address() == configuration.address) {
@@ -80,7 +82,7 @@ void MixWorker::replaceEncoder(Encoder& encoder, const Format& format) {
     mEncoders[number] = std::move(pipeline);
 }
 
-// A replaced encoder ends after its last frame. The current one ends only if it fails; check() then replaces it.
+// A replaced encoder ends after its last frame. The current encoder ends only if it fails; check() then replaces it.
 void MixWorker::encoderEnded(unsigned number, const Result<void>& result) {
     mEncoders.erase(number);
     if (number == mVideoEncoder.number || number == mAudioEncoder.number) {

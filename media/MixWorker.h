@@ -1,9 +1,9 @@
-// Mixes several streams into one: their video on one canvas, the sum of their audio.
+// Mixes several streams into one: their video is painted on one canvas, and their audio is added up.
 //
 //     MixInputStream, one each ──▶ its MixFeed ──▶ MixRenderer ──▶ encoders ──▶ MixMuxer ──▶ RtmpSink
 //
-// No stage waits for the one before it, so an input that connects or disconnects does not delay the output. An update
-// makes a new MixScene, which the renderer applies between two frames.
+// No stage waits for the stage before it. An input that connects or disconnects therefore does not delay the output. A
+// new configuration makes a new MixScene, which the renderer applies between two frames.
 
 #ifndef VEXALIVE_MEDIA_MIX_WORKER_H
 #define VEXALIVE_MEDIA_MIX_WORKER_H
@@ -36,9 +36,9 @@ public:
     void stop(std::function<void()> done) override;
 
 private:
-    // The current encoder of one kind. Replaced encoders live until they have output their last frame.
+    // The current encoder for video or for audio. A replaced encoder lives until it has output its last frame.
     struct Encoder {
-        unsigned number = 0;  // 0: it has failed
+        unsigned number = 0;  // key in mEncoders; 0: none, or it has failed
         std::shared_ptr<GstElement> appsrc;
     };
 
@@ -55,8 +55,8 @@ private:
     MixSnapshots mSnapshots;
     MixConfiguration mConfiguration;
     std::vector<std::unique_ptr<MixInputStream>> mInputs;     // in the order of the configuration
-    std::map<unsigned, std::unique_ptr<Pipeline>> mEncoders;  // by number; includes replaced ones until they end
-    unsigned mLastEncoder = 0;
+    std::map<unsigned, std::unique_ptr<Pipeline>> mEncoders;  // includes replaced encoders until they end
+    unsigned mLastEncoder = 0;                                // the highest key of mEncoders so far
     Encoder mVideoEncoder;
     Encoder mAudioEncoder;
     std::string mEncoderError;

@@ -13,7 +13,8 @@ namespace vexalive {
 
 namespace {
 
-// rtmp2src leaks its socket if it is stopped within its handshake.
+// rtmp2src leaks its socket if it is stopped during its handshake. A pipeline is therefore stopped only after its first
+// sample, its end, or this time.
 constexpr std::chrono::seconds kHandshakeTimeout{3};
 constexpr std::chrono::milliseconds kPollInterval{20};
 
@@ -35,7 +36,7 @@ GstFlowReturn pullSample(GstAppSink* sink, gpointer onSample) {
     return GST_FLOW_OK;
 }
 
-std::string errorOf(GstMessage* message) {
+std::string errorMessage(GstMessage* message) {
     GError* error = nullptr;
     gst_message_parse_error(message, &error, nullptr);
     std::string text = error->message;
@@ -59,7 +60,7 @@ struct Pipeline::Elements {
     std::atomic<bool> hasFlowed{false};
     std::atomic<bool> hasEnded{false};
 
-    void bringDown() {
+    void stopAndRelease() {
         while (!hasFlowed && !hasEnded && std::chrono::steady_clock::now() < played + kHandshakeTimeout) {
             std::this_thread::sleep_for(kPollInterval);
         }
@@ -73,8 +74,8 @@ int64_t Pipeline::runningTime() {
     return static_cast<int64_t>(gst_clock_get_time(systemClock()) - base);
 }
 
-Pipeline::Pipeline(const std::string& description, Ended ended)
-    : mElements(std::make_shared<Elements>()), mEnded(std::move(ended)) {
+Pipeline::Pipeline(const std::string& description, OnEnded onEnded)
+    : mElements(std::make_shared<Elements>()), mOnEnded(std::move(onEnded)) {
     GError* error = nullptr;
     GstElement* const pipeline =
         gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
@@ -93,7 +94,7 @@ Pipeline::Pipeline(const std::string& description, Ended ended)
 
 Pipeline::~Pipeline() {
     g_source_remove(mBusWatch);
-    std::thread([elements = mElements] { elements->bringDown(); }).detach();
+    std::thread([elements = mElements] { elements->stopAndRelease(); }).detach();
 }
 
 void Pipeline::onSample(const char* appsink, OnSample onSample) {
@@ -104,18 +105,18 @@ void Pipeline::onSample(const char* appsink, OnSample onSample) {
         onSample(sample);
     };
     gst_app_sink_set_callbacks(GST_APP_SINK(find(appsink)), &callbacks, new OnSample(std::move(each)),
-                               [](gpointer held) { delete static_cast<OnSample*>(held); });
+                               [](gpointer userData) { delete static_cast<OnSample*>(userData); });
 }
 
 void Pipeline::onBuffer(const char* element, const char* name, OnBuffer onBuffer) {
     const GstRef<GstPad> pad(gst_element_get_static_pad(find(element), name));
     gst_pad_add_probe(
         pad.get(), GST_PAD_PROBE_TYPE_BUFFER,
-        [](GstPad*, GstPadProbeInfo* info, gpointer held) {
-            const bool passes = (*static_cast<OnBuffer*>(held))(gst_pad_probe_info_get_buffer(info));
+        [](GstPad*, GstPadProbeInfo* info, gpointer userData) {
+            const bool passes = (*static_cast<OnBuffer*>(userData))(gst_pad_probe_info_get_buffer(info));
             return passes ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
         },
-        new OnBuffer(std::move(onBuffer)), [](gpointer held) { delete static_cast<OnBuffer*>(held); });
+        new OnBuffer(std::move(onBuffer)), [](gpointer userData) { delete static_cast<OnBuffer*>(userData); });
 }
 
 void Pipeline::play() {
@@ -133,8 +134,8 @@ int Pipeline::onMessage(GstBus*, GstMessage* message, void* self) {
     Pipeline& pipeline = *static_cast<Pipeline*>(self);
     const GstMessageType type = GST_MESSAGE_TYPE(message);
     if ((type == GST_MESSAGE_EOS || type == GST_MESSAGE_ERROR) && !pipeline.mElements->hasEnded.exchange(true)) {
-        const Ended ended = pipeline.mEnded;  // a copy: the call may destroy the pipeline
-        ended(type == GST_MESSAGE_EOS ? Result<void>() : failure(errorOf(message)));
+        const OnEnded onEnded = pipeline.mOnEnded;  // a copy: the call may destroy the pipeline
+        onEnded(type == GST_MESSAGE_EOS ? Result<void>() : failure(errorMessage(message)));
     }
     return G_SOURCE_CONTINUE;
 }

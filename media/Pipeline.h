@@ -1,5 +1,5 @@
-// A GStreamer pipeline on the system clock. All pipelines of a process share one base time, so running times are
-// comparable: media keep their timestamps when they pass from the appsink of one to the appsrc of another.
+// A GStreamer pipeline on the system clock. All pipelines of a process share one base time, so their running times are
+// comparable: media keep their timestamps when they move from the appsink of one pipeline to the appsrc of another.
 
 #ifndef VEXALIVE_MEDIA_PIPELINE_H
 #define VEXALIVE_MEDIA_PIPELINE_H
@@ -41,35 +41,35 @@ private:
     GstBuffer* const mBuffer;  // null if mapping failed; get() is then empty
 };
 
-/// Main loop only, except where a member says otherwise.
+/// Call members on the main loop only, except those marked "Any thread".
 ///
-/// Callbacks on a streaming thread may still run for a while after the pipeline has been destroyed: capture shared
-/// ownership of what they use.
+/// Callbacks on a streaming thread may still run for up to several seconds after the pipeline has been destroyed:
+/// capture shared ownership of the objects that they use.
 class Pipeline {
 public:
     /// Called once, on the main loop, at the end of the stream or with the first error. May destroy the pipeline.
-    using Ended = std::function<void(const Result<void>& result)>;
+    using OnEnded = std::function<void(const Result<void>& result)>;
     using OnSample = std::function<void(GstSample* sample)>;
     using OnBuffer = std::function<bool(GstBuffer* buffer)>;
 
     /// `description` has the syntax of gst-launch-1.0. If it is wrong or a plugin is missing, the process writes the
     /// reason to stderr and exits with status 1.
-    Pipeline(const std::string& description, Ended ended);
+    Pipeline(const std::string& description, OnEnded onEnded);
 
-    /// Returns at once. Another thread stops the elements, which may take seconds: it waits until a source has
-    /// completed its handshake.
+    /// Returns at once. Another thread stops the elements, which may take seconds: a source must first complete its
+    /// handshake.
     ~Pipeline();
     Pipeline(const Pipeline&) = delete;
     Pipeline& operator=(const Pipeline&) = delete;
 
-    /// Calls `onSample` for each sample of that appsink, on a streaming thread. Call before play().
+    /// Calls `onSample` for each sample of the named appsink, on a streaming thread. Call this before play().
     void onSample(const char* appsink, OnSample onSample);
-    /// Calls `onBuffer` for each buffer that is about to pass the pad, on a streaming thread. If it returns false, the
-    /// buffer is dropped.
+    /// Calls `onBuffer` for each buffer before it passes the pad, on a streaming thread. If `onBuffer` returns false,
+    /// the buffer is dropped.
     void onBuffer(const char* element, const char* pad, OnBuffer onBuffer);
     void play();
 
-    GstElement* find(const char* name) const;  ///< borrowed from the pipeline
+    GstElement* find(const char* name) const;  ///< owned by the pipeline
 
     /// Nanoseconds since the base time of all pipelines. Any thread.
     static int64_t runningTime();
@@ -80,7 +80,7 @@ private:
     static int onMessage(GstBus* bus, GstMessage* message, void* pipeline);
 
     std::shared_ptr<Elements> mElements;
-    Ended mEnded;
+    OnEnded mOnEnded;
     unsigned mBusWatch = 0;
 };
 

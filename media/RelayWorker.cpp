@@ -12,8 +12,9 @@ namespace vexalive {
 namespace {
 
 constexpr std::chrono::seconds kCheckInterval{1};
-constexpr std::chrono::seconds kIdleTimeout{3};    // without progress until a side counts as not running
-constexpr std::chrono::seconds kStallTimeout{20};  // without progress until a side reconnects
+// For the source and for the destination alike.
+constexpr std::chrono::seconds kIdleTimeout{3};    // time without progress until the stream counts as not running
+constexpr std::chrono::seconds kStallTimeout{20};  // time without progress until the stream reconnects
 
 int64_t millisecondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -41,7 +42,7 @@ public:
     void forward(const FlvTag& tag, bool isCounted) {
         const KstMutexLock lock(mMutex);
         const int64_t now = millisecondsNow();
-        const int64_t time = tag.isMedia() ? mTime.at(tag.timestamp, now) : mTime.last();
+        const int64_t time = tag.isMedia() ? mTime.convert(tag.timestamp, now) : mTime.last();
         mGate.observe(tag, now);
         const unsigned connection = mQueue->connection();
         if (connection != mConnection) {
@@ -51,8 +52,8 @@ public:
         if (connection == 0) {
             return;
         }
-        const bool isPassed =
-            mGate.pass(tag, mQueue->bytes(), [&](const FlvTag& each) { mQueue->push(connection, each.at(time)); });
+        const bool isPassed = mGate.pass(
+            tag, mQueue->bytes(), [&](const FlvTag& each) { mQueue->push(connection, each.withTimestamp(time)); });
         (isPassed ? mCounts.frames : mCounts.dropped) += isCounted ? 1 : 0;
     }
 
@@ -67,7 +68,7 @@ private:
     mutable KstMutex mMutex;
     SteadyTime mTime KST_GUARDED_BY(mMutex);
     FlvGate mGate KST_GUARDED_BY(mMutex);
-    unsigned mConnection KST_GUARDED_BY(mMutex) = 0;  // of the queue, as of the last tag
+    unsigned mConnection KST_GUARDED_BY(mMutex) = 0;  // the queue's connection at the last tag
     Counts mCounts KST_GUARDED_BY(mMutex);
 };
 
@@ -116,7 +117,7 @@ StreamStatus RelayWorker::sourceStatus() const {
     if (mSource.hasFlowed()) {
         status.error = "no media from " + mStreamId;
     } else {
-        status.error = mSource.error().empty() ? absenceOf(mStreamId, status.frames > 0) : mSource.error();
+        status.error = mSource.error().empty() ? absenceError(mStreamId, status.frames > 0) : mSource.error();
     }
     return status;
 }

@@ -1,8 +1,8 @@
-// Carries one stream from the origin to another address, without decoding it.
+// Relays one stream from the origin to another address, without decoding it.
 //
-//     RtmpSource ──▶ tags with steady timestamps ──▶ RtmpSink
+//     RtmpSource ──▶ tags with continuous timestamps ──▶ RtmpSink
 //
-// Each side reconnects independently: the destination stays connected while the source reconnects.
+// The source and the destination reconnect independently: each stays connected while the other reconnects.
 
 #ifndef VEXALIVE_MEDIA_RELAY_WORKER_H
 #define VEXALIVE_MEDIA_RELAY_WORKER_H

@@ -10,14 +10,14 @@ namespace vexalive {
 
 class Retry {
 public:
-    /// The next pause: 250 ms at first, then twice the previous one, up to 4 s.
-    std::chrono::milliseconds next() {
+    /// Returns the next pause: 250 ms at first, then twice the previous pause, up to 4 s.
+    std::chrono::milliseconds nextPause() {
         const std::chrono::milliseconds pause = mPause;
         mPause = std::min(2 * mPause, kMax);
         return pause;
     }
 
-    /// The next pause is the shortest again.
+    /// Makes the next pause 250 ms again.
     void reset() { mPause = kMin; }
 
 private:

@@ -91,10 +91,10 @@ void RtmpClient::connect() {
 }
 
 void RtmpClient::ended(const Result<void>& result) {
-    lose(result ? endError() : result.error().message);
+    closeAndReconnect(result ? endError() : result.error().message);
 }
 
-void RtmpClient::lose(const std::string& error) {
+void RtmpClient::closeAndReconnect(const std::string& error) {
     if (!error.empty()) {
         logLine(mRules.name + ": " + error);
     }
@@ -106,24 +106,24 @@ void RtmpClient::lose(const std::string& error) {
     close();
     mProgress->end();
     mPipeline.reset();
-    mTimer.start(mRetry.next(), [this] { connect(); });
+    mTimer.start(mRetry.nextPause(), [this] { connect(); });
 }
 
 void RtmpClient::reconnectLater(const std::string& error) {
     logLine(mRules.name + ": " + error);
     mError = error;
     mCountsNext = true;
-    mTimer.start(mRetry.next(), [this] { connect(); });
+    mTimer.start(mRetry.nextPause(), [this] { connect(); });
 }
 
-// A peer that disappears does not close its connection, so a timeout is needed.
+// The timeout is needed because a server that disappears does not close its connection.
 void RtmpClient::check() {
     if (!mPipeline) {
         return;
     }
     if (isStalled(mRules.stallTimeout)) {
-        mRetry.reset();  // the stall timeout was a pause already
-        lose(stallError());
+        mRetry.reset();  // reconnect soon: the stall timeout was already a long pause
+        closeAndReconnect(stallError());
     } else if (!mTimer.isActive() && isSteady()) {
         mRetry.reset();
     }

@@ -10,7 +10,7 @@ namespace vexalive {
 
 namespace {
 
-// rtmp2sink drops the FLV header, and holds the first tag until it is connected.
+// The number of buffers that rtmp2sink accepts before it is connected: it drops the FLV header and holds the first tag.
 constexpr unsigned kBuffersBeforeConnected = 2;
 
 }  // namespace
@@ -63,11 +63,11 @@ void RtmpQueue::detach() {
 
 RtmpSink::RtmpSink(Rules rules) : RtmpClient(std::move(rules)), mQueue(std::make_shared<RtmpQueue>(mProgress)) {}
 
-std::unique_ptr<Pipeline> RtmpSink::open(const std::string& address, unsigned connection, Pipeline::Ended ended) {
+std::unique_ptr<Pipeline> RtmpSink::open(const std::string& address, unsigned connection, Pipeline::OnEnded onEnded) {
     auto pipeline = std::make_unique<Pipeline>(
-        // sync=false: a sink that waits for the clock would send nothing here.
+        // sync=false: a sink that waits for the clock would never send buffers, because these have no timestamps.
         "appsrc name=tags caps=video/x-flv format=time max-bytes=0 ! rtmp2sink name=sink sync=false async=false",
-        std::move(ended));
+        std::move(onEnded));
     g_object_set(pipeline->find("sink"), "location", address.c_str(), nullptr);
     pipeline->onBuffer("sink", "sink", [progress = mProgress, connection, count = 0U](GstBuffer* buffer) mutable {
         count += count <= kBuffersBeforeConnected ? 1 : 0;

@@ -15,23 +15,23 @@
 
 namespace vexalive {
 
-/// The tags that wait for the server. Any thread.
+/// The queue of tags to send to the server. Any thread.
 class RtmpQueue {
 public:
     explicit RtmpQueue(std::shared_ptr<RtmpProgress> progress) : mProgress(std::move(progress)) {}
 
-    /// The number of the current connection; 0: none. After a change of the number, send the stream headers again.
+    /// The number of the current connection; 0: not connected. If the number changes, send the stream headers again.
     unsigned connection() const;
 
     size_t bytes() const;   ///< in the queue; 0 without a connection
     size_t frames() const;  ///< tags in the queue; 0 without a connection
 
-    /// Adds a tag, unless that connection has ended.
+    /// Adds a tag, unless `connection` has ended.
     void push(unsigned connection, const std::string& tag);
 
-    /// Begins a connection: sends the FLV header.
+    /// Begins a connection and queues the FLV header.
     void attach(unsigned connection, GstElement* appsrc);
-    void detach();
+    void detach();  ///< ends the stream and the connection
 
 private:
     void pushBytes(std::string_view bytes) KST_REQUIRES(mMutex);
@@ -51,14 +51,14 @@ public:
 
     const std::shared_ptr<RtmpQueue>& queue() const { return mQueue; }
 
-    /// Whether tags are queued and the server has accepted none for that long.
+    /// Whether tags are queued and the server has accepted none of them within the last `timeout`.
     bool isStalled(std::chrono::milliseconds timeout) const override;
 
     /// Ends the stream at the server, then calls `done`.
     void stop(std::function<void()> done);
 
 private:
-    std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::Ended ended) override;
+    std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::OnEnded onEnded) override;
     void close() override { mQueue->detach(); }
     void ended(const Result<void>& result) override;
     std::string endError() const override { return "it ended the stream"; }

@@ -59,11 +59,11 @@ RtmpSource::RtmpSource(Rules rules, Handlers handlers)
       mOnConnecting(std::move(handlers.onConnecting)),
       mStream(std::make_shared<Stream>(mProgress, std::move(handlers.onTag))) {}
 
-std::unique_ptr<Pipeline> RtmpSource::open(const std::string& address, unsigned connection, Pipeline::Ended ended) {
+std::unique_ptr<Pipeline> RtmpSource::open(const std::string& address, unsigned connection, Pipeline::OnEnded onEnded) {
     mStream->begin(connection);
     mOnConnecting();
-    auto pipeline =
-        std::make_unique<Pipeline>("rtmp2src name=source ! appsink name=tags sync=false async=false", std::move(ended));
+    auto pipeline = std::make_unique<Pipeline>("rtmp2src name=source ! appsink name=tags sync=false async=false",
+                                               std::move(onEnded));
     g_object_set(pipeline->find("source"), "location", address.c_str(), nullptr);
     pipeline->onSample("tags", [stream = mStream, connection](GstSample* sample) {
         stream->read(connection, MappedBytes(gst_sample_get_buffer(sample)).get());
@@ -79,7 +79,7 @@ uint64_t RtmpSource::frames() const {
     return mStream->frames();
 }
 
-std::string absenceOf(const std::string& streamId, bool hasRun) {
+std::string absenceError(const std::string& streamId, bool hasRun) {
     return "no one publishes " + streamId + (hasRun ? " any more" : " yet");
 }
 

@@ -22,9 +22,9 @@ public:
     struct Handlers {
         /// Called on the main loop before a connection begins. No tag of an older connection follows.
         std::function<void()> onConnecting;
-        /// Called with each tag, one at a time, on a streaming thread. `isCounted`: the tag counts as a frame (of
-        /// video, or of audio if there is no video). The source's lock is held: do not call the source. Calls may still
-        /// follow shortly after the source has been destroyed: capture shared ownership.
+        /// Called with each tag, one at a time, on a streaming thread. `isCounted` says that the tag counts as a frame:
+        /// a video frame, or an audio frame if there is no video. The source's mutex is locked: do not call the source.
+        /// Calls may follow even after the source has been destroyed: capture shared ownership.
         std::function<void(const FlvTag& tag, bool isCounted)> onTag;
     };
 
@@ -34,12 +34,12 @@ public:
 
     /// Whether this connection has received media within the last `timeout`.
     bool isFlowing(std::chrono::milliseconds timeout) const;
-    uint64_t frames() const;
+    uint64_t frames() const;  ///< number of counted frames on all connections
 
 private:
     class Stream;
 
-    std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::Ended ended) override;
+    std::unique_ptr<Pipeline> open(const std::string& address, unsigned connection, Pipeline::OnEnded onEnded) override;
     std::string endError() const override { return hasFlowed() ? "its publisher has disconnected" : ""; }
     std::string stallError() const override { return hasFlowed() ? "it sends no more data" : ""; }
 
@@ -47,8 +47,9 @@ private:
     const std::shared_ptr<Stream> mStream;  // shared with the streaming threads
 };
 
-/// The error of a source that is connected while nobody publishes the stream.
-std::string absenceOf(const std::string& streamId, bool hasRun);
+/// The error for a source that is connected while nobody publishes the stream. `hasRun` says that the source has
+/// received media before.
+std::string absenceError(const std::string& streamId, bool hasRun);
 
 }  // namespace vexalive
 

@@ -24,12 +24,12 @@ using nlohmann::ordered_json;
 namespace {
 
 constexpr std::chrono::milliseconds kStatusInterval{500};
-constexpr std::chrono::milliseconds kPollInterval{50};  // between checks for a change of a state
+constexpr std::chrono::milliseconds kPollInterval{50};  // time between two checks for a changed state
 constexpr std::chrono::milliseconds kStopTimeout{2000};
 constexpr size_t kMaxLineBytes = size_t{1} << 20;
 
 // The part of the status that is reported at once if it changes.
-std::string statesOf(const WorkerStatus& status) {
+std::string statesAndErrors(const WorkerStatus& status) {
     std::string states = nameOf(status.output.state) + status.output.error;
     for (const InputStatus& input : status.inputs) {
         states += '\n' + input.streamId + nameOf(input.stream.state) + input.stream.error;
@@ -37,7 +37,7 @@ std::string statesOf(const WorkerStatus& status) {
     return states;
 }
 
-// Fails if the service has ended. Then stdin ends, too.
+// Errors are ignored: writing fails only if the service has ended, and then stdin ends, too.
 void writeLine(const ordered_json& line) {
     const std::string text = line.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n";
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -51,9 +51,9 @@ std::string base64(const std::string& bytes) {
     return result;
 }
 
-class Run {
+class ProtocolLoop {
 public:
-    Run(const char* name, Worker& worker) : mName(name), mWorker(worker) {}
+    ProtocolLoop(const char* name, Worker& worker) : mName(name), mWorker(worker) {}
 
     void start() {
         g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), onInput, this);
@@ -62,7 +62,7 @@ public:
     }
 
 private:
-    static gboolean onInput(gint, GIOCondition, gpointer self) { return static_cast<Run*>(self)->read(); }
+    static gboolean onInput(gint, GIOCondition, gpointer self) { return static_cast<ProtocolLoop*>(self)->read(); }
 
     gboolean read() {
         std::array<char, 65536> piece;
@@ -114,14 +114,14 @@ private:
         mPollTimer.start(kPollInterval, [this] { poll(); });
     }
 
-    // Writes nothing if no state has changed and the interval has not passed.
+    // Writes the status if a state or an error has changed, or if the last status is older than kStatusInterval.
     void reportStatus() {
         const auto now = std::chrono::steady_clock::now();
         WorkerStatus status = mWorker.status();
         if (mIsStopping) {
             status.output.state = WorkerState::kStopping;
         }
-        std::string states = statesOf(status);
+        std::string states = statesAndErrors(status);
         if (states == mReportedStates && now < mReported + kStatusInterval) {
             return;
         }
@@ -146,7 +146,7 @@ private:
     const std::unique_ptr<GMainLoop, Unref> mLoop{g_main_loop_new(nullptr, FALSE)};
     Timer mPollTimer;
     Timer mStopTimer;
-    std::string mInput;  // up to the end of the next line
+    std::string mInput;  // the bytes of the incomplete line
     std::string mReportedStates;
     std::chrono::steady_clock::time_point mReported;
     bool mIsStopping = false;
@@ -158,9 +158,9 @@ void Worker::takeSnapshot(int, std::function<void(const std::string& jpeg)> done
     done("");
 }
 
-// Exits without running destructors, so that a plugin's thread cannot block the exit. The streams have ended by then.
+// std::_Exit() runs no destructors, so the thread of a plugin cannot block the exit. The streams have ended already.
 void runWorker(const char* name, Worker& worker) {
-    Run(name, worker).start();
+    ProtocolLoop(name, worker).start();
     std::_Exit(0);
 }
 

@@ -1,4 +1,4 @@
-// vexalive-media: carries the streams of one relay or one mix. Started by `vexalive serve --media`, one process each.
+// vexalive-media: runs one relay or one mix. `vexalive serve --media` starts one process for each.
 
 #include <gst/gst.h>
 

@@ -76,8 +76,8 @@ TEST(FlvStream, IsSplitIntoTagsWhateverTheSizeOfItsPieces) {
 }
 
 TEST(FlvStream, ATagGetsAnotherTimestampAndIsOtherwiseUnchanged) {
-    EXPECT_EQ(tag(kKeyFrame).at(0), kKeyFrame);
-    EXPECT_EQ(tag(kKeyFrame).at(0x7f010203), tagOf(9, 0x7f010203, {0x17, 1, 4}));
+    EXPECT_EQ(tag(kKeyFrame).withTimestamp(0), kKeyFrame);
+    EXPECT_EQ(tag(kKeyFrame).withTimestamp(0x7f010203), tagOf(9, 0x7f010203, {0x17, 1, 4}));
 }
 
 TEST(FlvStream, ATagHasACodecAPayloadAndACompositionTime) {
@@ -127,7 +127,7 @@ TEST(SteadyTime, IsMonotonicAndHasTheIntervalsOfItsSource) {
             if (each.beginsConnection) {
                 time.beginConnection();
             }
-            EXPECT_EQ(time.at(each.timestamp, each.now), each.steady) << each.timestamp << " at " << each.now;
+            EXPECT_EQ(time.convert(each.timestamp, each.now), each.steady) << each.timestamp << " at " << each.now;
             EXPECT_EQ(time.last(), each.steady);
         }
     }

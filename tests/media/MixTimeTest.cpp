@@ -15,9 +15,9 @@ constexpr int64_t kMs = 1'000'000;
 
 // A timeline in milliseconds that began with a video frame of timestamp 0 at 0.
 struct Timeline : MixTimeline {
-    Timeline() { at(kVideo, 0, 0); }
+    Timeline() { toRunningTime(kVideo, 0, 0); }
     int64_t operator()(int64_t timestamp, int64_t now, Kind kind = kVideo) {
-        return (at(kind, timestamp * kMs, now * kMs) - kTargetLead) / kMs;
+        return (toRunningTime(kind, timestamp * kMs, now * kMs) - kTargetLead) / kMs;
     }
 };
 
@@ -126,7 +126,7 @@ TEST(AudioRing, HasFewShortGapsForASlowPublisher) {
     bool isSilent = true;
     for (int64_t now = 0; now < 120'000; ++now) {
         for (; pieces * 20 * 1003 / 1000 + pieces % 5 * 2 <= now; ++pieces) {
-            decoding.push_back({now + 5, timeline.at(MixTimeline::kAudio, pieces * 20 * kMs, now * kMs)});
+            decoding.push_back({now + 5, timeline.toRunningTime(MixTimeline::kAudio, pieces * 20 * kMs, now * kMs)});
         }
         for (; !decoding.empty() && decoding.front().decoded <= now; decoding.pop_front()) {
             ring.put(AudioRing::positionOf(decoding.front().presentationTime), samples(960, 1).data(), 960);
