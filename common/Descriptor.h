@@ -6,7 +6,7 @@ namespace vexalive {
 /// Owns a file descriptor: a file, a socket, a pipe. Closes it when destroyed.
 class Descriptor {
 public:
-    /// Takes ownership of `fd`. Negative: no descriptor.
+    /// Takes ownership of `fd`. A negative `fd` means no descriptor.
     explicit Descriptor(int fd = -1) : mFd(fd) {}
     Descriptor(Descriptor&& other) noexcept : mFd(other.release()) {}
     Descriptor& operator=(Descriptor&& other) noexcept;

@@ -12,7 +12,7 @@ struct Error {
     std::string message;
 };
 
-/// The value of an operation, or its error. `E` is another struct where callers need more than a message.
+/// The value of an operation, or its error. `E` is a struct other than Error if callers need more than a message.
 template <class T, class E = Error>
 using Result = tl::expected<T, E>;
 

@@ -96,7 +96,7 @@ std::string clipped(const std::string& text, size_t columns) {
     constexpr std::string_view kMore = "...";
     const size_t available = columns < kMore.size() ? 0 : columns - kMore.size();
     size_t width = 0;
-    size_t shown = 0;  // bytes that fit with kMore behind them
+    size_t shown = 0;  // number of bytes that fit before kMore
     for (size_t i = 0; i < text.size();) {
         const size_t length = std::max<size_t>(1, utf8Length(std::string_view(text).substr(i)));
         width += length == 1 ? 1 : 2;

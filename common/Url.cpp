@@ -9,7 +9,7 @@ namespace vexalive {
 std::optional<Url> parseUrl(const std::string& text) {
     const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
     constexpr unsigned kFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_PATH_AS_IS;
-    const size_t hostStart = text.find("://") + 3;  // the library accepts one to three slashes
+    const size_t hostStart = text.find("://") + 3;  // libcurl also accepts one slash, or three
     const bool hasAuthority = hostStart > 3 && hostStart < text.size() && text[hostStart] != '/';
     const bool holdsZeroByte = text.find('\0') != std::string::npos;
     if (!handle || !hasAuthority || holdsZeroByte ||

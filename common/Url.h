@@ -6,17 +6,17 @@
 
 namespace vexalive {
 
-/// The parts of an absolute address: "scheme://user@host:port/path?query".
+/// The parts of an absolute URL: "scheme://user@host:port/path?query".
 struct Url {
     std::string scheme;  ///< lower case
     std::string host;    ///< without the brackets of an IPv6 address
-    std::string port;    ///< decimal; empty if the address has none
-    std::string path;    ///< as sent; "/" if the address has none
-    std::string query;   ///< as sent, without its "?"
+    std::string port;    ///< decimal; empty if the URL has no port
+    std::string path;    ///< not decoded; "/" if the URL has no path
+    std::string query;   ///< not decoded, without the "?"
     bool hasUser = false;
 };
 
-/// std::nullopt if `text` is not an absolute address, or if it contains spaces or control characters.
+/// Returns std::nullopt if `text` is not an absolute URL, or if it contains spaces or control characters.
 std::optional<Url> parseUrl(const std::string& text);
 
 }  // namespace vexalive

@@ -23,7 +23,7 @@ constexpr std::pair<const char*, uint64_t StreamStatus::*> kCounters[] = {
     {"reconnects", &StreamStatus::reconnects},
 };
 
-// This and parseStream() throw what the JSON library throws at a missing value or one of the wrong type.
+// If a value is missing or has the wrong type, this function and parseStream() throw nlohmann::json::exception.
 std::string shortText(const json& object, const char* key) {
     return std::string(utf8Prefix(object.at(key).get_ref<const std::string&>(), kMaxTextBytes));
 }

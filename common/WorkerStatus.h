@@ -10,9 +10,9 @@
 namespace vexalive {
 
 enum class WorkerState {
-    kStarting,      ///< no media so far
+    kStarting,      ///< no media have flowed yet
     kRunning,       ///< media flow
-    kReconnecting,  ///< media have flowed; the connection or its media are lost
+    kReconnecting,  ///< media flowed before, but the connection was lost or carries no media now
     kStopping,
     kStopped,
     kFailed,
@@ -24,14 +24,14 @@ constexpr WorkerState kWorkerStates[] = {WorkerState::kStarting, WorkerState::kR
 /// "starting", "running" and so on.
 const char* nameOf(WorkerState state);
 
-/// One stream: what a worker sends, or one of its inputs.
+/// The status of one stream: the output of a worker, or one of its inputs.
 struct StreamStatus {
     WorkerState state = WorkerState::kStarting;
-    std::string error;  ///< message of the last error; empty while it runs
+    std::string error;  ///< message of the last error; empty while the stream runs
     uint64_t bytes = 0;
-    uint64_t frames = 0;      ///< of video; of audio if there is no video
-    uint64_t dropped = 0;     ///< frames
-    uint64_t reconnects = 0;  ///< connections after the first
+    uint64_t frames = 0;      ///< video frames, or audio frames if there is no video
+    uint64_t dropped = 0;     ///< number of dropped frames
+    uint64_t reconnects = 0;  ///< number of connections after the first
 };
 
 struct InputStatus {
@@ -45,11 +45,11 @@ struct WorkerStatus {
     std::vector<InputStatus> inputs;
 };
 
-/// The value of "status".
+/// The value of "status" in the worker's line.
 nlohmann::ordered_json toJson(const WorkerStatus& status);
 
-/// std::nullopt if the value is malformed; more than 32 inputs are malformed. Errors and stream ids are truncated to
-/// 500 bytes.
+/// Parses the value of "status". Returns std::nullopt if it is malformed or has more than 32 inputs. Errors and stream
+/// ids are truncated to 500 bytes.
 std::optional<WorkerStatus> parseWorkerStatus(const nlohmann::json& status);
 
 }  // namespace vexalive

@@ -9,7 +9,7 @@ struct CVexaHttpSendRecv::Impl : vexalive::ResponseQueue {};
 
 namespace {
 
-// The last segment of the path: "add_relay_stream_url" of "https://host/v3/liveinterface/add_relay_stream_url?…".
+// The last segment of the URL's path, for example "remove_relay_stream_url".
 std::string interfaceNameOf(const std::string& url) {
     const std::string path = url.substr(0, url.find('?'));
     return path.substr(path.rfind('/') + 1);

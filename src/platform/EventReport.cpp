@@ -6,7 +6,7 @@
 
 namespace {
 
-// Never destroyed: a worker may still report while the process exits.
+// The sink is never destroyed: a worker may still report while the process exits.
 vexalive::Hook<vexalive::EventSink>& eventSink() {
     static auto& sink = *new vexalive::Hook<vexalive::EventSink>();
     return sink;

@@ -16,10 +16,10 @@ public:
     void set(F hook) {
         std::shared_ptr<const F> next = hook ? std::make_shared<const F>(std::move(hook)) : nullptr;
         KstMutexLock lock(mMutex);
-        mHook.swap(next);  // the old one is destroyed after the lock is released
+        mHook.swap(next);  // the previous function is destroyed after the lock is released
     }
 
-    // The function to call; the pointer keeps it alive. Null if none is set.
+    // The function, or null if none is set. The pointer keeps the function alive during a call.
     std::shared_ptr<const F> get() const {
         KstMutexLock lock(mMutex);
         return mHook;

@@ -19,12 +19,12 @@
 namespace vexalive {
 namespace {
 
-constexpr int kWakePollMilliseconds = 60000;
-constexpr int kFallbackPollMilliseconds = 20;  // if curl_multi_wakeup is not available
-constexpr long kConcurrentStreams = 1000;
-constexpr size_t kInitialStreams = 100;       // of an HTTP/2 connection before the server's SETTINGS
-constexpr int kPendingPollMilliseconds = 50;  // while requests are pending
-constexpr size_t kMaxPooledExchanges = 8;     // handles for reuse
+constexpr int kWakePollMilliseconds = 60000;   // maximum wait if curl_multi_wakeup() can end it
+constexpr int kFallbackPollMilliseconds = 20;  // maximum wait if curl_multi_wakeup() is not available
+constexpr long kMaxStreams = 1000;             // libcurl's limit for an HTTP/2 connection
+constexpr size_t kInitialStreams = 100;        // libcurl's limit before the server's SETTINGS frame arrives
+constexpr int kPendingPollMilliseconds = 50;   // maximum wait while requests are pending
+constexpr size_t kMaxPooledExchanges = 8;
 
 // ---- Options: writable until the engine starts ----------------------------------------------------------------------
 
@@ -51,7 +51,7 @@ HttpOptions freezeOptions() {
     return options;
 }
 
-bool isTimeout(std::chrono::milliseconds time) {
+bool isValidTimeout(std::chrono::milliseconds time) {
     return time >= std::chrono::milliseconds(1) && time <= std::chrono::hours(1);
 }
 
@@ -70,8 +70,8 @@ int returnCodeOfStatus(long status) {
                                           : CVexaHttpSendRecv::kTransportErrorBase + CURLE_WEIRD_SERVER_REPLY;
 }
 
-// `detail` is libcurl's error text. Only it distinguishes a handshake that was cut off, which is worth another attempt,
-// from one that OpenSSL refused: a refusal names OpenSSL's reason.
+// `detail` is libcurl's error string. Only this string distinguishes a TLS handshake that was cut off (retryable) from
+// a handshake that OpenSSL refused: a refusal contains OpenSSL's reason.
 int returnCodeOfFailure(CURLcode result, const char* detail) {
     switch (result) {
         case CURLE_COULDNT_RESOLVE_PROXY:
@@ -95,8 +95,8 @@ int returnCodeOfFailure(CURLcode result, const char* detail) {
     }
 }
 
-// True if the CA file could not be read because the process had no free descriptor: it can be read now, or fails only
-// for that reason.
+// Whether libcurl failed to read the CA file only because the process had no free descriptor. Reads the file again: it
+// is now readable, or the process still has no free descriptor.
 bool isDescriptorShortage(const std::string& caFile) {
     const char* file = caFile.empty() ? curl_version_info(CURLVERSION_NOW)->cainfo : caFile.c_str();
     const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), &X509_STORE_free);
@@ -107,15 +107,16 @@ bool isDescriptorShortage(const std::string& caFile) {
     return isRead || lacksDescriptor;
 }
 
-// A JSON response for an exchange that has none, since the adapter retries an unreadable one. Contains no address.
+// The response of an exchange that failed permanently. It is JSON, since the adapter would retry an unreadable
+// response. It does not contain the URL.
 std::string describe(CURLcode result) {
     json::Object response;
     response["transportError"] = curl_easy_strerror(result);
     return json::Serialize(std::move(response));
 }
 
-// Blocks signals on the I/O thread: the host's threads handle the host's signals, and a write to a closed connection
-// raises SIGPIPE here.
+// Blocks signals on the I/O thread. The host's threads handle the host's signals. A write to a closed connection raises
+// SIGPIPE on this thread; the destructor discards it.
 class BlockedSignals {
 public:
     BlockedSignals() {
@@ -131,7 +132,7 @@ public:
         sigemptyset(&pending);
         sigaddset(&pending, SIGPIPE);
         const timespec noWait{};
-        sigtimedwait(&pending, nullptr, &noWait);  // discards SIGPIPE before the mask is restored
+        sigtimedwait(&pending, nullptr, &noWait);
         pthread_sigmask(SIG_SETMASK, &mBefore, nullptr);
     }
     BlockedSignals(const BlockedSignals&) = delete;
@@ -144,8 +145,8 @@ private:
 }  // namespace
 
 bool setHttpOptions(const HttpOptions& options) {
-    if (!isTimeout(options.connectTimeout) || !isTimeout(options.totalTimeout) || options.maxResponseBytes < 1 ||
-        options.maxResponseBytes > size_t{1} << 30) {
+    if (!isValidTimeout(options.connectTimeout) || !isValidTimeout(options.totalTimeout) ||
+        options.maxResponseBytes < 1 || options.maxResponseBytes > size_t{1} << 30) {
         return false;
     }
     SharedOptions& shared = sharedOptions();
@@ -159,7 +160,7 @@ bool setHttpOptions(const HttpOptions& options) {
 
 // ---- One exchange ---------------------------------------------------------------------------------------------------
 
-// A libcurl handle and the request that it carries. Reused for one request after another.
+// A libcurl easy handle and the request that it currently carries. Reused for one request after another.
 struct HttpEngine::Exchange {
     CURL* handle = nullptr;
     size_t limit = 0;
@@ -181,7 +182,7 @@ struct HttpEngine::Exchange {
         detail[0] = '\0';
     }
 
-    // Detects the empty line that ends the head: libcurl accepts a truncated head.
+    // Detects the empty line that ends the response's head. Without it, the head is truncated; libcurl accepts that.
     static size_t onHeader(char* data, size_t, size_t size, void* exchange) {
         const std::string_view line(data, size);
         auto& self = *static_cast<Exchange*>(exchange);
@@ -202,14 +203,14 @@ struct HttpEngine::Exchange {
 
 // ---- Start, send, shut down -----------------------------------------------------------------------------------------
 
-// The first request and the exit of the process may race; `startMutex` orders them.
 namespace {
 
+// The first request and the exit of the process may race; `startMutex` orders them.
 KstMutex startMutex;
 std::atomic<HttpEngine*> engineInstance{nullptr};
 bool processExiting KST_GUARDED_BY(startMutex) = false;
 
-// Registered before main, so it runs last: no request can start the engine after it.
+// Registered before main(), so this exit handler runs last. After it, no request can start the engine.
 [[maybe_unused]] const int registered = std::atexit(&HttpEngine::shutDown);
 
 }  // namespace
@@ -222,7 +223,7 @@ HttpEngine* HttpEngine::instance() {
     KstMutexLock lock(startMutex);
     if (!engineInstance && !processExiting) {
         engineInstance = new HttpEngine();
-        std::atexit(&shutDown);  // again, to run before the destruction of what existed earlier
+        std::atexit(&shutDown);  // again: this one runs before the objects that exist now are destroyed
     }
     return engineInstance;
 }
@@ -240,7 +241,7 @@ HttpEngine::HttpEngine() noexcept : mOptions(freezeOptions()), mThreads([this] {
     curl_global_init(CURL_GLOBAL_ALL);
     releaseOpenSslThread();
     mMulti = curl_multi_init();
-    curl_multi_setopt(mMulti, CURLMOPT_MAX_CONCURRENT_STREAMS, kConcurrentStreams);
+    curl_multi_setopt(mMulti, CURLMOPT_MAX_CONCURRENT_STREAMS, kMaxStreams);
     mShare = curl_share_init();
     curl_share_setopt(mShare, CURLSHOPT_SHARE,
                       CURL_LOCK_DATA_SSL_SESSION);  // used by the I/O thread only: needs no locks
@@ -263,7 +264,7 @@ void HttpEngine::send(std::unique_ptr<OutgoingRequest> request) {
     }
 }
 
-// Requests in flight are dropped.
+// Drops the requests in flight.
 void HttpEngine::stop() {
     mThreads.shutDown();
     {
@@ -272,7 +273,7 @@ void HttpEngine::stop() {
     }
     curl_multi_wakeup(mMulti);
     mThreads.waitForIo();
-    // No callback reports the dropped exchanges. Cleaning up here detaches libcurl's resolver threads.
+    // Dropped exchanges cause no callback. curl_easy_cleanup() detaches libcurl's resolver threads.
     for (Exchange* exchange : mActive) {
         curl_multi_remove_handle(mMulti, exchange->handle);
         curl_easy_cleanup(std::exchange(exchange->handle, nullptr));
@@ -282,7 +283,7 @@ void HttpEngine::stop() {
 
 // ---- The I/O --------------------------------------------------------------------------------------------------------
 
-// Returns when no exchange is active or pending.
+// Returns when no exchange is active and no request is pending, or when the process exits.
 void HttpEngine::runIo() {
     const BlockedSignals blocked;
     mHasResponse = false;
@@ -305,7 +306,7 @@ void HttpEngine::runIo() {
     }
 }
 
-// False if the process exits.
+// Returns false if the process exits.
 bool HttpEngine::startRequests() {
     std::vector<std::unique_ptr<OutgoingRequest>> requests;
     {
@@ -329,8 +330,8 @@ bool HttpEngine::startRequests() {
     return true;
 }
 
-// libcurl opens another connection for each request that exceeds the stream limit of the first. So the requests beyond
-// the initial limit wait until the first response makes the server's limit known, but at most for connectTimeout.
+// libcurl opens another connection for each request that exceeds the stream limit of the first connection. So requests
+// beyond kInitialStreams wait until the first response, when the server's limit is known, but at most connectTimeout.
 bool HttpEngine::canStart() const {
     return mActive.size() < kInitialStreams || mHasResponse ||
            std::chrono::steady_clock::now() - mIoStarted > mOptions.connectTimeout;
@@ -357,7 +358,7 @@ void HttpEngine::startExchange(std::unique_ptr<OutgoingRequest> request) {
         finish(std::move(exchange), CURLE_FAILED_INIT);
         return;
     }
-    mActive.insert(exchange.release());  // collectFinished takes it back
+    mActive.insert(exchange.release());  // collectFinished() takes ownership
 }
 
 // A pooled exchange, or a new one. A failed exchange is not pooled, since its handle keeps state of the failure.
@@ -389,7 +390,7 @@ std::unique_ptr<HttpEngine::Exchange> HttpEngine::createExchange() {
     }
     curl_easy_setopt(handle, CURLOPT_SHARE, mShare);
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);    // prefer sharing a connection to opening one
+    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);    // wait for a connection to share rather than open another
     curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // do not wait for the resolver on clean-up
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(mOptions.connectTimeout.count()));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(mOptions.totalTimeout.count()));
@@ -406,8 +407,8 @@ std::unique_ptr<HttpEngine::Exchange> HttpEngine::createExchange() {
     return exchange;
 }
 
-// A timeout ends a request but not its HTTP/2 connection, which may be dead; retries would use it again. So connections
-// older than the last timeout are not reused, and for totalTimeout no connection is shared.
+// A timeout ends a request but not its HTTP/2 connection. This connection may be dead, and retries would use it again.
+// So connections older than the last timeout are not reused, and for totalTimeout after it, no connection is reused.
 void HttpEngine::avoidStaleConnections(CURL* handle) const {
     if (mLastTimeout == std::chrono::steady_clock::time_point()) {
         return;

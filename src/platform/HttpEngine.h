@@ -1,7 +1,8 @@
 // The one HTTPS engine of the process: libcurl's multi interface, shared by all clients.
 //
-// The first request starts it. All clients share connections, TLS sessions and DNS results; over HTTP/2 requests share
-// a connection. One thread at a time does the I/O, and no host code runs on it meanwhile (HttpThreads.h).
+// The first request starts the engine. All clients share connections, TLS sessions and DNS results; over HTTP/2,
+// requests share a connection. One thread at a time does the I/O. While it does, this thread runs no host code
+// (HttpThreads.h).
 
 #ifndef VEXALIVE_PLATFORM_HTTP_ENGINE_H
 #define VEXALIVE_PLATFORM_HTTP_ENGINE_H
@@ -26,18 +27,18 @@ namespace vexalive {
 struct OutgoingRequest {
     std::string url;
     KstCopyOnWriteBuffer body;
-    std::shared_ptr<ResponseQueue> responses;  // where the completion goes
-    Completion completion;                     // filled in so far: the callback and the observer's part
+    std::shared_ptr<ResponseQueue> responses;  // receives the completion
+    Completion completion;                     // only the callback and the observer's fields are set so far
     std::chrono::steady_clock::time_point started;
 };
 
 class HttpEngine {
 public:
-    // The first call starts the engine, which is never destroyed. Null if the process exits before the first call. If a
-    // thread cannot be started, the standard library's system error ends the process.
+    // The first call starts the engine, which is never destroyed. Null if the engine was not started before the process
+    // began to exit. If a thread cannot be started, std::system_error ends the process.
     static HttpEngine* instance();
 
-    // Stops the engine permanently, or prevents its start. Runs at exit, before the libraries below are destroyed.
+    // Stops the engine permanently, or prevents its start. Runs at exit, before libcurl and OpenSSL are cleaned up.
     static void shutDown();
 
     void send(std::unique_ptr<OutgoingRequest> request) KST_EXCLUDES(mMutex);
@@ -65,11 +66,11 @@ private:
     curl_slist* mHeaders = nullptr;
     std::set<Exchange*> mActive;  // from here to mLastTimeout: I/O thread only
     std::vector<std::unique_ptr<Exchange>> mPool;
-    std::deque<std::unique_ptr<OutgoingRequest>> mPending;  // waiting for the first response
-    bool mHasResponse = false;                              // since the I/O started
+    std::deque<std::unique_ptr<OutgoingRequest>> mPending;  // not started yet; canStart() says why
+    bool mHasResponse = false;                              // a response has arrived since mIoStarted
     std::chrono::steady_clock::time_point mIoStarted;
     int mPollMilliseconds = 0;
-    std::chrono::steady_clock::time_point mLastTimeout;  // of any exchange; the epoch if none
+    std::chrono::steady_clock::time_point mLastTimeout;  // when an exchange last timed out; the epoch if never
 
     KstMutex mMutex;
     std::vector<std::unique_ptr<OutgoingRequest>> mInbox KST_GUARDED_BY(mMutex);

@@ -12,14 +12,14 @@
 namespace vexalive {
 namespace {
 
-constexpr size_t kMinIdleThreads = 2;                  // that never end
-constexpr std::chrono::seconds kIdleTimeout(1);        // of a further thread
-constexpr std::chrono::milliseconds kWatchTimeout(1);  // for a delivering thread to return for the next
+constexpr size_t kMinIdleThreads = 2;
+constexpr std::chrono::seconds kIdleTimeout(1);  // after which an idle thread ends if kMinIdleThreads others are idle
+constexpr std::chrono::milliseconds kWatchTimeout(1);  // see run()
 
 std::atomic<bool> processExiting{false};
 
 Hook<HttpObserver>& observerHook() {
-    static auto& hook = *new Hook<HttpObserver>();  // never destroyed: threads outlive main
+    static auto& hook = *new Hook<HttpObserver>();  // never destroyed: the threads outlive main()
     return hook;
 }
 
@@ -60,7 +60,7 @@ void ResponseQueue::deliver() {
         exchange.interfaceName = completion.interfaceName;
         exchange.retCode = completion.retCode;
         exchange.response = {reinterpret_cast<const char*>(completion.response.cdata()), completion.response.size()};
-        const KstCopyOnWriteBuffer keepAlive = completion.response;  // for the observer's call after the callback
+        const KstCopyOnWriteBuffer keepAlive = completion.response;  // the observer reads it after the callback, too
         observe(exchange);
 
         lock.lock();
@@ -68,7 +68,7 @@ void ResponseQueue::deliver() {
             mDeliveringThread = std::this_thread::get_id();
             lock.unlock();
             completion.callback(completion.retCode, completion.response);
-            completion.callback = nullptr;  // destroys its captures while the client still exists
+            completion.callback = nullptr;  // destroys the captures of the callback while the client still exists
             lock.lock();
             mDeliveringThread = std::thread::id();
             mCallbackReturned.notifyAll();
@@ -135,8 +135,8 @@ void HttpThreads::waitForIo() {
 void HttpThreads::run() {
     KstMutexLock lock(mMutex);
     for (bool wasIdle = true;;) {
-        // A thread that delivers a response usually returns for the next one soon. So a thread that was idle waits for
-        // it for kWatchTimeout; a thread that has just worked delivers the next response at once.
+        // A thread that delivers a response is usually free soon and then delivers the next one, without a context
+        // switch. So a thread that was idle (the watcher) delivers only if no thread has done so for kWatchTimeout.
         const bool isBeingDrained = wasIdle && mDelivering > 0 && Clock::now() < mLastDequeued + kWatchTimeout;
         if (mIsIoRequested && !mIsIoRunning && !mShuttingDown) {
             mIsIoRequested = false;
@@ -174,10 +174,11 @@ struct HttpThreads::IdleThread {
     bool isWoken = false;
 };
 
-// Waits until there may be work. False if the thread is superfluous: enough others have been idle for kIdleTimeout.
-// While the process exits no thread ends, since its clean-up would use libraries that may be destroyed by then.
+// Waits until there may be work. Returns false if the calling thread must end: it was idle for kIdleTimeout, and
+// kMinIdleThreads others are idle. While the process exits, no thread ends: the clean-up of a thread would use
+// libraries that may already be cleaned up.
 bool HttpThreads::waitForWork() {
-    const bool isWatcher = needsWatcher() && !mShuttingDown;  // times the delivering thread
+    const bool isWatcher = needsWatcher() && !mShuttingDown;
     const bool isPermanent = mIdleThreads.size() < kMinIdleThreads;
     const Clock::time_point end = isWatcher ? mLastDequeued + kWatchTimeout : Clock::now() + kIdleTimeout;
     IdleThread self;
@@ -198,13 +199,13 @@ bool HttpThreads::waitForWork() {
     return self.isWoken || isWatcher || mShuttingDown || mIdleThreads.size() < kMinIdleThreads;
 }
 
-// For a thread that starts to work: another thread does the remaining work, or times this thread's return.
+// Called by a thread before it works: another thread must do the remaining work, or become the watcher (see run()).
 void HttpThreads::ensureIdleThread() {
     if (mIdleThreads.empty()) {
         try {
             start();
         } catch (const std::system_error&) {
-            // Further work waits for this thread. The next call tries again.
+            // Further work waits until this thread is free. The next call of this function tries again.
         }
     } else if (needsWatcher() || (mIsIoRequested && !mIsIoRunning)) {
         wakeOne();

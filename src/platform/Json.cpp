@@ -1,5 +1,5 @@
-// Parses with nlohmann-json's SAX interface, without a second tree: JsonReader receives each token and bounds the
-// depth. The library also serializes the strings that need escaping, and the floating-point numbers.
+// nlohmann-json's SAX parser calls JsonReader for each token, so the library builds no tree of its own. JsonReader
+// bounds the depth. The library also serializes floating-point numbers and the strings that need escaping.
 
 #include "base/Json.h"
 
@@ -13,13 +13,13 @@ namespace {
 using Library = nlohmann::json;
 
 constexpr size_t kMaxDepth = 512;
-constexpr size_t kTypicalSize = 512;
+constexpr size_t kTypicalSize = 512;  // of a serialized body, in bytes
 
 std::string serializeScalar(const Library& scalar) {
     return scalar.dump(-1, ' ', false, Library::error_handler_t::replace);
 }
 
-// Plain ASCII, the usual case, needs neither escapes nor a check of its UTF-8.
+// Printable ASCII without quotes and backslashes, the usual case, is appended without a call of the library.
 void append(std::string& json, const std::string& text) {
     const bool isPlain =
         std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; });
@@ -71,7 +71,7 @@ void append(std::string& json, const Value& value) {
     }
 }
 
-// The interface is the library's: the names of the operations are fixed.
+// The SAX handler. The library prescribes the names of the public functions, except takeRoot().
 class JsonReader {
 public:
     Value takeRoot() { return std::move(mRoot); }
@@ -103,7 +103,7 @@ private:
         bool isObject;
         Object object;
         Array array;
-        std::string key;  // of the next member
+        std::string key;  // of the member whose value is read next
     };
 
     bool open(bool isObject) {
@@ -146,7 +146,7 @@ std::string Serialize(const Value& value) {
 
 Value Deserialize(const std::string& text) {
     if (text.find('\0') != std::string::npos) {
-        return {};  // the library would stop at it and accept the value before it
+        return {};  // the library would stop at the zero byte and accept the value before it
     }
     JsonReader reader;
     return Library::sax_parse(text, &reader) ? reader.takeRoot() : Value();

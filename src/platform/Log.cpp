@@ -44,7 +44,7 @@ spdlog::level::level_enum libraryLevel(int level) {
     }
 }
 
-std::string print(const char* format, va_list arguments) {
+std::string formatMessage(const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, again);
@@ -70,7 +70,7 @@ void kstf_log(int level, const char* file, int line, const char* function, const
     }
     va_list arguments;
     va_start(arguments, format);
-    const std::string message = print(format, arguments);
+    const std::string message = formatMessage(format, arguments);
     va_end(arguments);
     if (sink) {
         (*sink)(level, file, line, function, message);

@@ -11,8 +11,8 @@
 
 namespace {
 
-// If the host initialised OpenSSL, OpenSSL cleans up at exit, while workers may still build bodies. The exit handler
-// waits for the active digests and prevents further ones.
+// If the host initialised OpenSSL, OpenSSL cleans up at exit. Worker threads may still compute digests then. So the
+// exit handler waits for the digests that have begun and prevents further ones.
 std::atomic<int> activeDigests{0};
 std::atomic<bool> processExiting{false};
 
@@ -27,11 +27,11 @@ const EVP_MD* fetchMd5() {
     vexalive::initialiseOpenSsl();
     const EVP_MD* md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
     vexalive::releaseOpenSslThread();
-    std::atexit(&stopDigests);  // registered after OpenSSL's clean-up, so it runs before
+    std::atexit(&stopDigests);  // registered after OpenSSL's clean-up, so it runs before that clean-up
     return md5;
 }
 
-std::string digestOf(const std::string& text) {
+std::string computeMd5(const std::string& text) {
     static const EVP_MD* const md5 = fetchMd5();  // fetched once; never freed
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
@@ -53,7 +53,7 @@ std::string digestOf(const std::string& text) {
 
 std::string kstmedia::getMD5(const std::string& text) {
     ++activeDigests;
-    std::string hex = processExiting ? std::string() : digestOf(text);
+    std::string hex = processExiting ? std::string() : computeMd5(text);
     --activeDigests;
     return hex;
 }

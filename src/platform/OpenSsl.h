@@ -1,4 +1,4 @@
-// OpenSSL without its clean-up at exit: threads may still use the library's tables while the process exits.
+// Use of OpenSSL without its clean-up at exit: threads may still use the library's tables while the process exits.
 
 #ifndef VEXALIVE_PLATFORM_OPEN_SSL_H
 #define VEXALIVE_PLATFORM_OPEN_SSL_H
@@ -7,14 +7,14 @@
 
 namespace vexalive {
 
-// Call before the first use of the library. Has no effect if the host has initialised OpenSSL before.
+// Call before the first use of OpenSSL. Has no effect if the host has already initialised OpenSSL.
 inline void initialiseOpenSsl() {
     static const int initialised = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     static_cast<void>(initialised);
 }
 
-// Call on a thread that has used the library and may end while the process exits. Frees the library's data of the
-// thread, so that nothing runs when the thread ends.
+// Call on a thread that has used OpenSSL and may end while the process exits. Frees OpenSSL's thread-local data, so
+// that no OpenSSL code runs when the thread ends.
 inline void releaseOpenSslThread() {
     OPENSSL_thread_stop();
 }

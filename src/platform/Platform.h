@@ -1,9 +1,12 @@
 /// @file
 /// The options and hooks of the default platform. All are optional.
 ///
-/// Any thread may set a hook at any time. A hook is called on the thread that logs, reports or delivers, on several
-/// threads at once; it must not throw, and it delays its thread while it blocks. Setting an empty function restores the
-/// default. A call of the previous function may still be running when a setter returns.
+/// A hook is a function of the host: the log sink, the event sink or the HTTP observer. Any thread may set a hook at
+/// any time. An empty function restores the default. When a setter returns, a call of the previous function may still
+/// run.
+///
+/// A hook is called on the thread that logs, reports or delivers a response. Several threads may call a hook at the
+/// same time. A hook must not throw. While it blocks, the calling thread waits.
 
 #ifndef VEXALIVE_PLATFORM_PLATFORM_H
 #define VEXALIVE_PLATFORM_PLATFORM_H
@@ -19,14 +22,15 @@ namespace vexalive {
 
 /// Options of all HTTPS clients of the process.
 struct HttpOptions {
-    /// For name resolution, TCP and TLS together: 1 ms to 1 hour.
+    /// The maximum time for name resolution, TCP and TLS together: 1 ms to 1 hour.
     std::chrono::milliseconds connectTimeout{5000};
 
-    /// For the whole exchange: 1 ms to 1 hour. The time in which a request waits for a connection that another request
-    /// opens is not included: at most connectTimeout, or twice that if more than a hundred requests wait.
+    /// The maximum time for the whole exchange: 1 ms to 1 hour. While another request opens the connection that a
+    /// request will share, the request waits. This wait does not count. It is at most connectTimeout, or twice that if
+    /// more than 100 requests wait.
     std::chrono::milliseconds totalTimeout{10000};
 
-    /// The longest response body that is accepted: 1 byte to 1 GiB. A longer one fails.
+    /// The maximum size of a response body: 1 byte to 1 GiB. A request with a larger response fails.
     size_t maxResponseBytes = size_t{1} << 20;
 
     /// A PEM file with the certificate authorities to trust. Empty: the file that the environment variable
@@ -42,8 +46,8 @@ bool setHttpOptions(const HttpOptions& options);
 using LogSink =
     std::function<void(int level, const char* file, int line, const char* function, const std::string& message)>;
 
-/// Sets the destination of log lines. By default they go to the spdlog logger named "vexalive": the one that the host
-/// registered before the first line, or one that writes to standard error.
+/// Sets the destination of log lines. By default, they go to the spdlog logger named "vexalive", if the host registered
+/// one before the first line; otherwise to standard error.
 void setLogSink(LogSink sink);
 
 /// A room event report: the arguments of kstReportAvRoomEvt() in base/EventReport.h. Owns its strings.
@@ -53,22 +57,22 @@ struct EventReport {
     int eventType;            ///< 10004.
     int event;                ///< 30 for relays, 31 for mixes.
     std::string information;  ///< SDK version and the operation's input.
-    std::string detail;       ///< The trace of the request, with its responses.
+    std::string detail;       ///< The trace of the request, which contains its responses; or why nothing was sent.
 };
 
 /// Receives a room event report; `report` is valid during the call.
 using EventSink = std::function<void(const EventReport& report)>;
 
-/// Sets the destination of reports. By default each becomes one log line.
+/// Sets the destination of reports. By default, each report is written as one log line.
 void setEventSink(EventSink sink);
 
 /// One phase of an HTTPS exchange, for a progress display or metrics. Never contains the URL, which carries secrets.
 struct HttpExchange {
-    /// The phases of an exchange, in this order. An exchange that is dropped at process exit has the first one only.
+    /// The phases of an exchange, in this order. An exchange that is dropped at process exit has kStarted only.
     enum Phase {
-        kStarted,    ///< The client has the request; on the sending thread.
-        kCompleted,  ///< The result is known, the callback has not begun; on the delivery thread.
-        kDelivered,  ///< The callback has returned, or the client no longer exists; on the delivery thread.
+        kStarted,    ///< The client has accepted the request. Observed on the sending thread.
+        kCompleted,  ///< The result is known; the callback has not begun. Observed on the delivery thread.
+        kDelivered,  ///< The callback has returned, or the client no longer exists. Observed on the delivery thread.
     };
     Phase phase;                        ///< The phase that has begun.
     uint64_t id;                        ///< Number of the exchange in the process, from 1.

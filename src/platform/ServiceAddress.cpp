@@ -5,7 +5,7 @@
 
 namespace {
 
-// Never destroyed: a worker may still read it while the process exits.
+// The string is never destroyed: a worker may still read it while the process exits.
 const std::string& readOnce(const char* variable, const char* fallback) {
     const char* value = std::getenv(variable);
     return *new std::string(value && *value ? value : fallback);
