@@ -113,6 +113,9 @@ StreamStatus RelayWorker::sourceStatus() const {
         status.state = WorkerState::kRunning;
         return status;
     }
+    if (mStreamId.empty()) {  // no configuration yet
+        return status;
+    }
     status.state = status.reconnects > 0 || status.frames > 0 ? WorkerState::kReconnecting : WorkerState::kStarting;
     if (mSource.hasFlowed()) {
         status.error = "no media from " + mStreamId;

@@ -106,6 +106,7 @@ struct LocalService::Log {
         options.media = true;
         options.workerProgram = VEXALIVE_MEDIA_PROGRAM;
         options.mediaObserver = [this](const vexalive::LiveMediaEvent& event) {
+            EXPECT_EQ(event.text.find("publishes  "), std::string::npos) << "the name of the stream is missing";
             if (event.kind == vexalive::LiveMediaEvent::Kind::kRefusedPublish) {
                 const std::lock_guard<std::mutex> lock(mutex);
                 refusals.push_back(event.streamId + ": " + event.text);
