@@ -1,8 +1,8 @@
-"""The rows of the table in docs/performance.md, as data.
+"""The benchmarks of docs/performance.md, as data.
 
-A row has contenders: commands that print lines of the form `figure<TAB>value`. The first contender is `vexalive`; the
-others are its references. A figure has a label, a unit, the direction in which values are better, and optionally a
-target: a ratio of vexalive to another contender, or an absolute value.
+A row is one benchmark and one table. It has contenders: commands that print lines of the form `figure<TAB>value`. The
+first contender is `vexalive`; the others are its references. A figure has a label, a unit, and the direction in which
+values are better. It can have a target: a ratio of vexalive to another contender, a difference, or an absolute value.
 """
 
 import dataclasses
