@@ -4,28 +4,31 @@
 #define VEXALIVE_TOOLS_FILE_WATCHER_H
 
 #include <string>
+#include <utility>
+
+#include "common/Descriptor.h"
+#include "common/Result.h"
 
 namespace vexalive {
 
 // Not thread-safe.
 class FileWatcher {
 public:
-    // Watches the file's folder, because many editors save by replacing the file. Throws std::system_error if the
-    // folder cannot be watched.
-    explicit FileWatcher(const std::string& path);
-    ~FileWatcher();
-    FileWatcher(const FileWatcher&) = delete;
-    FileWatcher& operator=(const FileWatcher&) = delete;
+    // Watches the file's folder, because many editors save by replacing the file. Fails if the folder
+    // cannot be watched.
+    static Result<FileWatcher> watch(const std::string& path);
 
     // For poll(): readable while events are pending.
-    int fd() const { return mFd; }
+    int fd() const { return mEvents.get(); }
 
     // Whether the file was saved since the last call; does not block.
     bool pollChange();
 
 private:
+    FileWatcher(std::string name, Descriptor events) : mName(std::move(name)), mEvents(std::move(events)) {}
+
     std::string mName;  // in its folder
-    int mFd;
+    Descriptor mEvents;
 };
 
 }  // namespace vexalive

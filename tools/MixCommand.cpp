@@ -7,7 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "common/Text.h"
@@ -184,11 +184,11 @@ Result<int> runMix(const MixOptions& options) {
     }
     std::optional<FileWatcher> watcher;  // created before the file is read, so that no change is missed
     if (options.watch) {
-        try {
-            watcher.emplace(options.file);
-        } catch (const std::system_error& error) {
-            return failure("FILE is \"" + printable(options.file) + "\": " + error.what());
+        Result<FileWatcher> watched = FileWatcher::watch(options.file);
+        if (!watched) {
+            return failure("FILE is \"" + printable(options.file) + "\": " + watched.error().message);
         }
+        watcher = std::move(*watched);
     }
     const auto mix = loadMix(options.file);
     if (!mix) {
