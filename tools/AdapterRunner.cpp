@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <limits>
+#include <utility>
 
 #include "base/RetrySchedule.h"
 #include "base/ServiceAddress.h"
@@ -91,9 +92,20 @@ Result<std::string> validateUrl(const char* option, const std::string& url) {
     return url;
 }
 
-AdapterRunner::AdapterRunner(const RoomOptions& options, const RoomMember& member)
+Result<std::unique_ptr<AdapterRunner>> AdapterRunner::make(const RoomOptions& options, const RoomMember& member) {
+    auto queue = EventQueue<SdkEvent>::make();
+    auto signals = StopSignals::open();
+    if (!queue || !signals) {
+        return tl::make_unexpected(!queue ? queue.error() : signals.error());
+    }
+    return std::unique_ptr<AdapterRunner>(new AdapterRunner(options, member, std::move(*queue), std::move(*signals)));
+}
+
+AdapterRunner::AdapterRunner(const RoomOptions& options, const RoomMember& member,
+                             std::unique_ptr<EventQueue<SdkEvent>> queue, StopSignals signals)
     : mWriter(makeOutputWriter(chooseFormat(options.json, stdout), secretsOf(member), stdout, stderr)),
-      mEvents(options.verbose ? kDebugLevel : kWarningLevel),
+      mEvents(std::move(queue), options.verbose ? kDebugLevel : kWarningLevel),
+      mSignals(std::move(signals)),
       mAdapter(std::make_shared<LiveTranscodingAdapter>()) {
     warnOfDefaultService(options.command);
     warnOfUnsafeSecret(options.command, options.sig, member.sig);

@@ -56,8 +56,8 @@ Result<std::string> validateUrl(const char* option, const std::string& url);
 // Not thread-safe. At most one may exist at a time.
 class AdapterRunner {
 public:
-    // The adapter enters the room.
-    AdapterRunner(const RoomOptions& options, const RoomMember& member);
+    // The adapter enters the room. Fails if no descriptor is free.
+    static Result<std::unique_ptr<AdapterRunner>> make(const RoomOptions& options, const RoomMember& member);
 
     // The first entry to write: `begin` and the fields that every command has.
     static OutputEntry beginEntry(const RoomMember& member, const std::string& text);
@@ -72,6 +72,9 @@ public:
     ExitStatus run(FileWatcher* watcher = nullptr, const std::function<void()>& onChange = nullptr);
 
 private:
+    AdapterRunner(const RoomOptions& options, const RoomMember& member, std::unique_ptr<EventQueue<SdkEvent>> queue,
+                  StopSignals signals);
+
     void dispatch(const SdkEvent& event);
     void requestStop(const std::string& why);
     void stopAfterFailure();

@@ -13,7 +13,8 @@ namespace vexalive {
 
 struct Command {
     CLI::App* app;
-    // Call after parsing. Returns the exit status (ExitStatus.h), or a usage error: an option is missing or wrong.
+    // Call after parsing. Returns the exit status (ExitStatus.h), or an error if nothing was sent: an option is missing
+    // or wrong, or no descriptor is free. runCommandLine() then exits with kUsage.
     std::function<Result<int>()> run;
 };
 

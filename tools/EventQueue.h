@@ -15,28 +15,29 @@
 #include <deque>
 #include <initializer_list>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "base/Mutex.h"
+#include "common/Descriptor.h"
+#include "common/Result.h"
 
 namespace vexalive {
 
 template <class T>
 class EventQueue {
 public:
-    // While `capacity` items are queued, push() drops its item. Throws std::system_error if no descriptor is free.
-    explicit EventQueue(size_t capacity = std::numeric_limits<size_t>::max())
-        : mFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), mCapacity(capacity) {
-        if (mFd < 0) {
-            throw std::system_error(errno, std::generic_category(), "eventfd");
+    // While `capacity` items are queued, push() drops its item. Fails if no descriptor is free.
+    static Result<std::unique_ptr<EventQueue>> make(size_t capacity = std::numeric_limits<size_t>::max()) {
+        Descriptor event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+        if (!event.isOpen()) {
+            return failure("cannot create a queue of events: " + std::generic_category().message(errno));
         }
+        return std::unique_ptr<EventQueue>(new EventQueue(std::move(event), capacity));
     }
-    ~EventQueue() { close(mFd); }
-    EventQueue(const EventQueue&) = delete;
-    EventQueue& operator=(const EventQueue&) = delete;
 
     // Any thread; does not block.
     void push(T item) KST_EXCLUDES(mMutex) {
@@ -49,13 +50,14 @@ public:
             }
         }
         const uint64_t one = 1;
-        [[maybe_unused]] const auto written = ::write(mFd, &one, sizeof one);  // fails only if already readable
+        [[maybe_unused]] const auto written =
+            ::write(mEvent.get(), &one, sizeof one);  // fails only if already readable
     }
 
     // Removes and returns all items, oldest first; does not block.
     std::deque<T> drain() KST_EXCLUDES(mMutex) {
         uint64_t count = 0;
-        [[maybe_unused]] const auto length = ::read(mFd, &count, sizeof count);
+        [[maybe_unused]] const auto length = ::read(mEvent.get(), &count, sizeof count);
         std::deque<T> items;
         KstMutexLock lock(mMutex);
         items.swap(mItems);
@@ -71,7 +73,7 @@ public:
     // Blocks until an item is queued, one of `fds` is readable (-1 is ignored), or `timeout` expires. Without a timeout
     // it blocks indefinitely.
     void wait(std::initializer_list<int> fds, std::optional<std::chrono::milliseconds> timeout = std::nullopt) const {
-        std::vector<pollfd> sources = {{mFd, POLLIN, 0}};
+        std::vector<pollfd> sources = {{mEvent.get(), POLLIN, 0}};
         for (const int fd : fds) {
             sources.push_back({fd, POLLIN, 0});
         }
@@ -79,7 +81,9 @@ public:
     }
 
 private:
-    const int mFd;
+    EventQueue(Descriptor event, size_t capacity) : mEvent(std::move(event)), mCapacity(capacity) {}
+
+    const Descriptor mEvent;
     const size_t mCapacity;
     KstMutex mMutex;
     std::deque<T> mItems KST_GUARDED_BY(mMutex);

@@ -104,7 +104,7 @@ std::string inputCount(const ValidMix& mix) {
 
 class MixRunner {
 public:
-    MixRunner(const MixOptions& options, const RoomMember& member) : mOptions(options), mRunner(options.room, member) {}
+    MixRunner(const MixOptions& options, AdapterRunner& runner) : mOptions(options), mRunner(runner) {}
 
     ExitStatus run(const RoomMember& member, const ValidMix& mix, FileWatcher* watcher) {
         writeBegin(member, mix);
@@ -163,7 +163,7 @@ private:
     }
 
     const MixOptions& mOptions;
-    AdapterRunner mRunner;
+    AdapterRunner& mRunner;
 };
 
 Result<int> runMix(const MixOptions& options) {
@@ -197,7 +197,11 @@ Result<int> runMix(const MixOptions& options) {
         }
         return kUsage;
     }
-    return MixRunner(options, *member).run(*member, *mix, watcher ? &*watcher : nullptr);
+    const auto runner = AdapterRunner::make(options.room, *member);
+    if (!runner) {
+        return tl::make_unexpected(runner.error());
+    }
+    return MixRunner(options, **runner).run(*member, *mix, watcher ? &*watcher : nullptr);
 }
 
 }  // namespace

@@ -73,7 +73,11 @@ Result<int> runRelay(const RelayOptions& options) {
     param.appId = static_cast<int32_t>(*appId);
     param.bizId = static_cast<int32_t>(*bizId);
 
-    AdapterRunner runner(options.room, *member);
+    const auto made = AdapterRunner::make(options.room, *member);
+    if (!made) {
+        return tl::make_unexpected(made.error());
+    }
+    AdapterRunner& runner = **made;
     OutputEntry entry =
         AdapterRunner::beginEntry(*member, "relay of " + member->user + " in room " + member->room + " to " + *url);
     entry.fields["url"] = param.url;

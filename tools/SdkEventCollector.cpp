@@ -53,8 +53,8 @@ private:
 
 }  // namespace
 
-SdkEventCollector::SdkEventCollector(int lowestLogLevel)
-    : mQueue(std::make_shared<EventQueue<SdkEvent>>()), mListener(std::make_shared<Listener>(mQueue)) {
+SdkEventCollector::SdkEventCollector(std::shared_ptr<EventQueue<SdkEvent>> queue, int lowestLogLevel)
+    : mQueue(std::move(queue)), mListener(std::make_shared<Listener>(mQueue)) {
     setHttpObserver([queue = mQueue](const HttpExchange& exchange) {
         const bool isStarted = exchange.phase == HttpExchange::kStarted;
         queue->push(ExchangeEvent{exchange.phase, exchange.id,

@@ -52,7 +52,7 @@ using SdkEvent = std::variant<ExchangeEvent, ListenerEvent, EventReport, LogEven
 class SdkEventCollector {
 public:
     // Log lines below `lowestLogLevel` (base/Log.h) are dropped.
-    explicit SdkEventCollector(int lowestLogLevel);
+    SdkEventCollector(std::shared_ptr<EventQueue<SdkEvent>> queue, int lowestLogLevel);
     ~SdkEventCollector();
     SdkEventCollector(const SdkEventCollector&) = delete;
     SdkEventCollector& operator=(const SdkEventCollector&) = delete;

@@ -175,7 +175,12 @@ Result<int> runServe(ServeOptions options) {
     }
     const auto writer = makeOutputWriter(chooseFormat(options.json, stdout), Secrets(), stdout, stderr);
 
-    EventQueue<OutputEntry> entries(kMaxEntries);  // outlives the service, whose threads fill it
+    const auto queue = EventQueue<OutputEntry>::make(kMaxEntries);  // outlives the service, whose threads fill it
+    auto signals = StopSignals::open();
+    if (!queue || !signals) {
+        return tl::unexpected(!queue ? queue.error() : signals.error());
+    }
+    EventQueue<OutputEntry>& entries = **queue;
     options.service.observer = [&entries](const LiveServiceEvent& event) { entries.push(requestLine(event)); };
     options.service.mediaObserver = [&entries](const LiveMediaEvent& event) { entries.push(mediaLine(event)); };
     const auto showAll = [&entries, &writer] {
@@ -187,7 +192,6 @@ Result<int> runServe(ServeOptions options) {
             writer->write(omission(omitted));
         }
     };
-    StopSignals signals;
     LiveService service(options.service);
     for (const std::string& text : options.faults) {
         const Result<void> added =
@@ -210,9 +214,9 @@ Result<int> runServe(ServeOptions options) {
 
     std::optional<std::string> signal;
     while (!signal) {
-        entries.wait({signals.fd()});
+        entries.wait({signals->fd()});
         showAll();
-        signal = signals.next();
+        signal = signals->next();
     }
     service.stop();
     showAll();

@@ -27,21 +27,18 @@ void blockStopSignals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-StopSignals::StopSignals() {
-    const sigset_t signals = stopSignals();
-    mFd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
-    if (mFd < 0) {
-        throw std::system_error(errno, std::generic_category(), "signalfd");
+Result<StopSignals> StopSignals::open() {
+    const sigset_t set = stopSignals();
+    Descriptor signals(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+    if (!signals.isOpen()) {
+        return failure("cannot receive signals: " + std::generic_category().message(errno));
     }
-}
-
-StopSignals::~StopSignals() {
-    close(mFd);
+    return StopSignals(std::move(signals));
 }
 
 std::optional<std::string> StopSignals::next() {
     signalfd_siginfo signal;
-    if (read(mFd, &signal, sizeof signal) != sizeof signal) {
+    if (read(mSignals.get(), &signal, sizeof signal) != sizeof signal) {
         return std::nullopt;
     }
     return signal.ssi_signo == SIGTERM ? "SIGTERM" : "SIGINT";

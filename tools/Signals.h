@@ -5,6 +5,10 @@
 
 #include <optional>
 #include <string>
+#include <utility>
+
+#include "common/Descriptor.h"
+#include "common/Result.h"
 
 namespace vexalive {
 
@@ -15,19 +19,19 @@ void blockStopSignals();
 // Receives the signals that blockStopSignals() blocks. Not thread-safe.
 class StopSignals {
 public:
-    StopSignals();
-    ~StopSignals();
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
+    // Fails if no descriptor is free.
+    static Result<StopSignals> open();
 
     // For poll(): readable while a signal is pending.
-    int fd() const { return mFd; }
+    int fd() const { return mSignals.get(); }
 
     // The name of the next pending signal, "SIGINT" or "SIGTERM"; does not block.
     std::optional<std::string> next();
 
 private:
-    int mFd;
+    explicit StopSignals(Descriptor signals) : mSignals(std::move(signals)) {}
+
+    Descriptor mSignals;
 };
 
 }  // namespace vexalive
