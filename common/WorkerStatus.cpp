@@ -24,7 +24,7 @@ constexpr std::pair<const char*, uint64_t StreamStatus::*> kCounters[] = {
 };
 
 // If a value is missing or has the wrong type, this function and parseStream() throw nlohmann::json::exception.
-std::string shortText(const json& object, const char* key) {
+std::string readText(const json& object, const char* key) {
     return std::string(utf8Prefix(object.at(key).get_ref<const std::string&>(), kMaxTextBytes));
 }
 
@@ -37,7 +37,7 @@ std::optional<StreamStatus> parseStream(const json& object) {
     }
     StreamStatus stream;
     stream.state = *found;
-    stream.error = shortText(object, "error");
+    stream.error = readText(object, "error");
     for (const auto& [key, counter] : kCounters) {
         const json& value = object.at(key);
         stream.*counter = value.is_number_unsigned() ? value.get<uint64_t>() : 0;
@@ -100,7 +100,7 @@ std::optional<WorkerStatus> parseWorkerStatus(const json& status) {
             if (!stream) {
                 return std::nullopt;
             }
-            result.inputs.push_back({shortText(each, "stream_id"), *stream});
+            result.inputs.push_back({readText(each, "stream_id"), *stream});
         }
         return result;
     } catch (const json::exception&) {

@@ -41,7 +41,7 @@ struct CertifiedKey {
     Key key{nullptr, &EVP_PKEY_free};
 };
 
-// The functions of this file throw it with a message for the user; prepareCertificates() returns the message.
+// Thrown by the functions of this file, with a message for the user. prepareCertificates() returns the message.
 class Failure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -50,9 +50,10 @@ class Failure : public std::runtime_error {
     throw Failure("cannot " + action + " " + path + ": " + std::generic_category().message(error));
 }
 
-// Checks the result of an OpenSSL function. The functions that are called here fail only without memory or randomness.
+// Returns `object`, the result of an OpenSSL function; throws if it is null. The OpenSSL functions of this file fail
+// only if memory or random numbers are not available.
 template <class T>
-T* checked(T* object) {
+T* requireNonNull(T* object) {
     if (!object) {
         ERR_clear_error();
         throw Failure("cannot make a certificate: the cryptographic library failed");
@@ -60,8 +61,8 @@ T* checked(T* object) {
     return object;
 }
 
-void checkDone(int result) {
-    checked(result == 1 ? &result : nullptr);
+void requireSuccess(int result) {
+    requireNonNull(result == 1 ? &result : nullptr);
 }
 
 // ---- Files ----------------------------------------------------------------------------------------------------------
@@ -125,7 +126,8 @@ std::string readFile(const std::string& path, Secrecy secrecy) {
     return content;
 }
 
-// Atomic: a reader finds the old content or the new one, never a part, and never with wider permissions.
+// Replaces the file atomically: a reader finds either the old content or all of the new content. The file never has
+// wider permissions than `secrecy` allows.
 void replaceFile(const std::string& path, const std::string& content, Secrecy secrecy) {
     const std::string temporary = path + ".new";
     ::unlink(temporary.c_str());
@@ -156,16 +158,17 @@ void replaceFile(const std::string& path, const std::string& content, Secrecy se
 using Bio = std::unique_ptr<BIO, decltype(&BIO_free)>;
 
 Bio reader(const std::string& pem) {
-    return Bio(checked(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))), &BIO_free);
+    return Bio(requireNonNull(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))), &BIO_free);
 }
 
-// Null if `pem` contains none. A key with a password counts as none, since nobody could enter the password.
+// Null if `pem` contains no certificate.
 Certificate readCertificate(const std::string& pem) {
     Certificate certificate(PEM_read_bio_X509(reader(pem).get(), nullptr, nullptr, nullptr), &X509_free);
     ERR_clear_error();
     return certificate;
 }
 
+// Null if `pem` contains no private key, or if the key has a password, which nobody could enter.
 Key readKey(const std::string& pem) {
     const auto noPassword = [](char*, int, int, void*) { return -1; };
     Key key(PEM_read_bio_PrivateKey(reader(pem).get(), nullptr, noPassword, nullptr), &EVP_PKEY_free);
@@ -175,8 +178,8 @@ Key readKey(const std::string& pem) {
 
 template <class Write>
 std::string toPem(Write write) {
-    const Bio memory(checked(BIO_new(BIO_s_mem())), &BIO_free);
-    checkDone(write(memory.get()));
+    const Bio memory(requireNonNull(BIO_new(BIO_s_mem())), &BIO_free);
+    requireSuccess(write(memory.get()));
     char* data = nullptr;
     const long size = BIO_get_mem_data(memory.get(), &data);
     return std::string(data, static_cast<size_t>(size));
@@ -194,44 +197,45 @@ std::string toPem(EVP_PKEY* key) {
 // ---- Issuing --------------------------------------------------------------------------------------------------------
 
 Key makeKey() {
-    return Key(checked(EVP_EC_gen("P-256")), &EVP_PKEY_free);
+    return Key(requireNonNull(EVP_EC_gen("P-256")), &EVP_PKEY_free);
 }
 
 using Extensions = std::vector<std::pair<int, std::string>>;
 
-// Signed by `issuer`, or self-signed if that is null. Valid from one hour ago, to allow for clocks that differ.
+// Issues a certificate that `issuer` signs; a self-signed one if `issuer` is null. It is valid from one hour ago, since
+// the clocks of clients may differ.
 CertifiedKey issue(const std::string& name, int days, const Extensions& extensions, const CertifiedKey* issuer,
                    std::time_t now) {
     CertifiedKey issued;
     issued.key = makeKey();
-    issued.certificate = Certificate(checked(X509_new()), &X509_free);
+    issued.certificate = Certificate(requireNonNull(X509_new()), &X509_free);
     X509* certificate = issued.certificate.get();
-    checkDone(X509_set_version(certificate, X509_VERSION_3));
+    requireSuccess(X509_set_version(certificate, X509_VERSION_3));
 
     unsigned char serial[16];
-    checkDone(RAND_bytes(serial, sizeof serial));
-    const std::unique_ptr<BIGNUM, decltype(&BN_free)> number(checked(BN_bin2bn(serial, sizeof serial, nullptr)),
+    requireSuccess(RAND_bytes(serial, sizeof serial));
+    const std::unique_ptr<BIGNUM, decltype(&BN_free)> number(requireNonNull(BN_bin2bn(serial, sizeof serial, nullptr)),
                                                              &BN_free);
-    checked(BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)));
+    requireNonNull(BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)));
 
-    checked(X509_time_adj_ex(X509_getm_notBefore(certificate), 0, -3600, &now));
-    checked(X509_time_adj_ex(X509_getm_notAfter(certificate), days, 0, &now));
-    checkDone(X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8,
-                                         reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0));
+    requireNonNull(X509_time_adj_ex(X509_getm_notBefore(certificate), 0, -3600, &now));
+    requireNonNull(X509_time_adj_ex(X509_getm_notAfter(certificate), days, 0, &now));
+    requireSuccess(X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8,
+                                              reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0));
     X509* issuingCertificate = issuer ? issuer->certificate.get() : certificate;
-    checkDone(X509_set_issuer_name(certificate, X509_get_subject_name(issuingCertificate)));
-    checkDone(X509_set_pubkey(certificate, issued.key.get()));
+    requireSuccess(X509_set_issuer_name(certificate, X509_get_subject_name(issuingCertificate)));
+    requireSuccess(X509_set_pubkey(certificate, issued.key.get()));
 
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
     X509V3_set_ctx(&context, issuingCertificate, certificate, nullptr, nullptr, 0);
     for (const auto& [kind, value] : extensions) {
         const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
-            checked(X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str())), &X509_EXTENSION_free);
-        checkDone(X509_add_ext(certificate, extension.get(), -1));
+            requireNonNull(X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str())), &X509_EXTENSION_free);
+        requireSuccess(X509_add_ext(certificate, extension.get(), -1));
     }
     EVP_PKEY* signer = issuer ? issuer->key.get() : issued.key.get();
-    checked(X509_sign(certificate, signer, EVP_sha256()) > 0 ? certificate : nullptr);
+    requireNonNull(X509_sign(certificate, signer, EVP_sha256()) > 0 ? certificate : nullptr);
     return issued;
 }
 
@@ -260,7 +264,7 @@ std::vector<std::string> serverNames(const std::string& address) {
     return names;
 }
 
-bool isFor(X509* certificate, const std::string& name) {
+bool isValidFor(X509* certificate, const std::string& name) {
     return isIpAddress(name) ? X509_check_ip_asc(certificate, name.c_str(), 0) == 1
                              : X509_check_host(certificate, name.c_str(), name.size(), 0, nullptr) == 1;
 }
@@ -268,17 +272,18 @@ bool isFor(X509* certificate, const std::string& name) {
 // ---- The two certificates -------------------------------------------------------------------------------------------
 
 bool isTrusted(const CertifiedKey& server, const CertifiedKey& authority, std::time_t when) {
-    const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(checked(X509_STORE_new()), &X509_STORE_free);
-    checkDone(X509_STORE_add_cert(store.get(), authority.certificate.get()));
-    const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> context(checked(X509_STORE_CTX_new()),
+    const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(requireNonNull(X509_STORE_new()),
+                                                                        &X509_STORE_free);
+    requireSuccess(X509_STORE_add_cert(store.get(), authority.certificate.get()));
+    const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> context(requireNonNull(X509_STORE_CTX_new()),
                                                                                   &X509_STORE_CTX_free);
-    checkDone(X509_STORE_CTX_init(context.get(), store.get(), server.certificate.get(), nullptr));
+    requireSuccess(X509_STORE_CTX_init(context.get(), store.get(), server.certificate.get(), nullptr));
     X509_VERIFY_PARAM* parameters = X509_STORE_CTX_get0_param(context.get());
     X509_VERIFY_PARAM_set_time(parameters, when);
-    checkDone(X509_VERIFY_PARAM_set_purpose(parameters, X509_PURPOSE_SSL_SERVER));
-    const bool isGood = X509_verify_cert(context.get()) == 1;
+    requireSuccess(X509_VERIFY_PARAM_set_purpose(parameters, X509_PURPOSE_SSL_SERVER));
+    const bool isValid = X509_verify_cert(context.get()) == 1;
     ERR_clear_error();
-    return isGood;
+    return isValid;
 }
 
 bool isUsable(const CertifiedKey& server, const CertifiedKey& authority, const std::vector<std::string>& names,
@@ -289,7 +294,7 @@ bool isUsable(const CertifiedKey& server, const CertifiedKey& authority, const s
     }
     return isTrusted(server, authority, now) && isTrusted(server, authority, now + kRenewalDays * kSecondsPerDay) &&
            std::all_of(names.begin(), names.end(),
-                       [&server](const std::string& name) { return isFor(server.certificate.get(), name); });
+                       [&server](const std::string& name) { return isValidFor(server.certificate.get(), name); });
 }
 
 CertifiedKey prepareAuthority(const std::string& folder, std::time_t now) {
@@ -304,7 +309,8 @@ CertifiedKey prepareAuthority(const std::string& folder, std::time_t now) {
                            {NID_key_usage, "critical,keyCertSign,cRLSign"},
                            {NID_subject_key_identifier, "hash"}},
                           nullptr, now);
-        // The key is written first: the next start repairs a key without a certificate, but not the reverse.
+        // The key is written first: the next start repairs a key without a certificate, but not a certificate without a
+        // key.
         replaceFile(keyFile, toPem(authority.key.get()), Secrecy::kSecret);
         replaceFile(certificateFile, toPem(authority.certificate.get()), Secrecy::kPublic);
         return authority;
@@ -368,7 +374,7 @@ CertifiedKey prepareServer(const std::string& path, const CertifiedKey& authorit
 
 std::string defaultStateFolder() {
     const char* state = std::getenv("XDG_STATE_HOME");
-    if (state && *state == '/') {  // the XDG rules: ignore a relative path
+    if (state && *state == '/') {  // the XDG rules say: ignore a relative path
         return std::string(state) + "/vexalive";
     }
     const char* home = std::getenv("HOME");

@@ -27,7 +27,7 @@ struct Pipe {
 };
 
 // Moves a descriptor above the standard streams, so that the dup2() calls in the child do not overwrite a pipe.
-Descriptor aboveStandardStreams(int fd) {
+Descriptor moveAboveStandardStreams(int fd) {
     Descriptor given(fd);
     return fd >= kFirstFreeFd ? std::move(given) : Descriptor(::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeFd));
 }
@@ -37,8 +37,8 @@ bool openPipe(Pipe& made) {
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         return false;
     }
-    made.reading = aboveStandardStreams(ends[0]);
-    made.writing = aboveStandardStreams(ends[1]);
+    made.reading = moveAboveStandardStreams(ends[0]);
+    made.writing = moveAboveStandardStreams(ends[1]);
     return made.reading.isOpen() && made.writing.isOpen();
 }
 
@@ -46,10 +46,10 @@ void setNonBlocking(const Descriptor& descriptor) {
     ::fcntl(descriptor.get(), F_SETFL, ::fcntl(descriptor.get(), F_GETFL) | O_NONBLOCK);
 }
 
-// Runs in the child between fork and exec: async-signal-safe functions only.
+// Runs in the child between fork and exec, so it calls async-signal-safe functions only.
 [[noreturn]] void execChild(char* const* arguments, pid_t parent, int input, int output, int errors, int status) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent) {  // the parent exited before the line above
+    if (::getppid() != parent) {  // the parent exited before prctl(), so no signal will come
         ::_exit(1);
     }
     ::setpgid(0, 0);
@@ -106,7 +106,7 @@ Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& argu
     Pipe input;
     Pipe output;
     Pipe errors;
-    Pipe status;  // of exec: closed without data on success, otherwise receives the errno
+    Pipe status;  // receives errno if exec fails; if exec succeeds, it is closed without data
     if (!openPipe(input) || !openPipe(output) || !openPipe(errors) || !openPipe(status)) {
         return failed(localFailure, errno);
     }
@@ -160,7 +160,7 @@ std::optional<std::string> Child::reap() {
         return std::nullopt;
     }
     mPid = 0;
-    return ended < 0 ? "exited" : describeExit(status);  // with SIGCHLD ignored, there is no status
+    return ended < 0 ? "exited" : describeExit(status);  // if the process ignores SIGCHLD, there is no exit status
 }
 
 }  // namespace vexalive

@@ -13,25 +13,25 @@
 
 namespace vexalive {
 
-/// The path of an executable file in one of `folders` (separated by colons) or in PATH; empty if there is none.
+/// The path of the executable file `name` in one of `folders` (separated by colons) or in PATH; empty if there is none.
 std::string findProgram(const std::string& name, const std::string& folders);
 
-/// One child process, with its standard streams as pipes. Not thread-safe.
+/// One child process whose standard streams are pipes. Not thread-safe.
 ///
-/// The kernel kills the child when the thread that started it ends, so one thread starts all children and outlives
-/// them.
+/// The kernel kills the child when the thread that started the child ends. So this thread must outlive the child.
 class Child {
 public:
-    /// Runs `arguments[0]`, a path. The child inherits its standard streams only. It leads a process group of its own,
-    /// so that Ctrl-C in a terminal reaches only this process.
+    /// Runs `arguments[0]`, a path, with these arguments. The child inherits no descriptors except its standard
+    /// streams. It has its own process group, so that Ctrl-C in a terminal signals only the calling process.
     static Result<std::unique_ptr<Child>> start(const std::vector<std::string>& arguments);
-    ~Child();  ///< kills and waits for a child that was not reaped
+    ~Child();  ///< if the child was not reaped: kills it and waits for its exit
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
     void signal(int number);
 
-    /// How the child exited: "exited with status 1". std::nullopt while it runs.
+    /// Reaps the child if it has exited, and returns how, for example "exited with status 1". std::nullopt while it
+    /// runs.
     std::optional<std::string> reap();
 
     /// This process's ends of the child's standard streams, non-blocking.
@@ -39,12 +39,12 @@ public:
     Descriptor output;
     Descriptor errors;
 
-    int exitFd() const { return mExit.get(); }  ///< readable once it has exited
+    int exitFd() const { return mExit.get(); }  ///< readable once the child has exited
 
 private:
     Child(pid_t pid, Descriptor exit) : mPid(pid), mExit(std::move(exit)) {}
 
-    pid_t mPid;  // 0: reaped
+    pid_t mPid;  // 0 after the child was reaped
     Descriptor mExit;
 };
 

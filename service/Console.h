@@ -1,4 +1,5 @@
-// The console: the web page that shows what the service does. Its files are in service/console/ and are compiled in.
+// The console: the web page that shows what the service does. Its files, in service/console/, are compiled into the
+// program.
 
 #ifndef VEXALIVE_SERVICE_CONSOLE_H
 #define VEXALIVE_SERVICE_CONSOLE_H
@@ -15,7 +16,8 @@ struct ConsoleFile {
     std::string_view content;
 };
 
-// The file that is served at `path`: "/" is the page, "/NAME" a file that the page uses. std::nullopt for other paths.
+// The file that is served at `path`: "/" is the page; "/NAME" is a file that the page loads. std::nullopt for all other
+// paths.
 std::optional<ConsoleFile> consoleFile(const std::string& path);
 
 std::vector<std::string> consolePaths();

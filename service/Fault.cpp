@@ -27,7 +27,7 @@ using Kind = Fault::Kind;
 struct Field {
     const char* name;
     std::variant<int Fault::*, size_t Fault::*, std::string Fault::*, bool Fault::*> member;
-    int64_t min = 0;  // of a number, as max
+    int64_t min = 0;  // min and max are used for numbers only
     int64_t max = 0;
 };
 
@@ -35,7 +35,7 @@ struct KindRow {
     Kind kind;
     const char* name;
     const char* description;
-    std::vector<Field> fields;  // specific to this kind; the option KIND=VALUE sets the first
+    std::vector<Field> fields;  // specific to this kind; the VALUE of an option KIND=VALUE sets the first
 };
 
 constexpr int64_t kMaxDelayMs = 600'000;
@@ -75,7 +75,8 @@ const KindRow* findKind(const std::string& name) {
     return found == kinds().end() ? nullptr : &*found;
 }
 
-// All fields that a kind uses. Its own come last and override the common ones: the kind "delay" has its own range.
+// All fields that a kind uses. Fields of the kind come last and override common ones, since the kind "delay" has its
+// own range of delay_ms.
 std::vector<Field> fieldsOf(const KindRow& row) {
     std::vector<Field> fields = {{kInterfaceField, &Fault::interfaceName},
                                  {"count", &Fault::count, 0, 1'000'000},
@@ -89,9 +90,9 @@ std::vector<Field> fieldsOf(const KindRow& row) {
     return fields;
 }
 
-// "delay, status or close"
+// Joins names for a message: "delay, status or close".
 template <class Names>
-std::string listed(const Names& names) {
+std::string joinNames(const Names& names) {
     std::string list;
     for (size_t i = 0; i < names.size(); ++i) {
         list += (i == 0 ? "" : i + 1 < names.size() ? ", " : " or ") + std::string(names[i]);
@@ -104,7 +105,7 @@ std::string unknownKind(const std::string& name) {
     for (const KindRow& row : kinds()) {
         names.push_back(row.name);
     }
-    return "kind: found " + excerpt(name) + ", must be " + listed(names);
+    return "kind: found " + excerpt(name) + ", must be " + joinNames(names);
 }
 
 Result<void> checkField(const Fault& fault, const Field& field) {
@@ -121,7 +122,7 @@ Result<void> checkField(const Fault& fault, const Field& field) {
             } else if constexpr (std::is_same_v<Value, std::string>) {
                 if (field.name == kInterfaceField && !value.empty() && !isInterface(value)) {
                     return failure("interface: found " + excerpt(value) + ", must be " +
-                                   listed(std::vector<const char*>(std::begin(kInterfaces), std::end(kInterfaces))));
+                                   joinNames(std::vector<const char*>(std::begin(kInterfaces), std::end(kInterfaces))));
                 }
             }
             return {};
@@ -147,7 +148,7 @@ void readField(Fields& object, const Field& field, Fault& fault) {
         field.member);
 }
 
-// False if `text` is not of the field's type, or is a number outside its range.
+// Sets the field from the value of an option. False if `text` has the wrong type or is a number outside the range.
 bool readOption(const std::string& text, const Field& field, Fault& fault) {
     return std::visit(
         [&](const auto member) {
@@ -212,7 +213,7 @@ Result<Fault> parseFaultJson(const std::string& text) {
         readField(fields, field, fault);
     }
     if (row->kind == Kind::kDelay) {
-        fields.need("delay_ms");
+        fields.require("delay_ms");
     }
     fields.refuseOthers();
     if (validation.hasFailed()) {
@@ -257,7 +258,7 @@ Result<Fault> parseFaultOption(const std::string& text) {
             for (const Field& field : fields) {
                 names.push_back(field.name);
             }
-            return failure(std::string(row->name) + ": found " + excerpt(word) + ", must be " + listed(names) +
+            return failure(std::string(row->name) + ": found " + excerpt(word) + ", must be " + joinNames(names) +
                            ", each with \"=\" and a value");
         }
         if (Result<void> done = set(*found, found->name, word.substr(name.size() + 1)); !done) {
@@ -289,7 +290,8 @@ ordered_json faultKindsJson() {
                 shown["minimum"] = field.min;
                 shown["maximum"] = field.max;
             }
-            if (checkField(Fault(), field)) {  // a field whose initial value is invalid is required: it has no default
+            // A field whose initial value is out of range has no default: the user must set it.
+            if (checkField(Fault(), field)) {
                 ordered_json defaults;
                 addTo(defaults, field, Fault());
                 shown["default"] = defaults[field.name];

@@ -13,15 +13,16 @@
 
 namespace vexalive {
 
-/// The active faults. Each request consumes one use of the first that applies to it. Any thread may call any member.
+/// The active faults. Each request uses the first fault that applies to it and decrements its count. Any thread may
+/// call any member function.
 class FaultQueue {
 public:
-    static constexpr size_t kMax = 1000;
+    static constexpr size_t kMax = 1000;  ///< number of active faults
 
     /// Fails if the fault is invalid or the queue is full.
     Result<void> add(const Fault& fault);
 
-    /// Consumes one use of the first fault that applies to the interface, and returns that fault.
+    /// Returns the first fault that applies to the interface, if any. Decrements its count; removes it at the last use.
     std::optional<Fault> take(const std::string& interfaceName);
 
     void clear();

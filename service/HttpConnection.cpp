@@ -24,17 +24,18 @@ using boost::beast::iequals;
 using Clock = SocketStream::Clock;
 using Parser = http::request_parser<http::string_body>;
 
-constexpr std::chrono::seconds kIdleTimeout(60);  // longer than the pauses between a client's attempts
-constexpr std::chrono::seconds kRequestTimeout(30);
-constexpr size_t kMaxRequests = 100'000;  // of one connection
+constexpr std::chrono::seconds kIdleTimeout(60);     // exceeds the delay between two attempts of a client
+constexpr std::chrono::seconds kRequestTimeout(30);  // from the first byte of a request to its end
+constexpr size_t kMaxRequests = 100'000;             // on one connection
 constexpr size_t kMaxRequestLineBytes = size_t{8} << 10;
 constexpr size_t kMaxHeadBytes = size_t{16} << 10;
-constexpr size_t kMaxRequestBytes = (size_t{2} << 20) + kMaxHeadBytes;  // head, body and what chunks add
-constexpr int kVersion = 11;                                            // HTTP/1.1
+constexpr size_t kMaxRequestBytes = (size_t{2} << 20) + kMaxHeadBytes;  // head, body, and the framing of chunks
+constexpr int kVersion = 11;                                            // HTTP/1.1, as Boost.Beast encodes it
 constexpr boost::beast::string_view kMultipart = "multipart/";
-constexpr size_t kPaddingBytes = size_t{64} << 10;  // sent at a time
+constexpr size_t kPaddingBytes = size_t{64} << 10;  // the padding of a response is sent in pieces of this size
 
-// A second one of these is refused: a proxy or a check could use the one and the handler the other.
+// A request that has one of these header fields twice is refused: a proxy could use the first and this server the
+// second.
 constexpr const char* kSingleFields[] = {"Host",         "Origin",           "Sec-Fetch-Site",   "Content-Length",
                                          "Content-Type", "Content-Encoding", "Transfer-Encoding"};
 
@@ -51,7 +52,7 @@ HttpResponse lostConnection() {
     return response;
 }
 
-std::string joined(const std::vector<std::string>& words) {
+std::string joinWords(const std::vector<std::string>& words) {
     std::string result;
     for (const std::string& word : words) {
         result += (result.empty() ? "" : ", ") + word;
@@ -81,7 +82,7 @@ private:
 
     bool awaitRequest() { return !mStream.received().empty() || mStream.receive(Clock::now() + kIdleTimeout); }
 
-    // False if the connection ends with this request.
+    // Returns false if the connection must be closed after this request.
     bool serveRequest(bool isLast) {
         Parser parser;
         parser.header_limit(kMaxHeadBytes);
@@ -90,7 +91,7 @@ private:
         mBytesLeft = kMaxRequestBytes;
         mNeedsMore = false;
         const Result<HttpRequest, ErrorResponse> request = receiveRequest(parser);
-        // After an error the start of the next request is unknown.
+        // The connection is closed after an error, since it is then unknown where the next request starts.
         const bool isKeptAlive = request && parser.keep_alive() && !isLast;
         const bool isHead = parser.get().method() == http::verb::head;
         return send(request ? handle(*request) : request.error(), isKeptAlive, !isHead) && isKeptAlive;
@@ -112,7 +113,7 @@ private:
                 return refuse(parsed.error());
             }
         }
-        // Read the fields now: the trailer of a chunked body could add others.
+        // The header fields are read before the body: the trailer of a chunked body could add fields.
         Result<HttpRequest, ErrorResponse> request = checkHead(parser.get());
         if (!request) {
             return request;
@@ -130,7 +131,7 @@ private:
         return request;
     }
 
-    // Parses what has been received; receives more if that was not enough.
+    // Parses the received bytes. First receives more if there are none, or if they were too few for the parser.
     Result<void, ErrorResponse> parseMore(Parser& parser) {
         if ((mNeedsMore || mStream.received().empty()) && !mStream.receive(mDeadline)) {
             return refuse(lostConnection());
@@ -154,7 +155,7 @@ private:
         return {};
     }
 
-    // Checks all but the body, so that a refused body is neither read nor parsed.
+    // Checks everything except the body. The body of a refused request is not read.
     Result<HttpRequest, ErrorResponse> checkHead(const Parser::value_type& message) const {
         for (const char* const field : kSingleFields) {
             if (message.count(field) > 1) {
@@ -182,8 +183,8 @@ private:
         }
         const std::vector<std::string>& methods = route->second;
         if (std::find(methods.begin(), methods.end(), request.method) == methods.end()) {
-            ErrorResponse refused = errorResponse(405, "this path accepts " + joined(methods));
-            refused.headers["Allow"] = joined(methods);
+            ErrorResponse refused = errorResponse(405, "this path accepts " + joinWords(methods));
+            refused.headers["Allow"] = joinWords(methods);
             return refuse(refused);
         }
         const bool hasTransferEncoding = message.count("Transfer-Encoding") > 0;
@@ -209,7 +210,7 @@ private:
 
     // ---- Sending
 
-    // False if the connection ends with this response.
+    // Returns false if the connection is broken or must be closed after this response.
     bool send(const HttpResponse& response, bool isKeptAlive, bool hasBody) {
         if (response.delivery == HttpResponse::Delivery::kClose) {
             mStream.abort();
@@ -235,7 +236,7 @@ private:
         if (size > 0) {
             message.set("Content-Type", response.contentType);
         }
-        if (response.status != 204) {  // which must not have one
+        if (response.status != 204) {  // a 204 must not have Content-Length
             message.content_length(size);
         }
         message.keep_alive(isKeptAlive);
@@ -264,7 +265,7 @@ private:
     const HttpServer::Handler& mHandler;
     const bool mIsFromLoopback;
 
-    // Of the request that is being received.
+    // State of the request that is being received.
     Clock::time_point mDeadline;
     size_t mBytesLeft = 0;
     bool mNeedsMore = false;  // the parser needs more bytes than have been received

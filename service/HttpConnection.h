@@ -8,8 +8,8 @@ namespace vexalive {
 
 /// Serves the HTTP/1.1 requests of one connection, one after the other, until the connection ends.
 ///
-/// It implements what the service needs: complete bodies, with a length or in chunks. It does not support ranges,
-/// compression, forms and upgrades. The time and the bytes of each request are limited before the handler is called.
+/// The handler is called when a request has arrived completely, with Content-Length or in chunks. The time and the size
+/// of each request are limited. Ranges, compression, multipart forms and protocol upgrades are not supported.
 void serveConnection(SocketStream& stream, const HttpServer::Routes& routes, const HttpServer::Handler& handler,
                      bool isFromLoopback);
 

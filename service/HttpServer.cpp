@@ -34,7 +34,7 @@ bool isLoopback(const sockaddr_storage& address) {
     return IN6_IS_ADDR_LOOPBACK(&six) || (IN6_IS_ADDR_V4MAPPED(&six) && six.s6_addr[12] == 127);
 }
 
-// Null if `pem` is not a certificate and its key.
+// Null if `pem` does not contain a certificate and its private key.
 std::shared_ptr<SSL_CTX> makeTls(const std::string& pem) {
     const auto reader = [&pem] {
         return std::unique_ptr<BIO, decltype(&BIO_free)>(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
@@ -165,7 +165,7 @@ void HttpServer::acceptAll() {
         if (socket.isOpen()) {
             accept(std::move(socket), isLoopback(address));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            // Out of descriptors or memory. Another process may free them, so poll.
+            // The process has no free descriptors or memory. Nothing reports when they become free, so poll.
             const auto retryTime = std::chrono::steady_clock::now() + kPollInterval;
             KstMutexLock lock(mMutex);
             if (!mIsStopping) {
@@ -175,7 +175,8 @@ void HttpServer::acceptAll() {
     }
 }
 
-// Joins the threads of closed connections, and waits while there are too many connections; false if the server stops.
+// Joins the threads of closed connections, and waits while there are kMaxConnections. Returns false if the server
+// stops.
 bool HttpServer::awaitCapacity() {
     std::list<Connection> closed;
     {
@@ -209,13 +210,13 @@ void HttpServer::accept(Descriptor socket, bool isFromLoopback) {
     connection.isFromLoopback = isFromLoopback;
     try {
         connection.thread = std::thread([this, &connection] { serve(connection); });
-    } catch (const std::system_error&) {  // no more threads: the client has to connect again
+    } catch (const std::system_error&) {  // no thread can be started: the connection is closed
         mConnections.pop_back();
     }
 }
 
-// The thread of one connection. It closes the socket under the lock, so that stop() never shuts down a descriptor that
-// has another owner by then.
+// Runs on the connection's thread. Closes the socket under the lock: stop() would otherwise shut down a descriptor
+// whose number the process already uses for another file.
 void HttpServer::serve(Connection& connection) {
     {
         SocketStream stream(connection.socket.get(), mTls.get());

@@ -23,10 +23,10 @@ namespace vexalive {
 struct HttpRequest {
     std::string method;
     std::string path;
-    std::string query;      ///< as sent, without its "?"
+    std::string query;      ///< not decoded, without the "?"
     std::string host;       ///< header Host
     std::string origin;     ///< header Origin: the web site whose page sends the request
-    std::string fetchSite;  ///< header Sec-Fetch-Site: how that site relates to this one, "cross-site" for example
+    std::string fetchSite;  ///< header Sec-Fetch-Site: relation of that web site to this server, e.g. "cross-site"
     std::string body;
     bool isFromLoopback = false;
 };
@@ -34,41 +34,42 @@ struct HttpRequest {
 struct HttpResponse {
     enum class Delivery {
         kComplete,
-        kCut,    ///< half of the announced body is sent, then the connection is closed
-        kClose,  ///< nothing is sent, the connection is closed
+        kCut,    ///< the head and half of the body are sent; then the connection is closed
+        kClose,  ///< nothing is sent; the connection is closed
     };
     int status = 200;
     std::string contentType = "application/json";
-    std::map<std::string, std::string> headers;  ///< further ones
+    std::map<std::string, std::string> headers;  ///< further header fields
+    /// What is sent is `body`, then the letter x `padding` times, then `tail`.
     std::string body;
-    size_t padding = 0;  ///< number of "x" between body and tail
+    size_t padding = 0;
     std::string tail;
     Delivery delivery = Delivery::kComplete;
 };
 
-/// An HTTP/1.1 server for a few known paths. It has one thread for each connection and passes each request to one
+/// An HTTP/1.1 server for a few known paths. It has one thread for each connection. It passes all requests to one
 /// handler.
 ///
-/// start() and stop() are for one thread at a time; any thread may call the other members.
+/// Call start() and stop() from one thread at a time. Any thread may call the other member functions.
 class HttpServer {
 public:
-    static constexpr size_t kMaxConnections = 1024;  ///< at a time; further ones wait to be accepted
+    static constexpr size_t kMaxConnections = 1024;  ///< further connections wait until one of these is closed
     static constexpr size_t kMaxBodyBytes = size_t{1} << 20;
 
     struct Options {
         std::string address;  ///< numeric, or a name of this machine
-        uint16_t port = 0;    ///< 0: a free one
+        uint16_t port = 0;    ///< 0: a free port
         std::string pem;      ///< certificate and private key; empty: plain HTTP, on loopback only
     };
-    using Routes = std::map<std::string, std::vector<std::string>>;           ///< path to methods
-    using Handler = std::function<HttpResponse(const HttpRequest& request)>;  ///< called on many threads at a time
+    using Routes = std::map<std::string, std::vector<std::string>>;           ///< the allowed methods of each path
+    using Handler = std::function<HttpResponse(const HttpRequest& request)>;  ///< called on several threads at once
 
-    /// Requests that match no route, or that cannot be read, do not reach the handler. The response is 400, 404, 405,
-    /// 411, 413, 414 or 415 with a JSON object with a "message", and the connection is closed.
+    /// Requests that match no route or are malformed do not reach `handler`. The response is then 400, 404, 405, 411,
+    /// 413, 414 or 415 with a JSON object that has a "message", and the connection is closed.
     HttpServer(Routes routes, Handler handler);
-    ~HttpServer();  ///< stops
+    ~HttpServer();  ///< calls stop()
 
-    /// Ignores SIGPIPE for the whole process.
+    /// Listens and serves until stop(). Makes the whole process ignore SIGPIPE.
     Result<void> start(const Options& options);
 
     /// Closes all connections at once and waits for the handlers that are running.
@@ -76,12 +77,12 @@ public:
     bool isRunning() const { return mAcceptor.joinable(); }
     uint16_t port() const { return mPort; }
 
-    /// Blocks a handler for that time. Returns false at once if the server stops.
+    /// Blocks the calling handler for `time`. Returns false as soon as the server stops, otherwise true.
     bool pause(std::chrono::milliseconds time);
 
 private:
     struct Connection {
-        Descriptor socket;  // closed when the thread is about to end
+        Descriptor socket;  // closed just before the thread ends
         bool isFromLoopback = false;
         std::thread thread;
     };
@@ -94,13 +95,13 @@ private:
 
     const Routes mRoutes;
     const Handler mHandler;
-    std::shared_ptr<ssl_ctx_st> mTls;  // null: plain
+    std::shared_ptr<ssl_ctx_st> mTls;  // null: plain HTTP
     Descriptor mListener;
     uint16_t mPort = 0;
     std::thread mAcceptor;
 
     KstMutex mMutex;
-    KstCondition mChanged;  // a connection closed, or the server stops
+    KstCondition mChanged;  // notified when a connection is closed or the server stops
     bool mIsStopping KST_GUARDED_BY(mMutex) = false;
     std::list<Connection> mConnections KST_GUARDED_BY(mMutex);
 };

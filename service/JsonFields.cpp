@@ -13,21 +13,21 @@ using nlohmann::json;
 
 namespace {
 
-constexpr size_t kExcerptBytes = 48;  // a stream id fits
+constexpr size_t kExcerptBytes = 48;  // enough for a stream id
 constexpr size_t kMaxDepth = 16;
 
 const json kEmptyObject = json::object();
 const json kEmptyArray = json::array();
 const json kNull;
 
-// A key for a path: truncated, escaped to ASCII, and in quotes only if it is empty.
-std::string shownKey(const std::string& key) {
+// Formats a key for the path of a field: truncated and escaped to ASCII. Only an empty key is put in quotes.
+std::string formatKey(const std::string& key) {
     const std::string quoted = excerpt(key);
     return quoted.size() == 2 ? quoted : quoted.substr(1, quoted.size() - 2);
 }
 
-// Checks syntax, depth and unique keys without building a value, and stops at the first error. This bounds the cost of
-// hostile input and finds duplicate keys, of which a parsed value has only the last.
+// Checks syntax, depth and duplicate keys without building a value, and stops at the first error. This bounds the cost
+// of hostile input. A parsed value would not show duplicate keys: it has only the last of them.
 class StructureCheck final : public nlohmann::json_sax<json> {
 public:
     explicit StructureCheck(Validation& validation) : mValidation(validation) {}
@@ -99,7 +99,7 @@ private:
                 result += "[" + std::to_string(level.index) + "]";
                 continue;
             }
-            result += (result.empty() ? "" : ".") + shownKey(level.at);
+            result += (result.empty() ? "" : ".") + formatKey(level.at);
         }
         return result;
     }
@@ -179,7 +179,7 @@ void Fields::refuse(int code, const char* key, const std::string& reason) {
     mValidation.refuse(code, path(key), reason);
 }
 
-const json& Fields::need(const char* key) {
+const json& Fields::require(const char* key) {
     mKnown.insert(key);
     const auto found = mObject.find(key);
     if (found == mObject.end()) {
@@ -190,7 +190,7 @@ const json& Fields::need(const char* key) {
 }
 
 std::string Fields::text(const char* key) {
-    const json& value = need(key);
+    const json& value = require(key);
     if (!value.is_string()) {
         refuse(Refusal::kType, key, "found " + excerptOf(value) + ", must be a string");
         return "";
@@ -199,7 +199,7 @@ std::string Fields::text(const char* key) {
 }
 
 int64_t Fields::integer(const char* key, int64_t lowest, int64_t highest) {
-    const json& value = need(key);
+    const json& value = require(key);
     const std::string allowed = ", must be " + allowedRange(lowest, highest);
     if (!value.is_number_integer()) {
         refuse(Refusal::kType, key, "found " + excerptOf(value) + allowed);
@@ -215,7 +215,7 @@ int64_t Fields::integer(const char* key, int64_t lowest, int64_t highest) {
 }
 
 bool Fields::flag(const char* key) {
-    const json& value = need(key);
+    const json& value = require(key);
     if (!value.is_boolean()) {
         refuse(Refusal::kType, key, "found " + excerptOf(value) + ", must be true or false");
         return false;
@@ -224,11 +224,11 @@ bool Fields::flag(const char* key) {
 }
 
 Fields Fields::object(const char* key) {
-    return Fields(need(key), path(key), mValidation);
+    return Fields(require(key), path(key), mValidation);
 }
 
 const json& Fields::array(const char* key) {
-    const json& value = need(key);
+    const json& value = require(key);
     if (!value.is_array()) {
         refuse(Refusal::kType, key, "found " + excerptOf(value) + ", must be an array");
         return kEmptyArray;
@@ -239,7 +239,7 @@ const json& Fields::array(const char* key) {
 void Fields::refuseOthers() const {
     for (const auto& item : mObject.items()) {
         if (mKnown.count(item.key()) == 0) {
-            mValidation.refuse(Refusal::kUnknown, path(shownKey(item.key()).c_str()),
+            mValidation.refuse(Refusal::kUnknown, path(formatKey(item.key()).c_str()),
                                "found a field that is not known here");
         }
     }

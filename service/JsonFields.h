@@ -13,8 +13,8 @@
 
 namespace vexalive {
 
-/// The result of a check in several steps: stores the first refusal and ignores later ones. Values that are read after
-/// a refusal are defaults, so a check need not test for failure after each step.
+/// The result of a check with several steps. It stores the first refusal and ignores later ones. Fields returns
+/// defaults for refused values, so a check need not test for failure after each step.
 class Validation {
 public:
     /// The refusal's message is "FIELD: REASON".
@@ -27,21 +27,22 @@ private:
     std::optional<Refusal> mRefusal;
 };
 
-/// An invalid value for a message: truncated, and escaped to ASCII.
-std::string excerpt(std::string_view text);  ///< in quotes
+/// Format an invalid value for a message: truncated, and escaped to ASCII. Strings are put in quotes.
+std::string excerpt(std::string_view text);
 std::string excerptOf(const nlohmann::json& value);
 
-/// "an integer from 0 to 10", or "the integer 0".
+/// The allowed values for a message: "an integer from 0 to 10", or "the integer 0".
 std::string allowedRange(int64_t lowest, int64_t highest);
 
-/// Parses an untrusted JSON object. Refuses anything that is not an object, is nested too deep or has a key twice, and
-/// then returns an empty object.
+/// Parses an untrusted JSON object. If `text` is not an object, is nested too deep or has a key twice, refuses it and
+/// returns an empty object.
 nlohmann::json readObject(const std::string& text, Validation& validation);
 
-/// Strict reading of one object. Fields that were read are known; refuseOthers() refuses all others.
+/// Reads the fields of one JSON object and checks them strictly. refuseOthers() refuses all fields that were not read.
 class Fields {
 public:
-    /// `object` and `validation` must outlive this. `path` names the object in refusals; empty for the top.
+    /// `object` and `validation` must outlive this object. `path` is the path of `object` in refusals; empty for the
+    /// whole body.
     Fields(const nlohmann::json& object, std::string path, Validation& validation);
 
     bool has(const char* key) const;
@@ -49,8 +50,9 @@ public:
     std::string path(const char* key) const;
     void refuse(int code, const char* key, const std::string& reason);
 
-    // Each refuses a field that is missing, has another type or is outside its range, and then returns a default value.
-    const nlohmann::json& need(const char* key);  ///< of any type
+    // Each function reads one field. If it is missing, has another type or is out of range, the function refuses it and
+    // returns a default value.
+    const nlohmann::json& require(const char* key);  ///< a field of any type
     std::string text(const char* key);
     int64_t integer(const char* key, int64_t lowest, int64_t highest);
     bool flag(const char* key);

@@ -9,27 +9,27 @@
 
 namespace vexalive {
 
-/// Splits the output of a child process into lines. Its bounds limit the cost of a child that writes too much. Not
+/// Splits the output of a child process into lines. Bounds limit the cost of a child that writes too much. Not
 /// thread-safe.
 class LineReader {
 public:
     using Clock = std::chrono::steady_clock;
 
     struct Bounds {
-        size_t maxLineBytes;  ///< a longer line is omitted
-        int maxLines;         ///< per second; further ones are omitted
-        size_t maxBytes;      ///< per second; further ones stay in the pipe
+        size_t maxLineBytes;  ///< longer lines are omitted
+        int maxLines;         ///< per second; further lines are omitted
+        size_t maxBytes;      ///< per second; further bytes remain in the pipe
     };
 
     explicit LineReader(const Bounds& bounds) : mBounds(bounds) {}
 
-    /// Reads the available bytes and calls `onLine` for each complete line. False at the end of the stream.
+    /// Reads the available bytes and calls `onLine` for each complete line. Returns false at the end of the stream.
     bool read(int fd, Clock::time_point now, const std::function<void(const std::string& line)>& onLine);
 
-    /// When read() may read again; in the past unless maxBytes is used up.
+    /// The time from which read() reads again: in the past, unless maxBytes were read in the current second.
     Clock::time_point ready() const;
 
-    /// The last, incomplete line.
+    /// Returns and clears the incomplete line at the end of the stream.
     std::string takeRest();
 
     /// The number of lines omitted since the last call.
@@ -41,11 +41,11 @@ private:
 
     Bounds mBounds;
     std::string mLine;
-    bool mIsTooLong = false;  // the current line
+    bool mIsTooLong = false;  // the current line is longer than maxLineBytes
     uint64_t mOmitted = 0;
     Clock::time_point mSecond;  // start of the current second
-    int mLines = 0;             // in that second
-    size_t mBytes = 0;          // in that second
+    int mLines = 0;             // number of lines in the current second
+    size_t mBytes = 0;          // number of bytes in the current second
 };
 
 }  // namespace vexalive

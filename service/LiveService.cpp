@@ -21,7 +21,7 @@ using nlohmann::ordered_json;
 
 namespace {
 
-constexpr const char* kFolder = "/v3/liveinterface/";
+constexpr const char* kInterfacePrefix = "/v3/liveinterface/";
 constexpr const char* kState = "/state";
 constexpr const char* kMetrics = "/metrics";
 constexpr const char* kSnapshot = "/snapshot";
@@ -44,7 +44,7 @@ HttpServer::Routes localRoutes() {
 HttpServer::Routes routes() {
     HttpServer::Routes result = localRoutes();
     for (const char* name : {kAddRelayInterface, kRemoveRelayInterface, kSetMixInterface}) {
-        result[std::string(kFolder) + name] = {"POST"};
+        result[std::string(kInterfacePrefix) + name] = {"POST"};
     }
     return result;
 }
@@ -53,12 +53,12 @@ std::string asJson(const ordered_json& value) {
     return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
 
-// JSON that is indented for readers.
+// Serializes with line breaks and indentation, for human readers.
 std::string asIndentedJson(const ordered_json& value) {
     return value.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
-// The response of a local path: a message without the code that the three interfaces have.
+// The response of a local path: {"message": …}, without the "code" that responses of the three interfaces have.
 HttpResponse messageResponse(int status, const std::string& message) {
     HttpResponse response;
     response.status = status;
@@ -127,8 +127,9 @@ HttpResponse faultResponse(const Fault& fault) {
 }
 
 // Guards a local path against web sites. The Host check guards against DNS rebinding: over plain HTTP, a web site can
-// make its own name resolve to loopback; over TLS, that name is not in the certificate. The Origin check guards against
-// cross-site requests, the Sec-Fetch-Site check against pages of other sites that embed what this service shows.
+// make its own name resolve to loopback. (Over TLS it cannot, since its name is not in the certificate.) The Origin
+// check guards against cross-site requests. The Sec-Fetch-Site check prevents pages of other sites from embedding
+// this service's data.
 bool isTrustedOrigin(const HttpRequest& request, bool isTls) {
     const size_t mark = request.host.find_last_of("]:");
     const bool hasPort = mark != std::string::npos && request.host[mark] == ':';
@@ -141,7 +142,7 @@ bool isTrustedOrigin(const HttpRequest& request, bool isTls) {
     return isSameOrigin && (isLoopbackName || isTls) && !(isEmbeddable && isEmbedded);
 }
 
-LiveServiceOptions completed(LiveServiceOptions options) {
+LiveServiceOptions withDefaults(LiveServiceOptions options) {
     if (options.pushDomainSuffix.empty()) {
         const char* suffix = std::getenv("VEXALIVE_PUSH_DOMAIN");
         options.pushDomainSuffix = suffix && *suffix ? suffix : VEXALIVE_PUSH_DOMAIN;
@@ -163,7 +164,7 @@ LiveServiceOptions completed(LiveServiceOptions options) {
 
 struct LiveService::Impl {
     explicit Impl(LiveServiceOptions given)
-        : options(completed(std::move(given))),
+        : options(withDefaults(std::move(given))),
           console(localRoutes(), [this](const HttpRequest& request) { return handleLocal(request, false); }),
           server(routes(), [this](const HttpRequest& request) { return handle(request); }) {
         if (options.media) {
@@ -190,8 +191,8 @@ struct LiveService::Impl {
     ServiceState state;
     FaultQueue faults;
     std::optional<WorkerPool> media;
-    KstMutex applying;   // a request changes the state and the media as one step
-    HttpServer console;  // the servers are last: their threads use all members above
+    KstMutex applyMutex;  // held while one request changes both `state` and `media`
+    HttpServer console;   // the two servers are the last members, since their threads use all members above
     HttpServer server;
 };
 
@@ -262,8 +263,8 @@ ServiceSnapshot LiveService::Impl::snapshot() const {
 }
 
 HttpResponse LiveService::Impl::handle(const HttpRequest& request) {
-    if (request.path.rfind(kFolder, 0) == 0) {
-        return handleInterface(request.path.substr(std::string(kFolder).size()), request);
+    if (request.path.rfind(kInterfacePrefix, 0) == 0) {
+        return handleInterface(request.path.substr(std::string(kInterfacePrefix).size()), request);
     }
     return handleLocal(request, options.tls);
 }
@@ -299,8 +300,8 @@ HttpResponse LiveService::Impl::handleLocal(const HttpRequest& request, bool isT
 
 HttpResponse LiveService::Impl::handleSnapshot(const HttpRequest& request) {
     const std::string key = "mix=";
-    const bool isAsked = request.query.compare(0, key.size(), key) == 0;
-    const std::string jpeg = media && isAsked ? media->jpegOf(request.query.substr(key.size())) : "";
+    const bool hasMix = request.query.compare(0, key.size(), key) == 0;
+    const std::string jpeg = media && hasMix ? media->snapshotJpeg(request.query.substr(key.size())) : "";
     HttpResponse response = messageResponse(404, "no snapshot: ?mix= takes the output stream id of a running mix");
     if (!jpeg.empty()) {
         response = okResponse(jpeg);
@@ -394,7 +395,7 @@ Result<std::string, Refusal> LiveService::Impl::apply(const AcceptedRequest& req
     }
     const bool isEnd =
         request.kind == AcceptedRequest::Kind::kRemoveRelay || request.kind == AcceptedRequest::Kind::kCancelMix;
-    KstMutexLock lock(applying);
+    KstMutexLock lock(applyMutex);
     if (!isEnd) {
         if (const Result<void, Refusal> begun = media->begin(request); !begun) {
             return tl::unexpected(begun.error());

@@ -13,36 +13,37 @@ namespace vexalive {
 
 /// The local live-interface service, for development and tests.
 ///
-/// It serves the three interfaces of the live-interface service over HTTPS, on loopback by default, with a certificate
-/// authority that it creates at first start. It checks every request strictly, reports which field is wrong, stores the
-/// state of relays and mixes, and injects faults. With media, it runs an origin to which members publish over RTMP, and
-/// a worker process for each relay and each mix. Used by `vexalive serve` and, in-process, by tests:
+/// It serves the three interfaces of the live-interface service over HTTPS, by default on loopback only. At first
+/// start, it creates its own certificate authority. It checks every request strictly, reports which field is wrong,
+/// stores the state of relays and mixes, and injects faults. With media, it runs an origin (an RTMP server to which
+/// members publish) and a worker process for each relay and each mix. `vexalive serve` runs the service; tests run it
+/// in-process:
 ///
 ///     vexalive::LiveService service({});
 ///     const vexalive::Result<void> started = service.start();
 ///     if (!started) { ... started.error().message ... }
 ///     // VEXALIVE_SERVICE_HOST=service.address(), VEXALIVE_CA_FILE=service.caFile()
 ///
-/// docs/openapi.yaml describes the paths. All but the three interfaces are for clients on this machine only; the
-/// console port serves them over plain HTTP, too.
+/// docs/openapi.yaml describes the paths. Only clients on this machine may use paths other than the three interfaces.
+/// The console port serves these other paths over plain HTTP.
 ///
-/// Any thread may call any member. Call start() and stop() from one thread at a time.
+/// Any thread may call any member function. Call start() and stop() from one thread at a time.
 class LiveService {
 public:
     /// Starts nothing. start() reports invalid options.
     explicit LiveService(LiveServiceOptions options);
-    ~LiveService();  ///< stops
+    ~LiveService();  ///< calls stop()
     LiveService(const LiveService&) = delete;
     LiveService& operator=(const LiveService&) = delete;
 
-    /// Creates or reads the certificates, listens and serves until stop(). Ignores SIGPIPE for the whole process.
+    /// Creates or reads the certificates, listens and serves until stop(). Makes the process ignore SIGPIPE.
     Result<void> start();
 
-    /// Closes all connections, also idle and delayed ones, and waits for their threads: less than a second. With media,
-    /// it also waits for the processes to exit: up to three seconds more. The state stays; start() may follow.
+    /// Closes all connections, also idle and delayed ones, and waits for their threads (less than 1 s). With media,
+    /// also waits for the child processes to exit (up to 3 s more). The stored state is retained for the next start().
     void stop();
 
-    /// The port of the three interfaces. Valid after start(), as are the addresses below.
+    /// The port of the three interfaces. This function and the next three are valid after start().
     uint16_t port() const;
     std::string address() const;         ///< "127.0.0.1:49152", "[::1]:49152"
     std::string consoleAddress() const;  ///< "127.0.0.1:49153"; empty if the console has no port of its own
@@ -54,8 +55,8 @@ public:
     /// Relays, mixes, the last 200 requests and the state of the media, as JSON text.
     std::string stateJson() const;
 
-    /// Adds a fault to the queue: each request consumes one use of the first fault that applies to it. Fails if the
-    /// fault is invalid or the queue is full.
+    /// Adds a fault to the queue. Each request uses the first fault in the queue that applies to it. Fails if the fault
+    /// is invalid or the queue is full.
     Result<void> inject(const Fault& fault);
     /// Removes all active faults.
     void clearFaults();

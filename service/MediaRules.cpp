@@ -15,12 +15,12 @@ namespace {
 
 const std::string kRtmpPort = "1935";
 
-// One line: invalid UTF-8 is replaced, and line breaks are escaped.
+// Serializes to one line: replaces invalid UTF-8 and escapes line breaks.
 std::string asLine(const ordered_json& value) {
     return value.dump(-1, ' ', true, ordered_json::error_handler_t::replace);
 }
 
-// The value of the first parameter of that name.
+// The value of the first parameter with this name in a form-encoded body.
 std::string formValue(const std::string& form, const std::string& name) {
     const std::string whole = "&" + form;
     const size_t start = whole.find("&" + name + "=");
@@ -37,7 +37,7 @@ std::string lowerCase(std::string text) {
     return text;
 }
 
-// Maps all names and addresses of loopback to one name.
+// Returns the same name for all names and addresses of loopback.
 std::string canonicalHost(const std::string& host) {
     const std::string name = lowerCase(host);
     return name == "localhost" || name == "::1" || name == "0.0.0.0" ? "127.0.0.1" : name;
@@ -82,7 +82,7 @@ std::string mixConfiguration(const AcceptedRequest& request, const std::string& 
 Result<void> checkDestination(const std::string& destination, const OriginAddress& origin) {
     const std::string scheme = destination.substr(0, destination.find("://"));
     if (scheme != "rtmp") {
-        return failure("the scheme " + excerpt(scheme));  // the rest may contain a key
+        return failure("the scheme " + excerpt(scheme));  // shows only the scheme: the rest may contain a secret key
     }
     const std::optional<Url> url = parseUrl(destination);
     if (!url || url->port == "0") {
@@ -102,7 +102,7 @@ Result<void> checkDestination(const std::string& destination, const OriginAddres
     return {};
 }
 
-// A stream id has nothing that would be encoded.
+// The name is not decoded, since form encoding does not change a stream id.
 std::string publishedName(const std::string& form) {
     return formValue(form, "name");
 }

@@ -9,14 +9,14 @@
 
 namespace vexalive {
 
-/// A worker's configuration, one line. `origin` is an address without an application.
+/// The configuration of a worker, as one line. `origin` is the URL of the origin without an application name.
 std::string relayConfiguration(const AcceptedRequest& request, const std::string& origin);
 std::string mixConfiguration(const AcceptedRequest& request, const std::string& origin);
 
-/// Whether a stream can be relayed to an address. The error is a short reason: "no host".
+/// Whether a stream can be relayed to `destination`. The error is a short reason, for example "no host".
 Result<void> checkDestination(const std::string& destination, const OriginAddress& origin);
 
-/// The name of the stream in nginx's form-encoded query about a publisher.
+/// The stream name in `form`, the form-encoded body that nginx posts before it accepts a publisher.
 std::string publishedName(const std::string& form);
 
 /// Whether a stream of that name may be published.

@@ -12,7 +12,7 @@ namespace {
 
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
-// A relay, a mix, or an input of one.
+// The stream of a relay, of a mix, or of one input of a relay or mix, with its metric labels.
 struct LabelledStream {
     Labels labels;
     const StreamStatus& status;
@@ -27,11 +27,11 @@ struct Counter {
 constexpr Counter kCounters[] = {
     {&StreamStatus::bytes, "bytes_total", "Bytes of media received, or sent by a mix."},
     {&StreamStatus::frames, "frames_total", "Video frames; audio frames where there is no video."},
-    {&StreamStatus::dropped, "dropped_frames_total", "Frames thrown away."},
+    {&StreamStatus::dropped, "dropped_frames_total", "Dropped frames."},
     {&StreamStatus::reconnects, "reconnects_total", "Connections after the first."},
 };
 
-std::string escaped(const std::string& text) {
+std::string escapeLabel(const std::string& text) {
     std::string result;
     for (const char c : text) {
         result += c == '\n' ? "\\n" : c == '\\' || c == '"' ? std::string("\\") + c : std::string(1, c);
@@ -47,13 +47,13 @@ void addSample(std::ostringstream& text, const std::string& name, const Labels& 
     text << name;
     const char* separator = "{";
     for (const auto& [label, content] : labels) {
-        text << separator << label << "=\"" << escaped(content) << '"';
+        text << separator << label << "=\"" << escapeLabel(content) << '"';
         separator = ",";
     }
     text << (labels.empty() ? "" : "}") << ' ' << value << '\n';
 }
 
-// One sample for each state: 1 for the current state, 0 for the others.
+// Adds one sample for each state: 1 for the current state, 0 for the others.
 void addStates(std::ostringstream& text, const std::string& name, const Labels& labels, WorkerState state) {
     for (const WorkerState each : kWorkerStates) {
         Labels all = labels;

@@ -34,11 +34,11 @@ constexpr int kMaxFolders = 100;
 constexpr std::chrono::milliseconds kCheckInterval(1000);
 constexpr std::chrono::milliseconds kRetryInterval(200);
 constexpr std::chrono::milliseconds kCheckTimeout(2000);
-constexpr size_t kHandshakeBytes = 1537;  // of RTMP: a version, then a packet
+constexpr size_t kHandshakeBytes = 1537;  // first part of the RTMP handshake: 1 byte version, then 1536 bytes
 constexpr char kRtmpVersion = 3;
 
-// Binds to a free port of 127.0.0.1, so that the system assigns it to no other program. nginx can listen on it because
-// both sockets have SO_REUSEADDR.
+// Binds to a free port of 127.0.0.1, so that the kernel assigns the port to no other program. nginx can still listen on
+// the port, since both sockets have SO_REUSEADDR.
 uint16_t reservePort(Descriptor& socket) {
     socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int yes = 1;
@@ -94,8 +94,8 @@ Result<void> Origin::prepare(const std::string& stateFolder) {
     return lockFolder(stateFolder);
 }
 
-// Locks the first of the numbered folders that no running service has locked. The system releases the lock of a process
-// that ends.
+// Locks the first of the numbered folders that no running service has locked. When a service exits, the kernel releases
+// its lock.
 Result<void> Origin::lockFolder(const std::string& stateFolder) {
     for (int number = 1; number <= kMaxFolders; ++number) {
         mFolder = stateFolder + "/origin-" + std::to_string(number);
@@ -128,7 +128,7 @@ std::vector<std::string> Origin::arguments() const {
     return {mNginx, "-p", mFolder + "/", "-c", "nginx.conf", "-e", "stderr"};
 }
 
-// Without a master process, nginx is one process, so killing it leaves no worker of nginx behind.
+// The configuration disables nginx's master process. So nginx is one process, and a kill leaves no process behind.
 std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePort, bool isRoot) {
     const std::string application =
         "            live on;\n"
@@ -137,7 +137,8 @@ std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePor
         "            wait_key on;\n"
         "            idle_streams on;\n"
         "            publish_notify on;\n";
-    const std::string dropsIdle = "            drop_idle_publisher 10s;\n";  // "cdn" has relays whose source pauses
+    const std::string dropsIdle =
+        "            drop_idle_publisher 10s;\n";  // not for "cdn": the source of a relay may pause
     std::ostringstream text;
     text << "# The service overwrites this file each time it starts.\n"
          << "load_module " << kModule << ";\n"
@@ -206,7 +207,7 @@ void OriginMonitor::stop() {
 void OriginMonitor::run() {
     sigset_t all;
     sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, nullptr);  // signals are for the host's threads
+    ::pthread_sigmask(SIG_SETMASK, &all, nullptr);  // the host's threads handle the signals
     for (;;) {
         const OriginCheck result = check();
         if (waitForStop(std::chrono::milliseconds(0))) {
@@ -224,13 +225,13 @@ bool OriginMonitor::waitForStop(std::chrono::milliseconds timeout) const {
     return ::poll(&stop, 1, static_cast<int>(timeout.count())) > 0;
 }
 
-// False after the timeout, or if the monitor stops.
+// Waits for `events` on `fd`. Returns false after the timeout, or if the monitor stops.
 bool OriginMonitor::wait(int fd, short events, std::chrono::milliseconds timeout) const {
     std::array<pollfd, 2> watched = {{{mStop.get(), POLLIN, 0}, {fd, events, 0}}};
     return ::poll(watched.data(), watched.size(), static_cast<int>(timeout.count())) > 0 && watched[0].revents == 0;
 }
 
-// The result of the first address that responds correctly, otherwise of the last address.
+// Checks the addresses in order. Returns the first success, otherwise the result of the last address.
 OriginCheck OriginMonitor::check() const {
     OriginCheck result;
     for (const SocketAddress& address : mAddresses) {
@@ -242,7 +243,7 @@ OriginCheck OriginMonitor::check() const {
     return result;
 }
 
-// Begins the RTMP handshake as a client does: a working server responds.
+// Sends the first part of an RTMP handshake as a client does, and waits for the server's part.
 OriginCheck OriginMonitor::check(const SocketAddress& address) const {
     const Descriptor socket(::socket(address.bytes.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket.isOpen()) {

@@ -17,12 +17,12 @@
 namespace vexalive {
 
 struct OriginAddress {
-    std::string url;   // "rtmp://HOST:PORT", without an application
-    std::string host;  // without brackets
+    std::string url;   // "rtmp://HOST:PORT", without an application name
+    std::string host;  // without the brackets of an IPv6 address
     std::string port;
 };
 
-/// Parses "rtmp://HOST" or "rtmp://HOST:PORT"; std::nullopt for anything else.
+/// Parses "rtmp://HOST" or "rtmp://HOST:PORT". Returns std::nullopt for anything else.
 std::optional<OriginAddress> parseOriginAddress(const std::string& url);
 
 struct SocketAddress {
@@ -30,21 +30,22 @@ struct SocketAddress {
     socklen_t length = 0;
 };
 
-/// All addresses of the host, at least one.
+/// Resolves the host to all of its addresses. Fails if it has none.
 Result<std::vector<SocketAddress>> resolve(const OriginAddress& address);
 
-/// The RTMP server to which members publish and from which workers read: nginx with its RTMP module, on loopback. It
-/// has a folder that no other running service uses, and overwrites the files of an earlier service.
+/// The RTMP server to which members publish and from which workers read: nginx with its RTMP module, on loopback. nginx
+/// has a folder that no other running service uses. The files of an earlier service in this folder are overwritten.
 ///
-/// Its applications: "live" accepts the streams of members, named by their stream ids; "mix" accepts the output of
-/// mixes; "cdn" replaces a CDN and accepts every stream.
+/// nginx has three RTMP applications: "live" accepts the streams of members, named by their stream ids; "mix" accepts
+/// the output of mixes; "cdn" replaces a CDN and accepts every stream.
 class Origin {
 public:
-    /// Reserves a folder below `stateFolder` and a free port of 127.0.0.1. Also fails if nginx or its RTMP module is
-    /// not installed.
+    /// Reserves a folder below `stateFolder` and a free port of 127.0.0.1. Fails if this is not possible, or if nginx
+    /// or its RTMP module is not installed.
     Result<void> prepare(const std::string& stateFolder);
 
-    /// Writes the configuration. nginx queries `consolePort` before it accepts a publisher.
+    /// Writes nginx's configuration. Before nginx accepts a publisher, it sends a request to the service's console
+    /// port.
     Result<void> configure(uint16_t consolePort);
 
     /// The command line that runs nginx as one process.
@@ -52,7 +53,7 @@ public:
 
     const OriginAddress& address() const { return mAddress; }
 
-    /// Frees the folder and the port.
+    /// Releases the folder and the port for other services.
     void release() {
         mLock.reset();
         mPort.reset();
@@ -63,30 +64,30 @@ private:
 
     std::string mNginx;
     std::string mFolder;
-    Descriptor mLock;  // of the folder
+    Descriptor mLock;  // an open, locked file in the folder
     Descriptor mPort;  // bound, not listening: reserves the port for nginx
     OriginAddress mAddress;
 };
 
-/// nginx's configuration. Its paths are relative to nginx's folder.
+/// The content of nginx's configuration file. Paths in it are relative to nginx's folder.
 std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePort, bool isRoot);
 
 /// The result of one check of an origin.
 struct OriginCheck {
     std::string error;          ///< empty if the origin responds correctly
-    bool isLocalFault = false;  ///< this process could not check, for example without a free descriptor
+    bool isLocalFault = false;  ///< this process could not check the origin, e.g. for lack of a free descriptor
 };
 
 /// Checks on its own thread whether an origin responds: the service's nginx, or a remote one.
 class OriginMonitor {
 public:
-    /// Called on that thread after each check: several times a second while the origin does not respond, else once a
-    /// second.
+    /// Called on the monitor's thread after each check: several times per second while the origin does not respond,
+    /// else once per second.
     using Callback = std::function<void(const OriginCheck&)>;
 
     ~OriginMonitor() { stop(); }
 
-    /// `name` is the name of the origin in errors. The origin responds at one of `addresses`.
+    /// Starts the checks. `name` is the name of the origin in errors. A check succeeds if one of `addresses` responds.
     void start(const std::string& name, std::vector<SocketAddress> addresses, Callback callback);
     void stop();
 
@@ -100,7 +101,7 @@ private:
     std::string mName;
     std::vector<SocketAddress> mAddresses;
     Callback mCallback;
-    Descriptor mStop;  // readable after stop() was called
+    Descriptor mStop;  // becomes readable when stop() is called
     std::thread mThread;
 };
 

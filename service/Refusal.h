@@ -10,20 +10,20 @@ namespace vexalive {
 /// Why a request to one of the three interfaces is not accepted.
 struct Refusal {
     int code;             ///< one of the constants below
-    std::string field;    ///< a path: "output_param.output_sei", "input_stream_list[2].layout_params.image_layer",
-                          ///< "query: sdkappid", "body"
+    std::string field;    ///< the path of the refused field, for example "output_param.output_sei",
+                          ///< "input_stream_list[2].layout_params.image_layer", "query: sdkappid" or "body"
     std::string message;  ///< the field, its value (truncated, ASCII) and the allowed values
 
-    // None of the codes is one that makes a client retry (1, 3, 505, 10017).
+    // The codes differ from 1, 3, 505 and 10017, since clients retry after these.
     static constexpr int kQuery = 4001;        ///< the query is incomplete or malformed
     static constexpr int kUnreadable = 4002;   ///< the body is no JSON object, nested too deep, or has a key twice
     static constexpr int kMissing = 4003;      ///< a field is missing
     static constexpr int kUnknown = 4004;      ///< a field is unknown
     static constexpr int kType = 4005;         ///< a field has the wrong JSON type
     static constexpr int kValue = 4006;        ///< a field's value is not allowed
-    static constexpr int kNotRunning = 4007;   ///< nothing to remove or cancel
+    static constexpr int kNotRunning = 4007;   ///< the relay to remove or the mix to cancel is not running
     static constexpr int kFull = 4008;         ///< the maximum number of relays or mixes is reached
-    static constexpr int kUnsupported = 4009;  ///< with media: a destination that cannot be relayed to
+    static constexpr int kUnsupported = 4009;  ///< with media: the service cannot relay to the destination
     static constexpr int kUnavailable = 4010;  ///< with media: no worker could be started
 };
 

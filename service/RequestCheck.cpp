@@ -17,7 +17,7 @@ namespace {
 
 constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
 constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
-constexpr int64_t kLatestTimestamp = std::numeric_limits<uint32_t>::max() / 1000;  // 32 bits of milliseconds
+constexpr int64_t kMaxTimestamp = std::numeric_limits<uint32_t>::max() / 1000;  // clients count 32-bit milliseconds
 constexpr size_t kMaxUsers = 17;
 constexpr size_t kDigestLength = 32;
 
@@ -41,7 +41,7 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// An integer as printf's %d writes it: no plus sign, no leading zero, nothing else.
+// Reads an integer in the form in which printf's %d writes it: no plus sign, no leading zeros, no spaces.
 std::optional<int64_t> readDecimal(std::string_view text) {
     int64_t value = 0;
     const char* end = text.data() + text.size();
@@ -84,8 +84,8 @@ std::vector<Parameter> splitQuery(std::string_view query) {
     return parameters;
 }
 
-// No message shows the value of a secret, nor the name of an unknown parameter: if a secret contains an "&", the rest
-// of it looks like a parameter.
+// No message shows the value of a secret or the name of an unknown parameter: if a secret contains an "&", the part
+// after the "&" looks like an unknown parameter.
 void checkQuery(const std::string& query, Validation& validation) {
     const char* const keys[] = {"sdkappid", "random", "usersig", "parivMapKey"};  // spelling is part of the interface
     std::map<std::string_view, std::string_view> values;
@@ -145,8 +145,8 @@ int32_t nonZero(Fields& fields, const char* key) {
     return value;
 }
 
-// "<biz id>.<suffix>"
-int32_t bizOfDomain(Fields& fields, const std::string& suffix) {
+// Reads "domain", which must be "BIZID.SUFFIX", and returns BIZID.
+int32_t readDomain(Fields& fields, const std::string& suffix) {
     const std::string domain = fields.text("domain");
     const size_t dot = std::min(domain.find('.'), domain.size());
     const std::optional<int32_t> biz = readBizId(std::string_view(domain).substr(0, dot));
@@ -160,14 +160,14 @@ int32_t bizOfDomain(Fields& fields, const std::string& suffix) {
 
 void checkCommon(Fields& body, const std::string& interfaceName, const std::string& suffix, AcceptedRequest& request) {
     expectText(body, "interface", interfaceName);
-    body.integer("timestamp", 0, kLatestTimestamp);
+    body.integer("timestamp", 0, kMaxTimestamp);
     nonZero(body, "event_id");
     request.appId = nonZero(body, "appid");
     expectText(body, "path", "live");
-    request.bizId = bizOfDomain(body, suffix);
+    request.bizId = readDomain(body, suffix);
 }
 
-// "<biz id>_<32 lower-case hex digits>", the biz id being the domain's.
+// Reads a stream id, whose biz id must be that of "domain".
 std::string streamId(Fields& fields, const char* key, int32_t bizId) {
     std::string id = fields.text(key);
     const std::string head = std::to_string(bizId) + "_";
@@ -180,7 +180,7 @@ std::string streamId(Fields& fields, const char* key, int32_t bizId) {
 
 // ---- Relay ----------------------------------------------------------------------------------------------------------
 
-// A scheme, "://" and something after it, without spaces and control characters.
+// Whether `url` is a scheme, "://" and at least one more character, without spaces and control characters.
 bool isUrl(std::string_view url) {
     const size_t colon = url.find("://");
     if (colon == std::string_view::npos || colon == 0 || colon + 3 == url.size() || !isLetter(url[0])) {
@@ -212,7 +212,7 @@ std::string inputPath(size_t index) {
     return "input_stream_list[" + std::to_string(index) + "]";
 }
 
-// The input_type of an input that may still be malformed; -1 if there is none.
+// The "input_type" of an input that was not checked yet; -1 if the input has none.
 int64_t peekInputType(const json& input) {
     if (!input.is_object() || !input.contains("layout_params") || !input["layout_params"].is_object()) {
         return -1;
@@ -222,7 +222,7 @@ int64_t peekInputType(const json& input) {
     return type != layout.end() && type->is_number_integer() ? type->get<int64_t>() : -1;
 }
 
-// The first input is a canvas if and only if the mix has video.
+// The first input must be a canvas if the mix has video, and must not be one if it has not.
 void checkCanvasPresence(const json& inputs, Validation& validation) {
     const bool hasCanvas = !inputs.empty() && peekInputType(inputs[0]) == kCanvasInput;
     const bool hasVideo = std::any_of(inputs.begin(), inputs.end(),
@@ -266,7 +266,7 @@ MixInput checkUser(Fields& input, Fields& layout, int64_t type, int64_t layer, i
     return user;
 }
 
-// Layers count up from 1 in the order of the list, the canvas included.
+// The layers of the inputs must be 1, 2, 3 and so on, in the order of the list, the canvas included.
 void checkInputs(const json& inputs, AcceptedRequest& request, Validation& validation) {
     checkCanvasPresence(inputs, validation);
     for (size_t index = 0; index < inputs.size() && !validation.hasFailed(); ++index) {
@@ -310,7 +310,7 @@ void checkStartMix(Fields& body, Fields& output, const json& inputs, AcceptedReq
     request.cropsCenter = body.integer("use_mix_crop_center", 0, 1) == 1;
 }
 
-// A cancel lists one input: the session's own stream, on layer 1.
+// A cancel must list one input: the output stream of the mix, on layer 1.
 void checkCancelMix(const json& inputs, const AcceptedRequest& request, Validation& validation) {
     if (inputs.size() != 1) {
         validation.refuse(Refusal::kValue, "input_stream_list",
@@ -327,7 +327,8 @@ void checkCancelMix(const json& inputs, const AcceptedRequest& request, Validati
     input.refuseOthers();
 }
 
-// One interface starts, updates and cancels. A cancel lacks the keys of an output that the others have.
+// The same interface starts, updates and cancels a mix. A request is a cancel if "output_param" has only one key and
+// "use_mix_crop_center" is missing.
 void checkMix(Fields& body, AcceptedRequest& request, Validation& validation) {
     request.streamId = streamId(body, "session_id", request.bizId);
     Fields output = body.object("output_param");

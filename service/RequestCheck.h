@@ -1,5 +1,5 @@
-// Checks one request to the three interfaces. RequestCheck.cpp has the rules in the order of the checks: the query, the
-// fields that all bodies share, then each body.
+// Checks one request to one of the three interfaces. RequestCheck.cpp has the rules in the order of the checks: the
+// query, the fields that all bodies share, then the fields of each interface.
 
 #ifndef VEXALIVE_SERVICE_REQUEST_CHECK_H
 #define VEXALIVE_SERVICE_REQUEST_CHECK_H
@@ -23,13 +23,14 @@ constexpr const char* kInterfaces[] = {kAddRelayInterface, kRemoveRelayInterface
 
 bool isInterface(const std::string& name);
 
-// "<biz id>_<32 lower-case hex digits>", the biz id a 32-bit integer other than 0.
+// Whether `text` is "BIZID_DIGEST", where BIZID is a 32-bit integer other than 0 and DIGEST is 32 lower-case hex
+// digits.
 bool isStreamId(const std::string& text);
 
 struct MixCanvas {
     int32_t width = 0;
     int32_t height = 0;
-    std::string color;  // "0x" and six hex digits
+    std::string color;  // "0x" and 6 hex digits
 };
 
 struct MixInput {
@@ -47,21 +48,22 @@ struct AcceptedRequest {
     Kind kind = Kind::kAddRelay;
     int32_t appId = 0;
     int32_t bizId = 0;
-    std::string streamId;                   // of the relay, or the mix's output
-    std::string destination;                // kAddRelay
-    bool cropsCenter = false;               // kAddRelay, kStartMix
-    std::optional<MixCanvas> canvas;        // kStartMix; none in an audio-only mix
-    std::vector<MixInput> inputs;           // kStartMix; without the canvas
-    std::map<std::string, int32_t> output;  // kStartMix; the optional numbers of "output_param", by key
-    std::string sei;                        // kStartMix
+    std::string streamId;      // the stream that is relayed, or the output of the mix
+    std::string destination;   // kAddRelay only
+    bool cropsCenter = false;  // kAddRelay and kStartMix only
+
+    // The members below are for kStartMix only.
+    std::optional<MixCanvas> canvas;        // std::nullopt in an audio-only mix
+    std::vector<MixInput> inputs;           // without the canvas
+    std::map<std::string, int32_t> output;  // the optional numbers of "output_param", by key
+    std::string sei;
 };
 
-/// A pure function. `interfaceName`, one of the three, is the last part of the path; `query` is as sent, without its
-/// "?".
+/// A pure function. `interfaceName` is one of kInterfaces. `query` is not decoded and does not contain the "?".
 Result<AcceptedRequest, Refusal> checkRequest(const std::string& interfaceName, const std::string& query,
                                               const std::string& body, const std::string& pushDomainSuffix);
 
-/// The query for display: "usersig", "parivMapKey" and unknown or malformed parameters are masked.
+/// Returns the query for display: masks "usersig", "parivMapKey" and all unknown or malformed parameters.
 std::string maskQuery(const std::string& query);
 
 }  // namespace vexalive

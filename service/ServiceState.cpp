@@ -40,12 +40,12 @@ Result<std::string, Refusal> ServiceState::apply(const AcceptedRequest& request)
     return cancelMix(request);
 }
 
-// A stream has one destination; another add moves it there.
+// A stream has one destination. Another add of the same stream replaces the destination.
 Result<std::string, Refusal> ServiceState::addRelay(const AcceptedRequest& request) {
     const auto found = mRelays.find(request.streamId);
     if (found == mRelays.end() && mRelays.size() >= kMaxRelays) {
         return refused(Refusal::kFull, "stream_id",
-                       std::to_string(kMaxRelays) + " streams are being relayed, the most that is held");
+                       std::to_string(kMaxRelays) + " streams are being relayed, the maximum");
     }
     Relay& relay = mRelays[request.streamId];
     relay.latest = request;
@@ -64,8 +64,7 @@ Result<std::string, Refusal> ServiceState::removeRelay(const AcceptedRequest& re
 
 Result<std::string, Refusal> ServiceState::startMix(const AcceptedRequest& request) {
     if (mMixes.count(request.streamId) == 0 && !makeSpaceForMix()) {
-        return refused(Refusal::kFull, "session_id",
-                       std::to_string(kMaxMixes) + " mixes are running, the most that is held");
+        return refused(Refusal::kFull, "session_id", std::to_string(kMaxMixes) + " mixes are running, the maximum");
     }
     Mix& mix = mMixes[request.streamId];
     const uint64_t now = timeNow();

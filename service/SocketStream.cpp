@@ -15,8 +15,8 @@ namespace {
 constexpr size_t kReceiveBytes = size_t{16} << 10;
 constexpr size_t kQueueBytes = size_t{64} << 10;
 constexpr std::chrono::seconds kHandshakeTimeout(10);
-constexpr std::chrono::seconds kSendTimeout(10);  // without any progress
-constexpr std::chrono::seconds kDrainTimeout(1);
+constexpr std::chrono::seconds kSendTimeout(10);  // maximum time in which the peer accepts no byte
+constexpr std::chrono::seconds kDrainTimeout(1);  // maximum time for the peer to close its side in finish()
 
 }  // namespace
 
@@ -41,7 +41,8 @@ bool SocketStream::await(int events, Clock::time_point deadline) const {
     }
 }
 
-// Repeats the operation until it transfers bytes; returns 0 on failure. `events` is what a plain socket waits for.
+// Repeats the operation until it transfers bytes, and returns their number; 0 on failure. Between attempts it waits for
+// `events` on a plain socket, and for the events that OpenSSL needs on a TLS socket.
 template <class Operation>
 size_t SocketStream::transfer(Operation operation, int events, Clock::time_point deadline) {
     while (!mIsBroken) {
@@ -114,7 +115,7 @@ void SocketStream::abort() {
     mIsBroken = true;
 }
 
-// The kernel resets a connection that is closed with unread bytes in its buffer, and the peer may then lose the end of
+// If a socket is closed while it has unread input, the kernel resets the connection, and the peer may lose the end of
 // the response. So finish() reads and discards the remaining input.
 void SocketStream::finish() {
     if (!flush()) {

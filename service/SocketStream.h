@@ -11,9 +11,9 @@
 
 namespace vexalive {
 
-/// The bytes of one accepted connection, with TLS or without, behind one buffer in each direction.
+/// Reads and writes one accepted connection, with or without TLS. Both directions are buffered.
 ///
-/// One thread uses a stream. Another thread may shut its socket down, which ends every wait at once.
+/// Not thread-safe, but another thread may shut the socket down. Every wait of the stream then ends at once.
 class SocketStream {
 public:
     using Clock = std::chrono::steady_clock;
@@ -22,19 +22,19 @@ public:
     /// plain connection.
     SocketStream(int socket, SSL_CTX* tls);
 
-    /// The server's side of the TLS handshake, at most 10 s. True at once without TLS.
+    /// Performs the server's side of the TLS handshake in at most 10 s. Without TLS, returns true at once.
     bool handshake();
 
-    /// The bytes that have arrived and are not consumed.
+    /// The bytes that have arrived and were not consumed yet.
     std::string_view received() const { return mReceived; }
     void consume(size_t count) { mReceived.erase(0, count); }
 
-    /// Sends the queued bytes, then waits for more bytes and appends them to received(), at most 16 KiB. False if the
-    /// deadline has passed, the peer has closed its side, or the connection is broken.
+    /// Sends the queued bytes, then waits for more bytes and appends them to received(), at most 16 KiB. Returns
+    /// false if the deadline has passed, the peer has closed its side, or the connection is broken.
     bool receive(Clock::time_point deadline);
 
-    /// Queues bytes. flush() and receive() send them, and so does send() if at least 64 KiB are queued. False if the
-    /// connection is broken, or if the peer has read nothing for 10 s.
+    /// send() queues bytes. They are sent by flush(), by receive(), or by send() when at least 64 KiB are queued. Both
+    /// functions return false if the connection is broken, or if the peer has read nothing for 10 s.
     bool send(std::string_view bytes);
     bool flush();
 
@@ -53,7 +53,7 @@ private:
     std::unique_ptr<SSL, decltype(&SSL_free)> mTls;
     bool mIsBroken = false;
     std::string mReceived;
-    std::string mQueued;  // to be sent
+    std::string mQueued;  // not sent yet
 };
 
 }  // namespace vexalive

@@ -31,7 +31,7 @@ ordered_json inputsJson(const std::vector<MixInput>& inputs) {
     return list;
 }
 
-// `addressKey` is the key of the address: "address", "source" or "play".
+// `addressKey` is the key under which the address is added: "address", "source" or "play".
 void addMedia(ordered_json& object, const std::optional<MediaSnapshot>& media, const char* addressKey) {
     if (!media) {
         object["media"] = nullptr;

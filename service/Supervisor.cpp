@@ -18,23 +18,23 @@ using nlohmann::json;
 namespace {
 
 constexpr std::chrono::milliseconds kMinRestartDelay(250);
-constexpr int kDoublings = 5;
-constexpr std::chrono::seconds kStableTime(10);  // after which the next failure counts as the first
+constexpr int kMaxDoublings = 5;                 // of kMinRestartDelay
+constexpr std::chrono::seconds kStableTime(10);  // if a child has run this long, its failure counts as the first
 constexpr std::chrono::seconds kStopTimeout(3);
-constexpr int kStartTimeoutFactor = 5;  // extra timeouts before the first status, since plugins are loaded first
-constexpr std::chrono::milliseconds kMaxWait(500);
+constexpr int kStartTimeoutFactor = 5;  // timeouts added before the first status, since a child loads plugins first
+constexpr std::chrono::milliseconds kMaxWait(500);  // of one poll()
 constexpr std::chrono::seconds kOmissionInterval(1);
 constexpr size_t kMaxUnsentBytes = size_t{1} << 20;
-constexpr LineReader::Bounds kOutputBounds = {size_t{2} << 20, 50, size_t{4} << 20};  // snapshots are lines of it
+constexpr LineReader::Bounds kOutputBounds = {size_t{2} << 20, 50, size_t{4} << 20};  // a JPEG is one line
 constexpr LineReader::Bounds kErrorBounds = {4096, 20, size_t{256} << 10};
 
-// The file descriptors of one child in a list for poll().
+// The positions of one child's file descriptors in the list for poll().
 enum Slot { kExitSlot, kOutputSlot, kErrorSlot, kInputSlot, kSlots };
 
 }  // namespace
 
 std::chrono::milliseconds restartDelay(int failures) {
-    return kMinRestartDelay * (1 << std::clamp(failures, 0, kDoublings));
+    return kMinRestartDelay * (1 << std::clamp(failures, 0, kMaxDoublings));
 }
 
 struct Supervisor::Job {
@@ -45,24 +45,24 @@ struct Supervisor::Job {
     const WorkerKey key;
     Program program;
     std::string configuration;
-    std::unique_ptr<Child> child;  // none between an exit and the next start
-    std::string unsent;
+    std::unique_ptr<Child> child;  // null between an exit and the next start
+    std::string unsent;            // lines that were not written to the child yet
     LineReader output{kOutputBounds};
     LineReader errors{kErrorBounds};
-    std::string lastLine;  // of its errors
-    uint64_t malformedLines = 0;
-    Clock::time_point started;
-    Clock::time_point lastStatus;
-    Clock::time_point retryAt;
-    Clock::time_point killAt = Clock::time_point::max();
-    Clock::time_point omissionsReported;
-    std::string killReason;  // why it was killed; empty if it was not
-    int failures = 0;        // in a row
+    std::string lastLine;                                 // of standard error
+    uint64_t malformedLines = 0;                          // not reported yet
+    Clock::time_point started;                            // when the child was last started; the epoch if never
+    Clock::time_point lastStatus;                         // later than now before the first status
+    Clock::time_point retryAt;                            // when to restart the child
+    Clock::time_point killAt = Clock::time_point::max();  // when to kill a child that is stopping
+    Clock::time_point omissionsReported;                  // when omitted and malformed lines were last reported
+    std::string killReason;                               // why the child was killed; empty if it was not
+    int failures = 0;                                     // consecutive failures; see restartDelay()
     bool isStopping = false;
-    bool isSuperseded = false;  // another job has this key now
-    std::string restartReason;  // why it was restarted; empty once it runs
+    bool isSuperseded = false;  // a newer job has the same key
+    std::string restartReason;  // why the child was restarted; empty when its state is kRunning
     ProcessStatus status;
-    std::optional<std::pair<WorkerState, std::string>> published;
+    std::optional<std::pair<WorkerState, std::string>> published;  // last state and error that the listener received
 };
 
 // ---- Commands -------------------------------------------------------------------------------------------------------
@@ -100,7 +100,7 @@ void Supervisor::stop() {
     mThread.join();
 }
 
-// False if the supervisor's thread does not run.
+// Queues a command for the supervisor's thread. Returns false if this thread does not run.
 bool Supervisor::post(std::function<void()> command) {
     KstMutexLock lock(mMutex);
     if (!mIsRunning) {
@@ -109,12 +109,12 @@ bool Supervisor::post(std::function<void()> command) {
     mCommands.push_back(std::move(command));
     const uint64_t one = 1;
     [[maybe_unused]] const auto written =
-        ::write(mWake.get(), &one, sizeof one);  // fails only if it is readable anyway
+        ::write(mWake.get(), &one, sizeof one);  // fails only if the eventfd is readable already
     return true;
 }
 
 Result<void> Supervisor::configure(const WorkerKey& key, const Program& program, const std::string& configuration) {
-    bool isApplied = false;  // guarded by mMutex, as is the other
+    bool isApplied = false;  // mMutex guards this variable and `result`
     Result<void> result;
     const auto command = [&] {
         Result<void> applied = applyConfiguration(key, program, configuration);
@@ -177,14 +177,14 @@ size_t Supervisor::count() const {
 void Supervisor::run() {
     sigset_t all;
     sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, nullptr);  // signals are for the host's threads
+    ::pthread_sigmask(SIG_SETMASK, &all, nullptr);  // the host's threads handle the signals
     mNow = Clock::now();
     while (runCommands()) {
         wait();
     }
 }
 
-// False once the shutdown is complete.
+// Runs the queued commands. Returns false when the shutdown is complete.
 bool Supervisor::runCommands() {
     std::deque<std::function<void()>> commands;
     {
@@ -242,8 +242,8 @@ void Supervisor::wait() {
     }
 }
 
-// If a wait took much longer than planned, this process was suspended and could not read the status of its children. So
-// their timeouts are extended by that time.
+// `before` is when the previous wait() ended. If that was much more than kMaxWait ago, this process was suspended and
+// could not read the status of its children. So the timeouts of the children are extended by this time.
 void Supervisor::extendTimeouts(Clock::time_point before) {
     if (mNow > before + 2 * kMaxWait) {
         for (Job& job : mJobs) {
@@ -295,7 +295,7 @@ Supervisor::Job* Supervisor::find(const WorkerKey& key) {
     return found == mJobs.end() ? nullptr : &*found;
 }
 
-// The stopping child of the same key that has to exit before this one may start.
+// The job with the same key whose stopping child must exit before this job's child may start; null if there is none.
 Supervisor::Job* Supervisor::findBlocker(const Job& job) {
     const auto found = std::find_if(mJobs.begin(), mJobs.end(), [&job](const Job& other) {
         return other.key == job.key && other.isStopping && other.child;
@@ -447,7 +447,7 @@ void Supervisor::kill(Job& job, const std::string& reason) {
     }
 }
 
-// The child has exited: it is stopped, or will be restarted.
+// Called when the child has exited. Schedules its restart, unless it was stopped.
 void Supervisor::reap(Job& job) {
     const std::optional<std::string> exit = job.child->reap();
     if (!exit) {
@@ -483,7 +483,7 @@ void Supervisor::reportOmissions(Job& job) {
     reportCount(std::exchange(job.malformedLines, 0), "malformed lines of its output: ");
 }
 
-// Updates the status that others read, and notifies the listener if the state or the error has changed.
+// Updates the result of status(), and notifies the listener if the state or the error has changed.
 void Supervisor::publish(Job& job) {
     if (job.isSuperseded) {
         return;

@@ -27,30 +27,33 @@ struct pollfd;
 
 namespace vexalive {
 
-/// The delay before a child that exited unexpectedly is restarted: 0.25, 0.5, 1, 2, 4 and then 8 seconds. `failures` is
-/// the number of consecutive failures before this one; it restarts at 0 after 10 seconds without a failure.
+/// The delay before a child that exited unexpectedly is restarted: 0.25, 0.5, 1, 2, 4 and then always 8 seconds.
+/// `failures` is the number of failures before this one. The supervisor counts from 0 again if a child fails after it
+/// has run for at least 10 seconds.
 std::chrono::milliseconds restartDelay(int failures);
 
-/// Runs child processes, each under a key: starts and configures them, reads their status, restarts those that exit or
-/// hang, and stops them. One thread does all of it.
+/// Runs child processes, each under a key. It starts and configures them, reads their status, restarts those that exit
+/// or hang, and stops them. One thread, the supervisor's thread, does all of this.
 ///
-/// A child reads lines of JSON. It writes lines of JSON: {"status": …} (common/WorkerStatus.h), at least one in each
-/// timeout, and responses. It writes log lines to its standard error. It has to exit when its input ends.
+/// A child reads lines of JSON from its standard input, and must exit when this input ends. It writes lines of JSON to
+/// its standard output: {"status": …} (common/WorkerStatus.h) at least once per Program::timeout, and responses to the
+/// lines that it has read. It writes log lines to its standard error.
 class Supervisor {
 public:
     struct Program {
-        std::vector<std::string> arguments;       ///< the first is a path
-        std::chrono::milliseconds timeout{5000};  ///< without a status, after which the child counts as hung
-        int stopSignal = 0;                       ///< for a child that does not exit at the end of its input; 0: none
+        std::vector<std::string> arguments;       ///< the first is the path of the program
+        std::chrono::milliseconds timeout{5000};  ///< a child that writes no status for this time counts as hung
+        int stopSignal = 0;                       ///< sent to stop a child that does not exit at end of input; 0: none
 
-        /// If set, two children of one key never run at the same time: the new one starts when the stopping one has
-        /// exited, and the stopping one is killed after this time.
+        /// If set, two children of one key never run at the same time: a new child starts when the stopping child has
+        /// exited. The stopping child is killed after this time.
         std::optional<std::chrono::milliseconds> handover = std::nullopt;
     };
 
-    /// Called on the supervisor's thread. They must not block, and must not call configure() or stop().
+    /// The functions are called on the supervisor's thread. They must not block and must not call configure() or
+    /// stop().
     struct Listener {
-        /// The state or its error has changed.
+        /// The state or the error of the child has changed.
         std::function<void(const WorkerKey& key, const ProcessStatus&)> onState;
         /// The child wrote a log line.
         std::function<void(const WorkerKey& key, const std::string& line)> onLine;
@@ -59,25 +62,28 @@ public:
     };
 
     explicit Supervisor(Listener listener);
-    ~Supervisor();  ///< stops
+    ~Supervisor();  ///< calls stop()
 
     Result<void> start();
 
-    /// Stops all children: those that exit by themselves within 3 seconds, the others by SIGKILL.
+    /// Stops all children. Kills those that do not exit within 3 seconds.
     void stop();
 
-    // Any thread may call these.
+    // Any thread may call the functions below.
 
-    /// Starts a child and writes its configuration, one line, to it; or writes the configuration to the running child.
-    /// Succeeds also if a restart or a handover is pending. Fails if the child cannot be started; the key is then
-    /// removed.
+    /// If no child runs under `key`, starts one. Writes `configuration`, one line, to the child's standard input. If a
+    /// restart or a handover is pending, returns success, and the child receives the line when it starts. If a new
+    /// child cannot be started, returns an error and removes the key.
     Result<void> configure(const WorkerKey& key, const Program& program, const std::string& configuration);
-    void remove(const WorkerKey& key);                                 ///< stops the child
-    void send(const WorkerKey& key, const std::string& line);          ///< lost if the child is not running
-    void setStatus(const WorkerKey& key, const WorkerStatus& status);  ///< as if the child had written it
+    /// Stops the child.
+    void remove(const WorkerKey& key);
+    /// Writes a line to the child. The line is lost if the child does not run.
+    void send(const WorkerKey& key, const std::string& line);
+    /// Has the same effect as a status that the child writes.
+    void setStatus(const WorkerKey& key, const WorkerStatus& status);
 
     std::optional<ProcessStatus> status(const WorkerKey& key) const;
-    size_t count() const;  ///< of children, stopping ones included
+    size_t count() const;  ///< number of children, with those that are stopping
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -110,9 +116,9 @@ private:
     Descriptor mWake;
     std::thread mThread;
 
-    // Used on the supervisor's thread only.
+    // The next three members are used on the supervisor's thread only.
     std::list<Job> mJobs;
-    Clock::time_point mNow;  // when the last wait ended
+    Clock::time_point mNow;  // when the last wait() ended
     bool mIsShuttingDown = false;
 
     mutable KstMutex mMutex;

@@ -6,11 +6,11 @@
 
 namespace vexalive {
 
-/// Names a supervised process: the origin, or the worker of a relay or a mix.
+/// Identifies a supervised process: the origin, or the worker of a relay or a mix.
 struct WorkerKey {
     enum class Kind { kOrigin, kRelay, kMix };
     Kind kind = Kind::kOrigin;
-    std::string streamId;  ///< relayed, or the mix's output; empty for the origin
+    std::string streamId;  ///< the relayed stream, or the output of the mix; empty for the origin
 };
 
 inline bool operator==(const WorkerKey& a, const WorkerKey& b) {

@@ -23,7 +23,8 @@ namespace {
 const WorkerKey kOriginKey = {WorkerKey::Kind::kOrigin, ""};
 constexpr const char* kWorkerName = "vexalive-media";
 constexpr std::chrono::seconds kOriginTimeout(15);
-constexpr std::chrono::milliseconds kHandover(300);  // the origin releases a name when its publisher has exited
+// The origin refuses a second publisher of a stream until the first has exited.
+constexpr std::chrono::milliseconds kHandover(300);
 constexpr std::chrono::milliseconds kMaxSnapshotAge(250);
 constexpr std::chrono::milliseconds kSnapshotTimeout(1000);
 constexpr int kSnapshotWidth = 640;
@@ -44,8 +45,8 @@ LiveMediaEvent eventOf(LiveMediaEvent::Kind kind, const WorkerKey& key) {
     return event;
 }
 
-// Empty if it is malformed.
-std::string fromBase64(const std::string& text) {
+// Decodes Base64. Empty if `text` is malformed.
+std::string decodeBase64(const std::string& text) {
     std::string bytes(text.size() / 4 * 3, '\0');
     const int size =
         EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
@@ -56,7 +57,7 @@ std::string fromBase64(const std::string& text) {
     return bytes;
 }
 
-std::string ownFolder() {
+std::string programFolder() {
     std::error_code failure;
     return std::filesystem::read_symlink("/proc/self/exe", failure).parent_path().string();
 }
@@ -102,7 +103,7 @@ Result<void> WorkerPool::prepare() {
 Result<void> WorkerPool::findWorker() {
     mWorker = mOptions.workerProgram;
     if (mWorker.empty()) {
-        const std::string here = ownFolder();
+        const std::string here = programFolder();
         mWorker = findProgram(kWorkerName, here + ":" + here + "/../libexec/vexalive");
     }
     if (mWorker.empty()) {
@@ -218,8 +219,8 @@ bool WorkerPool::allowsPublish(const std::string& form) {
     return checked.has_value();
 }
 
-// Concurrent callers share one request to the worker.
-std::string WorkerPool::jpegOf(const std::string& streamId) {
+// If several callers need the same JPEG at once, the worker receives one request.
+std::string WorkerPool::snapshotJpeg(const std::string& streamId) {
     using SteadyClock = std::chrono::steady_clock;
     const WorkerKey key = {WorkerKey::Kind::kMix, streamId};
     const SteadyClock::time_point started = SteadyClock::now();
@@ -273,14 +274,14 @@ void WorkerPool::handleMessage(const WorkerKey& key, const json& message) {
     KstMutexLock lock(mMutex);
     const auto found = mSnapshots.find(key);
     if (found != mSnapshots.end()) {
-        found->second.jpeg = fromBase64(snapshot->get<std::string>());
+        found->second.jpeg = decodeBase64(snapshot->get<std::string>());
         found->second.received = std::chrono::steady_clock::now();
         mSnapshotChanged.notifyAll();
     }
 }
 
-// The supervisor knows whether nginx runs, the monitor whether it responds. The state of a remote origin comes from the
-// monitor alone.
+// The supervisor detects whether nginx runs; the monitor detects whether it responds. The state of a remote origin
+// depends on the monitor alone.
 void WorkerPool::handleCheck(const OriginCheck& check) {
     const std::optional<ProcessStatus> process = originStatus();
     const std::optional<StreamStatus> before = process ? std::optional(process->worker.output) : std::nullopt;

@@ -29,8 +29,8 @@ namespace {
 
 constexpr const char* kSourceFile = "LiveTranscodingAdapter.cpp";
 constexpr const char* kInTask = "operator()";  // function name in log lines of posted tasks and callbacks
-constexpr int kProgress = 2;                   // log levels
-constexpr int kRefusal = 4;
+constexpr int kProgress = 2;                   // log level 2: info
+constexpr int kRefusal = 4;                    // log level 4: error
 
 constexpr int kRoomEventType = 10004;
 constexpr const char* kNotInRoom = "not enterRoom status";

@@ -10,7 +10,7 @@ struct CVexaHttpSendRecv::Impl : vexalive::ResponseQueue {};
 namespace {
 
 // The last segment of the URL's path, for example "remove_relay_stream_url".
-std::string interfaceNameOf(const std::string& url) {
+std::string lastPathSegment(const std::string& url) {
     const std::string path = url.substr(0, url.find('?'));
     return path.substr(path.rfind('/') + 1);
 }
@@ -32,7 +32,7 @@ void CVexaHttpSendRecv::sendHttpsRequest(KstCopyOnWriteBuffer& body, const std::
     request->responses = mImpl;
     request->started = std::chrono::steady_clock::now();
     request->completion.callback = std::move(callback);
-    request->completion.interfaceName = interfaceNameOf(url);
+    request->completion.interfaceName = lastPathSegment(url);
 
     vexalive::HttpExchange& exchange = request->completion.exchange;
     exchange.id = ++lastId;

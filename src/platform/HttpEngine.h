@@ -66,7 +66,7 @@ private:
     curl_slist* mHeaders = nullptr;
     std::set<Exchange*> mActive;  // from here to mLastTimeout: I/O thread only
     std::vector<std::unique_ptr<Exchange>> mPool;
-    std::deque<std::unique_ptr<OutgoingRequest>> mPending;  // not started yet; canStart() says why
+    std::deque<std::unique_ptr<OutgoingRequest>> mPending;  // not started yet, see canStart()
     bool mHasResponse = false;                              // a response has arrived since mIoStarted
     std::chrono::steady_clock::time_point mIoStarted;
     int mPollMilliseconds = 0;

@@ -25,9 +25,9 @@ struct HttpOptions {
     /// The maximum time for name resolution, TCP and TLS together: 1 ms to 1 hour.
     std::chrono::milliseconds connectTimeout{5000};
 
-    /// The maximum time for the whole exchange: 1 ms to 1 hour. While another request opens the connection that a
-    /// request will share, the request waits. This wait does not count. It is at most connectTimeout, or twice that if
-    /// more than 100 requests wait.
+    /// The maximum time for the whole exchange: 1 ms to 1 hour. A request may first wait until another request has
+    /// opened a connection that both share. This wait is not included. It takes at most connectTimeout, or twice that
+    /// if more than 100 requests wait.
     std::chrono::milliseconds totalTimeout{10000};
 
     /// The maximum size of a response body: 1 byte to 1 GiB. A request with a larger response fails.
