@@ -33,7 +33,7 @@ using ListenerCall = void (ILiveTrancodingDelegate::*)(int errCode, std::string 
 /// The codes that the listener receives for failures.
 struct ListenerCodes {
     int transportError;
-    int unreadableError;  ///< an empty or unreadable response, or a refused call
+    int unreadableError;  ///< an empty or unreadable response, or a refused operation
     int serverErrorBase;  ///< service code c becomes listener code `serverErrorBase - |c|`
 };
 
@@ -187,7 +187,7 @@ std::string cancelMixBody(const Envelope& envelope, const Sender& sender);
 /// the next number.
 int firstUserLayer(bool isPureAudio);
 
-/// The text with which the trace of a mix start begins: "task_id:…, pureAudioOutputStream:…, stream: " and a JSON
+/// The string with which the trace of a mix start begins: "task_id:…, pureAudioOutputStream:…, stream: " and a JSON
 /// object. The object has fewer keys than the body: it has no sizes and no output numbers.
 std::string mixDescription(int index, const Sender& sender, const kstmedia::VexaTranscodingConfigInternal& config);
 
@@ -217,8 +217,8 @@ struct Evaluation {
 /// Evaluates the final response to a request of this kind: the one after which it is not sent again.
 Evaluation evaluate(int retCode, const std::string& response, int kind);
 
-/// The text that one response adds to the trace of its request. `retriesLeft` is the value of the retry counter that
-/// traces of this kind show.
+/// The string that one response adds to the trace of its request. `retriesLeft` is the value of the retry counter that
+/// traces of this request kind show.
 std::string traceSegment(int retriesLeft, int retCode, const std::string& response);
 
 }  // namespace vexalive::requests

@@ -34,7 +34,7 @@ struct Refusal;
 struct Sender;
 }  // namespace vexalive::requests
 
-/// The order of mix inputs: lower layers first. Any thread.
+/// The order of the inputs of a mix: whether the layer of `a` is below the layer of `b`. Any thread may call.
 bool LiveTranscodingAdapterSortFun(const kstmedia::VexaMixUserInternal& a, const kstmedia::VexaMixUserInternal& b);
 
 /// Relays and mixes the streams of one room. No operation blocks. Each operation except clear() and
@@ -42,9 +42,9 @@ bool LiveTranscodingAdapterSortFun(const kstmedia::VexaMixUserInternal& a, const
 /// listener receives the outcome (ILiveTrancodingDelegate.h). If a request fails temporarily, the adapter sends it
 /// again on the schedule of base/RetrySchedule.h.
 ///
-/// A start, an update, a stop or a cancel supersedes earlier relay work or earlier mix work: the adapter drops the
-/// earlier tasks that have not begun, and ignores the responses to earlier requests. ILiveTrancodingDelegate.h lists
-/// the exceptions.
+/// Each relay operation supersedes earlier relay work; each mix operation supersedes earlier mix work; resetInfo()
+/// supersedes both. To supersede means: the adapter drops the earlier tasks that have not begun, and ignores the
+/// responses to the earlier requests. ILiveTrancodingDelegate.h lists the exceptions.
 ///
 /// Room event reports (base/EventReport.h): the adapter reports the final response to each request, each refused start
 /// and each start before room entry. A start before room entry is reported a second time when its request ends. A

@@ -75,7 +75,7 @@ struct HttpExchange {
         kDelivered,  ///< The callback has returned, or the client no longer exists. Observed on the delivery thread.
     };
     Phase phase;                        ///< The phase that has begun.
-    uint64_t id;                        ///< Number of the exchange in the process, from 1.
+    uint64_t id;                        ///< Unique in the process; the first exchange has 1.
     std::string_view interfaceName;     ///< Last segment of the URL's path; valid during the call.
     size_t bytesSent;                   ///< Length of the request body.
     std::string_view body;              ///< Request body at kStarted, otherwise empty; valid during the call.
