@@ -28,12 +28,12 @@ struct LiveMediaEvent {
         kLine,            ///< the process wrote a log line
         kRefusedPublish,  ///< the origin was not allowed to accept a publisher
     };
-    Kind kind = Kind::kState;
-    std::string subject;    ///< the process: "origin", "relay" or "mix"
-    std::string streamId;   ///< the relayed stream, the output of the mix, or the stream of the refused publisher
-    std::string state;      ///< for kState: "starting", "running", "reconnecting", "stopping", "stopped" or "failed"
-    std::string text;       ///< the last error, the log line, or the reason for the refusal
-    uint64_t restarts = 0;  ///< for kState: number of restarts of the process
+    Kind kind = Kind::kState;  ///< what happened
+    std::string subject;       ///< the process: "origin", "relay" or "mix"
+    std::string streamId;      ///< the relayed stream, the output of the mix, or the stream of the refused publisher
+    std::string state;         ///< for kState: "starting", "running", "reconnecting", "stopping", "stopped" or "failed"
+    std::string text;          ///< the last error, the log line, or the reason for the refusal
+    uint64_t restarts = 0;     ///< for kState: number of restarts of the process
 };
 
 }  // namespace vexalive

@@ -40,7 +40,7 @@ private:
 /// A task that must not run before its deadline.
 struct DelayTask {
     std::chrono::steady_clock::time_point deadline;  ///< the task runs at this time or later
-    KstTask task;
+    KstTask task;                                    ///< runs once
 };
 
 /// Orders the heap so that the earliest deadline is at the front. Equal deadlines have no order.
