@@ -160,10 +160,10 @@ class OpenApiTest(unittest.TestCase):
     def test_every_path_and_method_is_described(self):
         with open(SOURCE, encoding="utf-8") as file:
             source = file.read()
-        folder = re.search(r'kFolder = "([^"]+)"', source).group(1)
-        served = set(re.findall(r'constexpr const char\* k\w+ = "(/[^"]*)"', source)) - {folder} | {"/"}
+        prefix = re.search(r'kInterfacePrefix = "([^"]+)"', source).group(1)
+        served = set(re.findall(r'constexpr const char\* k\w+ = "(/[^"]*)"', source)) - {prefix} | {"/"}
         interfaces = self.document["components"]["schemas"]["InterfaceName"]["enum"]
-        served |= {folder + name for name in interfaces}
+        served |= {prefix + name for name in interfaces}
         self.assertEqual(served, set(self.document["paths"]))
         for path, item in self.document["paths"].items():
             for method in ("GET", "POST", "PUT", "DELETE", "PATCH"):
