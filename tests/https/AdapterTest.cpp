@@ -38,39 +38,39 @@ using vexalive::LiveService;
 
 LiveService* service = nullptr;
 
-Fault of(Fault::Kind kind) {
+Fault makeFault(Fault::Kind kind) {
     Fault fault;
     fault.kind = kind;
     return fault;
 }
 
-Fault failing(int count) {
-    Fault fault = of(Fault::Kind::kStatus);
+Fault statusFault(int count) {
+    Fault fault = makeFault(Fault::Kind::kStatus);
     fault.count = count;
     return fault;
 }
 
-constexpr int kUntilCleared = 0;  // for `count`
+constexpr int kUntilCleared = 0;  // as `Fault::count`: the fault applies until clearFaults()
 
-// While true, the service carries requests out and withholds the responses.
+// While true, the service executes each request but withholds the response.
 std::atomic<bool> holdsResponses{false};
 
-// The last owner may be a task that is just ending.
+// Waits because a task that is about to end may still own the adapter.
 bool waitUntilDestroyed(const std::weak_ptr<LiveTranscodingAdapter>& adapter) {
     return pollUntil([&] { return adapter.expired(); });
 }
 
-std::string streamOf(const std::string& userId) {
+std::string streamIdOf(const std::string& userId) {
     return "8888_" + kstmedia::getMD5("r1_" + userId + "_main");
 }
 
-// The exchanges of the process, by member.
+// Records the phases of all HTTP exchanges of the process. Queries select those of one member.
 class ExchangeLog {
 public:
     struct Exchange {
         HttpExchange::Phase phase;
         std::string streamId;
-        std::string text;  // everything that the observer receives
+        std::string text;  // interface name, request body and response, as the observer received them
         std::chrono::steady_clock::time_point when;
     };
 
@@ -87,27 +87,27 @@ public:
 
     void clear() { mJournal.clear(); }
 
-    // Waits until the member's exchanges have passed `phases` phases; an exchange has three.
+    // Waits for `phases` phases of the member's exchanges. A complete exchange has three phases.
     std::vector<Exchange> waitFor(size_t phases, const std::string& userId) const {
-        return mJournal.waitFor(phases, [&](const Exchange& each) { return each.streamId == streamOf(userId); });
+        return mJournal.waitFor(phases, [&](const Exchange& each) { return each.streamId == streamIdOf(userId); });
     }
 
-    // Waits until the member has sent `count` requests; returns all that it has sent.
+    // Waits until the member has sent `count` requests; returns all sends so far.
     std::vector<Exchange> waitForSends(size_t count, const std::string& userId) const {
         return mJournal.waitFor(count, [&](const Exchange& each) {
-            return each.phase == HttpExchange::kStarted && each.streamId == streamOf(userId);
+            return each.phase == HttpExchange::kStarted && each.streamId == streamIdOf(userId);
         });
     }
     std::vector<Exchange> sends(const std::string& userId) const { return waitForSends(0, userId); }
 
-    // Waits until the responses to all requests of the member are delivered or dropped.
-    void waitForSilence(const std::string& userId) const { waitFor(3 * sends(userId).size(), userId); }
+    // Waits until each response to the member is delivered or dropped.
+    void waitUntilIdle(const std::string& userId) const { waitFor(3 * sends(userId).size(), userId); }
 
     std::vector<Exchange> all() const { return mJournal.all(); }
 
 private:
     std::mutex mMutex;
-    std::map<uint64_t, std::string> mStreams;  // by exchange
+    std::map<uint64_t, std::string> mStreams;  // stream id by exchange id
     Journal<Exchange> mJournal;
 };
 
@@ -142,10 +142,11 @@ protected:
         holdsResponses = false;
     }
 
-    // A member whose next operation sends a request of this kind. Nothing is in flight, and earlier exchanges, reports
-    // and notifications are cleared.
-    std::unique_ptr<Member> ready(oracle::Kind kind, const std::string& userId,
-                                  const std::string& userSig = "signature", const std::string& mapKey = "key") {
+    // A member for which an operation of this kind sends a request. A stop or cancel needs an earlier start: it is
+    // complete, and its exchanges, reports and notifications are cleared.
+    std::unique_ptr<Member> makeReadyMember(oracle::Kind kind, const std::string& userId,
+                                            const std::string& userSig = "signature",
+                                            const std::string& mapKey = "key") {
         auto member = std::make_unique<Member>(userId, userSig, mapKey);
         if (const oracle::Kind start = oracle::startOf(kind); start != kind) {
             callOperation(*member->adapter, start);
@@ -160,7 +161,7 @@ protected:
         return member;
     }
 
-    // Everything that was logged, reported, notified, observed of exchanges and recorded by the service.
+    // All log lines, event reports, listener messages and exchanges, and the state of the service.
     std::string allOutput(const Listener& listener) const {
         std::string all = service->stateJson();
         for (const std::string& line : mLines->all()) {
@@ -178,7 +179,7 @@ protected:
         return all;
     }
 
-    // Shared with the hooks, of which a last call may outlive the test.
+    // Shared with the hooks: their last calls may come after the end of the test.
     std::shared_ptr<Journal<vexalive::EventReport>> mReports = std::make_shared<Journal<vexalive::EventReport>>();
     std::shared_ptr<Journal<std::string>> mLines = std::make_shared<Journal<std::string>>();
     std::shared_ptr<ExchangeLog> mExchanges = std::make_shared<ExchangeLog>();
@@ -198,7 +199,7 @@ INSTANTIATE_TEST_SUITE_P(, EachRequest, testing::ValuesIn(kKinds),
 TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
     Member member("u-both");
     const auto state = [] { return nlohmann::json::parse(service->stateJson()); };
-    const auto isRelayed = [&] { return state().at("relays").dump().find(streamOf("u-both")) != std::string::npos; };
+    const auto isRelayed = [&] { return state().at("relays").dump().find(streamIdOf("u-both")) != std::string::npos; };
     auto expectSuccess = [&, count = size_t{0}](oracle::Kind kind, int users = 2) mutable {
         callOperation(*member.adapter, kind, users);
         EXPECT_EQ(success(kind), member.listener->calls.waitFor(++count).back());
@@ -213,7 +214,7 @@ TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
 
     const auto mixes = state().at("mixes");
     const auto mix = std::find_if(mixes.begin(), mixes.end(),
-                                  [](const auto& each) { return each.at("output_stream_id") == streamOf("u-both"); });
+                                  [](const auto& each) { return each.at("output_stream_id") == streamIdOf("u-both"); });
     ASSERT_NE(mixes.end(), mix);
     EXPECT_EQ(false, mix->at("running"));
     EXPECT_EQ(3u, mix->at("inputs").size());
@@ -225,13 +226,13 @@ TEST_F(AdapterOverHttps, ARelayAndAMixOfOneMemberRunSideBySide) {
     EXPECT_THAT(history, ElementsAre(Pair("start", 2), Pair("update", 3), Pair("cancel", testing::_)));
 }
 
-// The subject is the retry timer, so this measures time.
-TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
+// Exception to the rule that no test asserts elapsed time: the retry delays are under test.
+TEST_F(AdapterOverHttps, EachRequestIsRetriedOnItsScheduleInRealTime) {
     std::map<oracle::Kind, std::unique_ptr<Member>> members;
     for (const oracle::Kind kind : kKinds) {
-        members[kind] = ready(kind, userOf("u-schedule-", kind));
+        members[kind] = makeReadyMember(kind, userOf("u-schedule-", kind));
     }
-    service->inject(failing(kUntilCleared));
+    service->inject(statusFault(kUntilCleared));
     for (const auto& [kind, member] : members) {
         callOperation(*member->adapter, kind);
     }
@@ -252,11 +253,11 @@ TEST_F(AdapterOverHttps, TheWholeScheduleOfEachRequestOnTheRealClock) {
 
 // ---- Destruction ----------------------------------------------------------------------------------------------------
 
-// The listener call comes on the thread that delivers responses.
+// Responses are delivered on the client's thread, which therefore destroys the adapter.
 TEST_P(EachRequest, ItsListenerCallMayDropTheAdapterWithAnotherSuchRequestInFlight) {
     for (int i = 0; i < 20; ++i) {
         const std::string userId = userOf("u-twice" + std::to_string(i), GetParam());
-        const auto member = ready(GetParam(), userId);
+        const auto member = makeReadyMember(GetParam(), userId);
         const std::weak_ptr<LiveTranscodingAdapter> adapter = member->adapter;
         Gate called;
         member->listener->during = [&](const Call&) {
@@ -271,15 +272,15 @@ TEST_P(EachRequest, ItsListenerCallMayDropTheAdapterWithAnotherSuchRequestInFlig
         EXPECT_EQ(1u, member->listener->calls.waitFor(1).size());
         ASSERT_TRUE(waitUntilDestroyed(adapter));
         holdsResponses = false;
-        mExchanges->waitForSilence(userId);
+        mExchanges->waitUntilIdle(userId);
         EXPECT_THAT(member->listener->calls.all(), ElementsAre(success(GetParam())));
     }
 }
 
-// A call that the adapter refuses: a task on the worker notifies the listener.
+// An operation that the adapter refuses without a request. A task on the loop's worker notifies the listener.
 struct RefusedCall {
     const char* name;
-    std::optional<oracle::Kind> inFlight;  // a stop is refused only if nothing has been started
+    std::optional<oracle::Kind> inFlight;  // request of the other family that is in flight at the refused call
     std::function<void(LiveTranscodingAdapter& adapter)> call;
 };
 
@@ -318,7 +319,7 @@ TEST_P(EachRefusedCall, ItsListenerCallMayDropTheAdapter) {
         EXPECT_EQ(1u, member.listener->calls.waitFor(1).size());
         ASSERT_TRUE(waitUntilDestroyed(adapter));
         holdsResponses = false;
-        mExchanges->waitForSilence(userId);
+        mExchanges->waitUntilIdle(userId);
         EXPECT_EQ(1u, member.listener->calls.size());
     }
 }
@@ -328,29 +329,29 @@ TEST_P(EachRefusedCall, ItsListenerCallMayDropTheAdapter) {
 constexpr const char* kSignature = "S1gn4tur3";
 constexpr const char* kMapKey = "M4pK3y";
 
-// Success after a retry, refusal by the service, and two failures of the transport.
+// Covers four outcomes: success after a retry, a refusal by the service, and two failures of the transport.
 TEST_P(EachRequest, ShowsTheSignatureAndTheMapKeyInNoOutput) {
-    const auto member = ready(GetParam(), "u-secret", kSignature, kMapKey);
+    const auto member = makeReadyMember(GetParam(), "u-secret", kSignature, kMapKey);
     auto call = [&member, count = size_t{0}]() mutable {
         callOperation(*member->adapter, GetParam());
         return member->listener->calls.waitFor(++count).back();
     };
-    service->inject(of(Fault::Kind::kGarbage));
+    service->inject(makeFault(Fault::Kind::kGarbage));
     EXPECT_EQ(success(GetParam()), call());
-    Fault refusal = of(Fault::Kind::kCode);
+    Fault refusal = makeFault(Fault::Kind::kCode);
     refusal.code = 77;
     service->inject(refusal);
     EXPECT_EQ(oracle::rulesOf(GetParam()).serverBase - 77, call().code);
-    service->inject(of(Fault::Kind::kHuge));
+    service->inject(makeFault(Fault::Kind::kHuge));
     EXPECT_EQ(transportFailure(1063), call());
     member->adapter->updateUserInfo(1400, std::string(kSignature) + " with a blank", "u-secret");
     EXPECT_EQ(transportFailure(1003), call());
     EXPECT_EQ(4u, mReports->waitFor(4).size());
-    EXPECT_EQ(5u, mExchanges->sends("u-secret").size());  // only the first was retried
+    EXPECT_EQ(5u, mExchanges->sends("u-secret").size());  // four calls; only the first was retried
 
     const std::string all = allOutput(*member->listener);
-    EXPECT_THAT(all, HasSubstr("r1_u-secret"));  // so the reports and the requests are in it
-    EXPECT_THAT(all, HasSubstr(streamOf("u-secret")));
+    EXPECT_THAT(all, HasSubstr("r1_u-secret"));           // proves that `all` contains the reports
+    EXPECT_THAT(all, HasSubstr(streamIdOf("u-secret")));  // and the requests
     EXPECT_THAT(all, Not(HasSubstr(kSignature)));
     EXPECT_THAT(all, Not(HasSubstr(kMapKey)));
 }

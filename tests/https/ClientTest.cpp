@@ -32,8 +32,8 @@ using namespace std::chrono_literals;
 
 using Connection = ScriptedServer::Connection;
 
-constexpr size_t kLimit = 100000;  // of a response
-// Return codes of errors that no retry fixes.
+constexpr size_t kLimit = 100000;  // HttpOptions::maxResponseBytes in this program
+// Return codes that the adapter does not retry.
 constexpr int kNotHttps = CVexaHttpSendRecv::kTransportErrorBase + 1;
 constexpr int kMalformedAddress = CVexaHttpSendRecv::kTransportErrorBase + 3;
 constexpr int kOverLimit = CVexaHttpSendRecv::kTransportErrorBase + 63;
@@ -92,7 +92,7 @@ ScriptedServer::Script onRequest(std::function<void(Connection& connection, cons
     };
 }
 
-// The body describes the error as JSON without a code: the adapter neither retries it nor evaluates a code.
+// The body must be JSON that describes the error and has no code: the adapter then neither retries nor reads a code.
 void expectExplained(const Reply& reply, int retCode) {
     EXPECT_EQ(retCode, reply.retCode);
     const json::Value description = json::Deserialize(reply.body);
@@ -100,9 +100,9 @@ void expectExplained(const Reply& reply, int retCode) {
     EXPECT_FALSE(description.HasKey("code") || description.HasKey("ErrorCode")) << reply.body;
 }
 
-// The resolution of "silent.invalid" waits for this.
+// getaddrinfo() blocks on this gate when it resolves "silent.invalid".
 Gate& silentNameServer() {
-    static auto& gate = *new Gate();  // a resolver may still wait at exit
+    static auto& gate = *new Gate();  // never destroyed: a resolver thread may still wait at the process's exit
     return gate;
 }
 
@@ -113,7 +113,7 @@ int countEntries(const char* folder) {
 
 // ---- Before the first request ---------------------------------------------------------------------------------------
 
-// First in the file: the engine must not have been started.
+// These tests come first in the file, because the first request starts the client's engine for the whole process.
 TEST(HttpsClientFirst, ClientsThatSentNothingOwnNoThreadAndNoDescriptor) {
     const int threads = countEntries("/proc/self/task");
     const int descriptors = countEntries("/proc/self/fd");
@@ -139,16 +139,16 @@ TEST(HttpsClientFirst, OptionsOutOfRangeAreRefusedAndAllAreAfterTheFirstRequest)
     EXPECT_FALSE(vexalive::setHttpOptions({}));
 }
 
-// Before any timeout: after one, new connections are opened for a while.
+// Must run before any request times out: after a timeout, the client opens new connections for a while.
 TEST(HttpsClientFirst, AllClientsShareAConnectionThatIsFree) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(0, post(server.url()).retCode);  // a new client each
     }
     EXPECT_EQ(1, server.accepted());
 }
 
-// Until an HTTP/2 server has sent its settings, a connection has a hundred streams.
+// Until an HTTP/2 server has sent SETTINGS, libcurl opens at most 100 streams on a connection.
 TEST(HttpsClientFirst, RequestsBeyondTheCapacityOfTheOnlyConnectionWaitForIt) {
     ScriptedServer::Options options;
     options.http2 = true;
@@ -202,7 +202,7 @@ TEST(HttpsClient, EachResponseHasItsReturnCode) {
     };
     const std::string head = "HTTP/1.1 200 OK\r\n";
     std::vector<Case> cases = {
-        // Other points where a response may end are rows of the fault matrix.
+        // The fault matrix has the other points at which a response may be cut off.
         {head + "Content-Length: 9\r\n\r\n", 1, true},
         {head + "Transfer-Encoding: chunked\r\n\r\n9\r\n{\"c", 1, true},
         {httpResponse(200, std::string(kLimit, 'x')), 0},
@@ -235,15 +235,15 @@ TEST(HttpsClient, EachResponseHasItsReturnCode) {
 }
 
 TEST(HttpsClient, ARedirectIsReportedAndNotFollowed) {
-    ScriptedServer elsewhere(answering(httpResponse(200, "{}")));
-    ScriptedServer server(answering(httpResponse(301, "", "Location: " + elsewhere.url() + "\r\n")));
+    ScriptedServer elsewhere(alwaysRespond(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(301, "", "Location: " + elsewhere.url() + "\r\n")));
     EXPECT_EQ(301, post(server.url()).retCode);
     EXPECT_EQ(0, elsewhere.accepted());
 }
 
 TEST(HttpsClient, AResponseThatIsNotHttpIsNoSuccess) {
     for (const char* start : {"HTTP/1.1 000 Zero", "HTTP/1.1 001 One", "\x01\x02 garbage \xff\r\n\r\n"}) {
-        ScriptedServer server(answering(std::string(start) + "\r\nContent-Length: 2\r\n\r\n{}"));
+        ScriptedServer server(alwaysRespond(std::string(start) + "\r\nContent-Length: 2\r\n\r\n{}"));
         EXPECT_GE(post(server.url()).retCode, CVexaHttpSendRecv::kTransportErrorBase) << start;
     }
     ScriptedServer plain([](Connection& connection) {
@@ -265,13 +265,13 @@ TEST(HttpsClient, ManyRequestsToAServerThatNeverHandshakesAllTimeOut) {
     }
 }
 
-TEST(HttpsClient, ATls12ServerIsServed) {
-    ScriptedServer server({CertificateFault::kNone, TLS1_2_VERSION}, answering(httpResponse(200, "{}")));
+TEST(HttpsClient, AServerWithTls12AtMostIsAccepted) {
+    ScriptedServer server({CertificateFault::kNone, TLS1_2_VERSION}, alwaysRespond(httpResponse(200, "{}")));
     EXPECT_EQ(0, post(server.url()).retCode);
 }
 
 TEST(HttpsClient, AnUnusableAddressIsNotRetryableAndNothingIsSent) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     for (const std::string& path :
          {std::string("/x?usersig=a b"), std::string("/x?usersig=a\nb"), std::string("/x?a\0b", 6)}) {
         expectExplained(post(server.url(path)), kMalformedAddress);
@@ -286,7 +286,7 @@ TEST(HttpsClient, AnUnusableAddressIsNotRetryableAndNothingIsSent) {
 
 TEST(HttpsClient, AConnectionThatTheServerClosedMeanwhileIsReplaced) {
     ScriptedServer server(onRequest([](Connection& connection, const std::string&) {
-        connection.write(httpResponse(200, "{}"));  // and closes, without announcing it
+        connection.write(httpResponse(200, "{}"));  // the script ends: the server closes without "Connection: close"
     }));
     CVexaHttpSendRecv client;
     for (int i = 0; i < 20; ++i) {
@@ -298,7 +298,7 @@ TEST(HttpsClient, AConnectionThatTheServerClosedMeanwhileIsReplaced) {
 // ---- Delivery -------------------------------------------------------------------------------------------------------
 
 TEST(HttpsClient, ResponsesComeOnAThreadOfTheClientsAndOneAtATime) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     std::atomic<int> running{0};
     std::atomic<int> overlaps{0};
     Journal<std::thread::id> threads;
@@ -317,8 +317,8 @@ TEST(HttpsClient, ResponsesComeOnAThreadOfTheClientsAndOneAtATime) {
 }
 
 TEST(HttpsClient, CallbacksThatBlockDelayNoOtherClient) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
-    Gate release;  // outlives the clients, whose destructors wait for the callbacks
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
+    Gate release;  // declared before the clients: their destructors wait for callbacks that use it
     Journal<bool> blocked;
     std::vector<std::unique_ptr<CVexaHttpSendRecv>> clients;
     for (int i = 0; i < 8; ++i) {
@@ -330,14 +330,14 @@ TEST(HttpsClient, CallbacksThatBlockDelayNoOtherClient) {
     }
     EXPECT_TRUE(blocked.await(clients.size()));
     EXPECT_EQ(0, post(server.url()).retCode);
-    std::this_thread::sleep_for(2500ms);  // longer than an idle thread lives
+    std::this_thread::sleep_for(2500ms);  // longer than an idle delivery thread lives
     EXPECT_EQ(0, post(server.url()).retCode);
     release.open();
 }
 
 TEST(HttpsClient, ResponsesOfOneClientAreDeliveredInTheOrderOfTheirArrival) {
     constexpr int kLast = 4;
-    std::atomic<int> next{1};  // the next request to respond to; the client has read the previous response
+    std::atomic<int> next{1};  // number of the request whose response comes next
     Gate allRead;
     ScriptedServer server([&](Connection& connection) {
         if (!connection.handshake()) {
@@ -365,11 +365,11 @@ TEST(HttpsClient, ResponsesOfOneClientAreDeliveredInTheOrderOfTheirArrival) {
 }
 
 TEST(HttpsClient, ASilentNameServerDelaysNoOtherRequest) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     CVexaHttpSendRecv client;
     std::future<Reply> lost = send(client, "https://silent.invalid/");
     EXPECT_EQ(0, post(server.url()).retCode);
-    EXPECT_EQ(1, wait(std::move(lost)).retCode);  // while the resolver still waits
+    EXPECT_EQ(1, wait(std::move(lost)).retCode);  // times out while the resolver still blocks
     EXPECT_EQ(0, post(server.url()).retCode);
     silentNameServer().open();
 }
@@ -383,7 +383,7 @@ TEST(HttpsClient, AServerThatResetsWhileALargeBodyIsWrittenEndsNoProcess) {
     EXPECT_EQ(1, post(server.url(), std::string(size_t{8} << 20, 'x')).retCode);
 }
 
-// The threads of this process that do. These are the client's, while it does the I/O, and a sanitizer's own.
+// The threads of this process that block the signal: the client's I/O thread during I/O, and threads of a sanitizer.
 std::vector<pid_t> threadsThatBlock(int signal) {
     std::vector<pid_t> threads;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -398,7 +398,7 @@ std::vector<pid_t> threadsThatBlock(int signal) {
     return threads;
 }
 
-// A library that writes to a closed connection raises the signal.
+// TLS libraries raise SIGPIPE when they write to a closed connection.
 TEST(HttpsClient, ABrokenPipeSignalDuringTheIoIsDiscarded) {
     size_t raised = 0;
     ScriptedServer server(onRequest([&raised](Connection& connection, const std::string&) {
@@ -409,11 +409,11 @@ TEST(HttpsClient, ABrokenPipeSignalDuringTheIoIsDiscarded) {
     }));
     EXPECT_EQ(0, post(server.url()).retCode);
     EXPECT_GE(raised, 1u);
-    EXPECT_EQ(0, post(ScriptedServer(answering(httpResponse(200, "{}"))).url()).retCode);
+    EXPECT_EQ(0, post(ScriptedServer(alwaysRespond(httpResponse(200, "{}"))).url()).retCode);
 }
 
 TEST(HttpsClient, ACallbackMaySendAgain) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     CVexaHttpSendRecv client;
     Gate done;
     int remaining = 10;
@@ -431,7 +431,7 @@ TEST(HttpsClient, ACallbackMaySendAgain) {
 // ---- Destruction ----------------------------------------------------------------------------------------------------
 
 TEST(HttpsClient, MayBeDestroyedInItsOwnCallback) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     for (int i = 0; i < 50; ++i) {
         auto client = std::make_shared<CVexaHttpSendRecv>();
         Gate done;
@@ -445,7 +445,7 @@ TEST(HttpsClient, MayBeDestroyedInItsOwnCallback) {
 }
 
 TEST(HttpsClient, NoCallbackBeginsOnceTheClientIsDestroyed) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     std::atomic<int> late{0};
     for (int i = 0; i < 300; ++i) {
         const auto isDestroyed = std::make_shared<std::atomic<bool>>(false);
@@ -458,7 +458,7 @@ TEST(HttpsClient, NoCallbackBeginsOnceTheClientIsDestroyed) {
             });
         }
         if (i % 2 == 0) {
-            EXPECT_TRUE(begun->pass());  // the other responses are on their way
+            EXPECT_TRUE(begun->pass());  // now the client is destroyed while two responses are in flight
         } else {
             std::this_thread::yield();
         }
@@ -470,7 +470,7 @@ TEST(HttpsClient, NoCallbackBeginsOnceTheClientIsDestroyed) {
 }
 
 TEST(HttpsClient, TheDestructorWaitsForACallbackOnAnotherThread) {
-    ScriptedServer server(answering(httpResponse(200, "{}")));
+    ScriptedServer server(alwaysRespond(httpResponse(200, "{}")));
     auto client = std::make_unique<CVexaHttpSendRecv>();
     Gate entered;
     Gate release;
@@ -496,7 +496,7 @@ TEST(HttpsClient, ARequestReachesTheServerWithoutACallbackAndAfterItsClientIsDes
         }));
         auto client = std::make_unique<CVexaHttpSendRecv>();
         if (hasCallback) {
-            sendTo(*client, server.url(), [](auto&&...) { ADD_FAILURE() << "notified after the destruction"; });
+            sendTo(*client, server.url(), [](auto&&...) { ADD_FAILURE() << "callback after the destruction"; });
             client.reset();
         } else {
             sendTo(*client, server.url(), nullptr, "");
@@ -513,13 +513,13 @@ TEST(HttpsClient, TheObserverReceivesEachPhaseAndNeverTheAddress) {
     Journal<Phase> phases;
     Journal<uint64_t> ids;
     vexalive::setHttpObserver([&](const HttpExchange& exchange) {
-        if (exchange.interfaceName == "remove_relay_stream_url") {  // an exchange of an earlier test may still end
+        if (exchange.interfaceName == "remove_relay_stream_url") {  // ignores exchanges of earlier tests
             ids.add(exchange.id);
             phases.add({exchange.phase, exchange.bytesSent, std::string(exchange.body), exchange.retCode,
                         std::string(exchange.response)});
         }
     });
-    ScriptedServer server(answering(httpResponse(404, "nothing here")));
+    ScriptedServer server(alwaysRespond(httpResponse(404, "nothing here")));
     CVexaHttpSendRecv client;
     wait(send(client, server.url("/v3/liveinterface/remove_relay_stream_url?usersig=secret/x"), "{\"a\":1}"));
     EXPECT_TRUE(phases.await(3));
@@ -534,7 +534,7 @@ TEST(HttpsClient, TheObserverReceivesEachPhaseAndNeverTheAddress) {
 
 }  // namespace
 
-// Replaces the system's function, for the one name that is never resolved.
+// Replaces the function of libc: blocks for "silent.invalid" and forwards all other names.
 extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** result) {
     using Function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
     static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "getaddrinfo"));

@@ -1,4 +1,4 @@
-// The example programs as child processes against the local service: their output, and the requests that they send.
+// Runs the example programs against the local service and checks their output and their requests.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ constexpr const char* kAddRelay = "add_relay_stream_url";
 constexpr const char* kRemoveRelay = "remove_relay_stream_url";
 constexpr const char* kSetMix = "set_live_mix_transcoding";
 
-std::string streamOf(const std::string& user) {
+std::string streamIdOf(const std::string& user) {
     return "8888_" + kstmedia::getMD5("room_" + user + "_main");
 }
 
@@ -38,7 +38,7 @@ protected:
     Example() { EXPECT_TRUE(mService.start()); }
     ~Example() override { std::filesystem::remove_all(mFolder); }
 
-    // The exit status.
+    // Runs a program to its end and returns its exit status.
     int run(const std::vector<std::string>& arguments) {
         ChildProcess program(arguments, {{"VEXALIVE_SERVICE_HOST", mService.address()},
                                          {"VEXALIVE_CA_FILE", mService.caFile()},
@@ -93,7 +93,7 @@ TEST_F(Example, RelayIsAddedAndRemoved) {
     EXPECT_EQ("0 sucess\n0 sucess\n", mOutput);
     EXPECT_THAT(requests(), ElementsAre(Pair(kAddRelay, 0), Pair(kRemoveRelay, 0)));
     const json body = json::parse(mState.at("requests").at(0).at("body").get<std::string>());
-    EXPECT_EQ(streamOf("alice"), body.at("stream_id"));
+    EXPECT_EQ(streamIdOf("alice"), body.at("stream_id"));
     EXPECT_EQ("rtmp://cdn.example/live/stream", body.at("dest_stream_url"));
     EXPECT_THAT(mState.at("relays"), IsEmpty());
 }
@@ -111,7 +111,7 @@ TEST_F(Example, RelayExitsWithOneWithoutAnAddress) {
     EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(Example, RoomRequestsARelayAndAMixBeforeItsEntryUpdatesTheMixAndEndsBoth) {
+TEST_F(Example, RoomStartsRelayAndMixBeforeTheRoomIsEnteredAndStopsBoth) {
     EXPECT_EQ(0, run({EXAMPLE_ROOM})) << mErrors;
 
     const auto all = requests();
@@ -124,7 +124,7 @@ TEST_F(Example, RoomRequestsARelayAndAMixBeforeItsEntryUpdatesTheMixAndEndsBoth)
 
     ASSERT_EQ(1u, mState.at("mixes").size());
     const json& mix = mState.at("mixes").at(0);
-    EXPECT_EQ(streamOf("alice"), mix.at("output_stream_id"));
+    EXPECT_EQ(streamIdOf("alice"), mix.at("output_stream_id"));
     EXPECT_EQ(false, mix.at("running"));
     std::vector<std::pair<std::string, int>> history;
     for (const json& update : mix.at("history")) {
@@ -134,7 +134,7 @@ TEST_F(Example, RoomRequestsARelayAndAMixBeforeItsEntryUpdatesTheMixAndEndsBoth)
 
     EXPECT_EQ(json({{"width", 1280}, {"height", 720}, {"color", "0x000000"}}), mix.at("canvas"));
     const auto half = [](const char* user, int layer, int x) {
-        return json{{"stream_id", streamOf(user)},
+        return json{{"stream_id", streamIdOf(user)},
                     {"type", "video"},
                     {"layer", layer},
                     {"x", x},
@@ -145,7 +145,7 @@ TEST_F(Example, RoomRequestsARelayAndAMixBeforeItsEntryUpdatesTheMixAndEndsBoth)
     EXPECT_EQ(json::array({half("alice", 2, 0), half("bob", 3, 640)}), mix.at("inputs"));
     EXPECT_EQ(json({{"output_stream_bitrate", 1500}, {"output_stream_frame_rate", 15}}), mix.at("output"));
 
-    // The output, and the log of the SDK with the two requests that waited for the room.
+    // Standard output lists the steps. Standard error has the SDK's log lines of the two requests that were deferred.
     const std::string steps[] = {
         "alice requests a relay and a mix of three; both wait until she has entered the room\n"
         "alice enters the room: both are sent\n",
@@ -164,7 +164,7 @@ TEST_F(Example, RoomRequestsARelayAndAMixBeforeItsEntryUpdatesTheMixAndEndsBoth)
     EXPECT_THAT(mErrors, testing::ContainsRegex("not enterRoom status(.|\n)*not enterRoom status"));
 }
 
-TEST_F(Example, RoomExitsWithOneIfTheMixIsRefusedAndEndsTheOther) {
+TEST_F(Example, RoomExitsWithOneIfTheMixIsRefusedAndStopsTheRelay) {
     refuse(kSetMix, 1);
     EXPECT_EQ(1, run({EXAMPLE_ROOM}));
     EXPECT_THAT(mOutput, HasSubstr("  mix: failed with -300077, on request\n"));
@@ -175,7 +175,7 @@ TEST_F(Example, RoomExitsWithOneIfTheMixIsRefusedAndEndsTheOther) {
     EXPECT_THAT(mState.at("relays"), IsEmpty());
 }
 
-TEST_F(Example, RoomExitsWithOneIfTheRelayIsRefusedAndEndsTheOther) {
+TEST_F(Example, RoomExitsWithOneIfTheRelayIsRefusedAndStopsTheMix) {
     refuse(kAddRelay, 1);
     EXPECT_EQ(1, run({EXAMPLE_ROOM}));
     EXPECT_THAT(mOutput, HasSubstr("  relay: failed with -200077, on request\n"));

@@ -1,8 +1,8 @@
-// Exits while static, local and leaked adapters send requests. ExitTest runs it many times: it must exit with the
-// status 0 at any moment. Before the exit it prints how many requests are in flight.
+// A program that exits while static, local and leaked adapters send requests. ExitTest runs it many times and expects
+// exit status 0, whatever the moment of the exit. Just before, the program prints how many requests are in flight.
 //
-//     exit_probe HOW MICROSECONDS      HOW: return, exit, listener, quick
-//     exit_probe idle 0                exits slowly, with idle threads of the client
+//     exit_probe HOW MICROSECONDS      exits after MICROSECONDS; HOW is return, exit, listener or quick
+//     exit_probe idle 0                spends 1.5 s in an exit handler while the client has idle threads
 
 #include <unistd.h>
 
@@ -24,7 +24,7 @@
 
 namespace {
 
-std::unique_ptr<Member> staticMember;  // ends after main has
+std::unique_ptr<Member> staticMember;  // destroyed after main() has returned
 std::atomic<int> inFlight{0};
 
 void printInFlight() {
@@ -38,19 +38,20 @@ long countThreads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// A host that destroys its objects late. The client's threads must not end meanwhile: they would use these objects.
+// Simulates a host with slow exit handlers. No thread of the client may end while they run: a thread that ends uses
+// objects of the client that may already be destroyed.
 void exitSlowly() {
     const long threads = countThreads();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // a thread without work would end after a second
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // idle threads end after 1 s unless prevented
     if (countThreads() != threads) {
         std::_Exit(5);
     }
 }
 
-// Callbacks block until all have begun, so that there are more threads than the client retains.
+// All callbacks block until each has begun. This makes the client start more threads than it retains when they idle.
 int exitWithIdleThreads() {
     constexpr int kClients = 4;
-    std::atexit(&exitSlowly);  // registered before the first request, so it runs after the client's shutdown
+    std::atexit(&exitSlowly);  // registered before the client's own exit handler, so it runs after that one
     const std::string url = std::string("https://") + std::getenv("VEXALIVE_SERVICE_HOST") + "/";
     std::atomic<int> begun{0};
     std::promise<void> allBegun;
@@ -118,10 +119,10 @@ int main(int argc, char** argv) {
         local.push_back(work(std::make_unique<Member>("local")));
     }
     leaked[0]->adapter->setLiveMixTranscoding({});
-    ready = true;  // exit() must not run during these constructions
+    ready = true;  // from here on, a listener may call exit(): all members are constructed
     std::this_thread::sleep_for(moment);
     if (fromListener) {
-        std::this_thread::sleep_for(std::chrono::seconds(30));  // the listener's exit ends this
+        std::this_thread::sleep_for(std::chrono::seconds(30));  // a listener ends the process during this sleep
         return 3;
     }
     printInFlight();

@@ -1,5 +1,5 @@
-// A process may exit at any moment, with requests in flight: it neither hangs nor crashes. The environment variable
-// VEXALIVE_EXITS is the number of repetitions for each of the four ways to exit.
+// A process that exits with requests in flight neither hangs nor crashes, whatever the moment of the exit. The
+// environment variable VEXALIVE_EXITS sets the number of exits for each of the four ways to exit.
 
 #include <gtest/gtest.h>
 
@@ -15,24 +15,23 @@ namespace {
 
 constexpr int kMaxMicroseconds = 60'000;
 
-struct End {
-    int status;  // as of ChildProcess::awaitExit, which throws if the child hangs
-    int inFlight;
+struct ExitResult {
+    int status;    // from ChildProcess::awaitExit, which throws if the child hangs
+    int inFlight;  // requests at the moment of the exit
 };
 
-End run(const std::string& how, const std::string& microseconds) {
+ExitResult run(const std::string& how, const std::string& microseconds) {
     ChildProcess child({EXIT_PROBE, how, microseconds}, {});
     const int status = child.awaitExit();
     return {status, std::atoi(child.output().c_str())};
 }
 
-// Repetitions for each way to exit.
-int times() {
+int repetitions() {
     const char* given = std::getenv("VEXALIVE_EXITS");
     return given ? std::atoi(given) : 25;
 }
 
-// Serves the children, which find the address in their environment.
+// A server for the child processes. They inherit its address in the environment.
 class Service {
 public:
     Service() {
@@ -41,7 +40,7 @@ public:
     }
 
 private:
-    ScriptedServer mServer{answering(httpResponse(200, "{\"code\":0}"))};
+    ScriptedServer mServer{alwaysRespond(httpResponse(200, "{\"code\":0}"))};
 };
 
 class Exit : public testing::TestWithParam<const char*> {};
@@ -51,15 +50,15 @@ TEST_P(Exit, EndsAtAnyMomentWithRequestsInFlight) {
     const unsigned seed = std::random_device()();
     std::mt19937 random(seed);
     int withRequests = 0;
-    for (int i = 0; i < times(); ++i) {
+    for (int i = 0; i < repetitions(); ++i) {
         const int moment = static_cast<int>(random() % kMaxMicroseconds);
-        const End end = run(GetParam(), std::to_string(moment));
-        EXPECT_EQ(0, end.status) << GetParam() << " after " << moment << " us";
-        withRequests += end.inFlight > 0;
+        const ExitResult result = run(GetParam(), std::to_string(moment));
+        EXPECT_EQ(0, result.status) << GetParam() << " after " << moment << " us";
+        withRequests += result.inFlight > 0;
     }
-    std::printf("%s: %d exits, %d of them with requests in flight (seed %u)\n", GetParam(), times(), withRequests,
+    std::printf("%s: %d exits, %d of them with requests in flight (seed %u)\n", GetParam(), repetitions(), withRequests,
                 seed);
-    EXPECT_GT(withRequests, times() / 2);
+    EXPECT_GT(withRequests, repetitions() / 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(By, Exit, testing::Values("return", "exit", "listener", "quick"),

@@ -1,7 +1,7 @@
 // The fault matrix: each of the four kinds of request under each fault, on real sockets.
 //
-// Kinds and faults are data. A case is one kind under one fault; the oracle derives what it must lead to from the
-// responses in the fault's row.
+// Kinds and faults are data. A case is one kind under one fault. The fault lists the responses that the HTTPS client
+// delivers; from these, the oracle derives the expected listener calls.
 
 #ifndef VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_H
 #define VEXALIVE_TESTS_HTTPS_FAULT_MATRIX_H
@@ -27,7 +27,7 @@ struct Kind {
 
 const std::vector<Kind>& kinds();
 
-// What the HTTPS client hands to the adapter.
+// The arguments of the HTTPS client's callback to the adapter.
 struct Response {
     int retCode;
     std::string body;
@@ -40,16 +40,18 @@ struct Fault {
     const char* description;
     std::function<void(CaseEnvironment& environment)> inject;
     std::vector<Response> responses;  // one for each send
-    int requests;                     // that a server reads whole, of the client under test
+    int requests;                     // complete requests of the kind under test that a server reads
     Where where = kLoopback;
     std::chrono::milliseconds connectTimeout = std::chrono::seconds(30);
     std::chrono::milliseconds totalTimeout = std::chrono::seconds(60);
 
-    bool waits() const { return connectTimeout < std::chrono::seconds(30) || totalTimeout < std::chrono::seconds(60); }
-    bool isActiveFromTheStart() const { return where == kUnknownHost; }
+    bool waitsForATimeout() const {
+        return connectTimeout < std::chrono::seconds(30) || totalTimeout < std::chrono::seconds(60);
+    }
+    bool affectsTheEarlierStart() const { return where == kUnknownHost; }
 };
 
-// In the order of an exchange.
+// Ordered by the stage of an exchange: network, TLS, connection, response; HTTP/2 comes last.
 const std::vector<Fault>& faults();
 
 struct Case {

@@ -24,7 +24,7 @@ struct Slots {
 Slots workingSlots(8);
 Slots waitingSlots(40);  // for cases that mostly wait for a timeout
 
-std::map<std::string, std::future<CaseOutcome>> outcomes;  // by case
+std::map<std::string, std::future<CaseOutcome>> outcomes;  // by the case's name
 
 // Reserves a port of loopback. The port refuses connections until a server listens on it.
 class ReservedPort {
@@ -51,7 +51,7 @@ private:
     int mPort = 0;
 };
 
-// Removes the other variables of the tests.
+// The variables to change for the child process. An empty value removes an inherited variable.
 std::map<std::string, std::string> environmentFor(const Case& testCase, int port) {
     const std::string host = testCase.fault->where == Fault::kUnknownHost ? "no-such-host.invalid" : "127.0.0.1";
     std::map<std::string, std::string> environment = {{"VEXALIVE_SERVICE_HOST", host + ":" + std::to_string(port)},
@@ -59,7 +59,7 @@ std::map<std::string, std::string> environmentFor(const Case& testCase, int port
     for (char** each = environ; *each; ++each) {
         const std::string variable = *each;
         if (variable.rfind("GTEST_", 0) == 0 || variable.rfind("VEXALIVE_", 0) == 0) {
-            environment.emplace(variable.substr(0, variable.find('=')), "");  // removes it
+            environment.emplace(variable.substr(0, variable.find('=')), "");
         }
     }
     return environment;
@@ -78,7 +78,7 @@ CaseOutcome runAlone(const Case& testCase) {
     }
 }
 
-// The cases to run, by the name of their test.
+// The names of the cases that the current --gtest_filter selects.
 std::set<std::string> selectedCases() {
     std::set<std::string> names;
     const testing::TestSuite& suite = *testing::UnitTest::GetInstance()->current_test_suite();
@@ -99,7 +99,7 @@ void startCases() {
     for (const Case& testCase : matrixCases()) {
         if (selected.count(testCase.name()) > 0) {
             outcomes[testCase.name()] = std::async(std::launch::async, [testCase] {
-                sem_t& free = (testCase.fault->waits() ? waitingSlots : workingSlots).free;
+                sem_t& free = (testCase.fault->waitsForATimeout() ? waitingSlots : workingSlots).free;
                 sem_wait(&free);
                 CaseOutcome outcome = runAlone(testCase);
                 sem_post(&free);

@@ -96,7 +96,7 @@ void takeLoopbackDown() {
     configureLoopback(SIOCSIFFLAGS, {});
 }
 
-void takeLoopbackAddress() {
+void removeLoopbackAddress() {
     ifreq request{};
     request.ifr_addr.sa_family = AF_INET;  // 0.0.0.0
     configureLoopback(SIOCSIFADDR, request);

@@ -1,4 +1,4 @@
-// The rows of the matrix: each fault and its result.
+// The rows of the matrix: how each fault is injected, and the responses that the adapter must receive.
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
@@ -22,9 +22,9 @@ using namespace std::chrono_literals;
 using Connection = ScriptedServer::Connection;
 using Injection = std::function<void(CaseEnvironment&)>;
 
-constexpr int kAttempts = 11;
-constexpr int kAttemptsOfLibrary = 6;       // of a request that the server has refused to process
-constexpr size_t kLimit = size_t{1} << 20;  // of a response
+constexpr int kAttempts = 11;               // first send and all retries of the adapter
+constexpr int kAttemptsOfLibrary = 6;       // attempts of libcurl for one send that the server refuses with RST_STREAM
+constexpr size_t kLimit = size_t{1} << 20;  // default limit of a response, in bytes
 const std::string kSuccess = R"({"code":0,"message":"ok"})";
 const std::string kPage = "<html><body>a page of a proxy</body></html>";
 const std::string kHalf = R"({"code":0,"mess)";
@@ -51,7 +51,7 @@ std::vector<Response> refusedByLibrary(CURLcode reason) {
 
 // ---- Faults of the server -------------------------------------------------------------------------------------------
 
-using OnRequest = std::function<bool(Connection&)>;  // false: closes the connection
+using OnRequest = std::function<bool(Connection&)>;  // return value false: close the connection
 
 Injection onRequest(OnRequest respond) {
     return [respond = std::move(respond)](CaseEnvironment& environment) {
@@ -99,7 +99,7 @@ Injection silentAfter(const std::string& bytes) {
     });
 }
 
-// Timeouts are a tenth of the defaults, and so is this second.
+// Scaled down to a tenth of real time: a byte every 100 ms, and a total timeout of 1 s instead of 10 s.
 Injection byteBySecond(const std::string& bytes) {
     return onRequest([bytes](Connection& connection) {
         for (const char byte : bytes) {
@@ -112,20 +112,21 @@ Injection byteBySecond(const std::string& bytes) {
     });
 }
 
-Injection connect(const ScriptedServer::Script& script) {
+Injection onConnection(const ScriptedServer::Script& script) {
     return [script](CaseEnvironment& environment) { environment.serve(script); };
 }
 
 Injection certificate(CertificateFault fault) {
-    return
-        [fault](CaseEnvironment& environment) { environment.serve({fault}, answering(httpResponse(200, kSuccess))); };
+    return [fault](CaseEnvironment& environment) {
+        environment.serve({fault}, alwaysRespond(httpResponse(200, kSuccess)));
+    };
 }
 
 void speakAnOldProtocol(CaseEnvironment& environment) {
-    environment.serve({CertificateFault::kNone, TLS1_1_VERSION}, answering(httpResponse(200, kSuccess)));
+    environment.serve({CertificateFault::kNone, TLS1_1_VERSION}, alwaysRespond(httpResponse(200, kSuccess)));
 }
 
-// Sends half a record.
+// Sends an incomplete TLS record; then the connection is closed.
 void cutTheHandshake(Connection& connection) {
     connection.readPlain();
     connection.writePlain("\x16\x03\x03");
@@ -140,22 +141,22 @@ Injection http2Respond(std::function<void(Connection&, uint32_t stream)> respond
     return [respond = std::move(respond), closes](CaseEnvironment& environment) {
         ScriptedServer::Options options;
         options.http2 = true;
-        environment.serve(options,
-                          http2::answering([respond, closes, &environment](Connection& connection, uint32_t stream) {
-                              environment.countUnread();
-                              respond(connection, stream);
-                              return !closes;
-                          }));
+        environment.serve(
+            options, http2::onEachRequest([respond, closes, &environment](Connection& connection, uint32_t stream) {
+                environment.countUnparsed();
+                respond(connection, stream);
+                return !closes;
+            }));
     };
 }
 
-// The first connection with a request gets no response and is not closed. A client numbers the streams of each
-// connection from 1.
+// The first request gets no response, and its connection stays open. Later requests get one only on a new connection:
+// there, the stream number is 1.
 void fallSilentOnTheFirstConnection(CaseEnvironment& environment) {
     const auto requests = std::make_shared<std::atomic<int>>(0);
     http2Respond([requests](Connection& connection, uint32_t stream) {
         if (++*requests > 1 && stream == 1) {
-            connection.write(http2::okHead(stream) + http2::body(stream, kSuccess, true));
+            connection.write(http2::okHeaders(stream) + http2::data(stream, kSuccess, true));
         }
     })(environment);
 }
@@ -166,10 +167,10 @@ void refuse(CaseEnvironment& environment) {
     environment.stopServing();
 }
 
-// Closes the retained connection before the network fails, so that the client notices.
+// Closes the pooled connection before the network fails, so that the client has to connect again.
 void loseTheAddress(CaseEnvironment& environment) {
     environment.stopServing();
-    takeLoopbackAddress();
+    removeLoopbackAddress();
 }
 
 void loseEverything(CaseEnvironment& environment) {
@@ -216,7 +217,7 @@ void restartBetweenTwoSends(CaseEnvironment& environment) {
     respond(httpResponse(200, kSuccess))(environment);
 }
 
-// During a request; the next send is refused, the one after it reaches the new server.
+// The server stops during the first send. The second send is refused. The third send reaches the new server.
 void restartDuringARequest(CaseEnvironment& environment) {
     resetAfter("")(environment);
     environment.hold(2);
@@ -230,7 +231,7 @@ void restartDuringARequest(CaseEnvironment& environment) {
     });
 }
 
-// Holds a request of the kind under test at the server behind nginx until it is released.
+// nginx under load in front of a server that holds requests of the kind under test until `released` has an entry.
 struct BehindNginx {
     explicit BehindNginx(CaseEnvironment& environment)
         : server([this, &environment](Connection& connection) {
@@ -358,10 +359,10 @@ std::vector<Fault> makeFaults() {
          certificate(CertificateFault::kUnknownAuthority), untrusted, 0},
         {"ProtocolTooOld", "the server supports TLS 1.1 at most", speakAnOldProtocol,
          refusedByLibrary(CURLE_SSL_CONNECT_ERROR), 0},
-        {"HandshakeCutOff", "close during the handshake", connect(cutTheHandshake), lost, 0},
-        {"HandshakeReset", "reset during the handshake", connect(resetTheHandshake), lost, 0},
+        {"HandshakeCutOff", "close during the handshake", onConnection(cutTheHandshake), lost, 0},
+        {"HandshakeReset", "reset during the handshake", onConnection(resetTheHandshake), lost, 0},
         connectingWithin(1s, {"HandshakeTimeout", "the server is silent in the handshake: timeout",
-                              connect([](Connection& connection) { connection.waitForClient(); }), lost, 0}),
+                              onConnection([](Connection& connection) { connection.waitForClient(); }), lost, 0}),
 
         // The connection.
         {"ResetBeforeHeader", "reset before the response header", resetAfter(""), lost, kAttempts},
@@ -436,7 +437,7 @@ std::vector<Fault> makeFaults() {
          lost, kAttempts * kAttemptsOfLibrary},
         {"Http2StreamResetInsideBody", "HTTP/2: RST_STREAM inside the response body",
          http2Respond([](Connection& connection, uint32_t stream) {
-             connection.write(http2::okHead(stream) + http2::body(stream, kHalf, false));
+             connection.write(http2::okHeaders(stream) + http2::data(stream, kHalf, false));
              connection.waitUntilRead();
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
@@ -447,8 +448,8 @@ std::vector<Fault> makeFaults() {
          lost, kAttempts},
         {"Http2GoAwayAndResponse", "HTTP/2: GOAWAY that includes the request, and its response",
          http2Respond([](Connection& connection, uint32_t stream) {
-             connection.write(http2::goAway(stream, http2::kNoError) + http2::okHead(stream) +
-                              http2::body(stream, kSuccess, true));
+             connection.write(http2::goAway(stream, http2::kNoError) + http2::okHeaders(stream) +
+                              http2::data(stream, kSuccess, true));
          }),
          success, 1},
         endingWithin(3s, {"Http2ConnectionDead",

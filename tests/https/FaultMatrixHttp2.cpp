@@ -9,8 +9,8 @@ enum Type : uint8_t { kData = 0, kHeaders = 1, kResetStream = 3, kSettings = 4, 
 constexpr uint8_t kEndStream = 1;
 constexpr uint8_t kAcknowledged = 1;
 constexpr uint8_t kEndHeaders = 4;
-constexpr size_t kPreface = 24;
-constexpr size_t kFrameHead = 9;
+constexpr size_t kPrefaceSize = 24;
+constexpr size_t kFrameHeaderSize = 9;
 
 std::string bigEndian(uint32_t number, int bytes) {
     std::string text;
@@ -35,11 +35,11 @@ std::string frame(Type type, uint8_t flags, uint32_t stream, const std::string& 
 
 }  // namespace
 
-std::string okHead(uint32_t stream) {
+std::string okHeaders(uint32_t stream) {
     return frame(kHeaders, kEndHeaders, stream, "\x88");  // ":status: 200" of the static table
 }
 
-std::string body(uint32_t stream, const std::string& text, bool isLast) {
+std::string data(uint32_t stream, const std::string& text, bool isLast) {
     return frame(kData, isLast ? kEndStream : 0, stream, text);
 }
 
@@ -51,16 +51,17 @@ std::string goAway(uint32_t lastStream, uint32_t error) {
     return frame(kGoAway, 0, 0, bigEndian(lastStream, 4) + bigEndian(error, 4));
 }
 
-ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection&, uint32_t)> respond) {
+ScriptedServer::Script onEachRequest(std::function<bool(ScriptedServer::Connection&, uint32_t)> respond) {
     return [respond = std::move(respond)](ScriptedServer::Connection& connection) {
         if (!connection.handshake()) {
             return;
         }
         connection.write(frame(kSettings, 0, 0, ""));
         std::string bytes;
-        size_t at = kPreface;
+        size_t at = kPrefaceSize;
         for (;;) {
-            while (bytes.size() < at + kFrameHead || bytes.size() < at + kFrameHead + numberAt(bytes, at, 3)) {
+            while (bytes.size() < at + kFrameHeaderSize ||
+                   bytes.size() < at + kFrameHeaderSize + numberAt(bytes, at, 3)) {
                 const std::string more = connection.read();
                 if (more.empty()) {
                     return;
@@ -70,7 +71,7 @@ ScriptedServer::Script answering(std::function<bool(ScriptedServer::Connection&,
             const auto type = static_cast<uint8_t>(bytes[at + 3]);
             const auto flags = static_cast<uint8_t>(bytes[at + 4]);
             const uint32_t stream = numberAt(bytes, at + 5, 4);
-            at += kFrameHead + numberAt(bytes, at, 3);
+            at += kFrameHeaderSize + numberAt(bytes, at, 3);
             if (type == kSettings && !(flags & kAcknowledged)) {
                 connection.write(frame(kSettings, kAcknowledged, 0, ""));
             } else if ((type == kData || type == kHeaders) && (flags & kEndStream) && !respond(connection, stream)) {

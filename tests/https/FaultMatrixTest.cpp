@@ -24,7 +24,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-constexpr int kMixUsers = 3;  // of the mix under test; an earlier one has another number
+constexpr int kMixUsers = 3;  // users of the mix under test; an earlier start has one fewer
 
 }  // namespace
 
@@ -97,7 +97,7 @@ Journal<std::chrono::milliseconds>& requestedPauses() {
     return pauses;
 }
 
-// The two kinds of mix request share an interface; only a start has a canvas.
+// Mix start and mix cancel share an interface; only a start has a canvas.
 bool isRequestOf(const Kind& kind, const std::string& request) {
     const std::string path = std::string("POST /v3/liveinterface/") + kind.rules().interfaceName + "?";
     const bool hasCanvas = request.find("canvas1") != std::string::npos;
@@ -117,7 +117,8 @@ void configureClient(const Fault& fault) {
     EXPECT_TRUE(vexalive::setHttpOptions(options));
 }
 
-// The opening of a kind's trace; that of a mix start describes the mix.
+// The part of the trace before its first attempt: empty for a stop or cancel, the request body for a relay start, and
+// a description of the mix for a mix start.
 std::string openingOf(const Kind& kind, const std::string& firstBody, const std::string& trace) {
     if (!kind.isStart()) {
         return {};
@@ -137,12 +138,12 @@ std::string expectedTrace(const Case& testCase) {
     std::string trace;
     int attemptsLeft = oracle::kMaxRetries;
     for (const Response& response : testCase.fault->responses) {
-        // The stop of a relay prints the counter of its start, which it has set to 0.
+        // Intended: the trace of a relay stop prints the start's retry counter, which the stop has set to 0.
         const bool printsItsOwn = testCase.kind->rules().tracedCounter == testCase.kind->request;
         trace += oracle::traceSegment(printsItsOwn ? attemptsLeft : 0, response.retCode, response.body);
         --attemptsLeft;
     }
-    return trace.c_str();  // a report's text ends at a zero byte
+    return trace.c_str();  // the report passes a C string, so it ends at the first zero byte
 }
 
 std::vector<std::chrono::milliseconds> scheduleOf(size_t sends) {
@@ -158,7 +159,7 @@ std::vector<T> from(size_t first, const std::vector<T>& all) {
     return {all.begin() + static_cast<std::ptrdiff_t>(std::min(first, all.size())), all.end()};
 }
 
-// Sends a start without a fault, injects the fault, and then sends the request of the kind under test.
+// First sends a start without a fault. Then injects the fault and sends the request of the kind under test.
 void runCase(const Case& testCase) {
     const Kind& kind = *testCase.kind;
     const Fault& fault = *testCase.fault;
@@ -172,12 +173,12 @@ void runCase(const Case& testCase) {
     vexalive::setEventSink([reports](const vexalive::EventReport& report) { reports->add(report); });
     CaseEnvironment environment(ownPort(), kind.rules().interfaceName,
                                 [&kind](const std::string& request) { return isRequestOf(kind, request); });
-    environment.serve(answering(httpResponse(200, R"({"code":0})")));
+    environment.serve(alwaysRespond(httpResponse(200, R"({"code":0})")));
     Member member(kind.name);
 
     const oracle::Kind start = oracle::startOf(kind.request);
     callOperation(*member.adapter, start, kMixUsers - 1);
-    const int startCode = fault.isActiveFromTheStart() ? 1 : 0;
+    const int startCode = fault.affectsTheEarlierStart() ? 1 : 0;
     ASSERT_EQ(oracle::evaluate(start, startCode, R"({"code":0})").notifications, member.listener->calls.waitFor(1));
     ASSERT_EQ(1u, reports->waitFor(1).size());
     const size_t earlierSends = environment.sends().size();
@@ -208,7 +209,7 @@ void runCase(const Case& testCase) {
               report.information);
     EXPECT_EQ(openingOf(kind, sends[0], report.detail) + expectedTrace(testCase), report.detail);
 
-    // No retry is pending: each requested pause has led to a send, and each send is complete.
+    // No retry is pending here: each requested pause has led to a send, and each send is complete.
     member.adapter.reset();
     EXPECT_EQ(2u, reports->all().size());
     EXPECT_EQ(expectedCalls(testCase), from(1, member.listener->calls.all()));
@@ -269,9 +270,9 @@ int main(int argc, char** argv) {
     if (!isAlone) {
         return RUN_ALL_TESTS();
     }
-    vexalive::initialiseOpenSsl();  // as the platform would, had the test not been first
+    vexalive::initialiseOpenSsl();  // normally the platform does this, but here the test uses OpenSSL first
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    alarm(200);  // a case that hangs ends as a failure
+    alarm(200);  // seconds; ends a case that hangs, which then fails
     const int result = RUN_ALL_TESTS();
     return testing::UnitTest::GetInstance()->skipped_test_count() > 0 ? kSkipped : result;
 }

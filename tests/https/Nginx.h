@@ -1,4 +1,4 @@
-// An independent web server in front of one of ours: nginx over HTTP/2, and clients that load it.
+// nginx as an HTTP/2 proxy in front of a test server, and clients that load it.
 
 #ifndef VEXALIVE_TESTS_HTTPS_NGINX_H
 #define VEXALIVE_TESTS_HTTPS_NGINX_H
@@ -19,7 +19,7 @@ class Nginx {
 public:
     static bool isInstalled();
 
-    // Serves at once and forwards to `backend`, a host and port that speaks `scheme`.
+    // Starts nginx and returns when it serves. It forwards to `backend` ("host:port") with `scheme` (http or https).
     Nginx(int port, const std::string& scheme, const std::string& backend);
     ~Nginx();
     Nginx(const Nginx&) = delete;
@@ -29,7 +29,7 @@ public:
     void reload();  // returns when a new worker process has started
     void killAll();
 
-    // "CONNECTION PROTOCOL STATUS" of each request, once that many are complete.
+    // Waits until `requests` requests are logged; returns lines of the form "CONNECTION PROTOCOL STATUS".
     std::vector<std::string> log(size_t requests) const;
 
 private:
@@ -40,7 +40,7 @@ private:
     pid_t mMaster = 0;
 };
 
-// Clients that send without a pause: each sends its next request when the previous one is complete.
+// Clients that send without a pause: each client sends a request when its previous request is complete.
 class Load {
 public:
     static constexpr const char* kInterfaceName = "load";
@@ -50,18 +50,18 @@ public:
     Load(const Load&) = delete;
     Load& operator=(const Load&) = delete;
 
-    void awaitResponses(size_t more);  // waits for that many from now on
+    void awaitResponses(size_t more);  // waits for `more` further responses
 
     struct Counts {
         size_t sent = 0;
-        size_t succeeded = 0;  // with 0
-        size_t retryable = 0;  // with 1
-        size_t failed = 0;     // with anything else
+        size_t succeeded = 0;  // return code 0
+        size_t retryable = 0;  // return code 1
+        size_t failed = 0;     // any other return code
         size_t clientsThatEnded = 0;
 
         size_t notified() const { return succeeded + retryable + failed; }
     };
-    Counts end();  // no further request; waits for those in flight
+    Counts end();  // stops sending and waits for the requests in flight
 
 private:
     void send(CVexaHttpSendRecv& client);
@@ -72,7 +72,7 @@ private:
     std::condition_variable mChanged;
     Counts mCounts;
     bool mEnding = false;
-    std::vector<std::unique_ptr<CVexaHttpSendRecv>> mClients;  // last: their callbacks use the others
+    std::vector<std::unique_ptr<CVexaHttpSendRecv>> mClients;  // last member: callbacks use the other members
 };
 
 #endif

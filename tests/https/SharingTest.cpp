@@ -1,5 +1,5 @@
-// A hundred adapters and one connection: the local service behind nginx, which speaks HTTP/2 and logs the connection of
-// each request.
+// A hundred adapters share one connection. The local service runs behind nginx, which speaks HTTP/2 and logs the
+// connection of each request.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Allocations and threads of the program, counted or refused. Linking CountedSystem.cpp replaces the allocation
-// functions and the creation of threads for the whole program.
+// Counts the allocations of a program and refuses new threads on request. CountedSystem.cpp replaces operator new and
+// pthread_create() for every program that links it.
 
 #ifndef VEXALIVE_TESTS_LOOP_COUNTED_SYSTEM_H
 #define VEXALIVE_TESTS_LOOP_COUNTED_SYSTEM_H
@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstddef>
 
-extern std::atomic<size_t> allocations;  // so far, on all threads
+extern std::atomic<size_t> allocations;  // calls of operator new since the program's start, on all threads
 extern std::atomic<bool> refuseThreads;  // while true, no thread can be created
 
 #endif

@@ -1,4 +1,4 @@
-// Tasks whose run and destruction the tests of the loop observe.
+// Tasks that record when they run and when they are destroyed.
 
 #ifndef VEXALIVE_TESTS_LOOP_JOURNAL_TASK_H
 #define VEXALIVE_TESTS_LOOP_JOURNAL_TASK_H

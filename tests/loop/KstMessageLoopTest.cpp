@@ -1,5 +1,5 @@
-// The real loop's threads: how many there are, what stop waits for, and posts and stops that race. What holds of every
-// loop is in LoopContractTest.cpp.
+// The threads of the real loop: their number, what stop() waits for, and posts that race with stop(). The behaviour
+// that the virtual-time loop shares is in LoopContractTest.cpp.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ std::set<std::string> threads() {
     return ids;
 }
 
-// Those started since; threads that have ended in between are ignored.
+// The ids of the threads that exist now but are not in `before`.
 std::set<std::string> threadsSince(const std::set<std::string>& before) {
     std::set<std::string> ids;
     for (const std::string& id : threads()) {
@@ -48,12 +48,12 @@ std::set<std::string> threadsSince(const std::set<std::string>& before) {
     return ids;
 }
 
-// Waits until they have ended: the system lists a joined thread for a moment longer.
+// Waits until no such thread exists. The wait is needed: /proc lists a joined thread for a short time.
 bool awaitNoThreadSince(const std::set<std::string>& before) {
     return pollUntil([&] { return threadsSince(before).empty(); });
 }
 
-// Waits until posts are refused: a stop on another thread has begun.
+// Waits until the loop refuses posts, that is, until a stop() on another thread has begun.
 void awaitRefusal(KstMessageLoop& loop) {
     while (loop.PostTask([] {}).valid()) {
         std::this_thread::yield();
@@ -62,7 +62,8 @@ void awaitRefusal(KstMessageLoop& loop) {
 
 class KstMessageLoopTest : public testing::Test {
 protected:
-    // Some runtimes start a thread of their own along with the program's first.
+    // Some sanitizer runtimes start a background thread together with the program's first thread. The count starts
+    // later.
     static void SetUpTestSuite() {
         std::thread([] {}).join();
     }
@@ -73,7 +74,7 @@ protected:
 
 // ---- The worker thread ----
 
-TEST_F(KstMessageLoopTest, TheFirstPostOfEitherKindStartsTheOneThreadAndStopEndsIt) {
+TEST_F(KstMessageLoopTest, TheFirstPostOfEitherKindStartsTheOnlyThreadAndStopEndsIt) {
     for (const bool isDelayed : {false, true}) {
         const auto before = threads();
         const WatchedLoop fresh;
@@ -91,19 +92,19 @@ TEST_F(KstMessageLoopTest, TheFirstPostOfEitherKindStartsTheOneThreadAndStopEnds
     }
 }
 
-TEST_F(KstMessageLoopTest, ABusyLoopDelaysNoOther) {
+TEST_F(KstMessageLoopTest, ABusyLoopDelaysNoOtherLoop) {
     const WatchedLoop other;
     const LoopDriver::Hold hold(*loop);
     other->PostTask([this] { journal.add("other"); });
     EXPECT_TRUE(journal.await(1));
 }
 
-TEST_F(KstMessageLoopTest, TasksOfManyThreadsRunOneAtATimeOnOneOtherThreadInTheOrderOfEachThread) {
+TEST_F(KstMessageLoopTest, TasksOfManyThreadsRunOneAtATimeOnTheWorkerInThePostingOrderOfEachThread) {
     constexpr size_t kPosters = 4;
     constexpr size_t kTasks = 2000;
     std::atomic<int> running{0};
     std::atomic<int> overlaps{0};
-    // For the worker alone, until it has stopped.
+    // Only the worker uses these until it has stopped.
     std::set<std::thread::id> workers;
     std::vector<std::vector<size_t>> ran(kPosters);
     size_t delayedRan = 0;
@@ -173,7 +174,7 @@ TEST_F(KstMessageLoopTest, StopFromAnotherThreadLetsTheRunningTaskEndAndWaitsFor
     const std::vector<std::string> entries = journal.all();
     EXPECT_THAT(entries, UnorderedElementsAre("task ends", "~queued", "~delayed", "stop returns"));
     EXPECT_EQ(entries.front(), "task ends");
-    EXPECT_EQ(entries.back(), "stop returns") << "the queue is empty by then";
+    EXPECT_EQ(entries.back(), "stop returns") << "stop() destroys the queued tasks before it returns";
 }
 
 TEST_F(KstMessageLoopTest, StopsFromManyThreadsAndTheWorkerAllReturnAndEveryTaskIsDestroyedOnce) {
@@ -202,8 +203,8 @@ TEST_F(KstMessageLoopTest, StopsFromManyThreadsAndTheWorkerAllReturnAndEveryTask
 
 // ---- Races ----
 
-// Stops the loop in the middle of being posted: when it is moved into the loop's own packaging, which is after the
-// first check of the stopped flag and before the lock.
+// A task that stops the loop while it is being posted. Its move constructor calls stop(); the loop moves a task after
+// its first check of the stopped flag and before it takes the lock.
 class StopsWhenMoved {
 public:
     StopsWhenMoved(KstMessageLoop& loop, Journal<std::string>& journal) : mLoop(&loop), mTask(journal, "task") {}
@@ -240,7 +241,7 @@ TEST_F(KstMessageLoopTest, APostOvertakenByStopIsRefusedAndStartsNoThread) {
     }
 }
 
-TEST_F(KstMessageLoopTest, PostsRacingWithStopEachRunOnceOrAreDestroyedUnrunAndNoneRunsAfterwards) {
+TEST_F(KstMessageLoopTest, TasksPostedDuringAStopRunOnceOrAreDestroyedUnrunAndNoneRunsAfterTheStop) {
     constexpr int kRounds = 60;
     constexpr int kPosters = 3;
     constexpr int kTasks = 40;
@@ -275,7 +276,7 @@ TEST_F(KstMessageLoopTest, PostsRacingWithStopEachRunOnceOrAreDestroyedUnrunAndN
         while (posting == 0) {
             std::this_thread::yield();
         }
-        // This thread stops the loop; in every other round the worker does so, too.
+        // This thread stops the loop. In even rounds, a task stops it as well.
         if (round % 2 == 0) {
             racing->PostTask([&racing] { racing->stop(); });
         }

@@ -1,5 +1,5 @@
-// The contract of KstMessageLoop. The file is built twice: for the real loop and for the one in virtual time, each with
-// the LoopDriver.h that the include path finds first.
+// The contract of KstMessageLoop. The file is built twice, for the real loop and for the virtual-time loop. The include
+// path selects the LoopDriver.h.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ protected:
         return loop->DelayPostTask(delay, JournalTask(journal, name));
     }
 
-    // A task that adds its name when it runs.
+    // Posts a task that adds its name when it runs, but nothing when it is destroyed.
     std::future<void> postEntry(const std::string& name) {
         return loop->PostTask([this, name] { journal.add(name); });
     }
@@ -42,7 +42,7 @@ protected:
         return loop->DelayPostTask(delay, [this, name] { journal.add(name); });
     }
 
-    // Lets the loop run for `time` on its clock, until it has nothing to do; requires these entries and no others.
+    // Lets the loop run for `time` on its clock, until no task is due; then the journal must be equal to `sequence`.
     void expectRun(const std::vector<std::string>& sequence, milliseconds time = {}) {
         ASSERT_TRUE(LoopDriver::run(journal, sequence.size(), time));
         LoopDriver::settle(*loop);
@@ -85,9 +85,9 @@ TEST_F(LoopContractTest, ATaskIsDestroyedBeforeTheNextBegins) {
     expectRun({"a", "~a", "b", "~b", "c", "~c", "d", "~d"}, milliseconds(1));
 }
 
-// The subject is the timer, so this measures time.
+// Exception to the rule that no test asserts elapsed time: the delay itself is under test.
 TEST_F(LoopContractTest, DelayedTasksRunInTheOrderOfTheirDeadlinesAndNoneTooEarly) {
-    // Each deadline lies between two known moments.
+    // The exact deadline is unknown; it lies between `earliest` and `latest`.
     struct Span {
         steady_clock::time_point earliest, latest, ran;
     };
@@ -122,7 +122,7 @@ TEST_F(LoopContractTest, DelayedTasksRunInTheOrderOfTheirDeadlinesAndNoneTooEarl
     }
 }
 
-// One kind of task posts itself again and again; a task of the other kind runs nevertheless.
+// Tasks of one kind post themselves again and again. A task of the other kind must still run.
 TEST_F(LoopContractTest, ImmediateAndDueDelayedTasksDoNotStarveEachOther) {
     constexpr int kMany = 1000;
     for (const bool isImmediateEndless : {true, false}) {
@@ -162,12 +162,12 @@ TEST_F(LoopContractTest, ANegativeDelayIsADeadlineInThePast) {
         postEntryDelayed(milliseconds(-1000), "a second ago");
         postEntryDelayed(milliseconds(-2000), "two seconds ago");
         postEntryDelayed(milliseconds::min(), "ages ago");
-        postEntryDelayed(milliseconds(int64_t{-18'446'740'473'709}), "ages ago");  // an hour in nanoseconds that wrap
+        postEntryDelayed(milliseconds(int64_t{-18'446'740'473'709}), "ages ago");  // as 64-bit nanoseconds: +1 hour
     }
     expectRun({"ages ago", "ages ago", "two seconds ago", "a second ago", "now"});
 }
 
-// Its move constructor lasts 30 ms on the loop's clock, so that packaging it takes time.
+// A task whose move constructor takes 30 ms on the loop's clock, so that its packaging by the loop takes time.
 struct SlowToPackage {
     explicit SlowToPackage(Journal<std::string>& target) : journal(&target) {}
     SlowToPackage(SlowToPackage&& other) noexcept : journal(other.journal), packaged(other.packaged) {
@@ -184,7 +184,7 @@ struct SlowToPackage {
     std::shared_ptr<steady_clock::time_point> packaged = std::make_shared<steady_clock::time_point>();
 };
 
-// The subject is the timer, so this measures time.
+// Exception to the rule that no test asserts elapsed time: the delay itself is under test.
 TEST_F(LoopContractTest, ADelayIsMeasuredFromTheMomentAtWhichTheTaskIsPackaged) {
     loop->DelayPostTask(milliseconds(20), SlowToPackage(journal));
     expectRun({"in time"}, milliseconds(20));
@@ -205,7 +205,7 @@ TEST_F(LoopContractTest, TheLongestDelaysNeverComeDueAndDisturbNothing) {
     EXPECT_THAT(journal.all(), ElementsAre("now", "soon", "~never", "~never", "~never", "~never"));
 }
 
-TEST_F(LoopContractTest, APostDuringAWaitShortensItIfItIsDueEarlierAndElseLeavesIt) {
+TEST_F(LoopContractTest, APostShortensTheWaitOfTheWorkerOnlyIfItsTaskIsDueEarlier) {
     postEntryDelayed(hours(1), "never");
     LoopDriver::settle(*loop);
     postEntryDelayed(milliseconds(20), "early");
@@ -217,7 +217,7 @@ TEST_F(LoopContractTest, APostDuringAWaitShortensItIfItIsDueEarlierAndElseLeaves
     expectRun({"early", "later", "now"});
 }
 
-TEST_F(LoopContractTest, AnIdleLoopRunsEveryTaskThatComesSinglyLater) {
+TEST_F(LoopContractTest, AnIdleLoopRunsEachTaskThatIsPostedAlone) {
     for (size_t i = 1; i <= 100; ++i) {
         LoopDriver::settle(*loop);
         postEntry("task");
@@ -225,7 +225,7 @@ TEST_F(LoopContractTest, AnIdleLoopRunsEveryTaskThatComesSinglyLater) {
     }
 }
 
-TEST_F(LoopContractTest, TheHeapComparesDeadlinesOnlyTheLaterOneIsLess) {
+TEST_F(LoopContractTest, OfTwoDelayedTasksTheHeapOrdersTheLaterDeadlineAsLess) {
     const auto start = steady_clock::now();
     const DelayTask early{start, [] {}};
     const DelayTask late{start + std::chrono::nanoseconds(1), [] {}};
@@ -260,15 +260,15 @@ TEST_F(LoopContractTest, TheFutureBecomesReadyOnceTheTaskHasRun) {
 
 // ---- Callables ----
 
-TEST_F(LoopContractTest, ATaskGivenByNameIsCopiedAndStaysWithItsOwner) {
-    auto shared = std::make_shared<int>(0);  // not const, so that a move from a copy of the task would be noticed
+TEST_F(LoopContractTest, ATaskPostedAsAnLvalueIsCopied) {
+    auto shared = std::make_shared<int>(0);  // not const: a const capture would hide a wrong move
     auto task = [this, shared] { journal.add(shared ? "ran" : "lost its capture"); };
     const auto& constTask = task;
     {
         const Hold hold(*loop);
         loop->PostTask(task);
         loop->DelayPostTask(milliseconds(0), constTask);
-        EXPECT_EQ(shared.use_count(), 4) << "the owner's, the named task's and one of each copy";
+        EXPECT_EQ(shared.use_count(), 4) << "`shared`, `task` and the two posted copies";
     }
     expectRun({"ran", "ran"});
     EXPECT_EQ(shared.use_count(), 2) << "both copies are destroyed";
@@ -330,7 +330,7 @@ TEST_F(LoopContractTest, APostAfterStopGivesAnEmptyFutureAndDestroysTheTaskUnrun
     post("before");
     ASSERT_TRUE(LoopDriver::run(journal, 2));
     loop->stop();
-    loop->stop();  // has no further effect
+    loop->stop();  // a second call has no effect
 
     EXPECT_FALSE(post("a").valid());
     EXPECT_FALSE(postDelayed(milliseconds(0), "b").valid());
@@ -340,7 +340,7 @@ TEST_F(LoopContractTest, APostAfterStopGivesAnEmptyFutureAndDestroysTheTaskUnrun
     EXPECT_THAT(journal.all(), ElementsAre("before", "~before", "~a", "~b", "~c"));
 }
 
-TEST_F(LoopContractTest, ALoopStoppedBeforeAnyPostRefusesThemAllAndItsBodyReturns) {
+TEST_F(LoopContractTest, ALoopStoppedBeforeAnyPostRefusesAllPostsAndLoopReturns) {
     loop->stop();
     loop->Loop();
     EXPECT_FALSE(post("a").valid());
@@ -377,7 +377,7 @@ TEST_F(LoopContractTest, StopOnTheWorkerDestroysWhatHasNotBegunAndTheRunningTask
     ASSERT_TRUE(LoopDriver::run(journal, 5));
     LoopDriver::drain();
     EXPECT_THAT(journal.all(), UnorderedElementsAre("~a", "~b", "~c", "~d", "ends"));
-    EXPECT_EQ(journal.all().back(), "ends") << "stop has destroyed them by the time it returns";
+    EXPECT_EQ(journal.all().back(), "ends") << "stop() destroys the pending tasks before it returns";
     loop->stop();
     EXPECT_FALSE(post("e").valid());
 }

@@ -1,4 +1,4 @@
-// The resources of the real loop: memory for each post, and one thread.
+// The resources of the real loop: the allocations of each post, and its thread.
 
 #include <gtest/gtest.h>
 
@@ -18,14 +18,14 @@ constexpr size_t kPosts = 512;
 
 class LoopResourcesTest : public testing::Test {
 protected:
-    // The worker is held, so that only this thread allocates.
+    // The worker is held: it would allocate, too.
     LoopResourcesTest() : mHold(std::make_unique<LoopDriver::Hold>(*loop)) {}
     ~LoopResourcesTest() override {
         mHold.reset();
         loop->stop();
     }
 
-    // The allocations of `times` calls.
+    // The number of allocations during `times` calls.
     template <class F>
     static size_t allocationsOf(size_t times, F call) {
         const size_t before = allocations;
@@ -35,7 +35,7 @@ protected:
         return allocations - before;
     }
 
-    // Lets what is queued run, and holds the worker again.
+    // Lets the queued tasks run, and then holds the worker again.
     void releaseAndHold() {
         mHold.reset();
         mHold = std::make_unique<LoopDriver::Hold>(*loop);
@@ -47,13 +47,13 @@ private:
     std::unique_ptr<LoopDriver::Hold> mHold;
 };
 
-// A task with its callable, and the result that its future reads.
+// The allocations of one std::packaged_task: the task with its callable, and the result that its future reads.
 constexpr size_t kPackagedTask = 2;
 
 TEST_F(LoopResourcesTest, AnImmediatePostAllocatesThePackagedTaskOnceTheQueueHasGrown) {
     const size_t growing = allocationsOf(kPosts, [this] { loop->PostTask([] {}); });
     EXPECT_LE(growing, kPosts * kPackagedTask + 10);
-    // The capacity doubles, so one more growth suffices for almost as many again.
+    // The queue doubles its capacity when it grows. So it grows at most once during the next kPosts - 1 posts.
     const size_t used = allocationsOf(kPosts - 1, [this] { loop->PostTask([] {}); });
     EXPECT_GE(used, (kPosts - 1) * kPackagedTask);
     EXPECT_LE(used, (kPosts - 1) * kPackagedTask + 1);
@@ -61,7 +61,7 @@ TEST_F(LoopResourcesTest, AnImmediatePostAllocatesThePackagedTaskOnceTheQueueHas
 
 TEST_F(LoopResourcesTest, AQueueThatEmptiesAndFillsAgainRetainsItsCapacity) {
     constexpr size_t kRounds = 16;
-    constexpr size_t kGrowth = 2 * 10;  // what waits and what runs, each from nothing to kPosts
+    constexpr size_t kGrowth = 2 * 10;  // two queues (waiting and running) grow from 0 to kPosts once
     size_t used = 0;
     for (size_t round = 0; round < kRounds; ++round) {
         used += allocationsOf(kPosts, [this] { loop->PostTask([] {}); });
@@ -91,7 +91,7 @@ TEST_F(LoopResourcesTest, ARefusedPostAllocatesNothing) {
 
 TEST(LoopThreadDeathTest, AWorkerThatCannotBeStartedEndsTheProcess) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    // noexcept, since neither the adapter nor its threads handle the exception.
+    // noexcept like the threads of the adapter, in which nothing handles this exception.
     const auto post = []() noexcept {
         const auto loop = std::make_shared<KstMessageLoop>();
         refuseThreads = true;

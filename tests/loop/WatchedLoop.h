@@ -1,5 +1,5 @@
-// A loop that is stopped at the end of its test, which waits until it is destroyed. A worker that stopped itself is not
-// joined and may use what its tasks captured for a moment longer.
+// A loop whose test ends only after the loop is destroyed: the destructor stops the loop and waits. Without this wait,
+// a worker that stopped its own loop is not joined, and may still use variables of the test that its tasks captured.
 
 #ifndef VEXALIVE_TESTS_LOOP_WATCHED_LOOP_H
 #define VEXALIVE_TESTS_LOOP_WATCHED_LOOP_H
@@ -40,14 +40,14 @@ public:
     KstMessageLoop* operator->() const { return mLoop.get(); }
     KstMessageLoop& operator*() const { return *mLoop; }
 
-    // Passes the reference on to another owner.
+    // Hands the reference to another owner.
     std::shared_ptr<KstMessageLoop> release() { return std::move(mLoop); }
 
     // Releases the loop and waits until it is destroyed; returns the thread that destroyed it.
     std::thread::id awaitEnd() {
         mLoop.reset();
         if (mEnded.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-            ADD_FAILURE() << "the loop does not end";
+            ADD_FAILURE() << "timeout: the loop is not destroyed";
             return {};
         }
         return mEnded.get();

@@ -34,12 +34,12 @@ std::vector<std::string> errorsIn(std::string_view text) {
     return errorsOf("m", readMix(text));
 }
 
-// A file whose first line begins with these members, and which lacks nothing.
+// A valid one-line file that begins with `members`.
 std::string with(const std::string& members) {
     return "{" + members + (members.empty() ? "" : ",") + R"("appId":1,"bizId":2,"mixUsersArray":[]})";
 }
 
-// The same with one user, which begins the second line.
+// A file with one user, whose `members` begin on the second line.
 std::string withUser(const std::string& members) {
     return R"({"appId":1,"bizId":2,"mixUsersArray":[)"
            "\n{" +
@@ -97,9 +97,9 @@ TEST(MixFileTest, TheExamplesAreValid) {
 
 // ---- Errors
 
-using ErrorCase = std::pair<std::string, std::string>;  // a file and its only error
+using ErrorCase = std::pair<std::string, std::string>;  // the file, and the only error that it must cause
 
-// The string with each ' replaced by ", for readable cases.
+// Replaces each ' by ". This keeps the JSON of the cases readable.
 std::string quoted(std::string text) {
     std::replace(text.begin(), text.end(), '\'', '"');
     return text;
@@ -181,7 +181,7 @@ TEST(MixFileTest, AnythingButAJsonObjectIsAnError) {
         {with("") + " x", "1:42", "expected the end of the file"},
         {with("") + std::string(1, '\0'), "1:41", "zero byte"},
         {"{'mode':1", "1:10", "expected ',' or '}' after a field"},
-        {"{'mode':null,'bizId':2", "1:23", "expected ',' or '}' after a field"},  // reported alone
+        {"{'mode':null,'bizId':2", "1:23", "expected ',' or '}' after a field"},  // a syntax error hides the wrong type
         {"{'mode':'a\n'}", "1:11", badString},
         {"{'mode':'a\\q'}", "1:11", badString},
         {"{'mode':'\xff'}", "1:10", "a string is not UTF-8"},
@@ -269,7 +269,7 @@ TEST(MixFileTest, EveryTruncationOfAFileIsAnError) {
     EXPECT_THAT(errorsIn(text), IsEmpty());
 }
 
-TEST(MixFileTest, AnyChangeOfAFileIsHandled) {
+TEST(MixFileTest, ARandomlyChangedFileIsReadOrHasValidErrors) {
     const std::string text = contentOf(EXAMPLES "/auxiliary-stream.json");
     const std::string bytes("\0\n\"\\{}[]:,0-.e\xff\xed\x80u", 18);
     std::mt19937 chance(7);

@@ -1,4 +1,4 @@
-// What the tests of mix files share.
+// Helpers of the tests of mix files: configurations and users to start from.
 
 #ifndef VEXALIVE_TESTS_MIX_MIX_TESTING_H
 #define VEXALIVE_TESTS_MIX_MIX_TESTING_H
@@ -37,7 +37,7 @@ inline User audioUser(std::string userId, int32_t zOrder = 0) {
     return audio;
 }
 
-// Complete, with a canvas of 1280 by 720.
+// A complete configuration with a canvas of 1280 by 720.
 inline Config mix(std::vector<User> users) {
     Config config;
     config.appId = 1250000000;
@@ -54,7 +54,7 @@ inline Config mix(std::vector<User> users) {
     return config;
 }
 
-// Any configuration; about half are valid.
+// A random configuration. About half of the results are valid.
 inline Config randomMix(std::mt19937& random) {
     const auto pick = [&random](int lowest, int highest) {
         return std::uniform_int_distribution<int>(lowest, highest)(random);
@@ -88,8 +88,8 @@ inline Config randomMix(std::mt19937& random) {
         next.streamType = pick(-1, 3);
         const std::string rooms[] = {"", "", "room", "4712", "<&>", std::string("nu\0l", 4), std::string(3000, 'r')};
         next.roomId = rooms[pick(0, 6)];
-        const std::string right = "\xd7\xa9\xd7\x9c\xd7\x95\xd7\x9d";  // written from right to left
-        const std::string names[] = {"",     "\"q'<b>&",    right, {"a\0b", 3}, std::string(5000, 'w'),
+        const std::string hebrew = "\xd7\xa9\xd7\x9c\xd7\x95\xd7\x9d";  // written from right to left
+        const std::string names[] = {"",     "\"q'<b>&",    hebrew, {"a\0b", 3}, std::string(5000, 'w'),
                                      "\xff", "two\nlines\t"};
         if (oneIn(4)) {
             next.userId = names[pick(0, 6)];

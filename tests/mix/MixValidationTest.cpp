@@ -12,7 +12,7 @@ namespace vexalive {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// "error: field ... is ...", "warning: ...".
+// The diagnostics as strings: "error: …" or "warning: …".
 std::vector<std::string> diagnosed(const Config& config) {
     std::vector<std::string> lines;
     for (const MixDiagnostic& diagnostic : validateMix(config)) {
@@ -28,9 +28,9 @@ User fullScreen(const char* userId, int32_t zOrder) {
 
 TEST(MixValidationTest, AValidMixHasNoDiagnostics) {
     User audioInFront = audioUser("b", 5);
-    audioInFront.rect = {0, 0, 1280, 720};  // hides nothing
+    audioInFront.rect = {0, 0, 1280, 720};  // covers the canvas, but an audio input hides nothing
     const Config valid[] = {mix({user("a", 0), user("b", 16, {100, 0, 100, 100})}),
-                            mix({audioUser("a", 99), audioUser("b", 99)}),  // layers count only beside video
+                            mix({audioUser("a", 99), audioUser("b", 99)}),  // without video, layers are not checked
                             mix({user("a", 1), audioInFront}),
                             mix({fullScreen("a", 0), user("left", 5, {0, 0, 640, 720})})};
     for (const Config& each : valid) {
@@ -111,7 +111,7 @@ TEST(MixValidationTest, NamesWithAnAmbiguousStreamIdAreWarnedOf) {
     User zero = user(std::string("a\0b", 3), 1);
     User longName = user(std::string(4000, 'u'), 2, {200, 0, 100, 100});
     longName.roomId = std::string(88, 'r');
-    User longest = longName;  // 4094 bytes of room, user and stream are the most that count
+    User longest = longName;  // one byte more than the 4094 bytes of room, user and stream that the id depends on
     longest.roomId.push_back('r');
     longest.zOrder = 3;
     longest.rect.x = 400;

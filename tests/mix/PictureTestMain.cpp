@@ -18,8 +18,8 @@ bool isPangosThread(const std::filesystem::path& task) {
 
 }  // namespace
 
-// Pango searches fonts on its own threads. They outlive the drawing, hold fonts until they end, and cannot be joined.
-// fontconfig hides the pointers of its font list from the leak check and frees the list only in FcFini().
+// Prevents false reports of the leak check. Pango searches fonts on its own threads, which own fonts until they end and
+// cannot be joined; so main() waits for them. fontconfig frees its font list only in FcFini().
 int main(int argc, char** argv) {
     testing::InitGoogleMock(&argc, argv);
     const int result = RUN_ALL_TESTS();

@@ -33,7 +33,7 @@ SvgDocument preview(const Config& config) {
     return document;
 }
 
-// x, y, width and height of the elements, in pixels of a canvas of 1280 by 720.
+// x, y, width and height of an element, converted to the pixels of a canvas that is 1280 wide.
 using Part = std::array<long, 4>;
 std::vector<Part> parts(const SvgDocument& document, const char* kind) {
     const SvgElement canvas = document.ofKind("canvas").at(0);
@@ -100,7 +100,7 @@ TEST(PreviewTest, ThePartOutsideTheCanvasIsHatched) {
     EXPECT_THAT(parts(document, "off-canvas"), ElementsAre(Part{1180, 100, 200, 100}));
     EXPECT_THAT(document.texts("warning"), ElementsAre("mixUsersArray[0].rect lies partly outside the canvas"));
     const auto hatches = document.ofKind("hatch");
-    ASSERT_THAT(hatches, SizeIs(2)) << "the part and the legend";
+    ASSERT_THAT(hatches, SizeIs(2)) << "one outside of the canvas, one in the legend";
     EXPECT_EQ(hatches[0].attribute("fill"), "url(#hatch)");
 }
 
@@ -183,15 +183,16 @@ TEST(PreviewTest, TheSameMixGivesTheSameBytes) {
 
 // ---- Arbitrary configurations
 
-// Each element is within the page, what is beside the list does not reach it, and each label is within its rectangle.
+// Expects each element within the page and each label within its rectangle. Elements beside the list of inputs must not
+// overlap it.
 void expectWithinBounds(const SvgDocument& document) {
     const SvgElement& page = document.elements().at(0);
     ASSERT_LE(page.number("width"), kPreviewWidth);
     ASSERT_LE(page.number("height"), kPreviewMaxHeight);
     const auto entries = document.ofKind("entry-badge");
-    const double list = entries.empty() ? kPreviewWidth : entries.back().number("x");  // where it begins
+    const double listLeft = entries.empty() ? kPreviewWidth : entries.back().number("x");
     const std::set<std::string> besideTheList = {"refusal", "warning", "legend", "refused-head"};
-    std::map<std::string, std::pair<double, double>> inputs;  // left and right
+    std::map<std::string, std::pair<double, double>> inputs;  // left and right edge, by group title
     for (const SvgElement& element : document.elements()) {
         if (element.name != "rect" && element.name != "text") {
             continue;
@@ -207,7 +208,7 @@ void expectWithinBounds(const SvgDocument& document) {
         if (kind == "on-canvas" || kind == "on-canvas refused") {
             inputs[element.groups.back()] = {left, right};
         } else if (besideTheList.count(kind) != 0) {
-            ASSERT_LT(right, list) << element.text;
+            ASSERT_LT(right, listLeft) << element.text;
         } else if (!element.groups.empty() && (kind == "user" || kind == "fact")) {
             ASSERT_EQ(inputs.count(element.groups.back()), 1U);
             ASSERT_GE(left, inputs[element.groups.back()].first) << element.text;
@@ -216,7 +217,7 @@ void expectWithinBounds(const SvgDocument& document) {
     }
 }
 
-TEST(PreviewTest, AnyMixGivesABoundedDrawingWithEachTextInItsBounds) {
+TEST(PreviewTest, RandomMixesStayWithinTheBoundsOfTheDrawing) {
     std::mt19937 random(5);
     for (int round = 0; round < 150; ++round) {
         const Config config = randomMix(random);
@@ -225,7 +226,7 @@ TEST(PreviewTest, AnyMixGivesABoundedDrawingWithEachTextInItsBounds) {
     }
 }
 
-TEST(PreviewTest, CanvasesOfAnySizeGiveABoundedDrawing) {
+TEST(PreviewTest, CanvasesOfExtremeSizesStayWithinTheBoundsOfTheDrawing) {
     constexpr int32_t kHighest = 2147483647;
     for (const auto& [width, height] : {std::pair(kHighest, 1), std::pair(1, kHighest), std::pair(kHighest, kHighest),
                                         std::pair(1, 1), std::pair(0, 0), std::pair(-kHighest - 1, -kHighest - 1)}) {

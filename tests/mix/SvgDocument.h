@@ -1,4 +1,4 @@
-// An SVG as a list of its elements, read by an XML parser that is independent of the code that wrote it.
+// The elements of an SVG document in their order. GLib's parser reads them; it shares no code with the SVG writer.
 
 #ifndef VEXALIVE_TESTS_MIX_SVG_DOCUMENT_H
 #define VEXALIVE_TESTS_MIX_SVG_DOCUMENT_H
@@ -16,7 +16,7 @@ struct SvgElement {
     std::string name;
     std::map<std::string, std::string> attributes;
     std::string text;
-    std::vector<std::string> groups;  // the titles of the groups around it, from outside
+    std::vector<std::string> groups;  // titles of the enclosing <g> elements, the outermost first
 
     std::string attribute(const char* attributeName) const {
         const auto found = attributes.find(attributeName);
@@ -52,7 +52,7 @@ public:
         parser.text = [](GMarkupParseContext*, const gchar* text, gsize length, gpointer document, GError**) {
             auto& self = *static_cast<SvgDocument*>(document);
             if (self.mOpen.empty()) {
-                return;  // between the XML declaration and the first element
+                return;  // white space between the XML declaration and the first element
             }
             SvgElement& element = self.mElements[self.mOpen.back()];
             element.text.append(text, length);
@@ -89,7 +89,7 @@ public:
     }
 
 private:
-    std::vector<size_t> mOpen;  // of mElements, from outside
+    std::vector<size_t> mOpen;  // indices in mElements of the open elements, the outermost first
     std::vector<SvgElement> mElements;
     std::vector<std::string> mGroups;
     std::string mError;

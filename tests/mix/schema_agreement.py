@@ -1,4 +1,7 @@
-"""The published schema accepts exactly the files that the reader accepts: schema_agreement.py PROBE SCHEMA EXAMPLES."""
+"""Checks that the published schema accepts exactly the files that the reader accepts.
+
+Usage: schema_agreement.py PROBE SCHEMA EXAMPLES
+"""
 
 import copy
 import json
@@ -43,7 +46,7 @@ GOOD = [
     WHOLE,
     minimal(),
     with_user(),
-    minimal(appId=0, bizId=0, videoWidth=0),  # refused by the adapter, but a mix file
+    minimal(appId=0, bizId=0, videoWidth=0),  # the reader accepts these values; only the adapter refuses them
     minimal(mode=-2147483648, videoGOP=2147483647),
     minimal(videoWidth=1280.0),
     with_user(userId=""),

@@ -235,7 +235,7 @@ std::string httpResponse(int status, const std::string& body, const std::string&
            headers + "\r\n" + body;
 }
 
-ScriptedServer::Script answering(std::string bytes) {
+ScriptedServer::Script alwaysRespond(std::string bytes) {
     return [bytes = std::move(bytes)](ScriptedServer::Connection& connection) {
         if (!connection.handshake()) {
             return;

@@ -17,7 +17,7 @@
 
 class ScriptedServer {
 public:
-    // One accepted connection, as its script sees it.
+    // One accepted connection, as an argument of the script.
     class Connection {
     public:
         Connection(int socket, SSL_CTX* context, std::atomic<bool>& stopping);
@@ -32,11 +32,11 @@ public:
         // The next bytes, one at least; empty if the client has closed.
         std::string read();
         void write(const std::string& bytes);
-        std::string readPlain();                                  // what comes next, past TLS
-        void writePlain(const std::string& bytes);                // past TLS
-        void reset();                                             // RST instead of an orderly end
+        std::string readPlain();                                  // the next bytes of the socket, without TLS
+        void writePlain(const std::string& bytes);                // to the socket, without TLS
+        void reset();                                             // closes with RST
         void waitUntilRead();                                     // until the client has read everything
-        bool clientClosesWithin(std::chrono::milliseconds time);  // true also if the server stops
+        bool clientClosesWithin(std::chrono::milliseconds time);  // also returns true when the server stops
         void waitForClient() { clientClosesWithin(std::chrono::hours(1)); }
 
     private:
@@ -51,12 +51,12 @@ public:
 
     struct Options {
         CertificateFault fault = CertificateFault::kNone;
-        int highestProtocol = 0;  // TLS1_1_VERSION, …; 0 for the library's highest
-        bool http2 = false;       // negotiated in the handshake; the script has to speak it
-        int port = 0;             // 0 for a free one
+        int highestProtocol = 0;  // TLS1_1_VERSION, …; 0: the highest version of OpenSSL
+        bool http2 = false;       // the handshake negotiates HTTP/2; the script has to speak it
+        int port = 0;             // 0: any free port
     };
 
-    // Listens; each connection runs `script` on a thread of its own. The script handshakes.
+    // Listens. Runs `script` for each connection, on a separate thread. The script calls handshake().
     explicit ScriptedServer(Script script) : ScriptedServer(Options(), std::move(script)) {}
     ScriptedServer(const Options& options, Script script);
     ~ScriptedServer();
@@ -81,10 +81,10 @@ private:
     std::thread mAcceptor;
 };
 
-// A complete response.
+// The bytes of a complete response.
 std::string httpResponse(int status, const std::string& body, const std::string& headers = "");
 
-// Handshakes, then responds to every request of a connection with the same bytes.
-ScriptedServer::Script answering(std::string bytes);
+// A script that performs the handshake and responds to every request with the same bytes.
+ScriptedServer::Script alwaysRespond(std::string bytes);
 
 #endif

@@ -1,4 +1,4 @@
-// `vexalive mix` as a child process, against a service in this one.
+// Tests of `vexalive mix` as a child process.
 
 #include <chrono>
 #include <csignal>
@@ -16,7 +16,7 @@ protected:
         save(layout(1280));
     }
 
-    // Two inputs.
+    // A mix file with two inputs. A `secondLayer` of 1 makes it invalid.
     static std::string layout(int width, int secondLayer = 2) {
         return R"({"appId": 1250, "bizId": 3891, "videoWidth": )" + std::to_string(width) + R"(, "videoHeight": 720,
             "mixUsersArray": [
@@ -27,7 +27,7 @@ protected:
 
     void save(const std::string& text) const { servicetesting::writeAll(mFile, text); }
 
-    // Saves by a rename.
+    // Saves to another file, which is then renamed.
     void replace(const std::string& text) const {
         servicetesting::writeAll(mFile + ".new", text);
         std::filesystem::rename(mFile + ".new", mFile);
@@ -69,12 +69,12 @@ TEST_F(MixTool, ShowsRetriesAndARefusal) {
     EXPECT_THAT(tool.output(), Not(HasSubstr("mix cancel:")));
 }
 
-TEST_F(MixTool, NoUsableResponseIsStatus3) {
-    EXPECT_EQ(start({}, {{"VEXALIVE_CA_FILE", ""}}).awaitExit(), 3);  // the certificate is not trusted
+TEST_F(MixTool, ExitsWith3WithoutAUsableResponse) {
+    EXPECT_EQ(start({}, {{"VEXALIVE_CA_FILE", ""}}).awaitExit(), 3);  // so the certificate is not trusted
     expectInOrder({"listener code -3322"});
 }
 
-// Repeated, so that some processes exit while the first request is handed over.
+// Repeated ten times: in some runs, the tool exits while its first request passes to the client's thread.
 TEST_F(MixTool, ASecondCtrlCAborts) {
     injectFault("delay=5000,count=0,interface=set_live_mix_transcoding");
     for (int i = 0; i < 10; ++i) {
@@ -148,7 +148,8 @@ TEST_F(MixTool, ReportsAFolderThatCannotBeWatched) {
     EXPECT_THAT(mTool->errors(), HasSubstr("nowhere/layout.json cannot be watched: No such file"));
 }
 
-// Saves faster than the service responds, by writing and by renaming. Every other file is invalid, in three ways.
+// Saves faster than the service responds. Half of the files are written in place, the others renamed; every other file
+// is invalid, in one of three ways.
 TEST_F(MixTool, AfterTwentySavesInASecondTheLastValidOneApplies) {
     injectFault("delay=120,interface=set_live_mix_transcoding");
     ChildProcess& tool = start({"--watch"});
@@ -170,7 +171,7 @@ TEST_F(MixTool, AfterTwentySavesInASecondTheLastValidOneApplies) {
     interruptAndExpectSuccess();
     const nlohmann::json history = mix().at("history");
     EXPECT_EQ(history.at(history.size() - 1).at("operation"), "cancel");
-    EXPECT_EQ(history.at(history.size() - 2).at("canvas").at("width"), 1019);  // no later update
+    EXPECT_EQ(history.at(history.size() - 2).at("canvas").at("width"), 1019);  // the last update
     EXPECT_LE(history.size(), 12u);                                            // start, at most 10 updates, cancel
 }
 

@@ -11,7 +11,6 @@ using namespace vexalive;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// A temporary file.
 struct File : std::unique_ptr<FILE, decltype(&std::fclose)> {
     File() : unique_ptr(std::tmpfile(), &std::fclose) {}
     std::string text() const {

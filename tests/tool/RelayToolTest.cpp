@@ -1,4 +1,4 @@
-// `vexalive relay` as a child process, against a service in this one.
+// Tests of `vexalive relay` as a child process.
 
 #include <csignal>
 #include <regex>
@@ -59,9 +59,9 @@ TEST_F(RelayTool, ShowsEachAttemptAndThePauseBeforeTheNext) {
 }
 
 TEST_F(RelayTool, ARelayThatALateAttemptStartsIsStoppedAgain) {
-    injectFault("status=503,interface=add_relay_stream_url");     // the retry is sent a second later,
-    injectFault("delay=2500,interface=remove_relay_stream_url");  // during the stop,
-    injectFault("delay=3500,interface=add_relay_stream_url");     // and is accepted after it
+    injectFault("status=503,interface=add_relay_stream_url");     // the start is retried after 1 s, during the stop
+    injectFault("delay=2500,interface=remove_relay_stream_url");  // the response to the stop arrives first,
+    injectFault("delay=3500,interface=add_relay_stream_url");     // then the response to the retry
     ChildProcess& tool = start();
     ASSERT_TRUE(tool.awaitOutput("start: retrying, attempt 2 of 11"));
 
@@ -110,7 +110,7 @@ TEST_F(RelayTool, WarnsOfASecretThatAnAddressCannotCarry) {
 }
 
 TEST_F(RelayTool, WarnsOfTheBuiltInService) {
-    ChildProcess& tool = start({}, {{"VEXALIVE_SERVICE_HOST", ""}});  // the built-in name is reserved: it cannot exist
+    ChildProcess& tool = start({}, {{"VEXALIVE_SERVICE_HOST", ""}});  // the built-in name is never resolved (.example)
     ASSERT_TRUE(tool.awaitOutput("start: "));
 
     tool.sendSignal(SIGINT);
@@ -176,7 +176,8 @@ TEST_F(RelayTool, ErasesTransientLinesAfterCtrlCIsTyped) {
 
     EXPECT_EQ(tool.awaitExit(), 0);
     EXPECT_EQ(relaysRunning(), 0u);
-    const std::string screen = std::regex_replace(tool.output(), std::regex("[^\n]*\r\x1b\\[K"), "");  // erased lines
+    const std::regex erasedLine("[^\n]*\r\x1b\\[K");
+    const std::string screen = std::regex_replace(tool.output(), erasedLine, "");
     for (const char* erased : {"waiting for the response", "retrying", "the relay is running; Ctrl-C", "\x1b"}) {
         EXPECT_THAT(screen, Not(HasSubstr(erased)));
     }

@@ -1,4 +1,4 @@
-// `vexalive serve` as a child process.
+// Tests of `vexalive serve` as a child process.
 
 #include <csignal>
 
@@ -15,7 +15,7 @@ protected:
         return *mServe;
     }
 
-    // Launches the service and reads its "export " lines into mVariables, as a shell does after they were pasted.
+    // Launches the service and reads the variables of its "export " lines into mVariables, as a shell would.
     void serve(const std::vector<std::string>& more = {}) {
         ASSERT_TRUE(launch(more).awaitOutput("ca.pem\n"));
         std::istringstream lines(mServe->output());
@@ -28,13 +28,13 @@ protected:
         }
     }
 
-    // A signal ends the service with status 0.
+    // Sends a signal and expects exit status 0.
     void stop(int signal = SIGINT) {
         mServe->sendSignal(signal);
         EXPECT_EQ(mServe->awaitExit(), 0);
     }
 
-    // The exit status of a relay through the service that the variables name.
+    // Runs `vexalive relay` with these variables and returns its exit status.
     static int relay(Variables environment, const std::string& sig = "the-signature") {
         environment.insert({{"VEXALIVE_SIG", sig},
                             {"VEXALIVE_MAP_KEY", "the-map-key"},
@@ -111,7 +111,7 @@ TEST_F(ServeTool, ReportsAMissingWorker) {
 }
 
 TEST_F(ServeTool, ShowsEachChangeOfTheMedia) {
-    // /bin/cat ends with its input, but writes nothing that a worker would.
+    // /bin/cat stands in for a worker: it ends when its input is closed, and reports no state.
     ChildProcess& serve =
         launch({"--media", "--origin", "rtmp://127.0.0.1:1", "--json"}, {{"VEXALIVE_MEDIA_WORKER", "/bin/cat"}});
     ASSERT_TRUE(serve.awaitOutput("\"event\":\"origin\""));

@@ -15,11 +15,11 @@ constexpr const char* kRefusal = R"({"code":7,"message":"no"})";
 
 enum Request { kStart, kStop };
 
-// Feeds a session with events. The journal has the events that the session emits, its calls of the adapter as
-// "first()" or "stop()", and its exit status.
+// Feeds a session with events. The journal lists the events that the session emits, its calls of the adapter (such as
+// "first()" and "stop()") and its exit status.
 class Scenario {
 public:
-    // The start "first" is requested at construction and is not in the journal.
+    // The constructor requests the start "first", which the journal omits.
     explicit Scenario(Lifetime lifetime = Lifetime::kHeld, const TaskType& type = kRelayTask)
         : mType(type),
           mSession(
@@ -32,7 +32,7 @@ public:
         EXPECT_EQ(std::exchange(mJournal, ""), "first()");
     }
 
-    // Each of these returns the scenario, so that a test is one chain of events.
+    // The following functions return the scenario, so that a test can chain them.
     Scenario& request(const std::string& name) {
         mSession.start([this, name] { log(name + "()"); });
         return *this;
@@ -65,7 +65,7 @@ public:
         return on(EventReport{1400000001, "4711_alice", 10004, mType.family.reportEvent, "information", trace});
     }
 
-    // The rest of a started exchange whose response decides the task.
+    // Completes a started exchange with a final response: the listener is notified, and a report follows.
     Scenario& completed(Request request, int retCode, const std::string& body, int code, const std::string& message) {
         const uint64_t id = mOpen[request];
         return responded(id, retCode, body).notified(request, code, message).delivered(id).reported();
@@ -74,12 +74,12 @@ public:
     Scenario& refused(Request request) {
         return completed(request, 0, kRefusal, mType.family.codes.serverErrorBase - 7, "no");
     }
-    // The rest of an exchange that is retried or comes late: the listener is not notified.
+    // Completes a started exchange with a response that is retried or stale: the listener is not notified.
     Scenario& ignored(Request request, int retCode, const std::string& body) {
         return responded(mOpen[request], retCode, body).delivered(mOpen[request]);
     }
 
-    // Whole exchanges.
+    // Complete exchanges, from the send to the end.
     Scenario& failAttempt(Request request) { return started(request).ignored(request, 1, ""); }
     Scenario& succeed(Request request) { return started(request).accepted(request); }
     Scenario& refuse(Request request) { return started(request).refused(request); }
@@ -225,7 +225,8 @@ TEST(StopDuringStart, AFailedStartDeterminesTheStatusWithoutAStop) {
     EXPECT_EQ(scenario.journal(), "attempt stopping response outcome report exit=3");
 }
 
-// The adapter would refuse to stop what it has not sent, and would notify through another operation.
+// The adapter would refuse to stop a start that it has not sent. Intended, prescribed by the interface: it would report
+// this refusal through the listener function of another operation.
 TEST(StopDuringStart, AStartThatIsNotYetSentCompletesBeforeItIsStopped) {
     Scenario scenario;
     EXPECT_EQ(scenario.interrupt().succeed(kStart).journal(), "stopping attempt response outcome report stop()");
@@ -246,7 +247,7 @@ TEST(TaskSession, ASecondCtrlCEndsTheSessionAtOnce) {
 
 // ---- A retry of the start that is sent although the stop has begun --------------------------------------------------
 
-// Starts, fails once, and is stopped while the retry is scheduled.
+// The start has failed once and is stopped while its retry is scheduled. The retry is the late attempt.
 class LateAttempt : public ::testing::Test {
 protected:
     LateAttempt() { mScenario.failAttempt(kStart).interrupt(); }
@@ -325,7 +326,7 @@ TEST_F(WatchedMix, AnUpdateBetweenTwoAttemptsReplacesTheStart) {
     EXPECT_EQ(mScenario.journal(),
               "attempt response retry superseded second() attempt response outcome report holding");
     EXPECT_EQ(mScenario.last("superseded").fields.at("request"), "start");
-    EXPECT_EQ(mScenario.last("outcome").fields.at("request"), "start");  // no mix was running
+    EXPECT_EQ(mScenario.last("outcome").fields.at("request"), "start");  // not "update": no mix was running
     EXPECT_EQ(mScenario.last("outcome").fields.at("attempts"), 1);
 }
 
@@ -338,7 +339,7 @@ TEST_F(WatchedMix, AnUpdateIsSentAgainAfterALateAttemptOfItsPredecessor) {
     EXPECT_THAT(mScenario.journal(),
                 EndsWith("second() attempt attempt response outcome report response again second()"));
 
-    mScenario.reported();  // of the superseded second start
+    mScenario.reported();  // the report of the first call of second()
     EXPECT_EQ(mScenario.last("report").fields.at("request"), "update");
     EXPECT_THAT(mScenario.succeed(kStart).journal(),
                 EndsWith("again second() report attempt response outcome report holding"));

@@ -1,4 +1,4 @@
-// The `vexalive` tool as a child process, against a service in this one.
+// Runs the `vexalive` tool as a child process. The service runs in the process of the test.
 
 #ifndef VEXALIVE_TESTS_TOOL_TOOL_TEST_H
 #define VEXALIVE_TESTS_TOOL_TOOL_TEST_H
@@ -29,14 +29,15 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using Variables = std::map<std::string, std::string>;
 
-struct Ran {
+struct ToolResult {
     int status;
     std::string output;
     std::string errors;
 };
 
-// Runs the tool to its end. It sees only those of its variables that are in `environment`.
-inline Ran runTool(std::vector<std::string> arguments, Variables environment = {}) {
+// Runs the tool to its end. Of the VEXALIVE_ variables, the tool gets only those in `environment`; the default service
+// is a port that refuses connections.
+inline ToolResult runTool(std::vector<std::string> arguments, Variables environment = {}) {
     for (const char* name :
          {"SDK_APP_ID", "USER", "SIG", "ROOM", "MAP_KEY", "APP_ID", "BIZ_ID", "CA_FILE", "PUSH_DOMAIN"}) {
         environment.emplace(std::string("VEXALIVE_") + name, "");
@@ -48,10 +49,10 @@ inline Ran runTool(std::vector<std::string> arguments, Variables environment = {
     return {status, tool.output(), tool.errors()};
 }
 
-// Each test has a service in this process.
+// Starts a service for each test.
 class ToolTest : public ::testing::Test {
 protected:
-    // `command`: the arguments of every run.
+    // `command`: the first arguments of every run.
     explicit ToolTest(std::vector<std::string> command) : mArguments(std::move(command)) {}
     ~ToolTest() override {
         for (const char* secret : {kSig, kMapKey}) {
@@ -73,7 +74,7 @@ protected:
                 {"TERM", "xterm"}};
     }
 
-    // `fault` as after --fault.
+    // `fault`: in the format of the option --fault.
     void injectFault(const std::string& fault) {
         const auto parsed = vexalive::parseFaultOption(fault);
         ASSERT_TRUE(parsed && mService->inject(*parsed)) << fault;
@@ -82,7 +83,7 @@ protected:
     nlohmann::json state() const { return mService.state(); }
     size_t relaysRunning() const { return state().at("relays").size(); }
 
-    // Starts the tool with further arguments. `variables` override environment().
+    // Starts the tool; `arguments` follow the command. `variables` override environment().
     ChildProcess& start(const std::vector<std::string>& arguments = {}, Variables variables = {},
                         ChildProcess::Output output = ChildProcess::kPipes) {
         std::vector<std::string> all = {VEXALIVE_TOOL};
@@ -99,7 +100,7 @@ protected:
         for (const std::string& text : texts) {
             const size_t found = mTool->output().find(text, at);
             ASSERT_NE(found, std::string::npos) << text << " is missing after\n" << mTool->output().substr(at);
-            at = found + text.size() - 1;  // two texts may share a line break
+            at = found + text.size() - 1;  // the line break at the end may also begin the next string
         }
     }
 
@@ -109,7 +110,7 @@ protected:
     std::unique_ptr<ChildProcess> mTool;
 };
 
-// The lines of `--json`.
+// The output of `--json`: one object for each line.
 inline std::vector<nlohmann::json> objects(const std::string& output) {
     std::vector<nlohmann::json> result;
     std::istringstream lines(output);
@@ -121,7 +122,7 @@ inline std::vector<nlohmann::json> objects(const std::string& output) {
 
 using Fields = std::map<std::string, std::set<std::string>>;
 
-// The documented fields of the events that relays and mixes have in common.
+// The documented fields of each event that relays and mixes have in common, together with `more`.
 inline Fields taskFields(Fields more) {
     more.insert(
         {{"attempt", {"task", "request", "attempt", "of", "interface", "bytes"}},
@@ -137,7 +138,8 @@ inline Fields taskFields(Fields more) {
     return more;
 }
 
-// The events of `--json`. Expects in each line the documented fields of its event, "event" and "time", and no other.
+// Returns the events in the output of `--json`. Expects each line to have exactly the documented fields of its event,
+// "event" and "time".
 inline std::vector<std::string> checkedEvents(const std::string& output, const Fields& documented) {
     std::vector<std::string> events;
     for (const nlohmann::json& object : objects(output)) {

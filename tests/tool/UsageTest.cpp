@@ -1,4 +1,4 @@
-// Usage errors: each message names what is wrong, and nothing is sent.
+// Usage errors: each message names the wrong argument, and no request is sent.
 
 #include <array>
 
@@ -13,8 +13,8 @@ Variables goodOptions() {
             {"--map-key", kSecret},         {"--app-id", "1250"}, {"--biz-id", "3891"}};
 }
 
-Ran runRelay(const Variables& options, const std::string& url = "rtmp://cdn.example/live/main",
-             const Variables& environment = {}) {
+ToolResult runRelay(const Variables& options, const std::string& url = "rtmp://cdn.example/live/main",
+                    const Variables& environment = {}) {
     std::vector<std::string> arguments = {"relay", url};
     for (const auto& [option, value] : options) {
         arguments.insert(arguments.end(), {option, value});
@@ -22,11 +22,11 @@ Ran runRelay(const Variables& options, const std::string& url = "rtmp://cdn.exam
     return runTool(arguments, environment);
 }
 
-void expectUsageError(const Ran& ran, const std::string& text) {
-    EXPECT_EQ(ran.status, 2);
-    EXPECT_EQ(ran.output, "");
-    EXPECT_THAT(ran.errors, HasSubstr(text));
-    EXPECT_THAT(ran.errors, Not(HasSubstr(kSecret)));
+void expectUsageError(const ToolResult& result, const std::string& text) {
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.output, "");
+    EXPECT_THAT(result.errors, HasSubstr(text));
+    EXPECT_THAT(result.errors, Not(HasSubstr(kSecret)));
 }
 
 TEST(Usage, RequiresEachRelayOption) {
@@ -59,9 +59,9 @@ TEST(Usage, ShowsAWrongNumberWithItsRange) {
     for (const auto& [option, value] : cases) {
         Variables options = goodOptions();
         options[option] = value;
-        const Ran ran = runRelay(options);
-        expectUsageError(ran, std::string(option) + " is \"" + value + "\": must be ");
-        EXPECT_THAT(ran.errors, HasSubstr(" to 2147483647"));
+        const ToolResult result = runRelay(options);
+        expectUsageError(result, std::string(option) + " is \"" + value + "\": must be ");
+        EXPECT_THAT(result.errors, HasSubstr(" to 2147483647"));
     }
 }
 
@@ -106,26 +106,26 @@ TEST(Usage, ShowsWhatIsWrongButNoSecret) {
     }
 }
 
-TEST(Help, OfEachCommandHasAnExampleAndExitStatusesInEightyColumns) {
+TEST(Help, EachCommandShowsAnExampleAndExitStatusesInEightyColumns) {
     for (const char* command : {"", "relay", "mix", "preview", "serve", "stream-id"}) {
-        const Ran ran = *command ? runTool({command, "--help"}) : runTool({"--help"});
-        EXPECT_EQ(ran.status, 0);
-        EXPECT_EQ(ran.errors, "");
-        EXPECT_THAT(ran.output, HasSubstr("\nExample:"));
-        EXPECT_THAT(ran.output, HasSubstr("\nExit status: "));
-        EXPECT_THAT(ran.output, Not(::testing::ContainsRegex("[^\n]{81}")));
+        const ToolResult result = *command ? runTool({command, "--help"}) : runTool({"--help"});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.errors, "");
+        EXPECT_THAT(result.output, HasSubstr("\nExample:"));
+        EXPECT_THAT(result.output, HasSubstr("\nExit status: "));
+        EXPECT_THAT(result.output, Not(::testing::ContainsRegex("[^\n]{81}")));
     }
 }
 
-TEST(Help, OfRelayExplainsWhySecretsBelongIntoTheEnvironment) {
+TEST(Help, RelayExplainsWhySecretsBelongInTheEnvironment) {
     EXPECT_THAT(runTool({"relay", "--help"}).output,
                 HasSubstr("Every user of this machine can\nread command lines: set VEXALIVE_SIG"));
 }
 
 TEST(Version, IsOneLine) {
-    const Ran ran = runTool({"--version"});
-    EXPECT_EQ(ran.status, 0);
-    EXPECT_THAT(ran.output, ::testing::MatchesRegex("vexalive [0-9]+[.][0-9]+[.][0-9]+\n"));
+    const ToolResult result = runTool({"--version"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, ::testing::MatchesRegex("vexalive [0-9]+[.][0-9]+[.][0-9]+\n"));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Drives the real loop for the contract's tests: its worker runs by itself, so driving it means waiting for it.
+// Drives the real loop for LoopContractTest. The worker runs by itself, so these functions only wait for it.
 
 #ifndef VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
 #define VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
@@ -21,7 +21,7 @@ public:
     static std::chrono::steady_clock::time_point now() { return std::chrono::steady_clock::now(); }
     static void pass(std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }
 
-    // While it exists, the loop begins no task: the worker runs one that waits.
+    // While a Hold exists, the loop begins no other task: the worker runs a task that waits for the Hold's destructor.
     class Hold {
     public:
         explicit Hold(KstMessageLoop& loop) {
@@ -57,11 +57,11 @@ public:
         }
     }
 
-    // Lets a stopped loop do what it might still do: nothing, since its worker has ended.
+    // Lets a stopped loop run what is still pending. Here that is nothing: the worker has ended.
     static void drain() {}
 
 private:
-    // The letter that follows the thread's name in parentheses.
+    // The state letter in a "stat" file of /proc. It follows the thread's name, which is in parentheses.
     static char stateIn(const std::string& path) {
         std::ifstream file(path);
         const std::string line{std::istreambuf_iterator<char>(file), {}};

@@ -1,4 +1,4 @@
-// Drives the virtual-time loop for the contract's tests: this class runs the tasks and advances the time.
+// Drives the virtual-time loop for LoopContractTest: these functions run the tasks and advance the time.
 
 #ifndef VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
 #define VEXALIVE_TESTS_LOOP_LOOP_DRIVER_H
@@ -14,7 +14,7 @@ public:
     static std::chrono::steady_clock::time_point now() { return VirtualTime::now(); }
     static void pass(std::chrono::milliseconds time) { VirtualTime::advance(time); }
 
-    // While it exists, the loop begins no task. Virtual loops begin none by themselves.
+    // While a Hold exists, the loop begins no task. Nothing to do here: a virtual loop begins no task by itself.
     class Hold {
     public:
         explicit Hold(KstMessageLoop&) {}
@@ -29,10 +29,10 @@ public:
         return journal.size() >= count;
     }
 
-    // Runs what is due.
+    // Runs the tasks that are due.
     static void settle(KstMessageLoop&) { VirtualTime::runDue(); }
 
-    // Lets a stopped loop do what it might still do.
+    // Lets a stopped loop run what is still pending.
     static void drain() { VirtualTime::runUntilQuiet(); }
 };
 
