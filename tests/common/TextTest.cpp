@@ -18,7 +18,7 @@ TEST(Printable, EscapesAllThatIsNotAVisibleCharacter) {
         {"\u202a\u202e", "\\xe2\\x80\\xaa\\xe2\\x80\\xae"},  // direction of writing
         {"\u2066\u2069", "\\xe2\\x81\\xa6\\xe2\\x81\\xa9"},
         {"\u200e\u200f\u061c", "\\xe2\\x80\\x8e\\xe2\\x80\\x8f\\xd8\\x9c"},
-        {"\u200d\u2010\u2065\u206a", "\u200d\u2010\u2065\u206a"},  // the neighbours of these
+        {"\u200d\u2010\u2065\u206a", "\u200d\u2010\u2065\u206a"},  // the adjacent code points
         {"\xff", "\\xff"},
         {"\xc0\x80", "\\xc0\\x80"},           // overlong
         {"\xed\xa0\x80", "\\xed\\xa0\\x80"},  // a surrogate

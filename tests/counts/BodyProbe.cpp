@@ -1,6 +1,6 @@
-// Builds request bodies and stream ids, so that the instructions can be counted.
+// Builds request bodies and stream ids, so that CountsTest can count the instructions.
 //
-//     body_probe mix USERS N      N bodies of a mix of so many users
+//     body_probe mix USERS N      N bodies of a mix with USERS users
 //     body_probe stream_id N      N stream ids
 
 #include <cstdlib>

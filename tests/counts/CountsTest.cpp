@@ -18,20 +18,20 @@
 
 namespace {
 
-// Exact.
+// Exact values.
 constexpr double kAllocationsOfAnAdapter = 10;
 constexpr double kThreadsBeyondWorkers = 2;
 constexpr double kSignalsOfAPostToABusyWorker = 0;
 constexpr double kSignalsOfAPostToAnIdleWorker = 1;
 
-// 20 % above the measured value. A task that has run makes its future ready, which costs one FUTEX_WAKE even if no
+// 20 % above the measured values. Each task that has run makes its future ready. This costs one FUTEX_WAKE, even if no
 // thread waits.
 constexpr double kAllocationsOfARelayStart = 167;
 constexpr double kSystemCallsOfARelayStart = 26;
 constexpr double kFutexWakesOfAPostToABusyWorker = 1.2;
 constexpr double kFutexWakesOfAPostToAnIdleWorker = 4;
 
-// 15 % above the measured value.
+// 15 % above the measured values.
 constexpr double kInstructionsOfAPost = 1590;
 constexpr double kInstructionsOfAMixOf4 = 126000;
 constexpr double kInstructionsOfAMixOf16 = 342600;
@@ -60,13 +60,13 @@ Ended run(const Words& command, const Environment& environment) {
     return {status, child.output(), child.errors()};
 }
 
-// Why a command does not work on this machine; empty if it does.
+// The error of a command that does not work on this machine; empty if it works.
 std::string errorOf(const Words& command) {
     const Ended ended = run(command, {});
     return ended.status == 0 ? std::string() : command.front() + " does not work here: " + ended.errors;
 }
 
-// The output of a program that prints a name and a number on each line.
+// Parses the output of a program that prints a name and a number on each line.
 Figures figuresOf(const Words& command, const Environment& environment = {}) {
     const Ended ended = run(command, environment);
     EXPECT_EQ(ended.status, 0) << ended.errors;
@@ -79,8 +79,8 @@ Figures figuresOf(const Words& command, const Environment& environment = {}) {
     return figures;
 }
 
-// Runs `command` with `fewer` and with `more` repetitions, its last argument; returns the count for one repetition. The
-// start and the end of the program cancel out.
+// Runs `command` twice, with `fewer` and with `more` repetitions as its last argument. Returns the count for one
+// repetition; the difference excludes the start and the end of the program.
 template <class F>
 double countOfEach(const Words& command, int fewer, int more, F countOf) {
     const double least = countOf(command + Words{std::to_string(fewer)});

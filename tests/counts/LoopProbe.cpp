@@ -1,8 +1,8 @@
-// Posts on a task loop, so that its caller can count system calls and instructions. Prints how often the posts
-// signalled a condition.
+// Posts on a task loop, so that CountsTest can count system calls and instructions. Prints how often the posts
+// signalled a condition variable.
 //
 //     loop_probe busy N    N posts while the worker is busy; then all of them run
-//     loop_probe idle N    N posts, each to a worker that waits
+//     loop_probe idle N    N posts, each while the worker waits
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -49,7 +49,7 @@ int signalsOfAnIdleWorker(int number) {
     std::atomic<int> ran{0};
     for (int i = 1; i <= number; ++i) {
         loop->PostTask([&ran] { ++ran; });
-        // No event marks the moment at which the worker waits again. Sleeping signals no condition.
+        // No event marks the moment at which the worker waits again. A sleep does not distort the count.
         do {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         } while (ran < i);

@@ -1,8 +1,8 @@
-// Runs adapters against the local service that the environment names. Prints resource counts, a name and a number on
+// Runs adapters against the local service of the environment variables. Prints resource counts: a name and a number on
 // each line.
 //
 //     relay_probe construction    one adapter
-//     relay_probe starts N        N starts of a relay by one adapter whose connection is warm
+//     relay_probe starts N        N starts of a relay by one adapter that is already connected
 //     relay_probe sequence N      N adapters, first idle; then each starts a relay, one after another
 
 #include <semaphore.h>
@@ -23,7 +23,7 @@
 namespace {
 
 constexpr int kWarmUp = 20;
-constexpr int kSharedThreads = 2;  // of the HTTPS client; they live as long as the process
+constexpr int kSharedThreads = 2;  // threads of the HTTPS client that live until the process exits
 constexpr auto kThreadEndTimeout = std::chrono::seconds(5);
 
 class Listener : public ILiveTrancodingDelegate {
@@ -43,7 +43,7 @@ public:
     void wait() { sem_wait(&mNotified); }
 
 private:
-    sem_t mNotified;  // unlike the journals of the other tests, allocates nothing
+    sem_t mNotified;  // a Journal would allocate and so change the counts
 };
 
 using Adapter = std::shared_ptr<LiveTranscodingAdapter>;

@@ -22,7 +22,7 @@ void FakePlatform::reset() {
 }
 
 void FakePlatform::respond(size_t request, int retCode, const std::string& body) {
-    // Moved out first: the callback may send, which moves the list.
+    // Moved out before the call: a callback that sends reallocates `requests`.
     const CVexaHttpSendRecv::Callback callback = std::exchange(requests.at(request).callback, nullptr);
     KstCopyOnWriteBuffer response(reinterpret_cast<const uint8_t*>(body.data()), body.size());
     callback(retCode, response);

@@ -1,7 +1,7 @@
-// The SDK's facilities for tests: records what the adapter logs, reports and sends, and sends nothing.
+// A fake of the SDK's facilities: records log lines, reports and requests of the adapter, and sends nothing.
 //
-// FakePlatform.cpp defines the seam of src/base (HTTPS client, log, report, clocks, version, address) on this object.
-// The clocks follow virtual time. For tests on one thread.
+// FakePlatform.cpp implements the interfaces of src/base (HTTPS client, log, report, clocks, version, address) with
+// this object. The clocks follow virtual time. For tests on one thread.
 
 #ifndef VEXALIVE_FAKES_FAKE_PLATFORM_H
 #define VEXALIVE_FAKES_FAKE_PLATFORM_H
@@ -41,7 +41,7 @@ public:
         std::string url;
         std::string body;
         VirtualTime::TimePoint sentAt;
-        CVexaHttpSendRecv::Callback callback;  // empty once responded to
+        CVexaHttpSendRecv::Callback callback;  // empty once the response is delivered
     };
 
     static constexpr const char* kHost = "live.test:8443";
@@ -50,7 +50,7 @@ public:
 
     static FakePlatform& instance();
 
-    // Forgets what was recorded and sets the clocks back to the values below.
+    // Clears the records and resets the clocks to the values below.
     void reset();
 
     // Responds to a request as the client's delivery thread would. The client may have been destroyed.
@@ -59,17 +59,17 @@ public:
     std::vector<LogLine> log;
     std::vector<Report> reports;
     std::vector<Request> requests;
-    std::vector<std::string> clients;  // "made 0", "gone 0", … in order; counted from 0 after a reset
-    std::vector<std::string> order;    // what happened at all, in one line each: sends, reports and the tests' own
+    std::vector<std::string> clients;  // "made 0", "gone 0", … in their order; the numbers begin with 0 after a reset
+    std::vector<std::string> order;    // one entry for each send, report and event that a test adds, in their order
 
-    // Both clocks at the moment of the reset, in milliseconds; virtual time passes on top.
+    // The values of both clocks at the reset, in milliseconds. The virtual time since the reset is added.
     uint64_t tickAtReset = 1'000'000;
     uint64_t utcAtReset = 1'700'000'000'000;
 
     // Runs after each log line; may call the adapter.
     std::function<void(const LogLine&)> onLog;
 
-    // Of the whole process, whatever was reset since: one event id is used up by each.
+    // Requests of the whole process; a reset does not change this number. Each request uses one event id.
     int requestsEver = 0;
 
     uint64_t millisecondsSinceReset() const;

@@ -9,14 +9,14 @@
 #include <cstddef>
 #include <optional>
 
-// Angle brackets search the include path only, which #include_next in that header relies on.
+// Angle brackets are needed: #include_next in that header works only if it was found on the include path.
 #include <base/KstMessageLoop.h>
 
 class VirtualTime {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    // Of all loops that exist.
+    // The existing loop that was created last.
     static KstMessageLoop& newestLoop() { return *KstMessageLoop::world().loops.back(); }
 
     static TimePoint now() { return KstMessageLoop::world().now; }
@@ -47,7 +47,7 @@ public:
         }
     }
 
-    // Tasks waiting on all loops: those posted without a delay (or due by now), and those still delayed.
+    // The number of waiting tasks on all loops: immediate or due tasks here, delayed tasks below.
     static size_t queuedTasks() {
         size_t tasks = 0;
         for (const KstMessageLoop* loop : KstMessageLoop::world().loops) {

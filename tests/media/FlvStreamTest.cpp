@@ -1,4 +1,4 @@
-// The sequence of tags that a relay passes on.
+// FLV streams of a relay: reading tags, timestamps, and the gate that decides which tags are sent.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 namespace vexalive {
 namespace {
 
-// A tag on the wire.
+// The bytes of an FLV tag.
 std::string tagOf(char kind, unsigned timestamp, const std::string& data) {
     std::string bytes{kind, 0, 0, static_cast<char>(data.size())};
     for (const int shift : {16, 8, 0, 24}) {
@@ -42,7 +42,7 @@ const TagCase kTags[] = {
     {tagOf(9, 40, {0x17, 1, 4}), FlvTag::Kind::kVideo, 40, false, true, true},
     {tagOf(9, 0x1020304, {0x27, 1, 5}), FlvTag::Kind::kVideo, 0x1020304, false, false, true},
     {tagOf(8, 60, {'\xaf', 1, 6}), FlvTag::Kind::kAudio, 60, false, false, true},
-    {tagOf(18, 0, "|RtmpSampleAccess"), FlvTag::Kind::kScript, 0, false, false, false},  // a server's own
+    {tagOf(18, 0, "|RtmpSampleAccess"), FlvTag::Kind::kScript, 0, false, false, false},  // some servers add this tag
 };
 
 FlvTag tag(const std::string& bytes) {
@@ -97,12 +97,12 @@ TEST(FlvStream, BytesThatAreNoFlvAreRefused) {
     EXPECT_FALSE(FlvReader().read(std::string(kFlvHeader) + std::string(11, '\x07'), ignore));
 }
 
-// Timestamps of a source, when they arrive, and the steady timestamps they get.
+// Times in milliseconds.
 struct Arrival {
-    int64_t timestamp;
-    int64_t now;
-    int64_t steady;
-    bool beginsConnection = false;
+    int64_t timestamp;              // in the source
+    int64_t now;                    // time of the arrival
+    int64_t steady;                 // expected timestamp in the relay
+    bool beginsConnection = false;  // the source connects anew with this tag
 };
 
 TEST(SteadyTime, IsMonotonicAndHasTheIntervalsOfItsSource) {
@@ -133,7 +133,7 @@ TEST(SteadyTime, IsMonotonicAndHasTheIntervalsOfItsSource) {
     }
 }
 
-// What a gate lets through because of one tag, as bytes.
+// Offers a tag to the gate and returns the bytes that the gate then sends.
 struct Gate : FlvGate {
     std::string operator()(const std::string& bytes, size_t queued = 0, int64_t now = 0) {
         const FlvTag each = tag(bytes);

@@ -1,4 +1,4 @@
-// The local service as a whole: who may publish, and which processes a killed service leaves.
+// The local service with media: who may publish, and that the child processes of a killed service end.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,7 +13,7 @@
 namespace mediatesting {
 namespace {
 
-// How many processes of this machine have `mark` in their command line or environment.
+// The number of processes on this machine that have `mark` in their command line or environment.
 int processesWith(const std::string& mark) {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
@@ -51,7 +51,8 @@ TEST(LocalService, LeavesNoProcessWhenItIsKilled) {
     HttpClient client("https://" + address.substr(0, address.find('"')), folder.path() + "/state/ca.pem");
     EXPECT_EQ(servicetesting::post(client, mixBody({{1, 0, 0, 640, 360}}))["code"], 0);
     EXPECT_EQ(servicetesting::post(client, relayOf(2, "rtmp://127.0.0.1:9/cdn/nobody"))["code"], 0);
-    ASSERT_TRUE(pollUntil([&] { return processesWith(mark) == 4; })) << processesWith(mark);  // nginx and two workers
+    // The service, nginx and two workers.
+    ASSERT_TRUE(pollUntil([&] { return processesWith(mark) == 4; })) << processesWith(mark);
     service.sendSignal(SIGKILL);
     service.awaitExit();
     EXPECT_TRUE(pollUntil([&] { return processesWith(mark) == 0; })) << processesWith(mark);

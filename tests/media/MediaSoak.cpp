@@ -1,10 +1,10 @@
-// Minutes of random updates, losses of inputs and faults, on one mix and two relays, to find leaks.
+// A soak test that searches for leaks: random updates, losses of inputs and faults, on one mix and two relays.
 //
 //     media_soak SECONDS SAMPLES.csv
 //
-// Every ten seconds it records the memory, descriptors and threads of the workers and of the origin. At the end
-// the median of the last third of the samples is compared with that of the first third. The exit status is 0 if nothing
-// has grown, no worker was restarted, and the mix did not reconnect.
+// Every ten seconds, it records the memory, descriptors and threads of the workers and of the origin. At the end, it
+// compares the medians of the first and the last third of the samples. The exit status is 0 if no median has grown
+// beyond its bound, no worker was restarted, and the mix did not reconnect.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -29,8 +29,8 @@ constexpr std::chrono::seconds kBetweenSamples{10};
 constexpr int kMembers = 4;
 constexpr const char* kColours[] = {"red", "lime", "blue", "yellow"};
 
-// What is measured of all workers and the origin, and how much it may grow. The allocators of three workers settle
-// slowly.
+// A measured sum over all workers and the origin, with the bound of its growth. Memory may grow by a tenth: the
+// allocators of three workers need minutes to reach their steady state.
 struct Quantity {
     const char* name;
     double maxFactor;
@@ -39,7 +39,7 @@ struct Quantity {
 constexpr Quantity kQuantities[] = {{"kibibytes", 1.1, 0}, {"descriptors", 1, 4}, {"threads", 1, 4}};
 using Sample = std::array<double, std::size(kQuantities)>;
 
-// Without this process, which has FFmpeg's pipes and frames as well.
+// The workers and the origin. This process is not measured: it also has the pipes and frames of FFmpeg's programs.
 std::vector<pid_t> measuredProcesses() {
     std::vector<pid_t> all = LocalService::children("vexalive-media");
     for (const pid_t origin : LocalService::children("nginx")) {
@@ -60,7 +60,7 @@ Sample measure() {
     return sum;
 }
 
-// Of one quantity, in the samples from `begin` on.
+// The median of one quantity in `count` samples, the first of which is `begin`.
 double median(const std::vector<Sample>& samples, size_t begin, size_t count, size_t quantity) {
     std::vector<double> values;
     for (size_t i = begin; i < begin + count; ++i) {
@@ -112,7 +112,7 @@ public:
     }
 
     LocalService& service() { return mService; }
-    int updates = 0;  // that were accepted
+    int updates = 0;  // accepted updates
     int losses = 0;
     int faults = 0;
 
@@ -134,7 +134,7 @@ private:
         }
     }
 
-    // The service responds with an error code, and a relay may get a destination that is absent.
+    // The service refuses an update of the mix. Then the second relay gets a destination that may be absent.
     void injectFault() {
         vexalive::Fault fault;
         fault.kind = vexalive::Fault::Kind::kCode;

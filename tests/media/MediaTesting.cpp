@@ -22,7 +22,7 @@ constexpr int kSampleRate = 16000;
 constexpr size_t kPiece = kSampleRate / 10;
 constexpr int kTones[] = {440, 660, 880, 1320};
 
-// The share of a tone in the energy of a piece of audio, by Goertzel's filter: 1 if there is no other.
+// The share of a tone in the energy of a piece of audio, by the Goertzel algorithm. 1: there is nothing but this tone.
 double shareOf(int tone, const std::vector<int16_t>& piece) {
     const double w = 2 * M_PI * tone / kSampleRate;
     double before = 0;
@@ -38,7 +38,8 @@ double shareOf(int tone, const std::vector<int16_t>& piece) {
     return energy == 0 ? 0 : 2 * power / (energy * static_cast<double>(piece.size()));
 }
 
-// A tone counts if it has a tenth of the energy; three at once have a third each. Near silence has none.
+// The tones that have at least a tenth of the energy. (Each of three simultaneous tones has a third.) Near silence,
+// there are none.
 std::vector<int> tonesOf(const std::vector<int16_t>& piece) {
     std::vector<int> tones;
     const bool isLoud = std::any_of(piece.begin(), piece.end(), [](int16_t sample) { return std::abs(sample) > 300; });
@@ -300,7 +301,7 @@ Probe::Probe(const std::string& url, Unit unit) {
     mProgram = std::make_unique<Program>(command, [this](std::string_view output) { return read(output); });
 }
 
-// Lines such as "media_type=video|key_frame=1|…".
+// Reads lines of the form "media_type=video|key_frame=1|…".
 size_t Probe::read(std::string_view output) {
     size_t consumed = 0;
     for (size_t end = 0; (end = output.find('\n', consumed)) != std::string_view::npos; consumed = end + 1) {

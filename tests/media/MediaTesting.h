@@ -1,5 +1,5 @@
-// The local service with its origin, publishers, and viewers that check pixels, tones and packets. Publishers and
-// viewers are FFmpeg's programs, which share no code with the media workers.
+// The local service with its origin (the RTMP server), publishers, and viewers that check pixels, tones and packets.
+// Publishers and viewers are FFmpeg's programs, which share no code with the media workers.
 
 #ifndef VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
 #define VEXALIVE_TESTS_MEDIA_MEDIA_TESTING_H
@@ -32,7 +32,7 @@ using servicetesting::streamIdOf;
 // A program whose output is read as it arrives. Its errors go to standard error. The destructor kills it.
 class Program {
 public:
-    // Called on a separate thread with all output that has not been consumed yet; returns how many bytes it consumed.
+    // Called on a separate thread with the output that is not consumed yet. Returns the number of bytes it consumes.
     using OnOutput = std::function<size_t(std::string_view output)>;
     explicit Program(
         std::vector<std::string> arguments, OnOutput onOutput = [](auto all) { return all.size(); });
@@ -41,7 +41,7 @@ public:
     Program& operator=(const Program&) = delete;
 
     void signal(int number) const { mChild->signal(number); }
-    bool hasEnded() const { return mHasEnded; }  // and all its output has been read
+    bool hasEnded() const { return mHasEnded; }  // true once the program has ended and all its output is read
 
 private:
     std::unique_ptr<vexalive::Child> mChild;
@@ -56,20 +56,20 @@ public:
 
     int post(const json& body) { return servicetesting::post(mClient, body)["code"]; }
     json state() const { return mService.state(); }
-    // The "media" of the first mix, or of a relay, which are listed by stream id.
+    // The "media" object of the first mix or of a relay. Relays are ordered by stream id.
     json mix() const { return mediaOf("mixes", 0); }
     json relay(size_t index = 0) const { return mediaOf("relays", index); }
     bool mixReaches(const std::string& state) const;
-    bool inputReaches(size_t index, const std::string& state) const;  // of the mix
+    bool inputReaches(size_t index, const std::string& state) const;  // an input of the mix
     bool relayReaches(const std::string& state, size_t index = 0) const;
     std::string origin() const { return state()["service"]["origin"]["address"]; }
     std::string memberUrl(int number) const { return origin() + "/live/" + streamIdOf(number); }
     std::string mixUrl() const { return origin() + "/mix/" + streamIdOf(1); }
-    std::string get(const std::string& path);  // as a browser
+    std::string get(const std::string& path);  // the body of a response to a GET request
     void injectFault(const vexalive::Fault& fault) { mService->inject(fault); }
     std::vector<std::string> refusals() const;  // the log lines of refused publishers
 
-    // The processes that the service has started, by a part of the command line.
+    // The child processes of the service whose command line contains this string.
     static std::vector<pid_t> children(const std::string& commandLine);
 
 private:
@@ -99,7 +99,7 @@ private:
 long processField(pid_t pid, const std::string& name);
 
 struct TestStream {
-    std::string colour;  // as FFmpeg names them; empty: audio only
+    std::string colour;  // a colour name of FFmpeg; empty: audio only
     int tone = 0;        // Hz; 0: video only
     int width = 640;
     int height = 360;
@@ -127,14 +127,14 @@ public:
 
     int frames() const { return locked(mFrames); }
     bool hasEnded() const { return mProgram->hasEnded(); }
-    bool shows(const std::vector<Pixel>& pixels) const;  // all of them, in the latest frame
-    bool comesToShow(const std::vector<Pixel>& pixels) const;
+    bool shows(const std::vector<Pixel>& pixels) const;        // whether the latest frame has all of these
+    bool comesToShow(const std::vector<Pixel>& pixels) const;  // waits for such a frame; false on a timeout
 
-    // From now on, each frame has to show all of `before` or all of `after`.
+    // From now on, each frame has to show either all of `before` or all of `after`.
     void expectChange(std::vector<Pixel> before, std::vector<Pixel> after);
-    // The number of the first frame that showed `after`; 0: none.
+    // The number of the first frame that showed `after`; 0 if there is none.
     int firstChanged() const { return locked(mFirstChanged); }
-    int torn() const { return locked(mTorn); }  // how many frames showed neither
+    int torn() const { return locked(mTorn); }  // number of frames that showed neither
 
 private:
     int locked(const int& value) const {
@@ -142,7 +142,7 @@ private:
         return value;
     }
     size_t read(std::string_view output);
-    bool matches(const std::vector<Pixel>& pixels) const;  // under mMutex
+    bool matches(const std::vector<Pixel>& pixels) const;  // the caller holds mMutex
 
     const int mWidth;
     const int mHeight;
@@ -150,17 +150,17 @@ private:
     std::string mFrame;
     int mFrames = 0;
     std::vector<Pixel> mBefore;
-    std::vector<Pixel> mAfter;  // empty: no change is expected
+    std::vector<Pixel> mAfter;  // empty: frames are not checked
     int mFirstChanged = 0;
     int mTorn = 0;
-    std::unique_ptr<Program> mProgram;  // last: its thread uses all of the above
+    std::unique_ptr<Program> mProgram;  // last member: its thread uses the others
 };
 
-// Detects tones in the audio of a stream, in pieces of a tenth of a second.
+// Detects tones in the audio of a stream, in pieces of 100 ms.
 class Listener {
 public:
     explicit Listener(const std::string& url);
-    // Five pieces in a row have exactly these of the tones 440, 660, 880 and 1320 Hz.
+    // Waits until five pieces in a row have exactly these tones (of 440, 660, 880 and 1320 Hz); false on a timeout.
     bool comesToDetect(const std::vector<int>& tones) const;
 
 private:
@@ -178,7 +178,7 @@ public:
     enum Unit { kPackets, kFrames };
     struct Record {
         double time = 0;  // seconds: the decoding time of a packet, the presentation time of a frame
-        // Of frames only.
+        // Only set for frames.
         int width = 0;
         int height = 0;
         int bytes = 0;
@@ -190,7 +190,7 @@ public:
 
     std::vector<Record> video() const { return records("video"); }
     std::vector<Record> audio() const { return records("audio"); }
-    bool awaitVideo(size_t count) const;  // that many in all
+    bool awaitVideo(size_t count) const;  // waits for `count` video records in total; false on a timeout
     bool hasEnded() const { return mProgram->hasEnded(); }
     double longestVideoGap() const { return longestGap(video()); }
     bool isMonotonic() const;
@@ -206,7 +206,7 @@ private:
     std::unique_ptr<Program> mProgram;
 };
 
-// An input of member 1's mix, whose canvas has 640 x 360 pixels and 20 frames a second.
+// An input of the mix of member 1. The canvas has 640 x 360 pixels and 20 frames per second.
 struct Input {
     int member;
     int x;
@@ -217,12 +217,12 @@ struct Input {
 };
 json mixBody(const std::vector<Input>& inputs, const std::string& colour = "0x204060");
 
-// Random layouts, the same in each run.
+// Random layouts. The same seed gives the same layouts.
 class RandomLayouts {
 public:
     explicit RandomLayouts(unsigned seed) : mRandom(seed) {}
     int between(int low, int high) { return std::uniform_int_distribution<int>(low, high)(mRandom); }
-    // Most of the first `members`, anywhere, and one more who never publishes.
+    // Inputs of most of the first `members` at random positions, and one input of a member who never publishes.
     std::vector<Input> next(int members);
 
 private:

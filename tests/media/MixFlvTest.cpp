@@ -25,7 +25,7 @@ TEST(MixFlv, DescribesWhatThereIs) {
     const std::string audio = metadataTag(std::nullopt, AudioFormat{44100, 64, 1}).bytes;
     EXPECT_EQ(audio.find("width"), std::string::npos);
     EXPECT_EQ(audio.find("\x02\0\x0aonMetaData\x08\0\0\0\x05"s), 11U);
-    // 44100 as a number of eight bytes
+    // 44100 as a double
     EXPECT_NE(audio.find("\0\x0f"s + "audiosamplerate" + "\0\x40\xe5\x88\x80\0\0\0\0"s), std::string::npos);
     EXPECT_EQ(metadataTag(std::nullopt, std::nullopt).withTimestamp(0),
               "\x12\0\0\x15\0\0\0\0\0\0\0\x02\0\x0aonMetaData\x08\0\0\0\0\0\0\x09\0\0\0\x20"s);

@@ -21,8 +21,8 @@ TEST(MixLayout, ClipsARectangleAtTheCanvas) {
         {{-100, 700, 300, 300}, {0, 700, 200, 20}},
         {{-4000, -4000, 9000, 9000}, {0, 0, 1280, 720}},
         {{10, 10, INT32_MAX, INT32_MAX}, {10, 10, 1270, 710}},
-        {{3, 0, 98, 100}, {2, 0, 98, 100}},       // these two are adjacent, before
-        {{101, 0, 98, 100}, {100, 0, 98, 100}}};  // and after
+        {{3, 0, 98, 100}, {2, 0, 98, 100}},       // this rectangle and the next are adjacent, and
+        {{101, 0, 98, 100}, {100, 0, 98, 100}}};  // their results are adjacent, too
     for (const auto& [rectangle, visible] : cases) {
         EXPECT_EQ(visiblePart(rectangle, 1280, 720), visible);
     }

@@ -25,7 +25,7 @@ uint8_t& sampleOf(GstVideoFrame& frame, int plane, int x, int y) {
     return data[y / subsampling * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane) + x / subsampling];
 }
 
-// Of two colours, side by side.
+// A frame whose left half has one colour and whose right half has another.
 VideoFrame makeFrame(int width, int height, const Yuv& left, const Yuv& right) {
     VideoFrame result;
     result.info = mixVideoInfo(width, height);
@@ -159,7 +159,7 @@ TEST(MixFeed, ShowsAFrameThatIsFarTooEarly) {
     EXPECT_TRUE(feed.frameAt(now, shown));
 }
 
-// No crash, and nothing painted beside the rectangle.
+// Random rectangles and frames: no crash, and no pixel outside of the rectangle changes.
 TEST_F(MixPainterTest, AcceptsAnyRectangle) {
     std::mt19937 random(1);
     const auto any = [&](int lowest, int highest) {
@@ -173,7 +173,7 @@ TEST_F(MixPainterTest, AcceptsAnyRectangle) {
             rectangle.width = INT32_MAX;
         }
         const bool cropsCenter = any(0, 1) == 0;
-        if (any(0, 3) == 0) {  // exactly halved, from any column on
+        if (any(0, 3) == 0) {  // halves the frame; with linear scaling of chroma, that would crash
             rectangle.width = rectangle.height = 64;
             feed->putFrame(makeFrame(128 + 2 * any(0, 20), 128, kLeft, kRight));
         }
@@ -194,7 +194,7 @@ TEST_F(MixPainterTest, AcceptsAnyRectangle) {
 }  // namespace
 }  // namespace vexalive
 
-// GLib never frees what it allocates while it is loaded. The suppression needs the whole stack.
+// GLib never frees its allocations of load time. The suppression of these leaks needs complete stacks.
 extern "C" const char* __asan_default_options() {
     return "fast_unwind_on_malloc=0";
 }

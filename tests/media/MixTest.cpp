@@ -1,4 +1,4 @@
-// The mix of the local service, by the pixels, tones and packets that its viewers get.
+// The mix of the local service, checked by the pixels, tones and packets that viewers receive.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -14,7 +14,7 @@ constexpr Rgb kBackground{0x20, 0x40, 0x60};
 constexpr Rgb kPlaceholder{0x2b, 0x2b, 0x2b};
 constexpr double kFrame = 0.05;      // seconds
 constexpr int kHalfASecond = 10;     // frames
-constexpr double kRounding = 0.002;  // RTMP counts milliseconds
+constexpr double kRounding = 0.002;  // seconds; RTMP rounds timestamps to milliseconds
 
 struct OutputSettings {
     int width;
@@ -40,8 +40,8 @@ json withOutput(json body, const OutputSettings& output) {
     return body;
 }
 
-// Measures two GOPs, from the second key frame of the output's size on, when the encoder has settled. The
-// first `skipped` frames do not count.
+// Checks two GOPs of the output. They begin at the second key frame of the expected size, because the encoder has then
+// reached its rate. Ignores the first `skipped` frames.
 void expectOutput(const Probe& probe, const OutputSettings& output, size_t skipped = 0) {
     std::vector<Probe::Record> frames;
     std::vector<size_t> keys;
@@ -121,17 +121,17 @@ TEST_F(Mix, EachInputFillsItsRectangleAndTheHigherLayerCoversTheLower) {
     carol = member(3, "blue");
     start({{1, 20, 20, 300, 320}, {2, 320, 20, 300, 320}, {3, 240, 100, 160, 160}});
     const Viewer viewer(service.mixUrl());
-    EXPECT_TRUE(viewer.comesToShow({{30, 30, kRed},  // the corners of each rectangle
+    EXPECT_TRUE(viewer.comesToShow({{30, 30, kRed},  // corners of the lower rectangles
                                     {310, 30, kRed},
                                     {30, 330, kRed},
                                     {330, 30, kLime},
                                     {610, 330, kLime},
-                                    {250, 110, kBlue},  // above both
+                                    {250, 110, kBlue},  // the higher layer, over both
                                     {390, 250, kBlue},
                                     {320, 180, kBlue},
-                                    {230, 180, kRed},  // just beside it
+                                    {230, 180, kRed},  // just beside the higher layer
                                     {410, 180, kLime},
-                                    {8, 8, kBackground},  // outside of all
+                                    {8, 8, kBackground},  // outside of all rectangles
                                     {632, 352, kBackground}}));
 }
 
@@ -265,7 +265,7 @@ TEST_F(Mix, TheOutputFollowsItsSettingsOnOneConnection) {
     expectOutput(probe, second);
     EXPECT_TRUE(listener.comesToDetect({440}));
     ASSERT_EQ(service.post(withOutput(mixBody(inputs), third)), 0);
-    size_t skipped = 0;  // frames at the rate of before
+    size_t skipped = 0;  // frames until the new frame rate begins
     ASSERT_TRUE(pollUntil([&] {
         const auto frames = probe.video();
         skipped = frames.size();

@@ -1,4 +1,4 @@
-// The presentation times of an input's media, and its audio by the sample.
+// The timeline of a mix input, and the ring buffer of its audio.
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@ namespace {
 
 constexpr int64_t kMs = 1'000'000;
 
-// A timeline in milliseconds that began with a video frame of timestamp 0 at 0.
+// A timeline in milliseconds. Its first frame, a video frame with timestamp 0, arrived at time 0.
 struct Timeline : MixTimeline {
     Timeline() { toRunningTime(kVideo, 0, 0); }
     int64_t operator()(int64_t timestamp, int64_t now, Kind kind = kVideo) {
@@ -54,7 +54,7 @@ TEST(MixTimeline, ShiftsIfEveryOtherFrameIsLate) {
     EXPECT_EQ(time(1040, 1040 + kDelay, MixTimeline::kAudio), 1040 + kDelay);
 }
 
-TEST(MixTimeline, DoesNotShiftForAFrameThatIsLateNowAndThen) {
+TEST(MixTimeline, DoesNotShiftForAnOccasionalLateFrame) {
     Timeline time;
     for (int64_t timestamp = 20; timestamp <= 60'000; timestamp += 20) {
         EXPECT_EQ(time(timestamp, timestamp + (timestamp % 1500 == 0 ? 400 : 0), MixTimeline::kAudio), timestamp);
@@ -111,7 +111,7 @@ TEST(AudioRing, DropsOldSamples) {
     EXPECT_EQ(read(ring, 5 * AudioRing::kRate - 1, 1), (std::vector<float>{2, 2}));
 }
 
-// The publisher falls behind by 360 ms in two minutes, with jitter. The mix reads every 20 ms.
+// The publisher's clock is slow, by 360 ms in two minutes, with jitter. The mix reads every 20 ms.
 TEST(AudioRing, HasFewShortGapsForASlowPublisher) {
     struct Piece {
         int64_t decoded;

@@ -1,4 +1,4 @@
-// The relay of the local service: what it carries, and how it handles faults on either side.
+// The relay of the local service: the stream that it carries, and faults of its source or destination.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -15,7 +15,7 @@ class Relay : public testing::Test {
 protected:
     std::string cdn(const std::string& name) const { return service.origin() + "/cdn/" + name; }
     void add(int member, const std::string& destination) { ASSERT_EQ(service.post(relayOf(member, destination)), 0); }
-    // Publishes a member's stream and relays it until it runs.
+    // Publishes a member's stream, starts its relay, and waits until the relay runs.
     void start(int member, const TestStream& stream, const std::string& destination) {
         (member == 1 ? alice : bob) = publish(service.memberUrl(member), stream);
         add(member, destination);
@@ -53,7 +53,8 @@ TEST_F(Relay, CarriesTheStreamUnchanged) {
     EXPECT_TRUE(pollUntil([] { return LocalService::children("vexalive-media").empty(); }));
 }
 
-// The pause is longer than servers retain a publisher that sends nothing. Another publisher freezes meanwhile.
+// The pause is longer than the time after which servers drop a publisher that sends nothing. During the pause, the
+// publisher of a second relay freezes.
 TEST_F(Relay, OutlivesAPauseOfItsSource) {
     constexpr std::chrono::seconds kPause{11};
     start(1, {"red", 440}, cdn("alice"));
@@ -83,13 +84,13 @@ TEST_F(Relay, OutlivesAPauseOfItsSource) {
     EXPECT_TRUE(viewer.comesToShow({{320, 180, kLime}}));
     EXPECT_TRUE(service.relayReaches("running"));
     EXPECT_TRUE(packets.awaitVideo(received + 21));
-    EXPECT_GT(packets.longestVideoGap(), 10);  // the pause has its length in the output, too
+    EXPECT_GT(packets.longestVideoGap(), 10);  // seconds: the output has a pause of the same length
     for (const Probe* each : {&packets, &packetsOfBob}) {
         EXPECT_FALSE(each->hasEnded());
         EXPECT_TRUE(each->isMonotonic());
     }
     for (const size_t index : {size_t{0}, size_t{1}}) {
-        EXPECT_EQ(service.relay(index)["reconnects"], 0);  // of the destination
+        EXPECT_EQ(service.relay(index)["reconnects"], 0);  // counts the connections to the destination
         EXPECT_EQ(service.relay(index)["restarts"], 0);
     }
 }
@@ -118,10 +119,10 @@ TEST_F(Relay, ReconnectsToADestinationThatWasKilled) {
     EXPECT_EQ(service.relay()["restarts"], 0);
 }
 
-TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
+TEST_F(Relay, ADestinationThatReadsNothingLosesFramesAndDisturbsNoOtherRelay) {
     constexpr int kHeavy = 30'000;          // kbit/s; soon fills the queue
-    constexpr long kMaxGrowth = 10 * 1024;  // KiB
-    constexpr int kDropped = 60;            // frames, of far more bytes than that
+    constexpr long kMaxGrowth = 10 * 1024;  // KiB of memory
+    constexpr int kDropped = 60;            // frames; together far larger than kMaxGrowth
     ExternalServer slow;
     start(1, {"red", 440, 640, 360, 20, kHeavy}, slow.url("alice"));
     start(2, {"lime", 660}, cdn("bob"));
@@ -145,7 +146,7 @@ TEST_F(Relay, ADestinationThatTakesNothingLosesFramesAndDisturbsNoOther) {
     EXPECT_EQ(service.relay(1)["state"], "running");
 }
 
-TEST_F(Relay, ADestinationThatIsAbsentDisturbsNoOther) {
+TEST_F(Relay, ADestinationThatIsAbsentDisturbsNoOtherRelay) {
     alice = publish(service.memberUrl(1), {"red", 440});
     add(1, "rtmp://127.0.0.1:9/cdn/nobody");
     bob = publish(service.memberUrl(2), {"lime", 660});
@@ -158,7 +159,7 @@ TEST_F(Relay, ADestinationThatIsAbsentDisturbsNoOther) {
     EXPECT_TRUE(packets.awaitVideo(41));
     EXPECT_LE(packets.longestVideoGap(), 0.2);
 
-    add(1, cdn("alice"));  // another destination for the same relay
+    add(1, cdn("alice"));  // gives the same relay another destination
     EXPECT_TRUE(service.relayReaches("running")) << service.relay();
     EXPECT_TRUE(Viewer(cdn("alice")).comesToShow({{320, 180, kRed}}));
 }

@@ -107,9 +107,9 @@ ChildProcess::~ChildProcess() {
     }
 }
 
-// False when both have ended, or if nothing arrives for kTestTimeout.
+// False once both outputs have ended, or if nothing arrives for kTestTimeout.
 bool ChildProcess::readSome() {
-    pollfd sources[] = {{mOutputFd, POLLIN, 0}, {mErrorsFd, POLLIN, 0}};  // one below 0 is skipped
+    pollfd sources[] = {{mOutputFd, POLLIN, 0}, {mErrorsFd, POLLIN, 0}};  // poll() ignores a negative descriptor
     if ((mOutputFd < 0 && mErrorsFd < 0) || poll(sources, 2, std::chrono::milliseconds(kTestTimeout).count()) <= 0) {
         return false;
     }

@@ -1,4 +1,4 @@
-// A program as a child process, driven through pipes or a pseudo-terminal.
+// Runs a program as a child process and communicates with it through pipes or a pseudo-terminal.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_CHILD_PROCESS_H
 #define VEXALIVE_TESTS_SUPPORT_CHILD_PROCESS_H
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-// For one thread. A wait ends without success after two minutes without output.
+// Not thread-safe. A wait fails after two minutes without output.
 class ChildProcess {
 public:
     enum Output { kPipes, kTerminal };
@@ -23,7 +23,7 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // Reads until standard output holds `text`, from the beginning, `times` times; false if it ends before.
+    // Waits until all standard output so far contains `text` at least `times` times; false if the output ends before.
     bool awaitOutput(const std::string& text, int times = 1);
 
     void sendSignal(int signal) const;
@@ -31,10 +31,10 @@ public:
     // As if typed at the terminal.
     void type(const std::string& keys) const;
 
-    // Closes this end of standard output: writes to it fail.
+    // Closes the read end of standard output, so that the child's writes to it fail.
     void closeOutput();
 
-    // Reads all output to its end; the exit status, or 1000 and the number of the signal that ended it.
+    // Reads all output to its end. Returns the exit status, or 1000 plus the number of the signal that ended the child.
     int awaitExit();
 
     const std::string& output() const { return mOutput; }

@@ -20,12 +20,12 @@ HttpResponse HttpClient::send(const std::string& method, const std::string& targ
                               const std::vector<std::string>& headers) {
     CURL* const handle = mHandle.get();
     HttpResponse response;
-    // libcurl adds these two unless they are given as empty.
+    // Empty values: otherwise libcurl adds these two headers.
     curl_slist* fields = curl_slist_append(curl_slist_append(nullptr, "Expect:"), "Content-Type:");
     for (const std::string& header : headers) {
         fields = curl_slist_append(fields, header.c_str());
     }
-    curl_easy_reset(handle);  // keeps the connection
+    curl_easy_reset(handle);  // does not close the connection
     curl_easy_setopt(handle, CURLOPT_URL, (mUrl + target).c_str());
     curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(handle, CURLOPT_CAINFO, mCaFile.c_str());

@@ -10,16 +10,16 @@
 
 struct HttpResponse {
     int status = 0;     // 0 if the exchange failed
-    std::string error;  // why it failed
+    std::string error;  // the cause of the failure; empty after a response
     std::map<std::string, std::string> headers;
     std::string body;
 };
 
-// For one thread at a time. It keeps its connection, and repeats a request if the server closes a reused connection
-// without a response. An exchange fails after a minute.
+// For one thread at a time. The client reuses its connection. It repeats a request if the server closes a reused
+// connection without a response. The timeout of an exchange is one minute.
 class HttpClient {
 public:
-    // `url` is a scheme, a host and a port. Of HTTPS servers, only those with a certificate of `caFile` are trusted.
+    // `url`: scheme, host and port. `caFile`: the only certificate authorities that are trusted for HTTPS.
     explicit HttpClient(std::string url, std::string caFile = "");
 
     HttpResponse send(const std::string& method, const std::string& target, const std::string& body = "",
@@ -30,7 +30,7 @@ public:
         return send("POST", target, body, {"Content-Type: " + contentType});
     }
 
-    // Of the last exchange.
+    // Whether the last exchange reused a connection.
     bool hasReusedConnection() const;
 
 private:

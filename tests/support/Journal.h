@@ -1,4 +1,4 @@
-// A list that one thread writes to and another waits for, and a gate.
+// A thread-safe list whose entries other threads can wait for, and a gate that threads can wait at.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_JOURNAL_H
 #define VEXALIVE_TESTS_SUPPORT_JOURNAL_H
@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-constexpr auto kTestTimeout = std::chrono::seconds(90);  // before a test gives up; no passing test waits this long
+constexpr auto kTestTimeout = std::chrono::seconds(90);  // after which a wait fails; no passing test waits this long
 
 // Any thread may call any member.
 template <class T>
@@ -44,7 +44,7 @@ public:
         return waitFor(count, [](const T&) { return true; });
     }
 
-    // The same of the entries that `matches` is true for.
+    // The same for the entries for which `matches` is true.
     template <class Predicate>
     std::vector<T> waitFor(size_t count, Predicate matches) const {
         std::unique_lock<std::mutex> lock(mMutex);
@@ -63,7 +63,7 @@ private:
     std::vector<T> mEntries;
 };
 
-// Opens once. pass() waits until it is open; false on a timeout.
+// A gate that opens once. pass() waits until it is open; false on a timeout.
 class Gate {
 public:
     void open() { mOpened.add(true); }

@@ -10,11 +10,11 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int kMaxDepth = 512;  // of a readable response
+constexpr int kMaxDepth = 512;  // nesting; a deeper response is unreadable
 constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
 constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
 
-// None if it is unreadable, or "null".
+// The parsed response; none if it is unreadable or the JSON value null.
 std::optional<Json> parse(const std::string& response) {
     bool isTooDeep = false;
     const auto checkDepth = [&isTooDeep](int outerLevels, Json::parse_event_t event, const Json&) {

@@ -1,5 +1,5 @@
-// The rules of the adapter for requests and responses, written a second time and independently of it: tests compare
-// the behaviour of the adapter with these. Functions of values; any thread may call.
+// The rules of the adapter for requests and responses, implemented a second time without code of the adapter. Tests
+// compare the adapter's behaviour with these rules. All functions are thread-safe.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_ORACLE_H
 #define VEXALIVE_TESTS_SUPPORT_ORACLE_H
@@ -17,17 +17,17 @@ enum Family { kRelay, kMix };
 enum Kind { kAddRelay, kRemoveRelay, kStartMix, kCancelMix };
 
 struct KindRules {
-    const char* name;           // short name of the listener's operation
-    const char* interfaceName;  // of the service
+    const char* name;           // short name of the kind, also used for its listener function
+    const char* interfaceName;  // name of the HTTP interface
     Family family;
     int transportCode;  // listener codes
     int unreadableCode;
     int64_t serverBase;
-    int event;                 // of the report
-    Kind tracedCounter;        // whose counter the trace contains
-    bool dropsStaleRetry;      // whether the response to a retry is dropped if it is stale, as for a first send
-    bool sendsStaleRetry;      // whether a retry is sent though a newer operation has replaced it
-    std::vector<int> retried;  // absolute values of the service's codes that are retried
+    int event;             // event number of the report
+    Kind tracedCounter;    // the kind whose retry counter the trace prints
+    bool dropsStaleRetry;  // whether stale responses to retries are dropped; stale responses to first sends always are
+    bool sendsStaleRetry;  // whether a retry is sent even if a newer operation has superseded the request
+    std::vector<int> retried;  // absolute values of the service's codes that cause a retry
 };
 
 const KindRules& rulesOf(Kind kind);
@@ -36,12 +36,12 @@ constexpr Family familyOf(Kind kind) {
     return kind == kAddRelay || kind == kRemoveRelay ? kRelay : kMix;
 }
 
-// The kind that a request of this kind needs to have been sent before: the start of its family.
+// The start of the kind's family: a stop or cancel is sent only after a request of this kind.
 constexpr Kind startOf(Kind kind) {
     return familyOf(kind) == kRelay ? kAddRelay : kStartMix;
 }
 
-constexpr int kMaxRetries = 10;  // of a request
+constexpr int kMaxRetries = 10;  // for each request, after its first send
 constexpr const char* kNotInRoom = "not enterRoom status";
 
 // Milliseconds before retry 1, 2, … kMaxRetries.
@@ -51,7 +51,7 @@ int retryPause(int retry);
 struct Notification {
     std::string operation;
     int code = 0;
-    std::optional<std::string> message;  // none: any message
+    std::optional<std::string> message;  // none: every message matches
     bool operator==(const Notification& other) const {
         return operation == other.operation && code == other.code &&
                (!message || !other.message || message == other.message);
@@ -64,12 +64,12 @@ inline void PrintTo(const Notification& call, std::ostream* out) {
 
 struct Evaluation {
     bool isRetryable = false;
-    std::vector<Notification> notifications;  // of the final response
+    std::vector<Notification> notifications;  // the listener calls if this response is the final one
 };
 
 Evaluation evaluate(Kind kind, int retCode, const std::string& response);
 
-// What one response adds to the trace.
+// The string that a response adds to the trace.
 std::string traceSegment(int attemptsLeft, int retCode, const std::string& response);
 
 }  // namespace oracle

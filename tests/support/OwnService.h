@@ -1,5 +1,5 @@
-// Linking OwnService.cpp replaces the platform's service address by a port of loopback that was free at the first call
-// of ownServicePort().
+// The adapter's service address in tests: a program that links OwnService.cpp uses a free port of loopback instead of
+// the platform's address. The first call of ownServicePort() chooses the port.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_OWN_SERVICE_H
 #define VEXALIVE_TESTS_SUPPORT_OWN_SERVICE_H

@@ -23,7 +23,7 @@ public:
     void onStopLiveMixTranscoding(int code, std::string message) override { notified({"stopMix", code, message}); }
 
     Journal<Call> calls;
-    std::function<void(const Call& call)> during;  // runs inside each call; set before the first
+    std::function<void(const Call& call)> during;  // runs inside each listener call; set it before the first one
 
 private:
     void notified(const Call& call) {
@@ -58,7 +58,7 @@ inline kstmedia::VexaTranscodingConfigInternal mixConfig(int users = 2) {
     return config;
 }
 
-// Calls the operation that sends a request of this kind. `users` are the inputs of a mix.
+// Calls the operation that sends a request of this kind. `users`: the number of inputs of a mix.
 inline void callOperation(LiveTranscodingAdapter& adapter, oracle::Kind kind, int users = 2) {
     switch (kind) {
         case oracle::kAddRelay:
@@ -76,7 +76,7 @@ inline void callOperation(LiveTranscodingAdapter& adapter, oracle::Kind kind, in
     }
 }
 
-// A member of the room "r1" who has entered it.
+// A member who has entered the room "r1".
 struct Member {
     explicit Member(const std::string& userId, const std::string& userSig = "signature",
                     const std::string& mapKey = "key") {

@@ -1,4 +1,4 @@
-// A mix for measurements: user "u-bodies" in room "4711" mixes guests, each fourth with audio only.
+// A mix for measurements. User "u-bodies" in room "4711" mixes guests; every fourth guest has audio only.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_SAMPLE_MIX_H
 #define VEXALIVE_TESTS_SUPPORT_SAMPLE_MIX_H

@@ -23,7 +23,7 @@ bool readable(int socket) {
     return poll(&wait, 1, kPollMilliseconds) > 0;
 }
 
-// As in /proc/net/tcp.
+// The address in the format of /proc/net/tcp.
 std::string inHex(const sockaddr_in& address) {
     char text[16] = {};
     std::snprintf(text, sizeof text, "%08X:%04X", static_cast<unsigned>(address.sin_addr.s_addr),
@@ -31,7 +31,7 @@ std::string inHex(const sockaddr_in& address) {
     return text;
 }
 
-// True if bytes from `from` to `to` are in flight or wait to be read. Both ends are on this machine.
+// True if bytes from `from` to `to` are in flight or not yet read. Both ends are on this machine.
 bool isDataPending(const sockaddr_in& from, const sockaddr_in& to) {
     // Columns: number, local address, remote address, state, and the sizes of both queues as "SEND:RECEIVE".
     const std::string sender = inHex(from) + " " + inHex(to) + " ";
@@ -115,7 +115,7 @@ std::string ScriptedServer::Connection::read() {
 }
 
 void ScriptedServer::Connection::write(const std::string& bytes) {
-    constexpr size_t kPiece = 65536;  // between two pieces, a stop of the server is noticed
+    constexpr size_t kPiece = 65536;  // bytes; before each piece, the function checks whether the server stops
     for (size_t at = 0; at < bytes.size() && !mStopping; at += kPiece) {
         if (SSL_write(mSsl, bytes.data() + at, static_cast<int>(std::min(kPiece, bytes.size() - at))) <= 0) {
             return;
@@ -170,7 +170,7 @@ ScriptedServer::ScriptedServer(const Options& options, Script script)
     SSL_CTX_use_certificate(mContext, mCertificate.certificate.get());
     SSL_CTX_use_PrivateKey(mContext, mCertificate.key.get());
     if (options.highestProtocol != 0) {
-        SSL_CTX_set_security_level(mContext, 0);  // old protocols are shut off above it
+        SSL_CTX_set_security_level(mContext, 0);  // higher levels disable old protocols
         SSL_CTX_set_min_proto_version(mContext, TLS1_VERSION);
         SSL_CTX_set_max_proto_version(mContext, options.highestProtocol);
     }
@@ -206,7 +206,7 @@ std::string ScriptedServer::url(const std::string& path) const {
 }
 
 void ScriptedServer::acceptAll() {
-    // Writes to a closed connection must not end the process. The client's threads keep their own signal mask.
+    // A write to a closed connection must not end the process. Only the server's threads block the signal.
     sigset_t brokenPipe;
     sigemptyset(&brokenPipe);
     sigaddset(&brokenPipe, SIGPIPE);

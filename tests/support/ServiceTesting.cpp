@@ -258,7 +258,7 @@ std::string RawConnection::read(size_t size) {
 
 RawTls::RawTls(const RawConnection& connection, int minVersion, int maxVersion)
     : mContext(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free), mTls(nullptr, &SSL_free) {
-    SSL_CTX_set_security_level(mContext.get(), 0);  // the default level excludes old versions
+    SSL_CTX_set_security_level(mContext.get(), 0);  // the default level disables old versions
     SSL_CTX_set_min_proto_version(mContext.get(), minVersion);
     SSL_CTX_set_max_proto_version(mContext.get(), maxVersion);
     mTls.reset(SSL_new(mContext.get()));

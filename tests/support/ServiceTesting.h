@@ -1,5 +1,5 @@
-// What the tests of the local service share: valid requests, a temporary folder, a running service, and a client that
-// sends any bytes.
+// Helpers of the tests of the local service: valid requests, a temporary folder, a running service, and a client that
+// can send any bytes.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_SERVICE_TESTING_H
 #define VEXALIVE_TESTS_SUPPORT_SERVICE_TESTING_H
@@ -23,11 +23,11 @@ using nlohmann::json;
 constexpr const char* kSuffix = "push.test";
 constexpr const char* kGoodQuery = "sdkappid=1400&random=42&usersig=signature&parivMapKey=mapkey";
 
-// "8888_" and 32 hex digits; another id for each number.
+// "8888_" and 32 hex digits. Each number gives another id.
 std::string streamIdOf(int number);
 std::string ownStreamId();  // streamIdOf(1)
 
-// Valid requests, of ownStreamId() or of streamIdOf(number).
+// Valid requests of the user whose stream is ownStreamId() or streamIdOf(number).
 json addRelayBody();
 json relayOf(int number, const std::string& destination = "rtmp://cdn.test/live/one");
 json removeRelayBody();
@@ -54,13 +54,13 @@ int occurrences(const std::string& text, const std::string& part);
 std::string readAll(const std::string& path);
 void writeAll(const std::string& path, const std::string& content);
 
-// Calls `action` with 0 to count - 1, each on a thread of its own, and waits for all.
+// Calls `action` on `count` threads, with 0 to count - 1, and waits for all.
 void runConcurrently(int count, const std::function<void(int thread)>& action);
 
-// Calls `action` while this process can open no file.
+// Calls `action` while this process cannot open any further descriptor.
 void withoutDescriptors(const std::function<void()>& action);
 
-// The state folder of all services of this process, so that they share their certificates.
+// A state folder that all services of this process share, and with it their certificates.
 const std::string& sharedStateFolder();
 
 vexalive::LiveServiceOptions plainOptions();  // without TLS
@@ -72,10 +72,10 @@ public:
     vexalive::LiveService* operator->() { return &mService; }
     json state() const { return json::parse(mService.stateJson()); }
 
-    HttpClient client() const;   // of the service's port
-    HttpClient console() const;  // of the console's port
+    HttpClient client() const;   // connects to the service's port
+    HttpClient console() const;  // connects to the console's port
 
-    // A request on a connection of its own.
+    // Sends a request on a new connection.
     json post(const json& body, const std::string& query = kGoodQuery) const;
 
 private:
@@ -86,17 +86,17 @@ private:
 // The response of the interface that `body` names. The test fails unless it is HTTP 200.
 json post(HttpClient& client, const json& body, const std::string& query = kGoodQuery);
 
-// What a fake worker reports as the error of its status.
+// The content of the error that a fake worker writes into its status.
 struct WorkerReport {
-    int configurations = 0;  // how many it has received
+    int configurations = 0;  // number of configurations that the worker has received
     pid_t pid = 0;
-    json configuration = json::object();  // the last one; of a mix, its canvas and the number of its inputs
+    json configuration = json::object();  // the last configuration; for a mix, only its canvas and number of inputs
 };
-WorkerReport parseWorkerReport(const std::string& error);  // empty if `error` is another one
+WorkerReport parseWorkerReport(const std::string& error);  // empty if `error` is not from a fake worker
 
 std::string targetOf(const json& body, const std::string& query = kGoodQuery);
 
-// An HTTP request, as bytes.
+// The bytes of an HTTP request.
 std::string rawRequest(const std::string& method, const std::string& target, const std::string& body);
 
 // A TCP connection. Calls that block return after 20 seconds.
@@ -110,19 +110,19 @@ public:
     void send(const std::string& bytes);
     void endSending();
     std::string readToEnd() { return read(std::string::npos); }
-    std::string read(size_t size);  // that many bytes or more; fewer at the end of the connection
+    std::string read(size_t size);  // at least `size` bytes; fewer if the connection ends
 
 private:
     int mSocket;
 };
 
-// TLS on a connection, which must outlive it.
+// TLS on a connection. The connection must outlive this object.
 class RawTls {
 public:
-    // Versions as in TLS1_2_VERSION; 0 is OpenSSL's default.
+    // Versions: TLS1_2_VERSION, …; 0: the default of OpenSSL.
     explicit RawTls(const RawConnection& connection, int minVersion = 0, int maxVersion = 0);
 
-    // Trusts only `caFile`, and only for the host name or numeric address `name`.
+    // Requires a certificate that `caFile` has signed for `name`, a host name or numeric address.
     void trust(const std::string& caFile, const std::string& name);
     bool handshake();
     void send(const std::string& bytes);

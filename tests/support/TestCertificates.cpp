@@ -29,12 +29,12 @@ void addExtension(X509* certificate, int nid, const char* value) {
 
 struct Content {
     const char* name;
-    const char* alternativeNames;  // null for an authority
-    long notBefore;                // seconds from now
+    const char* alternativeNames;  // null: the certificate is an authority's
+    long notBefore;                // seconds relative to now
     long notAfter;
 };
 
-// Signed by `authority`, or by itself if that is null.
+// A certificate that is signed by `authority`, or self-signed if `authority` is null.
 TestCertificate make(const Content& content, const TestCertificate* authority) {
     static long serial = 0;
     TestCertificate made;

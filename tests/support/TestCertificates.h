@@ -1,4 +1,4 @@
-// Certificates for the tests' own servers: one authority, and what it (or nobody) has signed.
+// Certificates of the test servers: one authority, and server certificates that are valid or have one fault.
 
 #ifndef VEXALIVE_TESTS_SUPPORT_TEST_CERTIFICATES_H
 #define VEXALIVE_TESTS_SUPPORT_TEST_CERTIFICATES_H
@@ -17,15 +17,15 @@ struct TestCertificate {
     std::string keyPem() const;
 };
 
-// The authority that the tests trust; the same at every call.
+// The authority that the tests trust. Every call returns the same one.
 const TestCertificate& testAuthority();
 
-// The path of a file with the authority's certificate; removed when the process exits.
+// The path of a file with the authority's certificate. The file is removed when the process exits.
 const std::string& testAuthorityFile();
 
 enum class CertificateFault { kNone, kExpired, kOtherHost, kSelfSigned, kUnknownAuthority };
 
-// A server's certificate for localhost and 127.0.0.1, good or with one fault.
+// A server certificate for localhost and 127.0.0.1, valid or with one fault.
 TestCertificate makeServerCertificate(CertificateFault fault = CertificateFault::kNone);
 
 #endif

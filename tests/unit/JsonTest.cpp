@@ -1,4 +1,4 @@
-// JSON values, and the default reader and writer of their JSON.
+// JSON values, and the default implementation of Serialize() and Deserialize().
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,7 +46,7 @@ void expectUnreadable(std::initializer_list<std::string> texts) {
     }
 }
 
-// The integers that a response's member converts to.
+// Each row: a JSON value, and the result of ToInt() for a member with this value.
 void expectIntegers(std::initializer_list<std::pair<std::string, int>> rows) {
     for (const auto& [text, integer] : rows) {
         const Value response = Deserialize("{\"code\":" + text + "}");
@@ -260,7 +260,7 @@ TEST(JsonSerializeTest, NumbersAreExactAndARealThatIsNoNumberIsNull) {
 }
 
 TEST(JsonSerializeTest, StringsAreEscapedWhereJsonNeedsItAndNowhereElse) {
-    // Each alone: one character that needs an escape has the whole string escaped.
+    // One string for each character: the writer escapes a whole string if one of its characters needs it.
     expectJson({{"a\"b", R"("a\"b")"}, {"a\\b", R"("a\\b")"}, {"\x1f", R"("\u001f")"}, {"\x01", R"("\u0001")"}});
     expectJson({{"\b\f\n\r\t", R"("\b\f\n\r\t")"}, {std::string("a\0", 2), R"("a\u0000")"}});
     expectJson({{"a b~!", "\"a b~!\""}});
@@ -356,7 +356,7 @@ TEST(JsonDeserializeTest, MegabytesOfGarbageAreUnreadableAndHarmless) {
     uint32_t state = 1;
     for (char& byte : noise) {
         state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>((state >> 24) % 255 + 1);  // no zero byte, which would be refused at once
+        byte = static_cast<char>((state >> 24) % 255 + 1);  // never a zero byte, because the reader refuses it at once
     }
     expectUnreadable({noise, "[" + noise});
     constexpr size_t kSize = size_t{4} << 20;

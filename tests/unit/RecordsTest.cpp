@@ -1,4 +1,4 @@
-// The three parameter records: the strings that task reports contain.
+// The to_string() functions of the three parameter records.
 
 #include <gtest/gtest.h>
 
@@ -36,7 +36,7 @@ VexaMixUserInternal alice() {
     return user;
 }
 
-// Without users it renders as kHead.
+// A mix whose string is kHead as long as it has no users.
 VexaTranscodingConfigInternal portraitMix() {
     VexaTranscodingConfigInternal config;
     config.appId = 12345;
@@ -52,7 +52,7 @@ VexaTranscodingConfigInternal portraitMix() {
     return config;
 }
 
-// The rendered users: the part after the head.
+// The part of the string that shows these users: everything after kHead.
 std::string entriesOf(const std::vector<VexaMixUserInternal>& users) {
     VexaTranscodingConfigInternal config = portraitMix();
     config.mixUsersArray = users;

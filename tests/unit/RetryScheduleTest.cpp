@@ -9,7 +9,7 @@ namespace {
 static_assert(kRetryBudget == 10, "a request is sent eleven times at most");
 static_assert(retryDelay(3) == 2000, "the schedule is known to the compiler");
 
-// The ten retries of a request wait 33 s.
+// In total, the pauses before the ten retries of a request are 33 s.
 TEST(RetryScheduleTest, TheFirstSixEntriesRiseFromOneSecondToTwo) {
     const int expected[] = {1000, 1000, 1000, 2000, 2000, 2000};
     for (int n = 0; n < 6; ++n) {

@@ -1,4 +1,4 @@
-// Runs once for each environment; the arguments are the expected addresses.
+// CTest runs this program once for each environment. The arguments are the expected addresses.
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@ namespace {
 std::string expectedService;
 std::string expectedDomain;
 
-// Queried before main, as the adapter does.
+// Queried before main(), because the adapter does that as well.
 const std::string serviceAtStart = kstf_get_live_service_host();
 
 TEST(ServiceAddressTest, TheServiceIsKnownDuringStaticInitialisation) {

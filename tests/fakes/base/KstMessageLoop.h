@@ -1,8 +1,8 @@
 // The worker loop in virtual time: the same interface as the real one, without a thread and without waiting.
 //
-// For tests only: a target that puts tests/fakes before src on its include path runs the adapter on this loop. Tasks
-// run when the test runs them, through VirtualTime (VirtualTime.h), one at a time on the test's thread and never inside
-// the call that posts. There is one clock for all loops of the process. Not for several threads.
+// For tests only: a target that puts tests/fakes before src on its include path runs the adapter on this loop. A test
+// runs the tasks through VirtualTime (VirtualTime.h), one at a time on its own thread, and never inside the call that
+// posts. All loops of the process share one clock. Not thread-safe.
 
 #ifndef VEXALIVE_FAKES_BASE_KST_MESSAGE_LOOP_H
 #define VEXALIVE_FAKES_BASE_KST_MESSAGE_LOOP_H
@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-// The tasks are the real loop's.
+// The task types come from the header of the real loop.
 #define KstMessageLoop KstRealMessageLoop
 #include_next "base/KstMessageLoop.h"
 #undef KstMessageLoop
@@ -34,14 +34,14 @@ public:
     KstMessageLoop(const KstMessageLoop&) = delete;
     KstMessageLoop& operator=(const KstMessageLoop&) = delete;
 
-    // Queues `task` behind all tasks posted before. The future becomes ready when the task has run; after stop() it is
-    // empty and the task is destroyed unrun.
+    // Queues `task` behind all queued tasks. The future becomes ready when the task has run. After stop(), the future
+    // is empty and the task is destroyed unrun.
     template <class F>
     std::future<void> PostTask(F&& task) {
         return enqueue(std::nullopt, std::forward<F>(task));
     }
 
-    // The same once `delay` of virtual time has passed; a delay below zero is a deadline in the past.
+    // The same after `delay` of virtual time. A negative delay is a deadline in the past.
     template <class F>
     std::future<void> DelayPostTask(std::chrono::milliseconds delay, F&& task) {
         return enqueue(delay, std::forward<F>(task));
@@ -66,7 +66,7 @@ public:
     // Refuses further posts and destroys the tasks that have not begun. May be called again, and from a task.
     void stop() {
         mStopped = true;
-        // Emptied first and destroyed at the end: a task's destructor may post or stop.
+        // The queue is emptied first and the tasks are destroyed last: the destructor of a task may post or stop.
         const auto tasks = std::exchange(mTasks, {});
         const auto delayed = std::exchange(mDelayed, {});
     }
@@ -76,10 +76,10 @@ private:
 
     struct World {
         std::chrono::steady_clock::time_point now{std::chrono::hours(1)};
-        std::vector<KstMessageLoop*> loops;  // in the order in which they were made
+        std::vector<KstMessageLoop*> loops;  // in the order of their creation
     };
 
-    // Never destroyed, so that loops may outlive the statics of a test.
+    // Never destroyed: loops may outlive the static objects of a test.
     static World& world() {
         static World& instance = *new World();
         return instance;

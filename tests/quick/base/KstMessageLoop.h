@@ -1,7 +1,7 @@
-// The real task loop with shorter delays, and with a cause that follows the tasks.
+// The real task loop, with two additions: delays are shortened, and each task carries a cause (see Cause).
 //
-// For tests only: a target that puts tests/quick before src on its include path runs the adapter on this loop. The real
-// one is compiled under the name KstRealMessageLoop for it.
+// For tests only: a target that puts tests/quick before src on its include path runs the adapter on this loop. It is
+// built on the real loop, which is compiled under the name KstRealMessageLoop.
 
 #ifndef VEXALIVE_QUICK_BASE_KST_MESSAGE_LOOP_H
 #define VEXALIVE_QUICK_BASE_KST_MESSAGE_LOOP_H
@@ -10,16 +10,16 @@
 #include_next "base/KstMessageLoop.h"
 #undef KstMessageLoop
 
-// Defined by the program: the delay to use instead of the adapter's. Called on any thread.
+// The program defines this function: it returns the delay to use instead of `pause`. Called on any thread.
 std::chrono::milliseconds shortened(std::chrono::milliseconds pause);
 
 class KstMessageLoop : public KstRealMessageLoop {
 public:
-    // What the current thread works for: set by the program around a call of the adapter. A task has the cause of the
-    // thread that posted it.
+    // Identifies the call of the adapter that the current thread works for. The program sets the cause around the call;
+    // a task inherits the cause of the thread that posts it.
     struct Cause {
         uint64_t id = 0;
-        int posts = 0;  // on this thread since the cause was set
+        int posts = 0;  // posts of this thread since the cause was set
         int delayedPosts = 0;
 
         static Cause& current() {
