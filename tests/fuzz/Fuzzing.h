@@ -1,4 +1,4 @@
-// Shared by the fuzz targets: reports a broken rule, and splits an input into lines and words.
+// Helpers of the fuzz targets: report a violated rule, and split an input into lines and words.
 
 #ifndef VEXALIVE_FUZZ_FUZZING_H
 #define VEXALIVE_FUZZ_FUZZING_H
@@ -15,7 +15,7 @@
 
 namespace fuzzing {
 
-// Prints `rule` and `value` and aborts, which makes the input a failure, unless `holds`.
+// If `holds` is false, prints `rule` and `value` and aborts. The fuzzer then reports the input as a failure.
 inline void require(bool holds, const char* rule, std::string_view value = {}) {
     if (holds) {
         return;
@@ -25,7 +25,7 @@ inline void require(bool holds, const char* rule, std::string_view value = {}) {
     std::abort();
 }
 
-// The lines of an input. A line that begins with a blank continues the one before, so that a line may hold any bytes.
+// The lines of an input. A line that begins with a blank continues the previous line, so that a line may contain \n.
 inline std::vector<std::string> linesOf(std::string_view input) {
     std::vector<std::string> lines;
     while (!input.empty()) {
@@ -47,7 +47,7 @@ inline std::string_view takeWord(std::string_view& line) {
     return word;
 }
 
-// The number at the start; 0 if there is none, or if it is too large.
+// The number at the start of the string; 0 if there is none, or if it is too large.
 template <class Integer>
 Integer numberOf(std::string_view text) {
     Integer number = 0;

@@ -1,4 +1,4 @@
-// Any mix file: the reader, the validation against the adapter on fakes and, for some inputs, the preview.
+// Fuzzes mix files: the reader, the validation (compared with the adapter on fakes), and the preview for some inputs.
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -24,7 +24,7 @@ using Json = nlohmann::json;
 using Config = kstmedia::VexaTranscodingConfigInternal;
 using User = kstmedia::VexaMixUserInternal;
 
-// Drawing takes a hundred times as long as all else, so only files whose size is a multiple of this are drawn.
+// Drawing takes a hundred times longer than the rest. So only files whose size is a multiple of this number are drawn.
 constexpr size_t kPreviewedSize = 64;
 
 // ---- Errors ---------------------------------------------------------------------------------------------------------
@@ -85,7 +85,7 @@ Json jsonOf(const Config& config) {
     return json;
 }
 
-// The configuration has the values of the file, and is read again after it is written.
+// Requires that the configuration has the values of the file, and that it is equal after being written and read again.
 void requireRead(const Config& config, std::string_view text) {
     const Json given = Json::parse(text.begin(), text.end(), nullptr, false);
     require(given.is_object(), "an accepted file is a JSON object", text);
@@ -106,7 +106,7 @@ void requireRead(const Config& config, std::string_view text) {
 
 // ---- Validation -----------------------------------------------------------------------------------------------------
 
-// The inputs' stream ids in the order in which the adapter sends them, without the canvas; nothing if it refuses.
+// The stream ids of the inputs in the order of the adapter's request, without the canvas; none if the adapter refuses.
 std::optional<std::vector<std::string>> sentByAdapter(const Config& config) {
     FakePlatform& platform = FakePlatform::instance();
     platform.reset();
@@ -178,7 +178,7 @@ void requirePreview(const Config& config, const std::vector<MixDiagnostic>& diag
 
 }  // namespace
 
-// The catalogue of fonts stays for the life of the process, in pointers that a leak check does not see.
+// fontconfig never frees its list of fonts, and hides the pointers to it from the leak check.
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libfontconfig\n";
 }

@@ -1,12 +1,13 @@
-// Any records: their strings in reports, and the bodies and addresses that the adapter makes of them.
+// Fuzzes the parameter records: their strings in reports, and the bodies and addresses of the requests.
 //
-// An input sets fields, one a line:
+// Each line of an input sets a field or has another effect:
 //
-//   appId 7              a number of the relay and of the mix; all others are the mix's
-//   url rtmp://cdn/a     the relay's
-//   user alice           adds a user to the mix; room, rect X Y W H, zOrder, pureAudio and streamType then set its
-//   fields localUser, localRoom, sdkAppId, userSig, mapKey      of the sender times 300            repeats the string
-//   set last, up to 8 KiB json {"a":1}         a string that is parsed and serialized
+//   appId 7          a number of the relay and of the mix; the names of other numbers set the mix
+//   url rtmp://a/b   the address of the relay
+//   user alice       adds a user to the mix; room, rect X Y W H, zOrder, pureAudio and streamType set its fields
+//   localUser bob    a field of the sender; also localRoom, sdkAppId, userSig and mapKey
+//   times 300        repeats the string that was set last, up to 8 KiB
+//   json {"a":1}     parses and serializes the string
 
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -26,8 +27,8 @@ using Relay = kstmedia::VexaPublishCDNParamInternal;
 using Config = kstmedia::VexaTranscodingConfigInternal;
 using User = kstmedia::VexaMixUserInternal;
 
-constexpr size_t kMaxPiece = 259;       // of a record's string
-constexpr size_t kMaxFormatted = 4094;  // of an address, or of a name whose digest is a stream id
+constexpr size_t kMaxPiece = 259;       // bytes of one user in the string of a mix
+constexpr size_t kMaxFormatted = 4094;  // bytes of an address, or of a name whose digest is a stream id
 constexpr size_t kMaxRepeated = 8 << 10;
 constexpr size_t kMaxUsers = 40;
 
@@ -46,7 +47,7 @@ void setNumber(Record& record, const Number<Record> (&numbers)[size], std::strin
     }
 }
 
-// In the order and with the names of reports.
+// With the names that reports use, and in the same order.
 constexpr Number<Config> kNumbers[] = {
     {"mode", &Config::mode},
     {"appId", &Config::appId},
@@ -115,7 +116,7 @@ Request readRequest(std::string_view input) {
                 *lastText += once;
             }
         } else if (name == "user" && users.size() < kMaxUsers) {
-            lastText = nullptr;  // may move
+            lastText = nullptr;  // adding a user may move the string
             users.emplace_back();
             setText(users.back().userId, rest);
         } else if (users.empty()) {
@@ -182,7 +183,7 @@ Json readBody(const std::string& body) {
     return read;
 }
 
-// With U+FFFD for bytes that are not UTF-8.
+// The string as JSON. Bytes that are not UTF-8 become U+FFFD.
 Json inJson(const std::string& text) {
     return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
 }
@@ -222,7 +223,7 @@ public:
         const Json& output = body["output_param"];
         requireText(output, "output_stream_id", localId(config.bizId));
         for (const auto& number : kOutputs) {
-            require(output.contains(number.name) == (config.*number.value != -1), "-1 is left out", output.dump());
+            require(output.contains(number.name) == (config.*number.value != -1), "-1 is omitted", output.dump());
             require(!output.contains(number.name) || output[number.name] == config.*number.value, "an output number",
                     output.dump());
         }
@@ -236,7 +237,7 @@ public:
 private:
     std::string localId(int32_t bizId) const { return streamId(bizId, mRequest.localRoom, mRequest.localUser, "main"); }
 
-    // The body of the only request.
+    // Requires that exactly one request was sent, checks its address, and returns its body.
     Json sent(const std::string& interfaceName, int32_t appId, int32_t bizId) {
         VirtualTime::runDue();
         require(mPlatform.requests.size() == 1, "an accepted operation is sent");

@@ -1,6 +1,6 @@
-// Any request to the local service: its check, and the masking of its query.
+// Fuzzes the requests to the local service: their validation, and the masking of secrets in queries.
 //
-// The first line of an input is the interface, the second the query; all that follows is the body.
+// The first line of an input is the interface, the second line the query. The rest is the body.
 
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -20,8 +20,8 @@ constexpr const char* kGoodQuery = "sdkappid=1400&random=42&usersig=signature-of
 constexpr const char* kGoodBody =
     R"({"interface":"remove_relay_stream_url","timestamp":1000,"event_id":7,"appid":12345,"path":"live",)"
     R"("domain":"8888.push.test","stream_id":"8888_0123456789abcdef0123456789abcdef"})";
-constexpr size_t kMaxMessage = 16 << 10;  // the path of a field may be 16 names of 48 characters, each escaped
-constexpr size_t kMinSecret = 12;         // long enough not to be part of a message by chance
+constexpr size_t kMaxMessage = 16 << 10;  // bytes; a field's path may have 16 names of 48 escaped characters
+constexpr size_t kMinSecret = 12;         // bytes; a shorter secret could be part of a message by chance
 
 std::string_view takeLine(std::string_view& input) {
     const std::string_view line = input.substr(0, input.find('\n'));
@@ -40,7 +40,7 @@ std::vector<std::string_view> piecesOf(std::string_view query) {
     return pieces;
 }
 
-// Each parameter is masked, or is the number of one that is no secret.
+// Requires that each parameter of the masked query is masked, unless it is a number and not secret.
 void requireMasked(const std::string& query) {
     const std::string masked = maskQuery(query);
     const std::vector<std::string_view> given = piecesOf(query);
@@ -97,7 +97,7 @@ void requireRefusal(const Refusal& refusal, const std::string& query, std::strin
     require(isPlainAscii(refusal.message), "a refusal is printable", refusal.message);
     require(refusal.message.size() <= kMaxMessage, "a refusal is short", refusal.message);
     for (const std::string& secret : secretsOf(query)) {
-        // A secret may look like a part of the body or of the rest of the query.
+        // If the body or another parameter contains the same string, the message may show it.
         const bool isElsewhere = body.find(secret) != std::string_view::npos ||
                                  query.find(secret) != query.rfind(secret) ||
                                  refusal.message.find("\"" + secret) == std::string::npos;
@@ -183,10 +183,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     requireMasked(query);
     if (!isInterface(interfaceName)) {
-        return 0;  // the service responds with 404 before it checks anything
+        return 0;  // without any check, the service responds with 404
     }
     requireChecked(interfaceName, query, body);
-    // One half is valid, so that the rules for the other decide.
+    // With a valid query, only the body can be wrong; with a valid body, only the query.
     requireChecked(interfaceName, kGoodQuery, body);
     requireChecked(kRemoveRelayInterface, query, kGoodBody);
     return 0;

@@ -1,6 +1,6 @@
-// Hostile responses: the adapter on fakes in virtual time, compared with an oracle of its rules.
+// Fuzzes the responses to the adapter. The adapter runs on fakes in virtual time, and is compared with an oracle.
 //
-// An input is a scenario with one step in each line:
+// Each line of an input is a step of a scenario:
 //
 //   A   start a relay     R   stop it      E   enter the room    N   destroy the listener
 //   M   start a mix       C   cancel it    X   reset             T   wait for five seconds
@@ -37,7 +37,7 @@ using oracle::rulesOf;
 constexpr const char* kUserSig = "signature-of-alice";
 constexpr const char* kMapKey = "map-key-of-room7";
 constexpr size_t kMaxSteps = 100;
-constexpr size_t kMaxRequests = 60;  // of a scenario; the last of them are left open
+constexpr size_t kMaxRequests = 60;  // for each scenario; the last of them get no response
 
 // ---- The scenario ---------------------------------------------------------------------------------------------------
 
@@ -96,7 +96,7 @@ public:
         compare();
     }
 
-    // Leaves the open requests without a response.
+    // Ends the scenario. Open requests get no response.
     void end() {
         VirtualTime::runUntilQuiet();
         compare();
@@ -110,19 +110,19 @@ public:
 private:
     struct Sent {
         Kind kind;
-        int index;  // the generation of its operation
+        int index;  // generation of the operation
         bool isRetry;
-        VirtualTime::TimePoint due;  // of a retry
+        VirtualTime::TimePoint due;  // only for a retry
     };
     struct Task {
         std::string firstBody;
-        std::string responses;  // of the trace
+        std::string responses;  // the part of the trace that describes the responses
         int sends = 0;
         bool isReported = false;
     };
     struct Report {
         int event;
-        std::string opener;  // of the trace; of a mix start only its begin
+        std::string opener;  // the start of the trace; for a mix start, only the beginning of it
         std::string responses;
         bool isMixStart;
     };
@@ -182,7 +182,7 @@ private:
         }
     }
 
-    // The number of requests if none is open.
+    // The index of the oldest open request. If none is open, the number of requests.
     size_t oldestOpenRequest() const {
         const auto& requests = mPlatform.requests;
         const auto isOpen = [](const FakePlatform::Request& request) { return request.callback != nullptr; };
@@ -242,7 +242,7 @@ private:
         mPlatform.log.clear();
     }
 
-    // A first send runs with its operation, so it precedes each retry.
+    // In each step, first sends come before retries: they are sent while the operation runs.
     void compareRequest(const FakePlatform::Request& request) {
         const Kind kind = static_cast<Kind>(request.client);
         Sent sent{kind, mGenerations[rulesOf(kind).family], mFirstSends.empty(), request.sentAt};
@@ -316,14 +316,14 @@ private:
     int mLastCode = 0;
     std::string mLastBody;
 
-    // The state that the rules imply.
+    // The expected state.
     bool mIsInRoom = false;
     bool mIsAnythingStarted = false;
     std::array<bool, 2> mPending{};
     std::array<int, 2> mGenerations{};
     std::array<int, 4> mCounters{};
     std::map<std::pair<size_t, int>, Task> mTasks;
-    std::vector<Sent> mRetries;  // in the order in which they were posted
+    std::vector<Sent> mRetries;  // in posting order
     std::vector<Kind> mFirstSends;
     std::vector<Notification> mExpected;
     std::vector<Report> mReports;
@@ -336,7 +336,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     if (input.find(kUserSig) != std::string_view::npos || input.find(kMapKey) != std::string_view::npos) {
-        return 0;  // responses may appear in logs and reports
+        return 0;  // logs and reports show responses, so the check for secrets would fail
     }
     Scenario scenario;
     std::vector<std::string> lines = linesOf(input);

@@ -50,7 +50,7 @@ int daysBetween(const ASN1_TIME* from, const ASN1_TIME* to) {
 
 class Certificate : public testing::Test {
 protected:
-    // Fills mMade. Returns the error, if there is one.
+    // Prepares the state folder and sets mMade. Returns the error, if there is one.
     std::string prepare(std::time_t now = std::time(nullptr), const std::string& address = "127.0.0.1") {
         return prepare(mFolder, now, address);
     }
@@ -157,7 +157,7 @@ TEST_F(Certificate, AnUnusableAuthorityIsReportedWithARemedyAndNeverReplaced) {
     ASSERT_EQ("", prepare(mOtherFolder, now, "127.0.0.1"));
     const struct {
         std::string file;
-        std::optional<std::string> content;  // none: removed
+        std::optional<std::string> content;  // none: the file is removed
         mode_t mode;
         std::time_t now;
         const char* error;

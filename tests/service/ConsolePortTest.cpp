@@ -1,4 +1,4 @@
-// What is served to this machine only: the console's port and its guards, and the metrics.
+// The parts that only this machine may use: the console's port with its checks, and the metrics.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,7 +49,7 @@ TEST(ConsolePort, ServesThePageAndItsFilesButNotTheInterfaces) {
     EXPECT_EQ(200, statusOf(console, "GET", "/state"));
     EXPECT_EQ(200, statusOf(console, "GET", "/faults"));
     EXPECT_EQ(404, statusOf(console, "POST", "/v3/liveinterface/add_relay_stream_url"));
-    EXPECT_EQ(404, statusOf(console, "GET", "/snapshot?mix=" + ownStreamId()));  // without media
+    EXPECT_EQ(404, statusOf(console, "GET", "/snapshot?mix=" + ownStreamId()));  // the service runs without media
     EXPECT_EQ(403, statusOf(console, "POST", "/origin/publish"));
 }
 
@@ -92,7 +92,7 @@ TEST(ConsolePort, WithoutTlsTheServicePortChecksTheHostToo) {
     EXPECT_EQ(200, statusOf(plain, "GET", "/state"));
     EXPECT_EQ(200, statusOf(plain, "POST", "/v3/liveinterface/add_relay_stream_url", elsewhere));
 
-    RunningService secure;  // needs no check: the certificate has no other name
+    RunningService secure;  // with TLS, no check is needed: the certificate is valid for no other name
     HttpClient client = secure.client();
     EXPECT_EQ(200, statusOf(client, "GET", "/state", {"Host: a.name.of.this.machine"}));
 }
@@ -107,7 +107,7 @@ TEST(ConsolePort, PagesOfOtherSitesCannotEmbedIt) {
             const std::string field = "Sec-Fetch-Site: " + site;
             EXPECT_EQ(403, statusOf(*client, "GET", "/state", {field})) << site;
             EXPECT_EQ(403, statusOf(*client, "GET", "/snapshot?mix=1", {field})) << site;
-            EXPECT_EQ(200, statusOf(*client, "GET", "/", {field})) << site;  // by a link
+            EXPECT_EQ(200, statusOf(*client, "GET", "/", {field})) << site;  // a link to the page is allowed
         }
         for (const std::string site : {"same-origin", "none"}) {
             const std::string field = "Sec-Fetch-Site: " + site;

@@ -1,5 +1,5 @@
-// A worker process without media: it speaks the worker protocol and injects the fault that the last digits of the
-// addresses in its configuration select.
+// A worker process without media. It speaks the worker protocol. The last digits of the addresses in its configuration
+// select the fault that it injects.
 
 #include <unistd.h>
 
@@ -58,7 +58,7 @@ private:
         }
         ++mSnapshots;
         if (!mHasNoSnapshot) {
-            // "/9j/" is how a JPEG begins; the number follows.
+            // "/9j/" is the start of a JPEG in Base64. The number of the snapshot follows.
             write("{\"snapshot\":\"/9j/" + std::to_string(1000 + mSnapshots) + "\"}\n");
         }
     }
@@ -92,14 +92,14 @@ private:
         }
     }
 
-    // The error shows the test what the worker has received. "frames" counts the snapshots.
+    // The error field tells the test which configurations the worker has received; "frames" is the number of snapshots.
     void writeStatus() const {
         const std::string error = "configuration " + std::to_string(mConfigurations) + " of " +
                                   std::to_string(::getpid()) + ": " + mSummary.dump();
         const json status = {{"state", "running"}, {"error", error},  {"bytes", 1000},          {"frames", mSnapshots},
                              {"dropped", 1},       {"reconnects", 2}, {"inputs", json::array()}};
         const std::string line = json{{"status", status}}.dump() + "\n";
-        write(line.substr(0, line.size() / 2));  // in two pieces, as a pipe may split any line
+        write(line.substr(0, line.size() / 2));  // two writes, because a pipe may split a line anywhere
         write(line.substr(line.size() / 2));
     }
 

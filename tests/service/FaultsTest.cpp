@@ -1,4 +1,4 @@
-// Faults, as a client sees them on the wire.
+// Injected faults, checked by what a client receives.
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ protected:
         ASSERT_EQ(200, response.status) << response.body;
     }
 
-    // On a connection of its own.
+    // Sends a request on a new connection.
     HttpResponse response(const json& body = addRelayBody()) const {
         return mService.client().post(targetOf(body), body.dump());
     }
@@ -30,7 +30,7 @@ protected:
         const HttpResponse normal = response();
         EXPECT_EQ(200, normal.status);
         EXPECT_EQ((json{{"code", 0}, {"message", "ok"}}), json::parse(normal.body));
-        EXPECT_EQ(1, mService.state()["relays"][0]["requests"]);  // the service did not carry out the others
+        EXPECT_EQ(1, mService.state()["relays"][0]["requests"]);  // the service has not executed requests with faults
     }
 
     RunningService mService;
@@ -103,7 +103,7 @@ TEST_F(FaultsTest, AServerCodeComesUnderEitherPairOfKeys) {
     expectNormalResponse();
 }
 
-// The subject is a timer: a delay lasts at least as long as configured.
+// Exception to the rule that no test asserts elapsed time: the delay itself is under test.
 TEST_F(FaultsTest, ADelayComesBeforeTheNormalResponseOrAnotherFault) {
     for (const int status : {502, 200}) {
         inject(status == 200 ? json{{"kind", "delay"}, {"delay_ms", 150}}
@@ -174,7 +174,7 @@ TEST_F(FaultsTest, AnInProcessCallDoesTheSame) {
 
     fault.status = 99;
     EXPECT_EQ("status: found 99, must be an integer from 200 to 599", mService->inject(fault).error().message);
-    fault.kind = Fault::Kind::kClose;  // which does not use the status
+    fault.kind = Fault::Kind::kClose;  // this kind does not use the status
     EXPECT_TRUE(mService->inject(fault));
     mService->clearFaults();
     expectNormalResponse();
@@ -273,7 +273,7 @@ TEST(FaultOption, IsRefusedWithWhatIsAllowed) {
     }
 }
 
-// A client can build any fault from the list, and nothing in the list is refused.
+// A client can build each fault from the list of kinds, and the service accepts each value within the listed bounds.
 TEST_F(FaultsTest, TheListedKindsAreThoseThatAreAccepted) {
     const json kinds = json::parse(mService->faultsJson())["kinds"];
     std::string names;

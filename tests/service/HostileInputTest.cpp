@@ -1,4 +1,4 @@
-// The service survives any bytes and serves the next client.
+// After any bytes from a client, the service still serves the next client.
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@ namespace {
 struct BytesRow {
     const char* name;
     std::string bytes;
-    const char* status;  // the start of the response on a plain connection; empty: there may be none
+    const char* status;  // start of the response on a connection without TLS; empty: a response is optional
 };
 
 std::ostream& operator<<(std::ostream& stream, const BytesRow& row) {
@@ -31,7 +31,7 @@ std::string repeated(const std::string& text, size_t times) {
 const std::string kTarget = targetOf(addRelayBody());
 const std::string kHead = "POST " + kTarget + " HTTP/1.1\r\nHost: localhost\r\n";
 
-// 8 KB that a parser with backtracking works on for many seconds.
+// 8 KB for which a parser with backtracking would need many seconds.
 std::string costlyMultipart() {
     const std::string body = "--x\r\nContent-Disposition: form-data; name=\"" +
                              repeated("\";filename=\"\";filename*=", 300) + " x\r\n\r\n\r\n--x--\r\n";
@@ -52,7 +52,7 @@ TEST_P(HostileBytes, AreSurvivedOnAPlainConnection) {
     RawConnection connection(service->port());
     connection.send(GetParam().bytes);
     const std::string status = GetParam().status;
-    if (status.rfind("HTTP/1.1 4", 0) != 0) {  // the service ends a connection that it refuses
+    if (status.rfind("HTTP/1.1 4", 0) != 0) {  // after a 4xx, the service itself closes the connection
         connection.endSending();
     }
     const std::string response = connection.readToEnd();
@@ -75,7 +75,7 @@ TEST_P(HostileBytes, AreSurvivedWithinTls) {
     RawTls tls(connection);
     ASSERT_TRUE(tls.handshake());
     tls.send(GetParam().bytes);
-    connection.endSending();  // without a TLS shutdown
+    connection.endSending();  // without close_notify
     connection.readToEnd();
     expectService(service);
 }

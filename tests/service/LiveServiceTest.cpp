@@ -279,7 +279,7 @@ TEST(LiveService, TwoHundredConnectionsStayOpenAndAreServed) {
 
 // ---- Start and stop -------------------------------------------------------------------------------------------------
 
-// The subject is the time limit of stop().
+// Exception to the rule that no test asserts elapsed time: the time limit of stop() is under test.
 TEST(LiveService, AStopTakesAtMostThreeSecondsWhateverRuns) {
     RunningService service(plainOptions());
     std::vector<HttpClient> idle;
@@ -288,13 +288,13 @@ TEST(LiveService, AStopTakesAtMostThreeSecondsWhateverRuns) {
         post(idle.back(), relayOf(number));
     }
     RunningService secure;
-    const RawConnection silent(secure->port());  // has not begun its handshake
+    const RawConnection silent(secure->port());  // never begins its handshake
     const std::string target = targetOf(addRelayBody());
     RawConnection halfSent(service->port());
     halfSent.send("POST " + target + " HTTP/1.1\r\nContent-Length: 100\r\n\r\n{");
     const auto isApplied = [&service] { return json::parse(service->faultsJson())["active"].empty(); };
     ASSERT_TRUE(service->inject(*vexalive::parseFaultOption("huge=1073741824")));
-    RawConnection unread(service->port());  // does not read its response
+    RawConnection unread(service->port());  // never reads its response
     unread.send(rawRequest("POST", target, "{}"));
     ASSERT_TRUE(pollUntil(isApplied));
     ASSERT_TRUE(service->inject(*vexalive::parseFaultOption("delay=600000")));

@@ -1,4 +1,4 @@
-// The origin's address, files and watch. What nginx does with them is tested with real media.
+// The origin's address, files and supervision. The behaviour of nginx itself is tested in tests/media.
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
@@ -49,14 +49,14 @@ TEST(OriginAddress, IsAHostAndPerhapsAPort) {
     }
 }
 
-TEST(OriginConfiguration, ListensOnLoopbackAsOneProcessAndAsksAboutPublishers) {
+TEST(OriginConfiguration, ListensOnLoopbackAsOneProcessAndReportsPublishers) {
     const std::string text = vexalive::originConfiguration("7001", 7003, false);
     for (const char* part : {"master_process off;", "daemon off;", "listen 127.0.0.1:7001;",
                              "on_publish http://127.0.0.1:7003/origin/publish;", "idle_streams on;"}) {
         EXPECT_NE(0, occurrences(text, part)) << part;
     }
     EXPECT_EQ(1, occurrences(text, "listen "));
-    EXPECT_EQ(1, occurrences(text, "on_publish"));  // workers need no permission
+    EXPECT_EQ(1, occurrences(text, "on_publish"));  // only for "live": workers publish mixes without permission
     EXPECT_EQ(std::string::npos, text.find("user "));
     EXPECT_NE(std::string::npos, vexalive::originConfiguration("1", 3, true).find("user root;"));
 }
@@ -89,7 +89,7 @@ TEST(Origin, ItsPortIsReservedBeforeNginxListensAndWhileItRestarts) {
     }
     const std::string port = origin.address().port;
     EXPECT_FALSE(canListen(port, false));
-    EXPECT_TRUE(canListen(port, true));  // as nginx does
+    EXPECT_TRUE(canListen(port, true));  // with the socket options of nginx
     origin.release();
     EXPECT_TRUE(canListen(port, false));
 }

@@ -1,4 +1,4 @@
-// The rules for requests: a row for each.
+// The rules for requests. Most rules are one row of a table.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,12 +29,12 @@ Result<AcceptedRequest, Refusal> check(const json& body, const std::string& quer
     return vexalive::checkRequest(interfaceOf(body), query, body.dump(), kSuffix);
 }
 
-// The refusal, or one with code 0 if the request was accepted.
+// The refusal; if the request was accepted, a Refusal with code 0.
 Refusal refusalOf(const Result<AcceptedRequest, Refusal>& result) {
     return result ? Refusal{0, "", "accepted"} : result.error();
 }
 
-// The test fails if the request is refused.
+// Returns the accepted request. If it is refused, the test fails.
 AcceptedRequest accepted(const json& body, const std::string& query = kGoodQuery) {
     const auto result = check(body, query);
     EXPECT_EQ("accepted", refusalOf(result).message);
@@ -62,13 +62,13 @@ TEST(RequestCheck, AMissingFieldIsRefusedByName) {
     const std::set<std::string> optional = {"output_stream_bitrate",    "output_stream_gop",
                                             "output_stream_frame_rate", "output_audio_sample_rate",
                                             "output_audio_bitrate",     "output_audio_channels"};
-    // Without these, a video mix has no known canvas, or no video.
+    // If one of these is missing, the mix seems to have no canvas or no video, which is another error.
     const std::set<std::string> canvasRules = {
         "/input_stream_list/0/layout_params", "/input_stream_list/0/layout_params/input_type",
         "/input_stream_list/1/layout_params", "/input_stream_list/1/layout_params/input_type"};
     for (const auto body : {addRelayBody, removeRelayBody, videoMixBody, audioMixBody, cancelMixBody}) {
         accepted(body());
-        std::set<json::json_pointer> pointers;  // of the fields of all objects
+        std::set<json::json_pointer> pointers;  // pointers to all fields and array elements
         const json leaves = body().flatten();
         for (const auto& leaf : leaves.items()) {
             for (json::json_pointer each(leaf.key()); !each.empty(); each.pop_back()) {
@@ -99,11 +99,11 @@ TEST(RequestCheck, AChangedFieldIsRefusedByNameWithAReason) {
 #define LAYOUT(index, key) "/input_stream_list/" #index "/layout_params/" key
     const struct {
         json (*body)();
-        const char* pointer;  // what is changed
-        json value;           // what it is changed to
+        const char* pointer;  // to the field that is changed
+        json value;           // its new value
         int code;
         const char* reason;           // part of the message
-        const char* field = nullptr;  // that is named, if not the one that is changed
+        const char* field = nullptr;  // field that the refusal names; null: the changed field
     } rows[] = {
         {addRelayBody, "/interface", 1, kType, "must be a string"},
         {addRelayBody, "/interface", "remove_relay_stream_url", kValue,
@@ -361,7 +361,7 @@ TEST(RequestCheck, ANegativeBizIdIsAccepted) {
     EXPECT_EQ(-7, accepted(body).bizId);
 }
 
-// WorkerPoolTest compares a mix's canvas, inputs and output.
+// The canvas, inputs and output of a mix are checked in WorkerPoolTest.
 TEST(RequestCheck, AStartAndACancelOfAMixDifferByTheirBodies) {
     EXPECT_EQ(AcceptedRequest::Kind::kStartMix, accepted(videoMixBody()).kind);
     EXPECT_EQ("{}", accepted(videoMixBody()).sei);

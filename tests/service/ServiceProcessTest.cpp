@@ -1,4 +1,4 @@
-// `vexalive serve --media` as a process of its own: its events, and the processes that it leaves.
+// `vexalive serve --media` as a child process: its events, and the end of its own child processes.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -19,7 +19,7 @@ namespace {
 
 class ServiceProcess : public ::testing::Test {
 protected:
-    // With an nginx of its own if there is one.
+    // If nginx is installed, the service starts it as its origin.
     void SetUp() override {
         std::vector<std::string> arguments = {VEXALIVE_TOOL,  "serve",  "--media",       "--state-dir",
                                               mFolder.path(), "--json", "--push-domain", kSuffix};
@@ -55,7 +55,7 @@ protected:
         return found;
     }
 
-    // The latest of this name, for which it waits.
+    // Waits for an event with this name, and returns the latest one.
     json event(const std::string& name) {
         EXPECT_TRUE(mTool->awaitOutput("\"event\":\"" + name + "\"")) << mTool->errors();
         if (!mTool->output().empty() && mTool->output().back() != '\n') {
@@ -70,7 +70,7 @@ protected:
             .status;
     }
 
-    // Processes whose command line names the folder: the tool and its nginx.
+    // The number of processes whose command line contains the folder: the tool and its nginx.
     size_t processesOfFolder() const {
         size_t count = 0;
         for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
@@ -118,5 +118,5 @@ TEST_F(ServiceProcess, ReportsRefusedPublishersAndOmitsAndCountsLinesWhileItsOut
     EXPECT_GT(omitted, 0);
     EXPECT_GE(written, 1000);
     EXPECT_GE(written + omitted, kPublishes);
-    EXPECT_LT(written + omitted, kPublishes + 10);  // events of the origin and the relay may be omitted, too
+    EXPECT_LT(written + omitted, kPublishes + 10);  // the omitted lines may include events of the origin and the relay
 }

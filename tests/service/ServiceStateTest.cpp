@@ -1,4 +1,4 @@
-// The bounds of the state, which only many requests reach.
+// The bounds of the state. Only a large number of requests reaches them.
 
 #include <gtest/gtest.h>
 
@@ -35,7 +35,7 @@ TEST(ServiceState, OneRelayTooManyIsRefusedUntilAnotherIsRemoved) {
     const AcceptedRequest further = requestFor(AcceptedRequest::Kind::kAddRelay, ServiceState::kMaxRelays);
 
     EXPECT_EQ(Refusal::kFull, codeOf(state.apply(further)));
-    EXPECT_EQ(0, codeOf(state.apply(requestFor(AcceptedRequest::Kind::kAddRelay, 5))));  // moved, not added
+    EXPECT_EQ(0, codeOf(state.apply(requestFor(AcceptedRequest::Kind::kAddRelay, 5))));  // an existing relay is moved
     EXPECT_EQ(0, codeOf(state.apply(requestFor(AcceptedRequest::Kind::kRemoveRelay, 5))));
     EXPECT_EQ(0, codeOf(state.apply(further)));
 }

@@ -1,4 +1,4 @@
-// Child processes, with and without faults, and the lines that they write.
+// The supervision of child processes, with and without faults, and the reading of their output.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -88,19 +88,19 @@ protected:
     std::string errorOf(const std::string& name) const { return streamOf(name).error; }
     pid_t pidOf(const std::string& name) const { return parseWorkerReport(errorOf(name)).pid; }
 
-    // Waits for a part of the error, in which the fake worker reports its configuration.
+    // Waits until the worker's error contains `text`. A fake worker reports its configuration in its error.
     bool reports(const std::string& name, const std::string& text) const {
         return pollUntil([&] { return errorOf(name).find(text) != std::string::npos; });
     }
 
-    // Returns the error, if there is one.
+    // Returns the error; empty if there is none.
     std::string configure(const std::string& name, const Supervisor::Program& program, const std::string& line) {
         const auto configured = mSupervisor.configure(key(name), program, line);
         return configured ? "" : configured.error().message;
     }
     std::string configure(const std::string& name, const std::string& line) { return configure(name, worker(), line); }
 
-    // Starts a worker that ignores the end of its input.
+    // Starts a worker that does not exit when its input ends.
     pid_t startStuckWorker(const Supervisor::Program& program) {
         configure("one", program, configurationFor("babe"));
         EXPECT_TRUE(reports("one", "configuration 1"));
@@ -123,7 +123,8 @@ protected:
         return texts;
     }
 
-    // Waits until the numbers behind this text, in all lines of the child, add up to `sum` or more. Returns their sum.
+    // Adds up the numbers that follow `text` in all lines of the child. Waits until their sum is at least `sum`.
+    // Returns it.
     int awaitSum(const std::string& name, const std::string& text, int sum) const {
         int found = 0;
         pollUntil([&] {
@@ -162,7 +163,8 @@ TEST(RestartDelay, GrowsToEightSecondsAndStays) {
     EXPECT_EQ(8s, vexalive::restartDelay(1'000'000));
 }
 
-// A timer is a subject: a child that exits by itself is not killed, which would take 3 s.
+// Exception to the rule that no test asserts elapsed time: a child that exits by itself must not take the 3 s until a
+// kill.
 TEST_F(SupervisorTest, AChildIsStartedReconfiguredAndStopped) {
     ASSERT_EQ("", configure("one", configurationFor("0001", "rtmp://first")));
     ASSERT_TRUE(reports("one", "rtmp://first"));
@@ -222,7 +224,7 @@ TEST_F(SupervisorTest, TheExitStatusOfAChildIsReported) {
     EXPECT_TRUE(reports("one", "the process exited with status 7"));
 }
 
-// The subject is the timer of restarts.
+// Exception to the rule that no test asserts elapsed time: the delays of restarts are under test.
 TEST_F(SupervisorTest, AChildThatKeepsCrashingIsRestartedAfterGrowingDelaysThatANewConfigurationEnds) {
     const auto begun = Clock::now();
     configure("one", configurationFor("dead"));
@@ -236,10 +238,10 @@ TEST_F(SupervisorTest, AChildThatKeepsCrashingIsRestartedAfterGrowingDelaysThatA
     const auto configured = Clock::now();
     configure("one", configurationFor("0001"));
     ASSERT_TRUE(reports("one", "configuration 1"));
-    EXPECT_LT(Clock::now() - configured, 1500ms);  // the delay would be 2 s
+    EXPECT_LT(Clock::now() - configured, 1500ms);  // without the new configuration, the delay is 2 s
 }
 
-// A timer is a subject: the child has 3 s to exit.
+// Exception to the rule that no test asserts elapsed time: a child that does not exit is killed after 3 s.
 TEST_F(SupervisorTest, AChildThatIgnoresTheEndOfItsInputIsKilledAndItsKeyIsFreeAtOnce) {
     const pid_t stuck = startStuckWorker(worker());
     const auto begun = Clock::now();
@@ -253,17 +255,18 @@ TEST_F(SupervisorTest, AChildThatIgnoresTheEndOfItsInputIsKilledAndItsKeyIsFreeA
     EXPECT_GE(Clock::now() - begun, 2900ms);
     EXPECT_LT(Clock::now() - begun, 6s);
     EXPECT_EQ(-1, ::kill(stuck, 0));
-    EXPECT_EQ(WorkerState::kRunning, streamOf("one").state);  // of the new child
+    EXPECT_EQ(WorkerState::kRunning, streamOf("one").state);  // state of the new child
 }
 
-// A timer is a subject: the handover, after which the stopping child is killed, is shorter than 3 s.
+// Exception to the rule that no test asserts elapsed time: with a handover, a stopping child is killed earlier than
+// after 3 s.
 TEST_F(SupervisorTest, WithAHandoverAChildStartsWhenTheStoppingOneHasExitedOrWasKilled) {
     const Supervisor::Program program = workerWithHandover();
     const pid_t stuck = startStuckWorker(program);
     const auto begun = Clock::now();
     mSupervisor.remove(key("one"));
     ASSERT_EQ("", configure("one", program, configurationFor("dead")));
-    ASSERT_EQ("", configure("one", program, configurationFor("0001")));  // does not end the wait
+    ASSERT_EQ("", configure("one", program, configurationFor("0001")));  // a new configuration does not end the wait
     ASSERT_TRUE(awaitAnotherProcess(stuck));
     EXPECT_EQ(-1, ::kill(stuck, 0));
     EXPECT_GE(Clock::now() - begun, 300ms);
@@ -304,7 +307,7 @@ TEST_F(SupervisorTest, MalformedLinesAreCountedAndReportedAndDoNoHarm) {
     EXPECT_EQ(0u, statusOf("one").restarts);
 }
 
-// The subject is the processor time of two seconds: it takes a whole processor to read all lines.
+// Measures the processor time during 2 s. To read all lines, the supervisor would need a whole processor.
 TEST_F(SupervisorTest, FloodsCostLittleAndDisturbNoOther) {
     configure("statuses", configurationFor("f00d"));
     configure("lines", configurationFor("feed"));
@@ -326,7 +329,8 @@ TEST_F(SupervisorTest, MessagesAreDelivered) {
     EXPECT_EQ((std::vector<std::string>{R"({"snapshot":"/9j/1001"})"}), entriesOf("one", mMessages));
 }
 
-// The subject is a timer: a child has 6 timeouts, 2.4 s, for its first status, and then one for each.
+// The timeout of a status is 400 ms here; the first status may take six times as long. The test needs 3 s to exceed
+// both.
 TEST_F(SupervisorTest, AStatusFromOutsideCountsAsOneOfTheChild) {
     configure("server", {{"/bin/sleep", "100"}, 400ms, SIGTERM}, "");
     for (const auto begun = Clock::now(); Clock::now() - begun < 3s; std::this_thread::sleep_for(100ms)) {
@@ -337,7 +341,7 @@ TEST_F(SupervisorTest, AStatusFromOutsideCountsAsOneOfTheChild) {
     EXPECT_TRUE(pollUntil([&] { return statusOf("server").restarts > 0; }));
 }
 
-// A timer is a subject: without the signal, the child would be killed after 3 s.
+// Exception to the rule that no test asserts elapsed time: without the signal, the child would be killed after 3 s.
 TEST_F(SupervisorTest, AStopSignalEndsAChildThatDoesNotReadItsInput) {
     configure("server", {{"/bin/sleep", "100"}, 20s, SIGTERM}, "");
     const auto begun = Clock::now();
@@ -346,14 +350,14 @@ TEST_F(SupervisorTest, AStopSignalEndsAChildThatDoesNotReadItsInput) {
     EXPECT_LT(Clock::now() - begun, 2s);
 }
 
-// A timer is a subject: the time limit of stop().
+// Exception to the rule that no test asserts elapsed time: the time limit of stop() is under test.
 TEST_F(SupervisorTest, ManyThreadsMayConfigureAndAStopLeavesNoProcess) {
     mSupervisor.stop();
     const size_t before = openDescriptors();
     ASSERT_TRUE(mSupervisor.start());
     runConcurrently(8, [this](int thread) {
         for (int round = 0; round < 12; ++round) {
-            const std::string name = std::to_string((thread + round) % 5);  // shared with other threads
+            const std::string name = std::to_string((thread + round) % 5);  // several threads use the same name
             configure(name, configurationFor(round % 4 == 3 ? "dead" : "0001"));
             mSupervisor.status(key(name));
             mSupervisor.send(key(name), R"({"snapshot":{"width":1}})");
@@ -367,12 +371,12 @@ TEST_F(SupervisorTest, ManyThreadsMayConfigureAndAStopLeavesNoProcess) {
     const auto begun = Clock::now();
     mSupervisor.stop();
     EXPECT_LT(Clock::now() - begun, 3500ms);
-    EXPECT_TRUE(children().empty());  // nor zombies
+    EXPECT_TRUE(children().empty());  // zombies count as well
     EXPECT_LE(openDescriptors(), before);
     EXPECT_EQ("the service is not running", configure("late", configurationFor("0001")));
 }
 
-// The subject is a timer: while this process is suspended, it reads no status.
+// A callback that blocks for 2.5 s simulates a suspended process, which reads no status of its children.
 TEST(SuspendedSupervisor, ExtendsTheTimeoutsOfItsChildren) {
     const auto onState = [](const WorkerKey& from, const ProcessStatus& status) {
         if (from == key("delay") && status.worker.output.state == WorkerState::kStarting) {
@@ -384,15 +388,14 @@ TEST(SuspendedSupervisor, ExtendsTheTimeoutsOfItsChildren) {
     const auto server = [&supervisor] { return *supervisor.status(key("server")); };
     ASSERT_TRUE(supervisor.configure(key("server"), {{"/bin/sleep", "100"}, 1200ms, SIGTERM}, ""));
     supervisor.setStatus(key("server"), running());
-    ASSERT_TRUE(
-        supervisor.configure(key("delay"), {{"/bin/sleep", "100"}, 20s, SIGTERM}, ""));  // returns after the delay
+    ASSERT_TRUE(supervisor.configure(key("delay"), {{"/bin/sleep", "100"}, 20s, SIGTERM}, ""));  // returns after 2.5 s
     for (int i = 0; i < 5; ++i) {
         std::this_thread::sleep_for(100ms);
         supervisor.setStatus(key("server"), running());
     }
     EXPECT_EQ(0u, server().restarts);
     EXPECT_EQ(WorkerState::kRunning, server().worker.output.state);
-    EXPECT_TRUE(pollUntil([&] { return server().restarts == 1; }));  // now it is silent
+    EXPECT_TRUE(pollUntil([&] { return server().restarts == 1; }));  // no further status arrives
 }
 
 // ---- The environment of a child
@@ -417,7 +420,7 @@ TEST(Child, HasItsStreamsAndNoOtherDescriptorAndDefaultSignals) {
     vexalive::LineReader reader({1000, 1000, 100000});
     const auto onLine = [&output](const std::string& line) { output += line + "\n"; };
     ASSERT_TRUE(pollUntil([&] { return !reader.read(child->output.get(), Clock::now(), onLine); }));
-    // The fourth is the one with which ls reads the folder.
+    // Descriptor 3 is the folder that ls reads.
     EXPECT_EQ(0u, output.find("0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n")) << output;
     std::optional<std::string> end;
     ASSERT_TRUE(pollUntil([&] { return (end = child->reap()).has_value(); }));
@@ -452,7 +455,7 @@ TEST(LineReader, SplitsLinesWhereverThePiecesEndAndOmitsLongOnes) {
     ::close(ends[0]);
 }
 
-TEST(LineReader, ReadsAtMostSoManyLinesAndBytesASecond) {
+TEST(LineReader, LimitsTheLinesAndBytesThatItReadsPerSecond) {
     int ends[2];
     ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK));
     vexalive::LineReader reader({100, 3, 10});
@@ -462,7 +465,7 @@ TEST(LineReader, ReadsAtMostSoManyLinesAndBytesASecond) {
     ASSERT_EQ(14, ::write(ends[1], "1\n2\n3\n4\n5\n6\n7\n", 14));
     EXPECT_TRUE(reader.read(ends[0], now, onLine));
     EXPECT_EQ(3, lines);
-    EXPECT_EQ(2u, reader.takeOmitted());  // five were read
+    EXPECT_EQ(2u, reader.takeOmitted());  // ten bytes have five lines, of which three are delivered
     EXPECT_EQ(now + 1s, reader.ready());
     EXPECT_TRUE(reader.read(ends[0], now + 500ms, onLine));
     EXPECT_EQ(3, lines);

@@ -1,4 +1,4 @@
-// The service with media and fake workers: how it configures them, and what it reports.
+// The service with media and fake workers: the configurations of the workers, and the reports about them.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ protected:
         return result;
     }
 
-    // Waits for an event with this state or with this part of a text.
+    // Waits for an event whose state is `text` or whose text contains it.
     bool hasEvent(LiveMediaEvent::Kind kind, const std::string& subject, const std::string& text) const {
         const auto matches = [&](const LiveMediaEvent& event) {
             return event.kind == kind && event.subject == subject &&
@@ -56,7 +56,7 @@ protected:
     }
     static json configurationIn(const json& media) { return reportOf(media).configuration; }
 
-    // Starts a relay whose worker ignores the end of its input.
+    // Starts a relay whose worker does not exit when its input ends.
     static pid_t startStuckRelay(const RunningService& service) {
         service.post(relayOf(1, "rtmp://cdn.test/live/babe"));
         pid_t worker = 0;
@@ -67,7 +67,7 @@ protected:
         return worker;
     }
 
-    // An origin that handshakes as an RTMP server does.
+    // An origin that responds to the handshake like an RTMP server, unless mIsOriginSilent is true.
     std::atomic<bool> mIsOriginSilent{false};
     ScriptedServer mOrigin{[this](ScriptedServer::Connection& connection) {
         constexpr size_t kHandshakeBytes = 1537;
@@ -111,7 +111,7 @@ TEST(MediaRules, AMixRequestBecomesAConfiguration) {
                   "output_audio_sample_rate":48000,"output_audio_bitrate":64,"output_audio_channels":-1}})"),
               configurationOf(body));
 
-    // Without video and without the optional fields of the output.
+    // A mix without video and without the optional fields of the output.
     json audio = audioMixBody();
     audio["output_param"] = {{"output_stream_id", ownStreamId()}, {"output_stream_type", 0}, {"output_sei", "{}"}};
     EXPECT_TRUE(configurationOf(audio)["canvas"].is_null());
@@ -217,7 +217,8 @@ TEST_F(MediaService, AMixIsStartedUpdatedAndCancelled) {
     EXPECT_FALSE(service.state()["mixes"][0]["running"]);
 }
 
-// A timer is a subject: a stuck worker is killed before the 3 s that it has elsewhere.
+// Exception to the rule that no test asserts elapsed time: the stuck worker must be killed earlier than after the usual
+// 3 s.
 TEST_F(MediaService, ARelayThatIsAddedAgainRunsInAnotherWorkerAfterTheStuckOneWasKilled) {
     RunningService service(options());
     const pid_t stuck = startStuckRelay(service);
@@ -251,7 +252,7 @@ TEST_F(MediaService, SixtyFourWorkersRunWithoutTheStoppingOnes) {
     }
     EXPECT_EQ(4008, service.post(relayOf(1000))["code"]);
     EXPECT_EQ(4008, service.post(videoMixBody())["code"]);
-    EXPECT_EQ(0, service.post(relayOf(5, "rtmp://cdn.test/live/moved"))["code"]);  // needs no further worker
+    EXPECT_EQ(0, service.post(relayOf(5, "rtmp://cdn.test/live/moved"))["code"]);  // uses the worker of the relay
     EXPECT_EQ(WorkerPool::kMaxWorkers, service.state()["relays"].size());
     ASSERT_EQ(0, service.post(removeRelayBody())["code"]);
     EXPECT_EQ(0, service.post(relayOf(1000))["code"]);
@@ -353,7 +354,7 @@ TEST_F(MediaService, ALackOfDescriptorsIsNotBlamedOnTheOrigin) {
     const auto origin = [&service] { return service.state()["service"]["origin"]; };
     ASSERT_TRUE(pollUntil([&] { return origin()["state"] == "running"; }));
     const int handshakes = mOrigin.accepted();
-    ASSERT_TRUE(pollUntil([&] { return mOrigin.accepted() > handshakes; }));  // the next one comes in a second
+    ASSERT_TRUE(pollUntil([&] { return mOrigin.accepted() > handshakes; }));  // the next check follows after 1 s
     bool isReported = false;
     json shown;
     withoutDescriptors([&] {
@@ -366,7 +367,7 @@ TEST_F(MediaService, ALackOfDescriptorsIsNotBlamedOnTheOrigin) {
     EXPECT_TRUE(pollUntil([&] { return origin()["error"] == nlohmann::json(""); }));
 }
 
-TEST_F(MediaService, TheOriginQueriesWhoMayPublish) {
+TEST_F(MediaService, TheOriginQueriesThePermissionToPublish) {
     RunningService service(options());
     const auto statusFor = [&service](const std::string& form) {
         return service.console().post("/origin/publish", form, "application/x-www-form-urlencoded").status;
@@ -378,7 +379,7 @@ TEST_F(MediaService, TheOriginQueriesWhoMayPublish) {
 
 // ---- Snapshots ------------------------------------------------------------------------------------------------------
 
-// The subject is a timer: a snapshot is up to 250 ms old.
+// Exception to the rule that no test asserts elapsed time: a snapshot is shared for up to 250 ms.
 TEST_F(MediaService, ConcurrentClientsShareSnapshotsThatAreRenewedFourTimesASecond) {
     RunningService service(options());
     service.post(videoMixBody());
@@ -400,7 +401,7 @@ TEST_F(MediaService, ConcurrentClientsShareSnapshotsThatAreRenewedFourTimesASeco
     EXPECT_EQ(0u, distinct.count("none"));
     EXPECT_GE(distinct.size(), 3u);
     EXPECT_LE(distinct.size(), 6u);
-    service.post(videoMixBody());  // the worker's next status counts all snapshots that it has written
+    service.post(videoMixBody());  // leads to a status, whose "frames" is the number of all snapshots of the worker
     ASSERT_TRUE(pollUntil([&] { return reportOf(service.state()["mixes"][0]["media"]).configurations == 2; }));
     EXPECT_LE(service.state()["mixes"][0]["media"]["frames"], 8);
 }
@@ -415,9 +416,9 @@ TEST_F(MediaService, AMissingSnapshotIs404) {
     }
 }
 
-// The subject is a timer: without the end of the mix, the request would wait for a second.
+// Exception to the rule that no test asserts elapsed time: if the mix did not end, the request would take 1 s.
 TEST_F(MediaService, ASnapshotRequestEndsWithTheMixAndWithTheService) {
-    const std::string id = streamIdOf(0xb11d);  // its worker writes no snapshot
+    const std::string id = streamIdOf(0xb11d);  // selects a worker that writes no snapshot
     json start = videoMixBody();
     json cancel = cancelMixBody();
     for (json* const body : {&start, &cancel}) {

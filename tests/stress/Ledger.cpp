@@ -13,7 +13,7 @@ using Cause = KstMessageLoop::Cause;
 
 namespace {
 
-constexpr int kAccountShift = 32;  // a cause has the number of its account, plus one, in its high half
+constexpr int kAccountShift = 32;  // the high 32 bits of a cause are the number of its account, plus one
 
 thread_local std::shared_ptr<Exchange> tDelivered;  // the exchange whose callback runs on this thread
 
@@ -21,7 +21,7 @@ bool isStart(Kind kind) {
     return kind == kAddRelay || kind == kStartMix;
 }
 
-// Reports are C strings.
+// The platform passes reports as C strings, which end at the first zero byte.
 std::string upToZero(const std::string& text) {
     return text.c_str();
 }
@@ -42,15 +42,15 @@ int expectedReports(const Operation& operation) {
     return 0;
 }
 
-// Whether more has happened than may. A request may be counted before the retry that leads to it, and a report before
-// its response, but not after all responses are counted.
+// Whether there are more events than the rules allow. The order of counting varies: a request may be counted before the
+// retry that leads to it, and a report before its response. So most counts are checked once all responses are counted.
 bool isExceeded(const Operation& operation) {
     return operation.notified > 1 ||
            (operation.responses == operation.requests &&
             (operation.reported > expectedReports(operation) || operation.requests > 1 + operation.retries));
 }
 
-// Whether no further event must happen.
+// Whether all required events have happened.
 bool isComplete(const Operation& operation) {
     const bool isSuperseded = operation.state != Operation::kCurrent;
     if (operation.reported < expectedReports(operation) || operation.responses != operation.requests) {
@@ -172,7 +172,7 @@ Operation* Account::find(Family family, uint64_t cause) {
     return found == operations.end() ? nullptr : &*found;
 }
 
-// No other operation of the round changes the retry counters, the configuration or the information of reports.
+// Whether the round has no other operation that could change the retry counters, the configuration or the information.
 bool Account::isAlone(const Operation& operation) const {
     return operation.state == Operation::kCurrent && mRounds[familyOf(operation.kind)].operations.size() == 1;
 }
@@ -216,7 +216,7 @@ void Account::completed(Exchange& exchange, int retCode, std::string response) {
     }
 }
 
-// The error in the handling of one response, or null. It is dropped, retried or finished.
+// Checks how the adapter has handled a response (dropped, retried or finished it). Returns the error, or null.
 const char* Account::errorOf(const Operation& operation, const Exchange& exchange, int retries, int reports) const {
     const bool isDroppedIfStale = exchange.attempt == 0 || rulesOf(exchange.kind).dropsStaleRetry;
     const bool isCurrent = operation.state == Operation::kCurrent && !mIsDropped;
@@ -235,7 +235,7 @@ const char* Account::errorOf(const Operation& operation, const Exchange& exchang
         return "a stale response was not dropped";
     }
     if (retries > 0) {
-        // A stale request may use an attempt of the newer request of its kind.
+        // A stale request may use a retry of a newer request of its kind: both share the counter.
         const bool mayBeRetried = evaluation.isRetryable && (exchange.attempt < kMaxRetries || !isCurrent);
         return mayBeRetried ? nullptr : "a final response was retried";
     }

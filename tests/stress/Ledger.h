@@ -1,13 +1,13 @@
-// The bookkeeping of a soak: compares what each adapter sends, retries, notifies and reports with the rules of the
-// adapter (support/Oracle.h).
+// The bookkeeping of a soak test: compares the requests, retries, listener calls and reports of each adapter with the
+// rules in support/Oracle.h.
 //
-// The task loop carries a cause from each call of the adapter to the tasks that it posts, and to the tasks that these
-// post (base/KstMessageLoop.h of tests/quick). So the cause of a request, a report or a listener call is the operation
-// that led to it. For each operation the ledger counts these events; for each response it requires that the adapter
-// drops, retries or finishes the request as the oracle says.
+// Each call of the adapter has a cause. The task loop passes the cause on to the tasks that the call posts, and to the
+// tasks that these tasks post (tests/quick/base/KstMessageLoop.h). So each request, report and listener call has the
+// cause of the operation that led to it. The ledger counts these events for each operation. For each response, it
+// requires that the adapter drops, retries or finishes the request as the oracle does.
 //
-// A round is what one family (relay or mix) of one adapter does between two moments at which it is idle. Operations
-// that a later one of the round supersedes may end early; docs/architecture.md says where.
+// A round is the time between two moments at which one family (relay or mix) of an adapter is idle. An operation that a
+// later operation of the round supersedes may end early; docs/architecture.md lists the points.
 
 #ifndef VEXALIVE_STRESS_LEDGER_H
 #define VEXALIVE_STRESS_LEDGER_H
@@ -31,32 +31,32 @@ using oracle::kMix;
 using oracle::kRelay;
 using oracle::Notification;
 
-// One call of the application and its events.
+// A call of the application, with the events that it led to.
 struct Operation {
     enum Outcome {
-        kSends,         // a request and its retries; the final response leads to listener calls and a report
-        kWaitsForRoom,  // a report; the room entry repeats the operation
-        kRefused,       // a listener call and, for a start, a report
+        kSends,         // leads to a request and its retries; then to listener calls and a report
+        kWaitsForRoom,  // leads to a report; the room entry repeats the operation
+        kRefused,       // leads to a listener call and, for a start, a report
     };
     Kind kind;
     Outcome outcome;
-    std::string information;  // of a start's report
+    std::string information;  // for a start: the information of its report
 
-    // Filled in by the ledger.
+    // The ledger sets the members below.
     uint64_t cause = 0;
     enum { kCurrent, kBeingSuperseded, kSuperseded } state = kCurrent;
     int requests = 0;
     int responses = 0;
-    int retries = 0;   // that the adapter posted
-    int finished = 0;  // responses that it reported
-    int notified = 0;  // refusals
+    int retries = 0;   // retries that the adapter has posted
+    int finished = 0;  // responses for which the adapter has posted a report
+    int notified = 0;  // listener calls for refusals
     int reported = 0;
-    std::string trace{};  // what the report has to show of the requests and responses
+    std::string trace{};  // expected trace in the report
 };
 
 class Account;
 
-// One request.
+// A request and its response.
 struct Exchange {
     Account* account;
     Kind kind;
@@ -66,36 +66,36 @@ struct Exchange {
     std::string response{};
     std::vector<Notification> notified{};
     bool isCompleted = false;
-    bool isStale = false;      // its operation was superseded before it completed
-    bool isAbandoned = false;  // its adapter was destroyed
+    bool isStale = false;      // the operation was superseded before the response arrived
+    bool isAbandoned = false;  // the adapter was destroyed
 };
 
 class Ledger;
 
-// The ledger of one adapter. Any thread may call any member.
+// The bookkeeping of one adapter. Any thread may call any member function.
 class Account {
 public:
     Account(Ledger& ledger, size_t number) : mLedger(ledger), mNumber(number) {}
 
-    // ---- For the driver. Each call of the adapter is between one of these and endCall(), on one thread.
+    // ---- Called by the driver. Each call of the adapter is between a begin function and endCall(), on one thread.
 
     void beginOperation(Operation operation);
     void beginReset();
-    void beginRoomEntry();  // repeats the starts that wait for it
+    void beginRoomEntry();  // the room entry repeats the deferred starts
     void endCall();
 
-    void closeScript(Family family);  // no further call in this round
-    void beginDrop();                 // around the destruction of the adapter: operations may end early
-    void endDrop();
-    void abandonRound(Family family);  // it did not complete in time
+    void closeScript(Family family);   // the round has no further call
+    void beginDrop();                  // before the destruction of the adapter: from now on, operations may end early
+    void endDrop();                    // after the destruction
+    void abandonRound(Family family);  // the round was not complete in time
 
-    // ---- For the hooks
+    // ---- Called by the hooks of the platform and by the listeners
 
     std::shared_ptr<Exchange> sent(Family family, uint64_t cause, const std::string& body);
     void completed(Exchange& exchange, int retCode, std::string response);
-    // `retries` and `reports`: the tasks that the adapter posted while it handled the response.
+    // `retries` and `reports`: numbers of the tasks that the adapter posted in the callback of the response.
     void delivered(const Exchange& exchange, int retries, int reports);
-    void notified(Exchange* exchange, uint64_t cause, Notification call);  // null: on the worker
+    void notified(Exchange* exchange, uint64_t cause, Notification call);  // null: a call on the worker
     void reported(uint64_t cause, const vexalive::EventReport& report);
 
 private:
@@ -121,23 +121,23 @@ private:
     std::array<Round, 2> mRounds;
 };
 
-// All accounts, their sums, and the hooks.
+// All accounts with their sums. Installs the hooks of the platform.
 class Ledger {
 public:
-    // `onRoundCompleted` is called on any thread, with the account locked.
+    // `onRoundCompleted` is called on any thread, while the account is locked.
     Ledger(size_t accounts, std::function<void(size_t account, Family family)> onRoundCompleted);
 
     Account& account(size_t number) { return *mAccounts[number]; }
     void installHooks();
-    void notified(Notification call);  // by the listeners
-    size_t inFlight();                 // requests that are not delivered yet
+    void notified(Notification call);  // called by the listeners
+    size_t inFlight();                 // number of requests whose response is not delivered yet
 
     enum Rule { kLost, kDoubled, kWrong };
     void reportViolation(int rule, const std::string& what);
 
-    std::array<std::atomic<int>, 3> violations{};  // by rule
-    std::atomic<int64_t> operations{0};            // completed according to the rules
-    std::atomic<int64_t> abandoned{0};             // destroyed with their adapter; not in `operations`
+    std::array<std::atomic<int>, 3> violations{};  // number of violations by Rule
+    std::atomic<int64_t> operations{0};            // completed without a violation
+    std::atomic<int64_t> abandoned{0};             // ended by the destruction of the adapter; not in `operations`
     std::atomic<int64_t> requests{0};
     std::atomic<int64_t> retries{0};
     std::atomic<int64_t> exhausted{0};  // requests that failed eleven times

@@ -1,6 +1,6 @@
-// Adapters that several threads and their listeners call, and that are destroyed at any point: no listener call follows
-// the destruction, no resource remains, every request completes once, and the last operation is executed. Which of
-// two concurrent calls supersedes the other is not determined. Mainly for ThreadSanitizer and AddressSanitizer.
+// Several threads and listeners call adapters, which are destroyed at any moment. The tests check that no listener call
+// follows the destruction, no resource remains, every request completes once, and the last operation is executed. They
+// are mainly for ThreadSanitizer and AddressSanitizer.
 
 #include <gtest/gtest.h>
 
@@ -54,7 +54,7 @@ private:
 
 using AdapterPointer = std::shared_ptr<LiveTranscodingAdapter>;
 
-// The thread that drops the last reference destroys it: its listener is not called from that moment on.
+// The thread that drops the last reference destroys the adapter. From then on, the listener must not be called.
 AdapterPointer makeAdapter(const std::shared_ptr<CountingListener>& listener, const std::string& userId) {
     ++adaptersAlive;
     const AdapterPointer adapter(new LiveTranscodingAdapter(),
@@ -121,31 +121,31 @@ protected:
         }
     }
 
-    // Waits for the first report that contains this text, which `operation` makes.
+    // Calls `operation` and waits for the first report that contains this string.
     template <class F>
     void awaitReportWith(const std::string& text, F operation) {
         const auto reports = [&] {
             const std::lock_guard<std::mutex> lock(mMutex);
             return mReportsWith[text];
         };
-        EXPECT_EQ(0, reports()) << text;  // counted from now on
+        EXPECT_EQ(0, reports()) << text;  // this read creates the entry; later reports are counted
         operation();
         EXPECT_TRUE(pollUntil([&] { return reports() > 0; })) << text;
     }
 
     unsigned mSeed;
-    std::atomic<int> mOpen{0};        // requests
-    std::atomic<int> mEventsLeft{0};  // until mAfterEvents is called
+    std::atomic<int> mOpen{0};        // requests that are not complete
+    std::atomic<int> mEventsLeft{0};  // events until mAfterEvents is called
     std::function<void()> mAfterEvents;
 
 private:
     std::mutex mMutex;
-    std::map<uint64_t, int> mPhases;  // of each request; they occur in order, once
+    std::map<uint64_t, int> mPhases;  // number of phases by exchange id; each phase occurs once, in order
     int mMisplaced = 0;
     std::map<std::string, int> mReportsWith;
 };
 
-// One of the operations, chosen by `dice`.
+// Calls an operation that the random number `dice` selects.
 void anyOperation(LiveTranscodingAdapter& adapter, const std::shared_ptr<CountingListener>& listener,
                   unsigned long dice) {
     using namespace oracle;
@@ -191,7 +191,7 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
         const std::lock_guard<std::mutex> lock(slot.mutex);
         slot.adapter.swap(adapter);
         slot.listener.swap(listener);
-    };  // the last user of the old ones destroys them
+    };  // the last owner destroys the previous adapter and listener
     std::atomic<int> reentered{0};
     std::atomic<bool> isEnding{false};
     const std::function<void(size_t)> replace = [&](size_t index) {
@@ -247,7 +247,7 @@ TEST_F(Races, AdaptersAreMadeUsedAndDroppedByManyThreadsAndByTheirListeners) {
     std::printf("%d listener calls called again\n", reentered.load());
 }
 
-// Drops the adapter inside a log line, an exchange's phase, a report or a listener call, on the thread that it runs on.
+// Drops the adapter inside the nth event (log line, phase of an exchange, report or listener call), on its thread.
 TEST_F(Races, AdapterMayBeDroppedAtTheNthEvent) {
     constexpr int kEvents = 60;
     std::mutex mutex;
@@ -262,7 +262,7 @@ TEST_F(Races, AdapterMayBeDroppedAtTheNthEvent) {
     for (int n = 1; n <= kEvents; ++n) {
         const auto listener = std::make_shared<CountingListener>();
         AdapterPointer adapter = makeAdapter(listener, "u-dropped");
-        // Each call leads to the next, so that there is an nth event.
+        // Each listener call starts further operations, so that there are at least n events.
         listener->during = [this, calls = listener.get(), weak = std::weak_ptr<LiveTranscodingAdapter>(adapter)] {
             countEvent();
             if (const AdapterPointer itself = weak.lock()) {
@@ -302,7 +302,7 @@ TEST_F(Races, LastCallOfManyThreadsIsExecuted) {
         for (std::thread& thread : threads) {
             thread.join();
         }
-        // A room entry repeats the pending starts ahead of calls made meanwhile: wait until the worker has done so.
+        // A room entry repeats the pending starts, before later calls. This waits until the worker has repeated them.
         const std::string userId = "u-through-" + std::to_string(round);
         adapter->setLiveTranscodingDelegate(listener);
         adapter->updateEnterRoomInfo("r1", "key");
@@ -339,7 +339,7 @@ TEST_F(Races, AdapterMayBeCalledFromItsOwnListenerAgainAndAgain) {
 
 TEST_F(Races, BlockedListenerDoesNotDelayOtherAdapters) {
     constexpr int kBlocks = 40;
-    constexpr int kMeanwhile = 4;  // starts of the others
+    constexpr int kMeanwhile = 4;  // starts of the other adapters during each blocked call
     std::atomic<int> others{0};
     std::atomic<bool> isOver{false};
     Journal<bool> done;

@@ -1,5 +1,5 @@
-// A process without free descriptors or threads, or with a callback that blocks. Each test needs a process of its own,
-// since the engine of the platform starts once.
+// A process that runs out of descriptors or threads, or whose callback blocks. Each test needs its own process, because
+// the engine of the HTTPS client starts once in a process.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ void trust(const StressService& service) {
     vexalive::setEventSink([](auto&&...) {});
 }
 
-// Of all requests from now on.
+// Records the return codes of all requests from now on.
 std::shared_ptr<Journal<int>> observeRetCodes() {
     const auto retCodes = std::make_shared<Journal<int>>();
     vexalive::setHttpObserver([retCodes](const vexalive::HttpExchange& exchange) {
@@ -50,7 +50,7 @@ std::shared_ptr<Journal<int>> observeRetCodes() {
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------------
 
-// Leaves `free` descriptors to the process until destroyed.
+// As long as this object exists, the process has only `free` free descriptors.
 class DescriptorShortage {
 public:
     explicit DescriptorShortage(size_t free) {
@@ -104,7 +104,7 @@ TEST_P(Descriptors, FirstRequestWithoutEnoughDescriptorsIsRetriedAndSucceeds) {
 
 INSTANTIATE_TEST_SUITE_P(Left, Descriptors, testing::Values(0, 1, 2, 3, 4, 5, 6));
 
-// The service responds slowly, so that more requests are in flight than there can be connections.
+// The service responds slowly, so that there are more requests in flight than possible connections.
 TEST(Descriptors, ConcurrentRequestsShareTwoDescriptors) {
     const StressService service("slow");
     trust(service);
@@ -145,7 +145,7 @@ void startWithThreads(int allowed) noexcept {
     adapter->updateUserInfo(1400, "signature", "u-threads");
     adapter->updateEnterRoomInfo("r1", "key");
     adapter->startPublishStreamUrl(relayParam());
-    std::this_thread::sleep_for(kTestTimeout);  // ended by the death of the process
+    std::this_thread::sleep_for(kTestTimeout);  // the process aborts during this sleep
 }
 
 TEST(ThreadsDeathTest, ProcessAbortsIfAWorkerOrAFirstThreadOfTheClientCannotBeStarted) {
@@ -155,17 +155,17 @@ TEST(ThreadsDeathTest, ProcessAbortsIfAWorkerOrAFirstThreadOfTheClientCannotBeSt
     }
 }
 
-// Once two threads exist, the lack of another only delays responses.
+// If two threads exist and no other can be started, responses are only delayed.
 TEST(Threads, ResponsesArriveIfNoFurtherThreadCanBeStarted) {
     const StressService service("none");
     trust(service);
     std::vector<std::unique_ptr<Member>> members;
     for (int i = 0; i < 8; ++i) {
         members.push_back(std::make_unique<Member>("u-" + std::to_string(i)));
-        members.back()->adapter->setLiveMixTranscoding({});  // refused; starts the worker
+        members.back()->adapter->setLiveMixTranscoding({});  // is refused, but starts the worker
         ASSERT_EQ(1u, members.back()->listener->calls.waitFor(1).size());
     }
-    threadsAllowed = 2;  // the client's first
+    threadsAllowed = 2;  // the first two threads of the HTTPS client
     for (const auto& member : members) {
         member->adapter->startPublishStreamUrl(relayParam());
     }
@@ -185,7 +185,7 @@ size_t residentBytes() {
     return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// The complete responses of all requests wait behind a callback that blocks.
+// While a callback blocks, the complete responses of all other requests wait for delivery.
 TEST(Memory, LargeResponsesWaitForABlockedCallbackAndEachIsDeliveredOnce) {
     constexpr size_t kResponses = 96;
     constexpr size_t kResponseBytes = (size_t{1} << 20) - 1;
@@ -205,14 +205,14 @@ TEST(Memory, LargeResponsesWaitForABlockedCallbackAndEachIsDeliveredOnce) {
         CVexaHttpSendRecv client;
         for (size_t i = 0; i < kResponses; ++i) {
             client.sendHttpsRequest(body, url, [&, i](int, KstCopyOnWriteBuffer& response) {
-                ++notified[i];  // one callback at a time
+                ++notified[i];  // not atomic: callbacks of a client run one at a time
                 entered.add(true);
                 unblock.pass();
                 sizes.add(response.size());
             });
         }
         ASSERT_FALSE(entered.waitFor(1).empty());
-        // Only the memory shows that the last response has arrived.
+        // Only the memory usage shows that all responses have arrived.
         pollUntil([&] { return residentBytes() >= before + kResponses * kResponseBytes; }, 60s);
         std::printf("%zu responses of 1 MiB behind one blocked callback: %.1f MiB more\n", kResponses,
                     static_cast<double>(residentBytes() - before) / (1 << 20));

@@ -1,9 +1,9 @@
 // Runs many adapters in one process against a service with injected faults, and compares their behaviour with the
 // oracle.
 //
-// Exits with 0 if no rule was violated: no operation lost or doubled, none with another outcome than its rules give,
-// no request incomplete, and, in a run of five minutes or more, memory, threads and descriptors that do not grow. These
-// are sampled every half minute, when all adapters are idle.
+// Exits with 0 if no rule was violated: no operation was lost or executed twice, each had the outcome that the oracle
+// gives, and each request was completed. In a run of at least five minutes, memory, threads and descriptors must not
+// grow, either. These are sampled every 30 s, while all adapters are idle.
 
 #include <malloc.h>
 #include <sys/resource.h>
@@ -37,18 +37,18 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr double kOperationsInARound = 1.6;  // on average
-constexpr int kRoundsBetweenJointOnes = 40;
+constexpr double kOperationsInARound = 1.6;          // on average
+constexpr int kRoundsBetweenJointOnes = 40;          // a joint round has operations of both families
 constexpr std::chrono::seconds kRequestTimeout(20);  // longer than a busy machine delays a response
 constexpr std::chrono::seconds kSampleInterval(30);
-constexpr std::chrono::seconds kRoundTimeout(150);  // after which a round counts as lost
-constexpr double kMaxRisePercent = 1.0;             // of memory
-constexpr double kMaxRise = 10;                     // of threads, and of descriptors
+constexpr std::chrono::seconds kRoundTimeout(150);  // after this time, a round counts as lost
+constexpr double kMaxRisePercent = 1.0;             // memory
+constexpr double kMaxRise = 10;                     // number of threads; number of descriptors
 
 struct Options {
     int seconds = 600;
     int adapters = 1000;
-    double rate = 750;  // operations a second
+    double rate = 750;  // operations per second
     unsigned seed = 1;
     std::string samples;
 };
@@ -83,13 +83,13 @@ Sample sampleNow(double second, const Ledger& ledger) {
             static_cast<double>(ledger.operations)};
 }
 
-// The rise of a straight line through the samples from second `first` on, in units and in percent of its mean.
+// The rise of a regression line through the samples, in units and in percent of the mean.
 struct Rise {
     double units = 0;
     double percent = 0;
 };
 
-Rise riseOf(double Sample::*figure, const std::vector<Sample>& samples, double first) {
+Rise riseSince(double first, double Sample::*figure, const std::vector<Sample>& samples) {
     double count = 0, x = 0, y = 0, xx = 0, xy = 0, earliest = 0;
     for (const Sample& each : samples) {
         if (each.second >= first) {
@@ -114,18 +114,18 @@ Rise riseOf(double Sample::*figure, const std::vector<Sample>& samples, double f
 enum class Action { kStart, kRefusedStart, kStop, kEnterRoom, kReset, kDrop };
 
 struct Step {
-    milliseconds pause;  // before it
+    milliseconds pause;  // before the step
     Action action;
     Family family;
 };
 
-// One adapter after another of the same user.
+// A user whose adapter is dropped and replaced from time to time. A lane is the relay or the mix of the user.
 struct Slot {
     struct Lane {
         bool isBusy = false;
-        int epoch = 0;  // of its rounds: earlier appointments are void
-        Clock::time_point since;
-        std::vector<Step> script;  // the remaining steps, the next one last; that of a joint round is the relay's
+        int epoch = 0;             // number of the round; appointments of earlier rounds are ignored
+        Clock::time_point since;   // start of the round
+        std::vector<Step> script;  // remaining steps in reverse order; a joint round uses the script of the relay lane
     };
     size_t number;
     Account* account;
@@ -135,8 +135,8 @@ struct Slot {
     bool isJointRound = false;
     bool needsJointRound = false;
     bool isInRoom = false;
-    bool hasStarted = false;  // a relay or a mix, ever
-    int lastNumber = 0;       // of its operations; makes parameters unique
+    bool hasStarted = false;  // whether the adapter has ever started a relay or a mix
+    int lastNumber = 0;       // number of the last operation; makes parameters unique
 
     std::string userId() const { return "user" + std::to_string(number); }
 };
@@ -155,7 +155,7 @@ public:
 
     Ledger& ledger() { return mLedger; }
 
-    // Runs until the time is over and every round is complete; pauses regularly to take a sample.
+    // Runs until the time is over and every round is complete. Regularly waits until all are idle and takes a sample.
     std::vector<Sample> run() {
         const auto start = Clock::now();
         const auto end = start + std::chrono::seconds(mOptions.seconds);
@@ -218,14 +218,14 @@ private:
         slot.listener = std::make_shared<Listener>();
         slot.listener->during = [this, &calls = slot.listener->calls](const Call& call) {
             mLedger.notified(call);
-            calls.clear();  // bounds the memory
+            calls.clear();  // limits the memory
         };
         slot.adapter->setLiveTranscodingDelegate(slot.listener);
         slot.adapter->updateUserInfo(1400, "signature", slot.userId());
         slot.isInRoom = slot.hasStarted = false;
     }
 
-    // Waits until no task and no callback holds the adapter.
+    // Drops the adapter and waits until it is destroyed: tasks and callbacks may still own it.
     void drop(Slot& slot) {
         const std::weak_ptr<LiveTranscodingAdapter> adapter = slot.adapter;
         slot.account->beginDrop();
@@ -247,7 +247,7 @@ private:
                 Slot::Lane& lane = slot.lanes[family];
                 if (lane.isBusy && Clock::now() - lane.since > kRoundTimeout) {
                     slot.account->abandonRound(family);
-                    lane.isBusy = false;  // without a further appointment
+                    lane.isBusy = false;  // the lane gets no further appointment
                 }
             }
         }
@@ -290,7 +290,7 @@ private:
             markBusy(slot, kRelay);
             markBusy(slot, kMix);
             performStep(slot, kRelay);
-        }  // else the other lane begins it at its next appointment
+        }  // else: the other lane is busy, and begins the joint round at its next appointment
     }
 
     void markBusy(Slot& slot, Family family) {
@@ -323,7 +323,7 @@ private:
 
     milliseconds shortPause() { return milliseconds(randomBelow(3) == 0 ? 0 : randomBelow(80)); }
 
-    // One operation, or a few of which each makes the one before stale.
+    // One operation, or a few operations that each supersede the previous one.
     std::vector<Step> scriptOf(Family family) {
         std::vector<Step> script;
         for (int count = randomBelow(4) == 0 ? 2 + randomBelow(2) : 1; count > 0; --count) {
@@ -331,7 +331,7 @@ private:
             const Action action = roll < 11 ? Action::kStart : roll < 19 ? Action::kStop : Action::kRefusedStart;
             script.push_back({shortPause(), action, family});
             if (randomBelow(10) == 0) {
-                script.push_back({shortPause(), Action::kEnterRoom, family});  // no start waits for it
+                script.push_back({shortPause(), Action::kEnterRoom, family});  // has no effect: no start is deferred
             }
         }
         return script;
@@ -391,7 +391,7 @@ private:
         account.endCall();
     }
 
-    // The operation's number is part of the information and, if it is sent, of the request.
+    // The number of the operation is part of the report's information and of the request.
     void start(Slot& slot, Family family, Operation::Outcome outcome) {
         const int number = ++slot.lastNumber;
         const bool isRefused = outcome == Operation::kRefused;
@@ -415,13 +415,13 @@ private:
     std::deque<Slot> mSlots;
     std::priority_queue<Appointment> mAppointments;
     bool mIsClosing = false;
-    bool mIsPausing = false;  // no round begins until all have ended
+    bool mIsPausing = false;  // true: no round begins until all rounds have ended
 
     std::mutex mMutex;
     std::condition_variable mWork;
     std::vector<std::pair<size_t, Family>> mSettled;
 
-    // The platform's threads may still use it at exit.
+    // Never destroyed: threads of the platform may still use the ledger when the process exits.
     Ledger& mLedger = *new Ledger(static_cast<size_t>(mOptions.adapters), [this](size_t number, Family family) {
         const std::lock_guard<std::mutex> lock(mMutex);
         mSettled.push_back({number, family});
@@ -476,10 +476,10 @@ int main(int argc, char** argv) {
                 violations[Ledger::kDoubled], violations[Ledger::kWrong], incomplete);
 
     const double first = std::min(120.0, options.seconds / 5.0);
-    const Rise memory = riseOf(&Sample::allocated, samples, first);
-    const Rise resident = riseOf(&Sample::resident, samples, first);
-    const Rise threads = riseOf(&Sample::threads, samples, first);
-    const Rise descriptors = riseOf(&Sample::descriptors, samples, first);
+    const Rise memory = riseSince(first, &Sample::allocated, samples);
+    const Rise resident = riseSince(first, &Sample::resident, samples);
+    const Rise threads = riseSince(first, &Sample::threads, samples);
+    const Rise descriptors = riseSince(first, &Sample::descriptors, samples);
     const Sample& last = samples.back();
     std::printf("from second %.0f on: memory %+.2f %% (resident %+.2f %%), threads %+.1f, descriptors %+.1f\n", first,
                 memory.percent, resident.percent, threads.units, descriptors.units);

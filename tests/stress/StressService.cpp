@@ -10,7 +10,7 @@
 #include "base/KstMessageLoop.h"
 #include "support/OwnService.h"
 
-// A fiftieth, so that many retries pass in little time.
+// Divides delays by 50, so that a test of seconds has many retries.
 std::chrono::milliseconds shortened(std::chrono::milliseconds pause) {
     return pause / 50;
 }

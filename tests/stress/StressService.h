@@ -1,5 +1,5 @@
-// The local service of the stress tests, with injected faults. In its own process, since its memory would hide that of
-// the adapters.
+// The local service of the stress tests, with injected faults. It is a separate process, so that memory measurements
+// contain only the adapters.
 
 #ifndef VEXALIVE_STRESS_STRESS_SERVICE_H
 #define VEXALIVE_STRESS_STRESS_SERVICE_H
@@ -12,8 +12,8 @@
 
 class StressService {
 public:
-    // Starts the program stress_service on ownServicePort() and waits until it listens; ends this process if it does
-    // not. `faults`: "random", "none", "slow" or "large".
+    // Starts the program stress_service on ownServicePort() and waits until it listens. If that fails, this process
+    // exits. `faults`: "random", "none", "slow" or "large".
     explicit StressService(const std::string& faults, unsigned seed = 1);
     ~StressService();
     StressService(const StressService&) = delete;

@@ -1,9 +1,9 @@
-// The local service until its parent ends.
+// Runs the local service until the parent process ends.
 //
 //     stress_service PORT SEED FOLDER random|none|slow|large
 //
-// It injects random faults, or none, or responds slowly, or sends responses just below the client's limit. Prints the
-// file of its certificate authority once it listens.
+// The last argument selects the faults: random ones, none, slow responses, or responses just below the client's limit.
+// Prints the path of its certificate authority's file once it listens.
 
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -28,14 +28,14 @@ namespace {
 
 constexpr int kPercentFaulty = 25;
 constexpr int kRequestsBetweenOutages = 15'000;
-constexpr int kOutage = 1'500;  // requests to one interface: enough for some to fail eleven times
+constexpr int kOutage = 1'500;  // failed requests to one interface; enough for some to fail eleven times in a row
 constexpr const char* kInterfaces[] = {"add_relay_stream_url", "remove_relay_stream_url", "set_live_mix_transcoding"};
 
 class RandomFaults {
 public:
     explicit RandomFaults(unsigned seed) : mRandom(seed) {}
 
-    // Chooses the fault of the next request; called at each response.
+    // Selects the fault of the next request. Called at each response.
     void injectNext(LiveService& service) {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (++mRequests % kRequestsBetweenOutages == 0) {
@@ -56,7 +56,7 @@ private:
             Fault::Kind::kCut,   Fault::Kind::kClose,  Fault::Kind::kCode,
         };
         static constexpr int kStatuses[] = {503, 500, 429, 404, 301};
-        static constexpr int kCodes[] = {1, -1, 3, 505, -505, 10017, 77, -2147483647};  // some are retried
+        static constexpr int kCodes[] = {1, -1, 3, 505, -505, 10017, 77, -2147483647};  // the adapter retries some
         Fault fault;
         fault.kind = below(200) == 0 ? Fault::Kind::kHuge : kKinds[below(std::size(kKinds))];
         fault.delayMs = fault.kind == Fault::Kind::kDelay || below(4) == 0 ? 1 + below(300) : 0;

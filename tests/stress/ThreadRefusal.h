@@ -1,10 +1,10 @@
-// The creation of threads, refused at will. Linking ThreadRefusal.cpp replaces it for the whole program.
+// Limits the creation of threads. ThreadRefusal.cpp replaces pthread_create() for every program that links it.
 
 #ifndef VEXALIVE_STRESS_THREAD_REFUSAL_H
 #define VEXALIVE_STRESS_THREAD_REFUSAL_H
 
 #include <atomic>
 
-extern std::atomic<int> threadsAllowed;  // so many may still be created; below zero: any number
+extern std::atomic<int> threadsAllowed;  // how many more threads may be created; negative: any number
 
 #endif

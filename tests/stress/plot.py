@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Draws the samples of a soak: memory, threads, descriptors and operations over time.
+"""Plots the samples of a soak test: memory, threads, descriptors and operations over time.
 
-    plot.py SAMPLES.csv PICTURE.svg
+    plot.py SAMPLES.csv PLOT.svg
 """
 
 import csv
@@ -18,7 +18,7 @@ FIGURES = [
 
 
 def round_up(value):
-    """The next 1, 2 or 5 with zeros behind it, from a hundredth on."""
+    """The smallest of 0.01, 0.02, 0.05, 0.1, 0.2, … that is at least `value`."""
     step = 0.01
     while True:
         for factor in (1, 2, 5):
@@ -44,7 +44,7 @@ def panel(name, points, seconds, top):
 
 
 def main():
-    samples, picture = sys.argv[1:]
+    samples, plot = sys.argv[1:]
     with open(samples, encoding="utf-8") as file:
         rows = list(csv.DictReader(file))
     seconds = max(float(rows[-1]["second"]), 1)
