@@ -1,5 +1,4 @@
-// Counts calls of the C library. CountedCalls.cpp replaces connect() and the malloc family, which operator new and the
-// libraries use as well.
+// Counts calls of the C library. CountedCalls.cpp replaces connect() and the malloc family, which operator new calls.
 
 #ifndef VEXALIVE_TESTS_COUNTS_COUNTED_CALLS_H
 #define VEXALIVE_TESTS_COUNTS_COUNTED_CALLS_H

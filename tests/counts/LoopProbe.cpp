@@ -1,5 +1,4 @@
-// Posts on a task loop, so that CountsTest can count system calls and instructions. Prints how often the posts
-// signalled a condition variable.
+// Posts on a task loop, so that CountsTest can count system calls and instructions. Prints how many posts signalled.
 //
 //     loop_probe busy N    N posts while the worker is busy; then all of them run
 //     loop_probe idle N    N posts, each while the worker waits

@@ -150,8 +150,7 @@ Injection http2Respond(std::function<void(Connection&, uint32_t stream)> respond
     };
 }
 
-// The first request gets no response, and its connection stays open. Later requests get one only on a new connection:
-// there, the stream number is 1.
+// The first request gets no response, and its connection stays open. Responds only on new connections (stream 1).
 void fallSilentOnTheFirstConnection(CaseEnvironment& environment) {
     const auto requests = std::make_shared<std::atomic<int>>(0);
     http2Respond([requests](Connection& connection, uint32_t stream) {

@@ -1,5 +1,4 @@
-// A hundred adapters share one connection. The local service runs behind nginx, which speaks HTTP/2 and logs the
-// connection of each request.
+// A hundred adapters share a connection. The local service is behind nginx, which logs the connection of each request.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

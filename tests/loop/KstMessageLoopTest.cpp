@@ -62,8 +62,7 @@ void awaitRefusal(KstMessageLoop& loop) {
 
 class KstMessageLoopTest : public testing::Test {
 protected:
-    // Some sanitizer runtimes start a background thread together with the program's first thread. The count starts
-    // later.
+    // Some sanitizer runtimes start a background thread with the program's first thread, so that thread is not counted.
     static void SetUpTestSuite() {
         std::thread([] {}).join();
     }

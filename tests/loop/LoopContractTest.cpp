@@ -1,5 +1,4 @@
-// The contract of KstMessageLoop. The file is built twice, for the real loop and for the virtual-time loop. The include
-// path selects the LoopDriver.h.
+// The contract of KstMessageLoop. Built twice, for the real and the virtual-time loop, each with its own LoopDriver.h.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

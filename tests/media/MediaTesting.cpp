@@ -38,8 +38,7 @@ double shareOf(int tone, const std::vector<int16_t>& piece) {
     return energy == 0 ? 0 : 2 * power / (energy * static_cast<double>(piece.size()));
 }
 
-// The tones that have at least a tenth of the energy. (Each of three simultaneous tones has a third.) Near silence,
-// there are none.
+// The tones that have at least a tenth of the energy; near silence has none. (Each of three equal tones has a third.)
 std::vector<int> tonesOf(const std::vector<int16_t>& piece) {
     std::vector<int> tones;
     const bool isLoud = std::any_of(piece.begin(), piece.end(), [](int16_t sample) { return std::abs(sample) > 300; });

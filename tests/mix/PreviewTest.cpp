@@ -183,8 +183,7 @@ TEST(PreviewTest, TheSameMixGivesTheSameBytes) {
 
 // ---- Arbitrary configurations
 
-// Expects each element within the page and each label within its rectangle. Elements beside the list of inputs must not
-// overlap it.
+// Expects elements within the page, labels within their rectangle, and no overlap with the list of inputs.
 void expectWithinBounds(const SvgDocument& document) {
     const SvgElement& page = document.elements().at(0);
     ASSERT_LE(page.number("width"), kPreviewWidth);

@@ -123,8 +123,7 @@ protected:
         return texts;
     }
 
-    // Adds up the numbers that follow `text` in all lines of the child. Waits until their sum is at least `sum`.
-    // Returns it.
+    // Waits until the numbers that follow `text` in the lines of the child add up to at least `sum`. Returns the total.
     int awaitSum(const std::string& name, const std::string& text, int sum) const {
         int found = 0;
         pollUntil([&] {
@@ -163,8 +162,7 @@ TEST(RestartDelay, GrowsToEightSecondsAndStays) {
     EXPECT_EQ(8s, vexalive::restartDelay(1'000'000));
 }
 
-// Exception to the rule that no test asserts elapsed time: a child that exits by itself must not take the 3 s until a
-// kill.
+// Exception to the rule that no test asserts elapsed time: the service must not wait 3 s for a child that exits.
 TEST_F(SupervisorTest, AChildIsStartedReconfiguredAndStopped) {
     ASSERT_EQ("", configure("one", configurationFor("0001", "rtmp://first")));
     ASSERT_TRUE(reports("one", "rtmp://first"));
@@ -258,8 +256,7 @@ TEST_F(SupervisorTest, AChildThatIgnoresTheEndOfItsInputIsKilledAndItsKeyIsFreeA
     EXPECT_EQ(WorkerState::kRunning, streamOf("one").state);  // state of the new child
 }
 
-// Exception to the rule that no test asserts elapsed time: with a handover, a stopping child is killed earlier than
-// after 3 s.
+// Exception to the rule that no test asserts elapsed time: a handover kills the stopping child sooner than after 3 s.
 TEST_F(SupervisorTest, WithAHandoverAChildStartsWhenTheStoppingOneHasExitedOrWasKilled) {
     const Supervisor::Program program = workerWithHandover();
     const pid_t stuck = startStuckWorker(program);
@@ -329,8 +326,7 @@ TEST_F(SupervisorTest, MessagesAreDelivered) {
     EXPECT_EQ((std::vector<std::string>{R"({"snapshot":"/9j/1001"})"}), entriesOf("one", mMessages));
 }
 
-// The timeout of a status is 400 ms here; the first status may take six times as long. The test needs 3 s to exceed
-// both.
+// The timeout of a status is 400 ms; of the first status, 2.4 s. The loop of 3 s exceeds both.
 TEST_F(SupervisorTest, AStatusFromOutsideCountsAsOneOfTheChild) {
     configure("server", {{"/bin/sleep", "100"}, 400ms, SIGTERM}, "");
     for (const auto begun = Clock::now(); Clock::now() - begun < 3s; std::this_thread::sleep_for(100ms)) {

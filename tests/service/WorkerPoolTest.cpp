@@ -217,8 +217,7 @@ TEST_F(MediaService, AMixIsStartedUpdatedAndCancelled) {
     EXPECT_FALSE(service.state()["mixes"][0]["running"]);
 }
 
-// Exception to the rule that no test asserts elapsed time: the stuck worker must be killed earlier than after the usual
-// 3 s.
+// Exception to the rule that no test asserts elapsed time: a stuck worker must be killed sooner than after 3 s.
 TEST_F(MediaService, ARelayThatIsAddedAgainRunsInAnotherWorkerAfterTheStuckOneWasKilled) {
     RunningService service(options());
     const pid_t stuck = startStuckRelay(service);

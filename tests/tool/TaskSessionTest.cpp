@@ -225,8 +225,8 @@ TEST(StopDuringStart, AFailedStartDeterminesTheStatusWithoutAStop) {
     EXPECT_EQ(scenario.journal(), "attempt stopping response outcome report exit=3");
 }
 
-// The adapter would refuse to stop a start that it has not sent. Intended, prescribed by the interface: it would report
-// this refusal through the listener function of another operation.
+// The adapter would refuse to stop a start that it has not sent. Intended: the interface prescribes that another
+// operation's listener call reports this refusal.
 TEST(StopDuringStart, AStartThatIsNotYetSentCompletesBeforeItIsStopped) {
     Scenario scenario;
     EXPECT_EQ(scenario.interrupt().succeed(kStart).journal(), "stopping attempt response outcome report stop()");
