@@ -67,7 +67,7 @@ def main():
         parts.append(f'<text x="{x:.1f}" y="{bottom}" class="scale" text-anchor="middle">{label}</text>')
     parts.append(f'<text x="{WIDTH - RIGHT}" y="{bottom + 16}" class="scale" text-anchor="end">minutes</text>')
     parts.append("</svg>")
-    with open(picture, "w", encoding="utf-8") as file:
+    with open(plot, "w", encoding="utf-8") as file:
         file.write("\n".join(parts) + "\n")
 
 
