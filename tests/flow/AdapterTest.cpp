@@ -1,4 +1,4 @@
-// The adapter as an object: construction, identity and room, the listener, and the destruction.
+// The adapter as an object: construction, identity and room, reset and clear, listener, and destruction.
 
 #include <csignal>
 
@@ -13,7 +13,7 @@ class AdapterTest : public FlowTest {
 protected:
     static constexpr const char* kMixInvalid = "setLiveMixTranscoding failure, param is invalid";
 
-    // All operations that post a task; the starts are refused in it.
+    // All operations that post a task. The tasks of the two starts refuse them.
     std::vector<std::function<void()>> operations() {
         return {[this] { mAdapter->resetInfo(); },
                 [this] { mAdapter->updateUserInfo(1, "s", "u"); },
@@ -63,7 +63,7 @@ TEST_F(AdapterTest, StoppedLoopDropsReportsAndOperationsButNotListenerCalls) {
 }
 
 TEST_F(AdapterTest, EveryOperationPostsOneTaskWithoutDelayAndDoesNothingInTheCall) {
-    mAdapter->clear();  // these two post nothing
+    mAdapter->clear();  // clear() and the next operation post no task
     mAdapter->setLiveTranscodingDelegate(mListener);
     size_t posted = 0;
     for (const auto& operation : operations()) {
@@ -111,7 +111,7 @@ TEST_F(AdapterTest, IdentityAndRoomMayBeEmpty) {
 
     EXPECT_THAT(request(0).url, HasSubstr("sdkappid=0&"));
     EXPECT_THAT(request(0).url, testing::EndsWith("&usersig=&parivMapKey="));
-    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"8888_b0cf36cc0b98861197cc79eb9e758305",)"));  // of __main
+    EXPECT_THAT(body(0), HasSubstr(R"("stream_id":"8888_b0cf36cc0b98861197cc79eb9e758305",)"));  // MD5 of __main
 }
 
 TEST_F(AdapterTest, RoomEntryRepeatsNoStartThatWasSent) {
@@ -159,7 +159,7 @@ TEST_F(AdapterTest, SecondRoomEntryBeforeTheReissuedStartsRanSupersedesThem) {
     mAdapter->updateEnterRoomInfo("room7", kMapKey);
     run();
 
-    // The re-issued starts end the waiting, not the entry.
+    // Both entries re-issue the starts: a start stops being deferred only when the re-issued start runs.
     EXPECT_THAT(requests(), SizeIs(2));
     EXPECT_EQ(log().at(0), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
     EXPECT_EQ(log().at(2), (Logged{2, "operator()", "index:2, cdnTaskIndex:3"}));
@@ -240,7 +240,7 @@ TEST_F(AdapterTest, ResetClearsTheRelaysAddressAndCounter) {
     respond(kRetryable, "");
     reset();
 
-    pass(Milliseconds(1000));  // the retry of a relay start is sent even when superseded
+    pass(Milliseconds(1000));  // intended: the retry of a relay start is sent even if it is superseded
 
     ASSERT_THAT(requests(), SizeIs(2));
     EXPECT_THAT(body(1), HasSubstr(member("dest_stream_url", "")));
@@ -256,7 +256,7 @@ TEST_F(AdapterTest, ResetForgetsTheMixAsATaskSoThatARoomEntryCalledBeforeReissue
     mAdapter->resetInfo();
     run();
 
-    // Entry, reset, and then the re-issued mix, outside the room again.
+    // Order of the tasks: entry, reset, re-issued mix. So the re-issued mix finds the user outside of the room again.
     EXPECT_THAT(reports(), ElementsAre(Reported{31, mix().to_string(), kNotInRoom}));
     EXPECT_THAT(notified(), IsEmpty());
     EXPECT_THAT(requests(), IsEmpty());
@@ -270,7 +270,7 @@ TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresAsATask) {
 
     run();
 
-    // Reset, start outside the room, entry, re-issued start.
+    // Order of the tasks: reset, start outside of the room, entry, re-issued start.
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_EQ(log().back(), sendLog(kAddRelay, 3, 0, body(0)));
 }
@@ -286,7 +286,7 @@ TEST_F(AdapterTest, ClearEmptiesAWaitingConfigurationButItsModeAndKeepsAWaitingR
     mAdapter->clear();
     enterRoom();
 
-    // The empty list counts as pure audio; the ids are missing.
+    // An empty list counts as pure audio, so that only the missing ids are an error.
     const char* const cleared =
         "mode:3, appId:0, bizId:0, width:0, height:0, bitrate:0, fps:0, gop:0, audio_samplerate:0, audio_bitrate:0, "
         "audio_channel:0";
@@ -339,7 +339,7 @@ TEST_F(AdapterTest, ListenerSetAtAnyTimeTakesEffectAtOnce) {
     onCall = [&] { mAdapter->setLiveTranscodingDelegate(other); };
     other->during = [&](const Call&) { mAdapter->setLiveTranscodingDelegate({}); };
 
-    respondToAll(0, "");  // ends with two calls
+    respondToAll(0, "");  // the final empty response leads to two listener calls
     begin(kCancelMix);
     respondOk();
 
@@ -426,7 +426,7 @@ TEST_F(AdapterTest, AdaptersAreIndependentOfEachOther) {
 
 // ---- Destruction ----------------------------------------------------------------------------------------------------
 
-// Each test also requires that queued tasks do not keep the adapter alive.
+// Each test also checks that queued tasks do not own the adapter.
 class EndTest : public KindTest {
 protected:
     void destroyAdapter() {
@@ -514,7 +514,7 @@ TEST_F(AdapterTest, AdapterMayBeDroppedInsideATask) {
 }
 
 TEST_F(AdapterTest, ListenerMayOwnTheAdapterAndBeDestroyedWithIt) {
-    // The listener's last owner is the call itself; the adapter's is the listener.
+    // During the call, the listener is owned only by the call, and the adapter only by the listener.
     givenSent(kAddRelay);
     const std::weak_ptr<LiveTranscodingAdapter> adapter = mAdapter;
     int calls = 0;

@@ -1,4 +1,4 @@
-// The parts that all requests have: address, common fields, clocks, ids.
+// The parts that all requests have in common: address, common fields, timestamps and ids.
 
 #include <cstdlib>
 #include <thread>
@@ -16,7 +16,7 @@ std::string& firstBodyOfTheProcess() {
     return body;
 }
 
-// Sends the first request of the process before any test, when the clocks are known.
+// Sends the first request of the process before any test, at a known time: the first event id depends on the clock.
 class FirstRequest : public ::testing::Environment {
     void SetUp() override {
         FakePlatform& platform = FakePlatform::instance();
@@ -50,7 +50,7 @@ protected:
 };
 
 TEST_F(EnvelopeTest, FirstEventIdOfTheProcessIsTheUtcClocksLow32BitsInSecondsPlusEleven) {
-    // 1,700,000,000,000 ms less 395 times 2 to the power of 32 are 3,487,918,080 ms.
+    // 1,700,000,000,000 ms - 395 * 2^32 ms = 3,487,918,080 ms.
     EXPECT_THAT(firstBodyOfTheProcess(), HasSubstr(R"("event_id":3487929,)"));
 }
 
@@ -148,13 +148,13 @@ TEST_F(EnvelopeTest, TimestampIsTheTickCountsLow32BitsInSeconds) {
 TEST_F(EnvelopeTest, EventIdsAreConsecutiveOverKindsRetriesAdaptersAndThreads) {
     givenInRoom();
     const int first = kFirstEventId + mPlatform.requestsEver;
-    mPlatform.utcAtReset = 5'000;  // later changes of the clock have no effect
+    mPlatform.utcAtReset = 5'000;  // event ids do not depend on later changes of the clock
 
     startRelay();
     failAndWaitForRetry();
     startMix();
     const auto other = std::make_shared<LiveTranscodingAdapter>();
-    std::thread([&] {  // each adapter has a worker of its own
+    std::thread([&] {  // simulates the worker of the second adapter
         other->updateEnterRoomInfo("room8", "");
         other->setLiveMixTranscoding(mix());
         run();

@@ -5,7 +5,7 @@
 
 #include "base/Md5.h"
 
-// The digests of the platform, whose definition is renamed for this suite; a test may act in between.
+// For this suite, the platform's getMD5 is compiled as platformMD5. This getMD5 runs the hook of a test before it.
 struct DigestHook : FlowTest {
     using FlowTest::onDigest;
 };
@@ -34,10 +34,10 @@ std::string nameOfKind(const ::testing::TestParamInfo<Kind>& kind) {
 namespace {
 
 struct LogNames {
-    const char* function;  // of the first send
-    const char* first;     // begins the lines of the first attempt
-    const char* retry;     // begins those of the retries
-    const char* counter;   // in the lines of the sends
+    const char* function;  // function that logs the first send
+    const char* first;     // start of the lines of the first send
+    const char* retry;     // start of the lines of retries
+    const char* counter;   // name of the counter in the line of the first send
     const char* retryCounter;
 };
 constexpr LogNames kLogNames[] = {
@@ -100,7 +100,7 @@ void FlowTest::givenInRoom() {
     enterRoom();
 }
 
-// A stop is only sent when something was started before.
+// A stop is only sent if there was a start before it.
 void FlowTest::givenSent(Kind kind) {
     givenInRoom();
     if (!isStart(kind)) {

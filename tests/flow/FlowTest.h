@@ -1,4 +1,4 @@
-// The fixture of the adapter's tests: an adapter on fakes, a listener that records its calls, and operations on both.
+// The fixture of the adapter's tests: an adapter on fakes, a listener that records its calls, and helper functions.
 
 #ifndef VEXALIVE_FLOW_FLOW_TEST_H
 #define VEXALIVE_FLOW_FLOW_TEST_H
@@ -70,7 +70,7 @@ constexpr Kind stopOf(Kind kind) {
 inline const auto kAllKinds = ::testing::Values(kAddRelay, kRemoveRelay, kStartMix, kCancelMix);
 std::string nameOfKind(const ::testing::TestParamInfo<Kind>& kind);
 
-// The log lines of a send, whose first attempt has 0 `retries`, and of a response.
+// The log lines of a send and of a response. `retries`: the printed counter; 0 means a first send.
 Logged sendLog(Kind kind, int index, int retries, const std::string& body);
 Logged responseLog(Kind kind, int index, bool isRetry, const std::string& retCode, const std::string& response);
 
@@ -85,7 +85,7 @@ protected:
     static constexpr int kBizId = 8888;
     static constexpr const char* kUrl = "rtmp://cdn.test/live/alice";
     static constexpr const char* kOtherUrl = "rtmp://cdn.test/live/other";
-    // Stream ids of biz id 8888: the digits are the MD5 digests of room7_alice_main, room7_bob_main, room7_bob_aux and
+    // Stream ids for the biz id 8888, with the MD5 digests of room7_alice_main, room7_bob_main, room7_bob_aux and
     // room9_carol_main.
     static constexpr const char* kAliceMain = "8888_fcbd0847daa9c600a757e0d48049b252";
     static constexpr const char* kBobMain = "8888_b2d700c9449aa7a1002cd7ceaceabdca";
@@ -94,23 +94,23 @@ protected:
 
     static constexpr const char* kOk = R"({"code":0,"message":"fine"})";
     static constexpr int kRetryable = 1;  // the return code that is always retried
-    // Of the process: 1,700,000,000,000 ms modulo 2^32, in seconds, + 11.
+    // The first event id of the process: (1,700,000,000,000 ms modulo 2^32) in seconds, plus 11.
     static constexpr int kFirstEventId = 3'487'929;
 
     FlowTest();
     ~FlowTest() override;
 
     // ---- Given
-    void makeAdapter();  // in place of the one before
-    void givenUser();    // alice
-    void givenInRoom();  // alice in room7
+    void makeAdapter();  // replaces mAdapter
+    void givenUser();    // the local user is alice
+    void givenInRoom();  // alice is in room7
     void givenNoListener() { mListener.reset(); }
-    // A request of this kind was sent; no effect before it is recorded.
+    // A request of this kind was sent. The records contain no earlier effect.
     void givenSent(Kind kind);
-    // The same, with its first response retried and the first retry sent.
+    // The same; then the first response has led to a retry, which was sent.
     void givenRetrySent(Kind kind);
     void clearAllButRequests();
-    // Checks the invariants of the effects recorded so far, and forgets these.
+    // Checks the invariants of the recorded effects, and then clears the records.
     void clearRecords();
 
     // ---- Records
@@ -120,21 +120,21 @@ protected:
     // A complete configuration with these inputs, for kAppId and kBizId.
     static kstmedia::VexaTranscodingConfigInternal mix(std::vector<kstmedia::VexaMixUserInternal> users);
     static kstmedia::VexaTranscodingConfigInternal mix() { return mix({user("alice", 1)}); }
-    // The information of reports about relay() and mix().
+    // The information in reports about relay() or mix().
     static std::string startInformation(Kind kind) { return isRelay(kind) ? relay().to_string() : mix().to_string(); }
     static std::string member(const std::string& key, const std::string& value) {
-        return '"' + key + "\":\"" + value + '"';  // of a JSON object
+        return '"' + key + "\":\"" + value + '"';  // a JSON member
     }
 
     // ---- When
-    // These only post a task: the kind's own operation, another start, and a start with a missing field.
-    void call(Kind kind);
-    void callOther(Kind start);
-    void callRefused(Kind start);
-    // All others run the tasks that are due afterwards.
+    // The next three functions only post a task.
+    void call(Kind kind);          // the operation of this kind
+    void callOther(Kind start);    // a start with other parameters
+    void callRefused(Kind start);  // a start with a missing field
+    // All other functions then run the tasks that are due.
     void run() { VirtualTime::runDue(); }
     void pass(Milliseconds time) { VirtualTime::advance(time); }
-    void begin(Kind kind);  // the kind's own operation
+    void begin(Kind kind);  // the operation of this kind
     void startRelay(const kstmedia::VexaPublishCDNParamInternal& param = relay());
     void startMix(const kstmedia::VexaTranscodingConfigInternal& config = mix());
     void enterRoom(const std::string& roomId = "room7", const std::string& mapKey = kMapKey);
@@ -145,7 +145,7 @@ protected:
     void respondTo(size_t request, int retCode, const std::string& body);
     // Fails the oldest open request and waits until its retry has been sent.
     void failAndWaitForRetry();
-    // Responds to every request until no further one is sent.
+    // Responds to each request until no further request is sent.
     void respondToAll(int retCode, const std::string& body);
 
     // ---- Then
@@ -157,18 +157,18 @@ protected:
     const std::string& body(size_t number) const { return request(number).body; }
     std::vector<Kind> sent() const;  // the kinds of all requests
     bool hasOpenRequest() const;
-    // Of a request since the last clearRecords(); consecutive in the process.
+    // The expected event id of a request; 0 is the first request since the last clearRecords().
     int eventId(size_t request) const;
-    // Milliseconds between one request and the next.
+    // The milliseconds between consecutive requests.
     std::vector<int64_t> delays() const;
     void expectNeitherNotifiedNorReported() const;
     void expectNoEffects() const;
 
-    // Runs once, inside the next digest of a stream id.
+    // A hook that runs once, while the next digest of a stream id is calculated.
     inline static std::function<void()> onDigest;
 
     FakePlatform& mPlatform = FakePlatform::instance();
-    std::vector<std::string> mSecrets{kUserSig, kMapKey};  // allowed in addresses only
+    std::vector<std::string> mSecrets{kUserSig, kMapKey};  // strings that may only appear in addresses
     std::vector<Call> mNotified;
     std::function<void()> onCall;  // runs inside each listener call
     std::shared_ptr<Listener> mListener = std::make_shared<Listener>();
@@ -179,7 +179,7 @@ private:
     size_t oldestOpenRequest() const;
 };
 
-// For the tests that hold for several kinds.
+// The base of test suites that run for several kinds.
 class KindTest : public FlowTest, public ::testing::WithParamInterface<Kind> {
 protected:
     Kind kind() const { return GetParam(); }

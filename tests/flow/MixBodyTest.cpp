@@ -1,4 +1,4 @@
-// The body of a mix request and the description that opens its trace.
+// The body of a mix request, and the description of the mix at the start of its trace.
 
 #include <algorithm>
 #include <array>
@@ -33,7 +33,7 @@ protected:
     static bool isPureAudio(const Inputs& inputs) {
         return std::all_of(inputs.begin(), inputs.end(), [](const Input& input) { return input.type == kAudio; });
     }
-    // The list of the inputs, behind the canvas if there is video; in a body it has more members than in a report.
+    // The list of the inputs as JSON. If there is video, the canvas is first. A report omits some members of the body.
     static std::string list(const Inputs& inputs, bool isBody) {
         int layer = 1;
         std::string json;
@@ -75,7 +75,7 @@ protected:
                       R"(","output_stream_type":0},"session_id":")" + ownStream + "\"}");
     }
 
-    // Starts the mix, lets it succeed, and expects these inputs in the body and in the report.
+    // Starts the mix, responds with success, and expects these inputs in the body and in the report.
     void expectMix(const VexaTranscodingConfigInternal& config, const Inputs& inputs,
                    const std::string& settings = kAllSettings, const std::string& ownStream = kAliceMain) {
         startMix(config);
@@ -235,7 +235,8 @@ TEST_F(MixBodyTest, DescriptionNamesTheUserAndRoomOfTheFirstResponsesTime) {
     pass(Milliseconds(1000));
     respondOk();
 
-    expectDescription({{"8888_a3fe5477ad348c0d01c9c65a61dc95be"}}, kCarolInRoom9);  // bob in room9
+    expectDescription({{"8888_a3fe5477ad348c0d01c9c65a61dc95be"}},
+                      kCarolInRoom9);  // the digest is that of bob in room9
 }
 
 TEST_F(MixBodyTest, DescriptionNamesOneRoomThoughTheWorkerEntersAnotherWhileItIsBuilt) {

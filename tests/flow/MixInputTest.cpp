@@ -18,7 +18,7 @@ protected:
 
     void SetUp() override { givenInRoom(); }
 
-    // One user with video for each layer; a layer below 100 has ten times its number as x.
+    // A user with video for each layer. For layers below 100, x is ten times the layer.
     static std::vector<VexaMixUserInternal> usersWithLayers(const std::vector<int>& layers) {
         std::vector<VexaMixUserInternal> users;
         for (const int layer : layers) {
@@ -57,7 +57,7 @@ protected:
         EXPECT_THAT(log(), Not(Contains(testing::Field(&Logged::level, 4))));
     }
 
-    // The rectangles' x of the sent inputs, by which a test identifies them.
+    // The x of each sent input's rectangle. It identifies the input.
     std::vector<int> sentPositions() const {
         const std::string& sent = body(0);
         const std::string key = "\"location_x\":";

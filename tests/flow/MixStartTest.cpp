@@ -19,7 +19,7 @@ protected:
 
     void SetUp() override { givenInRoom(); }
 
-    // Sets this number to 0 and expects a refusal.
+    // Expects a refusal if this number is 0. The interface prescribes the listener call of the relay start (intended).
     void expectRefusedWithout(const ConfigField& missing, VexaTranscodingConfigInternal config) {
         SCOPED_TRACE(missing.name);
         config.*missing.value = 0;

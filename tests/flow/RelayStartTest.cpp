@@ -66,7 +66,7 @@ TEST_F(RelayStartTest, RefusedParameterDoesNotReplaceTheStoredOne) {
     startRelay(relay(""));
     pass(Milliseconds(1000));
 
-    // The retry of the first start is not checked for its generation and still carries the first address.
+    // Intended: the retry of a relay start is sent even if it is superseded. It still has the first address.
     EXPECT_THAT(body(1), HasSubstr(member("dest_stream_url", kUrl)));
 }
 
@@ -134,7 +134,7 @@ TEST_F(RelayStartTest, WaitingRetrySendsTheNewestAddressEvenWhenSuperseded) {
     ASSERT_THAT(requests(), SizeIs(2));
     EXPECT_EQ(body(0), relayBody(0, kOtherUrl, 1001));
     EXPECT_EQ(body(1), relayBody(1, kOtherUrl, 1001));
-    // Both show the counter of the newest start.
+    // Both log lines print the counter of the newest start.
     EXPECT_THAT(log(), ElementsAre(sendLog(kAddRelay, 1, 1, body(0)), sendLog(kAddRelay, 2, 1, body(1))));
 }
 

@@ -1,4 +1,4 @@
-// The room event report made when a task ends.
+// The room event report at the end of a task.
 
 #include <limits>
 
@@ -18,7 +18,7 @@ TEST_F(ReportTest, ReportWithoutAnAppIdOrUserIsWarnedOfAndMade) {
         {0, "", "mSdkAppId:0, self->mUserId:", 0},
         {1400, "", "mSdkAppId:1400, self->mUserId:", 1400},
         {kBit32 + kBit32 / 2, "", "mSdkAppId:-2147483648, self->mUserId:", kLowest},
-        {kBit32 / 2, "alice", nullptr, kLowest},  // the low 32 bits are reported
+        {kBit32 / 2, "alice", nullptr, kLowest},  // reports contain only the low 32 bits
         {kBit32, "alice", nullptr, 0},
         {kBit32 + 5, "alice", nullptr, 5},
         {-1, "alice", nullptr, -1},
@@ -55,7 +55,7 @@ TEST_F(ReportTest, IdentityIsThatOfTheTimeTheReportIsMade) {
     mAdapter->updateEnterRoomInfo("room9", kMapKey);
 
     mPlatform.respond(0, 0, kOk);
-    mAdapter->updateUserInfo(88, kUserSig, "carol");  // behind the report
+    mAdapter->updateUserInfo(88, kUserSig, "carol");  // runs after the task of the report
     run();
 
     EXPECT_EQ(mPlatform.reports.at(0).sdkAppId, 77);

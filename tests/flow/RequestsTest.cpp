@@ -1,4 +1,4 @@
-// The request rules as functions of values.
+// The functions of Com/LiveRequests.h that need no adapter.
 
 #include <limits>
 

@@ -26,8 +26,7 @@ protected:
         respondOk();
     }
 
-    // Gives each of these responses to a request and to its retries. Expects the oracle's listener calls at the end,
-    // with these codes.
+    // Gives each response to a request and its retries. Expects the listener calls of the oracle, with these codes.
     void expectCalls(int retCode, const std::vector<std::string>& responses, bool isRetried, const Codes& codes) {
         for (const std::string& response : responses) {
             SCOPED_TRACE(std::to_string(retCode) + ' ' + response);

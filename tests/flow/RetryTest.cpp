@@ -1,4 +1,4 @@
-// Retries: budget, delays, traces, and the work that a newer operation stops.
+// Retries: their number, delays and traces, and the effects of newer operations on them.
 
 #include <tuple>
 
@@ -11,7 +11,7 @@ using ::testing::SizeIs;
 
 class RetryTest : public KindTest {
 protected:
-    // The counter in a trace if the kind's own has this value: a relay stop shows that of the start.
+    // The counter that the trace prints. Intended: a relay stop prints that of the start, which is 0.
     int traced(int counter) const { return rulesOf(kind()).tracedCounter == kind() ? counter : 0; }
 };
 
@@ -29,7 +29,7 @@ TEST_P(RetryTest, RequestThatFailsElevenTimesEndsWithOneCallAndOneReportOfAllRes
         trace += traceSegment(traced(counter), 1, response);
         mPlatform.respond(requests().size() - 1, 1, response);
         EXPECT_EQ(VirtualTime::delayedTasks(), counter > 0 ? 1u : 0u);
-        EXPECT_EQ(VirtualTime::queuedTasks(), counter > 0 ? 0u : 1u);  // the report
+        EXPECT_EQ(VirtualTime::queuedTasks(), counter > 0 ? 0u : 1u);  // the task of the report
         VirtualTime::runUntilQuiet();
     }
 
@@ -56,8 +56,8 @@ TEST_P(RetryTest, WorkOfTheOtherFamilyChangesNothing) {
 
 // ---- Superseded -----------------------------------------------------------------------------------------------------
 
-// Supersedes a request: its own operation again, the other one of the family, a start of the family that is
-// refused, or a reset.
+// What supersedes a request: the same operation again, the other operation of the family, a refused start of the
+// family, or a reset.
 enum class Operation { kSame, kOther, kRefused, kReset };
 
 class SupersededTest : public FlowTest, public ::testing::WithParamInterface<std::tuple<Kind, Operation>> {
@@ -66,7 +66,7 @@ protected:
     Operation operation() const { return std::get<1>(GetParam()); }
     bool isAddRelay() const { return kind() == kAddRelay; }
 
-    // The call alone; its task is not run.
+    // Calls the operation without running its task.
     void callOperation() {
         switch (operation()) {
             case Operation::kSame:
@@ -105,7 +105,7 @@ TEST_P(SupersededTest, FirstResponseIsDroppedSilentlyFromTheCallOn) {
     mPlatform.respond(0, 1, "");
 
     EXPECT_EQ(VirtualTime::delayedTasks(), 0u);
-    EXPECT_EQ(VirtualTime::queuedTasks(), 1u);  // that of the call
+    EXPECT_EQ(VirtualTime::queuedTasks(), 1u);  // the task of the call
     expectNothingRecorded();
 }
 
@@ -137,7 +137,7 @@ TEST_P(SupersededTest, RetrysResponseIsDroppedForARelayStartAndNotifiedAndReport
     }
 }
 
-// The call itself zeroes both counters of the family, before its task runs.
+// The call sets both retry counters of the family to 0, before its task runs.
 TEST_P(SupersededTest, CallLeavesNoRetryToARetryInFlight) {
     givenRetrySent(kind());
     callOperation();
@@ -151,7 +151,7 @@ TEST_P(SupersededTest, CallLeavesNoRetryToARetryInFlight) {
 TEST_P(SupersededTest, RetryInFlightMayOnlyUseARetryOfANewRequestOfItsKindAndItsTaskIsThenDropped) {
     givenRetrySent(kind());
     supersede();
-    const bool isSame = operation() == Operation::kSame;  // sends, so the counter is 10 again
+    const bool isSame = operation() == Operation::kSame;  // sends a new request, which sets the counter to 10 again
 
     respondTo(1, 1, "");
 
@@ -165,7 +165,7 @@ TEST_P(SupersededTest, RetryInFlightMayOnlyUseARetryOfANewRequestOfItsKindAndIts
     VirtualTime::runUntilQuiet();
     EXPECT_THAT(requests(), SizeIs(mRequestsBefore));
     if (isSame) {
-        respondToAll(1, "");  // the new request has one retry fewer
+        respondToAll(1, "");  // unless it is a relay start, the new request has one retry fewer
         EXPECT_THAT(requests(), SizeIs(mRequestsBefore + (isAddRelay() ? 10 : 9)));
     }
 }

@@ -1,4 +1,4 @@
-// The rules that hold for the start of a relay and of a mix.
+// The rules that apply to the start of a relay and to the start of a mix.
 
 #include "FlowTest.h"
 
@@ -25,7 +25,7 @@ protected:
     }
     Call refused() const { return {"startRelay", rulesOf(kind()).unreadableCode, refusal()}; }
 
-    // The log, without the line that classifies a mix.
+    // The log without the line "bPureAudio:0", which only a mix has.
     std::vector<Logged> logOfTheStart() const {
         std::vector<Logged> lines = log();
         for (auto line = lines.begin(); line != lines.end();) {
@@ -58,7 +58,7 @@ TEST_P(StartTest, RefusedStartIsStoredNowhere) {
     callRefused(kind());
     run();
 
-    // Nothing counts as started, so a stop is refused.
+    // The refused start does not count as a start, so a stop is refused.
     begin(stopOf(kind()));
     EXPECT_THAT(requests(), IsEmpty());
     EXPECT_EQ(notified().back().operation, "stopMix");

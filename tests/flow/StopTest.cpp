@@ -1,4 +1,4 @@
-// Stopping the relay and ending a mix.
+// Stopping the relay and cancelling the mix.
 
 #include "FlowTest.h"
 
@@ -29,7 +29,7 @@ protected:
                ownStream + R"("},"path":"live","session_id":")" + ownStream + tail;
     }
 
-    // The counter in a trace segment: a relay stop shows that of the start.
+    // A segment of the trace. Intended: a relay stop prints the counter of the start instead of its own.
     std::string segment(int ownCounter, int startCounter, int retCode, const std::string& response) const {
         return traceSegment(isRelay(kind()) ? startCounter : ownCounter, retCode, response);
     }
@@ -168,7 +168,7 @@ TEST_P(StopTest, RetryNamesTheUserOfItsTimeWhileTheInformationIsTheFirstBody) {
 
 TEST_P(StopTest, TraceShowsTheCounterOfTheRelayStartOrOfTheCancelItself) {
     givenRetrySent(kind());
-    begin(start());  // sets its own counter to 10 and zeroes that of the stop
+    begin(start());  // sets the counter of the start to 10 and that of the stop to 0
 
     respondTo(1, 0, kOk);
 
@@ -187,7 +187,7 @@ TEST_P(StopTest, RetrysResponseAfterANewerStopIsReportedWithTheNewersBodyAndCoun
                 ElementsAre(Reported{rulesOf(kind()).event, body(2), segment(10, 0, 1, "") + segment(10, 0, 0, kOk)}));
 }
 
-// The response to a retry of an older stop arrives while the send of the newer one is logged.
+// The response to a retry of an older stop arrives while the send of a newer stop is logged.
 TEST_P(StopTest, InformationIsStoredBeforeTheSendIsLoggedForARelayAndAfterItForAMix) {
     givenRetrySent(kind());
     const std::string older = body(0);
@@ -221,7 +221,7 @@ TEST_P(StopTest, ListenerThatStopsAgainChangesTheInformationOnlyOnceTheStopIsSen
 
     respondOk();
 
-    // The stop's task stores its body. It runs after the report's information was read.
+    // The task of the second stop stores its body. By then, the report has read its information.
     EXPECT_EQ(reports().at(0).information, body(0));
     EXPECT_THAT(requests(), SizeIs(2));
 }

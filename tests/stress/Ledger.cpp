@@ -42,8 +42,8 @@ int expectedReports(const Operation& operation) {
     return 0;
 }
 
-// Whether there are more events than the rules allow. The order of counting varies: a request may be counted before the
-// retry that leads to it, and a report before its response. So most counts are checked once all responses are counted.
+// Whether there are more events than the rules allow. A request may be counted before the retry that leads to it, and a
+// report before its response. So these are only compared once all responses are counted.
 bool isExceeded(const Operation& operation) {
     return operation.notified > 1 ||
            (operation.responses == operation.requests &&
