@@ -18,7 +18,7 @@ namespace {
 constexpr int kDebugLevel = 1;
 constexpr int kWarningLevel = 3;
 
-// The adapter does not URL-encode the secrets.
+// The adapter puts the secrets into the URL without URL encoding.
 void warnOfUnsafeSecret(const CLI::App& command, const RequiredOption& option, const std::string& secret) {
     const bool isPrintableAscii = std::all_of(secret.begin(), secret.end(), [](char c) { return c > ' ' && c < 0x7f; });
     if (!isPrintableAscii || secret.find_first_of("&#%") != std::string::npos) {
@@ -53,8 +53,8 @@ RoomOptions::RoomOptions(CLI::App& app)
       sig(app, "--sig", "VEXALIVE_SIG", "the user's signature, a secret", RequiredOption::kSecret),
       room(app, "--room", "VEXALIVE_ROOM", "the id of the room that the user has entered"),
       mapKey(app, "--map-key", "VEXALIVE_MAP_KEY", "the room's private map key, a secret", RequiredOption::kSecret) {
-    app.add_flag("--detach", detach, "Exit when it is running, without stopping it");
-    app.add_flag("--json", json, "Write one JSON object a line (see docs/vexalive-tool.md)");
+    app.add_flag("--detach", detach, "Exit when the relay or mix is running, without stopping it");
+    app.add_flag("--json", json, "Write one JSON object per line (see docs/vexalive-tool.md)");
     app.add_flag("--verbose", verbose, "Write the SDK's log to standard error");
     app.add_option("--ca-file", caFile, "PEM file of certificate authorities to trust; or VEXALIVE_CA_FILE")
         ->type_name("FILE");
@@ -174,7 +174,7 @@ void AdapterRunner::dispatch(const SdkEvent& event) {
         return;
     }
     for (TaskSession& session : mSessions) {
-        session.on(event);
+        session.handle(event);
     }
 }
 

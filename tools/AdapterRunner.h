@@ -1,5 +1,5 @@
-// Shared by the commands that use an adapter: the options for the service, the user and the room; an adapter that has
-// entered the room; and the event loop of its sessions.
+// The commands that use an adapter share this file. It has the options for the service, the user and the room, and a
+// class that owns the adapter and runs the event loop.
 
 #ifndef VEXALIVE_TOOLS_ADAPTER_RUNNER_H
 #define VEXALIVE_TOOLS_ADAPTER_RUNNER_H
@@ -37,7 +37,7 @@ struct RoomOptions {
     std::string caFile;
 };
 
-// The validated values of RoomOptions.
+// The validated options: the local user and the room.
 struct RoomMember {
     int32_t sdkAppId;
     std::string user;
@@ -47,19 +47,19 @@ struct RoomMember {
 };
 Result<RoomMember> validate(const RoomOptions& options);
 
-// kHeld or kDetached.
+// kDetached if the option --detach is given, otherwise kHeld.
 TaskSession::Lifetime lifetimeOf(const RoomOptions& options);
 
-// `url` must be an address with a scheme. The error message begins with `option`.
+// Returns `url` if it is a URL with a scheme. `option` is its name, with which the error message begins.
 Result<std::string> validateUrl(const char* option, const std::string& url);
 
-// Not thread-safe. At most one may exist at a time.
+// Runs relays and mixes of one adapter until all have ended. Not thread-safe. At most one object may exist at a time.
 class AdapterRunner {
 public:
-    // The adapter enters the room. Fails if no descriptor is free.
+    // Creates an adapter that has entered the room. Fails if no descriptor is free.
     static Result<std::unique_ptr<AdapterRunner>> make(const RoomOptions& options, const RoomMember& member);
 
-    // The first entry to write: `begin` and the fields that every command has.
+    // Returns the first entry of the output: the event "begin" with the fields that all commands share.
     static OutputEntry beginEntry(const RoomMember& member, const std::string& text);
 
     LiveTranscodingAdapter& adapter() { return *mAdapter; }
@@ -67,8 +67,9 @@ public:
 
     TaskSession& addSession(const TaskType& type, TaskSession::Lifetime lifetime, std::function<void()> stop);
 
-    // Blocks until all sessions have ended. Returns the exit status of the first one that failed; a failure stops the
-    // others. If `watcher` is not null, `onChange` is called each time its file is saved.
+    // Blocks until all sessions have ended. If a session fails, the others are stopped. Returns the exit status of the
+    // first failed session in the order of addSession(), else kSucceeded. If `watcher` is not null, calls `onChange`
+    // each time the watched file is saved.
     ExitStatus run(FileWatcher* watcher = nullptr, const std::function<void()>& onChange = nullptr);
 
 private:

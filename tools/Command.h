@@ -13,8 +13,8 @@ namespace vexalive {
 
 struct Command {
     CLI::App* app;
-    // Call after parsing. Returns the exit status (ExitStatus.h), or an error if nothing was sent: an option is missing
-    // or wrong, or no descriptor is free. runCommandLine() then exits with kUsage.
+    // Runs the command. Call after parsing. Returns the exit status (ExitStatus.h). Fails if an option is missing or
+    // wrong, or if no descriptor is free; nothing was sent then, and runCommandLine() returns kUsage.
     std::function<Result<int>()> run;
 };
 

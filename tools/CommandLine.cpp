@@ -36,7 +36,7 @@ std::string wrapped(const std::string& text, size_t columns) {
     return result;
 }
 
-// CLI11's layout, wrapped at kHelpColumns, with one line for each command.
+// Formats help like CLI11, but wraps lines at kHelpColumns and shows one line for each command.
 class HelpFormatter : public CLI::Formatter {
 public:
     HelpFormatter() {

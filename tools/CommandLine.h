@@ -5,7 +5,7 @@
 
 namespace vexalive {
 
-// Returns the exit status (ExitStatus.h). Call blockStopSignals() before.
+// Returns the exit status (ExitStatus.h). Call blockStopSignals() first.
 int runCommandLine(int argc, const char* const* argv);
 
 }  // namespace vexalive

@@ -1,5 +1,5 @@
-// A queue from any thread to the main thread, with a file descriptor, so that one poll() waits for queued events,
-// signals and file changes together.
+// A queue that carries items from any thread to the main thread. It has a file descriptor, so one poll() can wait for
+// items, signals and file changes.
 
 #ifndef VEXALIVE_TOOLS_EVENT_QUEUE_H
 #define VEXALIVE_TOOLS_EVENT_QUEUE_H
@@ -30,7 +30,7 @@ namespace vexalive {
 template <class T>
 class EventQueue {
 public:
-    // While `capacity` items are queued, push() drops its item. Fails if no descriptor is free.
+    // push() drops its item if `capacity` items are queued. Fails if no descriptor is free.
     static Result<std::unique_ptr<EventQueue>> make(size_t capacity = std::numeric_limits<size_t>::max()) {
         Descriptor event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
         if (!event.isOpen()) {
@@ -51,7 +51,7 @@ public:
         }
         const uint64_t one = 1;
         [[maybe_unused]] const auto written =
-            ::write(mEvent.get(), &one, sizeof one);  // fails only if already readable
+            ::write(mEvent.get(), &one, sizeof one);  // fails only if the descriptor is already readable
     }
 
     // Removes and returns all items, oldest first; does not block.
@@ -64,14 +64,15 @@ public:
         return items;
     }
 
-    // The number of items dropped since the last call. They are newer than all items that drain() returns next.
+    // Returns the number of items that were dropped since the last call. To keep the order, call drain() next: the
+    // dropped items are newer than all items that it returns.
     uint64_t drainDropped() KST_EXCLUDES(mMutex) {
         KstMutexLock lock(mMutex);
         return std::exchange(mDropped, 0);
     }
 
-    // Blocks until an item is queued, one of `fds` is readable (-1 is ignored), or `timeout` expires. Without a timeout
-    // it blocks indefinitely.
+    // Blocks until an item is queued, one of the descriptors `fds` is readable (-1 is ignored), or `timeout` expires.
+    // std::nullopt: no timeout.
     void wait(std::initializer_list<int> fds, std::optional<std::chrono::milliseconds> timeout = std::nullopt) const {
         std::vector<pollfd> sources = {{mEvent.get(), POLLIN, 0}};
         for (const int fd : fds) {

@@ -6,9 +6,9 @@ namespace vexalive {
 // The exit statuses of the `vexalive` tool. Scripts rely on them.
 enum ExitStatus {
     kSucceeded = 0,
-    kRefused = 1,        // refused by the service; preview: the adapter would refuse; serve: could not start
+    kRefused = 1,        // the service refused; preview: the adapter would refuse; serve: could not start
     kUsage = 2,          // an option or a file is missing or wrong; nothing was sent
-    kNoResponse = 3,     // the service was not reached, or its response could not be read
+    kNoResponse = 3,     // the service was not reached, or its response was unreadable
     kInterrupted = 130,  // aborted by a second Ctrl-C
 };
 

@@ -1,4 +1,4 @@
-// Detects when a file has been saved: written and closed, or replaced by a rename. Uses inotify.
+// Detects when a file is saved: written and closed, or replaced by a rename. Uses inotify.
 
 #ifndef VEXALIVE_TOOLS_FILE_WATCHER_H
 #define VEXALIVE_TOOLS_FILE_WATCHER_H
@@ -18,7 +18,7 @@ public:
     // cannot be watched.
     static Result<FileWatcher> watch(const std::string& path);
 
-    // For poll(): readable while events are pending.
+    // A descriptor for poll(). It is readable while events are pending.
     int fd() const { return mEvents.get(); }
 
     // Whether the file was saved since the last call; does not block.
@@ -27,7 +27,7 @@ public:
 private:
     FileWatcher(std::string name, Descriptor events) : mName(std::move(name)), mEvents(std::move(events)) {}
 
-    std::string mName;  // in its folder
+    std::string mName;  // without the folder
     Descriptor mEvents;
 };
 

@@ -1,4 +1,4 @@
-// `vexalive mix`: runs the mix that a file describes until it is cancelled.
+// `vexalive mix`: starts the mix that a file describes and cancels it on Ctrl-C.
 
 #include <cstddef>
 #include <cstdio>
@@ -67,13 +67,13 @@ struct MixOptions {
     RoomOptions room;
 };
 
-// A mix file that can be sent.
+// The content of a mix file that the adapter accepts.
 struct ValidMix {
     kstmedia::VexaTranscodingConfigInternal config;
     std::vector<std::string> warnings;
 };
 
-// Each error is a line for the output; it may contain control characters.
+// Each error is one line for the output. It may contain control characters.
 Result<ValidMix, std::vector<std::string>> loadMix(const std::string& path) {
     const MixFileResult config = readMixFile(path);
     std::vector<std::string> errors;

@@ -77,8 +77,8 @@ std::optional<int64_t> readInteger(const std::string& text, int64_t min, int64_t
 
 std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates) {
     std::string nearest;
-    size_t distance =
-        std::max<size_t>(2, word.size() / 3) + 1;  // edit distance; names at it or above are too different
+    // The smallest edit distance so far. Candidates whose distance is not below the initial value are too different.
+    size_t distance = std::max<size_t>(2, word.size() / 3) + 1;
     for (const std::string& candidate : candidates) {
         const size_t next = editDistance(word, candidate);
         if (next < distance) {

@@ -14,13 +14,14 @@
 
 namespace vexalive {
 
-// A required option; if it is not given, an environment variable supplies the value. The errors begin with its name.
+// A required option. If the option is not given, an environment variable supplies the value. Error messages begin with
+// the name of the option.
 class RequiredOption {
 public:
     enum Secrecy { kPublic, kSecret };
 
-    // Declares the option. `meaning` describes the value: "the CDN biz id, an integer other than 0". The strings are
-    // literals. The help of a secret recommends the variable.
+    // Declares the option. `meaning` describes the value, for example "the CDN biz id, an integer other than 0". All
+    // strings must be literals. The help of a secret option recommends the environment variable.
     RequiredOption(CLI::App& command, const char* name, const char* variable, const char* meaning,
                    Secrecy secrecy = kPublic);
     RequiredOption(const RequiredOption&) = delete;
@@ -29,7 +30,8 @@ public:
     // Call after parsing. Fails if the value is missing or empty.
     Result<std::string> value() const;
 
-    // The value as a decimal integer from `min` to `max`, but not 0. Not for secrets: an error shows the value.
+    // Returns the value as a decimal integer from `min` to `max`, but not 0. Do not use it for secrets: the error
+    // message shows the value.
     Result<int64_t> integer(int64_t min, int64_t max) const;
 
     const char* name() const { return mName; }
@@ -37,7 +39,7 @@ public:
 private:
     struct Source {
         std::string value;
-        std::string name;  // the option's or the variable's
+        std::string name;  // of the option or of the environment variable
     };
     Result<Source> find() const;
 
@@ -48,16 +50,17 @@ private:
     CLI::Option* mOption;
 };
 
-// Parses a decimal integer from `min` to `max`; std::nullopt for anything else.
+// Parses a decimal integer from `min` to `max`. Returns std::nullopt for any other string.
 std::optional<int64_t> readInteger(const std::string& text, int64_t min, int64_t max);
 
-// "; did you mean --biz-id?"; empty if no candidate is similar.
+// Returns a suggestion, for example "; did you mean --biz-id?", or "" if no candidate is similar to `word`.
 std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates);
 
-// "--app-id" and the like.
+// Returns the names of all options of `app`, for example "--app-id".
 std::vector<std::string> longOptionNames(const CLI::App& app);
 
-// The error for arguments that no option accepts. Set `isSecret` if they may be secrets: it then shows no values.
+// Returns the error message for arguments that no option accepts. If `isSecret`, the arguments may be secrets, and the
+// message does not show them.
 std::string describeExtras(const std::vector<std::string>& extras, const std::vector<std::string>& optionNames,
                            bool isSecret);
 

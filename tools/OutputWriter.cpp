@@ -14,7 +14,7 @@ namespace vexalive {
 namespace {
 
 constexpr size_t kDefaultWidth = 80;
-constexpr size_t kMaxLine = 1000;  // columns; a response may be a mebibyte long
+constexpr size_t kMaxLine = 1000;  // columns; limits a response of the service, which may be 1 MiB long
 constexpr std::chrono::milliseconds kRedrawInterval(200);
 
 std::string inSeconds(std::chrono::milliseconds time) {
@@ -56,7 +56,7 @@ private:
     void renderLog(const std::string& line) override { put(mErr, line + "\n"); }
 };
 
-// The transient entry is the last line of the terminal; everything else is written above it.
+// Shows the transient entry in the last line of the terminal, and writes all other entries above it.
 class TerminalWriter : public OutputWriter {
 public:
     using OutputWriter::OutputWriter;

@@ -15,20 +15,20 @@
 
 namespace vexalive {
 
-// One entry for all formats: `fields` is for JSON, the other members are for lines.
+// One entry of the output. JSON lines show `fields`; plain and live lines show the other members.
 struct OutputEntry {  // NOLINT(bugprone-exception-escape): moving JSON checks its invariant, and never throws
-    nlohmann::ordered_json fields;                       // "event" and its fields
-    std::string text;                                    // one line; if empty, only JSON shows the entry
+    nlohmann::ordered_json fields;                       // the key "event" and the fields of that event
+    std::string text;                                    // one line; if empty, only JSON lines show the entry
     std::vector<std::string> details;                    // indented lines after `text`
-    bool transient = false;                              // on a terminal, the next entry replaces the line
+    bool transient = false;                              // on a terminal, the next entry replaces this line
     std::optional<std::chrono::milliseconds> countdown;  // shown after `text` as "in 5 s"
 };
 
-// Not thread-safe. Accepts any bytes. Every format hides the secrets. Plain and live lines escape control characters as
-// "\xNN" and are truncated at 1000 columns.
+// Not thread-safe. Strings may contain any bytes. Every format hides the secrets. Plain and live lines escape control
+// characters as "\xNN" and are truncated at 1000 columns.
 class OutputWriter {
 public:
-    // `out` receives the entries, `err` the log lines; both outlive the writer.
+    // `out` receives the entries, and `err` receives the log lines. Both must outlive the writer.
     OutputWriter(Secrets secrets, FILE* out, FILE* err) : mSecrets(std::move(secrets)), mOut(out), mErr(err) {}
     virtual ~OutputWriter() = default;
     OutputWriter(const OutputWriter&) = delete;
@@ -37,7 +37,7 @@ public:
     void write(OutputEntry entry);
     void writeLog(const std::string& line);
 
-    // The interval at which to call redraw(); no value: redraw() is not needed.
+    // The interval at which to call redraw(). std::nullopt: redraw() need not be called.
     virtual std::optional<std::chrono::milliseconds> redrawInterval() const { return std::nullopt; }
     virtual void redraw() {}
 
@@ -61,7 +61,7 @@ private:
 
 enum class OutputFormat { kPlain, kTerminal, kJson };
 
-// kTerminal only if `out` is a terminal that can erase a line.
+// Returns kTerminal only if `out` is a terminal that can erase a line.
 OutputFormat chooseFormat(bool json, FILE* out);
 
 std::unique_ptr<OutputWriter> makeOutputWriter(OutputFormat format, Secrets secrets, FILE* out, FILE* err);

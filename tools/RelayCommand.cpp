@@ -1,4 +1,4 @@
-// `vexalive relay`: relays the local user's stream to a CDN address until it is stopped.
+// `vexalive relay`: starts a relay of the local user's stream to a CDN address and stops it on Ctrl-C.
 
 #include <cstdint>
 #include <limits>

@@ -9,7 +9,8 @@
 namespace vexalive {
 namespace {
 
-// Starting and cancelling a mix share an interface. Only a start's body has the key "output_stream_type".
+// The requests that start and cancel a mix have the same interface. Only the body of a start has the key
+// "output_stream_type".
 std::optional<requests::Kind> kindOf(std::string_view interfaceName, std::string_view body) {
     if (interfaceName == requests::rulesOf(requests::kAddRelay).interfaceName) {
         return requests::kAddRelay;

@@ -1,7 +1,7 @@
 // Collects the events of an adapter and of the platform in one queue for the main thread.
 //
-// The SDK calls the listener, the exchange observer, the report sink and the log sink on its own threads. Each only
-// pushes an event.
+// The SDK calls the listener, the HTTP observer, the event sink and the log sink on its own threads. Each of these
+// callbacks only pushes an event.
 
 #ifndef VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
 #define VEXALIVE_TOOLS_SDK_EVENT_COLLECTOR_H
@@ -48,16 +48,17 @@ struct LogEvent {
 
 using SdkEvent = std::variant<ExchangeEvent, ListenerEvent, EventReport, LogEvent>;
 
-// Installs the platform's hooks while it exists. At most one may exist at a time.
+// The constructor installs the platform's hooks, and the destructor removes them. At most one object may exist at a
+// time.
 class SdkEventCollector {
 public:
-    // Log lines below `lowestLogLevel` (base/Log.h) are dropped.
+    // Log lines with a level below `lowestLogLevel` (see base/Log.h) are dropped.
     SdkEventCollector(std::shared_ptr<EventQueue<SdkEvent>> queue, int lowestLogLevel);
     ~SdkEventCollector();
     SdkEventCollector(const SdkEventCollector&) = delete;
     SdkEventCollector& operator=(const SdkEventCollector&) = delete;
 
-    // For the adapter, which stores a weak reference.
+    // The listener to set at the adapter, which stores a weak reference to it.
     const std::shared_ptr<ILiveTrancodingDelegate>& listener() const { return mListener; }
 
     EventQueue<SdkEvent>& queue() { return *mQueue; }

@@ -15,7 +15,7 @@ public:
     std::string hide(std::string text) const;
 
 private:
-    std::vector<std::string> mValues;  // the longest first: one value may contain another
+    std::vector<std::string> mValues;  // the longest first, because a value may contain another value
 };
 
 }  // namespace vexalive

@@ -31,7 +31,8 @@ constexpr const char* kServeDescription =
     "line for each request, until Ctrl-C or SIGTERM.";
 
 constexpr const char* kFaultHelp =
-    "Inject a fault from the start; repeatable. Each request consumes one use of the first fault that applies to it. "
+    "Inject a fault from the first request on; repeatable. Each request consumes one use of the first fault that "
+    "applies to it. "
     "FAULT is one of status=CODE, code=CODE, delay=MS, empty, cut, garbage, huge[=BYTES] and close, then any of "
     ",count=N (requests; 0: until cleared) ,delay_ms=MS ,interface=NAME and, with code, ,message=TEXT. For example "
     "status=503,count=2";
@@ -45,7 +46,7 @@ constexpr const char* kServeFooter =
     "\n"
     "Exit status: 0 stopped by Ctrl-C or SIGTERM; 1 could not start; 2 wrong usage.";
 
-constexpr size_t kMaxEntries = 1000;  // queued for a slow output
+constexpr size_t kMaxEntries = 1000;  // maximum number of entries that wait for a slow output
 
 struct ServeOptions {
     LiveServiceOptions service;
@@ -55,7 +56,7 @@ struct ServeOptions {
     bool json = false;
 };
 
-// One word for a shell, quoted only if necessary.
+// Returns `text` as one word for a shell, quoted only if necessary.
 std::string shellWord(const std::string& text) {
     const char* const plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:[]@%+=,";
     if (text.find_first_not_of(plain) == std::string::npos) {
@@ -68,14 +69,14 @@ std::string shellWord(const std::string& text) {
     return quoted + "'";
 }
 
-OutputEntry listening(const LiveService& service) {
+OutputEntry listeningEntry(const LiveService& service) {
     OutputEntry entry;
     entry.fields = {{"event", "listening"}, {"service", service.address()}, {"caFile", service.caFile()}};
     entry.text = "live-interface service on https://" + service.address() + "; Ctrl-C stops it. In another terminal:";
     return entry;
 }
 
-OutputEntry consoleLine(const LiveService& service) {
+OutputEntry consoleEntry(const LiveService& service) {
     const std::string url = "http://" + service.consoleAddress() + "/";
     OutputEntry entry;
     entry.fields = {{"event", "console"}, {"url", url}};
@@ -83,21 +84,21 @@ OutputEntry consoleLine(const LiveService& service) {
     return entry;
 }
 
-OutputEntry originLine(const LiveService& service) {
+OutputEntry originEntry(const LiveService& service) {
     OutputEntry entry;
     entry.fields = {{"event", "origin"}, {"url", service.originAddress()}};
     entry.text = "members publish to " + service.originAddress() + "/live/ID; vexalive stream-id prints the ID";
     return entry;
 }
 
-OutputEntry exportLine(const std::string& line) {
+OutputEntry exportEntry(const std::string& line) {
     OutputEntry entry;
     entry.fields = {{"event", "environment"}, {"line", line}};
     entry.text = line;
     return entry;
 }
 
-OutputEntry requestLine(const LiveServiceEvent& event) {
+OutputEntry requestEntry(const LiveServiceEvent& event) {
     OutputEntry entry;
     entry.fields = {{"event", "request"},           {"interface", event.interfaceName},
                     {"operation", event.operation}, {"httpStatus", event.httpStatus},
@@ -122,7 +123,7 @@ OutputEntry requestLine(const LiveServiceEvent& event) {
     return entry;
 }
 
-OutputEntry mediaLine(const LiveMediaEvent& event) {
+OutputEntry mediaEntry(const LiveMediaEvent& event) {
     const std::string who = event.subject + (event.streamId.empty() ? "" : " " + event.streamId);
     const std::string restarts = event.restarts == 0 ? "" : " (restarts: " + std::to_string(event.restarts) + ")";
     OutputEntry entry;
@@ -146,7 +147,7 @@ OutputEntry mediaLine(const LiveMediaEvent& event) {
     return entry;
 }
 
-OutputEntry omission(uint64_t count) {
+OutputEntry omissionEntry(uint64_t count) {
     OutputEntry entry;
     entry.fields = {{"event", "omitted"}, {"lines", count}};
     entry.text = "lines omitted because the output is too slow: " + std::to_string(count);
@@ -181,15 +182,15 @@ Result<int> runServe(ServeOptions options) {
         return tl::unexpected(!queue ? queue.error() : signals.error());
     }
     EventQueue<OutputEntry>& entries = **queue;
-    options.service.observer = [&entries](const LiveServiceEvent& event) { entries.push(requestLine(event)); };
-    options.service.mediaObserver = [&entries](const LiveMediaEvent& event) { entries.push(mediaLine(event)); };
+    options.service.observer = [&entries](const LiveServiceEvent& event) { entries.push(requestEntry(event)); };
+    options.service.mediaObserver = [&entries](const LiveMediaEvent& event) { entries.push(mediaEntry(event)); };
     const auto showAll = [&entries, &writer] {
         const uint64_t omitted = entries.drainDropped();
         for (OutputEntry& entry : entries.drain()) {
             writer->write(std::move(entry));
         }
         if (omitted > 0) {
-            writer->write(omission(omitted));
+            writer->write(omissionEntry(omitted));
         }
     };
     LiveService service(options.service);
@@ -204,12 +205,12 @@ Result<int> runServe(ServeOptions options) {
         std::fprintf(stderr, "vexalive serve: %s\n", printable(started.error().message).c_str());
         return kRefused;
     }
-    writer->write(listening(service));
-    writer->write(exportLine("export VEXALIVE_SERVICE_HOST=" + shellWord(service.address())));
-    writer->write(exportLine("export VEXALIVE_CA_FILE=" + shellWord(service.caFile())));
-    writer->write(consoleLine(service));
+    writer->write(listeningEntry(service));
+    writer->write(exportEntry("export VEXALIVE_SERVICE_HOST=" + shellWord(service.address())));
+    writer->write(exportEntry("export VEXALIVE_CA_FILE=" + shellWord(service.caFile())));
+    writer->write(consoleEntry(service));
     if (options.service.media) {
-        writer->write(originLine(service));
+        writer->write(originEntry(service));
     }
 
     std::optional<std::string> signal;
@@ -233,7 +234,7 @@ Command addServeCommand(CLI::App& tool) {
     CLI::App* command = tool.add_subcommand("serve", kServeDescription);
     command->footer(kServeFooter);
     const auto options = std::make_shared<ServeOptions>();
-    command->add_option("--port", options->port, "The port to listen on; 0, the default, takes a free one")
+    command->add_option("--port", options->port, "The port to listen on; 0, the default, selects a free port")
         ->type_name("N");
     command->add_option("--address", options->service.address, "The address to listen on; by default 127.0.0.1")
         ->type_name("A");
@@ -255,10 +256,10 @@ Command addServeCommand(CLI::App& tool) {
         ->type_name("URL");
     command
         ->add_option("--console-port", options->consolePort,
-                     "The port of 127.0.0.1 that serves the console, a web page; 0, the default, takes a free one")
+                     "The port of 127.0.0.1 that serves the console, a web page; 0, the default, selects a free port")
         ->type_name("N");
     command->add_option("--fault", options->faults, kFaultHelp)->type_name("FAULT")->allow_extra_args(false);
-    command->add_flag("--json", options->json, "Write one JSON object a line (docs/vexalive-tool.md lists them)");
+    command->add_flag("--json", options->json, "Write one JSON object per line (docs/vexalive-tool.md lists them)");
     return {command, [options] { return runServe(*options); }};
 }
 

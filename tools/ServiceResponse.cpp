@@ -8,7 +8,7 @@ namespace {
 
 constexpr int kMinHttpStatus = 100;
 
-// libcurl's results that a user can fix; base/CVexaHttpSendRecv.h adds them to kLibraryBase.
+// Errors of libcurl that the user can fix. The HTTPS client adds kTransportErrorBase to libcurl's result.
 constexpr int kMalformedAddress = CVexaHttpSendRecv::kTransportErrorBase + 3;
 constexpr int kUntrustedCertificate = CVexaHttpSendRecv::kTransportErrorBase + 60;
 constexpr int kUnusableCaFile = CVexaHttpSendRecv::kTransportErrorBase + 77;

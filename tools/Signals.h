@@ -12,8 +12,8 @@
 
 namespace vexalive {
 
-// Blocks both signals in this thread and in those that it starts later; call it first in main(). Also ignores SIGPIPE,
-// so that a write to a closed pipe fails instead of ending the process.
+// Blocks both signals in the calling thread and in all threads that it starts later. Call it first in main(). Also
+// ignores SIGPIPE, so that a write to a closed pipe fails instead of ending the process.
 void blockStopSignals();
 
 // Receives the signals that blockStopSignals() blocks. Not thread-safe.
@@ -22,10 +22,10 @@ public:
     // Fails if no descriptor is free.
     static Result<StopSignals> open();
 
-    // For poll(): readable while a signal is pending.
+    // A descriptor for poll(). It is readable while a signal is pending.
     int fd() const { return mSignals.get(); }
 
-    // The name of the next pending signal, "SIGINT" or "SIGTERM"; does not block.
+    // Returns the name of the next pending signal, "SIGINT" or "SIGTERM", or std::nullopt. Does not block.
     std::optional<std::string> next();
 
 private:

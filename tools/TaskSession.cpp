@@ -21,7 +21,7 @@ nlohmann::ordered_json orNull(const std::optional<T>& value) {
     return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
 }
 
-// Splits a report's trace into the request, if the trace begins with one, and one part for each response.
+// Splits a report's trace into its parts: the request body, if the trace begins with one, and one part per response.
 std::vector<std::string> splitTrace(const std::string& trace) {
     std::vector<std::string> parts;
     for (size_t begin = 0; begin < trace.size();) {
@@ -45,7 +45,7 @@ void TaskSession::start(std::function<void()> call) {
     }
 }
 
-void TaskSession::on(const SdkEvent& event) {
+void TaskSession::handle(const SdkEvent& event) {
     if (mExitStatus) {
         return;
     }
@@ -124,7 +124,7 @@ void TaskSession::onDelivered(Task& task) {
         mHasLateStart = mHasLateStart && !task.response.isRefusal();
         mEmit(attemptEntry(task, "ignored", std::string("response ignored, because the ") + mType.stop + " has begun"));
     } else if (isInFlight(task)) {
-        // A newer attempt is in flight and will have the outcome.
+        // A newer attempt is in flight. Its response decides.
     } else if (task.isDecided() || task.attempts >= kMaxAttempts) {
         finish(task);
     } else {
@@ -189,9 +189,9 @@ void TaskSession::onReport(const EventReport& report) {
     }
     Task* task = !mStart.isReported && mStart.isDecided() ? &mStart
                  : !mStop.isReported && mStop.isDecided() ? &mStop
-                                                          : nullptr;  // a superseded task
+                                                          : nullptr;  // the report is about a superseded task
     if (task) {
-        finish(*task);  // the report may precede the client's kDelivered
+        finish(*task);  // the event report may arrive before HttpExchange::kDelivered
         task->isReported = true;
     }
 
@@ -261,7 +261,6 @@ void TaskSession::advance() {
     }
 }
 
-// Called when a start or an update has ended.
 void TaskSession::onStartEnded() {
     const ExitStatus outcome = *mStart.outcome;
     mStage = Stage::kIdle;

@@ -1,7 +1,7 @@
-// The life of a relay or a mix within one command: follows the adapter's events, reports progress, and decides when to
-// send an update, when to stop and when the command ends.
+// Controls one relay or one mix of a command: handles the adapter's events, writes progress entries, and decides when
+// to call the adapter to start, update or stop it, and when the session ends.
 //
-// Uses no thread, socket, signal or clock, so tests can feed it any sequence of events.
+// It uses no thread, socket, signal or clock, so tests can feed it any sequence of events.
 
 #ifndef VEXALIVE_TOOLS_TASK_SESSION_H
 #define VEXALIVE_TOOLS_TASK_SESSION_H
@@ -19,10 +19,10 @@
 
 namespace vexalive {
 
-// The words of the output, the request kinds and the codes of relays, or of mixes.
+// The differences between relays and mixes: words for the output, request kinds and codes.
 struct TaskType {
-    const char* name;  // "relay"
-    const char* stop;  // "stop" or "cancel", and its forms
+    const char* name;  // "relay" or "mix"
+    const char* stop;  // "stop" or "cancel"; its other forms follow
     const char* stops;
     const char* stopping;
     const char* stopped;
@@ -37,45 +37,45 @@ extern const TaskType kMixTask;
 class TaskSession {
 public:
     enum class Lifetime {
-        kHeld,      // ends when it is stopped, or when the start fails
-        kDetached,  // ends when the task is running, or when the start fails
-        kWatched,   // as kHeld, but a failed start does not end it: another start may follow
+        kHeld,      // the session ends when the task has been stopped or its start has failed
+        kDetached,  // the session ends when the task is running or its start has failed
+        kWatched,   // like kHeld, but a failed start does not end the session: another start may follow
     };
 
-    // `stop` calls the adapter's stop operation; `emit` receives the progress.
+    // `stop` calls the adapter's stop operation. `emit` receives the progress entries.
     TaskSession(const TaskType& type, Lifetime lifetime, std::function<void()> stop,
                 std::function<void(OutputEntry)> emit);
 
-    // Runs `call`, which starts or updates the task at the adapter, as soon as no attempt is in flight. It replaces an
-    // earlier call that is still pending or between two attempts. `call` may run more than once.
+    // Runs `call`, which starts or updates the task at the adapter, as soon as no attempt is in flight. An earlier call
+    // is dropped if it is still pending or between two attempts. `call` may run more than once.
     void start(std::function<void()> call);
 
-    void on(const SdkEvent& event);
+    void handle(const SdkEvent& event);
 
-    // Ends the session; `why` is the reason for the output ("SIGINT"). An attempt to start that is in flight is
-    // completed first: a stop sent in parallel could arrive first and leave the task running. The second call ends the
-    // session at once.
+    // Stops the task, then ends the session. `why` is the reason that the output shows, for example "SIGINT". If an
+    // attempt to start is in flight, its response is awaited first: a stop that is sent in parallel could reach the
+    // service first, and the task would keep running. A second call ends the session at once.
     void requestStop(const std::string& why);
 
     bool isStopRequested() const { return mIsStopRequested; }
 
     const char* name() const { return mType.name; }
 
-    // Set when the session has ended.
+    // std::nullopt until the session has ended.
     std::optional<ExitStatus> exitStatus() const { return mExitStatus; }
 
 private:
     enum class Stage { kIdle, kStarting, kStopping };
 
-    // A start, an update or a stop.
+    // One start, update or stop, with all its attempts.
     struct Task {
         const char* name;
         int attempts = 0;
         bool isRetryScheduled = false;
-        ServiceResponse response{};  // the last one
+        ServiceResponse response{};  // to the last attempt
         std::vector<requests::Notification> notifications{};
         std::optional<ExitStatus> outcome{};
-        bool isReported = false;
+        bool isReported = false;  // the adapter has sent its event report
 
         bool isDecided() const {
             return outcome || !notifications.empty() || (attempts > 0 && response.isCodeMissing());
@@ -113,14 +113,14 @@ private:
     Stage mStage = Stage::kIdle;
     bool mIsRunning = false;  // a start succeeded
     bool mIsStopRequested = false;
-    std::function<void()> mPendingStart;  // may be empty
-    std::function<void()> mLastStart;     // the last one that was called
-    Task mStart{"start"};                 // or the last update
+    std::function<void()> mPendingStart;  // the next call that starts or updates the task; may be empty
+    std::function<void()> mLastStart;     // the last of these calls that was made
+    Task mStart{"start"};                 // the last start or update
     Task mStop;
-    std::map<uint64_t, Task*> mInFlight;  // exchanges, by id
+    std::map<uint64_t, Task*> mInFlight;  // the tasks of the HTTP exchanges in flight, by exchange id
 
-    // An attempt of a superseded start was sent late. It may have reached the service after the newer start or the
-    // stop, so that one has to be sent again.
+    // Whether an attempt of a superseded start was in flight together with a newer request (start, update or stop). The
+    // attempt may have reached the service last, so the newer request has to be sent again.
     bool mHasLateStart = false;
 
     std::optional<ExitStatus> mExitStatus;

@@ -42,7 +42,7 @@ public:
         return *this;
     }
     Scenario& on(const SdkEvent& event) {
-        mSession.on(event);
+        mSession.handle(event);
         return *this;
     }
     Scenario& started(Request request) {

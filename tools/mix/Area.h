@@ -1,4 +1,4 @@
-// Rectangles on a canvas, in pixels. The coordinates have 64 bits: the sum of two 32-bit numbers fits.
+// Rectangles on a canvas, in pixels. The coordinates have 64 bits, so the sum of two 32-bit numbers does not overflow.
 
 #ifndef VEXALIVE_TOOLS_MIX_AREA_H
 #define VEXALIVE_TOOLS_MIX_AREA_H
@@ -30,12 +30,12 @@ inline bool operator==(const Area& a, const Area& b) {
     return a.left == b.left && a.top == b.top && a.right == b.right && a.bottom == b.bottom;
 }
 
-// The area that both share; may be empty.
+// The area that `a` and `b` share; may be empty.
 inline Area intersection(const Area& a, const Area& b) {
     return {std::max(a.left, b.left), std::max(a.top, b.top), std::min(a.right, b.right), std::min(a.bottom, b.bottom)};
 }
 
-// The parts of `area` that no element of `covers` hides, as disjoint rectangles.
+// Returns the parts of `area` that no element of `covers` hides, as disjoint rectangles.
 inline std::vector<Area> visibleParts(const Area& area, const std::vector<Area>& covers) {
     std::vector<Area> visible = {area};
     for (const Area& cover : covers) {

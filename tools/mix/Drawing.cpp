@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kFont = "DejaVu Sans";
 constexpr const char* kMonoFont = "DejaVu Sans Mono";
-constexpr glong kMaxText = 300;  // characters; a longer string is wider than every drawing
+constexpr glong kMaxText = 300;  // characters; a longer string does not fit into any drawing
 constexpr const char* kEllipsis = "\u2026";
 constexpr const char* kReplacement = "\ufffd";
 constexpr double kHatchStep = 8;
@@ -31,7 +31,7 @@ struct GObjectUnref {
 template <class T>
 using GObjectPtr = std::unique_ptr<T, GObjectUnref<T>>;
 
-// The first kMaxText characters; replaces characters that cannot be shown or that XML does not allow.
+// Returns the first kMaxText characters. Replaces characters that cannot be shown or that XML does not allow.
 std::string drawable(const std::string& text) {
     const std::unique_ptr<gchar, decltype(&g_free)> valid(
         g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())), g_free);
@@ -48,7 +48,7 @@ std::string drawable(const std::string& text) {
     return result;
 }
 
-// With at most two decimals, the same in every locale.
+// Formats a number with at most two decimals, the same in every locale.
 std::string decimal(double number) {
     std::array<char, 64> text{};
     const double rounded = std::round(number * 100) / 100;
@@ -72,11 +72,11 @@ std::string escaped(const std::string& text) {
 
 // ---- Measuring ------------------------------------------------------------------------------------------------------
 
-// Computes the layout of strings, with its own font map.
+// Computes the layout of strings. It has its own font map.
 class Drawing::Ruler {
 public:
     Ruler() : mFonts(pango_cairo_font_map_new()), mContext(pango_font_map_create_context(mFonts.get())) {
-        // Fixed options: whole pixels give sharp text, and the machine's settings have no effect.
+        // The font options are fixed, so the settings of the machine have no effect. Whole pixels give sharp text.
         cairo_font_options_t* options = cairo_font_options_create();
         cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_SLIGHT);
         cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_ON);
@@ -190,7 +190,7 @@ public:
                "\">\n<defs><pattern id=\"hatch\"" + number("width", kHatchStep) + number("height", kHatchStep) +
                " patternUnits=\"userSpaceOnUse\" patternTransform=\"rotate(45)\"><path d=\"M0 0V" +
                decimal(kHatchStep) + "\" stroke=\"" + hex(kHatchColour) + "\"" +
-               number("stroke-width", 2 * kHatchWidth) +  // half of it lies outside the pattern
+               number("stroke-width", 2 * kHatchWidth) +  // half of the line lies outside the pattern
                "/></pattern></defs>\n<rect class=\"page\" width=\"" + width + "\" height=\"" + height +
                "\" fill=\"#ffffff\"/>\n";
         for (const Shape& shape : drawing.mShapes) {
@@ -206,7 +206,7 @@ public:
         }
     }
 
-    // textLength limits the width of the text if the viewer has other fonts.
+    // textLength keeps the measured width of the text if the viewer has other fonts.
     void operator()(const TextShape& shape) {
         mSvg += "<text" + attribute("class", shape.name) + number("x", shape.x) + number("y", shape.y) +
                 attribute("font-family", shape.style.mono ? "DejaVu Sans Mono, Menlo, Consolas, monospace"
@@ -322,7 +322,7 @@ private:
 };
 
 std::string Drawing::png() const {
-    // 16 bits per pixel make the file a fifth smaller.
+    // With 16 instead of 32 bits per pixel, the file is 20 % smaller.
     const std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
         cairo_image_surface_create(CAIRO_FORMAT_RGB16_565, static_cast<int>(std::ceil(mWidth)),
                                    static_cast<int>(std::ceil(mHeight))),

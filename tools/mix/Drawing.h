@@ -1,4 +1,4 @@
-// A list of boxes and strings that is written as SVG or as PNG. Strings are measured when they are added.
+// A drawing of boxes and strings that can be written as SVG or as PNG. Strings are measured when they are added.
 
 #ifndef VEXALIVE_TOOLS_MIX_DRAWING_H
 #define VEXALIVE_TOOLS_MIX_DRAWING_H
@@ -27,7 +27,7 @@ struct BoxStyle {
     Colour fill;
     Colour line;
     double lineWidth = 1;
-    double corner = 0;  // radius
+    double corner = 0;  // radius of the rounded corners
     bool hatched = false;
 };
 
@@ -38,9 +38,9 @@ struct TextStyle {
     bool mono = false;
 };
 
-enum class Anchor { kLeft, kMiddle, kRight };  // the point of a string that is at its x
+enum class Anchor { kLeft, kMiddle, kRight };  // which point of a string is at the coordinate x
 
-// Units are pixels; y grows downwards. The page is white. For one thread.
+// Units are pixels; y grows downwards. The background is white. Not thread-safe.
 class Drawing {
 public:
     explicit Drawing(double width);
@@ -52,23 +52,23 @@ public:
     double height() const { return mHeight; }
     void setHeight(double height) { mHeight = height; }
 
-    // `name` becomes the class of the SVG element; a literal.
+    // `name` becomes the class of the SVG element. It must be a literal.
     void box(const char* name, const Box& box, const BoxStyle& style);
-    // `y` is the baseline. Accepts any bytes as text.
+    // `y` is the baseline. `text` may contain any bytes.
     void text(const char* name, double x, double y, const std::string& text, const TextStyle& style,
               Anchor anchor = Anchor::kLeft);
-    // open() and close() group the shapes between them; `about` is the title of the group.
+    // The shapes between open() and close() are a group. `about` is the title of the group.
     void open(const char* name, const std::string& about);
     void close();
 
     double widthOf(const std::string& text, const TextStyle& style);
-    // The beginning of the string that fits, with "…" if it is truncated; empty if no character fits.
+    // Truncates the string to `width`, with "…" at its end. Returns "" if no character fits.
     std::string fitted(const std::string& text, const TextStyle& style, double width);
-    // Breaks the string at spaces into lines that fit.
+    // Breaks the string at spaces into lines of at most `width`.
     std::vector<std::string> wrapped(const std::string& text, const TextStyle& style, double width);
 
     std::string svg() const;
-    // Empty if memory is short or the drawing is too large.
+    // Returns "" if there is not enough memory or the drawing is too large.
     std::string png() const;
 
 private:

@@ -29,12 +29,13 @@ using Rect = User::Rect;
 
 // ---- The format -----------------------------------------------------------------------------------------------------
 
-// The member that a field sets; its type is the type of the value.
+// A pointer to the member of the record that a field sets. The type of the member determines the JSON type.
 template <class Record>
 using Slot =
     std::variant<int32_t Record::*, bool Record::*, std::string Record::*, Rect Record::*, std::vector<User> Record::*>;
 
-enum Need { kOptional, kRequired, kUnlessPureAudio };  // an omitted field keeps the record's default
+// Whether a field is required. If an optional field is omitted, the record keeps its default.
+enum Need { kOptional, kRequired, kUnlessPureAudio };
 
 template <class Record>
 struct Field {
@@ -70,8 +71,8 @@ constexpr Field<Rect> kRectFields[] = {
 };
 
 constexpr const char* kInteger = "an integer from -2147483648 to 2147483647";
-constexpr size_t kMaxDepth = 64;  // of nested objects and lists
-constexpr size_t kMaxQuote = 40;  // bytes of the file in an error message
+constexpr size_t kMaxDepth = 64;  // maximum depth of nested objects and lists
+constexpr size_t kMaxQuote = 40;  // maximum number of bytes of the file that an error message quotes
 
 // ---- JSON, with the position of each value --------------------------------------------------------------------------
 
@@ -79,14 +80,14 @@ constexpr size_t kMaxQuote = 40;  // bytes of the file in an error message
 struct Value {
     enum Kind { kNull, kFalse, kTrue, kNumber, kString, kObject, kList };
     Kind kind;
-    std::string_view source;      // of an object or a list: the opening bracket
-    std::string_view nameSource;  // of a member of an object
-    std::string name;
-    std::string string;           // of a string, unescaped
-    std::vector<Value> children;  // of an object or a list
+    std::string_view source;      // the token of the value; of an object or a list, the opening bracket
+    std::string_view nameSource;  // the token of the name, with quotes, if the value is a member of an object
+    std::string name;             // the name, unescaped
+    std::string string;           // the content of a string, unescaped
+    std::vector<Value> children;  // the members of an object, or the elements of a list
 };
 
-// RapidJSON's handler. A callback that returns false ends the parsing.
+// A handler for RapidJSON, which calls the public functions. If one of them returns false, parsing ends.
 class TreeBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, TreeBuilder> {
 public:
     TreeBuilder(std::string_view text, const rapidjson::MemoryStream& stream) : mText(text), mStream(stream) {}
@@ -124,7 +125,7 @@ private:
     }
     bool open(Value::Kind kind) {
         add(kind);
-        mOpen.push_back(&mOpen.back()->children.back());  // stays valid: no sibling is added before close()
+        mOpen.push_back(&mOpen.back()->children.back());  // the pointer stays valid: no sibling is added before close()
         return mOpen.size() <= kMaxDepth + 1;
     }
     bool close() {
@@ -135,7 +136,7 @@ private:
 
     const std::string_view mText;
     const rapidjson::MemoryStream& mStream;
-    size_t mEnd = 0;  // of the last token
+    size_t mEnd = 0;  // end of the last token
     std::string mName;
     std::string_view mNameSource;
     Value mRoot{Value::kList, {}, {}, {}, {}, {}};  // its only child is the parsed value
@@ -337,7 +338,7 @@ private:
         }
     }
 
-    // The configuration, or the first errors in the order of the file, with their lines and columns.
+    // Returns the configuration, or the first kMaxMixFileErrors errors in the order of the file, with their positions.
     MixFileResult result() {
         if (mErrors.empty()) {
             return std::move(mConfig);

@@ -17,25 +17,25 @@
 namespace vexalive {
 
 constexpr size_t kMaxMixFile = 1 << 20;   // bytes
-constexpr size_t kMaxMixFileErrors = 20;  // further ones are omitted; a last error states their number
+constexpr size_t kMaxMixFileErrors = 20;  // further errors are omitted; the last element states their number
 
 struct MixFileError {
     size_t line = 0;      // from 1; 0: the error concerns the whole file
     size_t column = 0;    // from 1, in characters
-    std::string field;    // "mixUsersArray[2].rect.w"; empty: no field
+    std::string field;    // for example "mixUsersArray[2].rect.w"; empty: no field
     std::string message;  // "expected …, found …"; may quote the file
 };
 
-// A failed result has at least one error; the errors are in the order of the file.
+// A failed result has at least one error. The errors are in the order of the file.
 using MixFileResult = Result<kstmedia::VexaTranscodingConfigInternal, std::vector<MixFileError>>;
 
-// Accepts any bytes of any length.
+// `text` may contain any bytes and may have any length.
 MixFileResult readMix(std::string_view text) noexcept;
 
 MixFileResult readMixFile(const std::string& path) noexcept;
 
-// "FILE:LINE:COLUMN: field mixUsersArray[2].rect.w: expected …, found …". May contain control characters: use
-// printable() before it is shown.
+// Returns "FILE:LINE:COLUMN: field mixUsersArray[2].rect.w: expected …, found …". The string may contain control
+// characters: pass it through printable() before you show it.
 std::string describe(const std::string& file, const MixFileError& error);
 
 }  // namespace vexalive

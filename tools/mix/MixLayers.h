@@ -1,4 +1,4 @@
-// The inputs of a mix in the order and with the image layers in which the adapter sends them.
+// The inputs of a mix in the order in which the adapter sends them, with their image layers.
 
 #ifndef VEXALIVE_TOOLS_MIX_MIX_LAYERS_H
 #define VEXALIVE_TOOLS_MIX_MIX_LAYERS_H
@@ -17,7 +17,7 @@ struct MixLayer {
     std::string streamId;
 };
 
-// The lowest layer first. `room` is the local user's.
+// Returns the lowest layer first. `room` is the local user's room.
 std::vector<MixLayer> mixLayers(const kstmedia::VexaTranscodingConfigInternal& config, const std::string& room);
 
 }  // namespace vexalive

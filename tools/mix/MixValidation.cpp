@@ -128,7 +128,7 @@ private:
         const Area canvas{0, 0, mConfig.videoWidth, mConfig.videoHeight};
         const std::vector<MixLayer> layers = mixLayers(mConfig, "");
         std::vector<Area> higher;
-        std::vector<MixDiagnostic> found;  // the highest layer first
+        std::vector<MixDiagnostic> found;  // of the highest layer first
         for (auto layer = layers.rbegin(); layer != layers.rend(); ++layer) {
             const User& user = mConfig.mixUsersArray[layer->index];
             if (user.pureAudio) {
@@ -139,7 +139,8 @@ private:
             if (!warning.empty()) {
                 found.push_back({MixDiagnostic::kWarning, userField(layer->index, "rect"), warning, layer->index});
             }
-            // Invalid layers have no order. There are at most 17 valid ones, which bounds the work of visibleParts().
+            // Inputs with invalid layers have no order. There are at most 17 valid layers, which bounds the work of
+            // visibleParts().
             if (mHasValidLayers) {
                 higher.push_back(area);
             }
@@ -147,7 +148,7 @@ private:
         mDiagnostics.insert(mDiagnostics.end(), found.rbegin(), found.rend());
     }
 
-    // Empty if there is no warning.
+    // Returns "" if there is no warning.
     static std::string rectangleWarning(const Area& area, const Area& canvas, const std::vector<Area>& higher) {
         if (area.isEmpty()) {
             return "has no area: its size is " + std::to_string(area.width()) + " x " + std::to_string(area.height());

@@ -18,19 +18,19 @@ using User = kstmedia::VexaMixUserInternal;
 // ---- Layout ---------------------------------------------------------------------------------------------------------
 
 constexpr double kMargin = 32;
-constexpr double kGap = 28;  // between the stage and the list
+constexpr double kGap = 28;  // between the stage (the area with the canvas) and the list
 constexpr double kListWidth = 392;
 constexpr double kListX = kPreviewWidth - kMargin - kListWidth;
 constexpr double kStageWidth = kListX - kGap - kMargin;
 constexpr double kStageHeight = 620;
 constexpr double kStagePadding = 18;
 constexpr double kBottom = kPreviewMaxHeight - kMargin;
-constexpr double kBadgeHeight = 20;  // of an image layer number
-constexpr double kLineHeight = 16;   // of small type
+constexpr double kBadgeHeight = 20;  // a badge shows an image layer number
+constexpr double kLineHeight = 16;   // for small text
 constexpr double kEntryHeight = 84;
-constexpr double kMinSide = 1.5;  // of a drawn rectangle
+constexpr double kMinSide = 1.5;  // minimum width and height of a drawn rectangle
 
-constexpr size_t kMaxDrawn = 40;                     // rectangles on the canvas; the adapter accepts 17
+constexpr size_t kMaxDrawn = 40;                     // maximum number of drawn rectangles; the adapter accepts 17
 constexpr Area kFallbackCanvas = {0, 0, 1280, 720};  // drawn if the canvas has no size
 
 // ---- Colours --------------------------------------------------------------------------------------------------------
@@ -47,7 +47,7 @@ constexpr Colour kRedTint = 0xfdecee;
 constexpr Colour kAmber = 0x7a4f00;
 constexpr Colour kGreen = 0x0b6b3a;
 constexpr Colour kGreenTint = 0xe8f5ee;
-// Light enough for dark text; neighbours differ.
+// The colours are light enough for dark text, and neighbours differ clearly.
 constexpr Colour kInputColours[] = {0xa9cbe8, 0xf4dca6, 0xb3d9b8, 0xecbcc0, 0xcdc3ea, 0xf3c7a8,
                                     0xa8d8d3, 0xddcfbb, 0xd6de9f, 0xb6c5ec, 0xe3bcdc, 0xc3ccd4};
 
@@ -77,7 +77,7 @@ std::string sizeText(int32_t width, int32_t height) {
     return std::to_string(width) + kTimes + std::to_string(height);
 }
 
-// The settings of the output, then the names of those that the service chooses.
+// Describes the settings of the output, then lists the settings that are left to the service.
 std::string describeOutput(const Config& config, bool isPureAudio) {
     struct Setting {
         const char* before;
@@ -117,7 +117,7 @@ const char* streamName(const User& user) {
 
 // ---- Drawing --------------------------------------------------------------------------------------------------------
 
-// Maps an area of the canvas plane to the page.
+// Maps an area in canvas coordinates to the drawing.
 struct View {
     Area area;
     double x;
@@ -233,7 +233,7 @@ private:
             hasHatch |= paintRectangle(view, *input);
             mDrawing.close();
         }
-        std::vector<Area> covers;  // by higher layers
+        std::vector<Area> covers;  // the areas of the higher layers
         for (auto input = drawn.rbegin(); input != drawn.rend(); ++input) {
             mDrawing.open("label", about(**input));
             paintLabel(view, **input, covers);
@@ -243,7 +243,7 @@ private:
         return paintLegend(stage.bottom() + 14, hasHatch);
     }
 
-    // The canvas, and around it as much space as the inputs need: at most 30 % of its size on each side.
+    // Chooses a view of the canvas and of the inputs around it, with at most 30 % of the canvas's size on each side.
     View chooseView(double top) const {
         const int64_t sideways = std::max<int64_t>(1, mCanvas.width() * 3 / 10);
         const int64_t upright = std::max<int64_t>(1, mCanvas.height() * 3 / 10);
@@ -262,13 +262,13 @@ private:
         return {shown, kMargin + (kStageWidth - width * scale) / 2, top, scale};
     }
 
-    // Empty if the view contains no part of the input.
+    // Returns the part of the input that the view contains; may be empty.
     Area shownArea(const MixLayer& input, const View& view) const {
         const Area area = Area::of(userOf(input).rect);
         return userOf(input).pureAudio || area.isEmpty() ? Area() : intersection(area, view.area);
     }
 
-    // Returns whether a part lies outside the canvas and is hatched.
+    // Draws an input. Returns whether a part of it lies outside the canvas; that part is hatched.
     bool paintRectangle(const View& view, const MixLayer& input) {
         const bool hasError = mHasError[input.index];
         const Area area = shownArea(input, view);
@@ -284,7 +284,7 @@ private:
         return !isWithin;
     }
 
-    // Draws the label into the largest visible part; none if the image layer number does not fit.
+    // Draws the label into the largest visible part of the input. Draws nothing if the image layer number does not fit.
     void paintLabel(const View& view, const MixLayer& input, const std::vector<Area>& covers) {
         const Area area = shownArea(input, view);
         const Area onCanvas = intersection(area, mCanvas);
@@ -302,7 +302,7 @@ private:
         }
         paintBadge(box.x + inset, box.y + inset, std::to_string(input.imageLayer), badgeWidth);
         if (onCanvas.isEmpty()) {
-            return;  // a label is unreadable on the hatching
+            return;  // a label would be unreadable on the hatching
         }
         const User& user = userOf(input);
         double y = box.y + inset + 15;
@@ -462,9 +462,9 @@ private:
     const PreviewOptions& mOptions;
     const bool mIsPureAudio;
     const std::vector<MixLayer> mInputs;
-    std::vector<bool> mHasError;   // by the index in mixUsersArray
-    std::vector<Colour> mColours;  // of mInputs
-    Area mCanvas;                  // kFallbackCanvas if it has no size
+    std::vector<bool> mHasError;   // index: that of mixUsersArray
+    std::vector<Colour> mColours;  // index: that of mInputs
+    Area mCanvas;                  // kFallbackCanvas if the configured canvas has no size
     const bool mHasCanvas;
 };
 

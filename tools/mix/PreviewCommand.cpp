@@ -35,7 +35,7 @@ constexpr const char* kPreviewFooter =
     "Example:\n"
     "  vexalive preview examples/mix/two-side-by-side.json -o layout.svg\n"
     "\n"
-    "Exit status: 0 the adapter would send the mix; 1 it would refuse it, as drawn;\n"
+    "Exit status: 0 the adapter would send the mix; 1 the adapter would refuse it;\n"
     "2 usage error, FILE is invalid, or PICTURE cannot be written.";
 
 struct PreviewCommandOptions {
