@@ -6,7 +6,7 @@ export function request(path, options = {}) {
     return fetch(path, { cache: "no-store", signal: AbortSignal.timeout(requestTimeout), ...options });
 }
 
-// Returns the "message" of a JSON response; "" if there is none.
+// Returns the value of "message" in a JSON response, or "" if it has none.
 export async function readMessage(response) {
     try {
         const { message } = await response.json();
@@ -16,7 +16,7 @@ export async function readMessage(response) {
     }
 }
 
-// A response whose status is not a success.
+// The error that is thrown for a response whose HTTP status is not 2xx.
 export class ResponseError extends Error {}
 
 async function describeError(response) {
@@ -32,7 +32,7 @@ export async function getJson(path) {
     return response.json();
 }
 
-// Returns the error message; "" on success.
+// Sends a request. Returns the error message, or "" on success.
 export async function send(method, path, body) {
     try {
         const response = await request(path, {

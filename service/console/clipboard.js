@@ -1,6 +1,6 @@
 import { announce } from "./dom.js";
 
-// Returns whether the browser allowed it.
+// Returns whether the browser allowed the page to copy the text.
 export async function copyText(text) {
     try {
         await navigator.clipboard.writeText(text);

@@ -1,4 +1,4 @@
-// The console: polls the service about once a second and shows its state.
+// The console polls the service once per second and shows the service's state.
 
 import { showFaults } from "./faults.js";
 import { showMixes } from "./mixes.js";

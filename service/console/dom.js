@@ -1,4 +1,4 @@
-// Helpers for the page's elements. Strings from requests and media are set as text, never as markup.
+// Helpers for the page's elements. They set strings from requests and media as text, never as markup.
 
 export const byId = (id) => document.getElementById(id);
 
@@ -9,7 +9,7 @@ export function createElement(tag, className = "", text = "") {
     return element;
 }
 
-// Changes the element only if the text differs, so that the user's selection persists.
+// Changes the element only if the text differs. Otherwise the element would lose the user's selection.
 export function setText(element, text) {
     if (element.textContent !== text) {
         element.textContent = text;
@@ -22,13 +22,13 @@ export function setOptionalText(element, text) {
     element.hidden = text === "";
 }
 
-// The style sheet picks a sign and a colour by `state`.
+// The style sheet chooses a symbol and a colour by `state`.
 export function setState(element, state, text = state) {
     element.dataset.state = state;
     setText(element, text);
 }
 
-// Returns a copy of a template: its root, and its parts by the values of their data-part attributes.
+// Returns a copy of a template: its root element as `root`, and each part under the value of its attribute data-part.
 export function instantiateTemplate(name) {
     const root = byId(`${name}-template`).content.firstElementChild.cloneNode(true);
     const parts = { root };
@@ -38,7 +38,7 @@ export function instantiateTemplate(name) {
     return parts;
 }
 
-// Screen readers read the text aloud.
+// Makes screen readers read the text aloud.
 export function announce(text) {
     byId("announcement").textContent = text;
 }

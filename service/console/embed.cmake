@@ -1,5 +1,5 @@
-# Writes the console's files as the entries of the table in Console.cpp. This happens at configure time, so that tools
-# can read the sources without a build. A changed, new or deleted file triggers a new configuration.
+# Writes the console's files as the entries of the table in Console.cpp. It runs at configure time, so that tools that
+# read the sources need no build. A changed, new or deleted file of the console triggers a new configuration.
 set(type_html text/html)
 set(type_css text/css)
 set(type_js text/javascript)

@@ -1,4 +1,4 @@
-// The section of faults: a form for each kind that the service offers, and the list of active faults.
+// The section "Faults": a form for each kind of fault that the service offers, and the list of active faults.
 
 import { send } from "./api.js";
 import { announce, byId, createElement, instantiateTemplate, setText } from "./dom.js";
@@ -6,8 +6,8 @@ import { formatCount } from "./format.js";
 import { KeyedList } from "./keyed-list.js";
 import { polling } from "./polling.js";
 
-// How to show and read a field, by its type in the service's list of kinds. The service checks the values; an empty
-// number is sent as null, which the service refuses.
+// How to show and read a field. The key is the field's type in the service's list of kinds. The page does not check the
+// values, because the service does. An empty number is sent as null, which the service refuses.
 const fieldTypes = {
     integer: { inputType: "number", read: readNumber },
     string: { inputType: "text", read: (input) => input.value },
@@ -18,7 +18,7 @@ function readNumber(input) {
     return input.value === "" ? null : Number(input.value);
 }
 
-// A field without a default is required and initially empty.
+// A field without a default is required. It is initially empty.
 function createField({ name, type, default: value = "", minimum, maximum }) {
     const label = createElement("label", `field ${type}`);
     const input = createElement("input");
@@ -75,7 +75,8 @@ function createKind(kind) {
     return { root };
 }
 
-// The notation of the option --fault of `vexalive serve`: the value of the kind's first field follows the kind.
+// Describes a fault like the option --fault of `vexalive serve`: the value of the kind's first field follows the kind.
+// `mainField` is the name of that field.
 function describeFault(fault, mainField) {
     const { kind, interface: _interface, count: _count, [mainField]: mainValue, ...others } = fault;
     const isSet = ([name, value]) => value !== false && !(name === "delay_ms" && value === 0);

@@ -23,12 +23,12 @@ export function plural(count, noun) {
     return `${formatCount(count)} ${noun}${count === 1 ? "" : "s"}`;
 }
 
-// "12:00:00.000" of "2024-01-31T12:00:00.000Z"; any other string unchanged.
+// Returns "12:00:00.000" for "2024-01-31T12:00:00.000Z", and any other string unchanged.
 export function timeOfDay(time) {
     return /T([\d:.]+)Z$/.exec(time)?.[1] ?? String(time);
 }
 
-// A stream id is a short number and a long digest; its first and last characters identify it.
+// A stream id is a short number, "_" and a long digest. Its first and last characters are enough to recognise it.
 export function shortenId(id) {
     if (id.length <= 18) {
         return id;

@@ -1,4 +1,4 @@
-// The table of a mix's inputs, and the list of those that are audio only.
+// The table of a mix's inputs, and the list of its audio-only inputs.
 
 import { createElement, instantiateTemplate, setOptionalText, setState, setText } from "./dom.js";
 import { formatBytes, formatCount } from "./format.js";
@@ -48,7 +48,7 @@ export class Inputs {
     #audioOnly;
     #audioOnlySection;
 
-    // `parts`: inputs, audioOnly, audioOnlyList.
+    // `parts` has the elements inputs, audioOnly and audioOnlyList.
     constructor(parts) {
         this.#rows = new KeyedList(parts.inputs, createRow);
         this.#audioOnly = new KeyedList(parts.audioOnlyList, createAudioOnlyItem);

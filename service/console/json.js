@@ -1,9 +1,10 @@
-// Formats JSON for display, and marks the value at a path. Does not access the page.
+// Formats JSON for display, and marks the value at a path. Uses no element of the page.
 
-const maxDepth = 16; // the limit of the service; deeper JSON is not formatted
+const maxDepth = 16; // the service's limit; JSON that is nested deeper is not formatted
 
-// Returns a list of {text, kind, isMarked}: one value per line, numbers and strings as in the source. Returns null if
-// the text is not JSON. `markedPath` is a path such as "list[1].width"; "" marks nothing.
+// Formats JSON with one value per line; numbers and strings stay as they are in `text`. Returns a list of
+// {text, kind, isMarked}, or null if `text` is not JSON. `markedPath` is a path such as "list[1].width", or "" to mark
+// nothing.
 export function formatJson(text, markedPath = "") {
     try {
         JSON.parse(text);
@@ -26,7 +27,7 @@ export function formatJson(text, markedPath = "") {
 class Formatter {
     pieces = [];
     #open = []; // the objects and arrays that enclose the current token
-    #values = []; // {path, first, last}: the indices of each value's pieces
+    #values = []; // {path, first, last}; first and last are the indices of the value's pieces
 
     get depth() {
         return this.#open.length;
@@ -60,7 +61,7 @@ class Formatter {
         }
     }
 
-    // If there is no value at the path, marks the innermost value that should contain it.
+    // Marks the value at the path. If there is none, marks the innermost object or array that should contain it.
     mark(markedPath) {
         const contains = (path) =>
             path === "" ||
@@ -110,7 +111,7 @@ function pathOf(parent) {
     return path === "" ? parent.key : `${path}.${parent.key}`;
 }
 
-// A key as the service writes it into a path: at most 48 bytes, in ASCII.
+// Returns a key in the form that the service uses in paths: at most 48 bytes, in ASCII.
 function pathKey(key) {
     const bytes = new TextEncoder().encode(key);
     let length = Math.min(bytes.length, 48);

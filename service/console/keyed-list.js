@@ -1,7 +1,8 @@
-// Keeps the children of an element in step with a list of items. An item's element persists while its key is in the
-// list, so that focus, selection and scroll position survive updates.
+// Shows a list of items as the children of an element. While an item's key is in the list, its element is reused, so
+// that updates do not change focus, selection and scroll position.
 //
-// `create(item)` returns {root, update, dispose}; the last two are optional.
+// `create(item)` returns {root, update, dispose}: the element, and optional functions. `update(item)` is called if the
+// item has changed, `dispose()` after the element has been removed.
 export class KeyedList {
     #parent;
     #create;

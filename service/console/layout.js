@@ -1,10 +1,10 @@
-// The diagram of a mix: its canvas, and on it the boxes of the inputs that have an area.
+// The diagram of a mix: its canvas, and a box on it for each input that has an area.
 
 import { createElement, setText } from "./dom.js";
 import { KeyedList } from "./keyed-list.js";
 import { createIdButton, setId } from "./stream-id.js";
 
-// The colours that `vexalive preview` uses.
+// The same colours as those of `vexalive preview`.
 const videoColours = [
     "#a9cbe8",
     "#f4dca6",
@@ -21,14 +21,15 @@ const videoColours = [
 ];
 const audioColour = "#e1e6eb";
 
-// Returns the inputs of a mix, each with its colour, whether it appears on the canvas, and the status of its media.
+// Returns the inputs of a mix. Each input also has `colour`, `isVisible` (whether it appears on the canvas) and
+// `status` (of its media; may be null).
 export function describeInputs({ canvas, inputs, media }) {
     let videos = 0;
     return inputs.map((input, index) => {
         const isVideo = input.type === "video";
         const colour = isVideo ? videoColours[videos++ % videoColours.length] : audioColour;
         const isVisible = canvas !== null && isVideo && input.width > 0 && input.height > 0;
-        // A stream may be used by several inputs, so prefer the status at the same index.
+        // Several inputs may use the same stream. The status at the same index is therefore preferred.
         const atIndex = media?.inputs?.[index];
         const status =
             atIndex?.stream_id === input.stream_id
@@ -82,7 +83,7 @@ export class Layout {
     #parts;
     #boxes;
 
-    // `parts`: figures, canvas, layoutCaption.
+    // `parts` has the elements figures, canvas and layoutCaption.
     constructor(parts) {
         this.#parts = parts;
         this.#boxes = new KeyedList(parts.canvas, createBox);

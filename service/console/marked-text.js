@@ -1,4 +1,5 @@
-// Renders a list of {text, kind, isMarked} as a <pre>. The note follows at the end of the line where the mark begins.
+// Renders a list of {text, kind, isMarked} as a <pre> element. `note` is shown at the end of the line in which the
+// marked text begins.
 
 import { createElement } from "./dom.js";
 

@@ -1,9 +1,9 @@
-// The state and the counters of a relay's or mix's media.
+// Shows the state and the counters of the media of a relay or a mix.
 
 import { createElement, setText } from "./dom.js";
 import { formatBytes, formatCount } from "./format.js";
 
-// Returns the arguments of setState after the element.
+// Returns the arguments for setState(), without the element.
 export function mediaState({ running = true, media, hasMedia }) {
     if (!running) {
         return ["ended", "cancelled"];
@@ -14,7 +14,7 @@ export function mediaState({ running = true, media, hasMedia }) {
     return hasMedia ? ["starting"] : ["off", "accepted, without media"];
 }
 
-// Shows the counters in a <dl>, and hides it if there is no media.
+// Shows the counters in the <dl> element `list`, or hides the element if there is no media.
 export function showCounters(list, media, bytesLabel) {
     list.hidden = !media;
     if (!media) {

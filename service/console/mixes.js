@@ -1,4 +1,4 @@
-// The section of mixes: those that run, and below them those that were cancelled.
+// The section "Mixes": the running mixes, and below them the cancelled mixes.
 
 import { copyText } from "./clipboard.js";
 import { byId, createElement, instantiateTemplate, setOptionalText, setState, setText } from "./dom.js";

@@ -1,4 +1,4 @@
-// Polls the service's state. Does not poll while the tab is hidden. After errors, it waits longer before each retry.
+// Polls the service's state. Does not poll while the tab is hidden. After each error in a row, the delay is doubled.
 
 import { ResponseError, getJson } from "./api.js";
 
@@ -6,10 +6,12 @@ const interval = 1000; // milliseconds
 const maxInterval = 15000;
 
 // Events:
-//     "update"      detail: {state, faults}, the bodies of GET /state and GET /faults
-//     "connection"  after each poll and before "update"; `connection` holds the result
+//     "connection"  sent after each poll; the property `connection` holds the result
+//     "update"      sent after "connection" if the poll succeeded; its `detail` is {state, faults}, the bodies of
+//                   GET /state and GET /faults
 class Polling extends EventTarget {
-    // lastResponse: UTC time of day, "" if there was none; retryDelay: milliseconds; error: of the last response.
+    // failures: number of failed polls in a row; lastResponse: UTC time of day, or "" if there was none; retryDelay:
+    // milliseconds until the next poll; error: message of the last error response.
     connection = { isConnected: false, failures: 0, lastResponse: "", retryDelay: interval, error: "" };
     #isPolling = false;
     #timer = 0;

@@ -1,4 +1,4 @@
-// The section of relays.
+// The section "Relays".
 
 import { byId, instantiateTemplate, setOptionalText, setState, setText } from "./dom.js";
 import { plural, timeOfDay } from "./format.js";

@@ -1,21 +1,21 @@
-// Extracts what the page shows from a recorded request and its response. Does not access the page.
+// Extracts the values to show from a recorded request and its response. Uses no element of the page.
 
-const queryErrorCode = 4001; // of responses that reject the query
+const queryErrorCode = 4001; // the code of a response that refuses the query
 
-// Returns {code, message} of a response body; null for each that is missing.
+// Returns {code, message} of a response body. A missing value is null.
 export function parseResponse(body) {
     let value = null;
     try {
         value = JSON.parse(body);
     } catch {
-        // The response of an injected fault need not be JSON.
+        // An injected fault may have replaced the response by text that is not JSON.
     }
     const code = value?.code ?? value?.ErrorCode;
     const message = value?.message ?? value?.ErrorInfo;
     return { code: typeof code === "number" ? code : null, message: typeof message === "string" ? message : null };
 }
 
-// Returns which part of the request was refused: "query", "body" or "" for none.
+// Returns which part of the request was refused: "query", "body", or "" if none was refused.
 export function refusedPart({ refused_field: field, response }) {
     if (!field) {
         return "";
@@ -29,8 +29,8 @@ export function refusalReason({ refused_field: field, response }) {
     return message.startsWith(`${field}: `) ? message.slice(field.length + 2) : message;
 }
 
-// Returns the parameters of a query as a list of {text, kind, isMarked}. `refusedField` is "query" or, for one
-// parameter, "query: usersig".
+// Returns the parameters of a query as a list of {text, kind, isMarked}. `refusedField` says which parameters to mark:
+// "query" marks all, "query: usersig" marks the parameter usersig, "" marks none.
 export function formatQuery(query, refusedField = "") {
     const parameters = query.split("&");
     const refusedKey = /^query: (.*)$/s.exec(refusedField)?.[1];
@@ -43,7 +43,7 @@ export function formatQuery(query, refusedField = "") {
     }));
 }
 
-// Returns [outcome, description]; the outcome is "accepted", "refused" or "fault".
+// Returns [outcome, description]. The outcome is "accepted", "refused" or "fault".
 export function outcomeOf({ refused_field: field, fault, response, http_status: status }) {
     if (fault && fault !== "delay") {
         return ["fault", `fault: ${fault}`];

@@ -1,4 +1,4 @@
-// The section of requests that the service recorded, latest first.
+// The section "Requests": the requests that the service has recorded, latest first.
 
 import { byId, createElement, instantiateTemplate, setText } from "./dom.js";
 import { formatCount, plural, timeOfDay } from "./format.js";
@@ -7,7 +7,7 @@ import { KeyedList } from "./keyed-list.js";
 import { renderPieces, renderPlain } from "./marked-text.js";
 import { formatQuery, outcomeOf, parseResponse, refusalReason, refusedPart } from "./request-record.js";
 
-const maxRecordedBytes = 8192; // of a body; the service drops the rest
+const maxRecordedBytes = 8192; // of a body; the service does not record the rest
 
 function createPart(title, text, block) {
     const part = createElement("section");
@@ -15,7 +15,7 @@ function createPart(title, text, block) {
     return part;
 }
 
-// A truncated body is shown as plain text.
+// A truncated body is shown as plain text, because it is not valid JSON.
 function renderBody(body, isTruncated, refusedField, reason) {
     const pieces = isTruncated ? null : formatJson(body, refusedField);
     return pieces ? renderPieces(pieces, reason) : renderPlain(body, refusedField && reason);
@@ -56,7 +56,7 @@ function createRequest(request) {
 
 const requestList = new KeyedList(byId("request-list"), createRequest);
 
-// A request has no id: its content is its key. A number distinguishes requests of equal content.
+// A request has no id, so its content is its key. A number before it distinguishes requests with the same content.
 function keysOf(requests) {
     const counts = new Map();
     return requests.map((request) => {

@@ -1,4 +1,5 @@
-// The page header: the connection to the service, its media and its origin. Also the banner of a lost connection.
+// Shows the states of the service, its media and its origin in the page header, and a banner if the service does not
+// respond.
 
 import { announce, byId, setOptionalText, setState, setText } from "./dom.js";
 import { plural } from "./format.js";

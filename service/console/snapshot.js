@@ -1,13 +1,13 @@
-// The current output of a mix: fetches snapshots and draws them while they are visible to the user.
+// The current output of a mix: fetches snapshots and draws them, as long as the user can see them.
 
 import { readMessage, request } from "./api.js";
 import { setOptionalText, setText } from "./dom.js";
 import { polling } from "./polling.js";
 
-// Milliseconds from the start of one fetch to the next.
+// Milliseconds from the start of one fetch to the start of the next fetch.
 const interval = 280;
 const reducedMotionInterval = 5000;
-const retryInterval = 2000;
+const retryInterval = 2000; // after a failure
 
 const prefersReducedMotion = matchMedia("(prefers-reduced-motion: reduce)");
 
@@ -18,12 +18,12 @@ export class Snapshot {
     #isInView = false;
     #isPaused = false;
     #isFetching = false;
-    #nextFetch = 0; // on the clock of performance.now()
+    #nextFetch = 0; // time of the next fetch, as a value of performance.now()
     #timer = 0;
     #observer;
     #listeners = new AbortController();
 
-    // `parts`: screen, snapshot, noSnapshot, snapshotCaption, pause.
+    // `parts` has the elements screen, snapshot, noSnapshot, snapshotCaption and pause.
     constructor(id, parts) {
         this.#path = `/snapshot?mix=${encodeURIComponent(id)}`;
         this.#parts = parts;
@@ -65,7 +65,7 @@ export class Snapshot {
         this.#listeners.abort();
     }
 
-    // Call whenever one of the conditions may have changed.
+    // Schedules the next fetch if all conditions for it hold. Call this when one of the conditions may have changed.
     #schedule() {
         clearTimeout(this.#timer);
         const isVisible = this.#isInView && !document.hidden;
@@ -109,7 +109,7 @@ export class Snapshot {
         bitmap.close();
     }
 
-    // The last frame remains; the caption shows the reason.
+    // The last frame stays visible. The caption shows the reason of the failure.
     #showFailure(reason) {
         const { snapshot, noSnapshot, snapshotCaption } = this.#parts;
         if (this.#isRunning) {

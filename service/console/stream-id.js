@@ -1,13 +1,13 @@
-// Stream ids as buttons: shortened, in full in a tooltip on hover or focus, copied on click.
+// Shows stream ids as buttons with a shortened id. On hover or focus, a tooltip shows the full id. A click copies it.
 
 import { copyText } from "./clipboard.js";
 import { byId } from "./dom.js";
 import { shortenId } from "./format.js";
 
-const hideDelay = 250; // milliseconds, for moving the pointer from the button to the tooltip
+const hideDelay = 250; // milliseconds; time to move the pointer from the button to the tooltip
 
 const tooltip = byId("id-tooltip");
-let tooltipButton = null; // the button that the tooltip belongs to
+let tooltipButton = null; // the button whose id the tooltip shows
 let hideTimer = 0;
 
 export function createIdButton() {
@@ -42,7 +42,7 @@ function showTooltip(button) {
     placeTooltip();
 }
 
-// Below the button if there is space, otherwise above it, and always inside the window.
+// Places the tooltip below the button if there is space, otherwise above it, and always inside the window.
 function placeTooltip() {
     const anchor = tooltipButton.getBoundingClientRect();
     const { width, height } = tooltip.getBoundingClientRect();

@@ -4,7 +4,7 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { eventually } from "./Browser.mjs";
-import { open, openAllDetails, page, polled, service, text, watched } from "./Harness.mjs";
+import { open, openAllDetails, page, service, text, waitForPoll, watched } from "./Harness.mjs";
 import { busyState, requestOf } from "./Samples.mjs";
 
 const longText = "x".repeat(3000);
@@ -26,7 +26,7 @@ test("a phone scrolls the page vertically only", async () => {
     service.activeFaults = [{ kind: "code", count: 1, code: 1, message: longText }];
     await open(state, { viewport: { width: 360, height: 780 } });
     await openAllDetails();
-    await polled();
+    await waitForPoll();
     const tooWide = await page.evaluate(() => {
         const isSideways = document.documentElement.scrollWidth > document.documentElement.clientWidth;
         const wide = [...document.querySelectorAll("body *")].filter((element) => {
@@ -46,7 +46,7 @@ test("a phone scrolls the page vertically only", async () => {
     assert.ok(tip.x >= 0 && tip.x + tip.width <= 360, JSON.stringify(tip));
 });
 
-// Elements with text whose contrast with their background is below 4.5.
+// Returns the elements whose text has a contrast below 4.5 to its background.
 const poorContrasts = () =>
     page.evaluate(() => {
         const parse = (colour) => {
@@ -90,7 +90,7 @@ for (const colorScheme of ["light", "dark"]) {
         service.activeFaults = [{ kind: "empty", count: 1 }];
         await open(busyState(), { colorScheme, allowsFailures: true });
         await openAllDetails();
-        await polled();
+        await waitForPoll();
         const { poor, count, page: back } = await poorContrasts();
         assert.deepEqual(poor, []);
         assert.ok(count > 250, `${count} elements`);
@@ -103,7 +103,7 @@ for (const colorScheme of ["light", "dark"]) {
     });
 }
 
-test("keyboard and screen reader reach everything", async () => {
+test("all controls can be reached with the keyboard and are named for screen readers", async () => {
     await open(busyState(), { allowsFailures: true });
     const nameless = await page.evaluate(() =>
         [...document.querySelectorAll("button, input, select, a, summary")]

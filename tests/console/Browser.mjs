@@ -1,5 +1,5 @@
-// Chromium without a window, and a page that is watched: in every test, the console must send requests only to the
-// service, comply with its security policy and log no error.
+// Chromium without a window. The page is watched: a test fails if the console sends a request to another address than
+// the service's, violates the security policy or logs an error.
 
 import assert from "node:assert/strict";
 import { createRequire } from "node:module";
@@ -22,7 +22,7 @@ export function launch() {
     });
 }
 
-// What the browser logs about a response that is missing or an error. Tests that cause one set `allowsFailures`.
+// The browser's log message for a missing response or an error response. Tests that cause one set `allowsFailures`.
 const failedResponse = /^Failed to load resource/;
 
 export class WatchedPage {
@@ -59,12 +59,12 @@ export class WatchedPage {
         });
     }
 
-    // How often the page has fetched paths that begin like this.
+    // Returns how often the page has fetched a path that begins with `path`.
     fetchCount(path) {
         return this.page.evaluate((prefix) => window.fetches.filter((each) => each.startsWith(prefix)).length, path);
     }
 
-    // Moves the page's clock, and runs the timers that are due.
+    // Advances the page's clock, and runs the timers that become due.
     advance(milliseconds) {
         return this.page.clock.runFor(milliseconds);
     }
@@ -85,7 +85,7 @@ function recordFetches() {
     };
 }
 
-// Waits until `read` returns what is expected; fails with the difference if it never does.
+// Waits until `read` returns `expected`. Fails with the difference if it does not within the given time.
 export async function eventually(read, expected, milliseconds = 8000) {
     const deadline = Date.now() + milliseconds;
     for (;;) {

@@ -1,13 +1,13 @@
-// The head of the page, polling, and a service that is not there.
+// The page header, polling, and a service that does not respond.
 
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { eventually } from "./Browser.mjs";
-import { open, openWith, page, pauseClock, polled, service, text, texts, watched } from "./Harness.mjs";
+import { open, openWith, page, pauseClock, service, text, texts, waitForPoll, watched } from "./Harness.mjs";
 import { busyState, emptyState, relayOf, streamId } from "./Samples.mjs";
 
-test("the head shows the state of media and origin", async () => {
+test("the header shows the state of media and origin", async () => {
     const state = busyState();
     state.service.origin = {
         address: "rtmp://127.0.0.1:4935",
@@ -23,7 +23,7 @@ test("the head shows the state of media and origin", async () => {
     assert.equal(await page.locator(".empty:visible").count(), 0);
 });
 
-test("the head of a service without media says so, and empty sections suggest a command", async () => {
+test("without media, the header says so; empty sections suggest a command", async () => {
     await open(emptyState());
     assert.match(await text("#media-state"), /^off/);
     assert.equal(await text("#origin-state"), "none");
@@ -34,7 +34,7 @@ test("the head of a service without media says so, and empty sections suggest a 
     }
 });
 
-test("a lost service is reported, polled less often, and found again", async () => {
+test("a service that does not respond is reported and polled less often until it responds", async () => {
     await openWith({ relays: [relayOf("alice")] }, { allowsFailures: true });
     const banner = page.locator("#connection-lost");
     assert.ok(await banner.isHidden());
@@ -69,21 +69,21 @@ test("a lost service is reported, polled less often, and found again", async () 
     await banner.waitFor({ state: "hidden" });
     assert.equal(await text("#announcement"), "The service responds again.");
     await eventually(() => texts(".relay .stream-id"), [streamId("bob")]);
-    await polled(); // after a second each, as before
+    await waitForPoll(); // at intervals of 1 s again
 });
 
 test("an error response is reported with its status and message", async () => {
     await open(emptyState(), { allowsFailures: true });
     service.stateError = "overloaded";
-    await polled();
+    await waitForPoll();
     await eventually(() => page.locator("#connection-lost").isVisible(), true);
     assert.match(await text("#connection-detail"), /^Last error: HTTP 503: overloaded\. Last response at/);
 });
 
-test("the page polls once a second", async () => {
+test("the page polls once per second", async () => {
     await open(emptyState());
     await pauseClock();
-    await polled();
+    await waitForPoll();
     for (let second = 1; second <= 3; ++second) {
         service.state.relays = [relayOf(second)];
         const earlier = await watched.fetchCount("/state");

@@ -1,10 +1,10 @@
-// The section of faults.
+// The section "Faults".
 
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { eventually } from "./Browser.mjs";
-import { open, page, polled, service, text, texts } from "./Harness.mjs";
+import { open, page, service, text, texts, waitForPoll } from "./Harness.mjs";
 import { emptyState, faultKinds } from "./Samples.mjs";
 
 const add = (kind) => page.getByRole("button", { name: `Add fault: ${kind}`, exact: true }).click();
@@ -31,7 +31,7 @@ test("there is a form for each kind that the service lists, with its defaults", 
         ...Object.fromEntries(fields.map(({ name, default: value = 250 }) => [name, value])),
     }));
     await eventually(async () => posted(), expected);
-    await polled();
+    await waitForPoll();
     await eventually(() => page.locator("#active-faults li").count(), faultKinds.length);
 });
 
@@ -44,7 +44,7 @@ test("a fault has the interface, the count and the values that the user chose", 
     await formOf("code").getByLabel("error_code_keys").check();
     await add("code");
     await page.getByLabel("until cleared").check();
-    await add("delay"); // without the value that it requires
+    await add("delay"); // its required field "delay_ms" is empty
     const scope = { interface: "set_live_mix_transcoding" };
     await eventually(
         async () => posted(),
@@ -70,7 +70,7 @@ test("active faults are listed, and one button clears them", async () => {
     ]);
     assert.ok(await page.locator("#faults-empty").isHidden());
     service.activeFaults.shift();
-    await polled();
+    await waitForPoll();
     await eventually(() => page.locator("#active-faults li").count(), 2);
     await clear.click();
     await eventually(() => page.locator("#active-faults li").count(), 0);

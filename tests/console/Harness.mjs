@@ -1,4 +1,5 @@
-// What the suites of the console share: importing it starts a browser, and a mock service for each test.
+// The set-up that the suites of the console share. Importing this module starts a browser, and before each test a mock
+// service.
 
 import { after, afterEach, beforeEach } from "node:test";
 
@@ -27,7 +28,7 @@ afterEach(async () => {
     }
 });
 
-// Returns a JPEG of rectangles: [colour, left, top], each of the whole size.
+// Returns a JPEG image of rectangles. Each is [colour, left, top] and has the size of the image.
 export async function paintJpeg(rectangles) {
     const painter = await browser.newPage({ viewport: { width: 160, height: 90 } });
     const elements = rectangles.map(
@@ -41,7 +42,7 @@ export async function paintJpeg(rectangles) {
     return jpeg;
 }
 
-// Opens the console; the service has media, and `parts` of the state.
+// Opens the console. The service runs with media, and its state has the given `parts`.
 export function openWith(parts, options) {
     return open({ ...emptyState(), service: busyState().service, ...parts }, options);
 }
@@ -53,8 +54,8 @@ export async function open(state, options) {
     await eventually(() => text("#service-state"), "connected");
 }
 
-// Waits for two polls: then the page shows what the service sends now.
-export async function polled() {
+// Waits for two polls of the page. After that, the page shows the current state of the service.
+export async function waitForPoll() {
     const target = service.count("/faults") + 2;
     await eventually(async () => {
         await watched.advance(1000);
@@ -62,7 +63,7 @@ export async function polled() {
     }, true);
 }
 
-// From now on, only advance() moves the page's clock.
+// Stops the page's clock. After that, only advance() advances it.
 export function pauseClock() {
     return page.clock.pauseAt(Date.now() + 60000);
 }

@@ -1,9 +1,9 @@
-// Strings from requests and media that try to become part of the page.
+// Strings from requests and media that attack the page.
 
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
-import { open, openAllDetails, page, polled, service, text } from "./Harness.mjs";
+import { open, openAllDetails, page, service, text, waitForPoll } from "./Harness.mjs";
 import { audio, mediaOf, mixOf, relayOf, requestOf, video } from "./Samples.mjs";
 
 // Markup, a template expression and a change of text direction.
@@ -68,7 +68,7 @@ test("external strings appear as text, never as markup", async () => {
         ],
     });
     await openAllDetails();
-    await polled();
+    await waitForPoll();
     await page.locator(".box .id-button").first().hover();
     assert.equal(await page.locator("img, body script, [onerror]").count(), 0);
     for (const selector of [

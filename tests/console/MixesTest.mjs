@@ -1,10 +1,10 @@
-// The section of mixes.
+// The section "Mixes".
 
 import assert from "node:assert/strict";
 import { describe, test } from "node:test";
 
 import { eventually } from "./Browser.mjs";
-import { openWith, page, polled, service, text, texts } from "./Harness.mjs";
+import { openWith, page, service, text, texts, waitForPoll } from "./Harness.mjs";
 import { audio, mediaOf, mixOf, streamId, timeAt, video } from "./Samples.mjs";
 
 const overlapping = [video("alice", 2, 0, 0, 640, 720), video("bob", 3, 320, 180, 960, 360), audio("carol", 4)];
@@ -25,7 +25,7 @@ function boxAt(x, y) {
 }
 
 describe("the layout", () => {
-    test("is to scale, with the higher layer on top", async () => {
+    test("has the proportions of the canvas, with the higher layer on top", async () => {
         await openMix(overlapping);
         const { ratio, boxes, colour } = await page.locator(".mix .canvas").evaluate((canvas) => {
             const whole = canvas.getBoundingClientRect();
@@ -53,7 +53,7 @@ describe("the layout", () => {
         assert.equal(colour, "rgb(32, 48, 64)");
     });
 
-    test("stacks by layer, not by the order of the list", async () => {
+    test("stacks inputs by layer, not by their order in the list", async () => {
         await openMix([video("alice", 9, 0, 0, 1280, 720), video("bob", 2, 0, 0, 1280, 720)]);
         assert.equal(await boxAt(0.5, 0.5), "9");
     });
@@ -83,7 +83,7 @@ describe("the layout", () => {
         await openWith({ mixes: [mixOf("talk", [audio("alice", 1), audio("bob", 2)], { canvas: null })] });
         assert.ok(await page.locator(".figures").isHidden());
         assert.equal(await page.locator(".audio-only-input").count(), 2);
-        await polled();
+        await waitForPoll();
         assert.equal(service.count("/snapshot"), 0);
     });
 });
@@ -113,7 +113,7 @@ describe("a stream id", () => {
         assert.ok(await tooltip.isHidden());
     });
 
-    test("and the address to play can be copied", async () => {
+    test("can be copied, like the address to play", async () => {
         await openMix(overlapping, {}, { permissions: ["clipboard-read", "clipboard-write"] });
         const clipboard = () => page.evaluate(() => navigator.clipboard.readText());
         const address = `rtmp://127.0.0.1:1935/mix/${streamId("room")}`;
@@ -126,7 +126,7 @@ describe("a stream id", () => {
 });
 
 describe("a mix", () => {
-    test("shows state, error, counters, each input's state and the output parameters", async () => {
+    test("shows its state, error, counters and output parameters, and the state of each input", async () => {
         const inputs = [video("alice", 2, 0, 0, 640, 720), audio("bob", 3)];
         const media = mediaOf(inputs, {
             state: "reconnecting",
@@ -181,25 +181,25 @@ describe("a mix", () => {
                 .evaluate((id) => getComputedStyle(id).color);
         const runningColour = await colourOf();
         service.state.mixes[0] = mixOf("aaa", overlapping, ended);
-        await polled();
+        await waitForPoll();
         await eventually(() => texts(".mix > summary .state"), ["running", "cancelled"]);
         assert.deepEqual(await texts(".mix > summary .stream-id"), [streamId("room"), streamId("aaa")]);
         const mix = page.locator("#ended-mix-list .mix");
         assert.equal(await mix.evaluate((element) => element.open), false);
         assert.notEqual(await colourOf(), runningColour);
         await mix.locator("> summary").click();
-        await polled();
+        await waitForPoll();
         assert.equal(await mix.evaluate((element) => element.open), true);
     });
 
-    test("is updated in place, and the focus remains", async () => {
+    test("is updated in place and keeps the focus", async () => {
         await openMix(overlapping);
         const box = page.locator(".box").first();
         await box.locator(".id-button").focus();
         await box.evaluate((element) => (element.isTheSame = true));
         const moved = [video("alice", 2, 640, 360, 640, 360), video("dora", 3, 0, 0, 640, 360)];
         service.state.mixes = [mixOf("room", moved, { media: mediaOf(moved, { state: "running", frames: 7777 }) })];
-        await polled();
+        await waitForPoll();
         await eventually(() => texts(".inputs [data-part=area]"), ["640 × 360 at 640, 360", "640 × 360 at 0, 0"]);
         assert.equal(await box.evaluate((element) => element.style.left), "50%");
         assert.equal((await texts(".mix > .counters dd"))[1], "7,777");

@@ -1,4 +1,4 @@
-// Serves the console's own files, and responses that a test sets.
+// A service that serves the files of the console, and responses that a test chooses.
 
 import { readFile } from "node:fs/promises";
 import { createServer } from "node:http";
@@ -12,12 +12,12 @@ const contentTypes = { ".html": "text/html", ".css": "text/css", ".js": "text/ja
 
 export class MockService {
     state = emptyState();
-    stateError = ""; // GET /state fails with this message
+    stateError = ""; // if not "", GET /state fails with this message
     activeFaults = [];
-    faultError = ""; // the service refuses faults with this message
-    snapshot = null; // a JPEG; null: there is none
-    snapshotGate = Promise.resolve(); // snapshots are sent when it has resolved
-    requests = []; // [method, path with query, body] of all but files
+    faultError = ""; // if not "", POST /faults fails with this message
+    snapshot = null; // the JPEG image of GET /snapshot; null: GET /snapshot fails
+    snapshotGate = Promise.resolve(); // snapshots are sent after this promise has resolved
+    requests = []; // [method, path with query, body] of all requests, except those for files
     snapshotsInFlight = 0;
     maxSnapshotsInFlight = 0;
     #server = null;
@@ -31,7 +31,7 @@ export class MockService {
         return this.requests.filter(([, requested]) => requested.startsWith(path)).length;
     }
 
-    // After stop(), listens at the same address again.
+    // A service that is started again after stop() listens at the same address.
     start() {
         this.#server = createServer((request, response) => this.#handle(request, response));
         return new Promise((resolve) => {

@@ -1,4 +1,4 @@
-// All suites that need no service, in one browser. Each suite can also run alone.
+// Runs all suites that use the mock service in one browser. Each suite can also be run alone.
 
 import "./AppearanceTest.mjs";
 import "./ConnectionTest.mjs";

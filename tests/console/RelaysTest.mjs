@@ -1,13 +1,13 @@
-// The section of relays.
+// The section "Relays".
 
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { eventually } from "./Browser.mjs";
-import { openWith, page, polled, service, text, texts } from "./Harness.mjs";
+import { openWith, page, service, text, texts, waitForPoll } from "./Harness.mjs";
 import { mediaOf, relayOf, streamId } from "./Samples.mjs";
 
-test("a relay shows source, destination, state, error and counters, until it is removed", async () => {
+test("a relay is shown with its source, destination, state, error and counters until it is removed", async () => {
     const media = mediaOf([], {
         state: "reconnecting",
         error: "the destination refused",
@@ -27,7 +27,7 @@ test("a relay shows source, destination, state, error and counters, until it is 
     assert.deepEqual(await card.locator("dd").allTextContents(), [...addresses, "12 B", "3", "4", "5", "6"]);
     assert.ok(await page.locator(".relay").first().locator(".problem").isHidden());
     service.state.relays = [relayOf("bob")];
-    await polled();
+    await waitForPoll();
     await eventually(() => texts(".relay .stream-id"), [streamId("bob")]);
     assert.equal(await text(".relay .state"), "running");
 });

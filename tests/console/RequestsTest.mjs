@@ -1,10 +1,10 @@
-// The section of requests.
+// The section "Requests".
 
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { eventually } from "./Browser.mjs";
-import { openDetails, openWith, page, polled, service, texts } from "./Harness.mjs";
+import { openDetails, openWith, page, service, texts, waitForPoll } from "./Harness.mjs";
 import { refusedOf, relayBody, requestOf, timeAt } from "./Samples.mjs";
 
 const request = (index) => page.locator(".request").nth(index);
@@ -84,7 +84,7 @@ test("a body that is truncated, not JSON, too deep or empty is shown unformatted
     assert.deepEqual(await request(0).locator(".content .secondary").allTextContents(), ["empty", "empty"]);
 });
 
-// Returns the marked text of a request, and its note.
+// Returns the marked text in the details of a request, and the note at the mark.
 async function markOf(details) {
     await openDetails(details);
     const marked = (await details.locator("mark").allTextContents()).join("");
@@ -154,7 +154,7 @@ const marked = {
     ],
     "the whole query": [["query", "found something else as parameter 1", 4001, { query: "***" }], "?***"],
 };
-test("a refused request has its field marked, with the reason", async () => {
+test("in a refused request, the refused field is marked and the reason is shown", async () => {
     await openWith({ requests: Object.values(marked).map(([refused], index) => refusedOf(index, ...refused)) });
     const names = Object.keys(marked);
     for (const [index, name] of names.entries()) {
@@ -163,7 +163,7 @@ test("a refused request has its field marked, with the reason", async () => {
     }
 });
 
-test("up to 200 requests persist while new ones arrive, and the page does not scroll", async () => {
+test("up to 200 requests keep their elements while new requests arrive, and the page does not scroll", async () => {
     const all = Array.from({ length: 230 }, (_, index) =>
         requestOf(index, { body: relayBody({ timestamp: index }) }),
     );
@@ -178,7 +178,7 @@ test("up to 200 requests persist while new ones arrive, and the page does not sc
     const top = await topOf();
     for (const end of [201, 215, 230]) {
         service.state.requests = all.slice(end - 200, end);
-        await polled();
+        await waitForPoll();
         await eventually(async () => (await texts(".request time"))[0], timeAt(end - 1).slice(11, 23));
         assert.ok(Math.abs((await topOf()) - top) <= 1, `was at ${top}, is at ${await topOf()}`);
         assert.equal(await page.locator(".request").count(), 200);
@@ -192,7 +192,7 @@ test("up to 200 requests persist while new ones arrive, and the page does not sc
     assert.deepEqual(await page.locator(".request[open]").count(), 1);
 });
 
-test("requests of equal content are all shown", async () => {
+test("requests with the same content are all shown", async () => {
     await openWith({ requests: [requestOf(0), requestOf(0), requestOf(0)] });
     assert.equal(await page.locator(".request").count(), 3);
 });

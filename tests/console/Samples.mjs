@@ -1,8 +1,8 @@
-// States of the service, for MockService.
+// Sample states of the service, for MockService.
 
 import { createHash } from "node:crypto";
 
-// As GET /faults lists them.
+// The kinds of faults, in the form that GET /faults returns.
 export const faultKinds = [
     { kind: "delay", fields: [["delay_ms", "integer", undefined, 1, 600000]] },
     { kind: "status", fields: [["status", "integer", 503, 200, 599]] },
@@ -106,7 +106,7 @@ export function relayBody(change = {}) {
     };
 }
 
-// `change.body` may be a string or a value.
+// `change.body` is a string, or a value that is converted to JSON.
 export function requestOf(second, change = {}) {
     const body = typeof change.body === "string" ? change.body : JSON.stringify(change.body ?? relayBody());
     return {
@@ -131,7 +131,8 @@ export function refusedOf(second, field, reason, code, change = {}) {
     });
 }
 
-// A mix of four, one of audio only, one that was cancelled; two relays; some requests.
+// A state with three mixes (one with five inputs, one with audio only, one that was cancelled), two relays and some
+// requests.
 export function busyState() {
     const four = [
         video("alice", 2, 0, 0, 640, 360),

@@ -1,4 +1,4 @@
-// The console as `vexalive serve` serves it, with real requests and real faults.
+// The console that `vexalive serve` serves, with real requests and real faults.
 
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
@@ -19,7 +19,7 @@ let folder, tool, service, browser, watched, page;
 before(async () => {
     folder = await mkdtemp(join(tmpdir(), "vexalive-console-"));
     const toolArguments = ["serve", "--state-dir", folder, "--push-domain", "livepush.vexa.example", "--json"];
-    // `timeout` ends the service even if this test is killed.
+    // The command `timeout` ends the service even if this test is killed.
     tool = spawn("timeout", ["300", process.env.VEXALIVE_TOOL, ...toolArguments], {
         stdio: ["ignore", "pipe", "inherit"],
     });
@@ -79,7 +79,7 @@ async function openLatest() {
 const activeFaults = () => texts("#active-faults li");
 const addButton = (kind) => page.getByRole("button", { name: `Add fault: ${kind}`, exact: true });
 
-test("an accepted and a refused request appear, the refused one with its field marked", async () => {
+test("an accepted and a refused request appear; the refused field is marked", async () => {
     assert.deepEqual(await send(relayBody()), [200, '{"code":0,"message":"ok"}']);
     await eventually(() => texts(".request .outcome"), ["accepted"]);
     await eventually(() => texts(".relay .stream-id"), [streamId("alice")]);
@@ -121,7 +121,7 @@ test("a refused query and a missing nested field of a mix are marked", async () 
     assert.deepEqual(await texts(".mix .history strong"), ["start"]);
 });
 
-test("the next request meets a fault that was added in the page", async () => {
+test("a fault that was added in the page applies to the next request", async () => {
     await page.getByLabel("Interface").selectOption("add_relay_stream_url");
     await page.getByLabel("Count", { exact: true }).fill("2");
     await page.locator("[data-kind=status]").getByLabel("status", { exact: true }).fill("502");
@@ -135,7 +135,7 @@ test("the next request meets a fault that was added in the page", async () => {
     assert.equal((await send(relayBody()))[0], 200);
 });
 
-test("the service accepts every kind as the page sends it", async () => {
+test("the service accepts each kind of fault that the page sends", async () => {
     await page.locator(".kinds li").first().waitFor();
     const kinds = await texts(".kinds code");
     assert.ok(kinds.length >= 8, `${kinds}`);

@@ -4,7 +4,18 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { eventually } from "./Browser.mjs";
-import { colours, open, openWith, page, paintJpeg, pauseClock, polled, service, text, watched } from "./Harness.mjs";
+import {
+    colours,
+    open,
+    openWith,
+    page,
+    paintJpeg,
+    pauseClock,
+    service,
+    text,
+    waitForPoll,
+    watched,
+} from "./Harness.mjs";
 import { emptyState, mixOf, streamId, video } from "./Samples.mjs";
 
 const jpegs = { red: await paintJpeg([["red", "0", "0"]]), green: await paintJpeg([["green", "0", "0"]]) };
@@ -13,7 +24,7 @@ const mix = (change) => mixOf("room", [video("alice", 2, 0, 0, 1280, 720)], chan
 const snapshot = () => page.locator(".mix canvas").first();
 const fetchCount = () => watched.fetchCount("/snapshot");
 
-// The names of the colours at points of the snapshot; [x, y] from 0 to 1.
+// Returns the names of the colours at points of the snapshot. A point is [x, y], each from 0 to 1.
 async function coloursAt(...points) {
     const pixels = await snapshot().evaluate((canvas, at) => {
         const copy = new OffscreenCanvas(canvas.width, canvas.height).getContext("2d", { willReadFrequently: true });
@@ -29,7 +40,7 @@ async function shows(colour) {
     await eventually(() => coloursAt([0.5, 0.5]), [colour]);
 }
 
-// On the page's clock, in steps of 10 ms; at most a second.
+// Returns the time until the next fetch, on the page's clock, in steps of 10 ms; at most 1 s.
 async function timeToNextFetch() {
     const earlier = await fetchCount();
     let time = 0;
@@ -47,7 +58,7 @@ function holdSnapshots() {
     return release;
 }
 
-test("they show the output, and follow it", async () => {
+test("the page shows the output and its changes", async () => {
     service.snapshot = await paintJpeg([
         ["red", "0", "0"],
         ["green", "50%", "0"],
@@ -69,7 +80,7 @@ test("they show the output, and follow it", async () => {
     await eventually(() => coloursAt(...corners), Array(4).fill("green"));
 });
 
-test("the page fetches three or four a second", async () => {
+test("the page fetches three or four snapshots per second", async () => {
     service.snapshot = jpegs.red;
     await openWith({ mixes: [mix()] });
     await shows("red");
@@ -83,14 +94,14 @@ test("the page fetches three or four a second", async () => {
     intervals.slice(1).forEach((time) => assert.ok(time >= 250 && time <= 340, `${intervals} ms`));
 });
 
-test("the page fetches one at a time", async () => {
+test("the page fetches one snapshot at a time", async () => {
     await openWith({ mixes: [mix()] });
     await shows("grey");
     const release = holdSnapshots();
     await watched.advance(300);
     await eventually(() => service.snapshotsInFlight, 1);
     await watched.advance(6000);
-    await polled();
+    await waitForPoll();
     assert.equal(service.maxSnapshotsInFlight, 1);
     release();
     service.snapshot = jpegs.red;
@@ -98,7 +109,7 @@ test("the page fetches one at a time", async () => {
     await shows("red");
 });
 
-test("the page does not fetch what the user cannot see", async () => {
+test("the page does not fetch snapshots that the user cannot see", async () => {
     await openWith({ mixes: [mix()] });
     const countsDuring = async (milliseconds) => {
         const earlier = await fetchCount();
@@ -131,12 +142,12 @@ test("the page does not fetch what the user cannot see", async () => {
     await pauseButton.click();
     await isFetching();
     service.state.mixes = [mix({ running: false, media: null })];
-    await polled();
+    await waitForPoll();
     await eventually(() => text(".mix > summary .state"), "cancelled");
     await isIdle();
 });
 
-test("the page shows the service's message if there is none", async () => {
+test("if there is no snapshot, the page shows the service's message", async () => {
     service.snapshot = null;
     await openWith({ mixes: [mix()] }, { allowsFailures: true });
     await eventually(() => text(".no-snapshot"), "No frame: the mix has no frame yet");
@@ -146,16 +157,16 @@ test("the page shows the service's message if there is none", async () => {
     assert.ok(await page.locator(".no-snapshot").isHidden());
 });
 
-test("the page fetches none from a service without media", async () => {
+test("the page fetches no snapshots from a service without media", async () => {
     await open({ ...emptyState(), mixes: [mix({ media: null, play: undefined })] });
     assert.equal(await text(".no-snapshot"), "No frame: the service runs without media");
     assert.equal(await text(".mix > summary .state"), "accepted, without media");
     assert.ok(await page.locator(".play").isHidden());
-    await polled();
+    await waitForPoll();
     assert.equal(service.count("/snapshot"), 0);
 });
 
-test("the page fetches few if the user prefers reduced motion", async () => {
+test("the page fetches fewer snapshots if the user prefers reduced motion", async () => {
     service.snapshot = jpegs.red;
     await openWith({ mixes: [mix()] }, { reducedMotion: "reduce" });
     await shows("red");

@@ -1,4 +1,4 @@
-# Installs the npm packages of package-lock.json into MODULES, unless they are there already.
+# Installs the npm packages of package-lock.json into the folder MODULES, unless they are installed already.
 file(SHA256 ${SOURCE}/package-lock.json wanted)
 if(EXISTS ${MODULES}/installed)
   file(READ ${MODULES}/installed installed)
