@@ -1,4 +1,5 @@
-// The request of the adapter made by libcurl alone, with the same checks: the lower bound of its cost.
+// Sends the adapter's request with libcurl alone, with the same checks of certificate and response. Its cost is a lower
+// bound for the cost of the adapter.
 
 #ifndef VEXALIVE_BENCH_BARE_CURL_H
 #define VEXALIVE_BENCH_BARE_CURL_H
@@ -14,10 +15,10 @@
 
 namespace bench {
 
-// The port of the service that the environment variable VEXALIVE_SERVICE_HOST names.
+// The port in the environment variable VEXALIVE_SERVICE_HOST.
 int servicePort();
 
-// One request at a time on one easy handle; blocks the caller.
+// Sends one request at a time on one easy handle. perform() blocks until the response has arrived.
 class BareEasy {
 public:
     BareEasy();
@@ -37,7 +38,8 @@ private:
     CURL* mHandle;
 };
 
-// Concurrent requests on one multi handle with its own thread; does not block the caller. Reuses handles.
+// Sends concurrent requests on one multi handle, which has its own thread. send() does not block. Easy handles are
+// reused.
 class BareMulti {
 public:
     BareMulti();

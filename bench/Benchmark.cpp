@@ -25,7 +25,7 @@ rusage usage() {
     return used;
 }
 
-// /proc/self/status reports KiB.
+// Reads a value of /proc/self/status, which is in KiB.
 double statusBytes(const std::string& name) {
     std::ifstream status("/proc/self/status");
     for (std::string word; status >> word;) {

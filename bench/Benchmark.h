@@ -1,6 +1,6 @@
-// Shared by all benchmark programs. A program contains the contenders of one row of the table. It runs one contender
-// per process, for example `bench_loop vexalive`, and prints one line per figure: its name, a tab, its value.
-// bench/run.py alternates the contenders and compares their figures.
+// All benchmark programs share this file. A program contains the contenders (vexalive and its references) of one row of
+// bench/rows.py. A process runs one contender, for example `bench_loop vexalive`, and prints one line per figure: the
+// figure's name, a tab, the value. bench/run.py alternates the contenders and compares their figures.
 
 #ifndef VEXALIVE_BENCH_BENCHMARK_H
 #define VEXALIVE_BENCH_BENCHMARK_H
@@ -20,29 +20,29 @@ struct Contender {
     void (*run)();
 };
 
-// Runs the contender named by the first argument. Returns the exit status: 2 if the name is unknown.
+// Runs the contender whose name is the first argument. Returns the exit status: 0, or 2 if the name is unknown.
 int runContender(int argc, char** argv, std::initializer_list<Contender> contenders);
 
 void print(const char* figure, double value);
 
-// The percentile `share` (0 to 1). Sorts the values.
+// Returns a percentile of the values; `share` is from 0 to 1, for example 0.99. Sorts `values`.
 double percentile(std::vector<double>& values, double share);
 
-// Seconds on std::chrono::steady_clock.
+// The time of std::chrono::steady_clock in seconds.
 double seconds();
 
-// User and system time of this process, all threads.
+// The user and system time of all threads of this process, in seconds.
 double cpuSeconds();
 
-// Resident memory now, resident memory without file pages, and the peak of the resident memory.
+// The resident memory of this process: the current value, the current value without file pages, and the peak.
 double residentBytes();
 double anonymousBytes();
 double peakResidentBytes();
 
-// Current number of threads of this process.
+// The current number of threads of this process.
 int threads();
 
-// Pins the calling thread to its current processor until destruction. Threads started meanwhile stay pinned.
+// Pins the calling thread to its current processor until destruction. Threads that it starts meanwhile stay pinned.
 class PinnedToOneProcessor {
 public:
     PinnedToOneProcessor();
@@ -54,8 +54,8 @@ private:
     cpu_set_t mBefore{};
 };
 
-// As above, and keeps the processor busy. A wake-up is then a context switch only. Without it, the cost includes an
-// interrupt between virtual processors or the end of a halt, which depends on the host of the virtual machine.
+// Like PinnedToOneProcessor, and keeps that processor busy, so that a wake-up costs a context switch only. The wake-up
+// of an idle or another processor also costs an interrupt, and its cost depends on the host of the virtual machine.
 class BusyProcessor {
 public:
     BusyProcessor();
@@ -66,10 +66,10 @@ public:
 private:
     PinnedToOneProcessor mOne;
     std::atomic<bool> mEnded{false};
-    std::thread mFiller;  // SCHED_IDLE: runs only when no other thread is ready
+    std::thread mFiller;  // a busy loop; with SCHED_IDLE, it runs only when no other thread is ready
 };
 
-// Number of established connections to that port of 127.0.0.1.
+// The number of established connections to `port` of 127.0.0.1.
 int connectionsTo(int port);
 
 }  // namespace bench

@@ -1,4 +1,4 @@
-// A room member that uses the adapter under test, with a listener that signals each successful start.
+// A room member that uses the adapter under test. Its listener signals each successful start.
 
 #ifndef VEXALIVE_BENCH_MEMBER_H
 #define VEXALIVE_BENCH_MEMBER_H
@@ -16,7 +16,7 @@ void silenceLogsAndReports();
 
 class Member {
 public:
-    // Each successful start notifies `done`, or a signal of the member itself if `done` is null.
+    // Each successful start notifies `done`. If `done` is null, it notifies a signal for waitForOutcome().
     explicit Member(const std::string& userId, Signal* done = nullptr);
 
     void start();

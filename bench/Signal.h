@@ -1,4 +1,4 @@
-// A counting signal between two threads.
+// A counting signal from one thread to another.
 
 #ifndef VEXALIVE_BENCH_SIGNAL_H
 #define VEXALIVE_BENCH_SIGNAL_H

@@ -1,5 +1,6 @@
-// The strings that are built for each request: the body and the description of a mix of 1 to 16 users, and a stream id.
-// Handwritten: the same strings, written directly with nlohmann-json and OpenSSL, the libraries of the platform.
+// Measures the strings that are built for each request: the body and the description of a mix of 1 to 16 users, and a
+// stream id. The reference "handwritten" builds the same strings directly with nlohmann-json and OpenSSL, which are
+// also the libraries of the platform.
 
 #include <openssl/evp.h>
 
@@ -197,8 +198,8 @@ private:
 
 // ---- The measurements -----------------------------------------------------------------------------------------------
 
-// Without the two numbers that differ from call to call.
-std::string blanked(std::string text) {
+// Removes the two numbers that differ from call to call.
+std::string withoutVaryingNumbers(std::string text) {
     for (const std::string key : {"\"timestamp\":", "\"event_id\":"}) {
         const size_t at = text.find(key);
         if (at != std::string::npos) {
@@ -210,7 +211,7 @@ std::string blanked(std::string text) {
 }
 
 void requireEqual(const std::string& byAdapter, const std::string& handwritten) {
-    if (blanked(byAdapter) != blanked(handwritten)) {
+    if (withoutVaryingNumbers(byAdapter) != withoutVaryingNumbers(handwritten)) {
         std::fprintf(stderr, "the strings differ:\n%s\n%s\n", byAdapter.c_str(), handwritten.c_str());
         std::exit(1);
     }
@@ -231,7 +232,7 @@ double microsecondsOf(Make make) {
     for (int i = 0; i < kBatches; ++i) {
         batches.push_back(secondsOf(times) * 1e6 / times);
     }
-    return bench::percentile(batches, 0.1);  // as if nothing else ran on the machine
+    return bench::percentile(batches, 0.1);  // the 10th percentile: batches that other processes did not delay
 }
 
 template <class Maker>

@@ -1,5 +1,5 @@
-// A process that makes one relay start and exits after its response. bench/run.py measures the process from outside and
-// compares it with `curl` and the same request.
+// Sends one relay start and exits after the response. bench/run.py measures the whole process and compares it with the
+// program `curl`, which sends the same request.
 
 #include "Benchmark.h"
 #include "Member.h"

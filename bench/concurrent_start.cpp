@@ -1,5 +1,5 @@
-// Starts a relay on 1,000 adapters at the same time and waits for the last listener call. The reference is 1,000
-// prepared easy handles in one libcurl multi handle on one thread. Neither has a connection at the start.
+// Starts a relay on 1,000 adapters at the same time and waits for the last listener call. The reference sends the same
+// requests with 1,000 prepared easy handles in one libcurl multi handle on one thread. No connection is open before.
 
 #include <chrono>
 #include <memory>
@@ -14,9 +14,9 @@
 namespace {
 
 constexpr int kAdapters = 1000;
-constexpr std::chrono::milliseconds kSettling(300);  // the workers become idle
+constexpr std::chrono::milliseconds kSettling(300);  // time for the workers to become idle
 
-// Runs `prepare`, then measures `start`, which returns after the last response.
+// Runs `prepare`, then measures `start`. `start` must return after the last response.
 template <class Prepare, class Start>
 void measure(Prepare prepare, Start start) {
     const double resident = bench::residentBytes();

@@ -1,4 +1,4 @@
-// The memory and the time that an unused adapter costs, and the number of its threads and descriptors.
+// Measures an unused adapter: its memory, the time to construct and destroy it, and its threads and descriptors.
 
 #include <malloc.h>
 
@@ -29,7 +29,7 @@ void construct(Adapters& adapters) {
     }
 }
 
-// Bytes in allocated blocks, with headers and padding.
+// Returns the size of all allocated blocks in bytes, with the allocator's headers and padding.
 double allocatedBytes() {
     return static_cast<double>(mallinfo2().uordblks);
 }

@@ -1,6 +1,6 @@
-// Posting of tasks: throughput from other threads to the worker, latency on an idle loop, and allocations per post. All
-// contenders run one packaged task per post on one thread and return its future, which the poster drops at once, as the
-// adapter does.
+// Measures the posting of tasks: throughput from other threads to the worker, latency on an idle loop, and allocations
+// per post. All contenders run one packaged task per post on one thread and return the task's future. The posting
+// thread drops the future at once, like the adapter.
 
 #include <uv.h>
 
@@ -147,7 +147,7 @@ private:
     std::thread mThread;
 };
 
-// The minimal implementation.
+// The smallest queue that can do the work.
 class Floor {
 public:
     ~Floor() {
@@ -206,13 +206,13 @@ private:
 
 // ---- The measurements -----------------------------------------------------------------------------------------------
 
-constexpr int kTasks = 60'000;  // per batch
+constexpr int kTasks = 60'000;  // tasks per batch
 constexpr int kBatches = 3;
 constexpr int kLatencySamples = 600;
 constexpr int kLatencyWarmUp = 100;
-constexpr std::chrono::microseconds kPause{200};  // the worker becomes idle
+constexpr std::chrono::microseconds kPause{200};  // time for the worker to become idle
 
-// Like the adapter: its tasks hold it weakly and change state of the worker thread.
+// Has the same shape as the adapter: tasks hold a weak reference to it and change its state on the worker thread.
 struct Owner : std::enable_shared_from_this<Owner> {
     long count = 0;
 
@@ -235,7 +235,7 @@ void drain(Loop& loop, const Owner& owner, long expected) {
     }
 }
 
-// The worker stays on the processor where it was started; migration by the scheduler makes the results vary.
+// Keeps the worker on the processor where it was started, because its migration would make the results vary.
 template <class Loop>
 std::unique_ptr<Loop> startedLoop() {
     const bench::PinnedToOneProcessor here;
@@ -244,7 +244,7 @@ std::unique_ptr<Loop> startedLoop() {
     return loop;
 }
 
-// Blocks the worker until a whole batch is queued, so that the queue reaches its maximum length.
+// Blocks the worker until a whole batch is queued, so that the queue grows to its maximum length.
 template <class Loop>
 void warmUp(Loop& loop) {
     const auto owner = std::make_shared<Owner>();
@@ -291,7 +291,7 @@ double allocationsPerPost(Loop& loop) {
     return static_cast<double>(allocations) / (kTasks + 1);
 }
 
-// Microseconds from the post to the start of the task, on an idle loop.
+// Measures the microseconds from the post to the start of the task, on an idle loop.
 template <class Loop>
 std::vector<double> latencies() {
     const bench::BusyProcessor together;

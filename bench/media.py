@@ -100,8 +100,8 @@ def main():
             sources = [f"{origin}/live/{stream_id(number)}" for number in range(1, len(POSITIONS) + 1)]
             destination = f"{origin}/mix/{stream_id(1)}"
             children += [member(source, number) for number, source in enumerate(sources, 1)]
-            time.sleep(2)  # until all members publish
-            watcher = subprocess.Popen(  # waits for a publisher, then writes the video as it arrives
+            time.sleep(2)  # after this time, all members publish
+            watcher = subprocess.Popen(  # waits for a publisher, then writes the video to stdout
                 ["gst-launch-1.0", "-q", "rtmp2src", f"location={destination}", "!", "flvdemux", "name=streams",
                  "streams.video", "!", "fdsink", "async=false", "streams.audio", "!", "fakesink",
                  "async=false"], stdout=subprocess.PIPE)
@@ -117,7 +117,7 @@ def main():
                 pid = children[-1].pid
             watcher.stdout.read(1)
             print(f"first_frame_ms\t{(time.monotonic() - requested) * 1e3}", flush=True)
-            threading.Thread(target=watcher.stdout.read, daemon=True).start()  # reads everything, like a player
+            threading.Thread(target=watcher.stdout.read, daemon=True).start()  # reads the whole stream, like a player
             time.sleep(2)
             started, used = time.monotonic(), service.cpu_seconds(pid)
             time.sleep(SECONDS)

@@ -1,4 +1,4 @@
-"""The server of the benchmarks: nginx, with a fixed response to each request, over TLS and HTTP/2.
+"""The server of the benchmarks: nginx with TLS and HTTP/2. The response to each path is fixed.
 
     with ReferenceServer(folder) as server: server.address, server.ca_file
 """
@@ -32,7 +32,7 @@ http {{
 }}
 """
 
-# Responses that the adapter and the other clients treat as success.
+# By path: responses that the adapter and the other clients treat as success.
 RESPONSES = {
     "/v3/liveinterface/": {"code": 0, "message": "ok"},
     "/twirp/livekit.Egress/StartRoomCompositeEgress": {

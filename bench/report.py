@@ -40,7 +40,7 @@ def verdict(figure, result):
 
 
 def cell(figure, result, contender):
-    """The median of a reference, and its comparison with vexalive."""
+    """The median of a reference, and in parentheses its comparison with vexalive."""
     if contender in figure.constants:
         compared = f"{result['differences'][contender] * figure.scale:+.1f} {figure.unit}"
     else:
@@ -89,7 +89,8 @@ def line(x1, y1, x2, y2, kind="grid"):
 
 
 def advantages(results, top):
-    """For each figure with a target: how many times better vexalive is than each reference, on a log scale."""
+    """Shows how many times better vexalive is than each reference, on a logarithmic scale, for each figure with a target
+    ratio."""
     by_key = {(each["row"], each["figure"]): each for each in results}
     low, high = 0.25, 128
 
@@ -132,7 +133,7 @@ def advantages(results, top):
 
 
 def growth(results, row_name, title, unit, points, logarithmic, left, width, top, height=170):
-    """One line per contender over `points`, which are (where, figure, label)."""
+    """Draws one line per contender. `points` are pairs of x coordinate and figure."""
     row = next(each for each in ROWS if each.name == row_name)
     by_key = {each["figure"]: each for each in results if each["row"] == row_name}
     if not by_key:

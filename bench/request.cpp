@@ -1,6 +1,6 @@
-// Sequential relay starts over a warm connection, from the public call to the listener call. The references make the
-// same request with libcurl alone: one easy handle that blocks the caller, and a multi handle with its own thread,
-// which is the simplest design that does not block the caller.
+// Measures sequential relay starts over an open connection, each from the start call to the listener call. The
+// references send the same request with libcurl alone. "easy" is one easy handle that blocks the caller. "multi" is a
+// multi handle with its own thread, the simplest design that does not block the caller.
 
 #include "BareCurl.h"
 #include "Benchmark.h"
@@ -11,7 +11,7 @@ namespace {
 constexpr int kWarmUp = 100;
 constexpr int kRequests = 3000;
 
-// `request` returns after its response.
+// `request` sends one request and returns after the response.
 template <class F>
 void measure(F request) {
     for (int i = 0; i < kWarmUp; ++i) {

@@ -17,10 +17,10 @@ class Figure:
     unit: str = ""
     scale: float = 1.0  # the printed value is the measured value times this factor
     better: str = LESS
-    ratios: dict = dataclasses.field(default_factory=dict)  # contender -> target ratio
-    ceiling: float = None  # target value, before scaling
-    beyond: dict = dataclasses.field(default_factory=dict)  # contender -> allowed excess over its value
-    constants: tuple = ()  # contenders compared by difference, not by ratio
+    ratios: dict = dataclasses.field(default_factory=dict)  # target: contender -> ratio to its value
+    ceiling: float = None  # target: the highest allowed value, before scaling
+    beyond: dict = dataclasses.field(default_factory=dict)  # target: contender -> allowed difference to its value
+    constants: tuple = ()  # contenders that are compared by difference instead of ratio
     of: tuple = None  # the contenders that have this figure; None: all
     noisy: bool = False  # printed, but not compared between runs
 
@@ -35,8 +35,8 @@ class Row:
     contenders: dict  # name -> command; run.py defines the placeholders {…}
     figures: list
     rounds: int = 7
-    separate_processors: bool = False  # client on the first processor, server on the second
-    keep_awake: bool = False  # no processor sleeps: the cost of a wake-up depends on the host
+    separate_processors: bool = False  # the client runs on the first processor, the server on the last
+    keep_awake: bool = False  # keep all processors busy: the cost of waking one depends on the host
     timed: bool = False  # the figures are the time, CPU and memory of the command itself
 
 

@@ -4,8 +4,9 @@
     run.py BUILD_FOLDER [--rows NAME,NAME] [--write]     measures and prints the table; --write updates the docs
     run.py --compare RESULTS.json RESULTS.json …         compares the ratios of several runs
 
-The contenders of a row run alternately, in a different order each round. The rounds of all rows are interleaved. A
-ratio is the median of the ratios of the rounds, so a temporary slowdown of the machine affects both sides.
+In each round of a row, each contender runs once; the order changes from round to round. The rounds of all rows are
+interleaved. A ratio is the median of the ratios of the rounds. A temporary slowdown of the machine therefore affects
+all contenders alike.
 """
 
 import argparse
@@ -26,7 +27,7 @@ from rows import ROWS
 from service import BODY, PATH
 
 
-# Exits when its parent has exited.
+# A program that keeps a processor busy at the lowest priority. It exits when its parent has exited.
 IDLE_TASK = """
 import os, sys
 os.sched_setaffinity(0, {int(sys.argv[1])})
@@ -73,11 +74,11 @@ class Environment:
         )
 
     def command(self, words):
-        # The value of a placeholder that is a whole word may contain braces.
+        # format() is not used for a word that is a placeholder only, because its value may contain braces.
         return [self.values[word[1:-1]] if word[1:-1] in self.values else word.format(**self.values) for word in words]
 
     def run(self, row, contender):
-        """The figures of one contender in one round."""
+        """Runs one contender once and returns its figures."""
         all_processors = os.sched_getaffinity(0)
         if row.separate_processors:
             self.server.move_to({max(all_processors)})
@@ -106,7 +107,7 @@ class Environment:
 
 def measure(environment, rows):
     """Returns the values of all rounds for each row, figure and contender. The rounds of all rows are interleaved, so
-    that a slowdown of the machine for some minutes affects all rows."""
+    that a slowdown of the machine for some minutes affects a few rounds of each row."""
     values = {
         row.name: {figure.key: {contender: [] for contender in figure.of or row.contenders} for figure in row.figures}
         for row in rows
@@ -131,7 +132,8 @@ def measure(environment, rows):
 
 
 def evaluate(row, values):
-    """For each figure: the medians of the contenders, the medians of the ratios and differences, the missed targets."""
+    """Returns for each figure the medians of the contenders, of the ratios and of the differences, and the missed
+    targets."""
     results = []
     for figure in row.figures:
         of_contender = values[figure.key]
@@ -161,7 +163,8 @@ def evaluate(row, values):
 
 
 def compare(files):
-    """Prints each ratio (or constant difference) of each run, and the excess of the highest over the lowest."""
+    """Prints each ratio (or difference, for a contender in `constants`) of all runs, and by how many per cent the
+    highest exceeds the lowest."""
     runs = []
     for name in files:
         with open(name, encoding="utf-8") as file:
@@ -177,18 +180,18 @@ def compare(files):
             compared = [each[kind][contender] for each in results]
             spread = max(compared) / min(compared) - 1 if min(compared) > 0 else math.inf
             noisy = figures[key].noisy
-            remark = " (not counted)" if noisy else " DIFFERS" if spread > 0.15 else ""
+            remark = " (noisy, not counted)" if noisy else " DIFFERS" if spread > 0.15 else ""
             differing += spread > 0.15 and not noisy
             print(f"{key[0]:9}{key[1]:30}{contender:22}{'  '.join(f'{each:7.3f}' for each in compared)}"
                   f"{spread:8.1%}{remark}")
-    print(f"{differing} of them differ by more than 15 %")
+    print(f"{differing} ratios or differences differ by more than 15 % between the runs")
     return 1 if differing else 0
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("build", nargs="?")
-    parser.add_argument("--rows", help="only these, separated by commas")
+    parser.add_argument("--rows", help="measure only these rows, separated by commas")
     parser.add_argument("--write", action="store_true")
     parser.add_argument("--compare", nargs="+", metavar="RESULTS")
     arguments = parser.parse_args()

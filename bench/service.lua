@@ -1,4 +1,4 @@
--- For wrk: each request posts the body that stands after "--" on the command line.
+-- A script for wrk. Each request is a POST with the body that follows "--" on the command line.
 
 wrk.method = "POST"
 wrk.headers["Content-Type"] = "application/json"
@@ -7,7 +7,7 @@ function init(arguments)
     wrk.body = arguments[1]
 end
 
--- One line for service.py. Times in microseconds; an HTTP status other than 2xx and 3xx is an error.
+-- Prints one line for service.py. Times are in microseconds. An HTTP status other than 2xx and 3xx counts as an error.
 function done(summary, latency)
     local errors = summary.errors
     print("measured", summary.requests, summary.duration, latency:percentile(99),

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Loads the local service, or nginx with a fixed response, with wrk and prints the throughput.
+"""Sends requests with wrk to the local service, or to nginx with a fixed response, and prints the throughput.
 
     service.py vexalive --vexalive PROGRAM
     service.py nginx --address HOST:PORT --ca-file FILE [--pid MASTER]
 
-Each connection starts the same relay repeatedly. The service validates each request, stores it in its state and logs
-it; nginx ignores the content.
+Each connection sends the same relay start repeatedly. The service validates each request, stores it in its state and
+logs it. nginx ignores the content.
 """
 
 import argparse
@@ -92,14 +92,15 @@ def request(address, ca_file, method, path, body=None):
 
 
 def expect_acceptance(address, ca_file, path=PATH, body=BODY):
-    """Checks one response; wrk checks none. Called before and after the load."""
+    """Checks one response. Call this before and after wrk runs, because wrk does not check responses."""
     response = request(address, ca_file, "POST", path, body)
     if response["code"] != 0:
         sys.exit(f"{address} does not accept the request: {response}")
 
 
 def run_wrk(address, seconds):
-    """Returns requests, seconds, 99th percentile of the latency in microseconds, errors."""
+    """Returns the number of requests, the seconds, the 99th percentile of the latency in microseconds, and the number
+    of errors."""
     script = pathlib.Path(__file__).with_name("service.lua")
     command = ["wrk", f"-t{THREADS}", f"-c{CONNECTIONS}", f"-d{seconds}s", "-s", script, f"https://{address}{PATH}"]
     output = subprocess.run([*command, "--", BODY], check=True, stdout=subprocess.PIPE, text=True).stdout
@@ -109,7 +110,7 @@ def run_wrk(address, seconds):
 
 
 def process_tree(pid):
-    """A process and its descendants."""
+    """Returns the ids of a process and its descendants."""
     children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text(encoding="utf-8").split()
     return [pid, *(each for child in children for each in process_tree(child))]
 
@@ -147,14 +148,14 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     contenders = parser.add_subparsers(dest="contender", required=True)
     vexalive = contenders.add_parser("vexalive")
-    vexalive.add_argument("--vexalive", required=True, help="the tool's program")
+    vexalive.add_argument("--vexalive", required=True, help="path of the vexalive tool")
     nginx = contenders.add_parser("nginx")
     nginx.add_argument("--address", required=True, help="host and port")
     nginx.add_argument("--ca-file", required=True, help="the certificate authority to trust")
-    nginx.add_argument("--pid", type=int, help="its master process; with it, CPU time and memory are printed, too")
+    nginx.add_argument("--pid", type=int, help="id of the master process; if given, prints CPU time and memory, too")
     options = parser.parse_args()
 
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the exit ends the service
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # sys.exit() runs the clean-up that ends the service
     if options.contender == "nginx":
         measure(options.address, options.ca_file, options.pid)
         return

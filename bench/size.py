@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints how large the adapter's library and a small program with everything (examples/relay.cpp) are.
+"""Prints the size of the adapter's library, and of a small program that links everything (examples/relay.cpp).
 
     size.py BUILD_FOLDER
 """

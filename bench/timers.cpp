@@ -1,6 +1,6 @@
-// Delayed tasks: the cost of an insert with one or many pending tasks, and the lateness of the tasks. All contenders
-// run a packaged task on one thread, not before its deadline, and return its future, which the caller drops at once, as
-// the adapter does.
+// Measures delayed tasks: the cost of an insert with one or many pending tasks, and the lateness of the tasks. All
+// contenders run packaged tasks on one thread, not before their deadlines, and return their futures. The caller drops
+// each future at once, like the adapter.
 //
 //     bench_timers CONTENDER one       inserts with one pending task
 //     bench_timers CONTENDER many      inserts with many pending tasks
@@ -74,7 +74,7 @@ public:
     void waitUntilArmed() {}  // armed when post() returns
 
 private:
-    // The concrete executor type is cheaper than any_io_executor.
+    // The concrete executor type costs less than the default, any_io_executor.
     using Timer = asio::steady_timer::rebind_executor<asio::io_context::executor_type>::other;
 
     asio::io_context mContext{1};  // one thread runs it; any thread may arm its own timer
@@ -82,7 +82,7 @@ private:
     std::thread mThread{[this] { mContext.run(); }};
 };
 
-// libuv timers may be started on the loop thread only, so a post queues the timer.
+// libuv timers may be started on the loop thread only, so post() queues the timer for that thread.
 class UvLoop {
 public:
     UvLoop() {
@@ -148,7 +148,7 @@ private:
         }
     }
 
-    // libuv uses whole milliseconds of the same clock; rounds the deadline up.
+    // libuv uses the same clock in whole milliseconds, so the deadline is rounded up.
     void arm(Timer* timer) {
         const auto due = std::chrono::ceil<milliseconds>(timer->deadline.time_since_epoch()).count();
         const auto now = static_cast<long>(uv_now(&mLoop));
@@ -190,29 +190,28 @@ private:
 // ---- The measurements -----------------------------------------------------------------------------------------------
 
 constexpr size_t kLateBatches = 8;
-constexpr size_t kLateTasks = 50;  // per batch
+constexpr size_t kLateTasks = 50;  // tasks per batch when lateness is measured
 constexpr milliseconds kLateSpan{24};
-constexpr std::chrono::microseconds kPause{200};  // the worker becomes idle
-constexpr size_t kMemory = size_t{480} << 20;     // more than any contender needs
+constexpr std::chrono::microseconds kPause{200};  // time for the worker to become idle
+constexpr size_t kMemory = size_t{480} << 20;     // bytes; more than any contender needs
 
-// Pending tasks before the measurement, measured inserts, and fresh loops to repeat it on.
 struct Load {
-    size_t pending;
-    size_t inserts;
-    size_t loops;
+    size_t pending;  // number of tasks that are pending before the measurement
+    size_t inserts;  // number of measured inserts
+    size_t loops;    // number of new loops on which the measurement is repeated
 };
 
 constexpr Load kOne = {1, 8, 150};
 constexpr size_t kEarliestInserts = 100;
 
-// At 1,000 and at 1,000,000 the inserts cross a power of two, where vexalive and asio reallocate their heap. The
-// reallocation is part of the measurement.
+// With 1,000 and 1,000,000 pending tasks, the inserts cross a power of two, where vexalive and asio reallocate their
+// heap. The reallocation is part of the measurement.
 constexpr Load kMany[] = {{1'000, 500, 40}, {10'000, 1'000, 30}, {100'000, 10'000, 3}, {1'000'000, 100'000, 1}};
 
-constexpr unsigned long kNoSlack = 1;  // nanosecond
+constexpr unsigned long kNoSlack = 1;  // nanoseconds; the minimum
 constexpr unsigned long kUsualSlack = 0;
 
-// Like the adapter: its tasks hold it weakly and change state of the worker thread.
+// Has the same shape as the adapter: tasks hold a weak reference to it and change its state on the worker thread.
 struct Owner : std::enable_shared_from_this<Owner> {
     long count = 0;
 
@@ -261,7 +260,7 @@ void warmUp(Loop& loop) {
     }
 }
 
-// Nanoseconds per insert, from the first insert until all timers are armed.
+// Measures the nanoseconds per insert, from the first insert until all timers are armed.
 template <class Loop>
 double nanosecondsOfInsert(const Load& load) {
     double seconds = 0;
@@ -281,7 +280,7 @@ double nanosecondsOfInsert(const Load& load) {
     return seconds * 1e9 / static_cast<double>(load.loops * load.inserts);
 }
 
-// Nanoseconds per insert that becomes the earliest deadline, so that the worker must be woken.
+// Measures the nanoseconds per insert if each insert has the earliest deadline, so that it must wake the worker.
 template <class Loop>
 double nanosecondsOfEarliest() {
     double seconds = 0;
@@ -298,8 +297,8 @@ double nanosecondsOfEarliest() {
     return seconds * 1e9 / static_cast<double>(kEarliestInserts);
 }
 
-// Touches all memory that a run needs and keeps freed memory in the process. Otherwise inserts include page faults,
-// whose cost on a virtual machine depends on the host.
+// Touches all memory that a run needs, and keeps freed memory in the process. Otherwise the inserts would include page
+// faults, whose cost on a virtual machine depends on the host.
 void prefaultMemory() {
     mallopt(M_MMAP_MAX, 0);
     mallopt(M_TRIM_THRESHOLD, -1);
@@ -308,10 +307,10 @@ void prefaultMemory() {
     std::free(memory);
 }
 
-// Lateness of each task in microseconds. Each batch starts at a different fraction of a millisecond, because a clock of
-// whole milliseconds delays all tasks of a batch by the same fraction. `slack` is the timer slack of this thread and of
-// those that it starts: the time by which Linux may delay the end of a timed wait. It does not affect the timer
-// descriptor of asio.
+// Returns the lateness of each task in microseconds. Each batch starts at a different fraction of a millisecond,
+// because a clock of whole milliseconds delays all tasks of a batch by the same fraction. `slack` is the timer slack of
+// this thread and of the threads that it starts: the time by which Linux may delay the end of a timed wait. It does not
+// affect the timer descriptor of asio.
 template <class Loop>
 std::vector<double> latenesses(unsigned long slack) {
     const bench::BusyProcessor together;
@@ -330,7 +329,7 @@ std::vector<double> latenesses(unsigned long slack) {
             };
             done[i] = loop.post(delays[i], task);
         }
-        std::this_thread::sleep_for(kLateSpan);  // no thread waits for a future yet, so no task pays for a wake-up
+        std::this_thread::sleep_for(kLateSpan);  // no thread waits for the futures yet, so no task has to wake one
         for (const std::future<void>& each : done) {
             each.wait();
         }
@@ -365,7 +364,7 @@ void measureLateness() {
     bench::print("lateness_us_p99", bench::percentile(late, 0.99));
 }
 
-// Not for libuv: its whole milliseconds hide the slack.
+// libuv has no such figure: its whole milliseconds hide the slack.
 template <class Loop>
 void measureLatenessAndSlack() {
     measureLateness<Loop>();
