@@ -89,7 +89,7 @@ def line(x1, y1, x2, y2, kind="grid"):
 
 
 def advantages(results, top):
-    """Shows how many times better vexalive is than each reference, on a logarithmic scale, for each figure with a target
+    """Draws how many times better vexalive is than each reference, on a logarithmic scale. Shows the figures with a target
     ratio."""
     by_key = {(each["row"], each["figure"]): each for each in results}
     low, high = 0.25, 128
