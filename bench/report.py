@@ -89,8 +89,8 @@ def line(x1, y1, x2, y2, kind="grid"):
 
 
 def advantages(results, top):
-    """Draws how many times better vexalive is than each reference, on a logarithmic scale. Shows the figures with a target
-    ratio."""
+    """Draws how many times better vexalive is than each reference, for the figures with a target ratio. The scale is
+    logarithmic."""
     by_key = {(each["row"], each["figure"]): each for each in results}
     low, high = 0.25, 128
 
