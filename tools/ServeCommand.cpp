@@ -32,9 +32,10 @@ constexpr const char* kServeDescription =
 
 constexpr const char* kFaultHelp =
     "Inject a fault from the first request on; repeatable. Each request consumes one use of the first fault that "
-    "applies to it. FAULT is one of status=CODE, code=CODE, delay=MS, empty, cut, garbage, huge[=BYTES] and close, then "
-    "any of ,count=N (requests; 0: until cleared) ,delay_ms=MS ,interface=NAME and, with code, ,message=TEXT. For "
+    "applies to it. FAULT is one of status=CODE, code=CODE, delay=MS, empty, cut, garbage, huge[=BYTES] and close, "
+    "then any of ,count=N (requests; 0: until cleared) ,delay_ms=MS ,interface=NAME and, with code, ,message=TEXT. For "
     "example status=503,count=2";
+
 constexpr const char* kServeFooter =
     "Example: two failed requests first, then normal responses\n"
     "  vexalive serve --port 8443 --fault status=503,count=2\n"
