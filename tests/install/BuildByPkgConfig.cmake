@@ -1,6 +1,6 @@
 # Builds one source with the flags that pkg-config prints for vexalive, and runs it.
 #
-# COMPILER, FLAGS, PKG_CONFIG; PC_DIRECTORY: where vexalive.pc was installed; SOURCE, PROGRAM.
+# Variables: COMPILER, FLAGS, PKG_CONFIG, PC_DIRECTORY (the folder of vexalive.pc), SOURCE, PROGRAM.
 
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)

@@ -1,5 +1,6 @@
-"""The adapter's sources and the public headers compile without exceptions and type information, each on its own, and
-read no header but the project's and those of the compiler and the C library.
+"""Checks that the adapter's sources and the public headers each compile alone, without exceptions and RTTI.
+
+They may include only headers of the project, the compiler and the C library.
 
 Usage: headers.py SRC COMPILER. The package database names the package of a header; without one the check is skipped
 (exit status 77).
@@ -18,7 +19,7 @@ STANDARD = re.compile(r"(libstdc\+\+-\d+-dev|libgcc-\d+-dev|libclang-common-\d+-
 
 
 def headers_read(source, src, compiler):
-    """Compiles the source; the real paths of all files that this read."""
+    """Compiles the source. Returns the real paths of all files that the compiler has read."""
     with tempfile.TemporaryDirectory() as scratch:
         dependencies = pathlib.Path(scratch, "dependencies")
         subprocess.run(
@@ -46,7 +47,7 @@ def main(src, compiler):
     with tempfile.TemporaryDirectory() as scratch:
         for unit in sum(units.values(), []):
             source = unit
-            if unit.suffix == ".h":  # as a program would: included, and first
+            if unit.suffix == ".h":  # compiled as the first include of a source
                 source = pathlib.Path(scratch, "unit.cpp")
                 source.write_text(f'#include "{unit.relative_to(src)}"\n')
             for header in headers_read(source, src, compiler) - {source.resolve()}:

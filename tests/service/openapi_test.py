@@ -2,8 +2,8 @@
 
 Usage: openapi_test.py TOOL FAKE_WORKER OPENAPI_YAML LIVE_SERVICE_CPP
 
-Each path and method of the service is described, and real requests and responses (successes, refusals of each class,
-every fault) are valid by the schemas.
+Each path and method of the service must be described. Real requests and responses (successes, each class of refusal,
+every fault) must be valid by the schemas.
 """
 
 import copy
@@ -29,7 +29,7 @@ JSON_TYPE = {"Content-Type": "application/json"}
 
 
 def json_schema(node):
-    """An OpenAPI 3.0 schema as a JSON schema: "nullable" becomes a type."""
+    """Converts an OpenAPI 3.0 schema to a JSON schema: "nullable" becomes a type."""
     if isinstance(node, list):
         return [json_schema(each) for each in node]
     if not isinstance(node, dict):
@@ -39,7 +39,7 @@ def json_schema(node):
 
 
 def serve_handshakes(listener):
-    """An RTMP server as far as the service checks it."""
+    """The part of an RTMP server that the service checks."""
     while True:
         try:
             client, _ = listener.accept()
@@ -126,7 +126,7 @@ class OpenApiTest(unittest.TestCase):
         jsonschema.Draft4Validator(json_schema(schema), resolver=self.resolver).validate(value)
 
     def checked(self, method, path, status=200, content=None, headers=None):
-        """The response, after a check by the schema of its path, method, status and type."""
+        """Returns the response after checking it against the schema of its path, method, status and type."""
         actual, content_type, response = self.exchange(method, path, content, headers)
         self.assertEqual(status, actual, response)
         described = self.document["paths"][path.split("?")[0]][method.lower()]["responses"][str(status)]

@@ -102,7 +102,7 @@ TEST_P(Descriptors, FirstRequestWithoutEnoughDescriptorsIsRetriedAndSucceeds) {
     vexalive::setHttpObserver(nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Left, Descriptors, testing::Values(0, 1, 2, 3, 4, 5, 6));
+INSTANTIATE_TEST_SUITE_P(Free, Descriptors, testing::Values(0, 1, 2, 3, 4, 5, 6));
 
 // The service responds slowly, so that there are more requests in flight than possible connections.
 TEST(Descriptors, ConcurrentRequestsShareTwoDescriptors) {

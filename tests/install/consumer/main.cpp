@@ -1,5 +1,5 @@
-// Uses each part of the library once, so that a part that is not linked or not found shows. Sends nothing beyond this
-// machine.
+// Uses each part of the library once, so that the build or the run fails if a part is missing. Connects to loopback
+// only.
 
 #include <future>
 #include <iostream>
@@ -40,7 +40,7 @@ std::string outcomeOfAnEmptyRelay() {
     return listener->outcome();
 }
 
-// Of a request to a port that refuses connections.
+// The return code of a request to a port that refuses connections.
 int returnCodeOfARefusedRequest() {
     std::promise<int> code;
     std::future<int> arrived = code.get_future();

@@ -1,4 +1,4 @@
-// The SDK's facilities of a small host: every response is a success, and nothing leaves the process.
+// The SDK's facilities in a small host program: every request succeeds, and nothing is sent over a network.
 
 #include "Seam.h"
 

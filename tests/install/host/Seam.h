@@ -1,4 +1,4 @@
-// What the adapter has sent and reported through the host's facilities.
+// The requests and reports that the adapter has passed to the host's facilities.
 
 #ifndef HOST_SEAM_H
 #define HOST_SEAM_H
@@ -6,13 +6,13 @@
 #include <string>
 #include <vector>
 
-// Waits until the adapter has made `count` event reports; each as "event information".
+// Waits until the adapter has made `count` event reports. Returns each as "EVENT INFORMATION".
 std::vector<std::string> awaitReports(size_t count);
 
-// The addresses and bodies sent so far, each as "address body".
+// The requests so far, each as "ADDRESS BODY".
 std::vector<std::string> requests();
 
-// Waits for the threads that deliver responses; call after the last request.
+// Waits for the threads that deliver responses. Call this after the last request.
 void endDeliveries();
 
 #endif
