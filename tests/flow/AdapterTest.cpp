@@ -190,7 +190,7 @@ TEST_F(AdapterTest, ResetRightAfterAnOperationMakesItStale) {
     }
 }
 
-TEST_F(AdapterTest, ResetLeavesTheRoomAndForgetsTheStartsThatWaitForIt) {
+TEST_F(AdapterTest, ResetLeavesTheRoomAndDropsTheDeferredStarts) {
     givenUser();
     startRelay();
     startMix();
@@ -247,7 +247,7 @@ TEST_F(AdapterTest, ResetClearsTheRelaysAddressAndCounter) {
     EXPECT_EQ(log().back(), sendLog(kAddRelay, 1, 10, body(1)));
 }
 
-TEST_F(AdapterTest, ResetForgetsTheMixAsATaskSoThatARoomEntryCalledBeforeReissuesItWhole) {
+TEST_F(AdapterTest, ResetClearsTheMixInATaskSoThatAnEarlierRoomEntryReissuesTheWholeMix) {
     givenUser();
     startMix();
     clearRecords();
@@ -277,7 +277,7 @@ TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresAsATask) {
 
 // ---- Clear ----------------------------------------------------------------------------------------------------------
 
-TEST_F(AdapterTest, ClearEmptiesAWaitingConfigurationButItsModeAndKeepsAWaitingRelay) {
+TEST_F(AdapterTest, ClearEmptiesADeferredMixExceptItsModeAndKeepsADeferredRelay) {
     givenUser();
     startMix();
     startRelay();

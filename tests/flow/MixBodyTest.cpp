@@ -216,7 +216,7 @@ TEST_F(MixBodyTest, RetryHasTheIdsOfARelayStartedMeanwhile) {
 
 // ---- The description is made when the first response comes ----------------------------------------------------------
 
-TEST_F(MixBodyTest, DescriptionAfterClearIsThatOfAnEmptyMix) {
+TEST_F(MixBodyTest, DescriptionAfterClearDescribesAnEmptyMix) {
     startMix();
 
     mAdapter->clear();
@@ -225,7 +225,7 @@ TEST_F(MixBodyTest, DescriptionAfterClearIsThatOfAnEmptyMix) {
     expectDescription({});
 }
 
-TEST_F(MixBodyTest, DescriptionNamesTheUserAndRoomOfTheFirstResponsesTime) {
+TEST_F(MixBodyTest, DescriptionNamesTheUserAndRoomAtTheTimeOfTheFirstResponse) {
     startMix(mix({user("bob", 1)}));
     mAdapter->updateUserInfo(kSdkAppId, kUserSig, "carol");
     enterRoom("room9");

@@ -43,7 +43,7 @@ TEST_F(MixStartTest, VideoMixNeedsAllTenNumbers) {
     }
 }
 
-TEST_F(MixStartTest, RefusalsLineShowsAllNumbersWithItsRunOfSeventeenBlanksAndItsLastComma) {
+TEST_F(MixStartTest, LogLineOfARefusalHasAllNumbersSeventeenBlanksAndATrailingComma) {
     VexaTranscodingConfigInternal config = mix();
     config.videoGOP = 0;
 

@@ -9,7 +9,7 @@ using ::testing::SizeIs;
 
 class ReportTest : public FlowTest {};
 
-TEST_F(ReportTest, ReportWithoutAnAppIdOrUserIsWarnedOfAndMade) {
+TEST_F(ReportTest, ReportWithoutAnAppIdOrUserIsMadeAndLoggedAsAnError) {
     constexpr int64_t kBit32 = int64_t{1} << 32;
     constexpr int kLowest = std::numeric_limits<int>::min();
     const std::tuple<int64_t, const char*, const char*, int> cases[] = {
@@ -49,7 +49,7 @@ TEST_F(ReportTest, ReportIsATaskOfTheWorker) {
     EXPECT_THAT(reports(), SizeIs(1));
 }
 
-TEST_F(ReportTest, IdentityIsThatOfTheTimeTheReportIsMade) {
+TEST_F(ReportTest, IdentityIsReadWhenTheReportIsMade) {
     givenSent(kAddRelay);
     mAdapter->updateUserInfo(77, kUserSig, "bob");
     mAdapter->updateEnterRoomInfo("room9", kMapKey);

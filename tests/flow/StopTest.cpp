@@ -151,7 +151,7 @@ TEST_P(StopTest, IdsRemainSoThatTheNextStopsOfBothFamiliesAreSent) {
 
 // ---- Trace and information ------------------------------------------------------------------------------------------
 
-TEST_P(StopTest, RetryNamesTheUserOfItsTimeWhileTheInformationIsTheFirstBody) {
+TEST_P(StopTest, RetryNamesTheCurrentUserWhileTheInformationIsTheFirstBody) {
     givenSent(kind());
     mAdapter->updateUserInfo(kSdkAppId, kUserSig, "bob");
     run();
@@ -175,7 +175,7 @@ TEST_P(StopTest, TraceShowsTheCounterOfTheRelayStartOrOfTheCancelItself) {
     EXPECT_THAT(reports().at(0).detail, EndsWith(segment(10, 0, 1, "") + segment(0, 10, 0, kOk)));
 }
 
-TEST_P(StopTest, RetrysResponseAfterANewerStopIsReportedWithTheNewersBodyAndCounter) {
+TEST_P(StopTest, ResponseToARetryIsReportedWithTheBodyAndCounterOfANewerStop) {
     givenRetrySent(kind());
     begin(kind());
 
