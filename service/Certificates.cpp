@@ -105,7 +105,7 @@ std::string readFile(const std::string& path, Secrecy secrecy) {
     }
     if (secrecy == Secrecy::kSecret && (status.st_mode & 077) != 0) {
         throw Failure(path + " can be read by others than its owner: make it private (chmod 600), or remove it and " +
-                      "ca.pem to have a new authority made");
+                      "ca.pem to create a new authority");
     }
     std::string content(kMaxFileBytes, '\0');
     size_t length = 0;
@@ -301,7 +301,7 @@ CertifiedKey prepareAuthority(const std::string& folder, std::time_t now) {
     const std::string certificateFile = folder + "/ca.pem";
     const std::string keyFile = folder + "/ca-key.pem";
     const std::string remedy =
-        ": remove " + certificateFile + " to have a new authority made, which clients then have " + "to trust";
+        ": remove " + certificateFile + " to create a new authority, which clients then have to trust";
     CertifiedKey authority;
     if (!exists(certificateFile)) {
         authority = issue("vexalive local authority", kAuthorityDays,

@@ -55,7 +55,7 @@ public:
     }
 
     bool parse_error(size_t position, const std::string&, const json::exception&) override {
-        mValidation.refuse(Refusal::kUnreadable, "body", "found what is not JSON at byte " + std::to_string(position));
+        mValidation.refuse(Refusal::kUnreadable, "body", "found invalid JSON at byte " + std::to_string(position));
         return false;
     }
 
@@ -69,9 +69,8 @@ private:
 
     bool open(bool isArray) {
         if (mLevels.size() == kMaxDepth) {
-            mValidation.refuse(
-                Refusal::kUnreadable, "body",
-                "found nesting deeper than " + std::to_string(kMaxDepth) + " levels, the most that is read");
+            mValidation.refuse(Refusal::kUnreadable, "body",
+                               "found nesting deeper than " + std::to_string(kMaxDepth) + " levels, the maximum");
             return false;
         }
         Level level;
@@ -239,8 +238,7 @@ const json& Fields::array(const char* key) {
 void Fields::refuseOthers() const {
     for (const auto& item : mObject.items()) {
         if (mKnown.count(item.key()) == 0) {
-            mValidation.refuse(Refusal::kUnknown, path(formatKey(item.key()).c_str()),
-                               "found a field that is not known here");
+            mValidation.refuse(Refusal::kUnknown, path(formatKey(item.key()).c_str()), "found an unknown field");
         }
     }
 }

@@ -284,9 +284,8 @@ void checkInputs(const json& inputs, AcceptedRequest& request, Validation& valid
                               ", must be 0 (video), 4 (audio) or, of the first input only, 3 " + "(canvas)");
         }
         if (request.inputs.size() > kMaxUsers) {
-            validation.refuse(
-                Refusal::kValue, "input_stream_list",
-                "found more than " + std::to_string(kMaxUsers) + " users' inputs, the most that is allowed");
+            validation.refuse(Refusal::kValue, "input_stream_list",
+                              "found more than " + std::to_string(kMaxUsers) + " inputs of users, the maximum");
         }
         layout.refuseOthers();
         input.refuseOthers();

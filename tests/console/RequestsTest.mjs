@@ -132,17 +132,17 @@ const marked = {
     "a key outside ASCII": [
         [
             `q\\u00fc\\n${"x".repeat(44)}...`,
-            "found a field that is not known here",
+            "found an unknown field",
             4004,
             { body: { [`qü\n${"x".repeat(60)}`]: "here" } },
         ],
         '"here"',
     ],
     "a field that is named query": [
-        ["query", "found a field that is not known here", 4004, { body: { query: 1 } }],
+        ["query", "found an unknown field", 4004, { body: { query: 1 } }],
         "1",
     ],
-    "the whole of an unreadable body": [["body", "found what is not JSON at byte 2", 4002, { body: "{]" }], "{]"],
+    "the whole of an unreadable body": [["body", "found invalid JSON at byte 2", 4002, { body: "{]" }], "{]"],
     "the whole of a body that is no object": [["body", "found 7, must be a JSON object", 4002, { body: "7" }], "7"],
     "a parameter of the query": [
         ["query: usersig", "found it empty", 4001, { query: "sdkappid=1&random=2&usersig=&parivMapKey=***" }],

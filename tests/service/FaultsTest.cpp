@@ -185,7 +185,7 @@ TEST_F(FaultsTest, ABadFaultIs400WithAReason) {
         std::string body;
         const char* error;
     } rows[] = {
-        {"", "body: found what is not JSON"},
+        {"", "body: found invalid JSON"},
         {"[]", "body: found an array, must be a JSON object"},
         {"{}", "kind: missing"},
         {R"({"kind":"sulk"})", "kind: found \"sulk\", must be delay"},
@@ -198,14 +198,14 @@ TEST_F(FaultsTest, ABadFaultIs400WithAReason) {
         {R"({"kind":"empty","count":"2"})", "count: found \"2\""},
         {R"({"kind":"empty","interface":"other"})", "interface: found \"other\", must be add_relay_stream_url"},
         {R"({"kind":"status","status":600})", "status: found 600"},
-        {R"({"kind":"empty","status":500})", "status: found a field that is not known here"},
+        {R"({"kind":"empty","status":500})", "status: found an unknown field"},
         {R"({"kind":"huge","size":63})", "size: found 63"},
         {R"({"kind":"huge","size":1073741825})", "size: found 1073741825"},
         {R"({"kind":"code","code":2147483648})", "code: found 2147483648"},
         {R"({"kind":"code","message":5})", "message: found 5"},
         {R"({"kind":"code","error_code_keys":1})", "error_code_keys: found 1, must be true or false"},
         {R"({"kind":"empty","kind":"empty"})", "kind: found it twice"},
-        {R"({"kind":"empty","mood":"bad"})", "mood: found a field that is not known here"},
+        {R"({"kind":"empty","mood":"bad"})", "mood: found an unknown field"},
     };
     for (const auto& row : rows) {
         const HttpResponse response = mClient.post("/faults", row.body);
