@@ -1,4 +1,4 @@
-// Relays the local user's stream to a CDN address and stops again: all that an application needs.
+// Starts a relay of the local user's stream to a CDN address, then stops it. This is the smallest complete application.
 //
 //     VEXALIVE_SERVICE_HOST=… VEXALIVE_CA_FILE=… example_relay rtmp://cdn.example/live/stream
 
@@ -8,8 +8,8 @@
 
 #include "Com/LiveTranscodingAdapter.h"
 
-// The first outcome of one request. After an empty response the listener is notified twice, so set() may be called
-// again.
+// The outcome of one request. Only the first call of set() counts: after an empty response, the listener is notified
+// twice.
 class Outcome {
 public:
     void set(int errCode, const std::string& errMsg) {
@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
     param.appId = 1250000000;
     param.bizId = 8888;
     param.url = argc > 1 ? argv[1] : "";
-    adapter->startPublishStreamUrl(param);  // returns at once; so do all operations
+    adapter->startPublishStreamUrl(param);  // returns at once, like all operations
     if (listener->start.wait() != 0) {
         return 1;
     }

@@ -1,5 +1,5 @@
-// A room of three: relays the local user's stream to a CDN address, mixes all three members into one video, changes the
-// layout when one of them leaves, and stops both.
+// A room with three members. Starts a relay of the local user's stream to a CDN address and a mix of all three members.
+// Changes the layout when a member leaves, then stops the relay and the mix.
 //
 //     VEXALIVE_SERVICE_HOST=… VEXALIVE_CA_FILE=… example_room
 
@@ -28,8 +28,8 @@ constexpr const char* kMixCancel = "end of the mix";
 // Stores the latest outcome of each task.
 class Listener : public ILiveTrancodingDelegate {
 public:
-    // A mix that the adapter refuses is reported through the callback of the relay start, a refused relay stop through
-    // that of the mix cancel; the code distinguishes them.
+    // If the adapter refuses a mix, it calls onStartPublishStreamUrl. If it refuses a relay stop, it calls
+    // onStopLiveMixTranscoding. Both are intended, prescribed by the interface. The code identifies these cases.
     void onStartPublishStreamUrl(int errCode, std::string errMsg) override {
         store(errCode == -3324 ? kMix : kRelay, errCode, errMsg);
     }
@@ -39,8 +39,8 @@ public:
         store(errCode == -3323 ? kRelayStop : kMixCancel, errCode, errMsg);
     }
 
-    // Waits for the outcomes of the tasks; true if all succeeded. The timeout exceeds the duration of all retries. It
-    // is needed because a response without a code is never reported to the listener.
+    // Waits for the outcomes of the tasks. Returns whether all succeeded. The timeout is longer than all retries
+    // together. It is needed because the listener is never notified of a response without a code.
     bool wait(std::initializer_list<const char*> tasks) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(4);
         bool succeeded = true;
@@ -71,7 +71,8 @@ private:
     std::map<std::string, int> mCodes;
 };
 
-// The inputs on a canvas of 1280 by 720: user, room (empty: this one), rectangle, layer.
+// The inputs on a canvas of 1280 × 720 pixels. The fields are user, room (empty: the local user's room), rectangle and
+// layer.
 using Layout = std::vector<kstmedia::VexaMixUserInternal>;
 
 const Layout kThree = {

@@ -13,13 +13,13 @@ fail() {
 
 trap 'printf "\n== failed: line %s of %s: %s\n" "$LINENO" "${BASH_SOURCE[0]##*/}" "$BASH_COMMAND" >&2' ERR
 
-# ccache is optional. The precompiled headers need this sloppiness.
+# ccache is optional. With precompiled headers, it caches only with this sloppiness.
 if command -v ccache >/dev/null; then
   export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER-ccache}
   export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS-pch_defines,time_macros,include_file_mtime,include_file_ctime}
 fi
 
-# install_packages SECTION ...: installs the missing packages of these sections of scripts/packages.txt.
+# install_packages SECTION ...: installs the packages of these sections of scripts/packages.txt that are missing.
 install_packages() {
   local wanted=() missing=() package root=()
   mapfile -t wanted < <(awk -v sections=" $* " '/^\[/ { on = index(sections, " " substr($1, 2, length($1) - 2) " ") }
@@ -43,14 +43,14 @@ install_packages() {
     >>"$log" 2>&1 || { tail -20 "$log" >&2; fail "apt-get install (full log: $log)"; }
 }
 
-# configure PRESET: prints the log only if it fails.
+# configure PRESET: configures a preset. Prints the log only if that fails.
 configure() {
   local log=build/$1.log
   mkdir -p build
   cmake --preset "$1" >"$log" 2>&1 || { tail -40 "$log" >&2; fail "cmake --preset $1 (full log: $log)"; }
 }
 
-# build PRESET [TARGET ...]: configures and builds; prints the log only if it fails.
+# build PRESET [TARGET ...]: configures a preset and builds the targets, or all. Prints the log only if that fails.
 build() {
   local preset=$1
   shift

@@ -1,5 +1,5 @@
-// The rules for the console, its tests and the Node.js programs of the benchmark. scripts/lint copies this file beside
-// the packages that it imports, and runs ESLint from the top of the repository.
+// ESLint's rules for the console, its tests and the Node.js programs of the benchmark. scripts/lint copies this file to
+// the folder with the packages that it imports, and runs ESLint in the top folder of the repository.
 
 import js from "@eslint/js";
 import globals from "globals";
@@ -25,7 +25,7 @@ export default [
         },
     },
     { files: ["service/console/*.js"], languageOptions: { globals: globals.browser } },
-    // The tests pass functions to the browser, which run there.
+    // Some functions in the tests run in the browser.
     { files: ["tests/console/*.mjs"], languageOptions: { globals: { ...globals.node, ...globals.browser } } },
     { files: ["bench/npm/*.mjs", "scripts/**/*.mjs"], languageOptions: { globals: globals.node } },
 ];

@@ -10,7 +10,7 @@ function importsOf(file) {
     return [...source.matchAll(importPattern)].map((match) => resolve(dirname(file), match[1]));
 }
 
-// The modules from `file` to `target`, both included; null if `file` does not lead there.
+// Returns the modules on an import path from `file` to `target`, both included, or null if there is no such path.
 function pathTo(target, file, visited = new Set()) {
     if (file === target) {
         return [file];
