@@ -32,14 +32,16 @@ Descriptor moveAboveStandardStreams(int fd) {
     return fd >= kFirstFreeFd ? std::move(given) : Descriptor(::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeFd));
 }
 
-bool openPipe(Pipe& made) {
+Result<Pipe> openPipe() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return false;
+        return failure(std::generic_category().message(errno));
     }
-    made.reading = moveAboveStandardStreams(ends[0]);
-    made.writing = moveAboveStandardStreams(ends[1]);
-    return made.reading.isOpen() && made.writing.isOpen();
+    Pipe made{moveAboveStandardStreams(ends[0]), moveAboveStandardStreams(ends[1])};
+    if (!made.reading.isOpen() || !made.writing.isOpen()) {
+        return failure(std::generic_category().message(errno));
+    }
+    return made;
 }
 
 void setNonBlocking(const Descriptor& descriptor) {
@@ -79,7 +81,7 @@ std::string describeExit(int status) {
 
 }  // namespace
 
-std::string findProgram(const std::string& name, const std::string& folders) {
+Result<std::string> findProgram(const std::string& name, const std::string& folders) {
     const char* const path = std::getenv("PATH");
     std::istringstream each(folders + ":" + (path ? path : ""));
     const std::string end = "/" + name;
@@ -89,13 +91,14 @@ std::string findProgram(const std::string& name, const std::string& folders) {
             return file;
         }
     }
-    return "";
+    return failure(name + " is not installed");
 }
 
 Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& arguments) {
-    const auto failed = [&arguments](const char* what, int reason) {
-        return failure(what + arguments[0] + ": " + std::generic_category().message(reason));
+    const auto failed = [&arguments](const char* what, const std::string& reason) {
+        return failure(what + arguments[0] + ": " + reason);
     };
+    const auto systemMessage = [](int reason) { return std::generic_category().message(reason); };
     const char* const localFailure = "this service cannot create a process for ";
     std::vector<char*> texts;
     texts.reserve(arguments.size() + 1);
@@ -103,38 +106,40 @@ Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& argu
         texts.push_back(const_cast<char*>(argument.c_str()));
     }
     texts.push_back(nullptr);
-    Pipe input;
-    Pipe output;
-    Pipe errors;
-    Pipe status;  // receives errno if exec fails; if exec succeeds, it is closed without data
-    if (!openPipe(input) || !openPipe(output) || !openPipe(errors) || !openPipe(status)) {
-        return failed(localFailure, errno);
+    Result<Pipe> input = openPipe();
+    Result<Pipe> output = openPipe();
+    Result<Pipe> errors = openPipe();
+    Result<Pipe> status = openPipe();  // receives errno if exec fails; if exec succeeds, it is closed without data
+    for (const Result<Pipe>* pipe : {&input, &output, &errors, &status}) {
+        if (!*pipe) {
+            return failed(localFailure, pipe->error().message);
+        }
     }
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) {
-        return failed(localFailure, errno);
+        return failed(localFailure, systemMessage(errno));
     }
     if (pid == 0) {
-        execChild(texts.data(), parent, input.reading.get(), output.writing.get(), errors.writing.get(),
-                  status.writing.get());
+        execChild(texts.data(), parent, input->reading.get(), output->writing.get(), errors->writing.get(),
+                  status->writing.get());
     }
     std::unique_ptr<Child> child(new Child(pid, Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)))));
     if (child->exitFd() < 0) {
-        return failed(localFailure, errno);
+        return failed(localFailure, systemMessage(errno));
     }
-    status.writing.reset();
+    status->writing.reset();
     int reason = 0;
     ssize_t count = 0;
     do {
-        count = ::read(status.reading.get(), &reason, sizeof reason);
+        count = ::read(status->reading.get(), &reason, sizeof reason);
     } while (count < 0 && errno == EINTR);
     if (count != 0) {
-        return failed("cannot run ", reason);
+        return failed("cannot run ", systemMessage(reason));
     }
-    child->input = std::move(input.writing);
-    child->output = std::move(output.reading);
-    child->errors = std::move(errors.reading);
+    child->input = std::move(input->writing);
+    child->output = std::move(output->reading);
+    child->errors = std::move(errors->reading);
     setNonBlocking(child->input);
     setNonBlocking(child->output);
     setNonBlocking(child->errors);

@@ -13,8 +13,9 @@
 
 namespace vexalive {
 
-/// The path of the executable file `name` in one of `folders` (separated by colons) or in PATH; empty if there is none.
-std::string findProgram(const std::string& name, const std::string& folders);
+/// The path of the executable file `name` in one of `folders` (separated by colons) or in PATH. The error is "NAME is
+/// not installed".
+Result<std::string> findProgram(const std::string& name, const std::string& folders);
 
 /// One child process whose standard streams are pipes. Not thread-safe.
 ///

@@ -23,6 +23,7 @@
 
 #include "common/Url.h"
 #include "service/Child.h"
+#include "service/JsonFields.h"
 
 namespace vexalive {
 
@@ -37,10 +38,19 @@ constexpr std::chrono::milliseconds kCheckTimeout(2000);
 constexpr size_t kHandshakeBytes = 1537;  // first part of the RTMP handshake: 1 byte version, then 1536 bytes
 constexpr char kRtmpVersion = 3;
 
+std::string systemMessage(int reason) {
+    return std::generic_category().message(reason);
+}
+
+struct ReservedPort {
+    Descriptor socket;
+    std::string number;
+};
+
 // Binds to a free port of 127.0.0.1, so that the kernel assigns the port to no other program. nginx can still listen on
 // the port, since both sockets have SO_REUSEADDR.
-uint16_t reservePort(Descriptor& socket) {
-    socket = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+Result<ReservedPort> reservePort() {
+    Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int yes = 1;
     ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
@@ -49,24 +59,20 @@ uint16_t reservePort(Descriptor& socket) {
     socklen_t length = sizeof address;
     if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
         ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        return 0;
+        return failure("cannot find a free port on 127.0.0.1 for the origin: " + systemMessage(errno));
     }
-    return ntohs(address.sin_port);
-}
-
-std::string systemMessage(int reason) {
-    return std::generic_category().message(reason);
+    return ReservedPort{std::move(socket), std::to_string(ntohs(address.sin_port))};
 }
 
 }  // namespace
 
-std::optional<OriginAddress> parseOriginAddress(const std::string& text) {
+Result<OriginAddress> parseOriginAddress(const std::string& text) {
     const std::optional<Url> url = parseUrl(text);
     const size_t start = text.find("://") + 3;
     const bool isHostAndPort =
         url && url->scheme == "rtmp" && text.find_first_of("/?#@", start) == std::string::npos && text.back() != ':';
     if (!isHostAndPort || url->port == "0") {
-        return std::nullopt;
+        return failure("the origin is " + excerpt(text) + ", must be rtmp://HOST or rtmp://HOST:PORT");
     }
     OriginAddress address;
     address.host = url->host;
@@ -79,18 +85,20 @@ std::optional<OriginAddress> parseOriginAddress(const std::string& text) {
 // ---- nginx ----------------------------------------------------------------------------------------------------------
 
 Result<void> Origin::prepare(const std::string& stateFolder) {
-    mNginx = findProgram("nginx", "/usr/sbin");
+    const Result<std::string> nginx = findProgram("nginx", "/usr/sbin");
     const bool hasModule = ::access(kModule, R_OK) == 0;
-    if (mNginx.empty() || !hasModule) {
+    if (!nginx || !hasModule) {
         return failure(std::string("media needs nginx with its RTMP module, and ") +
-                       (mNginx.empty() ? "nginx is not installed" : std::string(kModule) + " is not there") +
+                       (!nginx ? nginx.error().message : std::string(kModule) + " is not there") +
                        ": install Debian's packages nginx and libnginx-mod-rtmp, or name an origin that runs already");
     }
-    const uint16_t port = reservePort(mPort);
-    if (port == 0) {
-        return failure("cannot find a free port on 127.0.0.1 for the origin: " + systemMessage(errno));
+    mNginx = *nginx;
+    Result<ReservedPort> port = reservePort();
+    if (!port) {
+        return tl::unexpected(port.error());
     }
-    mAddress = {"rtmp://127.0.0.1:" + std::to_string(port), "127.0.0.1", std::to_string(port)};
+    mPort = std::move(port->socket);
+    mAddress = {"rtmp://127.0.0.1:" + port->number, "127.0.0.1", port->number};
     return lockFolder(stateFolder);
 }
 

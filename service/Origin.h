@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,8 +21,8 @@ struct OriginAddress {
     std::string port;
 };
 
-/// Parses "rtmp://HOST" or "rtmp://HOST:PORT". Returns std::nullopt for anything else.
-std::optional<OriginAddress> parseOriginAddress(const std::string& url);
+/// Parses "rtmp://HOST" or "rtmp://HOST:PORT". The error shows the URL.
+Result<OriginAddress> parseOriginAddress(const std::string& url);
 
 struct SocketAddress {
     sockaddr_storage bytes{};

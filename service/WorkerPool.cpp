@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "service/Child.h"
-#include "service/JsonFields.h"
 #include "service/MediaRules.h"
 
 namespace vexalive {
@@ -82,9 +81,9 @@ Result<void> WorkerPool::prepare() {
     }
     OriginAddress address;
     if (!mOptions.origin.empty()) {
-        const std::optional<OriginAddress> given = parseOriginAddress(mOptions.origin);
+        const Result<OriginAddress> given = parseOriginAddress(mOptions.origin);
         if (!given) {
-            return failure("the origin is " + excerpt(mOptions.origin) + ", must be rtmp://HOST or rtmp://HOST:PORT");
+            return tl::unexpected(given.error());
         }
         address = *given;
     } else if (mOptions.stateFolder.empty()) {
@@ -101,16 +100,16 @@ Result<void> WorkerPool::prepare() {
 }
 
 Result<void> WorkerPool::findWorker() {
-    mWorker = mOptions.workerProgram;
-    if (mWorker.empty()) {
-        const std::string here = programFolder();
-        mWorker = findProgram(kWorkerName, here + ":" + here + "/../libexec/vexalive");
-    }
-    if (mWorker.empty()) {
+    const std::string here = programFolder();
+    const Result<std::string> found = mOptions.workerProgram.empty()
+                                          ? findProgram(kWorkerName, here + ":" + here + "/../libexec/vexalive")
+                                          : mOptions.workerProgram;
+    if (!found) {
         return failure(std::string("media needs the program ") + kWorkerName +
                        ", which is neither beside this one nor in ../libexec/vexalive nor in PATH: it is built with "
                        "this one where GStreamer's development packages are installed");
     }
+    mWorker = *found;
     if (::access(mWorker.c_str(), X_OK) != 0) {
         return failure("cannot run " + mWorker + ": " + std::generic_category().message(errno));
     }

@@ -55,7 +55,7 @@ std::vector<int> tonesOf(const std::vector<int16_t>& piece) {
 // ---- Programs -------------------------------------------------------------------------------------------------------
 
 Program::Program(std::vector<std::string> arguments, OnOutput onOutput) {
-    arguments[0] = vexalive::findProgram(arguments[0], "");
+    arguments[0] = vexalive::findProgram(arguments[0], "").value_or(arguments[0]);
     auto child = vexalive::Child::start(arguments);
     if (!child) {
         ADD_FAILURE() << child.error().message;
