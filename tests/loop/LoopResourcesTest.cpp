@@ -89,21 +89,19 @@ TEST_F(LoopResourcesTest, ARefusedPostAllocatesNothing) {
     EXPECT_EQ(allocationsOf(1, [&] { stopped->DelayPostTask(hours(1), [] {}); }), 0u);
 }
 
+// noexcept like the threads of the adapter, in which nothing handles this exception. The loop is never destroyed: it is
+// unusable after the exception, and clang unwinds the stack before it terminates.
+template <class F>
+void postWithoutThreads(F post) noexcept {
+    auto& loop = *new std::shared_ptr<KstMessageLoop>(std::make_shared<KstMessageLoop>());
+    refuseThreads = true;
+    post(loop);
+}
+
 TEST(LoopThreadDeathTest, AWorkerThatCannotBeStartedEndsTheProcess) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    // noexcept like the threads of the adapter, in which nothing handles this exception.
-    const auto post = []() noexcept {
-        const auto loop = std::make_shared<KstMessageLoop>();
-        refuseThreads = true;
-        loop->PostTask([] {});
-    };
-    const auto postDelayed = []() noexcept {
-        const auto loop = std::make_shared<KstMessageLoop>();
-        refuseThreads = true;
-        loop->DelayPostTask(hours(1), [] {});
-    };
-    EXPECT_DEATH(post(), "terminate called");
-    EXPECT_DEATH(postDelayed(), "terminate called");
+    EXPECT_DEATH(postWithoutThreads([](auto& loop) { loop->PostTask([] {}); }), "terminate called");
+    EXPECT_DEATH(postWithoutThreads([](auto& loop) { loop->DelayPostTask(hours(1), [] {}); }), "terminate called");
 }
 
 }  // namespace
