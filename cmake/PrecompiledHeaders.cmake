@@ -1,5 +1,5 @@
 # Precompiled headers: libraries whose headers take longer to parse than our sources. The sources include what they use
-# all the same. -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON (presets `clang` and `fuzz`) compiles without precompiled headers
+# all the same. -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON (preset `clang`) compiles without precompiled headers
 # and finds a missing include.
 
 set(standard_headers <algorithm> <chrono> <condition_variable> <cstdint> <cstdio> <cstdlib> <filesystem> <fstream>
