@@ -364,7 +364,8 @@ void measureLateness() {
     bench::print("lateness_us_p99", bench::percentile(late, 0.99));
 }
 
-// libuv has no such figure: its whole milliseconds hide the slack.
+// Also measures without timer slack. Not used for libuv: its timers have a resolution of 1 ms, which hides the effect
+// of the slack.
 template <class Loop>
 void measureLatenessAndSlack() {
     measureLateness<Loop>();

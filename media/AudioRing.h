@@ -25,7 +25,8 @@ public:
 
     /// Stores `count` interleaved samples of both channels, from `position` on. If they begin within kJoinTolerance of
     /// the last stored sample, they are appended to it: timestamps are rounded to milliseconds, and the gaps would be
-    /// audible.
+    /// audible. Later samples leave a silent gap; earlier samples, or samples more than kCapacity later, replace the
+    /// content.
     void put(int64_t position, const float* samples, int64_t count);
 
     /// Adds the `count` stored samples from `position` on to the samples in `sum`. A missing sample counts as silence.

@@ -61,8 +61,8 @@ private:
     std::string mRest;  // the begin of an incomplete tag
 };
 
-/// Converts the timestamps of a source to one continuous sequence, although the source may reconnect and its clock may
-/// jump. The converted timestamps never decrease. A pause of the source keeps its length. Times are in milliseconds.
+/// Converts the timestamps of a source to one sequence that continues if the source reconnects or its clock jumps. It
+/// never decreases. If the source pauses, the sequence has a gap of the same length. Times are in milliseconds.
 class SteadyTime {
 public:
     /// Call before the first timestamp of each new connection.

@@ -134,7 +134,7 @@ public:
         mDropped += !mayPass && mIsVideoEnabled ? 1 : 0;
         return mayPass;
     }
-    void frameDecoded() {
+    void onFrameDecoded() {
         const KstMutexLock lock(mMutex);
         mUndecoded = 0;
     }
@@ -248,7 +248,7 @@ void MixInputStream::makeDecoders() {
     gst_pad_add_probe(frames.get(), GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, allowPadding, nullptr, nullptr);
     mDecoders->onSample("frames", [feed = mFeed, demuxer = mDemuxer](GstSample* sample) {
         putFrame(*feed, sample);
-        demuxer->frameDecoded();
+        demuxer->onFrameDecoded();
     });
     mDecoders->onSample("samples", [feed = mFeed](GstSample* sample) { putAudio(*feed, sample); });
     const unsigned decoders = mDemuxer->begin(mDecoders->find("video"), mDecoders->find("audio"));

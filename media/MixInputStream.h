@@ -16,7 +16,7 @@
 
 namespace vexalive {
 
-/// Main loop only.
+/// One input of a mix. Call its members on the main loop only.
 class MixInputStream {
 public:
     MixInputStream(std::string streamId, std::string address);

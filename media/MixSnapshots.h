@@ -14,7 +14,7 @@
 
 namespace vexalive {
 
-/// Main loop only.
+/// Makes JPEG images of frames. Call its members on the main loop only.
 class MixSnapshots {
 public:
     using Done = std::function<void(const std::string& jpeg)>;

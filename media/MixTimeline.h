@@ -16,7 +16,7 @@ public:
     enum Kind { kAudio, kVideo };
 
     // The lead is the time from the arrival of media to their presentation.
-    static constexpr int64_t kTargetLead = 150'000'000;     // covers the jitter of the network and of the decoder
+    static constexpr int64_t kTargetLead = 150'000'000;     // ns; covers the jitter of the network and the decoder
     static constexpr int64_t kMaxLead = 1'000'000'000;      // above: the publisher's clock has jumped or runs fast
     static constexpr int64_t kMinLead = 50'000'000;         // below: media are late, since decoding takes time, too
     static constexpr int64_t kMaxLate = 5'000'000'000;      // later than this: the publisher's clock has jumped back

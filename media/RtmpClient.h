@@ -51,7 +51,7 @@ private:
     uint64_t mBytes KST_GUARDED_BY(mMutex) = 0;
 };
 
-/// Main loop only.
+/// Call its members on the main loop only.
 class RtmpClient {
 public:
     struct Rules {

@@ -1,4 +1,4 @@
-// Extracts the values to show from a recorded request and its response. Uses no element of the page.
+// Extracts the values to show from a recorded request and its response. Does not access the DOM.
 
 const queryErrorCode = 4001; // the code of a response that refuses the query
 

@@ -37,7 +37,7 @@ struct ListenerCodes {
     int serverErrorBase;  ///< service code c becomes listener code `serverErrorBase - |c|`
 };
 
-/// The constants that all relay requests share, or all mix requests.
+/// The constants of a family of requests: relay (add, remove) or mix (start, cancel).
 struct Family {
     ListenerCodes codes;
     int reportEvent;  ///< the event number of room event reports

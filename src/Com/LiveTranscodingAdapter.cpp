@@ -51,6 +51,7 @@ const ServerUrl CGI_VEXALIVE_SERVER;
 
 // ---- Request kinds --------------------------------------------------------------------------------------------------
 
+// A family is all relay operations, or all mix operations. Its operations share one generation number.
 struct LiveTranscodingAdapter::Family {
     const requests::Family& rules;
     int32_t LiveTranscodingAdapter::*generation;
@@ -103,6 +104,7 @@ namespace {
 
 using Adapter = LiveTranscodingAdapter;
 
+// Names for the bool values in the rows of the table below.
 constexpr bool kTraceStartsEmpty = false;
 constexpr bool kTraceStartsWithBody = true;
 constexpr bool kSendsStaleRetry = false;
@@ -459,6 +461,8 @@ void LiveTranscodingAdapter::sortMixConfig() {
 }
 
 // ---- Generations ----------------------------------------------------------------------------------------------------
+
+// Each start, stop and reset begins a new generation of its family. Operations of an earlier generation are stale.
 
 // Makes all earlier work of the family stale and ends its retries. Returns the number of the new generation.
 int32_t LiveTranscodingAdapter::supersede(const Family& family) {
