@@ -1,4 +1,5 @@
-// Counts calls of the C library. CountedCalls.cpp replaces connect() and the malloc family, which operator new calls.
+// Counts allocations and connections. CountedCalls.cpp replaces connect(), malloc(), calloc() and realloc() of the C
+// library. operator new is counted, too, because it calls malloc().
 
 #ifndef VEXALIVE_TESTS_COUNTS_COUNTED_CALLS_H
 #define VEXALIVE_TESTS_COUNTS_COUNTED_CALLS_H

@@ -270,7 +270,8 @@ TEST_F(AdapterTest, ResetSupersedesAtOnceAndStoresAsATask) {
 
     run();
 
-    // Order of the tasks: reset, start outside of the room, entry, re-issued start.
+    // Order of the tasks: reset (leaves the room), start (deferred: outside of the room), entry (re-issues the start),
+    // re-issued start. So only the re-issued start sends a request.
     ASSERT_THAT(requests(), SizeIs(1));
     EXPECT_EQ(log().back(), sendLog(kAddRelay, 3, 0, body(0)));
 }

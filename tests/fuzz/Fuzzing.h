@@ -49,7 +49,7 @@ inline std::string_view takeWord(std::string_view& line) {
 
 // The number at the start of the string; 0 if there is none, or if it is too large.
 template <class Integer>
-Integer numberOf(std::string_view text) {
+Integer parseNumber(std::string_view text) {
     Integer number = 0;
     std::from_chars(text.data(), text.data() + text.size(), number);
     return number;

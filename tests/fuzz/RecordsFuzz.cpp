@@ -1,11 +1,12 @@
-// Fuzzes the parameter records: their strings in reports, and the bodies and addresses of the requests.
+// Fuzzes the parameter records: their strings in reports, and the bodies and URLs of the requests.
 //
 // Each line of an input sets a field or has another effect:
 //
-//   appId 7          a number of the relay and of the mix; the names of other numbers set the mix
-//   url rtmp://a/b   the address of the relay
+//   appId 7          sets this numeric field of the relay and the mix; so does bizId
+//   width 640        sets this numeric field (kNumbers) of the mix only
+//   url rtmp://a/b   the destination URL of the relay
 //   user alice       adds a user to the mix; room, rect X Y W H, zOrder, pureAudio and streamType set its fields
-//   localUser bob    a field of the sender; also localRoom, sdkAppId, userSig and mapKey
+//   localUser bob    the user who sends the requests; localRoom, sdkAppId, userSig and mapKey set its other data
 //   times 300        repeats the string that was set last, up to 8 KiB
 //   json {"a":1}     parses and serializes the string
 
@@ -42,7 +43,7 @@ template <class Record, size_t size>
 void setNumber(Record& record, const Number<Record> (&numbers)[size], std::string_view name, std::string_view value) {
     for (const Number<Record>& number : numbers) {
         if (name == number.name) {
-            record.*number.value = numberOf<int32_t>(value);
+            record.*number.value = parseNumber<int32_t>(value);
         }
     }
 }
@@ -107,12 +108,12 @@ Request readRequest(std::string_view input) {
             }
         }
         if (name == "sdkAppId") {
-            request.sdkAppId = numberOf<int64_t>(rest);
+            request.sdkAppId = parseNumber<int64_t>(rest);
         } else if (name == "json") {
             request.jsonTexts.emplace_back(rest);
         } else if (name == "times" && lastText) {
             const std::string once = *lastText;
-            for (int n = numberOf<int>(rest); n > 1 && !once.empty() && lastText->size() < kMaxRepeated; --n) {
+            for (int n = parseNumber<int>(rest); n > 1 && !once.empty() && lastText->size() < kMaxRepeated; --n) {
                 *lastText += once;
             }
         } else if (name == "user" && users.size() < kMaxUsers) {
@@ -126,7 +127,7 @@ Request readRequest(std::string_view input) {
         } else if (name == "rect") {
             User::Rect& rect = users.back().rect;
             for (int32_t* side : {&rect.x, &rect.y, &rect.w, &rect.h}) {
-                *side = numberOf<int32_t>(takeWord(rest));
+                *side = parseNumber<int32_t>(takeWord(rest));
             }
         } else if (name == "pureAudio") {
             users.back().pureAudio = rest == "1";
@@ -184,7 +185,7 @@ Json readBody(const std::string& body) {
 }
 
 // The string as JSON. Bytes that are not UTF-8 become U+FFFD.
-Json inJson(const std::string& text) {
+Json asJson(const std::string& text) {
     return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
@@ -205,7 +206,7 @@ public:
         }
         const Json body = sent("add_relay_stream_url", relay.appId, relay.bizId);
         requireText(body, "stream_id", localId(relay.bizId));
-        require(body["dest_stream_url"] == inJson(relay.url), "the destination", body.dump());
+        require(body["dest_stream_url"] == asJson(relay.url), "the destination", body.dump());
         complete(textOf(relay));
         mAdapter->stopPublishStreamUrl();
         requireText(sent("remove_relay_stream_url", relay.appId, relay.bizId), "stream_id", localId(relay.bizId));

@@ -78,7 +78,7 @@ void requireGoodQuery(const std::string& query) {
     for (const std::string_view piece : piecesOf(query)) {
         const std::string_view key = piece.substr(0, piece.find('='));
         require(keys.insert(key).second, "a parameter is given once", query);
-        const int64_t number = numberOf<int64_t>(piece.substr(std::min(key.size() + 1, piece.size())));
+        const int64_t number = parseNumber<int64_t>(piece.substr(std::min(key.size() + 1, piece.size())));
         require(key != "random" || (number >= 0 && number <= 9999), "the range of random", query);
         require(key != "sdkappid" || number == static_cast<int32_t>(number), "the range of sdkappid", query);
         require(key != "usersig" || piece.size() > sizeof "usersig=" - 1, "there is a signature", query);

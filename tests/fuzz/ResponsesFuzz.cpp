@@ -87,7 +87,7 @@ public:
                 }
                 break;
             default:
-                mLastCode = numberOf<int>(takeWord(line));
+                mLastCode = parseNumber<int>(takeWord(line));
                 mLastBody = line;
                 respond(mLastCode, mLastBody);
                 break;

@@ -50,7 +50,7 @@ protected:
         return status;
     }
 
-    void refuse(const char* interfaceName, int times) {
+    void injectRefusals(const char* interfaceName, int times) {
         Fault refusal;
         refusal.kind = Fault::Kind::kCode;
         refusal.interfaceName = interfaceName;
@@ -99,7 +99,7 @@ TEST_F(Example, RelayIsAddedAndRemoved) {
 }
 
 TEST_F(Example, RelayExitsWithOneIfItIsRefused) {
-    refuse(kAddRelay, 1);
+    injectRefusals(kAddRelay, 1);
     EXPECT_EQ(1, run({EXAMPLE_RELAY, "rtmp://cdn.example/live/stream"}));
     EXPECT_EQ("-200077 on request\n", mOutput);
     EXPECT_THAT(requests(), ElementsAre(Pair(kAddRelay, 77)));
@@ -165,7 +165,7 @@ TEST_F(Example, RoomStartsRelayAndMixBeforeTheRoomIsEnteredAndStopsBoth) {
 }
 
 TEST_F(Example, RoomExitsWithOneIfTheMixIsRefusedAndStopsTheRelay) {
-    refuse(kSetMix, 1);
+    injectRefusals(kSetMix, 1);
     EXPECT_EQ(1, run({EXAMPLE_ROOM}));
     EXPECT_THAT(mOutput, HasSubstr("  mix: failed with -300077, on request\n"));
     EXPECT_THAT(mOutput, HasSubstr("  relay: done\n"));
@@ -176,7 +176,7 @@ TEST_F(Example, RoomExitsWithOneIfTheMixIsRefusedAndStopsTheRelay) {
 }
 
 TEST_F(Example, RoomExitsWithOneIfTheRelayIsRefusedAndStopsTheMix) {
-    refuse(kAddRelay, 1);
+    injectRefusals(kAddRelay, 1);
     EXPECT_EQ(1, run({EXAMPLE_ROOM}));
     EXPECT_THAT(mOutput, HasSubstr("  relay: failed with -200077, on request\n"));
     ASSERT_EQ(1u, mState.at("mixes").size());

@@ -315,12 +315,12 @@ Fault in(Fault::Where where, Fault fault) {
     return fault;
 }
 
-Fault connectingWithin(std::chrono::milliseconds time, Fault fault) {
+Fault withConnectTimeout(std::chrono::milliseconds time, Fault fault) {
     fault.connectTimeout = time;
     return fault;
 }
 
-Fault endingWithin(std::chrono::milliseconds time, Fault fault) {
+Fault withTotalTimeout(std::chrono::milliseconds time, Fault fault) {
     fault.totalTimeout = time;
     return fault;
 }
@@ -335,18 +335,18 @@ std::vector<Fault> makeFaults() {
     // name, description, how to inject it, responses that the adapter receives, requests that reach a server
     return {
         // The network.
-        connectingWithin(
+        withConnectTimeout(
             1s, in(Fault::kUnknownHost, {"NameNotResolved", "the host name cannot be resolved", refuse, lost, 0})),
         {"Refused", "the connection is refused", refuse, lost, 0},
         in(Fault::kOwnNetwork, {"Unreachable", "the network is unreachable", loseTheAddress, lost, 0}),
-        connectingWithin(
+        withConnectTimeout(
             1s, in(Fault::kOwnNetwork,
                    {"Blackholed", "packets are lost while the client connects: timeout", loseEverything, lost, 0})),
-        endingWithin(
+        withTotalTimeout(
             1s, in(Fault::kOwnNetwork, {"BlackholedWhileConnected", "packets are lost on an open connection: timeout",
                                         [](CaseEnvironment&) { takeLoopbackDown(); }, lost, 0})),
-        connectingWithin(1s,
-                         {"ConnectTimeout", "the server accepts no connection: timeout", acceptNoConnection, lost, 0}),
+        withConnectTimeout(
+            1s, {"ConnectTimeout", "the server accepts no connection: timeout", acceptNoConnection, lost, 0}),
 
         // TLS.
         {"CertificateExpired", "the certificate has expired", certificate(CertificateFault::kExpired), untrusted, 0},
@@ -360,8 +360,8 @@ std::vector<Fault> makeFaults() {
          refusedByLibrary(CURLE_SSL_CONNECT_ERROR), 0},
         {"HandshakeCutOff", "close during the handshake", onConnection(cutTheHandshake), lost, 0},
         {"HandshakeReset", "reset during the handshake", onConnection(resetTheHandshake), lost, 0},
-        connectingWithin(1s, {"HandshakeTimeout", "the server is silent in the handshake: timeout",
-                              onConnection([](Connection& connection) { connection.waitForClient(); }), lost, 0}),
+        withConnectTimeout(1s, {"HandshakeTimeout", "the server is silent in the handshake: timeout",
+                                onConnection([](Connection& connection) { connection.waitForClient(); }), lost, 0}),
 
         // The connection.
         {"ResetBeforeHeader", "reset before the response header", resetAfter(""), lost, kAttempts},
@@ -377,12 +377,12 @@ std::vector<Fault> makeFaults() {
          kAttempts},
         {"ChunkingBroken", "a chunk without a valid length", respond(chunked + "f\r\n" + kHalf + "\r\nno length\r\n"),
          always(1, kHalf), kAttempts},
-        endingWithin(1s,
-                     {"TimeoutBeforeFirstByte", "no byte of the response: timeout", silentAfter(""), lost, kAttempts}),
-        endingWithin(2s, {"TimeoutInsideBody", "the server stops sending inside the body: timeout",
-                          silentAfter(kHeadOfSuccess + kHalf), always(1, kHalf), kAttempts}),
-        endingWithin(1s, {"ByteASecond", "the server sends 1 byte per second: timeout",
-                          byteBySecond(httpResponse(200, kSuccess)), lost, kAttempts}),
+        withTotalTimeout(
+            1s, {"TimeoutBeforeFirstByte", "no byte of the response: timeout", silentAfter(""), lost, kAttempts}),
+        withTotalTimeout(2s, {"TimeoutInsideBody", "the server stops sending inside the body: timeout",
+                              silentAfter(kHeadOfSuccess + kHalf), always(1, kHalf), kAttempts}),
+        withTotalTimeout(1s, {"ByteASecond", "the server sends 1 byte per second: timeout",
+                              byteBySecond(httpResponse(200, kSuccess)), lost, kAttempts}),
         {"RestartedBetweenTwoSends", "the server is restarted between two sends", restartBetweenTwoSends, success, 1},
         {"RestartedDuringARequest",
          "the server crashes during the request, refuses the next send and is restarted",
@@ -441,21 +441,21 @@ std::vector<Fault> makeFaults() {
              connection.write(http2::resetStream(stream, http2::kInternalError));
          }),
          always(1, kHalf), kAttempts},
-        {"Http2GoAwayBeforeResponse", "HTTP/2: GOAWAY that excludes the request",
+        {"Http2GoAwayBeforeResponse", "HTTP/2: GOAWAY whose last stream id is below the request's",
          http2Respond([](Connection& connection, uint32_t) { connection.write(http2::goAway(0, http2::kNoError)); },
                       true),
          lost, kAttempts},
-        {"Http2GoAwayAndResponse", "HTTP/2: GOAWAY that includes the request, and its response",
+        {"Http2GoAwayAndResponse", "HTTP/2: GOAWAY whose last stream id covers the request, followed by the response",
          http2Respond([](Connection& connection, uint32_t stream) {
              connection.write(http2::goAway(stream, http2::kNoError) + http2::okHeaders(stream) +
                               http2::data(stream, kSuccess, true));
          }),
          success, 1},
-        endingWithin(3s, {"Http2ConnectionDead",
-                          "HTTP/2: an open connection becomes silent: timeout",
-                          fallSilentOnTheFirstConnection,
-                          {{1, ""}, {0, kSuccess}},
-                          2}),
+        withTotalTimeout(3s, {"Http2ConnectionDead",
+                              "HTTP/2: an open connection becomes silent: timeout",
+                              fallSilentOnTheFirstConnection,
+                              {{1, ""}, {0, kSuccess}},
+                              2}),
         {"NginxReloaded", "HTTP/2: nginx reloads during the request, under load", reloadNginx, success, 1},
         {"NginxKilled",
          "HTTP/2: nginx is killed during the request, under load, then restarted",

@@ -125,7 +125,7 @@ class Viewer {
 public:
     explicit Viewer(const std::string& url, int width = 640, int height = 360);
 
-    int frames() const { return locked(mFrames); }
+    int frames() const { return copyUnderLock(mFrames); }
     bool hasEnded() const { return mProgram->hasEnded(); }
     bool shows(const std::vector<Pixel>& pixels) const;        // whether the latest frame has all of these
     bool comesToShow(const std::vector<Pixel>& pixels) const;  // waits for such a frame; false on a timeout
@@ -133,11 +133,11 @@ public:
     // From now on, each frame has to show either all of `before` or all of `after`.
     void expectChange(std::vector<Pixel> before, std::vector<Pixel> after);
     // The number of the first frame that showed `after`; 0 if there is none.
-    int firstChanged() const { return locked(mFirstChanged); }
-    int torn() const { return locked(mTorn); }  // number of frames that showed neither
+    int firstChanged() const { return copyUnderLock(mFirstChanged); }
+    int torn() const { return copyUnderLock(mTorn); }  // number of frames that showed neither
 
 private:
-    int locked(const int& value) const {
+    int copyUnderLock(const int& value) const {
         const std::lock_guard<std::mutex> lock(mMutex);
         return value;
     }
@@ -178,7 +178,7 @@ public:
     enum Unit { kPackets, kFrames };
     struct Record {
         double time = 0;  // seconds: the decoding time of a packet, the presentation time of a frame
-        // Only set for frames.
+        // The members below are set for frames only; for packets they stay 0 or false.
         int width = 0;
         int height = 0;
         int bytes = 0;

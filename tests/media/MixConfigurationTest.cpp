@@ -52,7 +52,7 @@ TEST(MixConfiguration, ReadsEachField) {
     EXPECT_EQ(mix.inputs[0].rectangle, (Rectangle{-40, 2147483647, 641, 360}));
 }
 
-// The numbers of the output that a value in all of its fields, or none, leads to.
+// If every numeric field has `value` (or is absent), the output has these formats.
 struct NumbersCase {
     std::optional<int64_t> value;
     VideoFormat video;

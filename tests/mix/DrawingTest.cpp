@@ -86,7 +86,7 @@ TEST_F(DrawingTest, AnEmptyPageIsAnImage) {
 }
 
 TEST_F(DrawingTest, AnImageThatIsTooLargeIsEmpty) {
-    mDrawing.setHeight(1e6);  // the library's limit is 32767
+    mDrawing.setHeight(1e6);  // pixels; cairo's limit for an image is 32767
     EXPECT_EQ(mDrawing.png(), "");
 }
 

@@ -191,7 +191,8 @@ void expectWithinBounds(const SvgDocument& document) {
     const auto entries = document.ofKind("entry-badge");
     const double listLeft = entries.empty() ? kPreviewWidth : entries.back().number("x");
     const std::set<std::string> besideTheList = {"refusal", "warning", "legend", "refused-head"};
-    std::map<std::string, std::pair<double, double>> inputs;  // left and right edge, by group title
+    // The left and right edge of each input's rectangle on the canvas, by the title of its `<g>` element.
+    std::map<std::string, std::pair<double, double>> inputEdges;
     for (const SvgElement& element : document.elements()) {
         if (element.name != "rect" && element.name != "text") {
             continue;
@@ -205,13 +206,13 @@ void expectWithinBounds(const SvgDocument& document) {
         ASSERT_LE(right, kPreviewWidth) << kind << element.text;
         ASSERT_LE(element.number("y") + element.number("height"), page.number("height")) << kind << element.text;
         if (kind == "on-canvas" || kind == "on-canvas refused") {
-            inputs[element.groups.back()] = {left, right};
+            inputEdges[element.groups.back()] = {left, right};
         } else if (besideTheList.count(kind) != 0) {
             ASSERT_LT(right, listLeft) << element.text;
         } else if (!element.groups.empty() && (kind == "user" || kind == "fact")) {
-            ASSERT_EQ(inputs.count(element.groups.back()), 1U);
-            ASSERT_GE(left, inputs[element.groups.back()].first) << element.text;
-            ASSERT_LE(right, inputs[element.groups.back()].second) << element.text;
+            ASSERT_EQ(inputEdges.count(element.groups.back()), 1U);
+            ASSERT_GE(left, inputEdges[element.groups.back()].first) << element.text;
+            ASSERT_LE(right, inputEdges[element.groups.back()].second) << element.text;
         }
     }
 }

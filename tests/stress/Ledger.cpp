@@ -185,7 +185,7 @@ void Account::violation(int rule, const std::string& what, Family family) {
     mLedger.reportViolation(rule, text);
 }
 
-std::shared_ptr<Exchange> Account::sent(Family family, uint64_t cause, const std::string& body) {
+std::shared_ptr<Exchange> Account::onSent(Family family, uint64_t cause, const std::string& body) {
     const std::lock_guard<std::mutex> lock(mMutex);
     Operation* const operation = find(family, cause);
     if (!operation || operation->outcome != Operation::kSends) {
@@ -203,7 +203,7 @@ std::shared_ptr<Exchange> Account::sent(Family family, uint64_t cause, const std
     return exchange;
 }
 
-void Account::completed(Exchange& exchange, int retCode, std::string response) {
+void Account::onCompleted(Exchange& exchange, int retCode, std::string response) {
     const std::lock_guard<std::mutex> lock(mMutex);
     exchange.retCode = retCode;
     exchange.response = std::move(response);
@@ -245,7 +245,7 @@ const char* Account::errorOf(const Operation& operation, const Exchange& exchang
     return exchange.notified == evaluation.notifications ? nullptr : "the listener calls do not match the response";
 }
 
-void Account::delivered(const Exchange& exchange, int retries, int reports) {
+void Account::onDelivered(const Exchange& exchange, int retries, int reports) {
     const std::lock_guard<std::mutex> lock(mMutex);
     const Family family = familyOf(exchange.kind);
     Operation* const operation = find(family, exchange.cause);
@@ -266,7 +266,7 @@ void Account::delivered(const Exchange& exchange, int retries, int reports) {
     completeIfDone(family);
 }
 
-void Account::notified(Exchange* exchange, uint64_t cause, Notification call) {
+void Account::onNotified(Exchange* exchange, uint64_t cause, Notification call) {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (exchange && !exchange->isAbandoned) {
         exchange->notified.push_back(std::move(call));
@@ -288,7 +288,7 @@ void Account::notified(Exchange* exchange, uint64_t cause, Notification call) {
               "no operation explains the listener call " + call.operation + ' ' + std::to_string(call.code), kRelay);
 }
 
-void Account::reported(uint64_t cause, const vexalive::EventReport& report) {
+void Account::onReported(uint64_t cause, const vexalive::EventReport& report) {
     const std::lock_guard<std::mutex> lock(mMutex);
     const Family family = report.event == rulesOf(kAddRelay).event ? kRelay : kMix;
     Operation* const operation = find(family, cause);
@@ -365,17 +365,17 @@ void Ledger::installHooks() {
     vexalive::setHttpObserver([this](const HttpExchange& exchange) { observe(exchange); });
     vexalive::setEventSink([this](const vexalive::EventReport& report) {
         if (Account* const account = accountOf(Cause::current().id)) {
-            account->reported(Cause::current().id, report);
+            account->onReported(Cause::current().id, report);
         }
     });
     vexalive::setLogSink([](auto&&...) {});
 }
 
-void Ledger::notified(Notification call) {
+void Ledger::onNotified(Notification call) {
     if (tDelivered) {
-        tDelivered->account->notified(tDelivered.get(), tDelivered->cause, std::move(call));
+        tDelivered->account->onNotified(tDelivered.get(), tDelivered->cause, std::move(call));
     } else if (Account* const account = accountOf(Cause::current().id)) {
-        account->notified(nullptr, Cause::current().id, std::move(call));
+        account->onNotified(nullptr, Cause::current().id, std::move(call));
     }
 }
 
@@ -385,7 +385,7 @@ void Ledger::observe(const HttpExchange& exchange) {
         ++requests;
         const Family family = exchange.interfaceName == rulesOf(kStartMix).interfaceName ? kMix : kRelay;
         Account* const account = accountOf(cause.id);
-        const auto sent = account ? account->sent(family, cause.id, std::string(exchange.body)) : nullptr;
+        const auto sent = account ? account->onSent(family, cause.id, std::string(exchange.body)) : nullptr;
         if (sent && exchange.interfaceName != rulesOf(sent->kind).interfaceName) {
             reportViolation(kWrong, "a request to another interface: " + std::string(exchange.interfaceName));
         }
@@ -407,10 +407,10 @@ void Ledger::observe(const HttpExchange& exchange) {
         }
     }
     if (tDelivered && isCompleted) {
-        tDelivered->account->completed(*tDelivered, exchange.retCode, std::string(exchange.response));
+        tDelivered->account->onCompleted(*tDelivered, exchange.retCode, std::string(exchange.response));
         cause = {tDelivered->cause, 0, 0};
     } else if (const auto ended = std::exchange(tDelivered, nullptr)) {
-        ended->account->delivered(*ended, cause.delayedPosts, cause.posts);
+        ended->account->onDelivered(*ended, cause.delayedPosts, cause.posts);
         cause = {};
     }
 }

@@ -91,12 +91,13 @@ public:
 
     // ---- Called by the hooks of the platform and by the listeners
 
-    std::shared_ptr<Exchange> sent(Family family, uint64_t cause, const std::string& body);
-    void completed(Exchange& exchange, int retCode, std::string response);
+    // The exchange of this request; null if no operation explains it.
+    std::shared_ptr<Exchange> onSent(Family family, uint64_t cause, const std::string& body);
+    void onCompleted(Exchange& exchange, int retCode, std::string response);
     // `retries` and `reports`: numbers of the tasks that the adapter posted in the callback of the response.
-    void delivered(const Exchange& exchange, int retries, int reports);
-    void notified(Exchange* exchange, uint64_t cause, Notification call);  // null: a call on the worker
-    void reported(uint64_t cause, const vexalive::EventReport& report);
+    void onDelivered(const Exchange& exchange, int retries, int reports);
+    void onNotified(Exchange* exchange, uint64_t cause, Notification call);  // null: a call on the worker
+    void onReported(uint64_t cause, const vexalive::EventReport& report);
 
 private:
     struct Round {
@@ -115,7 +116,7 @@ private:
     void violation(int rule, const std::string& what, Family family);
 
     Ledger& mLedger;
-    const size_t mNumber;
+    const size_t mNumber;  // the index of this account in the ledger
     std::mutex mMutex;
     bool mIsDropped = false;
     std::array<Round, 2> mRounds;
@@ -129,8 +130,8 @@ public:
 
     Account& account(size_t number) { return *mAccounts[number]; }
     void installHooks();
-    void notified(Notification call);  // called by the listeners
-    size_t inFlight();                 // number of requests whose response is not delivered yet
+    void onNotified(Notification call);  // called by the listeners
+    size_t inFlight();                   // number of requests whose response is not delivered yet
 
     enum Rule { kLost, kDoubled, kWrong };
     void reportViolation(int rule, const std::string& what);

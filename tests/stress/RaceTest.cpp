@@ -344,8 +344,9 @@ TEST_F(Races, BlockedListenerDoesNotDelayOtherAdapters) {
     std::atomic<bool> isOver{false};
     Journal<bool> done;
     std::vector<AdapterPointer> adapters;
-    // Each adapter starts again from its listener.
-    const auto startAgain = [&](const std::string& userId, std::function<bool()> isToContinue) {
+    // Makes an adapter and starts a relay. Each listener call starts the relay again, while isToContinue() returns
+    // true.
+    const auto addRestartingAdapter = [&](const std::string& userId, std::function<bool()> isToContinue) {
         const auto listener = std::make_shared<CountingListener>();
         adapters.push_back(makeAdapter(listener, userId));
         listener->during = [isToContinue = std::move(isToContinue), weak = std::weak_ptr(adapters.back())] {
@@ -357,13 +358,13 @@ TEST_F(Races, BlockedListenerDoesNotDelayOtherAdapters) {
         adapters.back()->startPublishStreamUrl(relayParam());
     };
     for (const char* userId : {"u-busy", "u-busy-too"}) {
-        startAgain(userId, [&] {
+        addRestartingAdapter(userId, [&] {
             ++others;
             return !isOver;
         });
     }
     int blocks = 0;
-    startAgain("u-blocked", [&] {
+    addRestartingAdapter("u-blocked", [&] {
         const int enough = others + kMeanwhile;
         EXPECT_TRUE(pollUntil([&] { return others >= enough; })) << "in call " << blocks;
         isOver = ++blocks == kBlocks || others < enough;

@@ -217,7 +217,7 @@ private:
         slot.adapter = std::make_shared<LiveTranscodingAdapter>();
         slot.listener = std::make_shared<Listener>();
         slot.listener->during = [this, &calls = slot.listener->calls](const Call& call) {
-            mLedger.notified(call);
+            mLedger.onNotified(call);
             calls.clear();  // limits the memory
         };
         slot.adapter->setLiveTranscodingDelegate(slot.listener);

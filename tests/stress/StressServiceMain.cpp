@@ -28,7 +28,8 @@ namespace {
 
 constexpr int kPercentFaulty = 25;
 constexpr int kRequestsBetweenOutages = 15'000;
-constexpr int kOutage = 1'500;  // failed requests to one interface; enough for some to fail eleven times in a row
+constexpr int kRequestsPerOutage =
+    1'500;  // failed requests to one interface; enough for some to fail eleven times in a row
 constexpr const char* kInterfaces[] = {"add_relay_stream_url", "remove_relay_stream_url", "set_live_mix_transcoding"};
 
 class RandomFaults {
@@ -41,16 +42,16 @@ public:
         if (++mRequests % kRequestsBetweenOutages == 0) {
             Fault outage;
             outage.kind = Fault::Kind::kStatus;
-            outage.count = kOutage;
+            outage.count = kRequestsPerOutage;
             outage.interfaceName = kInterfaces[below(std::size(kInterfaces))];
             service.inject(outage);
         } else if (below(100) < kPercentFaulty) {
-            service.inject(any());
+            service.inject(randomFault());
         }
     }
 
 private:
-    Fault any() {
+    Fault randomFault() {
         static constexpr Fault::Kind kKinds[] = {
             Fault::Kind::kDelay, Fault::Kind::kStatus, Fault::Kind::kEmpty, Fault::Kind::kGarbage,
             Fault::Kind::kCut,   Fault::Kind::kClose,  Fault::Kind::kCode,

@@ -45,7 +45,7 @@ private:
 
     pid_t mPid = -1;
     int mOutputFd = -1;
-    int mErrorsFd = -1;  // -1 on a terminal
+    int mErrorsFd = -1;  // -1 if the child runs on a terminal: mOutputFd then receives both streams
     std::string mOutput;
     std::string mErrors;
 };
