@@ -148,9 +148,13 @@ void readField(Fields& object, const Field& field, Fault& fault) {
         field.member);
 }
 
-// Sets the field from the value of an option. False if `text` has the wrong type or is a number outside the range.
-bool readOption(const std::string& text, const Field& field, Fault& fault) {
-    return std::visit(
+std::string allowedValues(const Field& field) {
+    return std::holds_alternative<bool Fault::*>(field.member) ? "true or false" : allowedRange(field.min, field.max);
+}
+
+// Sets the field from the value of an option. `name` is the field's name in an error.
+Result<void> readOption(const std::string& text, const Field& field, const char* name, Fault& fault) {
+    const bool isAllowed = std::visit(
         [&](const auto member) {
             using Value = std::decay_t<decltype(fault.*member)>;
             if constexpr (std::is_same_v<Value, std::string>) {
@@ -170,10 +174,10 @@ bool readOption(const std::string& text, const Field& field, Fault& fault) {
             return true;
         },
         field.member);
-}
-
-std::string allowedValues(const Field& field) {
-    return std::holds_alternative<bool Fault::*>(field.member) ? "true or false" : allowedRange(field.min, field.max);
+    if (!isAllowed) {
+        return failure(std::string(name) + ": found " + excerpt(text) + ", must be " + allowedValues(field));
+    }
+    return {};
 }
 
 void addTo(ordered_json& object, const Field& field, const Fault& fault) {
@@ -237,14 +241,8 @@ Result<Fault> parseFaultOption(const std::string& text) {
         return failure(std::string(row->name) + ": found a value, must be without one");
     }
     const std::vector<Field> fields = fieldsOf(*row);
-    const auto set = [&fault](const Field& field, const char* shownName, const std::string& value) -> Result<void> {
-        if (!readOption(value, field, fault)) {
-            return failure(std::string(shownName) + ": found " + excerpt(value) + ", must be " + allowedValues(field));
-        }
-        return {};
-    };
     if (mark < word.size()) {
-        if (Result<void> done = set(row->fields.front(), row->name, word.substr(mark + 1)); !done) {
+        if (Result<void> done = readOption(word.substr(mark + 1), row->fields.front(), row->name, fault); !done) {
             return tl::unexpected(done.error());
         }
     }
@@ -261,7 +259,7 @@ Result<Fault> parseFaultOption(const std::string& text) {
             return failure(std::string(row->name) + ": found " + excerpt(word) + ", must be " + joinNames(names) +
                            ", each with \"=\" and a value");
         }
-        if (Result<void> done = set(*found, found->name, word.substr(name.size() + 1)); !done) {
+        if (Result<void> done = readOption(word.substr(name.size() + 1), *found, found->name, fault); !done) {
             return tl::unexpected(done.error());
         }
     }

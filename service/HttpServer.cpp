@@ -34,8 +34,8 @@ bool isLoopback(const sockaddr_storage& address) {
     return IN6_IS_ADDR_LOOPBACK(&six) || (IN6_IS_ADDR_V4MAPPED(&six) && six.s6_addr[12] == 127);
 }
 
-// Null if `pem` does not contain a certificate and its private key.
-std::shared_ptr<SSL_CTX> makeTls(const std::string& pem) {
+// Fails if `pem` does not contain a certificate and its private key.
+Result<std::shared_ptr<SSL_CTX>> makeTls(const std::string& pem) {
     const auto reader = [&pem] {
         return std::unique_ptr<BIO, decltype(&BIO_free)>(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
                                                          &BIO_free);
@@ -50,7 +50,7 @@ std::shared_ptr<SSL_CTX> makeTls(const std::string& pem) {
                         SSL_CTX_set_min_proto_version(tls.get(), TLS1_2_VERSION) == 1;
     ERR_clear_error();
     if (!isGood) {
-        return nullptr;
+        return failure("the server certificate cannot be used");
     }
     SSL_CTX_set_options(tls.get(), SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_mode(tls.get(), SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
@@ -69,8 +69,12 @@ HttpServer::~HttpServer() {
 
 Result<void> HttpServer::start(const Options& options) {
     mTls.reset();
-    if (!options.pem.empty() && !(mTls = makeTls(options.pem))) {
-        return failure("the server certificate cannot be used");
+    if (!options.pem.empty()) {
+        Result<std::shared_ptr<SSL_CTX>> tls = makeTls(options.pem);
+        if (!tls) {
+            return tl::unexpected(tls.error());
+        }
+        mTls = std::move(*tls);
     }
     if (Result<void> opened = openListener(options); !opened) {
         return opened;

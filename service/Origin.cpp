@@ -222,7 +222,7 @@ void OriginMonitor::run() {
             return;
         }
         mCallback(result);
-        if (waitForStop(result.error.empty() ? kCheckInterval : kRetryInterval)) {
+        if (waitForStop(result ? kCheckInterval : kRetryInterval)) {
             return;
         }
     }
@@ -244,7 +244,7 @@ OriginCheck OriginMonitor::check() const {
     OriginCheck result;
     for (const SocketAddress& address : mAddresses) {
         result = check(address);
-        if (result.error.empty()) {
+        if (result) {
             break;
         }
     }
@@ -253,31 +253,34 @@ OriginCheck OriginMonitor::check() const {
 
 // Sends the first part of an RTMP handshake as a client does, and waits for the server's part.
 OriginCheck OriginMonitor::check(const SocketAddress& address) const {
+    const auto failed = [](std::string message, bool isLocalFault = false) {
+        return tl::unexpected(OriginError{{std::move(message)}, isLocalFault});
+    };
     const Descriptor socket(::socket(address.bytes.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket.isOpen()) {
         const int reason = errno;
-        return {"this service cannot check " + mName + ": " + systemMessage(reason), reason != EAFNOSUPPORT};
+        return failed("this service cannot check " + mName + ": " + systemMessage(reason), reason != EAFNOSUPPORT);
     }
     const std::string unreachable = mName + " cannot be reached: ";
     const int connected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address.bytes), address.length);
     if (connected != 0 && errno != EINPROGRESS) {
-        return {unreachable + systemMessage(errno)};
+        return failed(unreachable + systemMessage(errno));
     }
     if (!wait(socket.get(), POLLOUT, kCheckTimeout)) {
-        return {unreachable + "no response"};
+        return failed(unreachable + "no response");
     }
     int reason = 0;
     socklen_t length = sizeof reason;
     ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &reason, &length);
     if (reason != 0) {
-        return {unreachable + systemMessage(reason)};
+        return failed(unreachable + systemMessage(reason));
     }
     std::array<char, kHandshakeBytes> handshake{kRtmpVersion};
     char version = 0;
     if (::send(socket.get(), handshake.data(), handshake.size(), MSG_NOSIGNAL) != kHandshakeBytes ||
         !wait(socket.get(), POLLIN, kCheckTimeout) || ::recv(socket.get(), &version, 1, 0) != 1 ||
         version != kRtmpVersion) {
-        return {mName + " does not respond as an RTMP server does"};
+        return failed(mName + " does not respond as an RTMP server does");
     }
     return {};
 }

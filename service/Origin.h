@@ -71,11 +71,13 @@ private:
 /// The content of nginx's configuration file. Paths in it are relative to nginx's folder.
 std::string originConfiguration(const std::string& rtmpPort, uint16_t consolePort, bool isRoot);
 
-/// The result of one check of an origin.
-struct OriginCheck {
-    std::string error;          ///< empty if the origin responds correctly
+/// Why a check of an origin failed.
+struct OriginError : Error {
     bool isLocalFault = false;  ///< this process could not check the origin, e.g. for lack of a free descriptor
 };
+
+/// A value if the origin responds correctly.
+using OriginCheck = Result<void, OriginError>;
 
 /// Checks on its own thread whether an origin responds: the service's nginx, or a remote one.
 class OriginMonitor {

@@ -286,14 +286,14 @@ void WorkerPool::handleCheck(const OriginCheck& check) {
     const std::optional<StreamStatus> before = process ? std::optional(process->worker.output) : std::nullopt;
     ProcessStatus now;
     StreamStatus& output = now.worker.output;
-    output.error = check.error;
+    output.error = check ? "" : check.error().message;
     const bool wasRunning = before && before->state != WorkerState::kStarting;
-    output.state = check.isLocalFault && before ? before->state
-                   : check.error.empty()        ? WorkerState::kRunning
-                   : wasRunning                 ? WorkerState::kReconnecting
-                                                : WorkerState::kStarting;
+    output.state = check                                  ? WorkerState::kRunning
+                   : check.error().isLocalFault && before ? before->state
+                   : wasRunning                           ? WorkerState::kReconnecting
+                                                          : WorkerState::kStarting;
     if (mOptions.origin.empty()) {
-        if (check.error.empty() || (before && before->state == WorkerState::kRunning)) {
+        if (check || (before && before->state == WorkerState::kRunning)) {
             mSupervisor.setStatus(kOriginKey, now.worker);
         }
         return;

@@ -340,7 +340,8 @@ TEST_F(MediaService, AnOriginIsCheckedAtEachOfItsAddresses) {
         return !errors.waitFor(1, [&text](const std::string& error) { return error == text; }).empty();
     };
     vexalive::OriginMonitor monitor;
-    monitor.start("rtmp://both", addresses, [&](const vexalive::OriginCheck& check) { errors.add(check.error); });
+    monitor.start("rtmp://both", addresses,
+                  [&](const vexalive::OriginCheck& check) { errors.add(check ? "" : check.error().message); });
     EXPECT_TRUE(isReported(""));
     EXPECT_EQ("", errors.all().front());
     mIsOriginSilent = true;
