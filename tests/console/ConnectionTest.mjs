@@ -41,7 +41,10 @@ test("a service that does not respond is reported and polled less often until it
     await page.evaluate(() => {
         const detail = document.getElementById("connection-detail");
         window.delays = [];
-        const record = () => window.delays.push(Number(/Retrying in (\d+) s/.exec(detail.textContent)[1]));
+        const record = () => {
+            window.delays.push(Number(/Retrying in (\d+) s/.exec(detail.textContent)[1]));
+            window.failedAt = Date.now();
+        };
         new MutationObserver(record).observe(detail, { childList: true });
     });
     await pauseClock();
@@ -52,7 +55,8 @@ test("a service that does not respond is reported and polled less often until it
     };
     await eventually(retryDelays, [1, 2, 4, 8, 15]);
     const attempts = await watched.fetchCount("/state");
-    await watched.advance(14900);
+    const elapsed = await page.evaluate(() => Date.now() - window.failedAt); // on the paused clock
+    await watched.advance(14900 - elapsed);
     assert.equal(await watched.fetchCount("/state"), attempts);
     await watched.advance(200);
     assert.equal(await watched.fetchCount("/state"), attempts + 1);
