@@ -187,7 +187,7 @@ size_t residentBytes() {
 
 // While a callback blocks, the complete responses of all other requests wait for delivery.
 TEST(Memory, LargeResponsesWaitForABlockedCallbackAndEachIsDeliveredOnce) {
-    constexpr size_t kResponses = 96;
+    constexpr size_t kResponses = 48;
     constexpr size_t kResponseBytes = (size_t{1} << 20) - 1;
     const StressService service("large");
     trust(service);
