@@ -2,6 +2,7 @@
 #define VEXALIVE_COMMON_RESULT_H
 
 #include <string>
+#include <system_error>
 #include <tl/expected.hpp>
 #include <utility>
 
@@ -19,6 +20,11 @@ using Result = tl::expected<T, E>;
 /// For `return failure("...")` in a function that returns a Result.
 inline tl::unexpected<Error> failure(std::string message) {
     return tl::unexpected<Error>(Error{std::move(message)});
+}
+
+/// The message of `reason`, a value of errno.
+inline std::string systemMessage(int reason) {
+    return std::generic_category().message(reason);
 }
 
 }  // namespace vexalive

@@ -16,7 +16,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -41,7 +40,7 @@ struct CertifiedKey {
 };
 
 tl::unexpected<Error> fileError(const std::string& action, const std::string& path, int error) {
-    return failure("cannot " + action + " " + path + ": " + std::generic_category().message(error));
+    return failure("cannot " + action + " " + path + ": " + systemMessage(error));
 }
 
 // The OpenSSL functions of this file fail only if memory or random numbers are not available.

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
-#include <system_error>
 #include <utility>
 
 namespace vexalive {
@@ -35,11 +34,11 @@ Descriptor moveAboveStandardStreams(int fd) {
 Result<Pipe> openPipe() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return failure(std::generic_category().message(errno));
+        return failure(systemMessage(errno));
     }
     Pipe made{moveAboveStandardStreams(ends[0]), moveAboveStandardStreams(ends[1])};
     if (!made.reading.isOpen() || !made.writing.isOpen()) {
-        return failure(std::generic_category().message(errno));
+        return failure(systemMessage(errno));
     }
     return made;
 }
@@ -98,7 +97,6 @@ Result<std::unique_ptr<Child>> Child::start(const std::vector<std::string>& argu
     const auto failed = [&arguments](const char* what, const std::string& reason) {
         return failure(what + arguments[0] + ": " + reason);
     };
-    const auto systemMessage = [](int reason) { return std::generic_category().message(reason); };
     const char* const localFailure = "this service cannot create a process for ";
     std::vector<char*> texts;
     texts.reserve(arguments.size() + 1);

@@ -114,7 +114,7 @@ Result<void> HttpServer::openListener(const Options& options) {
         const int reason = errno;
         return failure("cannot listen on port " + service + " of " + options.address + ": " +
                        (reason == EADDRINUSE ? "it is already in use; choose another port, or 0 for a free one"
-                                             : std::generic_category().message(reason)));
+                                             : systemMessage(reason)));
     }
     mPort = ntohs(address.ss_family == AF_INET ? reinterpret_cast<sockaddr_in&>(address).sin_port
                                                : reinterpret_cast<sockaddr_in6&>(address).sin6_port);

@@ -38,10 +38,6 @@ constexpr std::chrono::milliseconds kCheckTimeout(2000);
 constexpr size_t kHandshakeBytes = 1537;  // first part of the RTMP handshake: 1 byte version, then 1536 bytes
 constexpr char kRtmpVersion = 3;
 
-std::string systemMessage(int reason) {
-    return std::generic_category().message(reason);
-}
-
 struct ReservedPort {
     Descriptor socket;
     std::string number;

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <csignal>
 #include <nlohmann/json.hpp>
-#include <system_error>
 #include <utility>
 
 namespace vexalive {
@@ -76,7 +75,7 @@ Supervisor::~Supervisor() {
 Result<void> Supervisor::start() {
     mWake = Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!mWake.isOpen()) {
-        return failure("cannot supervise processes: " + std::generic_category().message(errno));
+        return failure("cannot supervise processes: " + systemMessage(errno));
     }
     {
         KstMutexLock lock(mMutex);

@@ -111,7 +111,7 @@ Result<void> WorkerPool::findWorker() {
     }
     mWorker = *found;
     if (::access(mWorker.c_str(), X_OK) != 0) {
-        return failure("cannot run " + mWorker + ": " + std::generic_category().message(errno));
+        return failure("cannot run " + mWorker + ": " + systemMessage(errno));
     }
     return {};
 }

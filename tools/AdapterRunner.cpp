@@ -67,11 +67,11 @@ Result<RoomMember> validate(const RoomOptions& options) {
     const auto room = options.room.value();
     const auto mapKey = options.mapKey.value();
     if (!sdkAppId) {
-        return tl::make_unexpected(sdkAppId.error());
+        return tl::unexpected(sdkAppId.error());
     }
     for (const auto* value : {&user, &sig, &room, &mapKey}) {
         if (!*value) {
-            return tl::make_unexpected(value->error());
+            return tl::unexpected(value->error());
         }
     }
     if (!options.caFile.empty() && !std::ifstream(options.caFile)) {
@@ -96,7 +96,7 @@ Result<std::unique_ptr<AdapterRunner>> AdapterRunner::make(const RoomOptions& op
     auto queue = EventQueue<SdkEvent>::make();
     auto signals = StopSignals::open();
     if (!queue || !signals) {
-        return tl::make_unexpected(!queue ? queue.error() : signals.error());
+        return tl::unexpected(!queue ? queue.error() : signals.error());
     }
     return std::unique_ptr<AdapterRunner>(new AdapterRunner(options, member, std::move(*queue), std::move(*signals)));
 }

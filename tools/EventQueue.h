@@ -17,7 +17,6 @@
 #include <limits>
 #include <memory>
 #include <optional>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -34,7 +33,7 @@ public:
     static Result<std::unique_ptr<EventQueue>> make(size_t capacity = std::numeric_limits<size_t>::max()) {
         Descriptor event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
         if (!event.isOpen()) {
-            return failure("cannot create a queue of events: " + std::generic_category().message(errno));
+            return failure("cannot create a queue of events: " + systemMessage(errno));
         }
         return std::unique_ptr<EventQueue>(new EventQueue(std::move(event), capacity));
     }

@@ -19,7 +19,7 @@ Result<FileWatcher> FileWatcher::watch(const std::string& path) {
     Descriptor events(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (!events.isOpen() ||
         inotify_add_watch(events.get(), file.parent_path().c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
-        return failure(path + " cannot be watched: " + std::generic_category().message(errno));
+        return failure(path + " cannot be watched: " + systemMessage(errno));
     }
     return FileWatcher(file.filename(), std::move(events));
 }

@@ -81,7 +81,7 @@ Result<ValidMix, std::vector<std::string>> loadMix(const std::string& path) {
         for (const MixFileError& error : config.error()) {
             errors.push_back(describe(path, error));
         }
-        return tl::make_unexpected(std::move(errors));
+        return tl::unexpected(std::move(errors));
     }
     ValidMix mix = {*config, {}};
     for (const MixDiagnostic& diagnostic : validateMix(*config)) {
@@ -92,7 +92,7 @@ Result<ValidMix, std::vector<std::string>> loadMix(const std::string& path) {
         }
     }
     if (!errors.empty()) {
-        return tl::make_unexpected(std::move(errors));
+        return tl::unexpected(std::move(errors));
     }
     return mix;
 }
@@ -175,12 +175,12 @@ Result<int> runMix(const MixOptions& options) {
     }
     if (!options.relayUrl.empty()) {
         if (const auto url = validateUrl("--relay", options.relayUrl); !url) {
-            return tl::make_unexpected(url.error());
+            return tl::unexpected(url.error());
         }
     }
     const auto member = validate(options.room);
     if (!member) {
-        return tl::make_unexpected(member.error());
+        return tl::unexpected(member.error());
     }
     std::optional<FileWatcher> watcher;  // created before the file is read, so that no change is missed
     if (options.watch) {
@@ -199,7 +199,7 @@ Result<int> runMix(const MixOptions& options) {
     }
     const auto runner = AdapterRunner::make(options.room, *member);
     if (!runner) {
-        return tl::make_unexpected(runner.error());
+        return tl::unexpected(runner.error());
     }
     return MixRunner(options, **runner).run(*member, *mix, watcher ? &*watcher : nullptr);
 }

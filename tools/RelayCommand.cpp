@@ -57,16 +57,16 @@ Result<int> runRelay(const RelayOptions& options) {
     }
     const auto url = validateUrl("URL", options.url);
     if (!url) {
-        return tl::make_unexpected(url.error());
+        return tl::unexpected(url.error());
     }
     const auto member = validate(options.room);
     if (!member) {
-        return tl::make_unexpected(member.error());
+        return tl::unexpected(member.error());
     }
     const auto appId = options.appId.integer(Limits::min(), Limits::max());
     const auto bizId = options.bizId.integer(Limits::min(), Limits::max());
     if (!appId || !bizId) {
-        return tl::make_unexpected(!appId ? appId.error() : bizId.error());
+        return tl::unexpected(!appId ? appId.error() : bizId.error());
     }
     kstmedia::VexaPublishCDNParamInternal param;
     param.url = *url;
@@ -75,7 +75,7 @@ Result<int> runRelay(const RelayOptions& options) {
 
     const auto made = AdapterRunner::make(options.room, *member);
     if (!made) {
-        return tl::make_unexpected(made.error());
+        return tl::unexpected(made.error());
     }
     AdapterRunner& runner = **made;
     OutputEntry entry =

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <system_error>
 
 namespace vexalive {
 namespace {
@@ -31,7 +30,7 @@ Result<StopSignals> StopSignals::open() {
     const sigset_t set = stopSignals();
     Descriptor signals(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     if (!signals.isOpen()) {
-        return failure("cannot receive signals: " + std::generic_category().message(errno));
+        return failure("cannot receive signals: " + systemMessage(errno));
     }
     return StopSignals(std::move(signals));
 }

@@ -45,7 +45,7 @@ Result<int> runStreamId(const StreamIdOptions& options) {
     const auto room = options.room.value();
     const auto user = options.user.value();
     if (!bizId || !room || !user) {
-        return tl::make_unexpected(!bizId ? bizId.error() : !room ? room.error() : user.error());
+        return tl::unexpected(!bizId ? bizId.error() : !room ? room.error() : user.error());
     }
     std::puts(requests::streamId(static_cast<int32_t>(*bizId), *room, *user, !options.isAuxiliary).c_str());
     return kSucceeded;

@@ -358,7 +358,7 @@ private:
         if (mErrors.size() > kMaxMixFileErrors) {
             errors.push_back({0, 0, "", "and " + std::to_string(mErrors.size() - kMaxMixFileErrors) + " more errors"});
         }
-        return tl::make_unexpected(std::move(errors));
+        return tl::unexpected(std::move(errors));
     }
 
     const std::string_view mText;

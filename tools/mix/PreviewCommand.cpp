@@ -106,7 +106,7 @@ Result<int> runPreview(const PreviewCommandOptions& options) {
     }
     const std::unique_ptr<Drawing> drawing = drawPreview(*config, diagnostics, preview);
     if (const auto written = write(options.output, isPng ? drawing->png() : drawing->svg()); !written) {
-        return tl::make_unexpected(written.error());
+        return tl::unexpected(written.error());
     }
     print(options.file, diagnostics);
     const bool refused = isRefused(diagnostics);
