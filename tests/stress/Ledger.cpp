@@ -102,7 +102,8 @@ void Account::open(Round& round, Operation operation) {
 void Account::beginOperation(Operation operation) {
     beginCall();
     const std::lock_guard<std::mutex> lock(mMutex);
-    open(mRounds[familyOf(operation.kind)], std::move(operation));
+    Round& round = mRounds[familyOf(operation.kind)];
+    open(round, std::move(operation));
 }
 
 void Account::beginReset() {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -28,6 +29,10 @@ StressService::StressService(const std::string& faults, unsigned seed)
 }
 
 StressService::~StressService() {
-    mProcess.reset();
+    mProcess->sendSignal(SIGTERM);
+    if (mProcess->awaitExit() != 1000 + SIGTERM) {
+        std::fprintf(stderr, "%s ended early: %s\n", STRESS_SERVICE, mProcess->errors().c_str());
+        std::abort();
+    }
     std::filesystem::remove_all(mFolder);
 }
